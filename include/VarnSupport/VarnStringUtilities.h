@@ -1,0 +1,154 @@
+// The string vocabulary: case-insensitive strings, trimming, narrow and wide text, tokens, hex.
+//
+// Everything is stateless and safe from any thread. Outputs may alias inputs: results are built
+// first and stored last.
+#ifndef VARNSUPPORT_VARNSTRINGUTILITIES_H
+#define VARNSUPPORT_VARNSTRINGUTILITIES_H
+
+#include <cctype>
+#include <cstddef>
+#include <cwctype>
+#include <functional>
+#include <locale>
+#include <string>
+#include <vector>
+
+#include "VarnSupport/VarnExport.h"
+
+namespace VarnSupport {
+
+// The value by which case-insensitive strings compare a character. Narrow: tolower(), but bytes
+// 0x80 to 0xFF stay as they are, negative, and so order before ASCII. Wide: towlower(), unsigned.
+// Both follow setlocale(): an order made under one locale does not hold under another.
+inline int foldCase(char c) {
+  const int value = static_cast<signed char>(c);
+  return value < 0 ? value : std::tolower(value);
+}
+inline std::wint_t foldCase(wchar_t c) { return std::towlower(static_cast<std::wint_t>(c)); }
+
+// Character traits whose comparing members look at folded characters.
+template <typename CharT>
+struct char_traits_ci : std::char_traits<CharT> {
+  static bool eq(CharT left, CharT right) { return foldCase(left) == foldCase(right); }
+  static bool lt(CharT left, CharT right) { return foldCase(left) < foldCase(right); }
+  static int compare(const CharT* left, const CharT* right, std::size_t length) {
+    for (std::size_t i = 0; i < length; ++i) {
+      if (left[i] == right[i])
+        continue;
+      const auto foldedLeft = foldCase(left[i]);
+      const auto foldedRight = foldCase(right[i]);
+      if (foldedLeft != foldedRight)
+        return foldedLeft < foldedRight ? -1 : 1;
+    }
+    return 0;
+  }
+  static const CharT* find(const CharT* text, std::size_t length, const CharT& wanted) {
+    const auto folded = foldCase(wanted);
+    for (std::size_t i = 0; i < length; ++i) {
+      if (foldCase(text[i]) == folded)
+        return text + i;
+    }
+    return nullptr;
+  }
+};
+
+using ci_string = std::basic_string<char, char_traits_ci<char>>;
+using ci_wstring = std::basic_string<wchar_t, char_traits_ci<wchar_t>>;
+
+// What the two facets below share.
+class VSUPT_EXPORT UnconvertingCtype : public std::ctype<wchar_t> {
+ protected:
+  explicit UnconvertingCtype(unsigned int references);
+  ~UnconvertingCtype() override;
+
+  using std::ctype<wchar_t>::do_widen;
+  const char* do_widen(const char* low, const char* high, wchar_t* to) const override;
+  char do_narrow(wchar_t c, char fallback) const override;
+  const wchar_t* do_narrow(const wchar_t* low, const wchar_t* high, char fallback,
+                           char* to) const override;
+  virtual wchar_t do_widen(char c, wchar_t fallback) const;
+};
+
+// Facets for a client's std::locale that switch character conversion off: of ranges nothing is
+// written, single characters become the default. Under them narrow() and widen() give empty texts.
+class VSUPT_EXPORT ansi_ctype : public UnconvertingCtype {
+ public:
+  explicit ansi_ctype(unsigned int references = 0);
+  ~ansi_ctype() override;
+};
+
+class VSUPT_EXPORT utf8_ctype : public UnconvertingCtype {
+ public:
+  explicit utf8_ctype(unsigned int references = 0);
+  ~utf8_ctype() override;
+};
+
+class VSUPT_EXPORT VarnStringUtilities {
+ public:
+  enum tTrimOption : int { TRIM_LEFT = 0, TRIM_RIGHT = 1, TRIM_BOTH = 2 };
+
+  // `text` without the characters of `chars` at the chosen ends; unchanged for any other option.
+  // For std::string and std::wstring.
+  template <typename StringT>
+  static StringT trim(const StringT& text, const StringT& chars, tTrimOption option);
+
+  // Converts with the ctype<wchar_t> facet of `locale`. narrow() puts a blank for what has no
+  // narrow form; both results end at the first NUL. Throws VarnException (code 0) for any standard
+  // exception on the way, a locale without the facet among them; any other kind ends the process.
+  static std::string narrow(const std::wstring& text, std::locale locale);
+  static std::wstring widen(const std::string& text, std::locale locale);
+};
+
+extern template VSUPT_EXPORT std::string VarnStringUtilities::trim(const std::string&,
+                                                                   const std::string&, tTrimOption);
+extern template VSUPT_EXPORT std::wstring VarnStringUtilities::trim(const std::wstring&,
+                                                                    const std::wstring&,
+                                                                    tTrimOption);
+
+// Splits a list of NUL-terminated strings that an extra NUL closes; null gives no token. The form
+// over a string adds the closing NULs to a copy of all its bytes.
+VSUPT_EXPORT void VarnTokenizer(char* list, std::vector<std::string>& tokens);
+VSUPT_EXPORT void VarnTokenizer(const std::string& list, std::vector<std::string>& tokens);
+// Splits a NUL-terminated text at runs of delimiters, as strtok() does; there are no empty tokens.
+// The first form puts a NUL in place of each delimiter that ends a token; null gives no token. The
+// second works on a copy, up to its first NUL.
+VSUPT_EXPORT void VarnTokenizer(char* text, const std::string& delimiters,
+                                std::vector<std::string>& tokens);
+VSUPT_EXPORT void VarnTokenizer(const std::string& text, const std::string& delimiters,
+                                std::vector<std::string>& tokens);
+
+// Returns the first word of `line`: up to a blank or tab, or, when it begins with a double quote,
+// up to the next one. `rest` is what follows the separator or the closing quote. Without a closing
+// quote both are all after the opening one; callers rely on it.
+VSUPT_EXPORT std::string VarnExtractFirstString(const std::string& line, std::string& rest);
+
+// Writes hex.size() / 2 bytes to `out` and returns that number. Nothing is validated: other
+// characters give arbitrary nibbles. Requires: `out` has room.
+VSUPT_EXPORT int VarnHexToBytes(char* out, const std::string& hex);
+// Two upper-case digits per byte; empty for a length of 0 or less.
+VSUPT_EXPORT std::string VarnBytesToHex(const char* bytes, int length);
+
+// Copies `text`, up to its first NUL, with a terminating NUL and returns `buffer`; null when
+// `buffer` is null or `size` is not above the text's length. A negative size always passes.
+VSUPT_EXPORT char* VarnStringToChar(const std::string& text, char* buffer, int size);
+// Null gives the empty text.
+VSUPT_EXPORT std::string VarnStringFromChar(const char* text);
+
+}  // namespace VarnSupport
+
+// The key order of every case-insensitive map: folded characters, then the shorter first.
+template <>
+struct std::less<VarnSupport::ci_string> {
+  bool operator()(const VarnSupport::ci_string& left, const VarnSupport::ci_string& right) const {
+    return left.compare(right) < 0;
+  }
+};
+
+template <>
+struct std::less<VarnSupport::ci_wstring> {
+  bool operator()(const VarnSupport::ci_wstring& left, const VarnSupport::ci_wstring& right) const {
+    return left.compare(right) < 0;
+  }
+};
+
+#endif

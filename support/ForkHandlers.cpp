@@ -1,0 +1,54 @@
+#include "ForkHandlers.h"
+
+#include <pthread.h>
+
+#include <mutex>
+#include <vector>
+
+#include "BriefHold.h"
+#include "Cancellation.h"
+#include "SignalRelay.h"
+
+namespace VarnSupport {
+
+constinit thread_local bool t_bChildWillExec = false;
+
+void ForkHandlers::install() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    pthread_atfork([] { prepare(); }, [] { release(PARENT); }, [] { release(CHILD); });
+  });
+}
+
+// In lock order; the global section is the last that anything takes.
+void ForkHandlers::prepare() {
+  if (t_bChildWillExec)
+    return;
+  closeCancellation();
+  prepareThreads();
+  prepareTimers();
+  prepareLog();
+  SignalRelay::prepareFork();
+  globalSection().lock();
+}
+
+void ForkHandlers::release(tSide side) {
+  if (t_bChildWillExec)
+    return;
+  globalSection().unlock();
+  if (side == CHILD)
+    SignalRelay::childAfterFork();
+  else
+    SignalRelay::parentAfterFork();
+  releaseLog(side);
+  releaseTimers(side);
+  releaseThreads(side);
+  openCancellationQuietly();
+}
+
+void ForkHandlers::keepForever(const void* object) {
+  static auto& kept = *new std::vector<const void*>;
+  kept.push_back(object);
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,43 @@
+// Takes the library's work out of signal context.
+//
+// A handler may interrupt malloc() or a half-taken lock, so none of ours does more than note the
+// signal and post a semaphore. One library thread, the relay, then runs the routine that the signal
+// is routed to. The relay is started on first need, again in the child after a fork, and never
+// ends.
+#ifndef SUPPORT_SIGNALRELAY_H
+#define SUPPORT_SIGNALRELAY_H
+
+#include <csignal>
+
+namespace VarnSupport {
+
+class SignalRelay {
+ public:
+  using Routine = void (*)(int signal);
+
+  // Installs the handler of `signal`, with signal(); from then on `routine` runs on the relay after
+  // each delivery. Several deliveries may be answered by one call.
+  static void route(int signal, Routine routine);
+
+  // Starts the relay unless it runs; called by whoever is about to depend on it, not in signal
+  // context. False when the system refuses a thread: signals are kept until a later call succeeds.
+  static bool ensureRunning();
+
+  // Like ensureRunning(), and then runs the routine of `signal` after `seconds` without a signal: a
+  // child process has no interval timer, and one that it set would survive an exec.
+  static void runLater(int signal, long seconds);
+
+  // The relay's own mask blocks all but the library's signals. Threads that it starts for user code
+  // adopt a mask that a user's thread had: that of the last caller of rememberCallersMask().
+  static void rememberCallersMask();
+  static void adoptCallersMask();
+
+  // Around a fork; in the child there is no relay.
+  static void prepareFork();
+  static void parentAfterFork();
+  static void childAfterFork();
+};
+
+}  // namespace VarnSupport
+
+#endif

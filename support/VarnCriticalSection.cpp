@@ -1,0 +1,260 @@
+#include "VarnSupport/VarnCriticalSection.h"
+
+#include <cerrno>
+#include <memory>
+
+#include "BriefHold.h"
+#include "Cancellation.h"
+#include "ForkHandlers.h"
+#include "NeverDestroyed.h"
+#include "VarnSupport/VarnModule.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constinit NeverDestroyed<VarnCriticalSectionObject> theGlobalSection;
+
+LockImplementation* newestLockOfThread() {
+  return static_cast<LockImplementation*>(pthread_getspecific(LockThreadStorage::m_mutexListKey));
+}
+
+void setNewestLockOfThread(LockImplementation* lock) {
+  pthread_setspecific(LockThreadStorage::m_mutexListKey, lock);
+}
+
+}  // namespace
+
+template class VarnSmartPointer<LockImplementation>;
+
+constinit VarnCriticalSectionObject* g_pCriticalSection = nullptr;
+constinit pthread_key_t LockThreadStorage::m_mutexListKey = 0;
+constinit bool LockThreadStorage::m_keyCreated = false;
+LockThreadStorage g_lockThreadStorage;
+
+VarnCriticalSectionObject& globalSection() noexcept { return theGlobalSection.value; }
+
+int LockBase::addRef() { return raiseCountAtomically(); }
+
+int LockBase::release() {
+  const int count = lowerCountAtomically();
+  if (count == 0)
+    delete this;
+  return count;
+}
+
+LockImplementation::LockImplementation(bool) {
+  LockThreadStorage::createKey();
+  pthread_mutex_init(&m_oMutex, nullptr);
+}
+
+LockImplementation::~LockImplementation() {
+  unwind();
+  pthread_mutex_destroy(&m_oMutex);
+}
+
+// Only the calling thread can make the owner equal to itself, so the test needs no lock.
+bool LockImplementation::isHeldByCaller() const {
+  return m_hOwner.load(std::memory_order_relaxed) == pthread_self();
+}
+
+// Books the mutex, just acquired, as the newest lock of the calling thread.
+void LockImplementation::take() {
+  m_nCount.store(0, std::memory_order_relaxed);
+  m_hOwner.store(pthread_self(), std::memory_order_relaxed);
+  LockImplementation* const newest = newestLockOfThread();
+  if (newest != nullptr)
+    newest->m_pNewer = this;
+  setNewestLockOfThread(this);
+  m_pOlder = newest;
+  m_pNewer = nullptr;
+}
+
+// Takes the lock off the caller's list and frees the mutex.
+void LockImplementation::giveUp() {
+  m_hOwner.store(0, std::memory_order_relaxed);
+  if (m_pOlder != nullptr)
+    m_pOlder->m_pNewer = m_pNewer;
+  if (m_pNewer != nullptr)
+    m_pNewer->m_pOlder = m_pOlder;
+  else
+    setNewestLockOfThread(m_pOlder);
+  m_pOlder = nullptr;
+  m_pNewer = nullptr;
+  pthread_mutex_unlock(&m_oMutex);
+}
+
+void LockImplementation::lock() {
+  if (!isHeldByCaller()) {
+    pthread_mutex_lock(&m_oMutex);
+    take();
+  }
+  m_nCount.store(m_nCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+bool LockImplementation::testAndSet() {
+  if (!isHeldByCaller()) {
+    const int result = pthread_mutex_trylock(&m_oMutex);
+    if (result == EBUSY || result == EINVAL)
+      return false;
+    take();
+  }
+  m_nCount.store(m_nCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  return true;
+}
+
+void LockImplementation::unlock() {
+  if (!isHeldByCaller())
+    return;
+  const std::int32_t count = m_nCount.load(std::memory_order_relaxed) - 1;
+  m_nCount.store(count, std::memory_order_relaxed);
+  if (count <= 0)
+    giveUp();
+}
+
+void LockImplementation::unwind() {
+  if (!isHeldByCaller())
+    return;
+  m_nCount.store(0, std::memory_order_relaxed);
+  giveUp();
+}
+
+int LockImplementation::lockCount() const { return m_nCount.load(std::memory_order_relaxed); }
+
+LockThreadStorage::LockThreadStorage() { createKey(); }
+
+void LockThreadStorage::createKey() {
+  if (m_keyCreated)
+    return;
+  pthread_key_create(&m_mutexListKey, nullptr);
+  m_keyCreated = true;
+}
+
+VarnCriticalSectionObject::VarnCriticalSectionObject(const VarnCriticalSectionObject& source)
+    : m_bFlag(source.m_bFlag) {
+  const CancellationGuard closed;
+  const auto* const shared = source.m_pState.load(std::memory_order_acquire);
+  if (shared != nullptr)
+    m_pState.store(new VarnSmartPointer<LockImplementation>(*shared), std::memory_order_release);
+}
+
+VarnCriticalSectionObject& VarnCriticalSectionObject::operator=(
+    const VarnCriticalSectionObject& source) {
+  if (this == &source)
+    return *this;
+  const CancellationGuard closed;
+  VarnCriticalSectionObject copy(source);
+  delete m_pState.exchange(copy.m_pState.exchange(nullptr));
+  m_bFlag = copy.m_bFlag;
+  return *this;
+}
+
+VarnCriticalSectionObject::~VarnCriticalSectionObject() {
+  const QuietCancellationGuard closed;
+  delete m_pState.load(std::memory_order_acquire);
+}
+
+void VarnCriticalSectionObject::init() { state(); }
+
+void VarnCriticalSectionObject::makeState() {
+  const CancellationGuard closed;
+  VarnCriticalSection guard(globalSection(), this != &globalSection());
+  if (m_pState.load(std::memory_order_relaxed) == nullptr)
+    m_pState.store(new VarnSmartPointer<LockImplementation>(new LockImplementation(m_bFlag)),
+                   std::memory_order_release);
+}
+
+void VarnCriticalSectionObject::lock() {
+  LockImplementation& lock = state();
+  closeCancellation();
+  lock.lock();
+  openCancellation();
+}
+
+bool VarnCriticalSectionObject::testAndSet() {
+  LockImplementation& lock = state();
+  closeCancellation();
+  const bool taken = lock.testAndSet();
+  openCancellation();
+  return taken;
+}
+
+void VarnCriticalSectionObject::unlock() {
+  LockImplementation& lock = state();
+  closeCancellation();
+  lock.unlock();
+  openCancellation();
+}
+
+void VarnCriticalSectionObject::unwind() {
+  LockImplementation& lock = state();
+  closeCancellation();
+  lock.unwind();
+  openCancellation();
+}
+
+int VarnCriticalSectionObject::lockCount() { return state().lockCount(); }
+
+VarnCriticalSection::VarnCriticalSection(VarnCriticalSectionObject& object, bool lockNow)
+    : m_pObject(&object) {
+  if (lockNow) {
+    m_pObject->lock();
+    m_bHolds = true;
+  }
+}
+
+VarnCriticalSection::~VarnCriticalSection() noexcept(false) { unlock(); }
+
+void VarnCriticalSection::unlock() {
+  if (m_bHolds) {
+    m_bHolds = false;
+    m_pObject->unlock();
+  }
+}
+
+void VarnCriticalSectionRecoverFn(void*) {
+  const CancellationGuard closed;
+  LockImplementation* lock = newestLockOfThread();
+  setNewestLockOfThread(nullptr);
+  while (lock != nullptr) {
+    LockImplementation* const older = lock->m_pOlder;
+    lock->m_pOlder = nullptr;
+    lock->m_pNewer = nullptr;
+    lock->m_nCount.store(0, std::memory_order_relaxed);
+    lock->m_hOwner.store(0, std::memory_order_relaxed);
+    pthread_mutex_unlock(&lock->m_oMutex);
+    lock = older;
+  }
+}
+
+// No other thread exists: the state can be made anew where it stands, for all who share it.
+void ForkHandlers::renew(VarnCriticalSectionObject& lock) {
+  const auto* const shared = lock.m_pState.load();
+  if (shared == nullptr)
+    return;
+  LockImplementation& state = **shared;
+  pthread_mutex_init(&state.m_oMutex, nullptr);
+  state.m_hOwner = 0;
+  state.m_pOlder = nullptr;
+  state.m_pNewer = nullptr;
+  state.m_nCount = 0;
+}
+
+bool ForkHandlers::renewIfLost(VarnCriticalSectionObject& lock) {
+  const auto* const shared = lock.m_pState.load();
+  if (shared == nullptr || (*shared)->m_hOwner == 0 || (*shared)->isHeldByCaller())
+    return false;
+  renew(lock);
+  return true;
+}
+
+void VSUPTInitVarnObjectBase() {
+  // Makes the state of the global section before a second thread can: no lock guards its creation.
+  globalSection().init();
+  g_pCriticalSection = &globalSection();
+}
+
+// The section itself stays: threads that are still inside the library use it.
+void VSUPTFinitVarnObjectBase() { g_pCriticalSection = nullptr; }
+
+}  // namespace VarnSupport

@@ -1,0 +1,227 @@
+#include "VarnSupport/VarnEvent.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+
+#include "Cancellation.h"
+#include "EventAccess.h"
+#include "ForkHandlers.h"
+#include "VarnSupport/VarnThread.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constinit thread_local const EventWaitContext* t_pWaitContext = nullptr;
+
+// A set() that comes soon is cheaper to wait for than to sleep for.
+constexpr int kLooksBeforeSleeping = 200;
+
+}  // namespace
+
+// The condition and the mutex come first: getHandle() hands out their address.
+struct VarnEvent::State {
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  std::atomic<std::uint64_t> number{0};  // raised under the mutex by each set()
+  int sleepers = 0;                      // guarded by mutex
+
+  ~State() {
+    pthread_cond_destroy(&condition);
+    pthread_mutex_destroy(&mutex);
+  }
+
+  void raise() {
+    pthread_mutex_lock(&mutex);
+    number.store(number.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    wakeLocked();
+    pthread_mutex_unlock(&mutex);
+  }
+
+  // Under the mutex, so that no waiter can return and destroy the event before this is done with
+  // it.
+  void wakeLocked() {
+    if (sleepers > 0)
+      pthread_cond_broadcast(&condition);
+  }
+
+  bool waitSince(std::uint64_t ticket, const std::atomic<bool>* abandoned) {
+    const auto hasChanged = [&] { return number.load(std::memory_order_acquire) != ticket; };
+    for (int looks = 0; looks < kLooksBeforeSleeping && !hasChanged(); ++looks)
+      __builtin_ia32_pause();
+    const Sleeper sleeper(*this);
+    while (!hasChanged() && (abandoned == nullptr || !abandoned->load())) {
+      const BlockingCall cancellable;
+      pthread_cond_wait(&condition, &mutex);
+    }
+    return hasChanged();
+  }
+
+  // Holds the mutex and counts a waiter for a scope, which a cancellation may end.
+  class Sleeper {
+   public:
+    explicit Sleeper(State& state) : m_oState(state) {
+      pthread_mutex_lock(&m_oState.mutex);
+      ++m_oState.sleepers;
+    }
+    Sleeper(const Sleeper&) = delete;
+    Sleeper& operator=(const Sleeper&) = delete;
+    ~Sleeper() {
+      --m_oState.sleepers;
+      pthread_mutex_unlock(&m_oState.mutex);
+    }
+
+   private:
+    State& m_oState;
+  };
+};
+
+VarnEvent::VarnEvent() : m_pState(nullptr) {
+  const CancellationGuard closed;
+  m_pState = new State;
+}
+
+VarnEvent::~VarnEvent() {
+  const QuietCancellationGuard closed;
+  delete m_pState;
+}
+
+void VarnEvent::addDependent(VarnDependent& dependent) { m_oDependents.addDependent(dependent); }
+
+void VarnEvent::removeDependent(VarnDependent& dependent) {
+  m_oDependents.removeDependent(dependent);
+}
+
+void VarnEvent::set() {
+  const CancellationGuard closed;
+  bool alive = true;
+  {
+    // A dependent may destroy the event: then its own destroyNotification() is gone too.
+    const auto destroy = [&](VarnNotification* notification) {
+      if (alive)
+        destroyNotification(notification);
+      else
+        delete notification;
+    };
+    const std::unique_ptr<VarnNotification, decltype(destroy)> notification(createNotification(),
+                                                                            destroy);
+    if (notification != nullptr)
+      alive = m_oDependents.deliver(*notification);
+  }
+  if (alive)
+    m_pState->raise();
+}
+
+void VarnEvent::reset() {
+  const CancellationGuard closed;
+  pthread_mutex_lock(&m_pState->mutex);
+  if (m_pState->sleepers == 0)
+    pthread_cond_init(&m_pState->condition, nullptr);
+  pthread_mutex_unlock(&m_pState->mutex);
+}
+
+int VarnEvent::wait(int timeoutMs) {
+  const CancellationGuard closed;
+  if (timeoutMs == -1) {
+    const EventWaitContext* const context = t_pWaitContext;
+    if (context != nullptr && &context->event == this)
+      m_pState->waitSince(context->ticket, &context->abandoned);
+    else
+      m_pState->waitSince(EventAccess::ticket(*this), nullptr);
+    return 0;
+  }
+  // An absolute time near the epoch: a finite wait ends at once, and callers rely on it.
+  timespec deadline{};
+  deadline.tv_sec = timeoutMs / 1000;
+  deadline.tv_nsec = static_cast<std::uint32_t>(timeoutMs) * 1000000U;
+  const State::Sleeper sleeper(*m_pState);
+  const int result = pthread_cond_timedwait(&m_pState->condition, &m_pState->mutex, &deadline);
+  if (result == 0)
+    return 0;
+  return result == ETIMEDOUT ? -2 : -3;
+}
+
+void* VarnEvent::getHandle() { return m_pState; }
+
+VarnNotification* VarnEvent::createNotification() { return new VarnEventNotification; }
+
+void VarnEvent::destroyNotification(VarnNotification* notification) { delete notification; }
+
+int VarnEvent::wait(std::vector<VarnEvent*>& events, bool waitAll, int timeoutMs) {
+  const CancellationGuard closed;
+  std::vector<std::unique_ptr<VarnEventWaitThread>> waiters;
+  std::vector<VarnThread*> threads;
+  waiters.reserve(events.size());
+  threads.reserve(events.size());
+  for (VarnEvent* const event : events) {
+    waiters.push_back(std::make_unique<VarnEventWaitThread>(*event, timeoutMs));
+    threads.push_back(waiters.back().get());
+  }
+  return VarnThread::waitForThreads(threads, waitAll, timeoutMs, true);
+}
+
+int VarnEvent::wait(int count, VarnEvent* events, bool waitAll, int timeoutMs) {
+  const CancellationGuard closed;
+  std::vector<VarnEvent*> addresses;
+  for (int i = 0; i < count; ++i)
+    addresses.push_back(&events[i]);
+  return wait(addresses, waitAll, timeoutMs);
+}
+
+std::uint64_t EventAccess::ticket(const VarnEvent& event) {
+  return event.m_pState->number.load(std::memory_order_acquire);
+}
+
+bool EventAccess::waitSince(VarnEvent& event, std::uint64_t ticket,
+                            const std::atomic<bool>* abandoned) {
+  return event.m_pState->waitSince(ticket, abandoned);
+}
+
+void EventAccess::wakeWaiters(VarnEvent& event) {
+  pthread_mutex_lock(&event.m_pState->mutex);
+  event.m_pState->wakeLocked();
+  pthread_mutex_unlock(&event.m_pState->mutex);
+}
+
+EventWaitContext::EventWaitContext(const VarnEvent& waitedFor, std::uint64_t from,
+                                   const std::atomic<bool>& abandonedFlag)
+    : event(waitedFor), ticket(from), abandoned(abandonedFlag) {
+  t_pWaitContext = this;
+}
+
+EventWaitContext::~EventWaitContext() { t_pWaitContext = nullptr; }
+
+// Tickets stay good: the number goes on.
+void ForkHandlers::renew(VarnEvent& event) {
+  const std::uint64_t number = event.m_pState->number;
+  keepForever(event.m_pState);
+  event.m_pState = new VarnEvent::State;
+  event.m_pState->number = number;
+  renew(event.m_oDependents.m_oLock);
+}
+
+VarnEventWaitThread::VarnEventWaitThread(VarnEvent& event, int timeoutMs)
+    : VarnThread("EventWaitThread"),
+      m_pEvent(&event),
+      m_nTimeoutMs(timeoutMs),
+      m_nTicket(EventAccess::ticket(event)) {}
+
+VarnEventWaitThread::~VarnEventWaitThread() {
+  m_bAbandoned.store(true);
+  EventAccess::wakeWaiters(*m_pEvent);
+  joinFinally();
+}
+
+int VarnEventWaitThread::run() {
+  m_bStarted.store(true);
+  const EventWaitContext context(*m_pEvent, m_nTicket, m_bAbandoned);
+  m_pEvent->wait(m_nTimeoutMs);
+  return 0;
+}
+
+}  // namespace VarnSupport

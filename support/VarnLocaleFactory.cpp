@@ -1,0 +1,96 @@
+#include "VarnSupport/VarnLocaleFactory.h"
+
+#include <exception>
+
+#include "Cancellation.h"
+
+namespace VarnSupport {
+
+namespace {
+
+std::string codeOrName(const std::map<std::string, std::string>& codes, const std::string& name) {
+  const auto found = codes.find(name);
+  return found != codes.end() ? found->second : name;
+}
+
+}  // namespace
+
+const VarnLocaleFactory::LanguageRow g_LanguageTable[6] = {
+    {"English", "en", VarnLocaleFactory::English},   {"German", "de", VarnLocaleFactory::German},
+    {"Spanish", "es", VarnLocaleFactory::Spanish},   {"French", "fr", VarnLocaleFactory::French},
+    {"Japanese", "ja", VarnLocaleFactory::Japanese}, {"Chinese", "zh", VarnLocaleFactory::Chinese},
+};
+
+const VarnLocaleFactory::LocaleRow g_LocaleTable[7] = {
+    {VarnLocaleFactory::German, "german"},     {VarnLocaleFactory::English, "en_US"},
+    {VarnLocaleFactory::Spanish, "spanish"},   {VarnLocaleFactory::French, "french"},
+    {VarnLocaleFactory::Japanese, "japanese"}, {VarnLocaleFactory::Chinese, "C"},
+    {VarnLocaleFactory::Unknown, "C"},
+};
+
+const VarnLocaleFactory::CountryRow g_CountryTable[7] = {
+    {"United States", "US"}, {"Germany", "DE"}, {"Mexico", "ES"},  // not MX; callers rely on it
+    {"France", "FR"},        {"Japan", "JP"},   {"People's Republic of China", "CN"},
+    {"Taiwan", "TW"},
+};
+
+// None of these is ever destroyed: threads that outlive main() still build exception texts.
+std::map<std::string, std::string>& g_oLanguageData = *new std::map<std::string, std::string>;
+std::map<std::string, VarnLocaleFactory::Language>& g_oLanguageCodeData =
+    *new std::map<std::string, VarnLocaleFactory::Language>;
+std::map<VarnLocaleFactory::Language, std::string>& g_oLocaleData =
+    *new std::map<VarnLocaleFactory::Language, std::string>;
+std::map<std::string, std::string>& g_oCountryData = *new std::map<std::string, std::string>;
+std::locale& VarnLocaleFactory::m_oDefaultLocale = *new std::locale(GetAppropriateLocaleObject());
+
+std::locale VarnLocaleFactory::getDefaultLocale(bool) { return m_oDefaultLocale; }
+
+std::locale VarnLocaleFactory::getLocale(Language language) {
+  const CancellationGuard closed;
+  const auto found = g_oLocaleData.find(language);
+  if (found == g_oLocaleData.end())
+    return std::locale::classic();
+  try {
+    return std::locale(found->second);
+  } catch (const std::exception&) {
+    return std::locale::classic();
+  }
+}
+
+std::string VarnLocaleFactory::getLanguage(const std::locale& locale) {
+  const CancellationGuard closed;
+  const std::string name = locale.name();
+  return codeOrName(g_oLanguageData, name.substr(0, name.find('_')));
+}
+
+std::string VarnLocaleFactory::getCountry(const std::locale& locale) {
+  const CancellationGuard closed;
+  std::string name = locale.name();
+  const std::size_t separator = name.find('_');
+  if (separator != std::string::npos)
+    name.erase(0, separator + 1);
+  return codeOrName(g_oCountryData, name.substr(0, name.find('.')));
+}
+
+void VarnLocaleFactory::initializeLanguageCountryCode() {
+  const CancellationGuard closed;
+  for (const LanguageRow& row : g_LanguageTable) {
+    g_oLanguageData.emplace(row.name, row.code);
+    g_oLanguageCodeData.emplace(row.name, row.language);
+  }
+  for (const LocaleRow& row : g_LocaleTable)
+    g_oLocaleData.emplace(row.language, row.name);
+  for (const CountryRow& row : g_CountryTable)
+    g_oCountryData.emplace(row.name, row.code);
+}
+
+std::locale GetAppropriateLocaleObject() {
+  const CancellationGuard closed;
+  try {
+    return std::locale("");
+  } catch (const std::exception&) {
+    return std::locale();
+  }
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,115 @@
+#include "VarnSupport/VarnObjectBase.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+#include <typeinfo>
+#include <vector>
+
+#include "BriefHold.h"
+#include "Cancellation.h"
+
+namespace VarnSupport {
+
+namespace {
+
+bool isDigitAt(const std::string& text, std::size_t position) {
+  return position < text.size() && text[position] >= '0' && text[position] <= '9';
+}
+
+// Reads the digits at `position` and steps over them; a number that does not fit saturates.
+std::size_t readNumber(const std::string& text, std::size_t& position) {
+  constexpr std::size_t largest = std::numeric_limits<std::size_t>::max() / 16;
+  std::size_t number = 0;
+  for (; isDigitAt(text, position); ++position)
+    number = std::min(number * 10 + static_cast<std::size_t>(text[position] - '0'), largest);
+  return number;
+}
+
+}  // namespace
+
+template class VarnSmartPointer<VarnObjectBase>;
+
+VarnObjectBase& VarnObjectBase::operator=(const VarnObjectBase& source) noexcept {
+  if (this != &source)
+    m_nReferences.store(0, std::memory_order_relaxed);
+  return *this;
+}
+
+VarnObjectBase::~VarnObjectBase() = default;
+
+int VarnObjectBase::addRef() {
+  closeCancellation();
+  const int count = changeCount(1);
+  openCancellation();
+  return count;
+}
+
+// Runs in destructors: a cancelled thread does not begin to unwind here.
+int VarnObjectBase::release() {
+  closeCancellation();
+  const int count = changeCount(-1);
+  if (count == 0)
+    delete this;
+  openCancellationQuietly();
+  return count;
+}
+
+int VarnObjectBase::changeCount(int by) {
+  const BriefHold hold(globalSection());
+  const std::int32_t count = m_nReferences.load(std::memory_order_relaxed) + by;
+  m_nReferences.store(count, std::memory_order_relaxed);
+  return count;
+}
+
+int VarnObjectBase::refCount() const { return m_nReferences.load(std::memory_order_relaxed); }
+
+bool VarnObjectBase::isA(const std::string& className) const { return getClassName() == className; }
+
+std::string VarnObjectBase::getClassName() const {
+  const CancellationGuard closed;
+  return normalizeClassName(typeid(*this).name());
+}
+
+std::string VarnObjectBase::normalizeClassName(const std::string& rawName) {
+  const CancellationGuard closed;
+  std::vector<std::string> components;
+  std::size_t position = 1;
+  if (!rawName.empty() && rawName[0] == 'Q') {
+    std::size_t count = 1;
+    if (rawName.size() > 1 && rawName[1] == '_') {
+      position = 2;
+      count = readNumber(rawName, position);
+      ++position;
+    } else if (isDigitAt(rawName, 2)) {
+      count = static_cast<std::size_t>(std::max(rawName[1] - '0', 1));
+      position = 2;
+    }
+    if (count > rawName.size())
+      throw std::out_of_range("basic_string::substr: more components than the name has characters");
+    for (std::size_t i = 1; i < count; ++i) {
+      const std::size_t length = readNumber(rawName, position);
+      components.push_back(rawName.substr(position, length));
+      position += length;
+    }
+  }
+  readNumber(rawName, position);
+  components.push_back(rawName.substr(position));
+
+  std::string name = components.front();
+  for (std::size_t i = 1; i < components.size(); ++i)
+    name += "::" + components[i];
+  return name;
+}
+
+int VarnObjectBase::raiseCountAtomically() noexcept {
+  return m_nReferences.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+int VarnObjectBase::lowerCountAtomically() noexcept {
+  return m_nReferences.fetch_sub(1, std::memory_order_acq_rel) - 1;
+}
+
+VarnExemplar::~VarnExemplar() = default;
+
+}  // namespace VarnSupport

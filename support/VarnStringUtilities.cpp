@@ -1,0 +1,240 @@
+#include "VarnSupport/VarnStringUtilities.h"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+#include "Cancellation.h"
+#include "VarnSupport/VarnException.h"
+
+namespace VarnSupport {
+
+namespace {
+
+// Runs a conversion and reports what it throws. The text is widened by hand: converting it in the
+// usual way could fail in the same way, without end.
+template <typename Conversion>
+auto converted(const char* failure, Conversion conversion) {
+  try {
+    return conversion();
+  } catch (const VarnException&) {
+    throw;
+  } catch (const std::exception& error) {
+    std::wstring text;
+    for (const char c : std::string(failure) + error.what())
+      text += static_cast<signed char>(c) < 0 ? L' ' : static_cast<wchar_t>(c);
+    throw VarnException(text, 0);
+  } catch (...) {
+    if (std::current_exception() == nullptr)
+      throw;  // the unwinding of a cancelled thread
+    std::terminate();
+  }
+}
+
+// A zero-filled buffer, on the stack while that suffices.
+template <typename CharT>
+class ConversionBuffer {
+ public:
+  explicit ConversionBuffer(std::size_t length) {
+    if (length > m_aNear.size())
+      m_vFar.resize(length);
+    else
+      std::fill_n(m_aNear.data(), length, CharT());
+  }
+  CharT* data() { return m_vFar.empty() ? m_aNear.data() : m_vFar.data(); }
+
+ private:
+  std::array<CharT, 512> m_aNear;
+  std::vector<CharT> m_vFar;
+};
+
+// The delimiters that a NUL-terminated set holds, by byte value.
+class DelimiterSet {
+ public:
+  explicit DelimiterSet(const char* delimiters) {
+    for (; *delimiters != '\0'; ++delimiters)
+      m_aHolds[static_cast<unsigned char>(*delimiters)] = true;
+  }
+  bool holds(char c) const { return m_aHolds[static_cast<unsigned char>(c)]; }
+
+ private:
+  std::array<bool, 256> m_aHolds{};
+};
+
+// Appends the tokens of [text, end) and calls `ended` with each delimiter that ends one.
+template <typename CharT, typename Ended>
+void splitTokens(CharT* text, CharT* end, const DelimiterSet& delimiters,
+                 std::vector<std::string>& tokens, Ended ended) {
+  const auto isDelimiter = [&](char c) { return delimiters.holds(c); };
+  while (true) {
+    text = std::find_if_not(text, end, isDelimiter);
+    if (text == end)
+      return;
+    CharT* const tokenEnd = std::find_if(text, end, isDelimiter);
+    tokens.emplace_back(text, tokenEnd);
+    if (tokenEnd == end)
+      return;
+    ended(tokenEnd);
+    text = tokenEnd + 1;
+  }
+}
+
+unsigned nibble(char digit) {
+  int value = static_cast<signed char>(digit);
+  if (value >= 'a')
+    value -= 0x20;
+  return static_cast<unsigned>(value < 'A' ? value - '0' : value - 'A' + 10);
+}
+
+}  // namespace
+
+UnconvertingCtype::UnconvertingCtype(unsigned int references) : std::ctype<wchar_t>(references) {}
+
+UnconvertingCtype::~UnconvertingCtype() = default;
+
+const char* UnconvertingCtype::do_widen(const char* low, const char*, wchar_t*) const {
+  return low;
+}
+
+char UnconvertingCtype::do_narrow(wchar_t, char fallback) const { return fallback; }
+
+const wchar_t* UnconvertingCtype::do_narrow(const wchar_t* low, const wchar_t*, char, char*) const {
+  return low;
+}
+
+wchar_t UnconvertingCtype::do_widen(char, wchar_t fallback) const { return fallback; }
+
+ansi_ctype::ansi_ctype(unsigned int references) : UnconvertingCtype(references) {}
+
+ansi_ctype::~ansi_ctype() = default;
+
+utf8_ctype::utf8_ctype(unsigned int references) : UnconvertingCtype(references) {}
+
+utf8_ctype::~utf8_ctype() = default;
+
+template <typename StringT>
+StringT VarnStringUtilities::trim(const StringT& text, const StringT& chars, tTrimOption option) {
+  const CancellationGuard closed;
+  std::size_t begin = 0;
+  std::size_t end = text.size();
+  if (option == TRIM_LEFT || option == TRIM_BOTH)
+    begin = std::min(text.find_first_not_of(chars), end);
+  if (option == TRIM_RIGHT || option == TRIM_BOTH)
+    end = text.find_last_not_of(chars) + 1;
+  return begin < end ? text.substr(begin, end - begin) : StringT();
+}
+
+template VSUPT_EXPORT std::string VarnStringUtilities::trim(const std::string&, const std::string&,
+                                                            tTrimOption);
+template VSUPT_EXPORT std::wstring VarnStringUtilities::trim(const std::wstring&,
+                                                             const std::wstring&, tTrimOption);
+
+std::string VarnStringUtilities::narrow(const std::wstring& text, std::locale locale) {
+  const CancellationGuard closed;
+  return converted("VarnStringUtilities::narrow: ctype facet cannot be created for the locale - ",
+                   [&] {
+                     const auto& facet = std::use_facet<std::ctype<wchar_t>>(locale);
+                     // Room for a facet that writes four bytes a character.
+                     ConversionBuffer<char> buffer(text.size() * 4 + 4);
+                     facet.narrow(text.data(), text.data() + text.size(), ' ', buffer.data());
+                     return std::string(buffer.data());
+                   });
+}
+
+std::wstring VarnStringUtilities::widen(const std::string& text, std::locale locale) {
+  const CancellationGuard closed;
+  return converted("VarnStringUtilities::widen: ctype facet cannot be created for the locale - ",
+                   [&] {
+                     const auto& facet = std::use_facet<std::ctype<wchar_t>>(locale);
+                     ConversionBuffer<wchar_t> buffer((text.size() + 1) * 4);
+                     facet.widen(text.data(), text.data() + text.size(), buffer.data());
+                     return std::wstring(buffer.data());
+                   });
+}
+
+void VarnTokenizer(char* list, std::vector<std::string>& tokens) {
+  const CancellationGuard closed;
+  std::vector<std::string> found;
+  for (const char* member = list; member != nullptr && *member != '\0';
+       member += found.back().size() + 1)
+    found.emplace_back(member);
+  tokens = std::move(found);
+}
+
+void VarnTokenizer(const std::string& list, std::vector<std::string>& tokens) {
+  const CancellationGuard closed;
+  std::string closedList(list);
+  closedList.append(2, '\0');
+  VarnTokenizer(closedList.data(), tokens);
+}
+
+void VarnTokenizer(char* text, const std::string& delimiters, std::vector<std::string>& tokens) {
+  const CancellationGuard closed;
+  std::vector<std::string> found;
+  if (text != nullptr)
+    splitTokens(text, text + std::strlen(text), DelimiterSet(delimiters.c_str()), found,
+                [](char* delimiter) { *delimiter = '\0'; });
+  tokens = std::move(found);
+}
+
+void VarnTokenizer(const std::string& text, const std::string& delimiters,
+                   std::vector<std::string>& tokens) {
+  const CancellationGuard closed;
+  std::vector<std::string> found;
+  const char* const begin = text.c_str();
+  splitTokens(begin, begin + std::strlen(begin), DelimiterSet(delimiters.c_str()), found,
+              [](const char*) {});
+  tokens = std::move(found);
+}
+
+std::string VarnExtractFirstString(const std::string& line, std::string& rest) {
+  const CancellationGuard closed;
+  const bool quoted = !line.empty() && line[0] == '"';
+  const std::size_t begin = quoted ? 1 : 0;
+  const std::size_t end = quoted ? line.find('"', begin) : line.find_first_of(" \t");
+  std::string first = line.substr(begin, end - begin);
+  if (end != std::string::npos)
+    rest = line.substr(end + 1);
+  else if (quoted)
+    rest = first;  // the position after a missing quote wraps; callers rely on it
+  else
+    rest.clear();
+  return first;
+}
+
+int VarnHexToBytes(char* out, const std::string& hex) {
+  const std::size_t count = std::min<std::size_t>(hex.size() / 2, INT_MAX);
+  for (std::size_t i = 0; i < count; ++i)
+    out[i] = static_cast<char>(nibble(hex[2 * i]) << 4 | nibble(hex[2 * i + 1]));
+  return static_cast<int>(count);
+}
+
+std::string VarnBytesToHex(const char* bytes, int length) {
+  static constexpr char digits[] = "0123456789ABCDEF";
+  const CancellationGuard closed;
+  const std::size_t count = length > 0 ? static_cast<std::size_t>(length) : 0;
+  std::string hex(2 * count, '\0');
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto byte = static_cast<unsigned char>(bytes[i]);
+    hex[2 * i] = digits[byte >> 4];
+    hex[2 * i + 1] = digits[byte & 0x0F];
+  }
+  return hex;
+}
+
+char* VarnStringToChar(const std::string& text, char* buffer, int size) {
+  if (buffer == nullptr || static_cast<std::size_t>(size) <= text.size())
+    return nullptr;
+  std::memcpy(buffer, text.c_str(), std::strlen(text.c_str()) + 1);
+  return buffer;
+}
+
+std::string VarnStringFromChar(const char* text) {
+  const CancellationGuard closed;
+  return text != nullptr ? std::string(text) : std::string();
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,556 @@
+#include "VarnSupport/VarnTimer.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <mutex>
+#include <new>
+#include <optional>
+
+#include "BriefHold.h"
+#include "Cancellation.h"
+#include "ForkHandlers.h"
+#include "SignalRelay.h"
+#include "VarnSupport/VarnException.h"
+#include "VarnSupport/VarnModule.h"
+
+namespace VarnSupport {
+
+namespace {
+
+// Differences below this between the wall clock and the monotonic one are drift, not a clock that
+// was set.
+constexpr std::time_t kClockStepSeconds = 2;
+constexpr useconds_t kShutDownLookMicroseconds = 1000;
+constexpr int kShutDownLooks = 3000;
+
+// The manager that getInstance() made; never freed, as threads may still be inside it.
+constinit VarnTimerManager* theManager = nullptr;
+
+// One call of a timer's set() by a pass. The list of them is process-wide, as a timer may outlive
+// the manager.
+class Callback {
+ public:
+  explicit Callback(VarnTimer& timer) : m_pTimer(&timer), m_hThread(pthread_self()) {
+    const std::lock_guard guard(mutex);
+    m_pNext = first;
+    first = this;
+  }
+  Callback(const Callback&) = delete;
+  Callback& operator=(const Callback&) = delete;
+  ~Callback() {
+    {
+      const std::lock_guard guard(mutex);
+      Callback** link = &first;
+      while (*link != this)
+        link = &(*link)->m_pNext;
+      *link = m_pNext;
+    }
+    ended.fetch_add(1);
+    ended.notify_all();
+  }
+
+  // Waits until no other thread is inside the timer's set().
+  static void await(const VarnTimer& timer) {
+    while (true) {
+      const unsigned seen = ended.load();
+      if (!isUnderWay(timer))
+        return;
+      ended.wait(seen);
+    }
+  }
+
+  static void lockList() { mutex.lock(); }
+  static void unlockList() { mutex.unlock(); }
+  // After a fork only the calls of the thread that forked go on. Forgets another one and returns
+  // its timer, null when there is none. Requires: the list is locked.
+  static VarnTimer* dropLost() {
+    Callback** link = &first;
+    while (*link != nullptr && (*link)->isOwn())
+      link = &(*link)->m_pNext;
+    if (*link == nullptr)
+      return nullptr;
+    VarnTimer* const timer = (*link)->m_pTimer;
+    *link = (*link)->m_pNext;
+    return timer;
+  }
+
+ private:
+  bool isOwn() const { return pthread_equal(m_hThread, pthread_self()) != 0; }
+
+  static bool isUnderWay(const VarnTimer& timer) {
+    const std::lock_guard guard(mutex);
+    for (const Callback* call = first; call != nullptr; call = call->m_pNext) {
+      if (call->m_pTimer == &timer && !call->isOwn())
+        return true;
+    }
+    return false;
+  }
+
+  static constinit std::mutex mutex;
+  static constinit Callback* first;  // guarded by mutex
+  static constinit std::atomic<unsigned> ended;
+
+  VarnTimer* m_pTimer;
+  pthread_t m_hThread;
+  Callback* m_pNext;
+};
+
+constinit std::mutex Callback::mutex;
+constinit Callback* Callback::first = nullptr;
+constinit std::atomic<unsigned> Callback::ended{0};
+
+// What the calling thread itself counts for as a user of the manager: shutDown() cannot wait for
+// the pass that it is called from.
+constinit thread_local int t_nOwnUses = 0;
+
+// Coarse: no more than one tick of the system behind, and cheap.
+std::int64_t monotonicMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+// What the manager needs beyond its interface. Guarded by the list lock, but for the count of
+// users.
+struct VarnTimerManager::State {
+  // When the interval timer expires, in monotonic milliseconds; 0 while it is not armed.
+  std::int64_t armedUntil = 0;
+  // SIGUSR1 has been sent and not been answered: whatever is first then will be armed.
+  bool armRequested = false;
+  // Wall-clock seconds minus monotonic seconds when they were last compared.
+  std::time_t clockOffset = 0;
+  // A VarnTimerThread has been started and has not come to its pass.
+  bool passRequested = false;
+  // Passes under way and VarnTimerThreads; not guarded.
+  std::atomic<int> users{0};
+};
+
+// One expiry pass, from its beginning to the arming of the next, however it ends.
+class VarnTimerManager::Pass {
+ public:
+  explicit Pass(VarnTimerManager& manager) : m_oManager(manager) {
+    const VarnCriticalSection guard(m_oManager.m_oListLock, true);
+    m_bBegun = !m_oManager.m_bBusy;
+    m_oManager.m_bBusy = true;
+    m_oManager.m_pState->passRequested = false;
+    ++t_nOwnUses;
+    ++m_oManager.m_pState->users;
+  }
+  Pass(const Pass&) = delete;
+  Pass& operator=(const Pass&) = delete;
+  ~Pass() {
+    {
+      const VarnCriticalSection guard(m_oManager.m_oListLock, true);
+      if (m_bBegun) {
+        m_oManager.m_bBusy = false;
+        m_oManager.armLocked(false);
+      }
+    }
+    --t_nOwnUses;
+    --m_oManager.m_pState->users;
+  }
+
+  // False when another pass was under way.
+  bool hasBegun() const { return m_bBegun; }
+
+ private:
+  VarnTimerManager& m_oManager;
+  bool m_bBegun;
+};
+
+void VarnTimer::TimeInterval::set(long wholeSeconds, long thousandths) {
+  seconds = static_cast<std::int32_t>(static_cast<unsigned long>(wholeSeconds) +
+                                      static_cast<unsigned long>(thousandths / 1000));
+  milliseconds = static_cast<std::int32_t>(thousandths % 1000);
+}
+
+bool VarnTimer::TimeInterval::operator<(const TimeInterval& other) const {
+  return seconds < other.seconds || (seconds == other.seconds && seconds > milliseconds);
+}
+
+bool VarnTimer::TimeInterval::operator==(const TimeInterval& other) const {
+  return seconds == other.seconds && seconds == milliseconds;
+}
+
+bool VarnTimer::TimeInterval::operator<=(const TimeInterval& other) const {
+  return *this < other || *this == other;
+}
+
+VarnTimer::VarnTimer() = default;
+
+VarnTimer::VarnTimer(long milliseconds, bool oneShot) : VarnTimer(0, milliseconds, oneShot) {}
+
+VarnTimer::VarnTimer(long seconds, long milliseconds, bool oneShot)
+    : m_oInterval(seconds, milliseconds), m_bOneShot(oneShot) {}
+
+VarnTimer::~VarnTimer() { VarnTimer::stopAndWait(); }
+
+void VarnTimer::reset() { start(m_oInterval.seconds, m_oInterval.milliseconds, m_bOneShot); }
+
+void VarnTimer::start(long milliseconds, bool oneShot) { start(0, milliseconds, oneShot); }
+
+void VarnTimer::start(long seconds, long milliseconds, bool oneShot) {
+  const CancellationGuard closed;
+  try {
+    VarnTimerManager& manager = VarnTimerManager::getInstance();
+    const VarnCriticalSection guard(manager.m_oListLock, true);
+    if (m_bActive)
+      manager.unlinkLocked(*this);
+    m_oInterval.set(seconds, milliseconds);
+    m_bOneShot = oneShot;
+    if (seconds >= 1 || milliseconds >= 1)
+      manager.addImpl(*this);
+    manager.armLocked(false);
+  } catch (const VarnException&) {
+    // The timers have been shut down.
+    m_oInterval.set(seconds, milliseconds);
+    m_bOneShot = oneShot;
+  }
+}
+
+void VarnTimer::stop() {
+  const CancellationGuard closed;
+  if (!m_bActive)
+    return;
+  try {
+    VarnTimerManager::getInstance().remove(*this);
+  } catch (const VarnException&) {
+    // The timers have been shut down: no pass will look at this one.
+  }
+}
+
+bool VarnTimer::isOneShot() const { return m_bOneShot; }
+
+void VarnTimer::stopAndWait() {
+  const QuietCancellationGuard closed;
+  VarnTimer::stop();
+  Callback::await(*this);
+}
+
+constinit std::atomic<VarnTimerManager*> VarnTimerManager::m_pThis{nullptr};
+constinit std::atomic<bool> VarnTimerManager::m_bExiting{false};
+
+VarnTimerManager& VarnTimerManager::getInstance() {
+  if (m_bExiting)
+    throw VarnException("VarnTimerManager::getInstance: Exiting system", 0);
+  if (m_pThis == nullptr) {
+    const CancellationGuard closed;
+    const VarnCriticalSection guard(globalSection(), true);
+    if (theManager == nullptr)
+      theManager = new VarnTimerManager;
+    if (m_pThis == nullptr)
+      m_pThis = theManager;
+  }
+  return *m_pThis;
+}
+
+void VarnTimerManager::deleteInstance() {
+  const CancellationGuard closed;
+  VarnTimerManager* const manager = m_pThis.exchange(nullptr);
+  if (manager != nullptr)
+    manager->shutDown();
+}
+
+VarnTimerManager::VarnTimerManager() : m_pState(std::make_unique<State>()) {}
+
+VarnTimerManager::~VarnTimerManager() { shutDown(); }
+
+// A callback may take for ever: the process must end nevertheless.
+void VarnTimerManager::shutDown() {
+  m_bExiting = true;
+  cancelTimer();
+  for (int i = 0; i < kShutDownLooks && m_pState->users > t_nOwnUses; ++i)
+    usleep(kShutDownLookMicroseconds);
+}
+
+void VarnTimerManager::add(VarnTimer& timer) {
+  const CancellationGuard closed;
+  const VarnCriticalSection guard(m_oListLock, true);
+  addImpl(timer);
+  armLocked(false);
+}
+
+void VarnTimerManager::remove(VarnTimer& timer) {
+  const CancellationGuard closed;
+  const VarnCriticalSection guard(m_oListLock, true);
+  unlinkLocked(timer);
+  if (m_vTimers.empty())
+    cancelTimer();
+  else
+    armLocked(false);
+}
+
+void VarnTimerManager::addImpl(VarnTimer& timer) {
+  timer.m_oDeadline.seconds = static_cast<std::int32_t>(nowLocked() + timer.m_oInterval.seconds);
+  timer.m_oDeadline.milliseconds = timer.m_oInterval.milliseconds;
+  const auto position =
+      std::find_if(m_vTimers.begin(), m_vTimers.end(),
+                   [&](const VarnTimer* other) { return timer.m_oDeadline <= other->m_oDeadline; });
+  m_vTimers.insert(position, &timer);
+  timer.m_bActive = true;
+}
+
+void VarnTimerManager::reset(bool inSignal) {
+  const CancellationGuard closed;
+  const VarnCriticalSection guard(m_oListLock, true);
+  if (inSignal)
+    m_pState->armRequested = false;
+  armLocked(inSignal);
+}
+
+void VarnTimerManager::elapsed() {
+  const CancellationGuard closed;
+  const VarnCriticalSection guard(m_oPassLock, true);
+  const Pass pass(*this);
+  if (!pass.hasBegun())
+    return;
+  // Callbacks that take longer than a period leave more to do: another round, not another level.
+  bool overdue = true;
+  while (overdue && !m_bExiting) {
+    {
+      const VarnCriticalSection list(m_oListLock, true);
+      for (VarnTimer* const timer : m_vTimers)
+        timer->m_bVisited = false;
+    }
+    while (setNextDue()) {
+    }
+    const VarnCriticalSection list(m_oListLock, true);
+    overdue = !m_vTimers.empty() && isOverdueLocked();
+  }
+}
+
+void VarnTimerManager::timeout() {
+  const CancellationGuard closed;
+  const VarnCriticalSection guard(m_oListLock, true);
+  m_pState->armedUntil = 0;
+  startPassLocked();
+}
+
+void VarnTimerManager::cancelTimer() {
+  const CancellationGuard closed;
+  m_bCancel = true;
+  {
+    const VarnCriticalSection guard(m_oListLock, true);
+    m_oEvent.set();
+  }
+  m_bCancel = false;
+}
+
+// Sets the first timer that is due and was not visited in this round; false when there is none.
+bool VarnTimerManager::setNextDue() {
+  std::optional<Callback> callback;
+  VarnTimer* timer = nullptr;
+  {
+    const VarnCriticalSection guard(m_oListLock, true);
+    timer = takeDueLocked();
+    if (timer == nullptr)
+      return false;
+    callback.emplace(*timer);
+  }
+  // From here on the timer may be gone as soon as set() has returned.
+  try {
+    timer->set();
+  } catch (...) {
+    if (std::current_exception() == nullptr)
+      throw;
+  }
+  return true;
+}
+
+// Takes the timer that setNextDue() is to set out of the list, and puts a periodic one back.
+VarnTimer* VarnTimerManager::takeDueLocked() {
+  if (m_bExiting)
+    return nullptr;
+  VarnTimer::TimeInterval now;
+  now.seconds = static_cast<std::int32_t>(nowLocked());
+  for (VarnTimer* const timer : m_vTimers) {
+    if (timer->m_bVisited)
+      continue;
+    timer->m_bVisited = true;
+    if (!(timer->m_oDeadline <= now))
+      continue;
+    unlinkLocked(*timer);
+    if (!timer->m_bOneShot)
+      addImpl(*timer);
+    return timer;
+  }
+  return nullptr;
+}
+
+void VarnTimerManager::unlinkLocked(VarnTimer& timer) {
+  m_vTimers.erase(std::remove(m_vTimers.begin(), m_vTimers.end(), &timer), m_vTimers.end());
+  timer.m_bActive = false;
+}
+
+// The wall-clock time. When that clock was set, all deadlines move with it: a timer measures how
+// much time passes, as the interval timer does.
+std::time_t VarnTimerManager::nowLocked() {
+  const std::time_t now = std::time(nullptr);
+  const std::time_t offset = now - monotonicMilliseconds() / 1000;
+  const std::time_t step = offset - m_pState->clockOffset;
+  if (std::abs(step) >= kClockStepSeconds || m_vTimers.empty()) {
+    for (VarnTimer* const timer : m_vTimers)
+      timer->m_oDeadline.seconds += static_cast<std::int32_t>(step);
+    m_pState->clockOffset = offset;
+  }
+  return now;
+}
+
+// Looks at the first deadline, which must exist, and notes how far away it is.
+bool VarnTimerManager::isOverdueLocked() {
+  const std::time_t now = nowLocked();
+  const VarnTimer::TimeInterval& first = m_vTimers.front()->m_oDeadline;
+  m_oNextExpiry.seconds = static_cast<std::int32_t>(first.seconds - now);
+  m_oNextExpiry.milliseconds = first.milliseconds;
+  return m_oNextExpiry.seconds < 0 ||
+         (m_oNextExpiry.seconds == 0 && m_oNextExpiry.milliseconds <= 0);
+}
+
+void VarnTimerManager::armLocked(bool inSignal) {
+  if (m_bBusy || m_vTimers.empty() || m_bExiting)
+    return;
+  State& state = *m_pState;
+  if (isOverdueLocked()) {
+    if (!state.passRequested)
+      startPassLocked();
+  } else if (inSignal) {
+    setIntervalTimerLocked();
+  } else if (!state.armRequested &&
+             (state.armedUntil == 0 || state.armedUntil > nextExpiryLocked())) {
+    SignalRelay::rememberCallersMask();
+    state.armRequested = SignalRelay::ensureRunning();
+    kill(getpid(), SIGUSR1);
+  }
+}
+
+// If there is no thread to be had, the interval timer tries again.
+void VarnTimerManager::startPassLocked() {
+  m_pState->passRequested = VarnTimerThread::launchFor(*this);
+  if (!m_pState->passRequested) {
+    m_oNextExpiry.set(1, 0);
+    setIntervalTimerLocked();
+  }
+}
+
+std::int64_t VarnTimerManager::nextExpiryLocked() const {
+  return monotonicMilliseconds() + std::int64_t{m_oNextExpiry.seconds} * 1000 +
+         (m_oNextExpiry.milliseconds > 0 ? 1 : 0);
+}
+
+// Arms the interval timer for the next expiry. The milliseconds are used as microseconds: expiries
+// fall on whole seconds, and callers rely on it.
+void VarnTimerManager::setIntervalTimerLocked() {
+  itimerval value{};
+  value.it_value.tv_sec = m_oNextExpiry.seconds;
+  value.it_value.tv_usec = std::max(m_oNextExpiry.milliseconds, 0);
+  setitimer(ITIMER_REAL, &value, nullptr);
+  m_pState->armedUntil = nextExpiryLocked();
+}
+
+VarnTimerThread::VarnTimerThread(VarnTimerManager& manager) : m_oManager(manager) {
+  ++m_oManager.m_pState->users;
+}
+
+VarnTimerThread::~VarnTimerThread() { --m_oManager.m_pState->users; }
+
+int VarnTimerThread::run() {
+  const CancellationGuard closed;
+  ++t_nOwnUses;  // for the rest of this thread
+  SignalRelay::adoptCallersMask();
+  if (VarnTimerManager::m_bExiting)
+    return 0;
+  if (m_oManager.m_bCancel) {
+    m_oManager.declinePass();
+    return 0;
+  }
+  m_oManager.elapsed();
+  return 0;
+}
+
+bool VarnTimerThread::launchFor(VarnTimerManager& manager) {
+  try {
+    auto thread = std::make_unique<VarnTimerThread>(manager);
+    thread->setMarkForDeath();
+    if (!thread->launch())
+      return false;
+    static_cast<void>(thread.release());  // it may be gone already
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+// What a pass that was skipped would have done at its end.
+void VarnTimerManager::declinePass() {
+  const CancellationGuard closed;
+  const VarnCriticalSection guard(m_oListLock, true);
+  m_pState->passRequested = false;
+  armLocked(false);
+}
+
+void ForkHandlers::prepareTimers() {
+  VarnTimerManager* const manager = VarnTimerManager::m_pThis;
+  if (manager != nullptr)
+    manager->m_oListLock.lock();
+  Callback::lockList();
+}
+
+void ForkHandlers::releaseTimers(tSide side) {
+  VarnTimerManager* const manager = VarnTimerManager::m_pThis;
+  if (side == CHILD) {
+    while (VarnTimer* const timer = Callback::dropLost())
+      renew(*timer);
+    if (manager != nullptr)
+      renew(*manager);
+  }
+  Callback::unlockList();
+  if (manager != nullptr)
+    manager->m_oListLock.unlock();
+}
+
+// A child has no interval timer. One that it set at once would survive an exec, so the relay looks
+// after the first expiry; from then on all is as usual.
+void ForkHandlers::renew(VarnTimerManager& manager) {
+  if (renewIfLost(manager.m_oPassLock))
+    manager.m_bBusy = false;
+  VarnTimerManager::State& state = *manager.m_pState;
+  state.armedUntil = 0;
+  state.armRequested = false;
+  state.passRequested = false;
+  state.users = t_nOwnUses;
+  if (!manager.m_bBusy && !manager.m_vTimers.empty()) {
+    const bool overdue = manager.isOverdueLocked();
+    SignalRelay::runLater(SIGALRM, overdue ? 0 : manager.m_oNextExpiry.seconds);
+  }
+}
+
+void VSUPTInitVarnTimer() {
+  SignalRelay::route(SIGALRM, [](int) {
+    try {
+      VarnTimerManager::getInstance().timeout();
+    } catch (const VarnException&) {
+      // The timers have been shut down.
+    }
+  });
+  SignalRelay::route(SIGUSR1, [](int) {
+    try {
+      VarnTimerManager::getInstance().reset(true);
+    } catch (const VarnException&) {
+      // The timers have been shut down.
+    }
+  });
+}
+
+void VSUPTFinitVarnTimer() {
+  VarnTimerManager::deleteInstance();
+  VarnTimerManager::m_bExiting = true;
+}
+
+}  // namespace VarnSupport

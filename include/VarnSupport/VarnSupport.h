@@ -1,0 +1,23 @@
+// Includes every exported header.
+#ifndef VARNSUPPORT_VARNSUPPORT_H
+#define VARNSUPPORT_VARNSUPPORT_H
+
+#include "VarnSupport/VarnCollaborator.h"
+#include "VarnSupport/VarnCriticalSection.h"
+#include "VarnSupport/VarnEvent.h"
+#include "VarnSupport/VarnEventTimerThread.h"
+#include "VarnSupport/VarnException.h"
+#include "VarnSupport/VarnExport.h"
+#include "VarnSupport/VarnLocaleFactory.h"
+#include "VarnSupport/VarnLogging.h"
+#include "VarnSupport/VarnModule.h"
+#include "VarnSupport/VarnObjectBase.h"
+#include "VarnSupport/VarnProducerConsumer.h"
+#include "VarnSupport/VarnService.h"
+#include "VarnSupport/VarnServiceControl.h"
+#include "VarnSupport/VarnStringUtilities.h"
+#include "VarnSupport/VarnThread.h"
+#include "VarnSupport/VarnTimer.h"
+#include "VarnSupport/VarnWorkInformation.h"
+
+#endif

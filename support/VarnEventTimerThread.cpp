@@ -1,0 +1,64 @@
+#include "VarnSupport/VarnEventTimerThread.h"
+
+#include "Cancellation.h"
+#include "EventAccess.h"
+#include "VarnSupport/VarnLogging.h"
+
+namespace VarnSupport {
+
+namespace {
+
+void trace(const char* text) {
+  if (VarnLogging::admits(9))
+    VarnLogRecord(9) << "VarnEventTimerThread::~VarnEventTimerThread: " << text;
+}
+
+}  // namespace
+
+VarnEventTimerThread::VarnEventTimerThread(const std::string& name, VarnTimer& timer)
+    : VarnThread(name), m_oTimer(timer) {}
+
+VarnEventTimerThread::~VarnEventTimerThread() {
+  const QuietCancellationGuard closed;
+  trace("entering");
+  VarnEventTimerThread::stop();
+  trace("exiting");
+}
+
+// The thread may look at the flag as soon as it runs.
+void VarnEventTimerThread::start() {
+  if (isAlive())
+    return;
+  m_bKeepRunning = true;
+  VarnThread::start();
+}
+
+void VarnEventTimerThread::stop() {
+  if (!isAlive() || !m_bKeepRunning)
+    return;
+  trace("setting exit event");
+  m_bKeepRunning = false;
+  m_oTimer.set();
+  trace("waiting for thread to exit");
+  waitForThreadExit();
+  joinFinally();
+}
+
+int VarnEventTimerThread::run() {
+  while (awaitEvent())
+    onTimerEvent();
+  return 0;
+}
+
+// False when the thread is to end. The ticket comes before the look at the flag: a stop() after the
+// look ends the wait.
+bool VarnEventTimerThread::awaitEvent() {
+  const CancellationGuard closed;
+  const std::uint64_t ticket = EventAccess::ticket(m_oTimer);
+  m_bWaiting = true;
+  if (m_bKeepRunning)
+    EventAccess::waitSince(m_oTimer, ticket);
+  return m_bKeepRunning;
+}
+
+}  // namespace VarnSupport

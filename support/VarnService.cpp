@@ -1,0 +1,236 @@
+#include "VarnSupport/VarnService.h"
+
+#include <fcntl.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <initializer_list>
+#include <mutex>
+
+#include "Cancellation.h"
+#include "EventAccess.h"
+#include "SignalRelay.h"
+#include "VarnSupport/VarnLogging.h"
+
+namespace VarnSupport {
+
+namespace {
+
+enum tState : std::int32_t { RUNNING = 0, IDLE = 1, STOP_REQUESTED = 2 };
+
+// What the daemon reports to the launching process, and what that makes of silence.
+constexpr std::int32_t kStarted = 0;
+constexpr std::int32_t kNotStarted = 1;
+constexpr std::int32_t kNoAnswer = -3;
+constexpr std::int32_t kWaitFailed = -4;
+constexpr std::time_t kAnswerSeconds = 60;
+
+constexpr useconds_t kBeforeStopHookMicroseconds = 10000;
+constexpr useconds_t kLookMicroseconds = 1000;
+
+// A signal acts once per process.
+constinit std::atomic<bool> signalTaken{false};
+// Guards the registered service while ControlHandler() takes it.
+constinit std::mutex registryMutex;
+constinit std::atomic<int> stopsUnderWay{0};
+constinit thread_local bool t_bStopping = false;
+
+void trace(const char* text) {
+  if (VarnLogging::admits(9))
+    VarnLogRecord(9) << text;
+}
+
+void routeSignals(std::initializer_list<int> signals) {
+  for (const int signal : signals)
+    SignalRelay::route(signal, ControlHandler);
+  SignalRelay::ensureRunning();
+}
+
+timeval timeLeft(const timespec& deadline) {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const long nanoseconds =
+      (deadline.tv_sec - now.tv_sec) * 1000000000L + deadline.tv_nsec - now.tv_nsec;
+  timeval left{};
+  if (nanoseconds > 0) {
+    left.tv_sec = nanoseconds / 1000000000L;
+    left.tv_usec = nanoseconds % 1000000000L / 1000;
+  }
+  return left;
+}
+
+// Waits for the daemon's report in the launching process, which ends afterwards.
+std::int32_t awaitReport(int descriptor) {
+  // A set of descriptors has no place for high ones; standard input is not needed any more.
+  if (descriptor >= FD_SETSIZE)
+    descriptor = dup2(descriptor, STDIN_FILENO);
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += kAnswerSeconds;
+  int ready = 0;
+  do {
+    fd_set descriptors;
+    FD_ZERO(&descriptors);
+    FD_SET(descriptor, &descriptors);
+    timeval left = timeLeft(deadline);
+    ready = select(descriptor + 1, &descriptors, nullptr, nullptr, &left);
+  } while (ready < 0 && errno == EINTR);
+  if (ready <= 0)
+    return ready == 0 ? kNoAnswer : kWaitFailed;
+  // A daemon that died without a report leaves nothing to read.
+  std::int32_t status = kNotStarted;
+  ssize_t length = 0;
+  do {
+    length = read(descriptor, &status, sizeof status);
+  } while (length < 0 && errno == EINTR);
+  return length == sizeof status ? status : kNotStarted;
+}
+
+void report(int descriptor, std::int32_t status) {
+  while (write(descriptor, &status, sizeof status) < 0 && errno == EINTR) {
+  }
+  close(descriptor);
+}
+
+}  // namespace
+
+constinit std::atomic<VarnService*> VarnService::m_pThis{nullptr};
+
+VarnService::VarnService() { m_pThis = this; }
+
+VarnService::VarnService(const std::string& text1, const std::string& text2,
+                         const std::string& text3, const std::string& text4, bool flag)
+    : m_sText1(text1), m_sText2(text2), m_sText3(text3), m_sText4(text4), m_bFlag(flag) {
+  m_pThis = this;
+}
+
+VarnService::VarnService(bool flag, const std::string& text4) : m_sText4(text4), m_bFlag(flag) {
+  m_pThis = this;
+}
+
+// A signal may be on its way to the service.
+VarnService::~VarnService() {
+  const QuietCancellationGuard closed;
+  {
+    const std::lock_guard guard(registryMutex);
+    if (m_pThis == this)
+      m_pThis = nullptr;
+  }
+  while (stopsUnderWay > 0 && !t_bStopping)
+    usleep(kLookMicroseconds);
+}
+
+bool VarnService::start(const std::string& arguments, bool daemonize) {
+  if (m_nState == RUNNING)
+    return true;
+  m_nState = IDLE;
+  return daemonize ? startDaemon(arguments) : startHere(arguments);
+}
+
+bool VarnService::startHere(const std::string& arguments) {
+  if (!onStart(arguments))
+    return false;
+  beginRunning();
+  routeSignals({SIGINT, SIGTERM, SIGPIPE});
+  trace("VarnService::start: waiting for service to exit");
+  awaitStop();
+  trace("VarnService::start: service completed.");
+  onStop();
+  m_nState = IDLE;
+  trace("VarnService::start: exiting");
+  return true;
+}
+
+bool VarnService::startDaemon(const std::string& arguments) {
+  m_bDaemon = true;
+  int ends[2];
+  if (pipe(ends) != 0)
+    return false;
+  for (const int end : ends)
+    fcntl(end, F_SETFD, FD_CLOEXEC);
+  const pid_t child = fork();
+  if (child < 0) {
+    close(ends[0]);
+    close(ends[1]);
+    return false;
+  }
+  if (child > 0) {
+    close(ends[1]);
+    _exit(awaitReport(ends[0]));
+  }
+  close(ends[0]);
+  return runDaemon(arguments, ends[1]);
+}
+
+bool VarnService::runDaemon(const std::string& arguments, int reportTo) {
+  signalTaken = false;
+  stopsUnderWay = 0;
+  setsid();
+  // There is no place that a daemon could fall back to: one without "/" stays where it is.
+  static_cast<void>(chdir("/") == 0);
+  umask(0);
+  routeSignals({SIGINT, SIGTERM, SIGCHLD, SIGPIPE});
+  trace("VarnService::start: waiting for service to exit");
+  beginRunning();
+  if (!onStart(arguments)) {
+    report(reportTo, kNotStarted);
+    m_nState = IDLE;
+    return false;
+  }
+  report(reportTo, kStarted);
+  awaitStop();
+  usleep(kBeforeStopHookMicroseconds);
+  onStop();
+  m_nState = IDLE;
+  return true;
+}
+
+// A stop that has been requested since start() began is not forgotten.
+void VarnService::beginRunning() {
+  std::int32_t idle = IDLE;
+  m_nState.compare_exchange_strong(idle, RUNNING);
+}
+
+// A stop after the ticket moves the event's number, one before it is seen in the state.
+void VarnService::awaitStop() {
+  const CancellationGuard closed;
+  const std::uint64_t ticket = EventAccess::ticket(m_oStopEvent);
+  if (m_nState != STOP_REQUESTED)
+    EventAccess::waitSince(m_oStopEvent, ticket);
+}
+
+bool VarnService::stop() {
+  trace("VarnService::stop: entering");
+  m_nState = STOP_REQUESTED;
+  m_oStopEvent.set();
+  trace("VarnService::stop: exiting");
+  return true;
+}
+
+bool VarnService::install() { return true; }
+
+bool VarnService::remove() { return true; }
+
+VarnService* VarnService::getService() { return m_pThis; }
+
+void ControlHandler(int signal) {
+  if ((signal != SIGINT && signal != SIGTERM) || signalTaken.exchange(true))
+    return;
+  VarnService* service = nullptr;
+  {
+    const std::lock_guard guard(registryMutex);
+    service = VarnService::getService();
+    ++stopsUnderWay;
+  }
+  t_bStopping = true;
+  if (service != nullptr)
+    service->stop();
+  t_bStopping = false;
+  --stopsUnderWay;
+}
+
+}  // namespace VarnSupport

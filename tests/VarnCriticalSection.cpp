@@ -1,0 +1,155 @@
+#include "VarnSupport/VarnCriticalSection.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "TestTools.h"
+
+using namespace VarnSupport;
+
+namespace {
+
+// What another thread gets from a try.
+bool otherThreadGets(VarnCriticalSectionObject& lock) {
+  bool taken = false;
+  std::thread([&] {
+    taken = lock.testAndSet();
+    lock.unlock();
+  }).join();
+  return taken;
+}
+
+LockImplementation* newest() {
+  return static_cast<LockImplementation*>(pthread_getspecific(LockThreadStorage::m_mutexListKey));
+}
+
+}  // namespace
+
+TEST(VarnCriticalSection, IsRecursiveAndCounts) {
+  VarnCriticalSectionObject lock;
+  EXPECT_EQ(0, lock.lockCount());
+  lock.lock();
+  lock.lock();
+  EXPECT_TRUE(lock.testAndSet());
+  EXPECT_EQ(3, lock.lockCount());
+  EXPECT_FALSE(otherThreadGets(lock));
+  std::thread([&] { lock.unlock(); }).join();
+  for (int left = 3; left > 0; --left) {
+    EXPECT_EQ(left, lock.lockCount());
+    EXPECT_FALSE(otherThreadGets(lock));
+    lock.unlock();
+  }
+  EXPECT_EQ(0, lock.lockCount());
+  lock.unlock();
+  EXPECT_TRUE(otherThreadGets(lock));
+  lock.lock();
+  lock.lock();
+  lock.unwind();
+  EXPECT_TRUE(otherThreadGets(lock));
+}
+
+TEST(VarnCriticalSection, CopiesOfAUsedLockAreOneLock) {
+  VarnCriticalSectionObject used;
+  VarnCriticalSectionObject before(used);
+  used.lockCount();
+  VarnCriticalSectionObject after(used);
+  VarnMutexObject assigned;
+  static_cast<VarnCriticalSectionObject&>(assigned) = used;
+  used.lock();
+  EXPECT_TRUE(otherThreadGets(before));
+  EXPECT_FALSE(otherThreadGets(after));
+  EXPECT_FALSE(otherThreadGets(assigned));
+  after.unlock();
+  EXPECT_TRUE(otherThreadGets(used));
+  used.lock();
+  used = before;  // the hold stays with the lock that `after` still names
+  EXPECT_TRUE(otherThreadGets(used));
+  EXPECT_FALSE(otherThreadGets(after));
+  after.unlock();
+}
+
+TEST(VarnCriticalSection, TheLastSharerGivesUpItsHolds) {
+  LockImplementation* const outer = newest();
+  {
+    VarnCriticalSectionObject lock;
+    lock.lock();
+    EXPECT_NE(outer, newest());
+  }
+  EXPECT_EQ(outer, newest());
+}
+
+TEST(VarnCriticalSection, GuardsHoldOneLevel) {
+  VarnCriticalSectionObject lock;
+  {
+    VarnCriticalSection guard(lock, true);
+    const VarnCriticalSection idle(lock, false);
+    EXPECT_EQ(1, lock.lockCount());
+    guard.unlock();
+    guard.unlock();
+    EXPECT_EQ(0, lock.lockCount());
+    lock.lock();
+  }
+  EXPECT_EQ(1, lock.lockCount());
+  lock.unlock();
+}
+
+TEST(VarnCriticalSection, TheThreadListFollowsLocksTakenAndGivenUpInAnyOrder) {
+  VarnCriticalSectionObject a;
+  VarnCriticalSectionObject b;
+  VarnCriticalSectionObject c;
+  EXPECT_EQ(nullptr, newest());
+  a.lock();
+  LockImplementation* const first = newest();
+  b.lock();
+  c.lock();
+  b.unlock();
+  c.unlock();
+  EXPECT_EQ(first, newest());
+  b.lock();
+  a.unlock();
+  VarnCriticalSectionRecoverFn(nullptr);
+  EXPECT_EQ(nullptr, newest());
+  EXPECT_TRUE(otherThreadGets(a) && otherThreadGets(b) && otherThreadGets(c));
+}
+
+TEST(VarnCriticalSection, RecoveryFreesEveryLevelOfEveryLock) {
+  std::vector<VarnCriticalSectionObject> locks(5);
+  std::thread([&] {
+    for (std::size_t i = 0; i < locks.size(); ++i) {
+      for (std::size_t level = 0; level <= i; ++level)
+        locks[i].lock();
+    }
+    VarnCriticalSectionRecoverFn(nullptr);
+  }).join();
+  for (VarnCriticalSectionObject& lock : locks) {
+    EXPECT_EQ(0, lock.lockCount());
+    EXPECT_TRUE(lock.testAndSet());
+    lock.unlock();
+  }
+}
+
+TEST(VarnCriticalSection, RacingFirstUsersMakeOneLock) {
+  for (int round = 0; round < 200; ++round) {
+    VarnCriticalSectionObject lock;
+    int unguarded = 0;
+    std::atomic<int> ready{0};
+    const auto count = [&] {
+      ++ready;
+      while (ready < 3) {
+      }
+      for (int i = 0; i < 20; ++i) {
+        const VarnCriticalSection guard(lock, true);
+        ++unguarded;
+      }
+    };
+    std::thread one(count);
+    std::thread two(count);
+    std::thread three(count);
+    one.join();
+    two.join();
+    three.join();
+    ASSERT_EQ(60, unguarded);
+  }
+}

@@ -1,0 +1,258 @@
+#include "VarnSupport/VarnLogging.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "TestTools.h"
+
+using namespace VarnSupport;
+using namespace TestTools;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// Standard output, caught in a file.
+template <typename Action>
+std::string printed(Action action) {
+  testing::internal::CaptureStdout();
+  action();
+  return testing::internal::GetCapturedStdout();
+}
+
+std::string filesIn(const TempFolder& folder) {
+  std::string names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+    names += entry.path().filename().string() + ";";
+  return names;
+}
+
+}  // namespace
+
+TEST(VarnLogging, HeadersCarryTimeLevelComponentAndThread) {
+  FileLog log(9);
+  log.log() << setloglevel("a component of some length", 5) << "text" << endrecord;
+  log.log() << "default" << endrecord;
+  VarnLogRecord("short", 0) << "bare";
+  const Lines lines = log.lines();
+  ASSERT_EQ(3U, lines.size());
+  const std::string thread = std::to_string(static_cast<int>(pthread_self()));
+  const std::string time = "[0-9]{8}_[0-2][0-9]:[0-5][0-9]:[0-6][0-9]";
+  EXPECT_TRUE(std::regex_match(
+      lines[0], std::regex(time + " 5 a component of some length \\[" + thread + "\\] text")))
+      << lines[0];
+  EXPECT_TRUE(
+      std::regex_match(lines[1], std::regex(time + " 9 Global     \\[" + thread + "\\] default")))
+      << lines[1];
+  EXPECT_EQ("bare", lines[2]);
+}
+
+TEST(VarnLogging, TheTimeFollowsTheZone) {
+  FileLog log(9);
+  for (const char* const zone : {"UTC", "XST-5:30", "YST+3"}) {
+    setenv("TZ", zone, 1);
+    VarnLogRecord(9) << zone;
+  }
+  unsetenv("TZ");
+  const Lines lines = log.lines();
+  ASSERT_EQ(3U, lines.size());
+  const auto minutes = [&](std::size_t i) {
+    return std::stoi(lines[i].substr(9, 2)) * 60 + std::stoi(lines[i].substr(12, 2));
+  };
+  EXPECT_NEAR(330, (minutes(1) - minutes(0) + 1440) % 1440, 1);
+  EXPECT_NEAR(1260, (minutes(2) - minutes(0) + 1440) % 1440, 1);
+}
+
+TEST(VarnLogging, FormatsEveryKindOfValue) {
+  FileLog log(9);
+  const void* const address = &log;
+  char expected[40];
+  std::snprintf(expected, sizeof expected, "%p", address);
+  log.log() << std::string("s") << ci_string("C") << endrecord;
+  log.log() << std::wstring(L"wide") << ci_wstring(L"WIDE") << true << false << endrecord;
+  log.log() << -1L << " " << 2UL << " " << -3 << " " << short{-4} << " " << 5U << " "
+            << static_cast<unsigned short>(6) << endrecord;
+  log.log() << 'x' << '\0' << 'y' << address << " " << 1.5 << " " << 2.25F << endrecord;
+  log.log() << 1.7976931348623157e308 << endrecord;
+  const Lines texts = log.texts();
+  ASSERT_EQ(5U, texts.size());
+  EXPECT_EQ("sC", texts[0]);
+  EXPECT_EQ("wideWIDEtruefalse", texts[1]);
+  EXPECT_EQ("-1 2 -3 -4 5 6", texts[2]);
+  EXPECT_EQ("xy" + std::string(expected) + " 1.500000 2.250000", texts[3]);
+  EXPECT_EQ(316U, texts[4].size());
+}
+
+TEST(VarnLogging, RecordsAreCutAtTheirFirstNul) {
+  FileLog log(9);
+  log.log() << std::string("a\0b", 3) << "c" << endrecord;
+  log.log() << std::string("\0b", 2) << endrecord;
+  EXPECT_EQ((Lines{"a", ""}), log.texts());
+}
+
+TEST(VarnLogging, GlobalAndComponentLevelsFilterAtTheirOwnTimes) {
+  FileLog log(5);
+  VarnLogging& l = log.log();
+  l << setloglevel(6) << "above the global level" << endrecord;
+  l.setLogLevel("quiet", 3);
+  l.setLogLevel("loud", 9);
+  l.setLogLevel("quiet", 10);
+  l.setLogLevel("quiet", -2);
+  EXPECT_EQ(3, l.getLogLevel("quiet"));
+  EXPECT_EQ(5, l.getLogLevel("unknown"));
+  l << setloglevel("loud", 6) << "a component cannot raise the global level" << endrecord;
+  l << setloglevel("quiet", 5) << "left " << endrecord;
+  l << setloglevel("quiet", 3) << "and led" << endrecord;
+  l << setloglevel("quiet", 4) << endrecord;
+  l << setloglevel("quiet", 0) << "level 0 passes" << endrecord;
+  l.setLogLevel(-1);
+  EXPECT_FALSE(VarnLogging::isAccessAllowed());
+  l << setloglevel(0) << "off" << endrecord;
+  l << setloglevel(-1) << "minus one at minus one" << endrecord;
+  l.setLogLevel(10);
+  EXPECT_EQ(-1, l.getLogLevel());
+  EXPECT_EQ((Lines{"left and led", "level 0 passes", "minus one at minus one"}), log.texts());
+}
+
+TEST(VarnLogging, LevelAndComponentLastForOneRecord) {
+  FileLog log(9);
+  VarnLogging& l = log.log();
+  l.setCurrentLevel("part", 4);
+  l.setCurrentLevel("ignored", -2);
+  l << "one" << endrecord;
+  l << "two" << endrecord;
+  l.setCurrentLevel(12);
+  l << "rejected by the global level" << endrecord;
+  const Lines lines = log.lines();
+  ASSERT_EQ(2U, lines.size());
+  EXPECT_NE(std::string::npos, lines[0].find(" 4 part       ["));
+  EXPECT_NE(std::string::npos, lines[1].find(" 9 Global     ["));
+}
+
+TEST(VarnLogging, ANullCharacterPointerStopsTheStreamForGood) {
+  FileLog log(9);
+  log.log() << "before" << static_cast<const char*>(nullptr) << "after" << endrecord;
+  log.log() << "never" << endrecord;
+  EXPECT_EQ(Lines{"before"}, log.texts());
+}
+
+TEST(VarnLogging, FileNamesLoseExtensionAndQuote) {
+  const TempFolder folder;
+  for (const std::string& base :
+       {std::string("\"") + (folder / "app.txt") + "\"", folder / "log"}) {
+    VarnLogging log(base, VarnLogging::kToFile, 9);
+    log.setTarget(VarnLogging::kToFile);
+  }
+  const std::string names = filesIn(folder);
+  EXPECT_TRUE(std::regex_search(names, std::regex("app[0-9]+\\.log;"))) << names;
+  EXPECT_TRUE(std::regex_search(names, std::regex("log[0-9]+\\.log;"))) << names;
+}
+
+TEST(VarnLogging, FilesAreReadableByOthersAtMost) {
+  const mode_t previous = umask(0);
+  const FileLog log(9);
+  umask(previous);
+  struct stat status {};
+  ASSERT_EQ(0, stat(log.file().c_str(), &status));
+  EXPECT_EQ(0644U, status.st_mode & 0777U);
+}
+
+TEST(VarnLogging, TargetsOpenAndCloseTheFile) {
+  const TempFolder folder;
+  VarnLogging log(folder / "t", VarnLogging::kToFile, 9);
+  log << "to file" << endrecord;
+  const std::string first = filesIn(folder);
+  EXPECT_EQ("", printed([&] { log << "to file" << endrecord; }));
+  log.setTarget(2);
+  const std::string output = printed([&] {
+    std::printf("pending ");
+    log << setloglevel(0) << "to output" << endrecord;
+  });
+  EXPECT_EQ("pending to output\n", output);
+  log.setTarget(3);
+  EXPECT_NE(first, filesIn(folder));
+  EXPECT_EQ("both\n", printed([&] { log << setloglevel(0) << "both" << endrecord; }));
+  log.setTarget(0);
+  EXPECT_EQ("", printed([&] { log << setloglevel(0) << "nowhere" << endrecord; }));
+  EXPECT_EQ(0, log.getTarget());
+}
+
+TEST(VarnLogging, AFileThatCannotBeOpenedIsReportedAndSkipped) {
+  testing::internal::CaptureStderr();
+  VarnLogging log("/nonexistent/x", 3, 9);
+  const std::string report = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(std::regex_match(
+      report, std::regex("VarnLogging: Opening (/nonexistent/x[0-9]+\\.log) for "
+                         "logging\\.\\.\\.\nVarnLogging: Cannot open log file \\1 \\(2\\)\n")))
+      << report;
+  EXPECT_EQ("still\n", printed([&] { log << setloglevel(0) << "still" << endrecord; }));
+}
+
+TEST(VarnLogging, AnOpenRecordExcludesOtherThreadsButNotTheTables) {
+  FileLog log(9);
+  VarnLogging& l = log.log();
+  l << "begun ";
+  std::thread([&] {
+    l.endrecord();
+    l.setLogLevel("x", 4);
+    l.setTarget(1);
+    EXPECT_EQ(4, l.getLogLevel("x"));
+  }).join();
+  EXPECT_EQ(Lines{}, log.texts());
+  std::thread other([&] { l << setloglevel(5) << "other" << endrecord; });
+  l << "ended" << endrecord;
+  other.join();
+  EXPECT_EQ((Lines{"begun ended", "other"}), log.texts());
+}
+
+TEST(VarnLogRecord, HoldsTheRecordAndKnowsWhetherItIsAdmitted) {
+  EXPECT_FALSE(VarnLogRecord(0));
+  FileLog log(5);
+  EXPECT_TRUE(VarnLogging::admits(5));
+  EXPECT_FALSE(VarnLogging::admits(6));
+  EXPECT_FALSE(VarnLogRecord(6) << "no");
+  {
+    VarnLogRecord record("part", 5);
+    record << "a" << 1;
+    std::thread([&] { log.log().endrecord(); }).join();
+    record << 'b' << std::wstring();
+  }
+  const Lines lines = log.lines();
+  ASSERT_EQ(1U, lines.size());
+  EXPECT_NE(std::string::npos, lines[0].find(" 5 part       ["));
+  EXPECT_NE(std::string::npos, lines[0].find("] a1b"));
+}
+
+TEST(VarnLogRecord, MayStandInsideAnotherRecordOfItsThread) {
+  FileLog log(9);
+  const auto compute = [] {
+    VarnLogRecord("inner", 2) << "inner";
+    return "value";
+  };
+  VarnLogRecord("outer", 7) << "outer " << compute() << " end";
+  const Lines lines = log.lines();
+  ASSERT_EQ(2U, lines.size());
+  EXPECT_NE(std::string::npos, lines[0].find(" 2 inner "));
+  EXPECT_NE(std::string::npos, lines[1].find(" 7 outer "));
+  EXPECT_EQ((Lines{"inner", "outer value end"}), log.texts());
+}
+
+TEST(VarnLogging, ExpiryFlushesWhatNoLivingThreadHolds) {
+  FileLog log(9);
+  VarnLogging& l = log.log();
+  std::thread([&] {
+    l << "half a record";
+    VarnCriticalSectionRecoverFn(nullptr);  // as when a thread is cancelled
+  }).join();
+  VarnCollaborator source;
+  l.handleNotification(source, VarnNotification());
+  EXPECT_TRUE(eventually([&] { return log.texts().size() == 2; }));
+  EXPECT_EQ((Lines{"half a record",
+                   "VarnLogging::timerElapsed: called (NOTE: This message only appears and repeats "
+                   "when LogLevel = 9)"}),
+            log.texts());
+}

@@ -1,0 +1,105 @@
+#include "VarnSupport/VarnModule.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "TestTools.h"
+
+using namespace VarnSupport;
+
+namespace {
+
+std::string history;
+
+class Recorded : public ModuleData {
+ public:
+  explicit Recorded(char name) : ModuleData(false), m_cName(name) {}
+  void attach() override { history += m_cName; }
+  void detach() override { history += static_cast<char>(m_cName - 'a' + 'A'); }
+
+ private:
+  char m_cName;
+};
+
+}  // namespace
+
+TEST(VarnModule, NestedControlsAttachOldestFirstAndDetachNewestFirst) {
+  history.clear();
+  Recorded a('a');
+  Recorded b('b');
+  {
+    const ModuleDataControl outer;
+    EXPECT_EQ("ab", history);
+    Recorded late('c');
+    {
+      const ModuleDataControl inner;
+      EXPECT_EQ("abc", history);
+    }
+    EXPECT_EQ("abcC", history);
+    EXPECT_EQ(&late, ModuleData::m_pHead);
+  }
+  EXPECT_EQ("abcCBA", history);
+  EXPECT_EQ(&b, ModuleData::m_pHead);
+}
+
+TEST(VarnModule, AnAttachThatWalksTheRegistryIsNotRepeated) {
+  struct Nested : ModuleData {
+    Nested() : ModuleData(false) {}
+    void attach() override {
+      ++attached;
+      const ModuleDataControl control;
+    }
+    void detach() override { --attached; }
+    int attached = 0;
+  } nested;
+  {
+    const ModuleDataControl control;
+    EXPECT_EQ(1, nested.attached);
+  }
+  EXPECT_EQ(0, nested.attached);
+}
+
+TEST(VarnModule, AFailedAttachIsTriedAgain) {
+  struct Failing : ModuleData {
+    Failing() : ModuleData(false) {}
+    void attach() override {
+      if (++attempts == 1)
+        throw std::runtime_error("not yet");
+    }
+    void detach() override {}
+    int attempts = 0;
+  } failing;
+  EXPECT_THROW(ModuleData::entry(), std::runtime_error);
+  ModuleData::entry();
+  EXPECT_EQ(2, failing.attempts);
+  ModuleData::exit();
+}
+
+TEST(VarnModule, TheGlobalSectionIsPublishedAndCleared) {
+  EXPECT_NE(nullptr, g_pCriticalSection);
+  EXPECT_EQ(0, TestTools::runInChild([] {
+              VSUPTFinitVarnObjectBase();
+              const bool cleared = g_pCriticalSection == nullptr;
+              VSUPTInitVarnObjectBase();
+              const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
+              return cleared && g_pCriticalSection != nullptr ? 0 : 1;
+            }));
+}
+
+TEST(VarnModule, TimersEndWithTheLibraryAndDoNotComeBack) {
+  EXPECT_EQ(0, TestTools::runInChild([] {
+              g_ModuleData.detach();
+              g_ModuleData.attach();
+              VarnTimer timer(1000, true);
+              timer.reset();
+              timer.stop();
+              try {
+                VarnTimerManager::getInstance();
+              } catch (const VarnException& error) {
+                return error.getText() == "VarnTimerManager::getInstance: Exiting system" ? 0 : 1;
+              }
+              return 2;
+            }));
+}

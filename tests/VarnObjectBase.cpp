@@ -1,0 +1,166 @@
+#include "VarnSupport/VarnObjectBase.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "VarnSupport/VarnSupport.h"
+
+using namespace VarnSupport;
+
+namespace {
+
+class Counted : public VarnObjectBase {
+ public:
+  Counted() { ++alive; }
+  Counted(const Counted& source) : VarnObjectBase(source) { ++alive; }
+  Counted& operator=(const Counted&) = default;
+  ~Counted() override { --alive; }
+
+  VarnSmartPointer<Counted> next;
+  static int alive;
+};
+
+int Counted::alive = 0;
+
+using Pointer = VarnSmartPointer<Counted>;
+
+}  // namespace
+
+class Leaf : public VarnObjectBase {};
+
+TEST(VarnObjectBase, CountsAndDeletesAtZero) {
+  auto* const object = new Counted;
+  EXPECT_EQ(0, object->refCount());
+  EXPECT_EQ(1, object->addRef());
+  EXPECT_EQ(2, object->addRef());
+  EXPECT_EQ(1, object->release());
+  EXPECT_EQ(1, Counted::alive);
+  EXPECT_EQ(0, object->release());
+  EXPECT_EQ(0, Counted::alive);
+}
+
+TEST(VarnObjectBase, CopiesStartAtZeroAndAssignmentResets) {
+  Counted first;
+  first.addRef();
+  Counted copy(first);
+  EXPECT_EQ(0, copy.refCount());
+  copy.addRef();
+  const Counted& same = copy;
+  copy = same;
+  EXPECT_EQ(1, copy.refCount());
+  copy = first;
+  EXPECT_EQ(0, copy.refCount());
+  EXPECT_EQ(1, first.refCount());
+  EXPECT_EQ(16U, sizeof(VarnObjectBase));
+}
+
+TEST(VarnObjectBase, NamesOnlyTheDynamicClass) {
+  const Leaf leaf;
+  const VarnObjectBase& base = leaf;
+  EXPECT_EQ("Leaf", base.getClassName());
+  EXPECT_TRUE(base.isA("Leaf"));
+  EXPECT_FALSE(base.isA("VarnObjectBase"));
+  EXPECT_EQ("VarnSupport19VarnWorkInformationE", VarnWorkInformation().getClassName());
+}
+
+TEST(VarnObjectBase, NormalizesClassNames) {
+  const struct {
+    const char* raw;
+    const char* name;  // null: std::out_of_range
+  } cases[] = {
+      {"14VarnObjectBase", "VarnObjectBase"},
+      {"Q211VarnSupport14VarnObjectBase", "VarnSupport::VarnObjectBase"},
+      {"N11VarnSupport14VarnObjectBaseE", "VarnSupport14VarnObjectBaseE"},
+      {"Q_2_3Abc3Def", "Abc::Def"},
+      {"Q_3_1A2Bc3Def", "A::Bc::Def"},
+      {"Q5Abc", "Abc"},
+      {"Q23Abc", "Abc::"},
+      {"A", ""},
+      {"Q", ""},
+      {"Q_", nullptr},
+      {"", nullptr},
+      {"Q29Abc", nullptr},
+      {"Q_2000000000_3Abc", nullptr},
+      {"Q218446744073709551616Abc", nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.raw);
+    try {
+      const std::string name = VarnObjectBase::normalizeClassName(c.raw);
+      EXPECT_TRUE(c.name != nullptr && name == c.name) << name;
+    } catch (const std::out_of_range& error) {
+      EXPECT_EQ(nullptr, c.name);
+      EXPECT_EQ(0U, std::string(error.what()).find("basic_string::substr"));
+    }
+  }
+}
+
+TEST(VarnSmartPointer, SharesAndReleases) {
+  Pointer empty;
+  EXPECT_TRUE(empty == nullptr && !empty && empty.operator->() == nullptr);
+  {
+    auto* const raw = new Counted;
+    Pointer first(raw);
+    Pointer second(first);
+    EXPECT_EQ(2, raw->refCount());
+    first = second;
+    first = raw;
+    EXPECT_EQ(2, raw->refCount());
+    EXPECT_TRUE(first == second && first == raw && raw == first && first != nullptr);
+    EXPECT_FALSE(first < second || second < first || empty < first || first < empty);
+    Pointer moved(std::move(first));
+    EXPECT_EQ(3, raw->refCount());
+    second = nullptr;
+    EXPECT_EQ(2, raw->refCount());
+    EXPECT_EQ(raw, moved.getOwnership());
+    EXPECT_TRUE(moved == nullptr);
+    EXPECT_EQ(2, raw->refCount());
+    raw->release();
+  }
+  EXPECT_EQ(0, Counted::alive);
+  EXPECT_EQ(nullptr, empty.getOwnership());
+}
+
+TEST(VarnSmartPointer, MayBeAssignedFromTheObjectItReleases) {
+  Pointer head(new Counted);
+  head->next = new Counted;
+  head->next->next = new Counted;
+  head = head->next;
+  EXPECT_EQ(2, Counted::alive);
+  head = static_cast<Counted*>(head->next);
+  EXPECT_EQ(1, Counted::alive);
+  head = nullptr;
+  EXPECT_EQ(0, Counted::alive);
+}
+
+TEST(VarnSmartPointer, ADyingObjectMayAssignThePointerThatHeldIt) {
+  static Pointer holder;
+  struct Selfish : Counted {
+    ~Selfish() override { holder = new Counted; }
+  };
+  holder = new Selfish;
+  holder = nullptr;
+  EXPECT_EQ(1, Counted::alive);
+  holder = nullptr;
+  EXPECT_EQ(0, Counted::alive);
+}
+
+TEST(VarnSmartPointer, CountsHoldUnderManyThreads) {
+  const Pointer shared(new Counted);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&shared] {
+      for (int i = 0; i < 20000; ++i) {
+        const Pointer copy(shared);
+        Pointer other;
+        other = copy;
+      }
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(1, shared->refCount());
+}

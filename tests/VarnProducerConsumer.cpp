@@ -1,0 +1,166 @@
+#include "VarnSupport/VarnProducerConsumer.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestTools.h"
+#include "VarnSupport/VarnEventTimerThread.h"
+
+using namespace VarnSupport;
+using namespace TestTools;
+
+namespace {
+
+class Numbers : public VarnBaseSynchronizedQueue {
+ public:
+  void clear() override {
+    const VarnCriticalSection guard(getLock(), true);
+    m_vNumbers.clear();
+  }
+  void push(int number) {
+    const VarnCriticalSection guard(getLock(), true);
+    m_vNumbers.push_back(number);
+  }
+  bool pop(int& number) {
+    const VarnCriticalSection guard(getLock(), true);
+    if (m_vNumbers.empty())
+      return false;
+    number = m_vNumbers.front();
+    m_vNumbers.pop_front();
+    return true;
+  }
+
+ private:
+  std::deque<int> m_vNumbers;
+};
+
+class Work : public VarnBaseProducerConsumer {
+ public:
+  explicit Work(Numbers& numbers) : VarnBaseProducerConsumer(numbers), m_oNumbers(numbers) {}
+
+  void produce(int number) {
+    lockSyncMutex();
+    m_oNumbers.push(number);
+    setSyncEvent();
+    unlockSyncMutex();
+  }
+  // False when there is nothing more to come.
+  bool consume(int& number) {
+    lockSyncMutex();
+    bool found = m_oNumbers.pop(number);
+    while (!found && !isSentinel()) {
+      waitForSyncEvent();
+      found = m_oNumbers.pop(number);
+    }
+    unlockSyncMutex();
+    return found;
+  }
+
+ private:
+  Numbers& m_oNumbers;
+};
+
+const std::string kDestructor = "VarnEventTimerThread::~VarnEventTimerThread: ";
+
+class Ticker : public VarnEventTimerThread {
+ public:
+  explicit Ticker(VarnTimer& timer) : VarnEventTimerThread("ticker", timer) {}
+  ~Ticker() override { stop(); }
+  void onTimerEvent() override { ++ticks; }
+  std::atomic<int> ticks{0};
+};
+
+}  // namespace
+
+TEST(VarnProducerConsumer, ConsumersGetEveryItemOnceAndThenTheSentinel) {
+  Numbers numbers;
+  Work work(numbers);
+  std::atomic<long> sum{0};
+  std::atomic<int> count{0};
+  std::vector<std::thread> consumers;
+  for (int i = 0; i < 3; ++i)
+    consumers.emplace_back([&] {
+      for (int number = 0; work.consume(number);) {
+        sum += number;
+        ++count;
+      }
+    });
+  std::vector<std::thread> producers;
+  for (int p = 0; p < 2; ++p)
+    producers.emplace_back([&] {
+      for (int i = 1; i <= 1000; ++i)
+        work.produce(i);
+    });
+  for (std::thread& producer : producers)
+    producer.join();
+  work.produceSentinel(false);
+  for (std::thread& consumer : consumers)
+    consumer.join();
+  EXPECT_EQ(2000, count);
+  EXPECT_EQ(1001000, sum);
+}
+
+TEST(VarnProducerConsumer, TheSentinelMayClearTheQueue) {
+  FileLog log(9);
+  Numbers numbers;
+  Work work(numbers);
+  work.produce(1);
+  work.produceSentinel(false);
+  int number = 0;
+  EXPECT_TRUE(work.consume(number));
+  work.produce(2);
+  work.produceSentinel(true);
+  EXPECT_FALSE(work.consume(number));
+  const std::string prefix = "VarnBaseProducerConsumer::produceSentinel: ";
+  EXPECT_EQ((std::vector<std::string>{prefix + "waiting for lock", prefix + "adding sentinel",
+                                      prefix + "waiting for lock", prefix + "adding sentinel",
+                                      prefix + "clearing queue"}),
+            log.texts());
+}
+
+TEST(VarnEventTimerThread, RunsItsHandlerForEachSetUntilItIsStopped) {
+  VarnTimer timer;
+  Ticker ticker(timer);
+  ticker.start();
+  ticker.start();
+  EXPECT_TRUE(eventually([&] {
+    timer.set();
+    return ticker.ticks >= 3;
+  }));
+  ticker.stop();
+  const int ticks = ticker.ticks;
+  timer.set();
+  EXPECT_EQ(ticks, ticker.ticks);
+}
+
+TEST(VarnEventTimerThread, StopsAThreadThatHasHardlyStarted) {
+  VarnTimer timer;
+  for (int i = 0; i < 300; ++i) {
+    Ticker ticker(timer);
+    ticker.start();
+    if (i % 3 == 0)
+      std::this_thread::yield();
+    ticker.stop();
+    EXPECT_EQ(0, ticker.ticks);
+  }
+}
+
+TEST(VarnEventTimerThread, TracesItsEnd) {
+  FileLog log(9);
+  VarnTimer timer;
+  { const Ticker idle(timer); }
+  EXPECT_EQ((std::vector<std::string>{kDestructor + "entering", kDestructor + "exiting"}),
+            log.texts());
+  {
+    Ticker ticker(timer);
+    ticker.start();
+  }
+  const std::vector<std::string> texts = log.texts();
+  ASSERT_EQ(6U, texts.size());
+  EXPECT_EQ(kDestructor + "setting exit event", texts[2]);
+  EXPECT_EQ(kDestructor + "waiting for thread to exit", texts[3]);
+}

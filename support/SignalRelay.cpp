@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <mutex>
 
@@ -16,6 +17,7 @@ namespace {
 struct Route {
   std::atomic<SignalRelay::Routine> routine{nullptr};
   std::atomic<bool> pending{false};
+  std::int64_t expectedUntil = 0;  // monotonic milliseconds; 0: not expected; guarded by the mutex
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler uses it");
@@ -32,8 +34,6 @@ struct RelayState {
   bool running = false;
   pthread_t thread{};
   sigset_t callersMask{};
-  int laterSignal = 0;  // a routine to run without a signal; 0: none
-  timespec laterTime{};
 };
 
 constinit RelayState relay;
@@ -42,35 +42,52 @@ Route& routeOf(int signal) { return relay.routes[static_cast<std::size_t>(signal
 
 void onSignal(int signal) {
   const int savedErrno = errno;
-  if (!routeOf(signal).pending.exchange(true))
-    sem_post(&relay.semaphore);
+  SignalRelay::post(signal);
   errno = savedErrno;
 }
 
-bool isAfter(const timespec& left, const timespec& right) {
-  return left.tv_sec != right.tv_sec ? left.tv_sec > right.tv_sec : left.tv_nsec > right.tv_nsec;
-}
-
-// Waits for a signal, or for the time of a routine that is to run without one.
-void awaitWork() {
-  std::unique_lock guard(relay.mutex);
-  const int later = relay.laterSignal;
-  const timespec time = relay.laterTime;
-  guard.unlock();
-  if (later == 0) {
-    while (sem_wait(&relay.semaphore) != 0 && errno == EINTR) {
-    }
-    return;
-  }
-  while (sem_clockwait(&relay.semaphore, CLOCK_MONOTONIC, &time) != 0 && errno == EINTR) {
-  }
+std::int64_t monotonicMilliseconds() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  if (isAfter(time, now))
-    return;
-  guard.lock();
-  relay.laterSignal = 0;
-  routeOf(later).pending.store(true);
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// When the first signal that is expected counts as lost; 0 while none is expected.
+std::int64_t firstExpectation() {
+  const std::lock_guard guard(relay.mutex);
+  std::int64_t first = 0;
+  for (const Route& route : relay.routes) {
+    if (route.expectedUntil != 0 && (first == 0 || route.expectedUntil < first))
+      first = route.expectedUntil;
+  }
+  return first;
+}
+
+// Waits for a signal, or until one that is expected counts as lost.
+void awaitWork() {
+  const std::int64_t until = firstExpectation();
+  const timespec time{until / 1000, until % 1000 * 1000000};
+  int result = 0;
+  do {
+    result = until == 0 ? sem_wait(&relay.semaphore)
+                        : sem_clockwait(&relay.semaphore, CLOCK_MONOTONIC, &time);
+  } while (result != 0 && errno == EINTR);
+}
+
+// The signals, as bits, that have come, or have not come in time.
+std::uint32_t takeDue() {
+  const std::lock_guard guard(relay.mutex);
+  const std::int64_t now = monotonicMilliseconds();
+  std::uint32_t due = 0;
+  for (std::size_t signal = 0; signal < kSignals; ++signal) {
+    Route& route = relay.routes[signal];
+    const bool isLost = route.expectedUntil != 0 && route.expectedUntil <= now;
+    if (!route.pending.exchange(false) && !isLost)
+      continue;
+    route.expectedUntil = 0;
+    due |= std::uint32_t{1} << signal;
+  }
+  return due;
 }
 
 void* runRelay(void*) {
@@ -82,8 +99,9 @@ void* runRelay(void*) {
   pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
   while (true) {
     awaitWork();
+    const std::uint32_t due = takeDue();
     for (int signal = 1; signal < static_cast<int>(kSignals); ++signal) {
-      if (routeOf(signal).pending.exchange(false))
+      if ((due >> signal & 1) != 0)
         routeOf(signal).routine.load()(signal);
     }
   }
@@ -125,12 +143,17 @@ bool SignalRelay::ensureRunning() {
   return relay.running;
 }
 
-void SignalRelay::runLater(int signal, long seconds) {
+void SignalRelay::post(int signal) {
+  if (!routeOf(signal).pending.exchange(true))
+    sem_post(&relay.semaphore);
+}
+
+void SignalRelay::expectWithin(int signal, long milliseconds) {
   const std::lock_guard guard(relay.mutex);
-  clock_gettime(CLOCK_MONOTONIC, &relay.laterTime);
-  relay.laterTime.tv_sec += seconds;
-  relay.laterSignal = signal;
+  routeOf(signal).expectedUntil = monotonicMilliseconds() + milliseconds;
   startLocked();
+  if (!isRelayLocked())
+    sem_post(&relay.semaphore);  // it may be waiting for longer
 }
 
 void SignalRelay::rememberCallersMask() {
@@ -151,9 +174,10 @@ void SignalRelay::parentAfterFork() { relay.mutex.unlock(); }
 // A signal that the parent has noted is the parent's.
 void SignalRelay::childAfterFork() {
   relay.running = isRelayLocked();
-  relay.laterSignal = 0;
-  for (Route& route : relay.routes)
+  for (Route& route : relay.routes) {
     route.pending.store(false);
+    route.expectedUntil = 0;
+  }
   sem_init(&relay.semaphore, 0, 0);
   relay.mutex.unlock();
 }

@@ -23,9 +23,14 @@ class SignalRelay {
   // context. False when the system refuses a thread: signals are kept until a later call succeeds.
   static bool ensureRunning();
 
-  // Like ensureRunning(), and then runs the routine of `signal` after `seconds` without a signal: a
-  // child process has no interval timer, and one that it set would survive an exec.
-  static void runLater(int signal, long seconds);
+  // What the handler does, for a caller that has just sent the signal to the process: the routine
+  // runs even if the signal cannot be delivered.
+  static void post(int signal);
+
+  // Runs the routine of `signal` after that time unless the signal comes first. A lost signal
+  // delays the work and no more. In the child of a fork it stands in for the interval timer, which
+  // a child does not have and which, set there, would survive an exec.
+  static void expectWithin(int signal, long milliseconds);
 
   // The relay's own mask blocks all but the library's signals. Threads that it starts for user code
   // adopt a mask that a user's thread had: that of the last caller of rememberCallersMask().

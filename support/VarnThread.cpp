@@ -114,6 +114,7 @@ void leaveToReaper() {
   }
   SignalRelay::ensureRunning();
   kill(getpid(), SIGUSR2);
+  SignalRelay::post(SIGUSR2);
 }
 
 void reapExitThreads(int) {

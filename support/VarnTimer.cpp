@@ -25,6 +25,8 @@ namespace {
 // Differences below this between the wall clock and the monotonic one are drift, not a clock that
 // was set.
 constexpr std::time_t kClockStepSeconds = 2;
+// An expiry whose SIGALRM has not come after this long is handled without it.
+constexpr long kLostSignalMilliseconds = 1000;
 constexpr useconds_t kShutDownLookMicroseconds = 1000;
 constexpr int kShutDownLooks = 3000;
 
@@ -427,6 +429,7 @@ void VarnTimerManager::armLocked(bool inSignal) {
     SignalRelay::rememberCallersMask();
     state.armRequested = SignalRelay::ensureRunning();
     kill(getpid(), SIGUSR1);
+    SignalRelay::post(SIGUSR1);
   }
 }
 
@@ -451,6 +454,7 @@ void VarnTimerManager::setIntervalTimerLocked() {
   value.it_value.tv_sec = m_oNextExpiry.seconds;
   value.it_value.tv_usec = std::max(m_oNextExpiry.milliseconds, 0);
   setitimer(ITIMER_REAL, &value, nullptr);
+  SignalRelay::expectWithin(SIGALRM, m_oNextExpiry.seconds * 1000L + kLostSignalMilliseconds);
   m_pState->armedUntil = nextExpiryLocked();
 }
 
@@ -527,7 +531,7 @@ void ForkHandlers::renew(VarnTimerManager& manager) {
   state.users = t_nOwnUses;
   if (!manager.m_bBusy && !manager.m_vTimers.empty()) {
     const bool overdue = manager.isOverdueLocked();
-    SignalRelay::runLater(SIGALRM, overdue ? 0 : manager.m_oNextExpiry.seconds);
+    SignalRelay::expectWithin(SIGALRM, overdue ? 0 : manager.m_oNextExpiry.seconds * 1000L);
   }
 }
 

@@ -164,34 +164,42 @@ TEST(VarnService, ADaemonThatRefusesOrDiesMakesItsLauncherFail) {
   }
 }
 
-TEST(VarnService, ADaemonKeepsTimersLogAndReaping) {
+// The timer was started in the launching process.
+TEST(VarnService, ADaemonKeepsTimersAndReaping) {
   TempFolder folder;
   const std::string file = folder / "daemon";
   const pid_t launcher = startChild([&] {
-    VarnTimer before(1000, false);
-    before.reset();
-    struct Writer : VarnDependent {
+    VarnTimer timer(1000, false);
+    timer.reset();
+    Service service;
+    struct Ticks : VarnDependent {
       void handleNotification(VarnCollaborator&, const VarnNotification&) override {
         append(*file, "tick");
+        if (++count == 2)
+          service->stop();
       }
+      int count = 0;
       const std::string* file = nullptr;
-    } writer;
-    writer.file = &file;
-    Service service;
+      Service* service = nullptr;
+    } ticks;
+    ticks.file = &file;
+    ticks.service = &service;
     service.startHook = [&] {
-      append(file, std::to_string(getpid()));
-      before.addDependent(writer);
+      timer.addDependent(ticks);
       return true;
     };
     service.start("", true);
-    before.stopAndWait();
-    append(file, "returned");
+    timer.stopAndWait();
+    const bool reaped = eventually([] {
+      const VarnCriticalSection guard(g_exitThreadLock, true);
+      return g_vExitThreads.empty();
+    });
+    append(file, reaped ? "reaped" : "not reaped");
     return 0;
   });
   EXPECT_EQ(0, outcomeOf(launcher));
   EXPECT_TRUE(eventually([&] { return linesOf(file).size() >= 3; }));
-  kill(processIn(file), SIGTERM);
-  EXPECT_TRUE(eventually([&] { return linesOf(file).back() == "returned"; }));
+  EXPECT_EQ((std::vector<std::string>{"tick", "tick", "reaped"}), linesOf(file));
 }
 
 TEST(VarnServiceControl, RefusesEveryOperation) {

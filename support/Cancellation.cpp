@@ -16,32 +16,29 @@ void CancellationState::close() {
 }
 
 void CancellationState::open() {
-  if (--m_nClosures > 0)
+  const bool mayUnwind = m_nClosures == 1 && m_bRequested.load() && std::uncaught_exceptions() == 0;
+  openQuietly();
+  if (!mayUnwind)
     return;
-  if (std::uncaught_exceptions() > 0) {
-    ++m_nClosures;
-    openQuietly();
-    return;
-  }
-  if (m_bDeferred) {
-    m_bDeferred = false;
-    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
-  }
-  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+  // At a cancellation point, as only there the platform gives the thread its result. Nothing
+  // happens when the thread is unwinding already.
+  while (!m_bIssued.load())
+    sched_yield();
+  pthread_testcancel();
 }
 
+// Either this thread sees a request, or the requester sees that it is opening and waits; in the
+// second case the cancellation arrives after this function, like any other.
 void CancellationState::openQuietly() {
   if (--m_nClosures > 0)
     return;
-  // Either this thread sees the request, or the requester sees that it is opening and waits; in the
-  // second case the cancellation arrives after this function, like any other.
   m_bOpening.store(true);
   if (m_bRequested.load() && !m_bDeferred) {
     m_bDeferred = true;
     pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
   }
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-  m_bOpening.store(false);
+  m_bOpening.store(false, std::memory_order_release);
 }
 
 void CancellationState::enterBody() {
@@ -69,10 +66,12 @@ void CancellationState::leaveBlockingCall() {
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
 }
 
-void CancellationState::requestCancellation() noexcept {
+void CancellationState::cancel(pthread_t thread) {
   m_bRequested.store(true);
   while (m_bOpening.load())
     sched_yield();
+  pthread_cancel(thread);
+  m_bIssued.store(true);
 }
 
 NoCancellation::NoCancellation() noexcept {

@@ -11,11 +11,13 @@
 #ifndef SUPPORT_CANCELLATION_H
 #define SUPPORT_CANCELLATION_H
 
+#include <pthread.h>
+
 #include <atomic>
 
 namespace VarnSupport {
 
-// The cancellation of one library thread. Used by that thread, but for requestCancellation().
+// The cancellation of one library thread. Used by that thread, but for cancel().
 class CancellationState {
  public:
   // Cancellation is closed while any guard exists, and outside the body.
@@ -36,15 +38,16 @@ class CancellationState {
   void enterBlockingCall();
   void leaveBlockingCall();
 
-  // Called by another thread just before pthread_cancel(). Returns only when the thread is not in
-  // the middle of openQuietly(), so that what it decides there still holds.
-  void requestCancellation() noexcept;
+  // Cancels `thread`, whose state this is, from another thread. Does so only while the thread is
+  // not in the middle of opening, so that what it decides there still holds.
+  void cancel(pthread_t thread);
 
  private:
   int m_nClosures = 1;
   bool m_bInBody = false;
   bool m_bDeferred = false;
   std::atomic<bool> m_bRequested{false};
+  std::atomic<bool> m_bIssued{false};
   std::atomic<bool> m_bOpening{false};
 };
 

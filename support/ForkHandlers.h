@@ -4,7 +4,7 @@
 // is taken before the fork and given back on both sides. The two that may be held for long, across
 // calls of user code (the record lock of the log and the pass lock of the timers), are not waited
 // for: in the child they become free, and what the vanished thread had under way is dropped. Timers
-// go on in the child; threads do not.
+// go on in the child, but for those on the stacks of vanished threads; threads do not.
 #ifndef SUPPORT_FORKHANDLERS_H
 #define SUPPORT_FORKHANDLERS_H
 

@@ -123,8 +123,7 @@ void ThreadControl::cancel() {
   const std::lock_guard guard(m_oMutex);
   if (m_bEnded)
     return;
-  m_oCancellation.requestCancellation();
-  pthread_cancel(m_hThread);
+  m_oCancellation.cancel(m_hThread);
 }
 
 void ThreadControl::abandon() {

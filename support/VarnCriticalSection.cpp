@@ -240,10 +240,17 @@ void ForkHandlers::renew(VarnCriticalSectionObject& lock) {
   state.m_nCount = 0;
 }
 
+// The mutex tells, not the owner: a thread notes itself as the owner a moment after it has the
+// mutex.
 bool ForkHandlers::renewIfLost(VarnCriticalSectionObject& lock) {
   const auto* const shared = lock.m_pState.load();
-  if (shared == nullptr || (*shared)->m_hOwner == 0 || (*shared)->isHeldByCaller())
+  if (shared == nullptr || (*shared)->isHeldByCaller())
     return false;
+  pthread_mutex_t& mutex = (*shared)->m_oMutex;
+  if (pthread_mutex_trylock(&mutex) == 0) {
+    pthread_mutex_unlock(&mutex);
+    return false;
+  }
   renew(lock);
   return true;
 }

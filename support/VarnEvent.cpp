@@ -50,6 +50,13 @@ struct VarnEvent::State {
       pthread_cond_broadcast(&condition);
   }
 
+  bool isWaitedFor() {
+    pthread_mutex_lock(&mutex);
+    const bool waitedFor = sleepers > 0;
+    pthread_mutex_unlock(&mutex);
+    return waitedFor;
+  }
+
   bool waitSince(std::uint64_t ticket, const std::atomic<bool>* abandoned) {
     const auto hasChanged = [&] { return number.load(std::memory_order_acquire) != ticket; };
     for (int looks = 0; looks < kLooksBeforeSleeping && !hasChanged(); ++looks)
@@ -86,9 +93,11 @@ VarnEvent::VarnEvent() : m_pState(nullptr) {
   m_pState = new State;
 }
 
+// At exit threads may be waiting for an event that is static. They wait on, on memory that stays.
 VarnEvent::~VarnEvent() {
   const QuietCancellationGuard closed;
-  delete m_pState;
+  if (!m_pState->isWaitedFor())
+    delete m_pState;
 }
 
 void VarnEvent::addDependent(VarnDependent& dependent) { m_oDependents.addDependent(dependent); }

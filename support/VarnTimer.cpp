@@ -7,9 +7,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <mutex>
 #include <new>
 #include <optional>
+#include <utility>
 
 #include "BriefHold.h"
 #include "Cancellation.h"
@@ -110,6 +112,31 @@ constinit std::atomic<unsigned> Callback::ended{0};
 // the pass that it is called from.
 constinit thread_local int t_nOwnUses = 0;
 
+// True for an object on the stack of the calling thread, unless that is the main one: in a child of
+// a fork from another thread, such an object is gone.
+bool isOnThreadStack(const void* object) {
+  struct Stack {
+    Stack() {
+      if (gettid() == getpid())
+        return;
+      pthread_attr_t attributes;
+      if (pthread_getattr_np(pthread_self(), &attributes) != 0)
+        return;
+      void* lowest = nullptr;
+      std::size_t size = 0;
+      pthread_attr_getstack(&attributes, &lowest, &size);
+      pthread_attr_destroy(&attributes);
+      begin = static_cast<const char*>(lowest);
+      end = begin + size;
+    }
+    const char* begin = nullptr;
+    const char* end = nullptr;
+  };
+  static const thread_local Stack stack;
+  const std::less<const void*> before;
+  return !before(object, stack.begin) && before(object, stack.end);
+}
+
 // Coarse: no more than one tick of the system behind, and cheap.
 std::int64_t monotonicMilliseconds() {
   timespec now{};
@@ -130,6 +157,8 @@ struct VarnTimerManager::State {
   std::time_t clockOffset = 0;
   // A VarnTimerThread has been started and has not come to its pass.
   bool passRequested = false;
+  // Timers on the stacks of the threads that started them.
+  std::vector<std::pair<VarnTimer*, pthread_t>> stackTimers;
   // Passes under way and VarnTimerThreads; not guarded.
   std::atomic<int> users{0};
 };
@@ -295,6 +324,8 @@ void VarnTimerManager::addImpl(VarnTimer& timer) {
   const auto position =
       std::find_if(m_vTimers.begin(), m_vTimers.end(),
                    [&](const VarnTimer* other) { return timer.m_oDeadline <= other->m_oDeadline; });
+  if (isOnThreadStack(&timer))
+    m_pState->stackTimers.emplace_back(&timer, pthread_self());
   m_vTimers.insert(position, &timer);
   timer.m_bActive = true;
 }
@@ -387,7 +418,8 @@ VarnTimer* VarnTimerManager::takeDueLocked() {
 }
 
 void VarnTimerManager::unlinkLocked(VarnTimer& timer) {
-  m_vTimers.erase(std::remove(m_vTimers.begin(), m_vTimers.end(), &timer), m_vTimers.end());
+  std::erase_if(m_pState->stackTimers, [&](const auto& entry) { return entry.first == &timer; });
+  std::erase(m_vTimers, &timer);
   timer.m_bActive = false;
 }
 
@@ -525,6 +557,12 @@ void ForkHandlers::renew(VarnTimerManager& manager) {
   if (renewIfLost(manager.m_oPassLock))
     manager.m_bBusy = false;
   VarnTimerManager::State& state = *manager.m_pState;
+  std::erase_if(state.stackTimers, [&](const auto& entry) {
+    const bool isGone = pthread_equal(entry.second, pthread_self()) == 0;
+    if (isGone)
+      std::erase(manager.m_vTimers, entry.first);
+    return isGone;
+  });
   state.armedUntil = 0;
   state.armRequested = false;
   state.passRequested = false;

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +29,13 @@ constexpr std::chrono::seconds kGenerous{30};
 
 inline void sleepMs(int milliseconds) {
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+// Keeps the processor busy for a moment.
+inline void spin(unsigned turns) {
+  std::atomic<unsigned> turn{0};
+  while (turn < turns)
+    ++turn;
 }
 
 // Waits until `condition` holds, within a generous limit.

@@ -245,23 +245,24 @@ TEST(VarnThread, AKilledThreadFreesItsLocks) {
 }
 
 TEST(VarnThread, AThreadThatWaitsForAnEventCanBeKilled) {
-  VarnEvent event;
-  std::atomic<bool> started{false};
   struct Sleeper : VarnThread {
     int run() override {
-      *flag = true;
-      return event->wait(-1);
+      const VarnCriticalSection guard(lock, true);
+      started = true;
+      return event.wait(-1);
     }
-    VarnEvent* event = nullptr;
-    std::atomic<bool>* flag = nullptr;
+    VarnEvent event;
+    VarnCriticalSectionObject lock;
+    std::atomic<bool> started{false};
   } sleeper;
-  sleeper.event = &event;
-  sleeper.flag = &started;
   sleeper.start();
-  ASSERT_TRUE(eventually([&] { return started.load(); }));
+  ASSERT_TRUE(eventually([&] { return sleeper.started.load(); }));
   const pthread_t identifier = *static_cast<pthread_t*>(sleeper.getHandle());
   sleeper.kill();
-  EXPECT_EQ(0, pthread_join(identifier, nullptr));
+  void* result = nullptr;
+  EXPECT_EQ(0, pthread_join(identifier, &result));
+  EXPECT_EQ(PTHREAD_CANCELED, result);
+  EXPECT_EQ(0, sleeper.lock.lockCount());
 }
 
 TEST(VarnThread, EndsWithAllLocksFreeHoweverItEnds) {

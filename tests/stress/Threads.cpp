@@ -1,0 +1,210 @@
+// Waits racing thread ends, self-deletion by the thousand, cancellation, observers.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "TestTools.h"
+
+using namespace VarnSupport;
+using namespace TestTools;
+
+namespace {
+
+int entriesIn(const char* folder) {
+  int count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder))
+    ++count;
+  return count;
+}
+
+long residentKilobytes() {
+  for (const std::string& line : linesOf("/proc/self/status")) {
+    if (line.rfind("VmRSS:", 0) == 0)
+      return std::stol(line.substr(6));
+  }
+  return 0;
+}
+
+std::atomic<int> mortalsAlive{0};
+
+struct Mortal : VarnThread {
+  Mortal() : VarnThread("mortal") { ++mortalsAlive; }
+  ~Mortal() override { --mortalsAlive; }
+};
+
+bool areAllReaped() {
+  const VarnCriticalSection guard(g_exitThreadLock, true);
+  return mortalsAlive == 0 && g_vExitThreads.empty();
+}
+
+void runMortals(int count) {
+  for (int i = 0; i < count; ++i) {
+    auto* const thread = new Mortal;
+    thread->setMarkForDeath();
+    thread->start();
+    if (i % 200 == 199) {
+      ASSERT_TRUE(eventually(areAllReaped));
+    }
+  }
+  ASSERT_TRUE(eventually(areAllReaped));
+}
+
+// Ends after a moment that differs from thread to thread.
+struct Brief : VarnThread {
+  explicit Brief(unsigned turns) : VarnThread("brief"), m_nTurns(turns) {}
+  ~Brief() override { waitForThreadExit(); }
+  int run() override {
+    spin(m_nTurns);
+    return 0;
+  }
+
+ private:
+  unsigned m_nTurns;
+};
+
+// Takes and gives up locks for ever; has nothing to destroy, so that it can be cancelled anywhere.
+struct Locker : VarnThread {
+  VarnCriticalSectionObject* locks = nullptr;
+  std::atomic<bool>* started = nullptr;
+  __attribute__((no_sanitize_thread, no_sanitize_address)) int run() override {
+    started->store(true);
+    for (;;) {
+      locks[0].lock();
+      locks[1].lock();
+      locks[0].lock();
+      locks[0].unlock();
+      locks[0].unlock();
+      locks[1].unlock();
+    }
+  }
+};
+
+}  // namespace
+
+TEST(ThreadStress, WaitsRacingTheEndsOfThreads) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 1000; ++round) {
+    Brief thread(static_cast<unsigned>(random() % 20000));
+    thread.start();
+    const int result = thread.wait(1 + static_cast<int>(random() % 900));
+    ASSERT_TRUE(result == 0 || result == -2) << result;
+  }
+}
+
+TEST(ThreadStress, WaitsForAllAndForTheFirstOfSixteen) {
+  const auto end = Clock::now() + stressTime();
+  for (unsigned round = 0; Clock::now() < end; ++round) {
+    std::vector<std::unique_ptr<Brief>> threads;
+    std::vector<VarnThread*> pointers;
+    for (unsigned i = 0; i < 16; ++i) {
+      threads.push_back(std::make_unique<Brief>(2000000 + i * 100));
+      pointers.push_back(threads.back().get());
+      pointers.back()->start();
+    }
+    const bool all = round % 2 == 0;
+    const int result = VarnThread::wait(pointers, all, 20000);
+    ASSERT_TRUE(all ? result == 0 : result >= 0 && result < 16) << result;
+  }
+}
+
+TEST(ThreadStress, WaitsOverEventsThatAreSetMeanwhile) {
+  const auto end = Clock::now() + stressTime();
+  while (Clock::now() < end) {
+    std::array<VarnEvent, 4> events;
+    std::vector<VarnEvent*> pointers;
+    for (VarnEvent& event : events)
+      pointers.push_back(&event);
+    std::atomic<bool> stop{false};
+    std::thread setter([&] {
+      while (!stop) {
+        for (VarnEvent& event : events)
+          event.set();
+        std::this_thread::yield();
+      }
+    });
+    EXPECT_EQ(0, VarnEvent::wait(pointers, true, -1));
+    const int first = VarnEvent::wait(pointers, false, -1);
+    EXPECT_TRUE(first >= 0 && first < 4) << first;
+    stop = true;
+    setter.join();
+  }
+}
+
+TEST(ThreadStress, TenThousandSelfDeletingThreadsLeaveNothing) {
+  runMortals(500);
+  const int threads = entriesIn("/proc/self/task");
+  const int descriptors = entriesIn("/proc/self/fd");
+  const long memory = residentKilobytes();
+  runMortals(10000);
+  EXPECT_EQ(threads, entriesIn("/proc/self/task"));
+  EXPECT_EQ(descriptors, entriesIn("/proc/self/fd"));
+  EXPECT_TRUE(isInstrumented() || residentKilobytes() < memory + 2000);
+}
+
+// Cancelling instrumented code at any instruction is not supported by the instrumentation.
+TEST(ThreadStress, ThreadsKilledWhileTheyLockLeaveEveryLockFree) {
+  if (isInstrumented())
+    return;
+  const auto end = Clock::now() + stressTime();
+  std::array<VarnCriticalSectionObject, 2> locks;
+  for (int round = 0; Clock::now() < end; ++round) {
+    std::atomic<bool> started{false};
+    Locker locker;
+    locker.locks = locks.data();
+    locker.started = &started;
+    locker.start();
+    while (!started) {
+    }
+    spin(static_cast<unsigned>(round * 37 % 1000));
+    const pthread_t identifier = *static_cast<pthread_t*>(locker.getHandle());
+    locker.kill();
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(identifier, &result));
+    ASSERT_EQ(PTHREAD_CANCELED, result);
+    for (VarnCriticalSectionObject& lock : locks) {
+      ASSERT_TRUE(lock.testAndSet());
+      lock.unlock();
+    }
+  }
+}
+
+TEST(ThreadStress, ObserversComeAndGoDuringNotifications) {
+  struct Observer : VarnDependent {
+    void handleNotification(VarnCollaborator&, const VarnNotification&) override { ++calls; }
+    std::atomic<int> calls{0};
+  };
+  VarnCollaborator source;
+  std::array<Observer, 8> observers;
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (unsigned t = 0; t < 2; ++t) {
+    threads.emplace_back([&] {
+      while (!stop)
+        source.notify(VarnNotification());
+    });
+    threads.emplace_back([&, t] {
+      std::mt19937 random(t);
+      while (!stop) {
+        Observer& observer = observers[random() % observers.size()];
+        if (random() % 2 == 0)
+          source.addDependent(observer);
+        else
+          source.removeDependent(observer);
+      }
+    });
+  }
+  sleepMs(static_cast<int>(stressTime().count()) * 1000);
+  stop = true;
+  for (std::thread& thread : threads)
+    thread.join();
+  int calls = 0;
+  for (Observer& observer : observers)
+    calls += observer.calls;
+  EXPECT_GT(calls, 0);
+}

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/mman.h>
 
 #include <array>
 #include <atomic>
@@ -107,18 +108,30 @@ void* runRelay(void*) {
   }
 }
 
+// A stack of the relay's own: in the child of a fork, a new thread would otherwise stand on the
+// stack of a vanished one, where objects may still be registered.
+bool setOwnStack(pthread_attr_t& attributes) {
+  constexpr std::size_t kStackBytes = std::size_t{1} << 20;
+  void* const stack = mmap(nullptr, kStackBytes, PROT_READ | PROT_WRITE,
+                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+  return stack != MAP_FAILED && pthread_attr_setstack(&attributes, stack, kStackBytes) == 0;
+}
+
 // Starts the relay with every signal blocked, so that none of the program's handlers runs on it.
 void startLocked() {
   if (relay.running)
     return;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   sigset_t all;
   sigset_t previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
-  relay.running = pthread_create(&relay.thread, nullptr, runRelay, nullptr) == 0;
-  if (relay.running)
-    pthread_detach(relay.thread);
+  relay.running =
+      setOwnStack(attributes) && pthread_create(&relay.thread, &attributes, runRelay, nullptr) == 0;
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  pthread_attr_destroy(&attributes);
 }
 
 bool isRelayLocked() { return relay.running && pthread_equal(relay.thread, pthread_self()) != 0; }

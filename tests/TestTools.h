@@ -50,13 +50,17 @@ bool eventually(Condition condition, std::chrono::seconds limit = kGenerous) {
   return true;
 }
 
-inline bool isInstrumented() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  return true;
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
 #else
-  return false;
+constexpr bool kThreadSanitizer = false;
 #endif
-}
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kAddressSanitizer = true;
+#else
+constexpr bool kAddressSanitizer = false;
+#endif
+constexpr bool kInstrumented = kThreadSanitizer || kAddressSanitizer;
 
 // How long a stress test runs; VSUPT_STRESS_SECONDS lengthens all of them.
 inline std::chrono::seconds stressTime(int seconds = 2) {

@@ -14,7 +14,7 @@ using namespace TestTools;
 
 TEST(LogStress, RecordsOfManyThreadsAreWholeCompleteAndInOrder) {
   constexpr int kThreads = 8;
-  const int records = isInstrumented() ? 2000 : 12500;
+  const int records = kInstrumented ? 2000 : 12500;
   FileLog log(5);
   std::atomic<bool> stop{false};
   std::thread changer([&] {

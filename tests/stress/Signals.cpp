@@ -49,6 +49,17 @@ void beBusy(const std::atomic<bool>& stop, VarnCriticalSectionObject& lock, long
 }  // namespace
 
 TEST(SignalStress, AStormLosesNothingAndTimersGoOn) {
+  // Split off before there are threads, and told when to begin.
+  TempFolder folder;
+  const std::string begin = folder / "begin";
+  const pid_t target = getpid();
+  const pid_t outside = startChild([&] {
+    if (!eventually([&] { return !contentsOf(begin).empty(); }))
+      return 1;
+    sendStorm(target);
+    return 0;
+  });
+
   FileLog log(5);
   Counter ticks;
   VarnTimer periodic(1000, false);
@@ -62,12 +73,7 @@ TEST(SignalStress, AStormLosesNothingAndTimersGoOn) {
   for (int i = 0; i < 3; ++i)
     threads.emplace_back([&] { beBusy(stop, lock, turns); });
 
-  const pid_t target = getpid();
-  const pid_t outside = fork();
-  if (outside == 0) {
-    sendStorm(target);
-    _exit(0);
-  }
+  writeFile(begin, "now");
   std::thread inside([&] { sendStorm(target); });
   inside.join();
   EXPECT_EQ(0, outcomeOf(outside));

@@ -144,12 +144,12 @@ TEST(ThreadStress, TenThousandSelfDeletingThreadsLeaveNothing) {
   runMortals(10000);
   EXPECT_EQ(threads, entriesIn("/proc/self/task"));
   EXPECT_EQ(descriptors, entriesIn("/proc/self/fd"));
-  EXPECT_TRUE(isInstrumented() || residentKilobytes() < memory + 2000);
+  EXPECT_TRUE(kInstrumented || residentKilobytes() < memory + 2000);
 }
 
 // Cancelling instrumented code at any instruction is not supported by the instrumentation.
 TEST(ThreadStress, ThreadsKilledWhileTheyLockLeaveEveryLockFree) {
-  if (isInstrumented())
+  if (kInstrumented)
     return;
   const auto end = Clock::now() + stressTime();
   std::array<VarnCriticalSectionObject, 2> locks;

@@ -319,15 +319,9 @@ void VarnTimerManager::remove(VarnTimer& timer) {
 }
 
 void VarnTimerManager::addImpl(VarnTimer& timer) {
-  timer.m_oDeadline.seconds = static_cast<std::int32_t>(nowLocked() + timer.m_oInterval.seconds);
-  timer.m_oDeadline.milliseconds = timer.m_oInterval.milliseconds;
-  const auto position =
-      std::find_if(m_vTimers.begin(), m_vTimers.end(),
-                   [&](const VarnTimer* other) { return timer.m_oDeadline <= other->m_oDeadline; });
   if (isOnThreadStack(&timer))
     m_pState->stackTimers.emplace_back(&timer, pthread_self());
-  m_vTimers.insert(position, &timer);
-  timer.m_bActive = true;
+  insertLocked(timer);
 }
 
 void VarnTimerManager::reset(bool inSignal) {
@@ -409,12 +403,25 @@ VarnTimer* VarnTimerManager::takeDueLocked() {
     timer->m_bVisited = true;
     if (!(timer->m_oDeadline <= now))
       continue;
-    unlinkLocked(*timer);
-    if (!timer->m_bOneShot)
-      addImpl(*timer);
+    if (timer->m_bOneShot) {
+      unlinkLocked(*timer);
+    } else {
+      std::erase(m_vTimers, timer);
+      insertLocked(*timer);
+    }
     return timer;
   }
   return nullptr;
+}
+
+void VarnTimerManager::insertLocked(VarnTimer& timer) {
+  timer.m_oDeadline.seconds = static_cast<std::int32_t>(nowLocked() + timer.m_oInterval.seconds);
+  timer.m_oDeadline.milliseconds = timer.m_oInterval.milliseconds;
+  const auto position =
+      std::find_if(m_vTimers.begin(), m_vTimers.end(),
+                   [&](const VarnTimer* other) { return timer.m_oDeadline <= other->m_oDeadline; });
+  m_vTimers.insert(position, &timer);
+  timer.m_bActive = true;
 }
 
 void VarnTimerManager::unlinkLocked(VarnTimer& timer) {

@@ -122,6 +122,7 @@ class VSUPT_EXPORT VarnTimerManager {
   void startPassLocked() VSUPT_REQUIRES(m_oListLock);
   void setIntervalTimerLocked() VSUPT_REQUIRES(m_oListLock);
   std::int64_t nextExpiryLocked() const VSUPT_REQUIRES(m_oListLock);
+  void insertLocked(VarnTimer& timer) VSUPT_REQUIRES(m_oListLock);
   void unlinkLocked(VarnTimer& timer) VSUPT_REQUIRES(m_oListLock);
 
   VarnEvent m_oEvent;

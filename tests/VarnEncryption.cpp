@@ -1,0 +1,262 @@
+#include <VarnSupport/VarnEncryption.h>
+#include <VarnSupport/VarnException.h>
+#include <VarnSupport/VarnStringUtilities.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <stdexcept>
+#include <string>
+
+namespace VarnSupport {
+namespace {
+
+using std::string;
+
+constexpr auto kCodebook = VarnEncryption::STRENGTH_400;
+constexpr auto kChaining = VarnEncryption::STRENGTH_448;
+
+string fromHex(const string& hex) {
+  string bytes(hex.size() / 2, '\0');
+  VarnHexToBytes(bytes.data(), hex);
+  return bytes;
+}
+
+string toHex(const string& bytes) {
+  return VarnBytesToHex(bytes.data(), static_cast<int>(bytes.size()));
+}
+
+string encrypted(VarnEncryption& cipher, const string& key, const string& input) {
+  string output;
+  cipher.encryptData(key, input, output);
+  return output;
+}
+
+string decrypted(VarnEncryption& cipher, const string& key, const string& input) {
+  string output;
+  cipher.decryptData(key, input, output);
+  return output;
+}
+
+struct Vector {
+  const char* key;
+  const char* plain;
+  const char* cipher;
+};
+
+// Of the vectors that were published with the algorithm.
+const Vector kVectors[] = {
+    {"0000000000000000", "0000000000000000", "4EF997456198DD78"},
+    {"FFFFFFFFFFFFFFFF", "FFFFFFFFFFFFFFFF", "51866FD5B85ECB8A"},
+    {"3000000000000000", "1000000000000001", "7D856F9A613063F2"},
+    {"1111111111111111", "1111111111111111", "2466DD878B963C9D"},
+    {"0123456789ABCDEF", "1111111111111111", "61F9C3802281B096"},
+    {"1111111111111111", "0123456789ABCDEF", "7D0CC630AFDA1EC7"},
+    {"FEDCBA9876543210", "0123456789ABCDEF", "0ACEAB0FC6A0A28D"},
+    {"7CA110454A1A6E57", "01A1D6D039776742", "59C68245EB05282B"},
+    {"1C587F1C13924FEF", "305532286D6F295A", "55CB3774D13EF201"},
+    {"0101010101010101", "0123456789ABCDEF", "FA34EC4847B268B2"},
+    {"1F1F1F1F0E0E0E0E", "0123456789ABCDEF", "A790795108EA3CAE"},
+    {"E0FEE0FEF1FEF1FE", "0123456789ABCDEF", "C39E072D9FAC631D"},
+    {"0000000000000000", "FFFFFFFFFFFFFFFF", "014933E0CDAFF6E4"},
+    {"FFFFFFFFFFFFFFFF", "0000000000000000", "F21E9A77B71C49BC"},
+    {"0123456789ABCDEF", "0000000000000000", "245946885754369A"},
+    {"FEDCBA9876543210", "FFFFFFFFFFFFFFFF", "6B5C5A9C5D9E0A5A"},
+    // Keys of other lengths.
+    {"F0", "FEDCBA9876543210", "F9AD597C49DB005E"},
+    {"F0E1", "FEDCBA9876543210", "E91D21C1D961A6D6"},
+    {"F0E1D2C3B4", "FEDCBA9876543210", "B39E44481BDB1E6E"},
+    {"F0E1D2C3B4A59687", "FEDCBA9876543210", "E87A244E2CC85E82"},
+    {"F0E1D2C3B4A5968778695A4B3C2D1E0F", "FEDCBA9876543210", "93142887EE3BE15C"},
+    {"F0E1D2C3B4A5968778695A4B3C2D1E0F0011223344556677", "FEDCBA9876543210", "05044B62FA52D080"},
+};
+
+TEST(VarnEncryption, PublishedVectorsHold) {
+  VarnEncryption cipher(kCodebook);
+  for (const Vector& row : kVectors) {
+    const string key = fromHex(row.key);
+    EXPECT_EQ(row.cipher, toHex(encrypted(cipher, key, fromHex(row.plain)))) << row.key;
+    EXPECT_EQ(row.plain, toHex(decrypted(cipher, key, fromHex(row.cipher)))) << row.key;
+  }
+}
+
+TEST(VarnEncryption, ThePublishedChainHoldsFromItsInitialValue) {
+  const string key = fromHex("0123456789ABCDEFF0E1D2C3B4A59687");
+  const string plain("7654321 Now is the time for \0", 29);
+  VarnEncryption cipher(kCodebook);
+  cipher.initialize(key, 16, VarnEncryption::MODE_CBC, SBlock(0xFEDCBA98, 0x76543210));
+  string output(32, '?');
+  cipher.encryptData(key, plain, output);
+  EXPECT_EQ("6B77B4D63006DEE605B156E27403979358DEB9E7154616D959F1652BD5FF92CC", toHex(output));
+  EXPECT_EQ(plain + string(3, '\0'), decrypted(cipher, key, output));
+}
+
+// Block by block through the public cipher of one block.
+string reference(const string& key, const string& plain, bool chained) {
+  VarnEncryption cipher;
+  cipher.initialize(key, static_cast<unsigned>(key.size()), VarnEncryption::MODE_ECB, SBlock());
+  string text = plain;
+  text.resize(cipher.padInputBuf(plain));
+  SBlock running(0, 0);
+  for (std::size_t at = 0; at < text.size(); at += 8) {
+    auto* const bytes = reinterpret_cast<unsigned char*>(text.data() + at);
+    SBlock block;
+    cipher.bytesToBlock(bytes, block);
+    if (chained)
+      block ^= running;
+    cipher.encryptInternal(block);
+    cipher.blockToBytes(block, bytes);
+    running = block;
+  }
+  return text;
+}
+
+TEST(VarnEncryption, EverySizeGivesItsBlocksCutToTheInputsLength) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  const auto randomText = [&](std::size_t size) {
+    string text(size, '\0');
+    std::generate(text.begin(), text.end(), [&] { return static_cast<char>(random()); });
+    return text;
+  };
+  for (std::size_t size = 0; size <= 136; ++size) {
+    const string key = randomText(1 + random() % 80);
+    const string plain = randomText(size);
+    for (const auto strength : {kCodebook, kChaining}) {
+      VarnEncryption cipher(strength);
+      const string whole = reference(key, plain, strength == kChaining);
+      const string output = encrypted(cipher, key, plain);
+      ASSERT_EQ(toHex(whole.substr(0, size)), toHex(output)) << size;
+      string padded = plain;
+      padded.resize(whole.size());
+      ASSERT_EQ(toHex(padded), toHex(decrypted(cipher, key, whole))) << size;
+    }
+  }
+}
+
+TEST(VarnEncryption, ALongerOutputKeepsItsLengthAndItsTail) {
+  VarnEncryption cipher;
+  string output(20, '?');
+  cipher.encryptData("key", "abc", output);
+  EXPECT_EQ(reference("key", "abc", true) + string(12, '?'), output);
+  cipher.encryptData("key", "", output);
+  EXPECT_EQ(20U, output.size());
+}
+
+TEST(VarnEncryption, OnlyTheFirst72BytesOfAKeyCount) {
+  VarnEncryption cipher(kCodebook);
+  const string key = fromHex(string(144, '7'));
+  EXPECT_EQ(encrypted(cipher, key, "12345678"), encrypted(cipher, key + "more", "12345678"));
+  EXPECT_NE(encrypted(cipher, key, "12345678"), encrypted(cipher, "x" + key, "12345678"));
+}
+
+TEST(VarnEncryption, ArgumentsMayBeTheSameString) {
+  VarnEncryption cipher;
+  const string plain(64, 'p');
+  const string expected = reference("secret", plain, true);
+  string text = plain;
+  cipher.encryptData("secret", text, text);
+  EXPECT_EQ(expected, text);
+  string key = "secret";
+  cipher.encryptData(key, plain, key);
+  EXPECT_EQ(expected, key);
+  text = plain;
+  cipher.encryptData(text, text, text);
+  EXPECT_EQ(reference(plain, plain, true), text);
+}
+
+TEST(VarnEncryption, AnEmptyKeyIsAnErrorUnlessThereIsNothingToDo) {
+  VarnEncryption cipher;
+  string output;
+  string error;
+  EXPECT_TRUE(cipher.encryptDataImpl("", "", output, error));
+  EXPECT_TRUE(cipher.decryptDataImpl("key", "", output, error));
+  EXPECT_EQ("", output + error);
+  EXPECT_FALSE(cipher.decryptDataImpl("", "12345", output, error));
+  EXPECT_EQ("The key passed is empty", error);
+  EXPECT_EQ(string(5, '\0'), output);
+  try {
+    cipher.encryptData("", "12345", output);
+    FAIL();
+  } catch (const VarnInvalidEncryptionException& failure) {
+    EXPECT_EQ("VarnInvalidEncryptionException - The key passed is empty", failure.getText());
+  }
+}
+
+TEST(VarnEncryption, InitializeChecksKeyLengthAndMode) {
+  const SBlock zero(0, 0);
+  VarnEncryption chained(kChaining);
+  const auto mode = VarnEncryption::MODE_ECB;
+  EXPECT_THROW(chained.initialize("abc", 0, mode, zero), std::out_of_range);
+  EXPECT_THROW(chained.initialize("", 1, mode, zero), std::out_of_range);
+  EXPECT_THROW(chained.initialize("abc", 4, mode, zero), std::out_of_range);
+  EXPECT_NO_THROW(chained.initialize("abc", 2, mode, zero));
+  // A key that fills the key buffer alone is never read to its end.
+  EXPECT_THROW(chained.initialize(string(447, 'k'), 448, mode, zero), std::out_of_range);
+  EXPECT_NO_THROW(chained.initialize(string(448, 'k'), 1000, mode, zero));
+  VarnEncryption codebook(kCodebook);
+  EXPECT_THROW(codebook.initialize(string(399, 'k'), 1000, mode, zero), std::out_of_range);
+  EXPECT_NO_THROW(codebook.initialize(string(400, 'k'), 1000, mode, zero));
+  const auto wrongMode = static_cast<VarnEncryption::tMode>(2);
+  try {
+    codebook.initialize("abc", 3, wrongMode, zero);
+    FAIL();
+  } catch (const VarnInvalidEncryptionException& failure) {
+    EXPECT_EQ("VarnInvalidEncryptionException - The mode is not initialized properly",
+              failure.getText());
+  }
+  EXPECT_EQ(reference("abc", "12345678", false), encrypted(codebook, "abc", "12345678"));
+}
+
+TEST(VarnEncryption, SettingTheStrengthSetsModeAndChainingBack) {
+  const string plain(24, 'p');
+  VarnEncryption cipher(kCodebook);
+  cipher.initialize("k", 1, VarnEncryption::MODE_CBC, SBlock(1, 2));
+  cipher.setStrength(kChaining);
+  EXPECT_EQ(reference("k", plain, true), encrypted(cipher, "k", plain));
+  cipher.setStrength(static_cast<VarnEncryption::Strength>(7));
+  EXPECT_EQ(reference("k", plain, false), encrypted(cipher, "k", plain));
+}
+
+class Cautious : public VarnEncryption {
+ public:
+  Strength getStrength() const override { return STRENGTH_400; }
+  bool encryptDataImpl(const string&, const string&, string&, string& error) override {
+    error = "not today";
+    return false;
+  }
+};
+
+TEST(VarnEncryption, OverridesAreAsked) {
+  Cautious source;
+  string output;
+  try {
+    source.encryptData("key", "text", output);
+    FAIL();
+  } catch (const VarnInvalidEncryptionException& failure) {
+    EXPECT_EQ("VarnInvalidEncryptionException - not today", failure.getText());
+  }
+  EXPECT_EQ(VarnEncryption::STRENGTH_400, VarnEncryption(source).getStrength());
+}
+
+TEST(VarnEncryption, CopiesHaveModeChainingAndKeySchedule) {
+  VarnEncryption source(kCodebook);
+  source.initialize("key", 3, VarnEncryption::MODE_CBC, SBlock(1, 2));
+  VarnEncryption copy(source);
+  VarnEncryption assigned;
+  assigned = source;
+  SBlock block(3, 4);
+  source.encryptInternal(block);
+  for (VarnEncryption* other : {&copy, &assigned}) {
+    SBlock same(3, 4);
+    other->encryptInternal(same);
+    EXPECT_EQ(block.m_nLeft, same.m_nLeft);
+    other->decryptInternal(same);
+    EXPECT_EQ(4U, same.m_nRight);
+    EXPECT_EQ(encrypted(source, "k", string(16, 'p')), encrypted(*other, "k", string(16, 'p')));
+  }
+}
+
+}  // namespace
+}  // namespace VarnSupport

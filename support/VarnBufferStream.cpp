@@ -1,0 +1,160 @@
+#include "VarnSupport/VarnBufferStream.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <utility>
+
+#include "BriefHold.h"
+#include "Cancellation.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr std::uint64_t kLargest = std::numeric_limits<std::uint32_t>::max();
+
+unsigned char* duplicate(const void* bytes, std::uint32_t size) {
+  if (size == 0)
+    return nullptr;
+  void* const copy = std::malloc(size);
+  if (copy == nullptr)
+    throw std::bad_alloc();
+  std::memcpy(copy, bytes, size);
+  return static_cast<unsigned char*>(copy);
+}
+
+}  // namespace
+
+VarnBufferStream::VarnBufferStream(unsigned long growthStep)
+    : m_nGrowthStep(static_cast<std::uint32_t>(growthStep)) {
+  if (m_nGrowthStep == 0)
+    m_nGrowthStep = kDefaultGrowthStep;
+}
+
+VarnBufferStream::VarnBufferStream(const void* bytes, unsigned int size) : VarnBufferStream(size) {
+  const CancellationGuard closed;
+  if (bytes == nullptr || size < kHeaderSize)
+    return;
+  m_pBuffer = duplicate(bytes, size);
+  m_nEnd = size;
+  m_nCapacity = size;
+}
+
+VarnBufferStream::VarnBufferStream(const VarnBufferStream& source)
+    : VarnInputObjectStream(source), VarnOutputObjectStream(source) {
+  const CancellationGuard closed;
+  const BriefHold hold(source.m_oLock);
+  m_pBuffer = duplicate(source.m_pBuffer, source.m_nCapacity);
+  m_nEnd = source.m_nEnd.load();
+  m_nGrowthStep = source.m_nGrowthStep;
+  m_nCapacity = source.m_nCapacity;
+}
+
+VarnBufferStream& VarnBufferStream::operator=(const VarnBufferStream& source) {
+  if (this == &source)
+    return *this;
+  const CancellationGuard closed;
+  VarnBufferStream copy(source);
+  const BriefHold hold(m_oLock);
+  std::swap(m_pBuffer, copy.m_pBuffer);
+  m_nEnd = copy.m_nEnd.load();
+  m_nGrowthStep = copy.m_nGrowthStep;
+  m_nCapacity = copy.m_nCapacity;
+  return *this;
+}
+
+VarnBufferStream::~VarnBufferStream() {
+  const QuietCancellationGuard closed;
+  std::free(m_pBuffer);
+}
+
+void VarnBufferStream::reset() { m_nEnd.store(m_nReadPosition, std::memory_order_relaxed); }
+
+// The lock's state is made first: nothing can throw between closing and opening.
+unsigned VarnBufferStream::read(void* data, unsigned elementSize, unsigned count) {
+  m_oLock.init();
+  closeCancellation();
+  const unsigned moved = copyOut(data, elementSize, count, true);
+  openCancellation();
+  return moved;
+}
+
+unsigned VarnBufferStream::write(const void* data, unsigned elementSize, unsigned count) {
+  m_oLock.init();
+  closeCancellation();
+  const unsigned moved = append(data, elementSize, count);
+  openCancellation();
+  return moved;
+}
+
+unsigned VarnBufferStream::peek(void* data, unsigned elementSize, unsigned count) {
+  m_oLock.init();
+  closeCancellation();
+  const unsigned moved = copyOut(data, elementSize, count, false);
+  openCancellation();
+  return moved;
+}
+
+unsigned VarnBufferStream::copyOut(void* data, unsigned elementSize, unsigned count, bool remove) {
+  const std::uint64_t wanted = std::uint64_t{elementSize} * count;
+  const BriefHold hold(m_oLock);
+  // One look at the end: reset() may move it meanwhile.
+  const std::uint32_t end = m_nEnd.load(std::memory_order_relaxed);
+  const std::uint32_t unread = end - m_nReadPosition;
+  if (wanted > kLargest || wanted == 0 || unread == 0)
+    return 0;
+  const auto moved = static_cast<std::uint32_t>(std::min<std::uint64_t>(wanted, unread));
+  unsigned char* const front = m_pBuffer + m_nReadPosition;
+  std::memcpy(data, front, moved);
+  if (remove) {
+    if (moved < unread)
+      std::memmove(front, front + moved, unread - moved);
+    m_nEnd.store(end - moved, std::memory_order_relaxed);
+  }
+  return moved;
+}
+
+unsigned VarnBufferStream::append(const void* data, unsigned elementSize, unsigned count) {
+  const std::uint64_t added = std::uint64_t{elementSize} * count;
+  const BriefHold hold(m_oLock);
+  const std::uint32_t end = m_nEnd.load(std::memory_order_relaxed);
+  if (added > kLargest || (end + added > m_nCapacity && !growLocked(added, end + added)))
+    return 0;
+  if (added > 0)
+    std::memcpy(m_pBuffer + end, data, added);
+  m_nEnd.store(static_cast<std::uint32_t>(end + added), std::memory_order_relaxed);
+  return static_cast<std::uint32_t>(added);
+}
+
+// A whole number of steps, and more of them than the data alone needs: the first write also makes
+// room for the header.
+bool VarnBufferStream::growLocked(std::uint64_t added, std::uint64_t needed) {
+  const std::uint64_t step = m_nGrowthStep;
+  std::uint64_t capacity = m_nCapacity + (added / step + 1) * step;
+  if (capacity < needed)
+    capacity += (needed - capacity + step - 1) / step * step;
+  if (capacity > kLargest)
+    return false;
+  void* const grown = std::realloc(m_pBuffer, capacity);
+  if (grown == nullptr)
+    return false;
+  m_pBuffer = static_cast<unsigned char*>(grown);
+  m_nCapacity = static_cast<std::uint32_t>(capacity);
+  return true;
+}
+
+unsigned VarnBufferStream::size() const {
+  return m_nEnd.load(std::memory_order_relaxed) - m_nReadPosition;
+}
+
+void* VarnBufferStream::buffer() const {
+  const std::uint32_t unread = size();
+  if (m_pBuffer != nullptr)
+    std::memcpy(m_pBuffer, &unread, sizeof unread);
+  return m_pBuffer;
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,94 @@
+#include "VarnSupport/VarnObjectStream.h"
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <utility>
+
+#include "Cancellation.h"
+
+namespace VarnSupport {
+
+static_assert(sizeof(wchar_t) == 4 && sizeof(int) == 4 && sizeof(float) == 4 &&
+              sizeof(double) == 8);
+
+VarnObjectStream::~VarnObjectStream() = default;
+
+VarnInputObjectStream::~VarnInputObjectStream() = default;
+
+VarnInputObjectStream& VarnInputObjectStream::operator>>(long& value) {
+  std::int32_t low = 0;
+  if (read(&low, sizeof low, 1) == sizeof low)
+    value = low;
+  return *this;
+}
+
+VarnInputObjectStream& VarnInputObjectStream::operator>>(unsigned long& value) {
+  std::uint32_t low = 0;
+  if (read(&low, sizeof low, 1) == sizeof low)
+    value = low;
+  return *this;
+}
+
+unsigned VarnInputObjectStream::readLength() {
+  std::int16_t length = 0;
+  read(&length, sizeof length, 1);
+  return length > 0 ? static_cast<unsigned>(length) : 0;
+}
+
+VarnInputObjectStream& VarnInputObjectStream::operator>>(char*& text) {
+  const CancellationGuard closed;
+  const unsigned length = readLength();
+  if (length == 0)
+    return *this;
+  auto array = std::make_unique<char[]>(length + 1);
+  read(array.get(), sizeof(char), length);
+  text = array.release();
+  return *this;
+}
+
+VarnInputObjectStream& VarnInputObjectStream::operator>>(std::string& text) {
+  const CancellationGuard closed;
+  std::string characters(readLength(), '\0');
+  if (!characters.empty())
+    read(characters.data(), sizeof(char), static_cast<unsigned>(characters.size()));
+  text = std::move(characters);
+  return *this;
+}
+
+VarnInputObjectStream& VarnInputObjectStream::operator>>(std::wstring& text) {
+  const CancellationGuard closed;
+  std::wstring characters(readLength(), L'\0');
+  if (!characters.empty())
+    read(characters.data(), sizeof(wchar_t), static_cast<unsigned>(characters.size()));
+  text = std::move(characters);
+  return *this;
+}
+
+VarnOutputObjectStream::~VarnOutputObjectStream() = default;
+
+VarnOutputObjectStream& VarnOutputObjectStream::operator<<(const char* text) {
+  return characters(text, sizeof(char), text != nullptr ? std::strlen(text) : 0);
+}
+
+VarnOutputObjectStream& VarnOutputObjectStream::operator<<(const std::string& text) {
+  return characters(text.data(), sizeof(char), text.size());
+}
+
+VarnOutputObjectStream& VarnOutputObjectStream::operator<<(const std::wstring& text) {
+  return characters(text.data(), sizeof(wchar_t), text.size());
+}
+
+VarnOutputObjectStream& VarnOutputObjectStream::characters(const void* data, unsigned size,
+                                                           std::size_t count) {
+  if (count > std::numeric_limits<std::uint32_t>::max() / size)
+    return *this;
+  const auto length = static_cast<std::uint32_t>(count);
+  write(&length, sizeof length, 1);
+  if (length > 0)
+    write(data, size, length);
+  return *this;
+}
+
+}  // namespace VarnSupport

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Cancellation.h"
+#include "DelimiterSet.h"
 #include "VarnSupport/VarnException.h"
 
 namespace VarnSupport {
@@ -49,19 +50,6 @@ class ConversionBuffer {
  private:
   std::array<CharT, 512> m_aNear;
   std::vector<CharT> m_vFar;
-};
-
-// The delimiters that a NUL-terminated set holds, by byte value.
-class DelimiterSet {
- public:
-  explicit DelimiterSet(const char* delimiters) {
-    for (; *delimiters != '\0'; ++delimiters)
-      m_aHolds[static_cast<unsigned char>(*delimiters)] = true;
-  }
-  bool holds(char c) const { return m_aHolds[static_cast<unsigned char>(c)]; }
-
- private:
-  std::array<bool, 256> m_aHolds{};
 };
 
 // Appends the tokens of [text, end) and calls `ended` with each delimiter that ends one.

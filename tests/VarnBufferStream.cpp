@@ -80,16 +80,14 @@ TEST(VarnBufferStream, BehavesAsAVectorOfBytesWithASizeHeader) {
 }
 
 TEST(VarnBufferStream, HostileSizesMoveNothing) {
-  const struct {
-    unsigned elementSize, count;
-  } rows[] = {{UINT_MAX, UINT_MAX}, {0x10000, 0x10000}, {2, 0x80000001}, {0x80000001, 2}};
   VarnBufferStream stream;
   stream << 1 << 2;
   char byte = '?';
-  for (const auto& row : rows) {
-    EXPECT_EQ(0U, stream.write(&byte, row.elementSize, row.count)) << row.elementSize;
-    EXPECT_EQ(0U, stream.read(&byte, row.elementSize, row.count)) << row.elementSize;
-    EXPECT_EQ(0U, stream.peek(&byte, row.elementSize, row.count)) << row.elementSize;
+  for (const unsigned size : {UINT_MAX, 0x10000U, 0x80000001U}) {
+    const unsigned count = size == 0x80000001U ? 2 : size;
+    EXPECT_EQ(0U, stream.write(&byte, size, count)) << size;
+    EXPECT_EQ(0U, stream.read(&byte, size, count)) << size;
+    EXPECT_EQ(0U, stream.peek(&byte, count, size)) << size;
   }
   EXPECT_EQ(0U, stream.write(&byte, 1, UINT_MAX));       // does not fit behind what is there
   EXPECT_EQ(0U, stream.write(&byte, 1, UINT_MAX - 12));  // fits, but not in whole steps

@@ -1,0 +1,390 @@
+// Children are searched by halves while they are in key order. insert() can break the order, and so
+// can a change of a child's key, which its parents do not hear of: each such change, in any tree,
+// raises one number, and a node looks at the order of its children again when that number has
+// moved. Children out of order are searched one by one.
+//
+// The children are counted by hand. A smart pointer cannot be moved: shifting a list of them would
+// change every count under the global critical section.
+#include "VarnSupport/VarnTreeNode.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <optional>
+#include <typeinfo>
+#include <utility>
+
+#include "Cancellation.h"
+#include "DelimiterSet.h"
+#include "VarnSupport/VarnException.h"
+#include "VarnSupport/VarnLogging.h"
+#include "VarnSupport/VarnStringUtilities.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constinit std::atomic<std::uint64_t> keyChanges{1};
+
+// What the nodes that die on this thread leave behind, while the outermost of them clears up.
+constinit thread_local std::vector<VarnTreeNode*>* t_pOrphans
+    __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// Gives up one reference to each node. Nodes that die of it do not recurse, however deep they go.
+void releaseAll(std::vector<VarnTreeNode*> nodes) {
+  if (nodes.empty())
+    return;
+  if (t_pOrphans != nullptr) {
+    try {
+      t_pOrphans->insert(t_pOrphans->end(), nodes.begin(), nodes.end());
+      return;
+    } catch (const std::bad_alloc&) {
+      // Without memory for the list they are released from here.
+    }
+  }
+  std::vector<VarnTreeNode*>* const outer = std::exchange(t_pOrphans, &nodes);
+  while (!nodes.empty()) {
+    VarnTreeNode* const node = nodes.back();
+    nodes.pop_back();
+    node->release();
+  }
+  t_pOrphans = outer;
+}
+
+std::string_view withoutBlanks(std::string_view key) {
+  key.remove_prefix(std::min(key.find_first_not_of(' '), key.size()));
+  key.remove_suffix(key.size() - (key.find_last_not_of(' ') + 1));
+  return key;
+}
+
+// The keys of a path that is one text, split as VarnTokenizer() does, but without a copy of each.
+class TextPath {
+ public:
+  TextPath(const std::string& text, const char* delimiters)
+      : m_pAt(text.c_str()), m_oDelimiters(delimiters != nullptr ? delimiters : "") {}
+
+  // The next key, or nothing at the end.
+  std::optional<std::string_view> next() {
+    while (m_oDelimiters.holds(*m_pAt))
+      ++m_pAt;
+    const char* const begin = m_pAt;
+    while (*m_pAt != '\0' && !m_oDelimiters.holds(*m_pAt))
+      ++m_pAt;
+    if (m_pAt == begin)
+      return std::nullopt;
+    return withoutBlanks({begin, static_cast<std::size_t>(m_pAt - begin)});
+  }
+
+ private:
+  const char* m_pAt;
+  DelimiterSet m_oDelimiters;
+};
+
+// The keys of a path that is a list.
+class ListPath {
+ public:
+  explicit ListPath(const std::vector<std::string>& keys) : m_vKeys(keys) {}
+
+  std::optional<std::string_view> next() {
+    if (m_nUsed == m_vKeys.size())
+      return std::nullopt;
+    return withoutBlanks(m_vKeys[m_nUsed++]);
+  }
+  std::size_t used() const { return m_nUsed; }
+
+ private:
+  const std::vector<std::string>& m_vKeys;
+  std::size_t m_nUsed = 0;
+};
+
+// Any class with this in its run-time type name counts, wherever it stands; callers rely on it.
+bool isPlain(const VarnTreeNode& node) {
+  return std::strstr(typeid(node).name(), "VarnTreeNode") != nullptr;
+}
+
+bool printingIsOn() {
+  constexpr int tracing = 9;
+  const VarnLogging* const log = VarnLogging::getInstance();
+  return log != nullptr && log->getLogLevel() == tracing;
+}
+
+}  // namespace
+
+template class VarnSmartPointer<VarnTreeNode>;
+
+VarnTreeNode::VarnTreeNode() = default;
+
+VarnTreeNode::VarnTreeNode(const std::string& key) : m_sKey(key) {}
+
+VarnTreeNode::VarnTreeNode(const VarnTreeNode& source)
+    : VarnObjectBase(source),
+      VarnCollaborator(source),
+      m_vChildren(source.m_vChildren),
+      m_sKey(source.m_sKey),
+      m_nOrder(source.m_nOrder.load(std::memory_order_relaxed)) {
+  for (VarnTreeNode* const child : m_vChildren)
+    child->addRef();
+}
+
+VarnTreeNode& VarnTreeNode::operator=(const VarnTreeNode& source) {
+  if (this == &source)
+    return *this;
+  const CancellationGuard closed;
+  VarnTreeNode copy(source);
+  m_vChildren.swap(copy.m_vChildren);
+  m_sKey.swap(copy.m_sKey);
+  m_nOrder.store(copy.m_nOrder.load(std::memory_order_relaxed), std::memory_order_relaxed);
+  keyChanged();
+  return *this;
+}
+
+VarnTreeNode& VarnTreeNode::operator=(const std::string& key) {
+  setKey(key);
+  return *this;
+}
+
+VarnTreeNode::~VarnTreeNode() {
+  const QuietCancellationGuard closed;
+  releaseAll(std::move(m_vChildren));
+}
+
+void VarnTreeNode::setKey(const std::string& key) {
+  const CancellationGuard closed;
+  m_sKey = key;
+  keyChanged();
+}
+
+void VarnTreeNode::keyChanged() {
+  if (m_bIsChild.load(std::memory_order_relaxed))
+    keyChanges.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool VarnTreeNode::isSorted() const {
+  const std::uint64_t now = keyChanges.load(std::memory_order_relaxed);
+  std::uint64_t order = m_nOrder.load(std::memory_order_relaxed);
+  if (order >> 1 != now) {
+    const bool sorted = std::is_sorted(
+        m_vChildren.begin(), m_vChildren.end(),
+        [](const auto* left, const auto* right) { return left->m_sKey < right->m_sKey; });
+    order = now << 1 | (sorted ? 1 : 0);
+    m_nOrder.store(order, std::memory_order_relaxed);
+  }
+  return (order & 1) != 0;
+}
+
+// The position of the first child with this key, or the number of children.
+std::size_t VarnTreeNode::find(std::string_view key) const {
+  auto found = m_vChildren.begin();
+  if (isSorted()) {
+    found = std::lower_bound(
+        m_vChildren.begin(), m_vChildren.end(), key,
+        [](const auto* child, std::string_view wanted) { return child->m_sKey < wanted; });
+    if (found != m_vChildren.end() && (*found)->m_sKey != key)
+      found = m_vChildren.end();
+  } else {
+    found = std::find_if(m_vChildren.begin(), m_vChildren.end(),
+                         [&](const auto* child) { return child->m_sKey == key; });
+  }
+  return static_cast<std::size_t>(found - m_vChildren.begin());
+}
+
+// The position of the first child with a greater key, or the number of children.
+std::size_t VarnTreeNode::findPlaceFor(const std::string& key) const {
+  const auto isLess = [&](const std::string& wanted, const auto* child) {
+    return wanted < child->m_sKey;
+  };
+  const auto place = isSorted()
+                         ? std::upper_bound(m_vChildren.begin(), m_vChildren.end(), key, isLess)
+                         : std::find_if(m_vChildren.begin(), m_vChildren.end(),
+                                        [&](const auto* child) { return isLess(key, child); });
+  return static_cast<std::size_t>(place - m_vChildren.begin());
+}
+
+void VarnTreeNode::place(std::size_t position, VarnTreeNode* node) {
+  m_vChildren.insert(m_vChildren.begin() + static_cast<std::ptrdiff_t>(position), node);
+  node->addRef();
+  node->m_bIsChild.store(true, std::memory_order_relaxed);
+  const bool fits =
+      (position == 0 || m_vChildren[position - 1]->m_sKey <= node->m_sKey) &&
+      (position + 1 == m_vChildren.size() || node->m_sKey <= m_vChildren[position + 1]->m_sKey);
+  if (!fits)
+    m_nOrder.store(m_nOrder.load(std::memory_order_relaxed) & ~std::uint64_t{1},
+                   std::memory_order_relaxed);
+}
+
+void VarnTreeNode::remove(std::size_t position) {
+  const auto entry = m_vChildren.begin() + static_cast<std::ptrdiff_t>(position);
+  VarnTreeNode* const node = *entry;
+  m_vChildren.erase(entry);
+  node->release();
+}
+
+VarnSmartPointer<VarnTreeNode> VarnTreeNode::add(VarnSmartPointer<VarnTreeNode> node) {
+  const CancellationGuard closed;
+  if (node != nullptr)
+    place(findPlaceFor(node->m_sKey), node);
+  return node;
+}
+
+VarnSmartPointer<VarnTreeNode> VarnTreeNode::insert(int index,
+                                                    VarnSmartPointer<VarnTreeNode> node) {
+  const CancellationGuard closed;
+  if (index < 0 || static_cast<std::size_t>(index) > m_vChildren.size())
+    throw VarnException("VarnTreeNode::insert: index out of range", 0);
+  if (node != nullptr) {
+    place(static_cast<std::size_t>(index), node);
+    node->m_pParent = this;
+  }
+  return node;
+}
+
+VarnSmartPointer<VarnTreeNode> VarnTreeNode::operator[](int index) const {
+  const auto position = static_cast<std::size_t>(index);
+  assert(position < m_vChildren.size());
+  return m_vChildren[position];
+}
+
+VarnSmartPointer<VarnTreeNode> VarnTreeNode::getNode(const std::string& key) const {
+  const std::size_t position = find(key);
+  return position < m_vChildren.size() ? m_vChildren[position] : nullptr;
+}
+
+void VarnTreeNode::erase(const std::string& key) {
+  const CancellationGuard closed;
+  const std::size_t position = find(key);
+  if (position < m_vChildren.size())
+    remove(position);
+}
+
+void VarnTreeNode::erase(int index) {
+  const CancellationGuard closed;
+  if (index < 0 || static_cast<std::size_t>(index) >= m_vChildren.size())
+    throw VarnException("VarnTreeNode::erase: index out of range", 0);
+  remove(static_cast<std::size_t>(index));
+}
+
+VarnSmartPointer<VarnTreeNode> VarnTreeNode::add(VarnSmartPointer<VarnTreeNode> node,
+                                                 std::vector<std::string>& path) {
+  const CancellationGuard closed;
+  if (node != nullptr)
+    node = addPath(node, ListPath(path));
+  path.clear();
+  return node;
+}
+
+VarnSmartPointer<VarnTreeNode> VarnTreeNode::add(VarnSmartPointer<VarnTreeNode> node,
+                                                 const char* delimiters) {
+  const CancellationGuard closed;
+  if (node != nullptr)
+    node = addPath(node, TextPath(node->m_sKey, delimiters));
+  return node;
+}
+
+// Returns the node that stands at the end of the path. The path may lie in the node's own key.
+template <typename Path>
+VarnTreeNode* VarnTreeNode::addPath(VarnTreeNode* node, Path path) {
+  std::optional<std::string_view> key = path.next();
+  if (!key)
+    return node;
+  VarnTreeNode* parent = this;
+  while (const std::optional<std::string_view> following = path.next()) {
+    const std::size_t position = parent->find(*key);
+    if (position < parent->m_vChildren.size()) {
+      parent = parent->m_vChildren[position];
+    } else {
+      auto made = std::make_unique<VarnTreeNode>(std::string(*key));
+      parent->place(parent->findPlaceFor(made->m_sKey), made.get());
+      parent = made.release();
+    }
+    key = following;
+  }
+  const std::size_t position = parent->find(*key);
+  if (position == parent->m_vChildren.size()) {
+    node->setKey(std::string(*key));
+    parent->place(parent->findPlaceFor(node->m_sKey), node);
+    return node;
+  }
+  VarnTreeNode* const existing = parent->m_vChildren[position];
+  return isPlain(*existing) && existing != node ? parent->replace(existing, node) : existing;
+}
+
+// Puts `node` in the place of a child with the same key, whose children it gets instead of its own.
+VarnTreeNode* VarnTreeNode::replace(VarnTreeNode* existing, VarnTreeNode* node) {
+  const VarnSmartPointer<VarnTreeNode> kept(existing);
+  const std::string key(existing->m_sKey);
+  node->setKey(key);
+  std::vector<VarnTreeNode*> dropped = std::exchange(node->m_vChildren, {});
+  node->m_vChildren.swap(existing->m_vChildren);
+  node->m_nOrder.store(existing->m_nOrder.load(std::memory_order_relaxed),
+                       std::memory_order_relaxed);
+  remove(find(key));
+  place(findPlaceFor(key), node);
+  releaseAll(std::move(dropped));
+  return node;
+}
+
+VarnSmartPointer<VarnTreeNode> VarnTreeNode::getNode(std::vector<std::string>& path) const {
+  const CancellationGuard closed;
+  ListPath keys(path);
+  const VarnSmartPointer<VarnTreeNode> found(findPath(keys));
+  path.erase(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(keys.used()));
+  return found;
+}
+
+VarnSmartPointer<VarnTreeNode> VarnTreeNode::getNode(const std::string& path,
+                                                     const char* delimiters) const {
+  const CancellationGuard closed;
+  TextPath keys(path, delimiters);
+  return findPath(keys);
+}
+
+// Null for an empty path. Reads on up to the first key that is not found.
+template <typename Path>
+VarnTreeNode* VarnTreeNode::findPath(Path& path) const {
+  const VarnTreeNode* parent = this;
+  VarnTreeNode* found = nullptr;
+  while (const std::optional<std::string_view> key = path.next()) {
+    const std::size_t position = parent->find(*key);
+    if (position == parent->m_vChildren.size())
+      return nullptr;
+    found = parent->m_vChildren[position];
+    parent = found;
+  }
+  return found;
+}
+
+// The level is asked again for each node, which is printed with all below it or not at all.
+void VarnTreeNode::print(int indent) {
+  struct Printed {
+    const VarnTreeNode* node;
+    std::size_t children;
+  };
+  const CancellationGuard closed;
+  std::vector<Printed> path;
+  VarnTreeNode* node = this;
+  while (node != nullptr) {
+    if (printingIsOn()) {
+      node->printGuts(static_cast<int>(indent + std::ssize(path)));
+      path.push_back({node, 0});
+    }
+    node = nullptr;
+    while (node == nullptr && !path.empty()) {
+      Printed& last = path.back();
+      if (last.children < last.node->m_vChildren.size())
+        node = last.node->m_vChildren[last.children++];
+      else
+        path.pop_back();
+    }
+  }
+}
+
+void VarnTreeNode::printGuts(int indent) {
+  VarnLogRecord record(9);
+  for (int i = 0; i < indent && record; ++i)
+    record << "    ";
+  record << "VarnTreeNode::print: Key = " << m_sKey;
+}
+
+}  // namespace VarnSupport

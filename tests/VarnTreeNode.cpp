@@ -1,0 +1,237 @@
+#include <VarnSupport/VarnException.h>
+#include <VarnSupport/VarnLogging.h>
+#include <VarnSupport/VarnTreeNode.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace VarnSupport {
+namespace {
+
+using Node = VarnSmartPointer<VarnTreeNode>;
+using Path = std::vector<std::string>;
+
+Node make(const std::string& key) { return new VarnTreeNode(key); }
+
+// A class of its own, which keeps its place in a path.
+class Leaf : public VarnTreeNode {
+ public:
+  explicit Leaf(const std::string& key) : VarnTreeNode(key) {}
+  ~Leaf() override { ++destroyed; }
+  void printGuts(int indent) override { deepest = std::max(deepest, indent); }
+
+  static int destroyed;
+  static int deepest;
+};
+
+int Leaf::destroyed = 0;
+int Leaf::deepest = 0;
+
+// What print() logs at a level: the keys, each behind one point for every level of the tree.
+std::string print(VarnTreeNode& node, int indent = 0, int logLevel = 9) {
+  VarnLogging log("tree", VarnLogging::kToStandardOutput, logLevel);
+  VarnLogging::setInstance(log);
+  testing::internal::CaptureStdout();
+  node.print(indent);
+  std::istringstream records(testing::internal::GetCapturedStdout());
+  const std::string intro = "VarnTreeNode::print: Key = ";
+  std::string keys;
+  for (std::string record; std::getline(records, record);) {
+    EXPECT_NE(record.npos, record.find(" 9 Global "));
+    const std::size_t text = record.find("] ") + 2;
+    const std::size_t key = record.find(intro, text) + intro.size();
+    keys += std::string((key - intro.size() - text) / 4, '.') + record.substr(key) + ' ';
+  }
+  return keys;
+}
+
+// One node against a plain list of its children: in key order at first, then in any, while keys
+// change.
+TEST(VarnTreeNode, ChildrenStandAndAreFoundAsInAPlainList) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  const char* const keys[] = {"", "a", "aa", "ab", "b", "\x80", "\xff"};
+  VarnTreeNode root;
+  std::vector<Node> model;
+  for (int step = 0; step < 10000; ++step) {
+    if (step % 200 == 0) {
+      model.clear();
+      root = VarnTreeNode();
+    }
+    const std::string key = keys[random() % std::size(keys)];
+    const Node node = make(key);
+    const auto hasKey = [&](const Node& child) { return child->getKey() == key; };
+    const auto isGreater = [&](const Node& child) { return child->getKey() > key; };
+    const auto at = model.begin() + static_cast<std::ptrdiff_t>(random() % (model.size() + 1));
+    const auto first = std::find_if(model.begin(), model.end(), hasKey);
+    const auto choice = random() % (step % 200 < 120 ? 5 : 9);
+    if (choice < 3) {
+      model.insert(std::find_if(model.begin(), model.end(), isGreater), node);
+      ASSERT_EQ(node, root.add(node));
+    } else if (choice == 3) {
+      model.erase(first, first == model.end() ? first : first + 1);
+      root.erase(key);
+    } else if (choice == 4 && at != model.end()) {
+      root.erase(static_cast<int>(at - model.begin()));
+      model.erase(at);
+    } else if (choice == 5) {
+      ASSERT_EQ(node, root.insert(static_cast<int>(at - model.begin()), node));
+      model.insert(at, node);
+    } else if (choice == 6 && at != model.end()) {
+      (*at)->setKey(key);
+    } else if (choice == 7) {
+      root = VarnTreeNode(root);
+    }
+    for (std::size_t i = 0; i < model.size(); ++i)
+      ASSERT_EQ(model[i], root[static_cast<int>(i)]);
+    ASSERT_THROW(root.erase(static_cast<int>(model.size())), VarnException);
+    const auto found = std::find_if(model.begin(), model.end(), hasKey);
+    ASSERT_EQ(found != model.end() ? *found : Node(), root.getNode(key));
+  }
+}
+
+TEST(VarnTreeNode, APathMakesWhatIsMissingAndReplacesPlainNodes) {
+  VarnTreeNode root("root");
+  Path path = {" x ", "y"};
+  const Node deep = make("any");
+  EXPECT_EQ(deep, root.add(deep, path));
+  EXPECT_TRUE(path.empty());
+  EXPECT_EQ("root .x ..y ", print(root));
+  const Node replacement = make("  x//");
+  replacement->add(make("lost"));
+  EXPECT_EQ(replacement, root.add(replacement, "/"));
+  EXPECT_EQ("root .x ..y ", print(root));
+  EXPECT_EQ(replacement, root.getNode("x"));
+  EXPECT_EQ(deep, replacement->getNode("y"));
+  // The node that is there already stays, with what is below it.
+  EXPECT_EQ(replacement, root.add(replacement, "/"));
+  EXPECT_EQ("root .x ..y ", print(root));
+  // A replacement goes behind its equals.
+  const Node equal = root.add(make("x"));
+  const Node last = root.add(make("x"), "/");
+  EXPECT_EQ(equal, root[0]);
+  EXPECT_EQ(last, root[1]);
+}
+
+TEST(VarnTreeNode, ANodeOfAnotherClassKeepsItsPlace) {
+  VarnTreeNode root("root");
+  const Node leaf = root.add(new Leaf("x"));
+  const Node offered = make("x;");
+  EXPECT_EQ(leaf, root.add(offered, ";"));
+  EXPECT_EQ("x;", offered->getKey());
+  EXPECT_EQ(leaf, root.getNode("x"));
+}
+
+TEST(VarnTreeNode, PathsAreFoundKeyByKey) {
+  VarnTreeNode root("root");
+  root.add(make("a/b\t/c"), "/");
+  const struct {
+    Path path;
+    const char* found;
+    Path left;
+  } rows[] = {
+      {{"a"}, "a", {}},
+      {{"  a ", " b\t", "c "}, "c", {}},
+      {{"a", "b", "c"}, nullptr, {"c"}},
+      {{"A", "b\t"}, nullptr, {"b\t"}},
+      {{"a", "b\t", "c", "d"}, nullptr, {}},
+      {{}, nullptr, {}},
+      {{" "}, nullptr, {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::PrintToString(row.path));
+    Path path = row.path;
+    const Node found = root.getNode(path);
+    EXPECT_EQ(row.found == nullptr, found == nullptr);
+    EXPECT_TRUE(found == nullptr || found->getKey() == row.found);
+    EXPECT_EQ(row.left, path);
+  }
+  EXPECT_EQ("c", root.getNode("/a//b\t/c/", "/")->getKey());
+  EXPECT_EQ("c", root.getNode("a, b\t/c", "/,")->getKey());
+  EXPECT_TRUE(root.getNode("///", "/") == nullptr);
+  EXPECT_TRUE(root.getNode("a/b\t", nullptr) == nullptr);
+}
+
+TEST(VarnTreeNode, NothingIsAddedForNullAnEmptyPathOrAWrongIndex) {
+  VarnTreeNode root("root");
+  Path path;
+  const Node node = make("//");
+  EXPECT_EQ(node, root.add(node, path));
+  EXPECT_EQ(node, root.add(node, "/"));
+  path = {"x", "y"};
+  EXPECT_TRUE(root.add(Node(), path) == nullptr);
+  EXPECT_TRUE(root.add(Node()) == nullptr);
+  EXPECT_TRUE(root.insert(0, Node()) == nullptr);
+  EXPECT_THROW(root.insert(1, node), VarnException);
+  EXPECT_THROW(root.insert(-1, node), VarnException);
+  EXPECT_THROW(root.erase(-1), VarnException);
+  EXPECT_EQ("root ", print(root));
+}
+
+TEST(VarnTreeNode, ThreadsMayLookThingsUpAtOnce) {
+  VarnTreeNode root;
+  for (int i = 0; i < 100; ++i)
+    root.add(make(std::to_string(i) + "/leaf"), "/");
+  root[50]->setKey("changed");
+  const auto look = [&] {
+    for (int i = 0; i < 1000; ++i)
+      EXPECT_EQ("leaf", root.getNode("99/leaf", "/")->getKey());
+  };
+  const std::jthread first(look);
+  const std::jthread second(look);
+}
+
+TEST(VarnTreeNode, CopiesShareTheChildrenAndNothingElse) {
+  VarnTreeNode root("root");
+  root.add(make("a/b"), "/");
+  const Node target = make("target");
+  target->add(new Leaf("old"));
+  Leaf::destroyed = 0;
+  *target = root;
+  EXPECT_EQ(1, target->refCount());
+  EXPECT_EQ(1, Leaf::destroyed);
+  *target = "renamed";
+  VarnTreeNode copy(*target);
+  copy.erase("a");
+  root.getNode("a")->add(make("c"));
+  EXPECT_EQ("renamed .a ..b ..c ", print(*target));
+  EXPECT_EQ("renamed ", print(copy));
+}
+
+TEST(VarnTreeNode, PrintingNeedsLevelNineExactly) {
+  VarnTreeNode root("root");
+  root.add(make("a/b"), "/");
+  EXPECT_EQ("..root ...a ....b ", print(root, 2));
+  EXPECT_EQ("", print(root, 0, 8));
+  EXPECT_EQ("", print(root, 0, 12));
+}
+
+TEST(VarnTreeNode, DepthIsLimitedByMemoryAlone) {
+  constexpr int depth = 100000;
+  Leaf::destroyed = 0;
+  {
+    Leaf top("");
+    VarnTreeNode* last = &top;
+    for (int i = 0; i < depth; ++i)
+      last = last->add(new Leaf("k"));
+    print(top);
+    Path path(depth, "k");
+    EXPECT_EQ(last, top.getNode(path));
+    path.assign(depth, "other");
+    const Node end = top.add(make(""), path);
+    path.assign(depth, "other");
+    EXPECT_EQ(end, top.getNode(path));
+    EXPECT_EQ(0, Leaf::destroyed);
+  }
+  EXPECT_EQ(depth + 1, Leaf::destroyed);
+  EXPECT_EQ(depth, Leaf::deepest);
+}
+
+}  // namespace
+}  // namespace VarnSupport

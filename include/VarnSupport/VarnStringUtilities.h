@@ -7,6 +7,8 @@
 
 #include <cctype>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <cwctype>
 #include <functional>
 #include <locale>
@@ -22,17 +24,21 @@ namespace VarnSupport {
 // Both follow setlocale(): an order made under one locale does not hold under another.
 inline int foldCase(char c) {
   const int value = static_cast<signed char>(c);
-  return value < 0 ? value : std::tolower(value);
+  return value < 'A' ? value : std::tolower(value);  // no locale has capitals below the letters
 }
 inline std::wint_t foldCase(wchar_t c) { return std::towlower(static_cast<std::wint_t>(c)); }
 
 // Character traits whose comparing members look at folded characters.
 template <typename CharT>
-struct char_traits_ci : std::char_traits<CharT> {
+struct VSUPT_EXPORT char_traits_ci : std::char_traits<CharT> {
   static bool eq(CharT left, CharT right) { return foldCase(left) == foldCase(right); }
   static bool lt(CharT left, CharT right) { return foldCase(left) < foldCase(right); }
   static int compare(const CharT* left, const CharT* right, std::size_t length) {
-    for (std::size_t i = 0; i < length; ++i) {
+    constexpr std::size_t word = sizeof(std::uint64_t) / sizeof(CharT);
+    std::size_t i = 0;
+    while (length - i >= word && std::memcmp(left + i, right + i, sizeof(std::uint64_t)) == 0)
+      i += word;
+    for (; i < length; ++i) {
       if (left[i] == right[i])
         continue;
       const auto foldedLeft = foldCase(left[i]);

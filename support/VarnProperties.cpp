@@ -1,0 +1,393 @@
+#include "VarnSupport/VarnProperties.h"
+
+#include <algorithm>
+#include <functional>
+
+#include "BriefHold.h"
+#include "Cancellation.h"
+#include "PropertyFile.h"
+#include "ReferenceExpansion.h"
+#include "VarnSupport/VarnException.h"
+#include "VarnSupport/VarnLogging.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr int kEventLevel = 5;
+constexpr int kTraceLevel = 9;
+constexpr std::size_t kBlockCharacters = 32768;
+
+void logFile(const char* step, const std::string& fileName) {
+  if (VarnLogging::admits(kEventLevel))
+    VarnLogRecord(kEventLevel) << "VarnProperties<StringType>::" << step << fileName;
+}
+
+[[noreturn]] void throwUnopened(const char* operation, const std::string& fileName) {
+  throw VarnException(
+      std::string("VarnProperties<StringType>::") + operation + ": couldn't open file " + fileName,
+      0);
+}
+
+// The global level is exactly the trace level.
+bool isTracing() {
+  return VarnLogging::admits(kTraceLevel) && !VarnLogging::admits(kTraceLevel + 1);
+}
+
+// A line taken apart. There is no key when the line holds no property.
+template <typename StringType>
+struct Line {
+  using CharT = typename StringType::value_type;
+  using tView = std::basic_string_view<CharT>;
+  using tKey = std::basic_string_view<CharT, typename StringType::traits_type>;
+
+  Line(tView line, CharT separator);
+
+  static std::size_t positionOf(CharT separator, tView line);
+  static tView valueBehind(std::size_t position, tView line);
+
+  tKey key;
+  tView value;
+};
+
+template <typename StringType>
+Line<StringType>::Line(tView line, CharT separator) {
+  if (line.empty() || line.front() == CharT('#'))
+    return;
+  const std::size_t position = positionOf(separator, line);
+  key = tKey(line.data(), std::min(position, line.size()));
+  if (position != line.npos)
+    value = valueBehind(position, line);
+}
+
+// Case-insensitive sets find a separator in either case; what comes before the letters has but one.
+template <typename StringType>
+std::size_t Line<StringType>::positionOf(CharT separator, tView line) {
+  return separator < CharT('A') ? line.find(separator)
+                                : tKey(line.data(), line.size()).find(separator);
+}
+
+// The value ends at the line's first carriage return, or else at its first line feed. Where that
+// stands before the separator, it runs to the end of the line; callers rely on it.
+template <typename StringType>
+auto Line<StringType>::valueBehind(std::size_t position, tView line) -> tView {
+  std::size_t end = line.find(CharT('\r'));
+  if (end == line.npos)
+    end = line.find(CharT('\n'));
+  if (end > position)
+    line = line.substr(0, end);
+  return line.substr(std::min(line.find_first_not_of(CharT(' '), position + 1), line.size()));
+}
+
+}  // namespace
+
+template <typename StringType>
+VarnPropertyIterator<StringType>::~VarnPropertyIterator() = default;
+
+template <typename StringType>
+void VarnPropertyIterator<StringType>::process(const VarnPropertyIteratorParameter<StringType>&) {}
+
+template <typename StringType>
+VarnProperties<StringType>::VarnProperties(const VarnProperties& source)
+    : VarnObjectBase(source), VarnCollaborator(source) {
+  const CancellationGuard closed;
+  const BriefHold hold(source.m_oLock);
+  m_mapProperties = source.m_mapProperties;
+  m_bMultiValued = source.m_bMultiValued;
+}
+
+// Takes both locks in the order of their addresses: two sets may be assigned to each other.
+template <typename StringType>
+VarnProperties<StringType>& VarnProperties<StringType>::operator=(const VarnProperties& source) {
+  if (this == &source)
+    return *this;
+  const CancellationGuard closed;
+  tProperties properties;  // what was there goes after the locks
+  const bool lockedFirst = std::less<const VarnProperties*>()(this, &source);
+  const VarnCriticalSection first(lockedFirst ? m_oLock : source.m_oLock);
+  const VarnCriticalSection second(lockedFirst ? source.m_oLock : m_oLock);
+  properties = source.m_mapProperties;
+  properties.swap(m_mapProperties);
+  m_bMultiValued = source.m_bMultiValued;
+  return *this;
+}
+
+template <typename StringType>
+VarnProperties<StringType>::~VarnProperties() {
+  const QuietCancellationGuard closed;
+  m_mapProperties.clear();
+}
+
+template <typename StringType>
+StringType VarnProperties<StringType>::getProperty(const StringType& key) const {
+  const CancellationGuard closed;
+  {
+    const BriefHold hold(m_oLock);
+    const StringType* const value = firstValueLocked(key);
+    if (value != nullptr)
+      return *value;
+  }
+  throw VarnPropertyNotFound(key);
+}
+
+template <typename StringType>
+const StringType& VarnProperties<StringType>::getProperty(const StringType& key,
+                                                          const StringType& defaultValue) const {
+  const CancellationGuard closed;
+  const BriefHold hold(m_oLock);
+  const StringType* const value = firstValueLocked(key);
+  return value != nullptr ? *value : defaultValue;
+}
+
+template <typename StringType>
+bool VarnProperties<StringType>::getPropertyValue(const StringType& key, StringType& value) const {
+  const CancellationGuard closed;
+  const BriefHold hold(m_oLock);
+  const StringType* const found = firstValueLocked(key);
+  if (found == nullptr)
+    return false;
+  value = *found;
+  return true;
+}
+
+template <typename StringType>
+std::vector<StringType> VarnProperties<StringType>::getPropertyValues(const StringType& key) const {
+  const CancellationGuard closed;
+  const BriefHold hold(m_oLock);
+  const auto found = m_mapProperties.find(key);
+  return found != m_mapProperties.end() ? found->second : std::vector<StringType>();
+}
+
+template <typename StringType>
+auto VarnProperties<StringType>::getProperties() const -> tProperties {
+  const CancellationGuard closed;
+  const BriefHold hold(m_oLock);
+  return m_mapProperties;
+}
+
+template <typename StringType>
+std::size_t VarnProperties<StringType>::size() const {
+  const CancellationGuard closed;
+  const BriefHold hold(m_oLock);
+  return m_mapProperties.size();
+}
+
+template <typename StringType>
+void VarnProperties<StringType>::addProperty(const StringType& key, const StringType& value) {
+  if (key.empty())
+    return;
+  const CancellationGuard closed;
+  const BriefHold hold(m_oLock);
+  addLocked(key, tView(value.data(), value.size()));
+}
+
+template <typename StringType>
+void VarnProperties<StringType>::addProperty(const StringType& line, CharT separator) {
+  const CancellationGuard closed;
+  const Line<StringType> property(tView(line.data(), line.size()), separator);
+  const StringType key(property.key);
+  if (key.empty())
+    return;
+  const BriefHold hold(m_oLock);
+  addLocked(key, property.value);
+}
+
+template <typename StringType>
+void VarnProperties<StringType>::addPropertyforWSmanDA(const StringType& line) {
+  const CancellationGuard closed;
+  if (!line.empty() && line.front() != CharT('#'))
+    addProperty(line, StringType());
+}
+
+template <typename StringType>
+void VarnProperties<StringType>::setProperty(const StringType& key, const StringType& value) {
+  if (key.empty())
+    return;
+  const CancellationGuard closed;
+  const BriefHold hold(m_oLock);
+  const auto found = m_mapProperties.find(key);
+  if (found != m_mapProperties.end())
+    found->second.front() = value;
+  else
+    addLocked(key, tView(value.data(), value.size()));
+}
+
+template <typename StringType>
+void VarnProperties<StringType>::removeProperty(const StringType& key) {
+  const CancellationGuard closed;
+  const BriefHold hold(m_oLock);
+  m_mapProperties.erase(key);
+}
+
+template <typename StringType>
+void VarnProperties<StringType>::forEach(VarnPropertyIterator<StringType>& iterator) {
+  const CancellationGuard closed;
+  const tProperties properties = getProperties();
+  std::for_each(properties.begin(), properties.end(),
+                VarnPropertyIteratorFunctor<StringType>(iterator));
+}
+
+template <typename StringType>
+bool VarnProperties<StringType>::loadProperties(const std::string& fileName, CharT separator) {
+  const CancellationGuard closed;
+  if (!loadPropertiesImpl(fileName, separator))
+    throwUnopened("loadProperties", fileName);
+  return true;
+}
+
+template <typename StringType>
+bool VarnProperties<StringType>::loadPropertiesImpl(const std::string& fileName, CharT separator) {
+  const CancellationGuard closed;
+  logFile("loadProperties: from file ", fileName);
+  PropertyFileReader<CharT> file(fileName);
+  if (!file.isOpen()) {
+    logFile("loadProperties: couldn't open file ", fileName);
+    return false;
+  }
+  std::vector<tView> lines;
+  while (file.nextLines(lines))
+    addLines(lines, separator);
+  if (isTracing()) {
+    for (const auto& [name, values] : getProperties())
+      VarnLogRecord(kTraceLevel) << "DebugPrintProperty: " << name << "=" << values.front() << " ("
+                                 << values.front().size() << ")";
+  }
+  return true;
+}
+
+template <typename StringType>
+void VarnProperties<StringType>::loadProperties(const CharT** lines, int count, CharT separator) {
+  const CancellationGuard closed;
+  std::vector<tView> views;
+  views.reserve(static_cast<std::size_t>(std::max(count, 0)));
+  for (int i = 0; i < count; ++i) {
+    if (lines[i] != nullptr)
+      views.emplace_back(lines[i]);
+  }
+  addLines(views, separator);
+}
+
+template <typename StringType>
+void VarnProperties<StringType>::loadProperties(const std::vector<StringType>& lines,
+                                                CharT separator) {
+  const CancellationGuard closed;
+  std::vector<tView> views;
+  views.reserve(lines.size());
+  for (const StringType& line : lines)
+    views.emplace_back(line.data(), line.size());
+  addLines(views, separator);
+}
+
+template <typename StringType>
+bool VarnProperties<StringType>::saveProperties(const std::string& fileName) {
+  const CancellationGuard closed;
+  if (!savePropertiesImpl(fileName))
+    throwUnopened("saveProperties", fileName);
+  return true;
+}
+
+template <typename StringType>
+bool VarnProperties<StringType>::savePropertiesImpl(const std::string& fileName) {
+  const CancellationGuard closed;
+  logFile("saveProperties: to file ", fileName);
+  PropertyFileWriter file(fileName);
+  if (!file.isOpen()) {
+    logFile("saveProperties: couldn't open file ", fileName);
+    return false;
+  }
+  for (const StringType& block : blocksOfLines()) {
+    if (!file.write(tView(block.data(), block.size())))
+      break;
+  }
+  return true;
+}
+
+template <typename StringType>
+const StringType* VarnProperties<StringType>::firstValueLocked(const StringType& key) const {
+  const auto found = m_mapProperties.find(key);
+  return found != m_mapProperties.end() ? &found->second.front() : nullptr;
+}
+
+// Keys often come in order: the end is tried before the search.
+template <typename StringType>
+void VarnProperties<StringType>::addLocked(const StringType& key, tView value) {
+  const auto less = m_mapProperties.key_comp();
+  auto place = m_mapProperties.end();
+  if (!m_mapProperties.empty() && !less(std::prev(place)->first, key))
+    place = m_mapProperties.lower_bound(key);
+  if (place == m_mapProperties.end() || less(key, place->first)) {
+    std::vector<StringType> values;
+    values.emplace_back(value.data(), value.size());
+    m_mapProperties.emplace_hint(place, key, std::move(values));
+  } else if (m_bMultiValued) {
+    place->second.emplace_back(value.data(), value.size());
+  } else {
+    place->second.front().assign(value.data(), value.size());
+  }
+}
+
+// Adds lines in key order, which costs a sort but spares most of the search, and leaves neighbours
+// side by side in memory. Lines of one key keep their order.
+template <typename StringType>
+void VarnProperties<StringType>::addLines(const std::vector<tView>& lines, CharT separator) {
+  std::vector<Line<StringType>> properties;
+  properties.reserve(lines.size());
+  for (const tView line : lines)
+    properties.emplace_back(line, separator);
+  const auto byKey = [](const Line<StringType>& left, const Line<StringType>& right) {
+    return left.key < right.key;
+  };
+  if (!std::is_sorted(properties.begin(), properties.end(), byKey))
+    std::stable_sort(properties.begin(), properties.end(), byKey);
+  StringType key;
+  for (const Line<StringType>& property : properties) {
+    if (property.key.empty())
+      continue;
+    key = property.key;
+    const BriefHold hold(m_oLock);
+    addLocked(key, property.value);
+  }
+}
+
+// The lines of all properties, from one state of the set. Each block ends with a line: whoever
+// reads the file meanwhile, or finds it after the process was killed, sees whole lines.
+template <typename StringType>
+std::vector<StringType> VarnProperties<StringType>::blocksOfLines() const {
+  std::vector<StringType> blocks;
+  const BriefHold hold(m_oLock);
+  for (const auto& [key, values] : m_mapProperties) {
+    const StringType& value = values.front();
+    const std::size_t length = key.size() + value.size() + 2;
+    if (blocks.empty() || blocks.back().capacity() - blocks.back().size() < length)
+      blocks.emplace_back().reserve(std::max(length, kBlockCharacters));
+    StringType& block = blocks.back();
+    block += key;
+    block += CharT('=');
+    block += value;
+    block += CharT('\n');
+  }
+  return blocks;
+}
+
+template class VarnPropertyIterator<std::string>;
+template class VarnPropertyIterator<std::wstring>;
+template class VarnPropertyIterator<ci_string>;
+template class VarnPropertyIterator<ci_wstring>;
+template class VarnPropertyIteratorFunctor<std::string>;
+template class VarnPropertyIteratorFunctor<std::wstring>;
+template class VarnPropertyIteratorFunctor<ci_string>;
+template class VarnPropertyIteratorFunctor<ci_wstring>;
+template class VarnProperties<std::string>;
+template class VarnProperties<std::wstring>;
+template class VarnProperties<ci_string>;
+template class VarnProperties<ci_wstring>;
+
+std::string VarnExpandString(const std::string& text, VarnProperties<std::string>& properties) {
+  const CancellationGuard closed;
+  return expandReferences(text, [&](const std::string& name) {
+    std::string value;
+    return properties.getPropertyValue(name, value) ? value : environmentValue(name);
+  });
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,257 @@
+#include "VarnSupport/VarnProgramOptions.h"
+
+#include <algorithm>
+#include <climits>
+#include <string_view>
+#include <utility>
+
+#include "Cancellation.h"
+#include "VarnSupport/VarnException.h"
+#include "VarnSupport/VarnStringUtilities.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr std::size_t kMostTokens = INT_MAX - 1;
+
+enum class Declaration { None, WithoutData, WithData };
+
+[[noreturn]] void fail(const char* problem, std::string_view option) {
+  throw VarnException(std::string("VarnProgramOptions::parse: ").append(problem).append(option), 0);
+}
+
+// The name of an option ends at its first '='.
+std::string_view nameOf(std::string_view option) { return option.substr(0, option.find('=')); }
+
+// Looks for the name between colons, and with a '.' in front of the second one.
+Declaration declarationOf(std::string_view name, std::string_view longSpec) {
+  Declaration declaration = Declaration::None;
+  for (std::size_t begin = longSpec.find(name, 1); begin != longSpec.npos;
+       begin = longSpec.find(name, begin + 1)) {
+    const std::string_view rest = longSpec.substr(begin + name.size());
+    if (longSpec[begin - 1] != ':')
+      continue;
+    if (rest.substr(0, 1) == ":")
+      return Declaration::WithoutData;
+    if (rest.substr(0, 2) == ".:")
+      declaration = Declaration::WithData;
+  }
+  return declaration;
+}
+
+std::string programName(int argc, char** argv) {
+  const bool named = argc > 0 && argv != nullptr && argv[0] != nullptr;
+  return named ? std::string(argv[0]) : std::string();
+}
+
+}  // namespace
+
+// A token without quotes is but the simplest case.
+template <typename StringType>
+StringType VarnCmdLineTokenizer<StringType>::next() {
+  const CancellationGuard closed;
+  StringType token;
+  if (m_nPosition == kExhausted)
+    return token;
+  std::size_t position = m_nPosition;
+  std::size_t quote = m_sText.npos;  // where the section began
+  for (; position < m_sText.size(); ++position) {
+    const auto c = m_sText[position];
+    if (quote != m_sText.npos) {
+      const bool ends = c == m_sText[quote];
+      const bool doubled = ends && position + 1 < m_sText.size() && m_sText[position + 1] == c;
+      if (doubled)
+        ++position;
+      if (doubled || !ends)
+        token += c;
+      else
+        quote = m_sText.npos;
+    } else if (m_sQuotes.find(c) != m_sQuotes.npos) {
+      quote = position;
+    } else if (m_sDelimiters.find(c) != m_sDelimiters.npos) {
+      break;
+    } else {
+      token += c;
+    }
+  }
+  const std::size_t beginning = m_sText.find_first_not_of(m_sDelimiters, position);
+  m_nPosition = static_cast<unsigned int>(std::min<std::size_t>(beginning, kExhausted));
+  return token;
+}
+
+template class VarnCmdLineTokenizer<std::string>;
+
+VarnProgramOptions::VarnProgramOptions(int argc, char** argv, bool allowSlash) {
+  const CancellationGuard closed;
+  m_sName = programName(argc, argv);
+  parse(argc, argv, std::string(), std::string(), false, allowSlash);
+}
+
+VarnProgramOptions::VarnProgramOptions(int argc, char** argv, const std::string& shortSpec,
+                                       const std::string& longSpec, bool allowSlash) {
+  const CancellationGuard closed;
+  m_sName = programName(argc, argv);
+  parse(argc, argv, shortSpec, longSpec, true, allowSlash);
+}
+
+VarnProgramOptions::VarnProgramOptions(const std::string& commandLine, bool allowSlash) {
+  parse(commandLine, std::string(), std::string(), false, allowSlash);
+}
+
+VarnProgramOptions::VarnProgramOptions(const std::string& commandLine, const std::string& shortSpec,
+                                       const std::string& longSpec, bool allowSlash) {
+  parse(commandLine, shortSpec, longSpec, true, allowSlash);
+}
+
+VarnProgramOptions::VarnProgramOptions(const VarnProgramOptions& source) { *this = source; }
+
+VarnProgramOptions& VarnProgramOptions::operator=(const VarnProgramOptions& source) {
+  const CancellationGuard closed;
+  std::string name(source.m_sName);
+  std::deque<std::string> arguments(source.m_vArguments);
+  m_oOptions = source.m_oOptions;
+  m_sName.swap(name);
+  m_vArguments.swap(arguments);
+  m_nCursor = 0;
+  return *this;
+}
+
+void VarnProgramOptions::parse(int argc, char** argv, const std::string& shortSpec,
+                               const std::string& longSpec, bool validate, bool allowSlash) {
+  const CancellationGuard closed;
+  std::string option;
+  for (int i = 1; argv != nullptr && i < argc && argv[i] != nullptr; ++i) {
+    const char* const element = argv[i];
+    const char* const next = i + 1 < argc ? argv[i + 1] : nullptr;
+    if (element[0] != '-' && !(allowSlash && element[0] == '/')) {
+      m_vArguments.emplace_back(element);
+      continue;
+    }
+    const bool isLong = element[1] == '-';
+    option.assign(element + (isLong ? 2 : 1));
+    if (isLong)
+      longOption(option, longSpec, validate);
+    else if (!validate)
+      m_oOptions.addProperty(option, '=');
+    else if (singleOption(option, next, shortSpec, longSpec))
+      ++i;
+  }
+  m_nCursor = 0;
+}
+
+void VarnProgramOptions::parse(const std::string& commandLine, const std::string& shortSpec,
+                               const std::string& longSpec, bool validate, bool allowSlash) {
+  const CancellationGuard closed;
+  VarnCmdLineTokenizer<std::string> tokenizer(commandLine, " \t", "\"'");
+  std::vector<std::string> tokens;
+  while (!tokenizer.isExhausted() && tokens.size() < kMostTokens)
+    tokens.push_back(tokenizer.next());
+  std::vector<char*> elements(1, nullptr);
+  elements.reserve(tokens.size() + 1);
+  for (std::string& token : tokens)
+    elements.push_back(token.data());
+  parse(static_cast<int>(elements.size()), elements.data(), shortSpec, longSpec, validate,
+        allowSlash);
+}
+
+bool VarnProgramOptions::longOption(const std::string& option, const std::string& longSpec,
+                                    bool validate) {
+  const CancellationGuard closed;
+  if (validate) {
+    const std::string_view name = nameOf(option);
+    const Declaration declaration = declarationOf(name, longSpec);
+    if (declaration == Declaration::None)
+      fail("Unrecognized option: --", name);
+    if (declaration == Declaration::WithData)
+      return false;
+  }
+  m_oOptions.addProperty(option, '=');
+  return true;
+}
+
+const std::string& VarnProgramOptions::getArgument(unsigned int index) const {
+  const CancellationGuard closed;
+  if (index >= m_vArguments.size())
+    throw VarnException(std::string("VarnProgramOptions::getArgument: index out of bounds"), 0);
+  return m_vArguments[index];
+}
+
+bool VarnProgramOptions::nextArgument(std::string& argument) {
+  const CancellationGuard closed;
+  if (m_nCursor >= m_vArguments.size())
+    return false;
+  argument = m_vArguments[m_nCursor];
+  ++m_nCursor;
+  return true;
+}
+
+// Records an option with a single leading character, which is a long name or else a letter. True
+// when `next` is its data.
+bool VarnProgramOptions::singleOption(const std::string& option, const char* next,
+                                      const std::string& shortSpec, const std::string& longSpec) {
+  const Declaration declaration = declarationOf(nameOf(option), longSpec);
+  if (declaration == Declaration::WithoutData) {
+    m_oOptions.addProperty(option, '=');
+    return false;
+  }
+  std::string name = option;
+  if (declaration == Declaration::None) {
+    const char letter = option.c_str()[0];
+    name = std::string(1, letter);
+    const std::size_t declared = shortSpec.find(letter);
+    if (declared == std::string::npos)
+      fail("Unrecognized option: -", name);
+    const bool takesData = shortSpec.compare(declared + 1, 1, ":") == 0;
+    if (!takesData || option.size() > 1) {
+      m_oOptions.addProperty(name, takesData ? option.substr(1) : std::string());
+      return false;
+    }
+  }
+  if (next == nullptr)
+    fail("option data not available for: -", name);
+  m_oOptions.addProperty(name, std::string(next));
+  return true;
+}
+
+void VarnParseCommandLine(const std::string& commandLine, std::vector<std::string>& out) {
+  const CancellationGuard closed;
+  if (commandLine.empty())
+    return;
+  if (commandLine.find('"') == std::string::npos) {
+    VarnTokenizer(commandLine, " ", out);
+    return;
+  }
+  std::vector<std::string> found;
+  std::string token;      // what is gathered
+  std::size_t begin = 0;  // where the token begins in it
+  const auto endToken = [&] {
+    if (begin < token.size())
+      found.push_back(token.substr(begin));
+    token.clear();
+    begin = 0;
+  };
+  std::size_t position = 0;
+  while (position < commandLine.size()) {
+    const char c = commandLine[position];
+    if (c == ' ') {
+      endToken();
+      ++position;
+    } else if (c == '"') {
+      // The beginning moves by one, whether over this quote or over what stands before it.
+      ++begin;
+      const std::size_t closing = std::min(commandLine.find('"', position + 1), commandLine.size());
+      token.append(commandLine, position, closing - position);
+      position = closing + 1;
+    } else {
+      const std::size_t blank = std::min(commandLine.find(' ', position), commandLine.size());
+      token.append(commandLine, position, blank - position);
+      endToken();
+      position = blank;
+    }
+  }
+  endToken();
+  out = std::move(found);
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,165 @@
+#include "VarnSupport/VarnProgramOptions.h"
+
+#include <gtest/gtest.h>
+
+#include "VarnSupport/VarnException.h"
+
+namespace VarnSupport {
+namespace {
+
+using Words = std::vector<std::string>;
+
+// "name=value,value ... | argument ..."
+std::string shown(const VarnProgramOptions& options) {
+  std::string all;
+  for (const auto& [name, values] : options.getOptions().getProperties()) {
+    all += name;
+    for (const std::string& value : values)
+      all += (&value == &values.front() ? "=" : ",") + value;
+    all += ' ';
+  }
+  all += '|';
+  for (const std::string& argument : options.getArguments())
+    all += " " + argument;
+  return all;
+}
+
+struct Row {
+  const char* commandLine;
+  const char* shortSpec;
+  const char* longSpec;
+  const char* expected;  // or what is thrown, without its beginning
+};
+
+constexpr Row kUnvalidated[] = {
+    {"-f=a.txt -v input", "", "", "f=a.txt v= | input"},
+    {"-abc -x=5=6 --long=1 --flag a -x=7", "", "", "abc= flag= long=1 x=5=6,7 | a"},
+    {"-- - -=5 --=5 -#c --#c=1 - b", "", "", "| b"},
+    {"/v a/b", "", "", "| /v a/b"},
+    {"--x=\" 1\" -- \"\" '-q'", "", "", "q= x=1 | "},
+};
+
+constexpr Row kValidated[] = {
+    {"-o out in", "o:", ":x:", "o=out | in"},
+    {"-oout -o=1", "o:", "", "o=out,=1 |"},
+    {"-o", "o:", "", "option data not available for: -o"},
+    {"-xy -x", "x", "", "x=, |"},
+    {"-y", "x", "", "Unrecognized option: -y"},
+    {"-o -x", "o:x", "", "o=-x |"},
+    {"-:", "ab:c", "", ":= |"},
+    {"-file x y", "f", ":file.:", "file=x | y"},
+    {"-file=abc x", "", ":file.:", "file=abc=x |"},
+    {"-file", "", ":file.:", "option data not available for: -file"},
+    {"--file x", "", ":file.:", "| x"},
+    {"--file=y x", "", ":file.:", "| x"},
+    {"--file.", "", ":file.:", "file.= |"},
+    {"--help=yes -help --help", "", ":help:", "help=yes,, |"},
+    {"-h", "h", ":help:", "h= |"},
+    {"--hel", "", ":help:", "Unrecognized option: --hel"},
+    {"--help", "", "help:", "Unrecognized option: --help"},
+    {"--no=1", "", ":help:", "Unrecognized option: --no"},
+    {"--", "a", ":a:", "Unrecognized option: --"},
+    {"-", "a", ":a:", "Unrecognized option: -"},
+};
+
+std::string parsed(const std::string& commandLine, const Row& row, bool validate, bool allowSlash) {
+  try {
+    return shown(validate ? VarnProgramOptions(commandLine, row.shortSpec, row.longSpec, allowSlash)
+                          : VarnProgramOptions(commandLine, allowSlash));
+  } catch (const VarnException& failure) {
+    const std::string text = failure.getText();
+    EXPECT_EQ(text.rfind("VarnProgramOptions::parse: ", 0), 0u) << text;
+    return text.substr(text.find(": ") + 2);
+  }
+}
+
+TEST(VarnProgramOptions, CommandLinesBecomeOptionsAndArguments) {
+  for (const Row& row : kUnvalidated)
+    EXPECT_EQ(parsed(row.commandLine, row, false, false), row.expected) << row.commandLine;
+  for (const Row& row : kValidated) {
+    EXPECT_EQ(parsed(row.commandLine, row, true, false), row.expected) << row.commandLine;
+    const std::string line = row.commandLine;
+    for (std::size_t length = 0; length < line.size(); ++length)
+      parsed(line.substr(0, length), row, true, true);
+  }
+  EXPECT_EQ(parsed("/v /-w=1 -x / a", {}, false, true), "v= w=1 x= | a");
+}
+
+TEST(VarnProgramOptions, AnArgumentVectorGivesTheNameAndWhatWasReadBeforeAnErrorStays) {
+  std::string words[] = {"-program", "-a", "x y", "-o", "-"};
+  char* elements[] = {words[0].data(), words[1].data(), words[2].data(),
+                      words[3].data(), words[4].data(), nullptr};
+  VarnProgramOptions options(3, elements, "ao:", "", false);
+  EXPECT_EQ(options.getProgramName(), "-program");
+  EXPECT_EQ(shown(options), "a= | x y");
+  EXPECT_THROW(options.parse(6, elements, "o:", "", true, false), VarnException);
+  EXPECT_EQ(shown(options), "a= | x y");
+  options.parse(6, elements, "ao:", "", true, false);
+  EXPECT_EQ(shown(options), "a=, o=- | x y x y");
+  EXPECT_FALSE(options.longOption("file=1", ":file.:", true));
+  EXPECT_TRUE(options.longOption("file=1", "", false));
+  EXPECT_EQ(options.getOptions().getProperty("file"), "1");
+  EXPECT_EQ(VarnProgramOptions(0, nullptr, false).getProgramName(), "");
+  EXPECT_EQ(VarnProgramOptions(1, elements + 5, false).getProgramName(), "");
+}
+
+TEST(VarnProgramOptions, ArgumentsAreSteppedThroughAndStayWhereTheyAre) {
+  VarnProgramOptions options("-a one two", false);
+  const std::string& first = options.getArgument(0);
+  std::string argument;
+  EXPECT_TRUE(options.nextArgument(argument));
+  const VarnProgramOptions copy(options);
+  for (int i = 0; i < 1000; ++i)
+    options.parse(first, first, first, true, false);
+  EXPECT_EQ(options.getArgumentCount(), 1002u);
+  EXPECT_EQ(first, "one");
+  options = copy;
+  while (options.nextArgument(argument))
+    argument += "!";
+  EXPECT_EQ(argument, "two!");
+  EXPECT_EQ(shown(options), "a= | one two");
+  EXPECT_THROW(options.getArgument(2), VarnException);
+}
+
+TEST(VarnProgramOptions, TokensMayBeQuotedAnywhere) {
+  const std::pair<const char*, Words> cases[] = {
+      {"", {}},
+      {" ", {""}},
+      {" a", {"", "a"}},
+      {"a 'b c' \"d\"\"e\"", {"a", "b c", "d\"e"}},
+      {"a\t \tb ", {"a", "b"}},
+      {"x'y z'w \"it's\" 'say \"no\"'", {"xy zw", "it's", "say \"no\""}},
+      {"'' a''b \"open end", {"", "ab", "open end"}},
+      {"'a'''", {"a'"}},
+  };
+  for (const auto& [text, expected] : cases) {
+    VarnCmdLineTokenizer<std::string> tokenizer(text, " \t", "\"'");
+    Words tokens;
+    while (!tokenizer.isExhausted())
+      tokens.push_back(tokenizer.next());
+    EXPECT_EQ(tokens, expected) << text;
+    EXPECT_EQ(tokenizer.next(), "");
+  }
+}
+
+TEST(VarnProgramOptions, TheSimpleSplitterFollowsItsSteps) {
+  const std::pair<const char*, Words> cases[] = {
+      {"  a \t'b  c' ", {"a", "\t'b", "c'"}},
+      {"run \"a b\"c d", {"run", "a bc", "d"}},
+      {"\"a b\" \"\" \"end of", {"a b", "end of"}},
+      {"x\"y z\" \"\"a", {"x\"y", "z\"", "a"}},
+      {"\"a\"\"b\" \"cd\"\"e", {"\"b", "d\"e"}},
+      {"\"\"\"a\"", {"a"}},
+      {" \"", {}},
+  };
+  for (const auto& [text, expected] : cases) {
+    Words words{text};
+    VarnParseCommandLine(words[0], words);
+    EXPECT_EQ(words, expected) << text;
+    VarnParseCommandLine("", words);
+    EXPECT_EQ(words, expected);
+  }
+}
+
+}  // namespace
+}  // namespace VarnSupport

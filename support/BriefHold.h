@@ -10,6 +10,15 @@ namespace VarnSupport {
 // count references and make locks.
 VarnCriticalSectionObject& globalSection() noexcept;
 
+// pthread_self(), kept: it is asked for several times in every lock and unlock.
+extern constinit thread_local pthread_t t_hCallingThread
+    __attribute__((tls_model("initial-exec")));
+inline pthread_t callingThread() {
+  if (t_hCallingThread == 0)
+    t_hCallingThread = pthread_self();
+  return t_hCallingThread;
+}
+
 // Excludes other threads from a critical section without entering it on the caller's list of held
 // locks: half the price of lock() and unlock().
 // Requires: cancellation is closed, so that no recovery can need the entry; nothing but plain data
@@ -18,7 +27,7 @@ class VSUPT_SCOPED_CAPABILITY BriefHold {
  public:
   explicit BriefHold(VarnCriticalSectionObject& object) VSUPT_ACQUIRE(object)
       : m_pLock(&object.state()) {
-    if (m_pLock->isHeldByCaller())
+    if (m_pLock->m_hOwner.load(std::memory_order_relaxed) == callingThread())
       m_pLock = nullptr;
     else
       pthread_mutex_lock(&m_pLock->m_oMutex);

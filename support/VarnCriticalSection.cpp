@@ -32,6 +32,8 @@ constinit pthread_key_t LockThreadStorage::m_mutexListKey = 0;
 constinit bool LockThreadStorage::m_keyCreated = false;
 LockThreadStorage g_lockThreadStorage;
 
+constinit thread_local pthread_t t_hCallingThread __attribute__((tls_model("initial-exec"))) = 0;
+
 VarnCriticalSectionObject& globalSection() noexcept { return theGlobalSection.value; }
 
 int LockBase::addRef() { return raiseCountAtomically(); }
@@ -55,13 +57,13 @@ LockImplementation::~LockImplementation() {
 
 // Only the calling thread can make the owner equal to itself, so the test needs no lock.
 bool LockImplementation::isHeldByCaller() const {
-  return m_hOwner.load(std::memory_order_relaxed) == pthread_self();
+  return m_hOwner.load(std::memory_order_relaxed) == callingThread();
 }
 
 // Books the mutex, just acquired, as the newest lock of the calling thread.
 void LockImplementation::take() {
   m_nCount.store(0, std::memory_order_relaxed);
-  m_hOwner.store(pthread_self(), std::memory_order_relaxed);
+  m_hOwner.store(callingThread(), std::memory_order_relaxed);
   LockImplementation* const newest = newestLockOfThread();
   if (newest != nullptr)
     newest->m_pNewer = this;

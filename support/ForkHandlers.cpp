@@ -28,6 +28,7 @@ void ForkHandlers::prepare() {
   prepareThreads();
   prepareTimers();
   prepareLog();
+  prepareLocalTime();
   SignalRelay::prepareFork();
   globalSection().lock();
 }
@@ -40,6 +41,7 @@ void ForkHandlers::release(tSide side) {
     SignalRelay::childAfterFork();
   else
     SignalRelay::parentAfterFork();
+  releaseLocalTime();
   releaseLog(side);
   releaseTimers(side);
   releaseThreads(side);

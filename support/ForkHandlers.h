@@ -39,6 +39,8 @@ class ForkHandlers {
   static void releaseTimers(tSide side) VSUPT_UNCHECKED;
   static void prepareLog();
   static void releaseLog(tSide side);
+  static void prepareLocalTime();
+  static void releaseLocalTime();
 
   // For the child: frees what another thread held, or was changing, when the process forked.
   static void renew(VarnCriticalSectionObject& lock);

@@ -15,6 +15,7 @@
 
 #include "Cancellation.h"
 #include "ForkHandlers.h"
+#include "LocalTime.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLocaleFactory.h"
 
@@ -41,9 +42,8 @@ class SecondText {
     m_nSecond = second;
     m_bZoneSet = zone != nullptr;
     m_sZone = zone != nullptr ? zone : "";
-    tzset();
     std::tm time{};
-    localtime_r(&second, &time);
+    toLocalTime(second, time);
     const int length = std::snprintf(m_aText.data(), m_aText.size(), "%04d%02d%02d_%02d:%02d:%02d",
                                      time.tm_year + 1900, time.tm_mon + 1, time.tm_mday,
                                      time.tm_hour, time.tm_min, time.tm_sec);

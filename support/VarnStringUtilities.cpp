@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <utility>
@@ -70,12 +71,14 @@ void splitTokens(CharT* text, CharT* end, const DelimiterSet& delimiters,
   }
 }
 
-unsigned nibble(char digit) {
-  int value = static_cast<signed char>(digit);
-  if (value >= 'a')
-    value -= 0x20;
-  return static_cast<unsigned>(value < 'A' ? value - '0' : value - 'A' + 10);
+// Hexadecimal digits in arithmetic of eight bits, which the compiler turns into vectors.
+std::uint8_t nibbleOf(char digit) {
+  const auto value = static_cast<signed char>(digit);
+  const auto upper = static_cast<signed char>(value >= 'a' ? value - 0x20 : value);
+  return static_cast<std::uint8_t>(upper < 'A' ? upper - '0' : upper - 'A' + 10);
 }
+
+char digitOf(unsigned nibble) { return static_cast<char>(nibble + (nibble < 10 ? '0' : 'A' - 10)); }
 
 }  // namespace
 
@@ -195,20 +198,21 @@ std::string VarnExtractFirstString(const std::string& line, std::string& rest) {
 
 int VarnHexToBytes(char* out, const std::string& hex) {
   const std::size_t count = std::min<std::size_t>(hex.size() / 2, INT_MAX);
+  const char* const digits = hex.data();
   for (std::size_t i = 0; i < count; ++i)
-    out[i] = static_cast<char>(nibble(hex[2 * i]) << 4 | nibble(hex[2 * i + 1]));
+    out[i] = static_cast<char>(nibbleOf(digits[2 * i]) << 4 | nibbleOf(digits[2 * i + 1]));
   return static_cast<int>(count);
 }
 
 std::string VarnBytesToHex(const char* bytes, int length) {
-  static constexpr char digits[] = "0123456789ABCDEF";
   const CancellationGuard closed;
   const std::size_t count = length > 0 ? static_cast<std::size_t>(length) : 0;
   std::string hex(2 * count, '\0');
+  char* const digits = hex.data();
   for (std::size_t i = 0; i < count; ++i) {
     const auto byte = static_cast<unsigned char>(bytes[i]);
-    hex[2 * i] = digits[byte >> 4];
-    hex[2 * i + 1] = digits[byte & 0x0F];
+    digits[2 * i] = digitOf(byte >> 4);
+    digits[2 * i + 1] = digitOf(byte & 0x0F);
   }
   return hex;
 }

@@ -23,7 +23,9 @@ namespace VarnSupport {
 // 0x80 to 0xFF stay as they are, negative, and so order before ASCII. Wide: towlower(), unsigned.
 // Both follow setlocale(): an order made under one locale does not hold under another.
 inline int foldCase(char c) {
-  const int value = static_cast<signed char>(c);
+  const int value = static_cast<unsigned char>(c);
+  if (value >= 0x80)
+    return value - 0x100;
   return value < 'A' ? value : std::tolower(value);  // no locale has capitals below the letters
 }
 inline std::wint_t foldCase(wchar_t c) { return std::towlower(static_cast<std::wint_t>(c)); }

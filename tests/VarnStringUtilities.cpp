@@ -1,0 +1,255 @@
+#include "VarnSupport/VarnStringUtilities.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <random>
+#include <stdexcept>
+#include <tuple>
+
+#include "VarnSupport/VarnException.h"
+
+using namespace VarnSupport;
+using Tokens = std::vector<std::string>;
+
+namespace {
+
+template <typename Facet>
+std::locale with(Facet* facet) {
+  return std::locale(std::locale::classic(), static_cast<std::ctype<wchar_t>*>(facet));
+}
+
+// A facet whose range conversions run a hook.
+struct Hooked : std::ctype<wchar_t> {
+  explicit Hooked(void (*function)()) : hook(function) {}
+  const char* do_widen(const char* low, const char*, wchar_t*) const override {
+    return hook(), low;
+  }
+  const wchar_t* do_narrow(const wchar_t* low, const wchar_t*, char, char*) const override {
+    return hook(), low;
+  }
+  void (*hook)();
+};
+
+template <typename Convert>
+std::string failureOf(Convert convert) {
+  try {
+    convert();
+  } catch (const VarnException& failure) {
+    return failure.getText() + " (" + std::to_string(failure.getCode()) + ')';
+  }
+  return "none";
+}
+
+// Lets a test call what the facet adds.
+struct OpenCtype : ansi_ctype {
+  using ansi_ctype::do_widen;
+};
+
+int folded(char c) { return static_cast<signed char>(c) < 0 ? c : std::tolower(c); }
+std::wint_t folded(wchar_t c) { return std::towlower(static_cast<std::wint_t>(c)); }
+
+// The order of two texts, character by character.
+template <typename String>
+int orderOf(const String& left, const String& right) {
+  const auto order = std::lexicographical_compare_three_way(
+      left.begin(), left.end(), right.begin(), right.end(),
+      [](auto a, auto b) { return folded(a) <=> folded(b); });
+  return order < 0 ? -1 : order > 0 ? 1 : 0;
+}
+
+template <typename String>
+void expectOneOrder(const String& left, const String& right) {
+  const int order = orderOf(left, right);
+  const auto print = [](const String& s) { return testing::PrintToString(s.c_str()); };
+  ASSERT_EQ(std::less<String>()(left, right), order < 0) << print(left) << print(right);
+  ASSERT_EQ(left < right, order < 0) << print(left) << print(right);
+  ASSERT_EQ(left == right, order == 0) << print(left) << print(right);
+  if (left.size() == 1 && right.size() == 1) {
+    ASSERT_EQ(left.find(right[0]) == 0, order == 0) << print(left) << print(right);
+    ASSERT_EQ(String::traits_type::eq(left[0], right[0]), order == 0) << print(left);
+    ASSERT_EQ(String::traits_type::lt(left[0], right[0]), order < 0) << print(left);
+  }
+}
+
+}  // namespace
+
+TEST(VarnStringUtilities, TrimTakesCharactersOffTheChosenEnds) {
+  using Utilities = VarnStringUtilities;
+  using Row = std::tuple<const char*, const char*, int, const char*>;
+  static constexpr Row rows[] = {
+      {"  ab  ", " ", 0, "ab  "}, {"  ab  ", " ", 1, "  ab"}, {"  ab  ", " ", 2, "ab"},
+      {"   ", " ", 0, ""},        {"   ", " ", 1, ""},        {"   ", " ", 2, ""},
+      {"", " ", 1, ""},           {" a ", "", 2, " a "},      {"\ta b\t ", "\t ", 2, "a b"},
+      {"xx", "x", 7, "xx"},       {"xx", "x", -1, "xx"}};
+  for (const auto& [text, chars, option, result] : rows) {
+    const auto chosen = static_cast<Utilities::tTrimOption>(option);
+    EXPECT_EQ(Utilities::trim<std::string>(text, chars, chosen), result) << text << option;
+    const auto wide = [](const std::string& s) { return std::wstring(s.begin(), s.end()); };
+    EXPECT_EQ(Utilities::trim(wide(text), wide(chars), chosen), wide(result)) << text << option;
+  }
+}
+
+TEST(VarnStringUtilities, ConvertsUpToTheFirstNulWithBlanksForTheRest) {
+  const std::locale& classic = std::locale::classic();
+  EXPECT_EQ(VarnStringUtilities::narrow(L"a\u20ACb\u00E9", classic), "a b ");
+  EXPECT_EQ(VarnStringUtilities::narrow(std::wstring(L"ab\0c", 4), classic), "ab");
+  EXPECT_EQ(VarnStringUtilities::widen(std::string("ab\0c", 4), classic), L"ab");
+  const std::string text(3000, 'x');
+  EXPECT_EQ(VarnStringUtilities::widen(text, classic), std::wstring(3000, L'x'));
+  EXPECT_EQ(VarnStringUtilities::narrow(std::wstring(3000, L'x'), classic), text);
+}
+
+TEST(VarnStringUtilities, ReportsFacetsThatFail) {
+  const std::string report = ": ctype facet cannot be created for the locale - broken (0)";
+  const auto narrow = [](const std::locale& locale) { VarnStringUtilities::narrow(L"a", locale); };
+  const auto widen = [](const std::locale& locale) { VarnStringUtilities::widen("a", locale); };
+  const auto standard = with(new Hooked([] { throw std::runtime_error("broken"); }));
+  EXPECT_EQ(failureOf([&] { narrow(standard); }), "VarnStringUtilities::narrow" + report);
+  EXPECT_EQ(failureOf([&] { widen(standard); }), "VarnStringUtilities::widen" + report);
+  const auto own = with(new Hooked([] { throw VarnException(L"mine", 7); }));
+  EXPECT_EQ(failureOf([&] { narrow(own); }), "mine (7)");
+  const auto other = with(new Hooked([] { throw 1; }));
+  EXPECT_EXIT(widen(other), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(VarnStringUtilities, TheFacetsSwitchConversionOff) {
+  for (const std::locale& locale : {with(new ansi_ctype(0)), with(new utf8_ctype(0))}) {
+    EXPECT_EQ(VarnStringUtilities::narrow(L"abc", locale), "");
+    EXPECT_EQ(VarnStringUtilities::widen("abc", locale), L"");
+    const auto& facet = std::use_facet<std::ctype<wchar_t>>(locale);
+    EXPECT_EQ(facet.narrow(L'x', '?'), '?');
+    EXPECT_EQ(facet.widen('x'), L'x');
+    wchar_t untouched = L'-';
+    const char text[] = "x";
+    EXPECT_EQ(facet.widen(text, text + 1, &untouched), text);
+    EXPECT_EQ(untouched, L'-');
+  }
+  EXPECT_EQ(OpenCtype().do_widen('x', L'?'), L'?');
+}
+
+TEST(VarnStringUtilities, SplitsListsAtNuls) {
+  Tokens tokens{"old"};
+  char list[] = "a\0bc\0\0d\0";
+  VarnTokenizer(list, tokens);
+  EXPECT_EQ(tokens, (Tokens{"a", "bc"}));
+  VarnTokenizer(std::string("one\0two", 7), tokens);
+  EXPECT_EQ(tokens, (Tokens{"one", "two"}));
+  VarnTokenizer(tokens[1], tokens);
+  EXPECT_EQ(tokens, Tokens{"two"});
+  VarnTokenizer(static_cast<char*>(nullptr), tokens);
+  EXPECT_EQ(tokens, Tokens());
+}
+
+TEST(VarnStringUtilities, SplitsAtDelimitersAsStrtokDoes) {
+  const unsigned seed = std::random_device()();
+  std::mt19937 random(seed);
+  for (int i = 0; i < 2000; ++i) {
+    std::string text(random() % 12, '\0');
+    for (char& c : text)
+      c = ",;a\xC3"[random() % 4];
+    const std::string delimiters = i % 3 == 0 ? ",;" : i % 3 == 1 ? "\xC3" : "";
+    std::string cut = text;
+    Tokens expected;
+    for (const char* token = std::strtok(cut.data(), delimiters.c_str()); token != nullptr;
+         token = std::strtok(nullptr, delimiters.c_str()))
+      expected.emplace_back(token);
+    Tokens tokens{"old"};
+    VarnTokenizer(text, delimiters, tokens);
+    ASSERT_EQ(tokens, expected) << text << " seed " << seed;
+    VarnTokenizer(text.data(), delimiters, tokens);
+    ASSERT_EQ(tokens, expected) << text << " seed " << seed;
+    ASSERT_EQ(text, cut) << " seed " << seed;
+  }
+  Tokens tokens{"a b", " "};
+  VarnTokenizer(tokens[0], tokens[1], tokens);
+  EXPECT_EQ(tokens, (Tokens{"a", "b"}));
+  VarnTokenizer(static_cast<char*>(nullptr), " ", tokens);
+  EXPECT_EQ(tokens, Tokens());
+}
+
+TEST(VarnStringUtilities, ExtractsTheFirstWordOrQuotedText) {
+  static constexpr std::array<const char*, 3> rows[] = {{"copy  a b", "copy", " a b"},
+                                                        {"a\tb", "a", "b"},
+                                                        {"one", "one", ""},
+                                                        {"", "", ""},
+                                                        {" a", "", "a"},
+                                                        {R"("a b" c)", "a b", " c"},
+                                                        {R"("abc)", "abc", "abc"},
+                                                        {R"(")", "", ""},
+                                                        {R"(""x)", "", "x"},
+                                                        {R"(a"b c")", "a\"b", "c\""}};
+  for (const auto& [line, first, rest] : rows) {
+    std::string both = line;
+    EXPECT_EQ(VarnExtractFirstString(both, both), first) << line;
+    EXPECT_EQ(both, rest) << line;
+  }
+}
+
+TEST(VarnStringUtilities, WritesHexadecimalDigits) {
+  std::string bytes;
+  std::string expected;
+  for (int i = 0; i < 256; ++i) {
+    bytes += static_cast<char>(i);
+    expected += {"0123456789ABCDEF"[i / 16], "0123456789ABCDEF"[i % 16]};
+  }
+  EXPECT_EQ(VarnBytesToHex(bytes.data(), 256), expected);
+  EXPECT_EQ(VarnBytesToHex(bytes.data(), 0) + VarnBytesToHex(bytes.data(), INT_MIN), "");
+}
+
+TEST(VarnStringUtilities, ReadsHexadecimalDigitsAndAnythingElse) {
+  const auto value = [](int c) {
+    return (c -= c >= 'a' ? 0x20 : 0) < 'A' ? c - '0' : c - 'A' + 10;
+  };
+  std::string digits;
+  std::string expected;
+  for (int high = -128; high < 128; ++high) {
+    for (int low = -128; low < 128; ++low) {
+      digits += {static_cast<char>(high), static_cast<char>(low)};
+      expected += static_cast<char>(value(high) * 16 | value(low));
+    }
+  }
+  std::string out(expected.size(), '\0');
+  EXPECT_EQ(VarnHexToBytes(out.data(), digits), 65536);
+  EXPECT_EQ(out, expected);
+  EXPECT_EQ(VarnHexToBytes(out.data(), "0aFf1"), 2);
+  EXPECT_EQ(out.substr(0, 3), "\x0A\xFF" + expected.substr(2, 1));
+  EXPECT_EQ(VarnHexToBytes(nullptr, "f"), 0);
+}
+
+TEST(VarnStringUtilities, CopiesToABufferThatIsLargeEnough) {
+  char buffer[] = "------";
+  EXPECT_EQ(VarnStringToChar("abc", nullptr, 9), nullptr);
+  EXPECT_EQ(VarnStringToChar(std::string("a\0c", 3), buffer, 3), nullptr);
+  EXPECT_STREQ(buffer, "------");
+  EXPECT_EQ(VarnStringToChar("abc", buffer, 4), buffer);
+  EXPECT_EQ(VarnStringToChar(std::string("x\0yz", 4), buffer, -1), buffer);
+  EXPECT_EQ(std::string(buffer, 6), std::string("x\0c\0--", 6));
+  EXPECT_EQ(VarnStringFromChar(buffer), "x");
+}
+
+TEST(VarnStringUtilities, CaseInsensitiveStringsHaveOneOrder) {
+  for (int left = -128; left < 128; ++left) {
+    for (int right = -128; right < 128; ++right) {
+      expectOneOrder(ci_string(1, static_cast<char>(left)), ci_string(1, static_cast<char>(right)));
+      expectOneOrder(ci_wstring(1, left), ci_wstring(1, right));
+    }
+  }
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  for (int i = 0; i < 3000; ++i) {
+    ci_string left(random() % 40, 'a');
+    ci_string right(left.substr(0, random() % 40));
+    for (char& c : right)
+      c = random() % 2 != 0 ? 'a' : 'A';
+    if (!right.empty() && i % 2 == 0)
+      right[random() % right.size()] = "bB\xE9@"[random() % 4];
+    expectOneOrder(left, right);
+    expectOneOrder(ci_wstring(left.begin(), left.end()), ci_wstring(right.begin(), right.end()));
+  }
+}

@@ -57,7 +57,10 @@ std::string VarnException::getText() const {
 
 const std::wstring& VarnException::getUText() const { return m_sText; }
 
-void VarnException::setText(const std::string& text) { m_sText = widened(text); }
+void VarnException::setText(const std::string& text) {
+  const CancellationGuard closed;
+  m_sText = widened(text);
+}
 
 void VarnException::setText(const std::wstring& text) {
   const CancellationGuard closed;

@@ -1,0 +1,84 @@
+#include "VarnSupport/VarnException.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+using namespace VarnSupport;
+using Messages = std::deque<std::wstring>;
+
+namespace {
+
+template <typename Kind, typename... Argument>
+void expectText(const std::string& text, const Argument&... argument) {
+  try {
+    throw Kind(argument...);
+  } catch (const VarnException& exception) {
+    const std::wstring wide(text.begin(), text.end());
+    EXPECT_EQ(exception.getText(), text);
+    EXPECT_EQ(exception.getUText(), wide);
+    EXPECT_EQ(exception.getCode(), 0);
+    EXPECT_EQ(exception.getCallStack(), text.empty() ? Messages() : Messages{wide});
+  }
+}
+
+}  // namespace
+
+TEST(VarnException, EachKindBuildsItsTextWithCodeZero) {
+  const std::string detail = "42";
+  expectText<VarnKeyDataNotSupportedException>("VarnKeyDataNotSupportedException - 42", detail);
+  expectText<VarnNoSuchElementException>("VarnNoSuchElementException - 42", detail);
+  expectText<VarnInvalidDateException>("VarnInvalidDateException - 42", detail);
+  expectText<VarnInvalidEncryptionException>("VarnInvalidEncryptionException - 42", detail);
+  expectText<VarnMissingMessageException>("VarnMissingMessageException - Missing 42", detail);
+  expectText<VarnPropertyNotFound>("Property not found: 42", detail);
+  expectText<VarnPropertyNotFound>("Property not found: Key", ci_string("Key"));
+  expectText<VarnPropertyNotFound>("Property not found: a b", std::wstring(L"a\u20ACb"));
+  expectText<VarnPropertyNotFound>("Property not found: Key", ci_wstring(L"Key\0cut", 7));
+  expectText<VarnPropertyNotFound>("");
+}
+
+TEST(VarnException, FormatsItsMessagesNewestFirst) {
+  VarnException exception("T", 5);
+  exception.pushMessage(L"A");
+  exception.pushMessage(L"B");
+  exception.setText("new");
+  EXPECT_EQ(exception.getFormattedMessages(), L"B\nA\nT");
+  EXPECT_EQ(exception.getCallStack(), (Messages{L"T", L"A", L"B"}));
+  exception.pushMessage(L"");
+  EXPECT_EQ(exception.getFormattedMessages(), L"B\nA\nT");
+  EXPECT_EQ(exception.popMessage() + exception.popMessage(), L"B");
+  exception.popMessage();
+  exception.popMessage();
+  EXPECT_EQ(exception.getFormattedMessages(), L"");
+  EXPECT_EQ(exception.getText(), "new");
+  EXPECT_EQ(VarnException(7).getFormattedMessages(), L"");
+}
+
+TEST(VarnException, CopiesAllOfItself) {
+  VarnException source(L"x", 5);
+  source.pushMessage(L"y");
+  VarnException copy;
+  copy = source;
+  source.setText(L"z");
+  source.setCode(6);
+  source.popMessage();
+  for (const VarnException& each : {copy, copy = *&copy}) {
+    EXPECT_EQ(each.getUText(), L"x");
+    EXPECT_EQ(each.getCode(), 5);
+    EXPECT_EQ(each.getCallStack(), (Messages{L"x", L"y"}));
+  }
+}
+
+TEST(VarnException, HoldsTextCodeAndStackInThisOrder) {
+  const VarnException exception(L"x", 5);
+  const auto offsetOf = [&](const auto& field) {
+    return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&exception);
+  };
+  std::int32_t code = 0;
+  std::memcpy(&code, reinterpret_cast<const char*>(&exception) + 40, sizeof code);
+  EXPECT_EQ(sizeof exception, 128U);
+  EXPECT_EQ(offsetOf(exception.getUText()), 8);
+  EXPECT_EQ(code, 5);
+  EXPECT_EQ(offsetOf(exception.getCallStack()), 48);
+}

@@ -4,6 +4,7 @@
 
 #include "VarnSupport/VarnCollaborator.h"
 #include "VarnSupport/VarnCriticalSection.h"
+#include "VarnSupport/VarnDateTime.h"
 #include "VarnSupport/VarnEvent.h"
 #include "VarnSupport/VarnEventTimerThread.h"
 #include "VarnSupport/VarnException.h"
@@ -18,6 +19,7 @@
 #include "VarnSupport/VarnStringUtilities.h"
 #include "VarnSupport/VarnThread.h"
 #include "VarnSupport/VarnTimer.h"
+#include "VarnSupport/VarnVersion.h"
 #include "VarnSupport/VarnWorkInformation.h"
 
 #endif

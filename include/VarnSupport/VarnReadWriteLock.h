@@ -1,0 +1,76 @@
+// A read-write lock whose copies are the same lock.
+//
+// Many readers or one writer; all operations are safe from any thread. Failures of the locking
+// calls are written to the log (level 1) and otherwise ignored: the caller cannot tell. A thread
+// that is cancelled keeps what it holds.
+//
+//   operation                    | free        | read lock elsewhere | write lock elsewhere
+//   readLock(), tryReadLock()    | taken       | taken too           | waits; false
+//   writeLock(), tryWriteLock()  | taken       | waits; false        | waits; false
+//   readUnLock(), writeUnLock()  | log record  | misuse              | misuse
+//
+// Both unlocking operations are the same call. A reader may take the lock again for reading, also
+// while a writer waits. The writer that locks again gets an error, and keeps its one hold; a reader
+// that asks for the write lock waits for itself.
+#ifndef VARNSUPPORT_VARNREADWRITELOCK_H
+#define VARNSUPPORT_VARNREADWRITELOCK_H
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "VarnSupport/VarnExport.h"
+#include "VarnSupport/VarnObjectBase.h"
+
+namespace VarnSupport {
+
+// The state that the copies of one read-write lock share. Results are error numbers, 0 for success.
+class VSUPT_EXPORT RwLockImplementation : public VarnObjectBase {
+ public:
+  RwLockImplementation();
+  RwLockImplementation(const RwLockImplementation&) = delete;
+  RwLockImplementation& operator=(const RwLockImplementation&) = delete;
+  // Requires: nobody holds the lock.
+  ~RwLockImplementation() override;
+
+  int readLock();
+  int writeLock();
+  int tryReadLock();
+  int tryWriteLock();
+  // EPERM, and nothing happens, when nobody holds the lock.
+  int unlock();
+
+ private:
+  int counted(int result);
+
+  pthread_rwlock_t m_oLock{};
+  std::atomic<unsigned> m_nHolds{0};
+};
+
+extern template class VarnSmartPointer<RwLockImplementation>;
+
+class VSUPT_EXPORT VarnReadWriteLock {
+ public:
+  VarnReadWriteLock();
+  VarnReadWriteLock(const VarnReadWriteLock& source);
+  // Does not make the two one lock. The object must be neither used nor destroyed afterwards; the
+  // source, and other copies of either, stay as they were. Callers rely on it.
+  VarnReadWriteLock& operator=(const VarnReadWriteLock& source);
+  virtual ~VarnReadWriteLock();
+
+  // Wait until the lock is taken.
+  void readLock();
+  void writeLock();
+  // True when the lock was taken without waiting. Nothing is logged.
+  bool tryReadLock();
+  bool tryWriteLock();
+  void readUnLock();
+  void writeUnLock();
+
+ private:
+  VarnSmartPointer<RwLockImplementation>* m_pState;
+};
+
+}  // namespace VarnSupport
+
+#endif

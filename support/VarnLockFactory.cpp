@@ -1,0 +1,15 @@
+#include "VarnSupport/VarnLockFactory.h"
+
+#include "Cancellation.h"
+
+namespace VarnSupport {
+
+LockFactoryVisit::LockFactoryVisit() { closeCancellation(); }
+
+LockFactoryVisit::~LockFactoryVisit() { openCancellationQuietly(); }
+
+template class VarnLockFactory<std::string, VarnCriticalSectionObject>;
+template class VarnLockFactory<std::string, VarnMutexObject>;
+template class VarnLockFactory<std::string, VarnReadWriteLock>;
+
+}  // namespace VarnSupport

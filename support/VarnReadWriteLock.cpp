@@ -1,0 +1,124 @@
+#include "VarnSupport/VarnReadWriteLock.h"
+
+#include <cerrno>
+
+#include "Cancellation.h"
+#include "VarnSupport/VarnLogging.h"
+
+namespace VarnSupport {
+
+namespace {
+
+// The record of an operation that failed. The number says no more than whether a time passed.
+void report(const char* message, int result) {
+  if (result != 0 && VarnLogging::admits(1))
+    VarnLogRecord(1) << message << (result == ETIMEDOUT ? 2 : 3);
+}
+
+}  // namespace
+
+template class VarnSmartPointer<RwLockImplementation>;
+
+RwLockImplementation::RwLockImplementation() {
+  if (pthread_rwlock_init(&m_oLock, nullptr) != 0 && VarnLogging::admits(1))
+    VarnLogRecord(1)
+        << "VarnReadWriteLock::RwLockImplementation: Initialization of readwrite Lock failed";
+}
+
+RwLockImplementation::~RwLockImplementation() { pthread_rwlock_destroy(&m_oLock); }
+
+int RwLockImplementation::readLock() { return counted(pthread_rwlock_rdlock(&m_oLock)); }
+
+int RwLockImplementation::writeLock() { return counted(pthread_rwlock_wrlock(&m_oLock)); }
+
+int RwLockImplementation::tryReadLock() { return counted(pthread_rwlock_tryrdlock(&m_oLock)); }
+
+int RwLockImplementation::tryWriteLock() { return counted(pthread_rwlock_trywrlock(&m_oLock)); }
+
+int RwLockImplementation::counted(int result) {
+  if (result == 0)
+    m_nHolds.fetch_add(1, std::memory_order_relaxed);
+  return result;
+}
+
+// Unlocking a free lock would silently wreck it for all later writers. Whoever holds it is counted,
+// so the count can be 0 only when the platform must not be asked.
+int RwLockImplementation::unlock() {
+  unsigned holds = m_nHolds.load(std::memory_order_relaxed);
+  do {
+    if (holds == 0)
+      return EPERM;
+  } while (!m_nHolds.compare_exchange_weak(holds, holds - 1, std::memory_order_relaxed));
+  const int result = pthread_rwlock_unlock(&m_oLock);
+  if (result != 0)
+    m_nHolds.fetch_add(1, std::memory_order_relaxed);
+  return result;
+}
+
+VarnReadWriteLock::VarnReadWriteLock() {
+  const CancellationGuard closed;
+  const VarnSmartPointer<RwLockImplementation> state(new RwLockImplementation);
+  m_pState = new VarnSmartPointer<RwLockImplementation>(state);
+}
+
+VarnReadWriteLock::VarnReadWriteLock(const VarnReadWriteLock& source) {
+  const CancellationGuard closed;
+  m_pState = new VarnSmartPointer<RwLockImplementation>(*source.m_pState);
+}
+
+// Shares the source's lock and lets go of it again. The object, at which nobody may look any more,
+// simply keeps its own.
+VarnReadWriteLock& VarnReadWriteLock::operator=(const VarnReadWriteLock& source) {
+  if (this != &source)
+    static_cast<void>(VarnReadWriteLock(source));
+  return *this;
+}
+
+VarnReadWriteLock::~VarnReadWriteLock() {
+  const QuietCancellationGuard closed;
+  delete m_pState;
+}
+
+void VarnReadWriteLock::readLock() {
+  closeCancellation();
+  report("VarnReadWriteLock::readLock: Acquiring Readlock exited with the following error ",
+         (*m_pState)->readLock());
+  openCancellation();
+}
+
+void VarnReadWriteLock::writeLock() {
+  closeCancellation();
+  report("VarnReadWriteLock::writeLock: Acquiring Writelock exited with the following error",
+         (*m_pState)->writeLock());
+  openCancellation();
+}
+
+bool VarnReadWriteLock::tryReadLock() {
+  closeCancellation();
+  const bool taken = (*m_pState)->tryReadLock() == 0;
+  openCancellation();
+  return taken;
+}
+
+bool VarnReadWriteLock::tryWriteLock() {
+  closeCancellation();
+  const bool taken = (*m_pState)->tryWriteLock() == 0;
+  openCancellation();
+  return taken;
+}
+
+void VarnReadWriteLock::readUnLock() {
+  closeCancellation();
+  report("VarnReadWriteLock::readUnLock: Releasing readlock exited with the following error",
+         (*m_pState)->unlock());
+  openCancellation();
+}
+
+void VarnReadWriteLock::writeUnLock() {
+  closeCancellation();
+  report("VarnReadWriteLock::writeUnLock: Releasing Writelock exited with the following error",
+         (*m_pState)->unlock());
+  openCancellation();
+}
+
+}  // namespace VarnSupport

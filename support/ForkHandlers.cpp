@@ -25,6 +25,7 @@ void ForkHandlers::prepare() {
   if (t_bChildWillExec)
     return;
   closeCancellation();
+  prepareFactory();
   prepareThreads();
   prepareTimers();
   prepareLog();
@@ -45,6 +46,7 @@ void ForkHandlers::release(tSide side) {
   releaseLog(side);
   releaseTimers(side);
   releaseThreads(side);
+  releaseFactory(side);
   openCancellationQuietly();
 }
 

@@ -33,6 +33,8 @@ class ForkHandlers {
 
   // Each family's part, in its own source; the second of a pair gives back what the first has
   // taken.
+  static void prepareFactory() VSUPT_UNCHECKED;
+  static void releaseFactory(tSide side) VSUPT_UNCHECKED;
   static void prepareThreads() VSUPT_UNCHECKED;
   static void releaseThreads(tSide side) VSUPT_UNCHECKED;
   static void prepareTimers() VSUPT_UNCHECKED;

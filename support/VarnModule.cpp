@@ -1,6 +1,7 @@
 #include "VarnSupport/VarnModule.h"
 
 #include "ForkHandlers.h"
+#include "VarnSupport/VarnObjectFactory.h"
 
 namespace VarnSupport {
 
@@ -79,6 +80,7 @@ void Module::attach() {
 }
 
 void Module::detach() {
+  VarnObjectFactory::deleteGlobalInstance();
   VSUPTFinitVarnLoggingTimer();
   VSUPTFinitVarnTimer();
   VSUPTFinitVarnLogging();

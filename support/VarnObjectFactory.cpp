@@ -1,0 +1,230 @@
+#include "VarnSupport/VarnObjectFactory.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "Cancellation.h"
+#include "ForkHandlers.h"
+
+namespace VarnSupport {
+
+namespace {
+
+// One creation under way. The list of them is process-wide, as a creation may outlive its factory.
+class Creation {
+ public:
+  // Requires: the factory's lock is held, so that remove() cannot miss it.
+  Creation(const VarnObjectFactory& factory, const std::string& name)
+      : m_pFactory(&factory), m_sName(name), m_hThread(pthread_self()) {
+    const std::lock_guard guard(mutex);
+    m_pNext = first;
+    first = this;
+    ++t_nOwn;
+  }
+  Creation(const Creation&) = delete;
+  Creation& operator=(const Creation&) = delete;
+  ~Creation() {
+    {
+      const std::lock_guard guard(mutex);
+      Creation** link = &first;
+      while (*link != this)
+        link = &(*link)->m_pNext;
+      *link = m_pNext;
+      --t_nOwn;
+    }
+    ended.fetch_add(1);
+    ended.notify_all();
+  }
+
+  // Waits for the creations under one name. A thread that is inside a creation itself does not:
+  // others may be waiting for that one.
+  static void await(const VarnObjectFactory& factory, const std::string& name) {
+    if (t_nOwn > 0)
+      return;
+    for (unsigned seen = ended; isUnderWay(factory, name); seen = ended)
+      ended.wait(seen);
+  }
+
+  static void lockList() { mutex.lock(); }
+  static void unlockList() { mutex.unlock(); }
+  // After a fork only the creations of the thread that forked go on. Requires: the list is locked.
+  static void forgetLost() {
+    Creation** link = &first;
+    while (*link != nullptr) {
+      if (pthread_equal((*link)->m_hThread, pthread_self()) != 0)
+        link = &(*link)->m_pNext;
+      else
+        *link = (*link)->m_pNext;
+    }
+  }
+
+ private:
+  static bool isUnderWay(const VarnObjectFactory& factory, const std::string& name) {
+    const std::lock_guard guard(mutex);
+    for (const Creation* creation = first; creation != nullptr; creation = creation->m_pNext) {
+      if (creation->m_pFactory == &factory && creation->m_sName == name)
+        return true;
+    }
+    return false;
+  }
+
+  static constinit std::mutex mutex;
+  static constinit Creation* first;  // guarded by mutex
+  static constinit std::atomic<unsigned> ended;
+  static constinit thread_local int t_nOwn __attribute__((tls_model("initial-exec")));
+
+  const VarnObjectFactory* m_pFactory;
+  std::string m_sName;
+  pthread_t m_hThread;
+  Creation* m_pNext;
+};
+
+constinit std::mutex Creation::mutex;
+constinit Creation* Creation::first = nullptr;
+constinit std::atomic<unsigned> Creation::ended{0};
+constinit thread_local int Creation::t_nOwn = 0;
+
+// The global factory that was deleted last.
+constinit VarnObjectFactory* theDeleted = nullptr;
+
+// The library's own global factory; never freed, as threads may be inside it to the very end.
+VarnObjectFactory& ownFactory() {
+  static auto& factory = *new VarnObjectFactory;
+  return factory;
+}
+
+template <typename Value>
+Value entryOf(const std::map<std::string, Value>& table, const std::string& name) {
+  const auto found = table.find(name);
+  return found != table.end() ? found->second : nullptr;
+}
+
+}  // namespace
+
+constinit VarnObjectFactory* VarnObjectFactory::m_pGlobalInstance = nullptr;
+
+// Threads that race for the first call get the same factory.
+VarnObjectFactory* VarnObjectFactory::getGlobalInstance() {
+  const CancellationGuard closed;
+  const std::atomic_ref<VarnObjectFactory*> instance(m_pGlobalInstance);
+  VarnObjectFactory* factory = instance.load(std::memory_order_acquire);
+  if (factory == nullptr && instance.compare_exchange_strong(factory, &ownFactory()))
+    factory = &ownFactory();
+  return factory;
+}
+
+// The library's own factory is emptied instead, which nobody can tell from its deletion.
+void VarnObjectFactory::deleteGlobalInstance() {
+  const CancellationGuard closed;
+  VarnObjectFactory* const factory = m_pGlobalInstance;
+  if (factory == nullptr || factory == theDeleted)
+    return;
+  theDeleted = factory;
+  if (factory == &ownFactory())
+    factory->clear();
+  else
+    delete factory;
+}
+
+VarnObjectFactory::VarnObjectFactory() = default;
+
+VarnObjectFactory::VarnObjectFactory(const VarnObjectFactory& source)
+    : m_mapFunctions(source.m_mapFunctions) {}
+
+VarnObjectFactory& VarnObjectFactory::operator=(const VarnObjectFactory& source) {
+  if (this != &source) {
+    const CancellationGuard closed;
+    Functions copy(source.m_mapFunctions);
+    m_mapFunctions.swap(copy);
+  }
+  return *this;
+}
+
+VarnObjectFactory::~VarnObjectFactory() = default;
+
+void VarnObjectFactory::add(const std::string& name, tCreateFunction function) {
+  const CancellationGuard closed;
+  const VarnCriticalSection guard(m_oLock, true);
+  m_mapFunctions[name] = function;
+}
+
+void VarnObjectFactory::add(const std::string& name, VarnObjectFactoryRegistration& registration) {
+  const CancellationGuard closed;
+  const VarnCriticalSection guard(m_oLock, true);
+  m_mapRegistrations[name] = &registration;
+}
+
+void VarnObjectFactory::remove(const std::string& name) {
+  const CancellationGuard closed;
+  {
+    const VarnCriticalSection guard(m_oLock, true);
+    if (m_mapRegistrations.erase(name) == 0)
+      m_mapFunctions.erase(name);
+  }
+  Creation::await(*this, name);
+}
+
+VarnSmartPointer<VarnObjectBase> VarnObjectFactory::construct(const std::string& name) {
+  const CancellationGuard closed;
+  VarnCriticalSection guard(m_oLock, true);
+  VarnObjectFactoryRegistration* const registration = entryOf(m_mapRegistrations, name);
+  const tCreateFunction function = entryOf(m_mapFunctions, name);
+  if (registration == nullptr && function == nullptr)
+    return nullptr;
+  const Creation underWay(*this, name);
+  guard.unlock();
+  if (registration != nullptr)
+    return registration->create();
+  return function();
+}
+
+std::vector<std::string> VarnObjectFactory::getRegisteredClasses() const {
+  const CancellationGuard closed;
+  std::vector<std::string> names;
+  names.reserve(m_mapFunctions.size() + m_mapRegistrations.size());
+  for (const auto& entry : m_mapFunctions)
+    names.push_back(entry.first);
+  for (const auto& entry : m_mapRegistrations)
+    names.push_back(entry.first);
+  return names;
+}
+
+void VarnObjectFactory::clear() {
+  const VarnCriticalSection guard(m_oLock, true);
+  m_mapFunctions.clear();
+  m_mapRegistrations.clear();
+}
+
+VarnObjectFactoryRegistration::VarnObjectFactoryRegistration(const std::string& name,
+                                                             VarnObjectFactory* factory)
+    : m_sName(name), m_pFactory(factory) {
+  if (m_pFactory != nullptr)
+    m_pFactory->add(m_sName, *this);
+}
+
+VarnObjectFactoryRegistration::~VarnObjectFactoryRegistration() {
+  const QuietCancellationGuard closed;
+  unregister();
+}
+
+void VarnObjectFactoryRegistration::unregister() {
+  if (m_pFactory != nullptr)
+    m_pFactory->remove(m_sName);
+  m_pFactory = nullptr;
+}
+
+void ForkHandlers::prepareFactory() {
+  ownFactory().m_oLock.lock();
+  Creation::lockList();
+}
+
+void ForkHandlers::releaseFactory(tSide side) {
+  if (side == CHILD)
+    Creation::forgetLost();
+  Creation::unlockList();
+  ownFactory().m_oLock.unlock();
+}
+
+}  // namespace VarnSupport

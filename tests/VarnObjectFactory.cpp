@@ -1,0 +1,187 @@
+#include "VarnSupport/VarnObjectFactory.h"
+
+#include <dlfcn.h>
+
+#include <atomic>
+
+#include "TestTools.h"
+#include "VarnSupport/VarnException.h"
+#include "VarnSupport/VarnLibrary.h"
+#include "VarnSupport/VarnModule.h"
+
+using namespace VarnSupport;
+using TestTools::eventually;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+class Product : public VarnObjectBase {};
+
+VarnObjectBase* makeProduct() { return new Product; }
+
+// Creates its objects by a function of the test.
+class Registration : public VarnObjectFactoryRegistration {
+ public:
+  using Creator = std::function<VarnObjectBase*()>;
+
+  Registration(const std::string& name, VarnObjectFactory& factory, Creator creator)
+      : VarnObjectFactoryRegistration(name, &factory), m_fCreator(std::move(creator)) {}
+  ~Registration() override { unregister(); }
+
+  VarnSmartPointer<VarnObjectBase> create() override { return m_fCreator(); }
+
+ private:
+  Creator m_fCreator;
+};
+
+// A creation that stays under way on a thread of its own until end(); further ones end at once.
+class LongCreation {
+ public:
+  explicit LongCreation(VarnObjectFactory& factory)
+      : m_oRegistration("long", factory,
+                        [this] {
+                          if (!m_bBegun.exchange(true))
+                            eventually([this] { return m_bMayEnd.load(); });
+                          return makeProduct();
+                        }),
+        m_oThread([&factory] { factory.construct("long"); }) {
+    eventually([this] { return m_bBegun.load(); });
+  }
+  ~LongCreation() {
+    end();
+    m_oThread.join();
+  }
+
+  void end() { m_bMayEnd = true; }
+
+ private:
+  std::atomic<bool> m_bBegun{false};
+  std::atomic<bool> m_bMayEnd{false};
+  Registration m_oRegistration;
+  std::thread m_oThread;
+};
+
+// What `action` leaves as the number of factories deleted.
+int deletionsBy(const std::function<void()>& action) {
+  static int deletions = 0;
+  struct Counting : VarnObjectFactory {
+    ~Counting() override { ++deletions; }
+  };
+  return TestTools::runInChild([&] {
+    VarnObjectFactory::m_pGlobalInstance = new Counting;
+    action();
+    return deletions;
+  });
+}
+
+}  // namespace
+
+TEST(VarnObjectFactory, RegistrationsWinOverFunctionsAndGoFirst) {
+  VarnObjectFactory factory;
+  VarnObjectBase* const special = new Product;
+  const VarnSmartPointer<VarnObjectBase> keep(special);
+  Registration registration("a", factory, [&] { return special; });
+  factory.add("b", [] { return static_cast<VarnObjectBase*>(nullptr); });
+  factory.add("a", makeProduct);
+  factory.add("null", nullptr);
+  EXPECT_EQ((Names{"a", "b", "null", "a"}), factory.getRegisteredClasses());
+  EXPECT_TRUE(factory.construct("a") == special);
+  EXPECT_TRUE(factory.construct("b") == nullptr);
+  EXPECT_TRUE(factory.construct("null") == nullptr);
+  factory.remove("a");
+  const VarnSmartPointer<VarnObjectBase> made = factory.construct("a");
+  ASSERT_TRUE(made != nullptr && made != special);
+  EXPECT_EQ(1, made->refCount());
+  factory.remove("a");
+  factory.remove("a");
+  EXPECT_TRUE(factory.construct("a") == nullptr);
+  EXPECT_EQ((Names{"b", "null"}), factory.getRegisteredClasses());
+}
+
+TEST(VarnObjectFactory, CopiesTakeTheFunctionsOnly) {
+  VarnObjectFactory source;
+  VarnObjectFactory target;
+  const Registration ofSource("s", source, makeProduct);
+  const Registration ofTarget("t", target, makeProduct);
+  source.add("f", makeProduct);
+  target.add("g", makeProduct);
+  EXPECT_EQ(Names{"f"}, VarnObjectFactory(source).getRegisteredClasses());
+  target = source;
+  EXPECT_EQ((Names{"f", "t"}), target.getRegisteredClasses());
+}
+
+TEST(VarnObjectFactory, RemoveWaitsForCreationsUnderWay) {
+  VarnObjectFactory factory;
+  LongCreation creation(factory);
+  std::atomic<bool> removed{false};
+  std::thread remover([&] {
+    factory.remove("long");
+    removed = true;
+  });
+  EXPECT_TRUE(eventually([&] { return factory.construct("long") == nullptr; }));
+  TestTools::sleepMs(20);
+  EXPECT_FALSE(removed);
+  factory.remove("another name");
+  creation.end();
+  remover.join();
+}
+
+TEST(VarnObjectFactory, ACreatorMayUseTheFactoryAndRemoveItself) {
+  VarnObjectFactory factory;
+  const Registration registration("self", factory, [&] {
+    factory.remove("self");
+    factory.add("later", makeProduct);
+    return makeProduct();
+  });
+  EXPECT_TRUE(factory.construct("self") != nullptr);
+  EXPECT_EQ(Names{"later"}, factory.getRegisteredClasses());
+}
+
+TEST(VarnObjectFactory, IsUsableInAForkedChildWhileOthersCreate) {
+  VarnObjectFactory& factory = *VarnObjectFactory::getGlobalInstance();
+  const LongCreation creation(factory);
+  EXPECT_EQ(0, TestTools::runInChild([&] {
+              factory.remove("long");
+              factory.add("f", makeProduct);
+              return factory.construct("f") != nullptr ? 0 : 1;
+            }));
+}
+
+TEST(VarnObjectFactory, TheGlobalInstanceIsDeletedOnceAndByTheDetachingLibrary) {
+  EXPECT_EQ(1, deletionsBy([] {
+              VarnObjectFactory::deleteGlobalInstance();
+              VarnObjectFactory::deleteGlobalInstance();
+            }));
+  EXPECT_EQ(1, deletionsBy([] { g_ModuleData.detach(); }));
+}
+
+TEST(VarnLibrary, APlugInAddsItsClassesWhileItIsLoaded) {
+  VarnObjectFactory& factory = *VarnObjectFactory::getGlobalInstance();
+  for (int round = 0; round < 2; ++round) {
+    VarnSmartPointer<VarnLibrary> library(new VarnLibrary(VSUPT_TEST_PLUGIN, true));
+    EXPECT_EQ(Names{"Greeting"}, factory.getRegisteredClasses());
+    EXPECT_TRUE(factory.construct("Greeting")->isA("Greeting"));
+    EXPECT_EQ(nullptr, library->getProcAddr("noSuchSymbol"));
+    void* const version = library->getProcAddr("greetingVersion");
+    ASSERT_NE(nullptr, version);
+    EXPECT_EQ(7, reinterpret_cast<int (*)()>(version)());
+    const VarnSmartPointer<VarnLibrary> byShortName(new VarnLibrary("vsupt_test_plugin", false));
+    EXPECT_EQ(version, byShortName->getProcAddr("greetingVersion"));
+    library = nullptr;
+    EXPECT_EQ(Names{"Greeting"}, factory.getRegisteredClasses());
+  }
+  EXPECT_EQ(Names(), factory.getRegisteredClasses());
+  EXPECT_EQ(nullptr, dlopen(VSUPT_TEST_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
+}
+
+TEST(VarnLibrary, SaysWhatCouldNotBeLoaded) {
+  try {
+    const VarnLibrary library("no-such-thing", false);
+    FAIL();
+  } catch (const VarnException& error) {
+    EXPECT_EQ(0, error.getCode());
+    EXPECT_EQ(0U, error.getText().find("VarnLibrary::VarnLibrary: failed to load: no-such-thing.  "
+                                       "libno-such-thing.so: "));
+  }
+}

@@ -9,6 +9,7 @@
 #include "VarnSupport/VarnEventTimerThread.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnExport.h"
+#include "VarnSupport/VarnFindFile.h"
 #include "VarnSupport/VarnLibrary.h"
 #include "VarnSupport/VarnLocaleFactory.h"
 #include "VarnSupport/VarnLockFactory.h"

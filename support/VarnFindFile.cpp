@@ -1,0 +1,123 @@
+#include "VarnSupport/VarnFindFile.h"
+
+#include <unistd.h>
+
+#include <string_view>
+
+#include "Cancellation.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr std::size_t kWorkingDirectorySize = 4096;
+
+DIR* openFolder(const std::string& folder) {
+  if (!folder.empty())
+    return opendir(folder.c_str());
+  char workingDirectory[kWorkingDirectorySize];
+  const bool known = getcwd(workingDirectory, sizeof workingDirectory) != nullptr;
+  return opendir(known ? workingDirectory : ".");
+}
+
+}  // namespace
+
+FindFileBase::FindFileBase(const std::string& path) : m_sPath(path) {
+  const std::size_t separator = path.find_last_of("\\/");
+  if (separator == std::string::npos) {
+    m_sPattern = path;
+    return;
+  }
+  m_sFolder = path.substr(0, separator);
+  m_sPattern = path.substr(separator + 1);
+  if (m_sPattern.empty())
+    m_sPattern += '*';
+}
+
+FindFileBase::~FindFileBase() = default;
+
+// Nothing may unwind once the folder is open.
+FindFileImplementation::FindFileImplementation(const std::string& path) : FindFileBase(path) {
+  const QuietCancellationGuard closed;
+  m_pStream = openFolder(m_sFolder);
+  if (m_pStream != nullptr)
+    findNext();
+}
+
+FindFileImplementation::~FindFileImplementation() {
+  const QuietCancellationGuard closed;
+  if (m_pStream != nullptr)
+    closedir(m_pStream);
+}
+
+bool FindFileImplementation::hasMore() { return !m_bEnd; }
+
+std::string FindFileImplementation::next() {
+  const CancellationGuard closed;
+  std::string found;
+  if (m_bEnd)
+    return found;
+  const std::string_view name(m_pEntry->d_name);
+  if (!m_sFolder.empty()) {
+    found.reserve(m_sFolder.size() + 1 + name.size());
+    found.append(m_sFolder).append(1, '/');
+  }
+  found.append(name);
+  findNext();
+  return found;
+}
+
+void FindFileImplementation::findNext() {
+  const bool all = m_sPattern == "*";
+  do {
+    m_pEntry = readdir(m_pStream);
+  } while (m_pEntry != nullptr && !all && !IsPatternMatch(m_sPattern.c_str(), m_pEntry->d_name));
+  m_bEnd = m_pEntry == nullptr;
+}
+
+// Only the last "*" seen needs remembering: if the rest can match behind an earlier one, it can
+// also match behind the later. Each mismatch lets that one take one character more.
+bool FindFileImplementation::IsPatternMatch(const char* pattern, const char* name) {
+  const char* behindStar = nullptr;
+  const char* restart = nullptr;
+  while (*name != '\0') {
+    if (*pattern == '*') {
+      behindStar = ++pattern;
+      restart = name;
+      if (*pattern == '\0')
+        return true;
+    } else if (*pattern == '?' || *pattern == *name) {
+      ++pattern;
+      ++name;
+    } else if (behindStar != nullptr) {
+      pattern = behindStar;
+      name = ++restart;
+    } else {
+      return false;
+    }
+  }
+  while (*pattern == '*')
+    ++pattern;
+  return *pattern == '\0';
+}
+
+VarnFindFile::VarnFindFile(const std::string& path) {
+  const QuietCancellationGuard closed;
+  m_pImplementation = new FindFileImplementation(path);
+}
+
+VarnFindFile::~VarnFindFile() {
+  const QuietCancellationGuard closed;
+  delete m_pImplementation;
+}
+
+bool VarnFindFile::hasMore() {
+  return m_pImplementation != nullptr && m_pImplementation->hasMore();
+}
+
+std::string VarnFindFile::next() {
+  const CancellationGuard closed;
+  return m_pImplementation != nullptr ? m_pImplementation->next() : std::string();
+}
+
+}  // namespace VarnSupport

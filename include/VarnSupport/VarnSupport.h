@@ -14,6 +14,7 @@
 #include "VarnSupport/VarnLocaleFactory.h"
 #include "VarnSupport/VarnLockFactory.h"
 #include "VarnSupport/VarnLogging.h"
+#include "VarnSupport/VarnMessageSet.h"
 #include "VarnSupport/VarnModule.h"
 #include "VarnSupport/VarnObjectBase.h"
 #include "VarnSupport/VarnObjectFactory.h"

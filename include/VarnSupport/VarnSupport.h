@@ -18,6 +18,7 @@
 #include "VarnSupport/VarnModule.h"
 #include "VarnSupport/VarnObjectBase.h"
 #include "VarnSupport/VarnObjectFactory.h"
+#include "VarnSupport/VarnProcess.h"
 #include "VarnSupport/VarnProducerConsumer.h"
 #include "VarnSupport/VarnReadWriteLock.h"
 #include "VarnSupport/VarnService.h"

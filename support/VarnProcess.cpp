@@ -1,0 +1,291 @@
+#include "VarnSupport/VarnProcess.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+#include <vector>
+
+#include "Cancellation.h"
+#include "ForkHandlers.h"
+#include "ReferenceExpansion.h"
+#include "VarnSupport/VarnLocaleFactory.h"
+#include "VarnSupport/VarnLogging.h"
+#include "VarnSupport/VarnProgramOptions.h"
+#include "VarnSupport/VarnStringUtilities.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr int kFailure = 1;
+constexpr int kActivity = 5;
+constexpr int kTrace = 9;
+
+constexpr mode_t kFolderMode = 0755;
+constexpr std::size_t kMessageSize = 1024;
+
+template <typename... Values>
+void log(int level, const Values&... values) {
+  if (!VarnLogging::admits(level))
+    return;
+  VarnLogRecord record(level);
+  (record << ... << values);
+}
+
+// Makes the folders of a path from the top.
+bool createChain(const std::string& path) {
+  std::string work(path);
+  std::size_t separator = 0;
+  while (separator != std::string::npos) {
+    separator = work.find_first_of("/\\", separator + 1);
+    if (separator != std::string::npos)
+      work[separator] = '\0';
+    if (mkdir(work.c_str(), kFolderMode) != 0) {
+      const int error = errno;
+      if (error != EEXIST && access(work.c_str(), F_OK) != 0) {
+        log(kTrace, "VarnCreateDirectory: couldn't create ", work.c_str(), " (", error, ")");
+        return false;
+      }
+    }
+    if (separator != std::string::npos)
+      work[separator] = '/';
+  }
+  return true;
+}
+
+// For a child that is about to become another program: none of this one's signal handlers may run
+// in it. Signals that are ignored stay so.
+void forgetHandlers() {
+  for (int signal = 1; signal < NSIG; ++signal) {
+    struct sigaction action {};
+    if (sigaction(signal, nullptr, &action) != 0)
+      continue;
+    if ((action.sa_flags & SA_SIGINFO) == 0 &&
+        (action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN))
+      continue;
+    action.sa_flags = 0;
+    action.sa_handler = SIG_DFL;
+    sigaction(signal, &action, nullptr);
+  }
+}
+
+// fork() for a child that only calls `becomeProgram`, which must not return. The child has the
+// caller's signal mask.
+template <typename BecomeProgram>
+pid_t forkProgram(BecomeProgram becomeProgram) {
+  sigset_t all;
+  sigset_t callers;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &callers);
+  t_bChildWillExec = true;
+  const pid_t child = fork();
+  if (child == 0) {
+    forgetHandlers();
+    pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+    becomeProgram();
+  }
+  t_bChildWillExec = false;
+  pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+  return child;
+}
+
+// False when the child's status cannot be had.
+bool waitFor(pid_t child, int& status) {
+  pid_t result = 0;
+  do {
+    result = waitpid(child, &status, 0);
+  } while (result == -1 && errno == EINTR);
+  return result != -1;
+}
+
+bool isRedirected(int handle, int standardHandle) {
+  return handle != -1 && handle != standardHandle;
+}
+
+bool isOpen(int handle) { return fcntl(handle, F_GETFD) != -1; }
+
+// The record for a handle that cannot be duplicated; null when both can. Input comes first, so an
+// output handle of 0 is the new input.
+const char* redirectionFailure(int stdinHandle, int stdoutHandle) {
+  const bool newInput = isRedirected(stdinHandle, STDIN_FILENO);
+  if (newInput && !isOpen(stdinHandle))
+    return "VarnExecuteProgram: could not duplicate requested standard input handle: ";
+  if (isRedirected(stdoutHandle, STDOUT_FILENO) && !isOpen(stdoutHandle) &&
+      !(newInput && stdoutHandle == STDIN_FILENO))
+    return "VarnExecuteProgram: could not duplicate requested standard output handle: ";
+  return nullptr;
+}
+
+bool duplicate(int handle, int standardHandle) {
+  int result = 0;
+  do {
+    result = dup2(handle, standardHandle);
+  } while (result == -1 && errno == EINTR);
+  return result != -1;
+}
+
+// What the child does. A program that cannot be started has exited with 0; callers rely on it.
+[[noreturn]] void becomeProgram(char* const* arguments, int stdinHandle, int stdoutHandle) {
+  if ((!isRedirected(stdinHandle, STDIN_FILENO) || duplicate(stdinHandle, STDIN_FILENO)) &&
+      (!isRedirected(stdoutHandle, STDOUT_FILENO) || duplicate(stdoutHandle, STDOUT_FILENO)) &&
+      arguments[0] != nullptr)
+    execv(arguments[0], arguments);
+  _exit(0);
+}
+
+std::vector<std::string> argumentsOf(const std::string& commandLine) {
+  std::string work(commandLine);
+  if (!work.empty() && std::isalnum(static_cast<unsigned char>(work.back())) == 0)
+    work.pop_back();
+  std::vector<std::string> arguments;
+  VarnParseCommandLine(work, arguments);
+  return arguments;
+}
+
+}  // namespace
+
+bool VarnCreateDirectory(const std::string& path) {
+  const CancellationGuard closed;
+  log(kTrace, "VarnCreateDirectory: ", path);
+  if (mkdir(path.c_str(), kFolderMode) == 0)
+    return true;
+  if (errno == ENOENT)
+    return createChain(path);
+  return errno == EEXIST || access(path.c_str(), F_OK) == 0;
+}
+
+bool VarnRemoveDirectoryImpl(const std::string& path, bool recursive, std::string& errorText,
+                             int& errorCode) {
+  const CancellationGuard closed;
+  log(kTrace, "VarnRemoveDirectory: Remove directoryImpl ", path);
+  if (rmdir(path.c_str()) == 0)
+    return true;
+  const int error = errno;
+  const std::string failure = "VarnRemoveDirectory: Could not remove the directory " + path;
+  if (error != ENOTEMPTY || !recursive) {
+    errorText = failure;
+    errorCode = error;
+    return false;
+  }
+  std::string name = "rm";
+  std::string option = "-rf";
+  std::string operand = path[0] == '-' ? "./" + path : path;
+  char* const arguments[] = {name.data(), option.data(), operand.data(), nullptr};
+  const pid_t child = forkProgram([&] {
+    execv("/bin/rm", arguments);
+    _exit(errno);
+  });
+  int status = 0;
+  if (child == -1 || !waitFor(child, status) || WIFSIGNALED(status))
+    return true;  // callers rely on it
+  errorCode = WEXITSTATUS(status);
+  if (errorCode == 0)
+    return true;
+  errorText = failure;
+  return false;
+}
+
+std::string VarnGetEnvironmentVariable(const std::string& name) {
+  const CancellationGuard closed;
+  return environmentValue(name);
+}
+
+std::string VarnExpandString(const std::string& text) {
+  const CancellationGuard closed;
+  return expandReferences(text, environmentValue);
+}
+
+void VarnGetOSErrorMessage(int errorNumber, std::wstring& message) {
+  const CancellationGuard closed;
+  message.clear();
+  const char* const text = std::strerror(errorNumber);
+  if (text != nullptr && *text != '\0')
+    message = VarnStringUtilities::widen(text, VarnLocaleFactory::getDefaultLocale(true));
+  message =
+      VarnStringUtilities::trim(message, std::wstring(L" \t\r\n"), VarnStringUtilities::TRIM_BOTH);
+  if (!message.empty())
+    return;
+  wchar_t buffer[kMessageSize];
+  std::swprintf(buffer, kMessageSize, L"Unrecognized error code: %d (0x%08x)", errorNumber,
+                static_cast<unsigned>(errorNumber));
+  message = buffer;
+}
+
+void VarnGetOSErrorMessage(int errorNumber, std::string& message) {
+  const CancellationGuard closed;
+  const char* const text = std::strerror(errorNumber);
+  message = VarnStringUtilities::trim(std::string(text != nullptr ? text : ""),
+                                      std::string(" \t\r\n"), VarnStringUtilities::TRIM_BOTH);
+  if (!message.empty())
+    return;
+  char buffer[kMessageSize];
+  std::snprintf(buffer, kMessageSize, "Unrecognized error code: %d (0x%08x)", errorNumber,
+                static_cast<unsigned>(errorNumber));
+  message = buffer;
+}
+
+// All that may allocate, fail or wait happens before the fork or in the parent: the child may find
+// any lock held by a thread that it does not have.
+bool VarnExecuteProgramEx(const std::string& commandLine, int stdinHandle, int stdoutHandle,
+                          bool wait, int* processId, int* exitStatus) {
+  const CancellationGuard closed;
+  log(kActivity, "VarnExecuteProgramEx: Execution Started.");
+  std::vector<std::string> arguments = argumentsOf(commandLine);
+  std::vector<char*> pointers;
+  for (std::string& argument : arguments)
+    pointers.push_back(argument.data());
+  pointers.push_back(nullptr);
+  const char* const failure = redirectionFailure(stdinHandle, stdoutHandle);
+
+  const pid_t child = forkProgram([&] {
+    if (failure != nullptr)
+      _exit(0);
+    becomeProgram(pointers.data(), stdinHandle, stdoutHandle);
+  });
+  log(kTrace, "VarnExecuteProgram: child process id: ", child);
+  if (child < 0) {
+    if (exitStatus != nullptr)
+      *exitStatus = -1;
+    log(kFailure, "VarnExecuteProgram: could not fork child process.");
+    return false;
+  }
+  for (std::size_t i = 0; i < arguments.size(); ++i)
+    log(kTrace, "VarnExecuteProgram: argv[", i, "] = ", arguments[i]);
+  if (failure != nullptr)
+    log(kFailure, failure);
+  if (!wait) {
+    if (processId != nullptr)
+      *processId = child;
+    return true;
+  }
+
+  log(kTrace, "VarnExecuteProgram: waiting for process ", child);
+  int status = 0;
+  if (!waitFor(child, status))
+    status = 0;
+  if (exitStatus == nullptr)
+    return true;
+  *exitStatus = WIFSIGNALED(status) ? 0 : WEXITSTATUS(status);
+  if (!WIFSIGNALED(status))
+    log(kTrace, "VarnExecuteProgram: child process ", child, " completed with status ",
+        *exitStatus);
+  return true;
+}
+
+bool VarnExecuteProgram(const std::string& commandLine, bool wait, int* processId,
+                        int* exitStatus) {
+  const CancellationGuard closed;
+  log(kActivity, "VarnExecuteProgram: Execution Started.");
+  return VarnExecuteProgramEx(commandLine, -1, -1, wait, processId, exitStatus);
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,242 @@
+#include "VarnSupport/VarnProcess.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "TestTools.h"
+
+using namespace VarnSupport;
+using TestTools::FileLog;
+using TestTools::TempFolder;
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+std::atomic<bool> failForks{false};
+constexpr int kErrorWithoutText = -77;
+
+// The exit status that a waiting caller gets.
+int statusOf(const std::string& commandLine) {
+  int status = 99;
+  int process = 98;
+  EXPECT_TRUE(VarnExecuteProgram(commandLine, true, &process, &status));
+  EXPECT_EQ(98, process);
+  return status;
+}
+
+// What `script` writes to its standard output.
+std::string outputOf(const std::string& script, int stdinHandle = -1) {
+  const TempFolder folder;
+  const int out = open((folder / "out").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  const std::string command = "/bin/sh -c \"" + script + '"';
+  EXPECT_TRUE(VarnExecuteProgramEx(command, stdinHandle, out, true, nullptr, nullptr));
+  close(out);
+  return TestTools::contentsOf(folder / "out");
+}
+
+}  // namespace
+
+extern "C" pid_t fork() noexcept {
+  static const auto systems = reinterpret_cast<pid_t (*)()>(dlsym(RTLD_NEXT, "fork"));
+  if (!failForks)
+    return systems();
+  errno = EAGAIN;
+  return -1;
+}
+
+extern "C" char* strerror(int number) noexcept {
+  static const auto systems = reinterpret_cast<char* (*)(int)>(dlsym(RTLD_NEXT, "strerror"));
+  static char blank[] = " \r\n";
+  return number == kErrorWithoutText ? blank : systems(number);
+}
+
+TEST(VarnProcess, CreatesFoldersWithAllTheirParents) {
+  const TempFolder top;
+  TestTools::writeFile(top / "file", "");
+  const struct {
+    const char* path;
+    bool made;
+    const char* folder;  // what then is there
+  } cases[] = {
+      {"a", true, "a"},
+      {"a", true, "a"},
+      {"b/c/d/", true, "b/c/d"},
+      {"one\\name", true, "one\\name"},
+      {"gone/p\\q", true, "gone/p/q"},
+      {"file", true, "a"},
+      {"file/x", false, "a"},
+      {"new/../file/x/y", false, "new"},
+  };
+  const FileLog log(9);
+  for (const auto& row : cases) {
+    EXPECT_EQ(row.made, VarnCreateDirectory(top / row.path)) << row.path;
+    EXPECT_TRUE(std::filesystem::is_directory(top / row.folder)) << row.folder;
+  }
+  EXPECT_FALSE(VarnCreateDirectory(""));
+  const Texts found = log.texts();
+  ASSERT_EQ(11U, found.size());
+  EXPECT_EQ("VarnCreateDirectory: " + (top / "a"), found[0]);
+  EXPECT_EQ("VarnCreateDirectory: couldn't create " + (top / "new/../file/x") + " (20)", found[8]);
+  EXPECT_EQ("VarnCreateDirectory: couldn't create  (2)", found[10]);
+}
+
+TEST(VarnProcess, RemovesFolders) {
+  const TempFolder top;
+  const std::string before = std::filesystem::current_path();
+  std::filesystem::current_path(top.path());
+  for (const std::string name : {"plain", "'quotes' \"and\" blanks; $(touch x)", "-v"}) {
+    VarnCreateDirectory(name + "/below");
+    std::string text = "text";
+    int code = 7;
+    EXPECT_FALSE(VarnRemoveDirectoryImpl(name, false, text, code));
+    EXPECT_EQ("VarnRemoveDirectory: Could not remove the directory " + name, text);
+    EXPECT_EQ(ENOTEMPTY, code);
+    EXPECT_TRUE(VarnRemoveDirectoryImpl(name, true, text, code));
+    EXPECT_EQ(0, code);
+    EXPECT_FALSE(VarnRemoveDirectoryImpl(name, true, text, code));
+    EXPECT_EQ(ENOENT, code);
+  }
+  std::filesystem::current_path(before);
+}
+
+TEST(VarnProcess, AFailedForkIsNotWaitedFor) {
+  const TempFolder top;
+  VarnCreateDirectory(top / "a/b");
+  const pid_t other = TestTools::startChild([] { return 5; });
+  const FileLog log(9);
+  failForks = true;
+  std::string text = "text";
+  int number = 7;
+  EXPECT_TRUE(VarnRemoveDirectoryImpl(top / "a", true, text, number));
+  EXPECT_FALSE(VarnExecuteProgram("/bin/true", true, &number, nullptr));
+  EXPECT_EQ(7, number);
+  EXPECT_FALSE(VarnExecuteProgram("/bin/true", true, nullptr, &number));
+  failForks = false;
+  EXPECT_EQ(-1, number);
+  EXPECT_EQ("text", text);
+  EXPECT_TRUE(std::filesystem::exists(top / "a/b"));
+  EXPECT_EQ(5, TestTools::outcomeOf(other));
+  EXPECT_EQ("VarnExecuteProgram: child process id: -1", log.texts()[3]);
+  EXPECT_EQ("VarnExecuteProgram: could not fork child process.", log.texts()[4]);
+}
+
+TEST(VarnProcess, ExpandsReferencesToTheEnvironment) {
+  setenv("VSUPT_A", "<VSUPT_B>!", 1);
+  setenv("VSUPT_B", "b", 1);
+  EXPECT_EQ("", VarnGetEnvironmentVariable("VSUPT_C"));
+  EXPECT_EQ("<VSUPT_B>!", VarnGetEnvironmentVariable("VSUPT_A"));
+  EXPECT_EQ("xb!y", VarnExpandString("x<VSUPT_A>y<VSUPT_C>"));
+  EXPECT_EQ("x>b<VSUPT_A", VarnExpandString("x><VSUPT_B><VSUPT_A"));
+}
+
+TEST(VarnProcess, GivesTheSystemsErrorTexts) {
+  const std::pair<int, std::string> cases[] = {
+      {0, "Success"},
+      {ENOENT, "No such file or directory"},
+      {kErrorWithoutText, "Unrecognized error code: -77 (0xffffffb3)"},
+  };
+  for (const auto& [number, expected] : cases) {
+    std::string narrow = "before";
+    std::wstring wide = L"before";
+    VarnGetOSErrorMessage(number, narrow);
+    VarnGetOSErrorMessage(number, wide);
+    EXPECT_EQ(expected, narrow);
+    EXPECT_EQ(std::wstring(expected.begin(), expected.end()), wide);
+  }
+}
+
+TEST(VarnProcess, GivesTheStatusOfAProgramThatItWaitedFor) {
+  const std::pair<std::string, int> cases[] = {
+      {"/bin/sh -c \"exit 3\"", 3},
+      {"/bin/sh -c \"exit 3\"\n", 3},
+      {"/bin/sh -c \"exit 33", 33},
+      {"/bin/sh -c \"kill -9 $$\"", 0},
+      {"/bin/false\n", 1},
+      {"/no/such/program", 0},
+      {"false", 0},
+      {"", 0},
+      {"\"", 0},
+      {"   ", 0},
+  };
+  for (const auto& [commandLine, status] : cases)
+    EXPECT_EQ(status, statusOf(commandLine)) << commandLine;
+}
+
+TEST(VarnProcess, ReturnsAtOnceWithTheIdOtherwise) {
+  const FileLog log(9);
+  int process = 0;
+  int status = 98;
+  ASSERT_TRUE(VarnExecuteProgram("/bin/sh -c \"exit 4\"", false, &process, &status));
+  EXPECT_EQ(98, status);
+  EXPECT_EQ(4, TestTools::outcomeOf(process));
+  EXPECT_EQ(
+      (Texts{"VarnExecuteProgram: Execution Started.", "VarnExecuteProgramEx: Execution Started.",
+             "VarnExecuteProgram: child process id: " + std::to_string(process),
+             "VarnExecuteProgram: argv[0] = /bin/sh", "VarnExecuteProgram: argv[1] = -c",
+             "VarnExecuteProgram: argv[2] = exit 4"}),
+      log.texts());
+}
+
+TEST(VarnProcess, RedirectsInputThenOutput) {
+  const TempFolder folder;
+  const std::string file = folder / "both";
+  const int both = open(file.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  // An output handle of 0 is the new input.
+  VarnExecuteProgramEx("/bin/echo hello", both, 0, true, nullptr, nullptr);
+  EXPECT_EQ("hello\n", TestTools::contentsOf(file));
+  lseek(both, 0, SEEK_SET);
+  EXPECT_EQ("hello\n", outputOf("cat", both));
+  close(both);
+}
+
+TEST(VarnProcess, SaysWhichHandleCannotBeDuplicatedAndStartsNothing) {
+  const TempFolder folder;
+  const FileLog log(1);
+  const std::string command = "/bin/touch " + (folder / "started");
+  int status = 99;
+  for (const auto& [in, out] : {std::pair(-2, 1), std::pair(12345, -2), std::pair(-1, 12345)}) {
+    EXPECT_TRUE(VarnExecuteProgramEx(command, in, out, true, nullptr, &status));
+    EXPECT_EQ(0, status);
+  }
+  EXPECT_FALSE(std::filesystem::exists(folder / "started"));
+  const std::string text = "VarnExecuteProgram: could not duplicate requested standard ";
+  EXPECT_EQ((Texts{text + "input handle: ", text + "input handle: ", text + "output handle: "}),
+            log.texts());
+}
+
+TEST(VarnProcess, ProgramsGetTheCallersMaskAndNoneOfItsDescriptors) {
+  const FileLog log(1);
+  sigset_t mask;
+  sigset_t before;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGHUP);
+  pthread_sigmask(SIG_SETMASK, &mask, &before);
+  const std::string own = "/proc/" + std::to_string(getpid()) + "/status";
+  const std::string masks = outputOf("grep -E '^Sig(Blk|Ign)' " + own);
+  EXPECT_EQ(masks, outputOf("exec grep -E '^Sig(Blk|Ign)' /proc/self/status"));
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_NE(std::string::npos, masks.find("SigBlk:\t0000000000000001"));
+  EXPECT_EQ("", outputOf("ls -l /proc/self/fd | grep test"));
+}
+
+TEST(VarnProcess, WaitingGoesOnAfterASignal) {
+  struct sigaction interrupting {};
+  interrupting.sa_handler = [](int) {};
+  struct sigaction before {};
+  sigaction(SIGWINCH, &interrupting, &before);
+  std::atomic<bool> done{false};
+  std::thread disturber([&done, waiting = pthread_self()] {
+    while (!done) {
+      pthread_kill(waiting, SIGWINCH);
+      TestTools::sleepMs(1);
+    }
+  });
+  EXPECT_EQ(3, statusOf("/bin/sh -c \"sleep 0.1; exit 3\""));
+  done = true;
+  disturber.join();
+  sigaction(SIGWINCH, &before, nullptr);
+}

@@ -2,9 +2,11 @@
 #ifndef VARNSUPPORT_VARNSUPPORT_H
 #define VARNSUPPORT_VARNSUPPORT_H
 
+#include "VarnSupport/VarnBufferStream.h"
 #include "VarnSupport/VarnCollaborator.h"
 #include "VarnSupport/VarnCriticalSection.h"
 #include "VarnSupport/VarnDateTime.h"
+#include "VarnSupport/VarnEncryption.h"
 #include "VarnSupport/VarnEvent.h"
 #include "VarnSupport/VarnEventTimerThread.h"
 #include "VarnSupport/VarnException.h"
@@ -18,14 +20,19 @@
 #include "VarnSupport/VarnModule.h"
 #include "VarnSupport/VarnObjectBase.h"
 #include "VarnSupport/VarnObjectFactory.h"
+#include "VarnSupport/VarnObjectStream.h"
 #include "VarnSupport/VarnProcess.h"
 #include "VarnSupport/VarnProducerConsumer.h"
+#include "VarnSupport/VarnProgramOptions.h"
+#include "VarnSupport/VarnProperties.h"
 #include "VarnSupport/VarnReadWriteLock.h"
+#include "VarnSupport/VarnRegularExpression.h"
 #include "VarnSupport/VarnService.h"
 #include "VarnSupport/VarnServiceControl.h"
 #include "VarnSupport/VarnStringUtilities.h"
 #include "VarnSupport/VarnThread.h"
 #include "VarnSupport/VarnTimer.h"
+#include "VarnSupport/VarnTreeNode.h"
 #include "VarnSupport/VarnVersion.h"
 #include "VarnSupport/VarnWorkInformation.h"
 

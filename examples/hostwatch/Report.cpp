@@ -1,0 +1,99 @@
+#include "Report.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+using namespace VarnSupport;
+
+namespace hostwatch {
+
+namespace {
+
+constexpr int kBarWidth = 20;
+
+// How full a bar is: against the limit, or else against a hundred.
+std::string barOf(const Sample& sample, const Settings& settings) {
+  const double full = settings.limitOf(sample.name).value_or(100);
+  const double share = full > 0 ? std::clamp(sample.value / full, 0.0, 1.0) : 1;
+  const auto filled = static_cast<std::size_t>(share * kBarWidth + 0.5);
+  return "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '-') + "]";
+}
+
+bool isColoured() { return isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr; }
+
+// Prints itself, as the tree walks over its nodes.
+class ListNode : public VarnTreeNode {
+ public:
+  explicit ListNode(const std::string& key) : VarnTreeNode(key) {}
+  void printGuts(int indent) override { std::printf("%*s%s\n", 2 * indent, "", getKey().c_str()); }
+};
+
+}  // namespace
+
+void printTable(const std::vector<SamplePointer>& samples, const Settings& settings,
+                const Texts& texts) {
+  struct Row {
+    std::string name, value, limit, bar;
+    bool over = false;
+  };
+  std::vector<Row> rows;
+  rows.push_back(
+      {texts.text("column.probe"), texts.text("column.value"), texts.text("column.limit"), ""});
+  for (const SamplePointer& sample : samples) {
+    const std::optional<double> limit = settings.limitOf(sample->name);
+    Row row{sample->name, format(sample->value) + sample->unit,
+            limit ? format(*limit) + sample->unit : texts.text("none"), barOf(*sample, settings),
+            sample->isOver(settings)};
+    if (!sample->error.empty()) {
+      row.value = texts.text("none");
+      row.bar = texts.text("failed", {{"name", sample->name}, {"reason", sample->error}});
+    } else if (row.over) {
+      row.bar += " " + texts.text("over");
+    }
+    rows.push_back(row);
+  }
+  std::size_t widths[3] = {};
+  for (const Row& row : rows) {
+    widths[0] = std::max(widths[0], row.name.size());
+    widths[1] = std::max(widths[1], row.value.size());
+    widths[2] = std::max(widths[2], row.limit.size());
+  }
+  const bool coloured = isColoured();
+  const std::string title = settings.text("title");
+  if (!title.empty())
+    std::printf("%s\n", title.c_str());
+  for (const Row& row : rows) {
+    std::printf("%-*s  %*s  %*s", static_cast<int>(widths[0]), row.name.c_str(),
+                static_cast<int>(widths[1]), row.value.c_str(), static_cast<int>(widths[2]),
+                row.limit.c_str());
+    if (!row.bar.empty()) {
+      const char* const colour = row.over ? "\033[31m" : "\033[32m";
+      std::printf("  %s%s%s", coloured ? colour : "", row.bar.c_str(), coloured ? "\033[0m" : "");
+    }
+    std::printf("\n");
+  }
+}
+
+void printProbes(const std::vector<std::string>& builtIn, const Texts& texts) {
+  const VarnSmartPointer<VarnTreeNode> root(new ListNode(texts.text("list.title")));
+  const VarnSmartPointer<VarnTreeNode> own = root->add(new ListNode(texts.text("list.builtin")));
+  VarnSmartPointer<VarnTreeNode> others;
+  for (const std::string& name : VarnObjectFactory::getGlobalInstance()->getRegisteredClasses()) {
+    if (std::find(builtIn.begin(), builtIn.end(), name) != builtIn.end()) {
+      own->add(new ListNode(name));
+      continue;
+    }
+    if (others == nullptr)
+      others = root->add(new ListNode(texts.text("list.plugins")));
+    others->add(new ListNode(name));
+  }
+  // A tree prints itself at log level 9 only; this log writes nowhere.
+  VarnLogging log("unused", 0, 9);
+  VarnLogging::setInstance(log);
+  root->print(0);
+}
+
+}  // namespace hostwatch

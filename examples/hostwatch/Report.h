@@ -1,0 +1,20 @@
+// What hostwatch prints for people.
+#ifndef HOSTWATCH_REPORT_H
+#define HOSTWATCH_REPORT_H
+
+#include <vector>
+
+#include "Sampling.h"
+
+namespace hostwatch {
+
+// Prints the samples as a table with a bar per value, coloured on a terminal.
+void printTable(const std::vector<SamplePointer>& samples, const Settings& settings,
+                const Texts& texts);
+
+// Prints the classes of probes as a tree; those in `builtIn` apart from the others.
+void printProbes(const std::vector<std::string>& builtIn, const Texts& texts);
+
+}  // namespace hostwatch
+
+#endif

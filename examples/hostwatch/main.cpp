@@ -1,0 +1,164 @@
+// hostwatch: watches one host, once or as a service.
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "HostService.h"
+#include "Report.h"
+
+using namespace VarnSupport;
+using namespace hostwatch;
+
+namespace {
+
+enum tExit { WITHIN_LIMITS = 0, OVER_A_LIMIT = 1, WRONG_USE = 2 };
+
+const char* const kUsage =
+    "usage: hostwatch [OPTION...]\n"
+    "\n"
+    "  -c, --config=FILE    read the configuration from FILE\n"
+    "  -o, --once           print one sample of every probe; exit with 1 if one is over its limit\n"
+    "  -d, --daemon         run in the background, logging to a file\n"
+    "  -i, --interval=N     seconds between two samples\n"
+    "  -l, --log=FILE       log to FILE; a number and .log are put in place of its extension\n"
+    "  -L, --log-level=N    -1 (off) to 9 (tracing); 1 crossings of limits, 5 every sample\n"
+    "  -p, --plugin=NAME    load probes from libNAME.so, or from NAME if it is a path\n"
+    "      --list           print the known probes\n"
+    "  -h, --help           print this\n"
+    "  -v, --version        print the version\n"
+    "\n"
+    "Without --once and --daemon it runs in the foreground until SIGTERM or SIGINT.\n";
+
+const char* const kOptionsWithValue[] = {"config", "interval", "log", "log-level", "plugin"};
+
+// The arguments with "--name value" written as "--name=value".
+VarnProgramOptions parse(int argc, char** argv) {
+  std::vector<std::string> arguments(argv, argv + argc);
+  for (std::size_t i = 1; i + 1 < arguments.size(); ++i) {
+    for (const std::string name : kOptionsWithValue) {
+      if (arguments[i] == "--" + name) {
+        arguments[i] += '=' + arguments[i + 1];
+        arguments.erase(arguments.begin() + static_cast<std::ptrdiff_t>(i) + 1);
+      }
+    }
+  }
+  std::vector<char*> pointers;
+  for (std::string& argument : arguments)
+    pointers.push_back(argument.data());
+  return VarnProgramOptions(
+      static_cast<int>(pointers.size()), pointers.data(), "c:odi:l:L:p:hv",
+      ":config:once:daemon:interval:log:log-level:plugin:list:help:version:", false);
+}
+
+// The command line, under the long names of its options.
+class CommandLine {
+ public:
+  CommandLine(int argc, char** argv) : m_oOptions(parse(argc, argv)) {
+    const char* const names[][2] = {{"c", "config"},   {"o", "once"}, {"d", "daemon"},
+                                    {"i", "interval"}, {"l", "log"},  {"L", "log-level"},
+                                    {"p", "plugin"},   {"h", "help"}, {"v", "version"}};
+    for (const auto& [letter, name] : names) {
+      for (const std::string& given : values(letter))
+        m_oOptions.getOptions().addProperty(name, given);
+    }
+    for (const char* const name : kOptionsWithValue) {
+      if (has(name) && value(name).empty())
+        throw VarnException("--" + std::string(name) + " needs a value", 0);
+    }
+    std::string argument;
+    if (m_oOptions.nextArgument(argument))
+      throw VarnException("there is no use for '" + argument + "'", 0);
+  }
+
+  bool has(const std::string& name) const { return !values(name).empty(); }
+  // The last one given counts.
+  std::string value(const std::string& name) const { return has(name) ? values(name).back() : ""; }
+  std::vector<std::string> values(const std::string& name) const {
+    return m_oOptions.getOptions().getPropertyValues(name);
+  }
+
+ private:
+  VarnProgramOptions m_oOptions;
+};
+
+// The loader's own search when no such plug-in is installed.
+std::string pluginFile(const std::string& name) {
+  if (name.find('/') != std::string::npos)
+    return name;
+  const std::string file = "lib" + name + ".so";
+  const std::string installed = installedFile(file, HOSTWATCH_PLUGINS "/" + file);
+  return std::filesystem::exists(installed) ? installed : file;
+}
+
+Settings loadSettings(const CommandLine& commandLine) {
+  Settings settings(commandLine.has("config")
+                        ? commandLine.value("config")
+                        : installedFile("hostwatch.conf", "etc/hostwatch/hostwatch.conf"));
+  if (commandLine.has("interval"))
+    settings.set("interval", commandLine.value("interval"));
+  if (commandLine.has("log-level"))
+    settings.set("log.level", commandLine.value("log-level"));
+  return settings;
+}
+
+int reportOnce(const Settings& settings, const Texts& texts) {
+  std::vector<SamplePointer> samples;
+  bool over = false;
+  for (const auto& probe : makeProbes(settings)) {
+    samples.push_back(takeSample(*probe, settings));
+    over = over || samples.back()->isOver(settings);
+  }
+  printTable(samples, settings, texts);
+  return over ? OVER_A_LIMIT : WITHIN_LIMITS;
+}
+
+int runService(const CommandLine& commandLine, const Settings& settings, const Texts& texts) {
+  std::string log = commandLine.has("log") ? commandLine.value("log") : settings.text("log");
+  const bool asDaemon = commandLine.has("daemon");
+  if (log.empty() && asDaemon)
+    throw VarnException("--daemon needs --log, or log= in the configuration", 0);
+  if (!log.empty())
+    log = std::filesystem::absolute(log).string();  // a daemon works in "/"
+  HostService service(settings, texts, log, asDaemon);
+  return service.start("", asDaemon) ? WITHIN_LIMITS : WRONG_USE;
+}
+
+int run(int argc, char** argv) {
+  const CommandLine commandLine(argc, argv);
+  if (commandLine.has("help")) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (commandLine.has("version")) {
+    std::puts("hostwatch " HOSTWATCH_VERSION);
+    return 0;
+  }
+  VarnLocaleFactory::initializeLanguageCountryCode();
+  const auto builtIn = VarnObjectFactory::getGlobalInstance()->getRegisteredClasses();
+  std::vector<std::unique_ptr<VarnLibrary>> plugins;
+  for (const std::string& name : commandLine.values("plugin"))
+    plugins.push_back(std::make_unique<VarnLibrary>(pluginFile(name), true));
+  const Texts texts;
+  if (commandLine.has("list")) {
+    printProbes(builtIn, texts);
+    return 0;
+  }
+  const Settings settings = loadSettings(commandLine);
+  return commandLine.has("once") ? reportOnce(settings, texts)
+                                 : runService(commandLine, settings, texts);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const VarnException& error) {
+    std::fprintf(stderr, "hostwatch: %s\n", error.getText().c_str());
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "hostwatch: %s\n", error.what());
+  }
+  return WRONG_USE;
+}

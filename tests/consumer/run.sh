@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# What is built serves its users: run.sh BUILD SOURCE installs BUILD into a prefix of its own and
+# builds programs against that alone, then against SOURCE as a subproject.
+set -euo pipefail
+build=$1 source=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }; }
+
+quietly cmake --install "$build" --prefix "$work/first"
+mv "$work/first" "$work/prefix"  # a prefix may be moved
+export PKG_CONFIG_PATH LD_LIBRARY_PATH
+LD_LIBRARY_PATH=$(dirname "$(find "$work/prefix" -name libvsupt.so)")
+PKG_CONFIG_PATH=$LD_LIBRARY_PATH/pkgconfig
+
+# The first program of the README, with pkg-config.
+awk '/^```cpp/ {code = 1; next} /^```/ {code = 0} code' "$source/README.md" >"$work/first.cpp"
+read -ra flags <<<"$(pkg-config --cflags --libs vsupt)"
+quietly c++ -std=c++17 -Wall -Wextra -Werror "$work/first.cpp" "${flags[@]}" -o "$work/first"
+"$work/first" >"$work/out" &
+until grep -q 'hello, world' "$work/out"; do sleep 0.05; done
+kill -TERM $!
+wait $!
+grep -q 'good-bye' "$work/out"
+
+# hostwatch, with the CMake package.
+cp -r "$source/examples/hostwatch" "$work/hostwatch"
+quietly cmake -S "$work/hostwatch" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
+  -DCMAKE_INSTALL_PREFIX="$work/own"
+quietly cmake --build "$work/build"
+quietly cmake --install "$work/build"
+"$work/own/bin/hostwatch" --once --plugin=hostwatch_lines >"$work/out" || [ $? -eq 1 ]
+grep -q '^load ' "$work/out"
+
+# The library as a subproject.
+mkdir "$work/consumer"
+cp "$source/tests/consumer/CMakeLists.txt" "$work/first.cpp" "$work/consumer"
+quietly cmake -S "$work/consumer" -B "$work/sub" -G Ninja -DVSUPT_SOURCE="$source"
+quietly cmake --build "$work/sub"

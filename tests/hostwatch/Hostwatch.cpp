@@ -1,0 +1,135 @@
+// The example daemon, as its users run it.
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+
+#include <regex>
+
+#include "TestTools.h"
+
+using namespace TestTools;
+
+namespace {
+
+struct Outcome {
+  int exitCode;
+  std::string output;
+};
+
+// Runs hostwatch with what the shell makes of `arguments`, both outputs in one.
+Outcome hostwatch(const std::string& arguments, const std::string& environment = "") {
+  const std::string command = environment + " " VSUPT_HOSTWATCH " " + arguments + " 2>&1";
+  FILE* const pipe = popen(command.c_str(), "r");
+  std::string output;
+  for (int character = std::fgetc(pipe); character != EOF; character = std::fgetc(pipe))
+    output += static_cast<char>(character);
+  const int status = pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// The only log file below `base`, once it holds `text`.
+std::string logWith(const std::string& base, const std::string& text) {
+  std::string log;
+  eventually([&] {
+    for (const auto& entry :
+         std::filesystem::directory_iterator(std::filesystem::path(base).parent_path())) {
+      if (entry.path().string().rfind(base, 0) == 0)
+        log = contentsOf(entry.path());
+    }
+    return contains(log, text);
+  });
+  return log;
+}
+
+}  // namespace
+
+TEST(Hostwatch, WrongUseGivesOneLineAndExitCode2) {
+  const TempFolder folder;
+  const struct {
+    std::string configuration;
+    std::string arguments;
+    std::string said;
+  } rows[] = {
+      {"probe=LoadProbe", "--bogus", "Unrecognized option: --bogus"},
+      {"probe=LoadProbe", "-z", "Unrecognized option: -z"},
+      {"probe=LoadProbe", "--once --log", "--log needs a value"},
+      {"probe=LoadProbe", "--once -i", "option data not available for: -i"},
+      {"probe=LoadProbe", "--once --interval=", "--interval needs a value"},
+      {"probe=LoadProbe", "--once --interval 0", "interval=0 is not a number from 1 to 86400"},
+      {"probe=LoadProbe", "--once --log-level=x", "log.level=x is not a number from -1 to 9"},
+      {"probe=LoadProbe", "--once more", "there is no use for 'more'"},
+      {"probe=LoadProbe", "--daemon", "--daemon needs --log"},
+      {"probe=LoadProbe", "--once --plugin=/no/such.so", "/no/such.so"},
+      {"", "--once", "names no probe"},
+      {"probe=NoProbe", "--once", "there is no probe NoProbe"},
+      {"probe=LoadProbe\nlimit.load=high", "--once", "limit.load=high is not a number"},
+      {"probe=LoadProbe\na=<b>\nb=<a>", "--once", "refers to itself"},
+      {"probe=LoadProbe\nrequires={0.1-0.9}", "--once", "excludes this version"},
+      {"probe=LoadProbe", "--once --config /no/such.conf", "/no/such.conf: cannot be read"},
+  };
+  for (const auto& row : rows) {
+    writeFile(folder / "conf", row.configuration);
+    const Outcome outcome = hostwatch("--config=" + (folder / "conf") + " " + row.arguments);
+    EXPECT_EQ(2, outcome.exitCode) << row.arguments;
+    EXPECT_EQ(1, std::count(outcome.output.begin(), outcome.output.end(), '\n')) << outcome.output;
+    EXPECT_TRUE(contains(outcome.output, row.said)) << outcome.output;
+  }
+}
+
+TEST(Hostwatch, OnceTellsByItsExitCodeWhetherALimitIsCrossed) {
+  const TempFolder folder;
+  for (const auto& [limit, exitCode] : {std::pair("1e9", 0), std::pair("-1", 1)}) {
+    writeFile(folder / "conf",
+              "probe=LoadProbe\nprobe=UptimeProbe\ntitle=of <USER_OF_TEST>\n"
+              "limit.load=" +
+                  std::string(limit) + '\n');
+    const Outcome outcome = hostwatch("-o -c " + (folder / "conf"), "USER_OF_TEST=someone");
+    EXPECT_EQ(exitCode, outcome.exitCode);
+    EXPECT_TRUE(std::regex_match(outcome.output, std::regex("of someone\n"
+                                                            "probe +value +limit\n"
+                                                            "load .*\\[[#-]{20}\\]( over)?\n"
+                                                            "uptime .*h +-  \\[[#-]{20}\\]\n")))
+        << outcome.output;
+  }
+}
+
+TEST(Hostwatch, ListsTheProbesOfAPlugInInTheLanguageOfTheUser) {
+  const TempFolder locales;
+  std::filesystem::copy("/usr/lib/locale/C.utf8", locales / "de_DE.UTF-8",
+                        std::filesystem::copy_options::recursive);
+  EXPECT_EQ(
+      "Sonden\n  aus Erweiterungen\n    LineProbe\n  eingebaut\n    DiskProbe\n    LoadProbe\n"
+      "    MemoryProbe\n    ProcessProbe\n    UptimeProbe\n",
+      hostwatch("--list --plugin=" VSUPT_HOSTWATCH_PLUGIN,
+                "LANG=de_DE.UTF-8 LOCPATH=" + locales.path())
+          .output);
+}
+
+TEST(Hostwatch, RunsAsADaemonUntilItIsTerminated) {
+  const TempFolder folder;
+  writeFile(folder / "lines", "one\ntwo\none and two\n");
+  writeFile(folder / "conf",
+            "probe=LoadProbe\nprobe=LineProbe\nlines.files=" + (folder / "li*") +
+                "\nlines.pattern=one\nlimit.lines=1\nalert.command=/usr/bin/touch " +
+                (folder / "<name>-<value>") + '\n');
+  prctl(PR_SET_CHILD_SUBREAPER, 1);  // the daemon becomes this process's child
+  const Outcome start = hostwatch("-d -i 1 -L 5 -p " VSUPT_HOSTWATCH_PLUGIN " -c " +
+                                  (folder / "conf") + " -l " + (folder / "log"));
+  ASSERT_EQ(0, start.exitCode) << start.output;
+  const std::string children = "/proc/self/task/" + std::to_string(getpid()) + "/children";
+  const pid_t daemon = std::atoi(contentsOf(children).c_str());
+  ASSERT_GT(daemon, 0);
+  EXPECT_TRUE(contains(logWith(folder / "log", "load is"), "watching 2 probes every 1 seconds"));
+  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder / "lines-2.00"); }));
+  // Another round, in which the limit is still crossed.
+  writeFile(folder / "lines", "one\none\none\n");
+  logWith(folder / "log", "lines is 3.00");
+  kill(daemon, SIGTERM);
+  EXPECT_EQ(0, outcomeOf(daemon));
+  const std::string log = logWith(folder / "log", "stopped");
+  EXPECT_TRUE(std::regex_search(log, std::regex(" 1 hostwatch  \\[-?[0-9]+\\] stopped\n$"))) << log;
+  EXPECT_EQ(log.find("over its limit"), log.rfind("over its limit"));
+}

@@ -11,8 +11,7 @@ namespace VarnSupport {
 VarnCriticalSectionObject& globalSection() noexcept;
 
 // pthread_self(), kept: it is asked for several times in every lock and unlock.
-extern constinit thread_local pthread_t t_hCallingThread
-    __attribute__((tls_model("initial-exec")));
+extern constinit thread_local pthread_t t_hCallingThread __attribute__((tls_model("initial-exec")));
 inline pthread_t callingThread() {
   if (t_hCallingThread == 0)
     t_hCallingThread = pthread_self();
@@ -22,7 +21,8 @@ inline pthread_t callingThread() {
 // Excludes other threads from a critical section without entering it on the caller's list of held
 // locks: half the price of lock() and unlock().
 // Requires: cancellation is closed, so that no recovery can need the entry; nothing but plain data
-// access and allocation inside, no call-out and no other lock.
+// access and allocation inside, no call-out and no other lock but the lock of an implementation
+// that the object shares.
 class VSUPT_SCOPED_CAPABILITY BriefHold {
  public:
   explicit BriefHold(VarnCriticalSectionObject& object) VSUPT_ACQUIRE(object)

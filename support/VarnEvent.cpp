@@ -22,6 +22,13 @@ constinit thread_local const EventWaitContext* t_pWaitContext = nullptr;
 // A set() that comes soon is cheaper to wait for than to sleep for.
 constexpr int kLooksBeforeSleeping = 200;
 
+// Leaves the processor to its other thread for a moment, where there is a way to say so.
+inline void relaxProcessor() {
+#if __has_builtin(__builtin_ia32_pause)
+  __builtin_ia32_pause();
+#endif
+}
+
 }  // namespace
 
 // The condition and the mutex come first: getHandle() hands out their address.
@@ -60,7 +67,7 @@ struct VarnEvent::State {
   bool waitSince(std::uint64_t ticket, const std::atomic<bool>* abandoned) {
     const auto hasChanged = [&] { return number.load(std::memory_order_acquire) != ticket; };
     for (int looks = 0; looks < kLooksBeforeSleeping && !hasChanged(); ++looks)
-      __builtin_ia32_pause();
+      relaxProcessor();
     const Sleeper sleeper(*this);
     while (!hasChanged() && (abandoned == nullptr || !abandoned->load())) {
       const BlockingCall cancellable;

@@ -564,12 +564,14 @@ void ForkHandlers::renew(VarnTimerManager& manager) {
   if (renewIfLost(manager.m_oPassLock))
     manager.m_bBusy = false;
   VarnTimerManager::State& state = *manager.m_pState;
-  std::erase_if(state.stackTimers, [&](const auto& entry) {
-    const bool isGone = pthread_equal(entry.second, pthread_self()) == 0;
-    if (isGone)
+  const auto isGone = [](const auto& entry) {
+    return pthread_equal(entry.second, pthread_self()) == 0;
+  };
+  for (const auto& entry : state.stackTimers) {
+    if (isGone(entry))
       std::erase(manager.m_vTimers, entry.first);
-    return isGone;
-  });
+  }
+  std::erase_if(state.stackTimers, isGone);
   state.armedUntil = 0;
   state.armRequested = false;
   state.passRequested = false;

@@ -42,11 +42,11 @@ class VSUPT_EXPORT VarnEvent {
   // Null is ignored.
   virtual void destroyNotification(VarnNotification* notification);
 
-  // Waits for all of the events, or for the first one, on one thread per event. Returns 0 for all, or
-  // the index of the one that was set last; nothing is lost between the call and the start of the
-  // waiting. A finite time-out makes each of the waits end at once, with the same results, or with -2
-  // when it is below a second. An empty vector: see VarnThread::wait(). Throws VarnException when the
-  // system refuses a thread.
+  // Waits for all of the events, or for the first one, on one thread per event. Returns 0 for all,
+  // or the index of the one that was set last; nothing is lost between the call and the start of
+  // the waiting. A finite time-out makes each of the waits end at once, with the same results, or
+  // with -2 when it is below a second. An empty vector: see VarnThread::wait(). Throws
+  // VarnException when the system refuses a thread.
   static int wait(std::vector<VarnEvent*>& events, bool waitAll, int timeoutMs);
   // The same for an array of plain VarnEvent objects; a count below 1 is an empty vector.
   static int wait(int count, VarnEvent* events, bool waitAll, int timeoutMs);

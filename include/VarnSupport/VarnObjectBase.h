@@ -74,7 +74,11 @@ class VSUPT_EXPORT VarnSmartPointer {
 
   // The new object is shared before the old one is released, so that `p = p->next` is safe and a
   // destructor that the release runs already sees the new pointer.
-  VarnSmartPointer& operator=(const VarnSmartPointer& source) { return *this = source.m_pObject; }
+  VarnSmartPointer& operator=(const VarnSmartPointer& source) {
+    if (&source != this)
+      *this = source.m_pObject;
+    return *this;
+  }
   VarnSmartPointer& operator=(T* object) {
     if (object != m_pObject) {
       T* const old = m_pObject;

@@ -75,7 +75,7 @@ class VSUPT_EXPORT VarnService {
   std::wstring m_sWideText;
   VarnEvent m_oStopEvent;
   bool m_bDaemon = false;
-  bool m_bFlag = false;
+  [[maybe_unused]] bool m_bFlag = false;
   std::atomic<std::int32_t> m_nState{1};
 };
 

@@ -152,9 +152,8 @@ int VarnEvent::wait(int timeoutMs) {
     return 0;
   }
   // An absolute time near the epoch: a finite wait ends at once, and callers rely on it.
-  timespec deadline{};
-  deadline.tv_sec = timeoutMs / 1000;
-  deadline.tv_nsec = static_cast<std::uint32_t>(timeoutMs) * 1000000U;
+  const std::uint32_t nanoseconds = static_cast<std::uint32_t>(timeoutMs) * 1000000U;
+  const timespec deadline{timeoutMs / 1000, nanoseconds};
   const State::Sleeper sleeper(*m_pState);
   const int result = pthread_cond_timedwait(&m_pState->condition, &m_pState->mutex, &deadline);
   if (result == 0)

@@ -3,6 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <memory>
+
+#include "Sampling.h"
+
 using namespace VarnSupport;
 
 namespace hostwatch {
@@ -11,6 +15,30 @@ namespace {
 
 constexpr int kEvent = 1;
 
+class HostService : public VarnService {
+ public:
+  HostService(const Settings& settings, const Texts& texts, const std::string& logFile,
+              bool asDaemon);
+
+ protected:
+  bool onStart(const std::string& arguments) override;
+  void onStop() override;
+
+ private:
+  const Settings& m_oSettings;
+  const Texts& m_oTexts;
+  std::string m_sLogFile;
+  bool m_bDaemon;
+  Probes m_vProbes;
+  SampleQueue m_oQueue;
+  SampleExchange m_oExchange;
+  VarnTimer m_oTimer;
+  // Made when the service starts: a daemon's threads belong to the daemon.
+  std::unique_ptr<VarnLogging> m_pLog;
+  std::unique_ptr<Judge> m_pJudge;
+  std::unique_ptr<Sampler> m_pSampler;
+};
+
 // Whoever reads what the launching program prints must not wait for the daemon's end.
 void giveUpStandardStreams() {
   const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -18,8 +46,6 @@ void giveUpStandardStreams() {
     dup2(nothing, stream);
   close(nothing);
 }
-
-}  // namespace
 
 HostService::HostService(const Settings& settings, const Texts& texts, const std::string& logFile,
                          bool asDaemon)
@@ -57,6 +83,14 @@ void HostService::onStop() {
   m_oExchange.produceSentinel(false);
   m_pJudge->waitForThreadExit();
   VarnLogRecord("hostwatch", kEvent) << m_oTexts.text("stopped");
+}
+
+}  // namespace
+
+bool runService(const Settings& settings, const Texts& texts, const std::string& logFile,
+                bool asDaemon) {
+  HostService service(settings, texts, logFile, asDaemon);
+  return service.start("", asDaemon);
 }
 
 }  // namespace hostwatch

@@ -13,11 +13,14 @@ using Properties = VarnSupport::VarnProperties<std::string>;
 // Made by the global object factory under its class name. Used by one thread at a time.
 class Probe : public VarnSupport::VarnObjectBase {
  public:
-  // Names the probe in tables and logs, and its limit in the configuration ("limit.NAME").
-  virtual std::string name() const = 0;
-  virtual std::string unit() const = 0;
+  Probe(const std::string& probeName, const std::string& probeUnit)
+      : name(probeName), unit(probeUnit) {}
   // The value of this moment. Throws VarnException when it cannot be had.
   virtual double measure(const Properties& configuration) = 0;
+
+  // Names the probe in tables and logs, and its limit in the configuration ("limit.NAME").
+  const std::string name;
+  const std::string unit;
 };
 
 // Puts a class of probes into the global factory for as long as it exists.

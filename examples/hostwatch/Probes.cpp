@@ -24,23 +24,20 @@ double firstNumberOf(const std::string& file) {
 
 class LoadProbe : public Probe {
  public:
-  std::string name() const override { return "load"; }
-  std::string unit() const override { return ""; }
+  LoadProbe() : Probe("load", "") {}
   double measure(const Properties&) override { return firstNumberOf("/proc/loadavg"); }
 };
 
 class UptimeProbe : public Probe {
  public:
-  std::string name() const override { return "uptime"; }
-  std::string unit() const override { return "h"; }
+  UptimeProbe() : Probe("uptime", "h") {}
   double measure(const Properties&) override { return firstNumberOf("/proc/uptime") / 3600; }
 };
 
 // The share of the memory that is not available to new programs.
 class MemoryProbe : public Probe {
  public:
-  std::string name() const override { return "memory"; }
-  std::string unit() const override { return "%"; }
+  MemoryProbe() : Probe("memory", "%") {}
   double measure(const Properties&) override {
     Properties memory;
     memory.loadProperties("/proc/meminfo", ':');
@@ -53,8 +50,7 @@ class MemoryProbe : public Probe {
 // The share of a file system that is used; "disk.path" names a place in it.
 class DiskProbe : public Probe {
  public:
-  std::string name() const override { return "disk"; }
-  std::string unit() const override { return "%"; }
+  DiskProbe() : Probe("disk", "%") {}
   double measure(const Properties& configuration) override {
     const std::string root = "/";
     const std::string path = configuration.getProperty("disk.path", root);
@@ -68,8 +64,7 @@ class DiskProbe : public Probe {
 
 class ProcessProbe : public Probe {
  public:
-  std::string name() const override { return "processes"; }
-  std::string unit() const override { return ""; }
+  ProcessProbe() : Probe("processes", "") {}
   double measure(const Properties&) override {
     int count = 0;
     for (VarnFindFile entries("/proc/*"); entries.hasMore();) {

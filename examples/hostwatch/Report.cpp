@@ -24,6 +24,17 @@ std::string barOf(const Sample& sample, const Settings& settings) {
 
 bool isColoured() { return isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr; }
 
+std::string quoted(const std::string& text) {
+  std::string result = "\"";
+  for (const char character : text) {
+    char escaped[8] = {character};
+    if (character == '"' || character == '\\' || static_cast<unsigned char>(character) < ' ')
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(character));
+    result += escaped;
+  }
+  return result + '"';
+}
+
 // Prints itself, as the tree walks over its nodes.
 class ListNode : public VarnTreeNode {
  public:
@@ -75,6 +86,22 @@ void printTable(const std::vector<SamplePointer>& samples, const Settings& setti
     }
     std::printf("\n");
   }
+}
+
+void printJson(const std::vector<SamplePointer>& samples, const Settings& settings) {
+  std::printf("{\"host\": %s, \"samples\": [", quoted(settings.text("hostname")).c_str());
+  for (const SamplePointer& sample : samples) {
+    std::printf("%s{\"name\": %s, \"unit\": %s", sample == samples.front() ? "" : ", ",
+                quoted(sample->name).c_str(), quoted(sample->unit).c_str());
+    if (sample->error.empty())
+      std::printf(", \"value\": %.6g", sample->value);
+    else
+      std::printf(", \"error\": %s", quoted(sample->error).c_str());
+    if (const auto limit = settings.limitOf(sample->name))
+      std::printf(", \"limit\": %.6g", *limit);
+    std::printf(", \"over\": %s}", sample->isOver(settings) ? "true" : "false");
+  }
+  std::printf("]}\n");
 }
 
 void printProbes(const std::vector<std::string>& builtIn, const Texts& texts) {

@@ -37,8 +37,8 @@ Probes makeProbes(const Settings& settings) {
 
 SamplePointer takeSample(Probe& probe, const Settings& settings) {
   SamplePointer sample(new Sample);
-  sample->name = probe.name();
-  sample->unit = probe.unit();
+  sample->name = probe.name;
+  sample->unit = probe.unit;
   try {
     sample->value = probe.measure(settings.properties());
   } catch (const VarnException& error) {

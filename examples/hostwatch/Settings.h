@@ -1,4 +1,4 @@
-// The configuration of hostwatch: a property file, checked once and then only read.
+// The configuration of hostwatch: a property file, only read once it is checked.
 #ifndef HOSTWATCH_SETTINGS_H
 #define HOSTWATCH_SETTINGS_H
 
@@ -12,11 +12,14 @@ namespace hostwatch {
 
 class Settings {
  public:
-  // Throws VarnException with one line of text when the file cannot be read or holds what is wrong.
+  // Throws VarnException when the file cannot be read.
   explicit Settings(const std::string& file);
 
-  // Replaces a setting by what the command line says; throws as above.
+  // Replaces a setting by what the command line says.
   void set(const std::string& name, const std::string& value);
+  // All that is wrong, in the order of the file: "FILE:LINE: TEXT", or the text alone for what the
+  // file does not say. The rest may be used only if there is nothing.
+  std::vector<std::string> faults() const;
 
   const Properties& properties() const { return m_oProperties; }
   // The value with its references expanded; empty when there is none.
@@ -24,20 +27,26 @@ class Settings {
   // Class names of the probes to run.
   std::vector<std::string> probes() const { return m_oProperties.getPropertyValues("probe"); }
   std::optional<double> limitOf(const std::string& probe) const;
-  long intervalSeconds() const { return number("interval", 60, 1, 86400); }
-  int logLevel() const { return static_cast<int>(number("log.level", 1, -1, 9)); }
+  long intervalSeconds() const { return number(kInterval).value(); }
+  int logLevel() const { return static_cast<int>(number(kLogLevel).value()); }
 
  private:
-  long number(const std::string& name, long preset, long lowest, long highest) const;
-  void check() const;
-  void checkReferences(const std::string& name, std::vector<std::string>& path) const;
+  struct Range {
+    const char* name;
+    long preset, lowest, highest;
+  };
+  static constexpr Range kInterval{"interval", 60, 1, 86400};
+  static constexpr Range kLogLevel{"log.level", 1, -1, 9};
+
+  std::optional<long> number(const Range& range) const;
+  bool refersToItself(const std::string& name, std::vector<std::string>& path) const;
+  std::string requirementFault() const;
 
   std::string m_sFile;
   mutable Properties m_oProperties;  // expansion takes it as not const
 };
 
-// Where the configuration and the messages are: beside the program or in the prefix that it was
-// installed to.
+// Where what belongs to hostwatch is: beside the program or in the prefix that it was installed to.
 std::string installedFile(const std::string& besideProgram, const std::string& inPrefix);
 
 }  // namespace hostwatch

@@ -20,6 +20,8 @@ const char* const kUsage =
     "\n"
     "  -c, --config=FILE    read the configuration from FILE\n"
     "  -o, --once           print one sample of every probe; exit with 1 if one is over its limit\n"
+    "      --json           with --once: as JSON\n"
+    "      --check          say all that is wrong with the configuration\n"
     "  -d, --daemon         run in the background, logging to a file\n"
     "  -i, --interval=N     seconds between two samples\n"
     "  -l, --log=FILE       log to FILE; a number and .log are put in place of its extension\n"
@@ -49,7 +51,7 @@ VarnProgramOptions parse(int argc, char** argv) {
     pointers.push_back(argument.data());
   return VarnProgramOptions(
       static_cast<int>(pointers.size()), pointers.data(), "c:odi:l:L:p:hv",
-      ":config:once:daemon:interval:log:log-level:plugin:list:help:version:", false);
+      ":config:once:json:check:daemon:interval:log:log-level:plugin:list:help:version:", false);
 }
 
 // The command line, under the long names of its options.
@@ -103,26 +105,28 @@ Settings loadSettings(const CommandLine& commandLine) {
   return settings;
 }
 
-int reportOnce(const Settings& settings, const Texts& texts) {
+int reportOnce(const CommandLine& commandLine, const Settings& settings, const Texts& texts) {
   std::vector<SamplePointer> samples;
   bool over = false;
   for (const auto& probe : makeProbes(settings)) {
     samples.push_back(takeSample(*probe, settings));
     over = over || samples.back()->isOver(settings);
   }
-  printTable(samples, settings, texts);
+  if (commandLine.has("json"))
+    printJson(samples, settings);
+  else
+    printTable(samples, settings, texts);
   return over ? OVER_A_LIMIT : WITHIN_LIMITS;
 }
 
-int runService(const CommandLine& commandLine, const Settings& settings, const Texts& texts) {
+int serve(const CommandLine& commandLine, const Settings& settings, const Texts& texts) {
   std::string log = commandLine.has("log") ? commandLine.value("log") : settings.text("log");
   const bool asDaemon = commandLine.has("daemon");
   if (log.empty() && asDaemon)
     throw VarnException("--daemon needs --log, or log= in the configuration", 0);
   if (!log.empty())
     log = std::filesystem::absolute(log).string();  // a daemon works in "/"
-  HostService service(settings, texts, log, asDaemon);
-  return service.start("", asDaemon) ? WITHIN_LIMITS : WRONG_USE;
+  return runService(settings, texts, log, asDaemon) ? WITHIN_LIMITS : WRONG_USE;
 }
 
 int run(int argc, char** argv) {
@@ -146,8 +150,15 @@ int run(int argc, char** argv) {
     return 0;
   }
   const Settings settings = loadSettings(commandLine);
-  return commandLine.has("once") ? reportOnce(settings, texts)
-                                 : runService(commandLine, settings, texts);
+  const std::vector<std::string> faults = settings.faults();
+  if (!faults.empty() && !commandLine.has("check"))
+    throw VarnException(faults.front(), 0);
+  for (const std::string& fault : faults)
+    std::fprintf(stderr, "hostwatch: %s\n", fault.c_str());
+  if (commandLine.has("check"))
+    return faults.empty() ? WITHIN_LIMITS : WRONG_USE;
+  return commandLine.has("once") ? reportOnce(commandLine, settings, texts)
+                                 : serve(commandLine, settings, texts);
 }
 
 }  // namespace

@@ -96,6 +96,38 @@ TEST(Hostwatch, OnceTellsByItsExitCodeWhetherALimitIsCrossed) {
   }
 }
 
+TEST(Hostwatch, CheckSaysEveryFaultWithItsLine) {
+  const TempFolder folder;
+  const std::string file = folder / "conf";
+  writeFile(file, "# all wrong\nlimit.load=z\njunk\nprobe=X\ninterval=1.5\na=<a>\nrequires={9\n");
+  const std::string at = "hostwatch: " + file + ':';
+  const Outcome outcome = hostwatch("--check -L 77 --config=" + file);
+  EXPECT_EQ(2, outcome.exitCode);
+  EXPECT_EQ("hostwatch: log.level=77 is not a number from -1 to 9\n" + at +
+                "2: limit.load=z is not a number\n" + at + "3: 'junk' is not NAME=VALUE\n" + at +
+                "4: there is no probe X\n" + at +
+                "5: interval=1.5 is not a number from 1 to 86400\n" + at +
+                "6: a refers to itself\n" + at +
+                "7: VarnVersion::createRangeVector: Invalid range specification: {9\n",
+            outcome.output);
+  EXPECT_EQ(0, hostwatch("--check").exitCode);
+}
+
+TEST(Hostwatch, TellsMachinesInJson) {
+  const TempFolder folder;
+  writeFile(folder / "conf",
+            "probe=DiskProbe\nprobe=LoadProbe\nlimit.load=-1\ndisk.path=/no/\"such\"\n");
+  const Outcome outcome = hostwatch("--once --json -c " + (folder / "conf"));
+  EXPECT_EQ(1, outcome.exitCode);
+  EXPECT_TRUE(std::regex_match(
+      outcome.output,
+      std::regex("\\{\"host\": \".+\", \"samples\": \\[\\{\"name\": \"disk\", \"unit\": \"%\", "
+                 "\"error\": \"cannot look at the file system of /no/.u0022such.u0022\", "
+                 "\"over\": false\\}, \\{\"name\": \"load\", \"unit\": \"\", \"value\": [0-9.]+, "
+                 "\"limit\": -1, \"over\": true\\}\\]\\}\n")))
+      << outcome.output;
+}
+
 TEST(Hostwatch, ListsTheProbesOfAPlugInInTheLanguageOfTheUser) {
   const TempFolder locales;
   std::filesystem::copy("/usr/lib/locale/C.utf8", locales / "de_DE.UTF-8",

@@ -12,8 +12,7 @@ namespace {
 
 class LineProbe : public hostwatch::Probe {
  public:
-  std::string name() const override { return "lines"; }
-  std::string unit() const override { return ""; }
+  LineProbe() : Probe("lines", "") {}
   double measure(const hostwatch::Properties& configuration) override {
     VarnRegularExpression<std::string> pattern;
     pattern.setPattern(configuration.getProperty("lines.pattern"));

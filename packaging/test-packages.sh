@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# test-packages.sh FOLDER installs the packages of FOLDER into a root of their own, builds the first
+# program of the README against them with pkg-config and with CMake, and runs hostwatch.
+set -euo pipefail
+packages=$(cd "$1" && pwd)
+source=$(cd "$(dirname "$0")/.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }; }
+
+for package in "$packages"/*.deb; do dpkg-deb -x "$package" "$work/root"; done
+libraries=$(dirname "$(find "$work/root/usr/lib" -name libvsupt.so)")
+export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig
+
+awk '/^```cpp/ {code = 1; next} /^```/ {code = 0} code' "$source/README.md" >"$work/greeter.cpp"
+read -ra flags <<<"$(pkg-config --cflags --libs vsupt)"
+quietly c++ -std=c++17 "$work/greeter.cpp" "${flags[@]}" -o "$work/greeter"
+cat >"$work/CMakeLists.txt" <<'TEXT'
+cmake_minimum_required(VERSION 3.25)
+project(greeter LANGUAGES CXX)
+find_package(VarnSupport 1 CONFIG REQUIRED COMPONENTS Runtime Development)
+add_executable(greeter greeter.cpp)
+target_link_libraries(greeter PRIVATE VarnSupport::vsupt)
+TEXT
+quietly cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/root/usr"
+quietly cmake --build "$work/build"
+for program in "$work/greeter" "$work/build/greeter"; do
+  "$program" >"$work/out" &
+  until grep -q 'hello, world' "$work/out"; do sleep 0.05; done
+  kill -TERM $!
+  wait $!
+  grep -q 'good-bye' "$work/out"
+done
+
+"$work/root/usr/bin/hostwatch" --once --config="$work/root/etc/hostwatch/hostwatch.conf" \
+  --plugin=hostwatch_lines >"$work/out" || [ $? -eq 1 ]
+grep -q '^load ' "$work/out"

@@ -381,6 +381,7 @@ template class VarnProperties<std::string>;
 template class VarnProperties<std::wstring>;
 template class VarnProperties<ci_string>;
 template class VarnProperties<ci_wstring>;
+template class VarnSmartPointer<VarnProperties<std::string>>;
 
 std::string VarnExpandString(const std::string& text, VarnProperties<std::string>& properties) {
   const CancellationGuard closed;

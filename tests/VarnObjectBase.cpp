@@ -1,10 +1,14 @@
 #include "VarnSupport/VarnObjectBase.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <set>
+#include <cstring>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <thread>
+#include <typeinfo>
 #include <vector>
 
 #include "VarnSupport/VarnSupport.h"
@@ -27,6 +31,17 @@ class Counted : public VarnObjectBase {
 int Counted::alive = 0;
 
 using Pointer = VarnSmartPointer<Counted>;
+
+// Whether the shared library itself exports the members of VarnSmartPointer<T>.
+template <typename T>
+bool libraryCarriesPointerTo() {
+  const std::string_view nameInNamespace = typeid(T).name() + std::strlen("N11VarnSupport");
+  const std::string member = std::string("_ZN11VarnSupport16VarnSmartPointerINS_")
+                                 .append(nameInNamespace)
+                                 .append("E12getOwnershipEv");
+  void* const library = dlopen("libvsupt.so.1", RTLD_NOW | RTLD_NOLOAD);
+  return library != nullptr && dlsym(library, member.c_str()) != nullptr;
+}
 
 }  // namespace
 
@@ -123,6 +138,18 @@ TEST(VarnSmartPointer, SharesAndReleases) {
   }
   EXPECT_EQ(0, Counted::alive);
   EXPECT_EQ(nullptr, empty.getOwnership());
+}
+
+TEST(VarnSmartPointer, IsExportedForTheLibrarysOwnKindsOfObjects) {
+  EXPECT_TRUE(libraryCarriesPointerTo<VarnObjectBase>());
+  EXPECT_TRUE(libraryCarriesPointerTo<VarnLibrary>());
+  EXPECT_TRUE(libraryCarriesPointerTo<VarnProperties<std::string>>());
+  EXPECT_TRUE(libraryCarriesPointerTo<VarnThread>());
+  EXPECT_TRUE(libraryCarriesPointerTo<VarnThread::VarnRunnable>());
+  EXPECT_TRUE(libraryCarriesPointerTo<VarnTreeNode>());
+  EXPECT_TRUE(libraryCarriesPointerTo<VarnWorkInformation>());
+  EXPECT_TRUE(libraryCarriesPointerTo<LockImplementation>());
+  EXPECT_TRUE(libraryCarriesPointerTo<RwLockImplementation>());
 }
 
 TEST(VarnSmartPointer, MayBeAssignedFromTheObjectItReleases) {

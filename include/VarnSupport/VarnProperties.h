@@ -165,6 +165,7 @@ extern template class VarnProperties<std::string>;
 extern template class VarnProperties<std::wstring>;
 extern template class VarnProperties<ci_string>;
 extern template class VarnProperties<ci_wstring>;
+extern template class VarnSmartPointer<VarnProperties<std::string>>;
 
 // `text` with each <name> replaced by the first value of that property or, if there is none, by
 // the environment variable of that name, empty when that is not set either. Replacements are

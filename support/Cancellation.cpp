@@ -11,14 +11,26 @@ constinit thread_local CancellationState* t_pCancellation
     __attribute__((tls_model("initial-exec"))) = nullptr;
 
 void CancellationState::close() {
-  if (m_nClosures++ == 0)
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  if (m_nClosures++ > 0)
+    return;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  if (m_bRequested.load())
+    defer();
+}
+
+// The signal of a request that was made while cancellation was enabled may still be on its way, and
+// the platform then looks at the type alone. A request that is not seen here is made, and finds
+// cancellation disabled, later.
+void CancellationState::defer() {
+  if (m_bDeferred)
+    return;
+  m_bDeferred = true;
+  pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
 }
 
 void CancellationState::open() {
-  const bool mayUnwind = m_nClosures == 1 && m_bRequested.load() && std::uncaught_exceptions() == 0;
   openQuietly();
-  if (!mayUnwind)
+  if (m_nClosures > 0 || !m_bDeferred || std::uncaught_exceptions() > 0)
     return;
   // At a cancellation point, as only there the platform gives the thread its result. Nothing
   // happens when the thread is unwinding already.
@@ -33,10 +45,8 @@ void CancellationState::openQuietly() {
   if (--m_nClosures > 0)
     return;
   m_bOpening.store(true);
-  if (m_bRequested.load() && !m_bDeferred) {
-    m_bDeferred = true;
-    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
-  }
+  if (m_bRequested.load())
+    defer();
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
   m_bOpening.store(false, std::memory_order_release);
 }
@@ -62,6 +72,8 @@ void CancellationState::leaveBlockingCall() {
   if (!m_bInBody)
     return;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  if (m_bRequested.load())
+    m_bDeferred = true;
   if (!m_bDeferred)
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
 }

@@ -43,6 +43,8 @@ class CancellationState {
   void cancel(pthread_t thread);
 
  private:
+  void defer();
+
   int m_nClosures = 1;
   bool m_bInBody = false;
   bool m_bDeferred = false;

@@ -116,16 +116,19 @@ template class VarnSmartPointer<VarnTreeNode>;
 
 VarnTreeNode::VarnTreeNode() = default;
 
-VarnTreeNode::VarnTreeNode(const std::string& key) : m_sKey(key) {}
+VarnTreeNode::VarnTreeNode(const std::string& key) {
+  const CancellationGuard closed;
+  m_sKey = key;
+}
 
 VarnTreeNode::VarnTreeNode(const VarnTreeNode& source)
-    : VarnObjectBase(source),
-      VarnCollaborator(source),
-      m_vChildren(source.m_vChildren),
-      m_sKey(source.m_sKey),
-      m_nOrder(source.m_nOrder.load(std::memory_order_relaxed)) {
+    : VarnObjectBase(source), VarnCollaborator(source) {
+  const CancellationGuard closed;
+  m_sKey = source.m_sKey;
+  m_vChildren = source.m_vChildren;
   for (VarnTreeNode* const child : m_vChildren)
     child->addRef();
+  m_nOrder.store(source.m_nOrder.load(std::memory_order_relaxed), std::memory_order_relaxed);
 }
 
 VarnTreeNode& VarnTreeNode::operator=(const VarnTreeNode& source) {

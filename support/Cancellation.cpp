@@ -2,10 +2,18 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <unistd.h>
 
 #include <exception>
 
 namespace VarnSupport {
+
+namespace {
+
+constexpr int kLooksForNotice = 50;
+constexpr useconds_t kLookMicroseconds = 50;
+
+}  // namespace
 
 constinit thread_local CancellationState* t_pCancellation
     __attribute__((tls_model("initial-exec"))) = nullptr;
@@ -64,6 +72,7 @@ void CancellationState::leaveBody() {
 void CancellationState::enterBlockingCall() {
   if (!m_bInBody)
     return;
+  m_bBlocking = true;
   pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
 }
@@ -72,6 +81,7 @@ void CancellationState::leaveBlockingCall() {
   if (!m_bInBody)
     return;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  m_bBlocking = false;
   if (m_bRequested.load())
     m_bDeferred = true;
   if (!m_bDeferred)
@@ -80,6 +90,9 @@ void CancellationState::leaveBlockingCall() {
 
 void CancellationState::cancel(pthread_t thread) {
   m_bRequested.store(true);
+  const auto isSafe = [this] { return m_bDeferred || m_bBlocking || t_pCancellation == this; };
+  for (int look = 0; look < kLooksForNotice && !isSafe(); ++look)
+    usleep(kLookMicroseconds);
   while (m_bOpening.load())
     sched_yield();
   pthread_cancel(thread);

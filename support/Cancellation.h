@@ -6,8 +6,9 @@
 // can be cancelled this way; on all others a guard costs one thread-local load.
 //
 // A frame that has destructors to run cannot be unwound at every instruction (the process would
-// end), and the first and last instructions of a guarded operation still run open. What threads
-// call all the time therefore closes and opens by hand, around an inner function.
+// end), and the first and last instructions of a guarded operation still run open. Therefore a
+// request waits a little for the thread to notice it inside the library, and what threads call all
+// the time closes and opens by hand, around an inner function.
 #ifndef SUPPORT_CANCELLATION_H
 #define SUPPORT_CANCELLATION_H
 
@@ -38,8 +39,10 @@ class CancellationState {
   void enterBlockingCall();
   void leaveBlockingCall();
 
-  // Cancels `thread`, whose state this is, from another thread. Does so only while the thread is
-  // not in the middle of opening, so that what it decides there still holds.
+  // Cancels `thread`, whose state this is, from another thread. A thread that is busy with the
+  // library is given the time to notice the request at one of its operations, where it can always
+  // be unwound; what does not notice within milliseconds is cancelled where it is, though not in
+  // the middle of opening, so that what it decides there still holds.
   void cancel(pthread_t thread);
 
  private:
@@ -47,7 +50,8 @@ class CancellationState {
 
   int m_nClosures = 1;
   bool m_bInBody = false;
-  bool m_bDeferred = false;
+  std::atomic<bool> m_bDeferred{false};  // the request has been noticed
+  std::atomic<bool> m_bBlocking{false};
   std::atomic<bool> m_bRequested{false};
   std::atomic<bool> m_bIssued{false};
   std::atomic<bool> m_bOpening{false};

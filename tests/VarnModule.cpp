@@ -103,3 +103,7 @@ TEST(VarnModule, TimersEndWithTheLibraryAndDoNotComeBack) {
               return 2;
             }));
 }
+
+TEST(VarnModule, TheHeadersAndTheSharedObjectAreOfOneVersion) {
+  EXPECT_EQ(VSUPT_VERSION, VarnGetLibraryVersion());
+}

@@ -13,6 +13,7 @@
 #include "VarnSupport/VarnExport.h"
 #include "VarnSupport/VarnFindFile.h"
 #include "VarnSupport/VarnLibrary.h"
+#include "VarnSupport/VarnLibraryVersion.h"
 #include "VarnSupport/VarnLocaleFactory.h"
 #include "VarnSupport/VarnLockFactory.h"
 #include "VarnSupport/VarnLogging.h"

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -96,6 +97,10 @@ inline std::vector<std::string> linesOf(const std::string& file) {
   for (std::string line; std::getline(stream, line);)
     lines.push_back(line);
   return lines;
+}
+
+inline int entriesIn(const std::string& folder) {
+  return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
 inline void writeFile(const std::string& file, const std::string& contents) {

@@ -3,7 +3,6 @@
 
 #include <array>
 #include <atomic>
-#include <filesystem>
 #include <memory>
 #include <random>
 #include <thread>
@@ -15,13 +14,6 @@ using namespace VarnSupport;
 using namespace TestTools;
 
 namespace {
-
-int entriesIn(const char* folder) {
-  int count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder))
-    ++count;
-  return count;
-}
 
 long residentKilobytes() {
   for (const std::string& line : linesOf("/proc/self/status")) {
@@ -137,14 +129,18 @@ TEST(ThreadStress, WaitsOverEventsThatAreSetMeanwhile) {
 }
 
 TEST(ThreadStress, TenThousandSelfDeletingThreadsLeaveNothing) {
+  const int threads = entriesIn("/proc/self/task") + 1;  // the one that joins the others
+  // The last ones may still be on their way to the list, or be listed though they are joined.
+  const auto areAllGone = [&] { return entriesIn("/proc/self/task") <= threads; };
   runMortals(500);
-  const int threads = entriesIn("/proc/self/task");
+  ASSERT_TRUE(eventually(areAllGone));
   const int descriptors = entriesIn("/proc/self/fd");
   const long memory = residentKilobytes();
   runMortals(10000);
-  EXPECT_EQ(threads, entriesIn("/proc/self/task"));
+  EXPECT_TRUE(eventually(areAllGone));
   EXPECT_EQ(descriptors, entriesIn("/proc/self/fd"));
-  EXPECT_TRUE(kInstrumented || residentKilobytes() < memory + 2000);
+  // Each thread that was not joined would keep a page of its stack at least.
+  EXPECT_TRUE(kInstrumented || residentKilobytes() < memory + 10000);
 }
 
 // Cancelling instrumented code at any instruction is not supported by the instrumentation.

@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <memory>
+#include <utility>
+
 #include "VarnSupport/VarnCriticalSection.h"
 
 namespace VarnSupport {
@@ -107,6 +110,11 @@ void ThreadControl::join() {
   restore.joined = true;
 }
 
+bool ThreadControl::claimJoin() {
+  const std::lock_guard guard(m_oMutex);
+  return std::exchange(m_bJoinable, false);
+}
+
 void ThreadControl::detach() {
   if (!belongsToThisProcess())
     return;
@@ -154,11 +162,14 @@ void ThreadControl::endAnnouncement() {
   m_oChanged.notify_all();
 }
 
-// The other controls are of threads that the child does not have: nothing waits for these, and
-// their mutexes, which may have been held, are left alone.
+// Another thread may have held the mutex, or waited. The other controls are of threads that the
+// child does not have: nothing waits for these, and their mutexes are left alone.
 void ThreadControl::adoptInChild() {
-  if (t_pControl != nullptr)
-    t_pControl->m_nProcess = getpid();
+  if (t_pControl == nullptr)
+    return;
+  std::construct_at(&t_pControl->m_oMutex);
+  std::construct_at(&t_pControl->m_oChanged);
+  t_pControl->m_nProcess = getpid();
 }
 
 bool ThreadControl::belongsToThisProcess() const { return m_nProcess == getpid(); }

@@ -35,15 +35,19 @@ class ThreadControl {
   bool start(pthread_t& handle);
   // Joins the thread, unless it was detached or another caller does so: then waits for its end.
   void join();
+  // True when the thread still has to be joined, which from then on is up to the caller.
+  bool claimJoin();
   void detach();
   void cancel();
   // Separates the thread from its object; waits while it is telling the dependents.
   void abandon();
   // Runs `action` if the body has not returned yet, and keeps it from being announced meanwhile;
-  // false when it has returned.
+  // false when it has returned. A thread that a fork left behind stays in its body.
   template <typename Action>
   bool ifInBody(Action action) {
-    const std::lock_guard guard(m_oMutex);
+    std::unique_lock guard(m_oMutex, std::defer_lock);
+    if (belongsToThisProcess())
+      guard.lock();
     if (m_ePhase != BODY)
       return false;
     action();

@@ -378,7 +378,8 @@ void* VarnThreadFn(void* argument) {
   }
   const bool hadHandle = thread->m_pHandle != nullptr;
   delete thread;
-  if (hadHandle)
+  // A thread that is detached, or being joined, may be gone before the reaper would look for it.
+  if (hadHandle && control != nullptr && control->claimJoin())
     leaveToReaper();
   return nullptr;
 }

@@ -217,6 +217,26 @@ TEST(VarnThread, MarkedForDeathDeletesItselfAndIsJoined) {
   EXPECT_TRUE(eventually([&] { return alive == 0 && isReaped(); }));
 }
 
+// The list would keep an identifier that another thread may have by the time of the join.
+TEST(VarnThread, ADetachedThreadThatDeletesItselfIsNotListedToBeJoined) {
+  struct Mortal : VarnThread {
+    int run() override {
+      while (!marked)
+        std::this_thread::yield();
+      return 0;
+    }
+    std::atomic<bool> marked{false};
+  };
+  const VarnCriticalSection guard(g_exitThreadLock, true);
+  const int threads = entriesIn("/proc/self/task");
+  auto* const thread = new Mortal;
+  thread->setMarkForDeath();
+  thread->start();
+  thread->setMarkForKill();
+  thread->marked = true;
+  EXPECT_TRUE(eventually([&] { return entriesIn("/proc/self/task") <= threads; }));
+}
+
 TEST(VarnThread, AKilledThreadFreesItsLocks) {
   VarnCriticalSectionObject first;
   VarnCriticalSectionObject second;

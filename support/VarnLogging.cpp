@@ -424,6 +424,17 @@ VarnLogging* VarnLogging::pin(int level) {
   return log;
 }
 
+// Of the registered log: other threads cannot log then.
+bool VarnLogging::isRecordOpenOnThisThread() {
+  const std::lock_guard guard(sink.mutex);
+  VarnLogging* const log = m_pInstance;
+  if (log == nullptr || log->m_oRecordLock.lockCount() == 0 || !log->m_oRecordLock.testAndSet())
+    return false;
+  const bool isOpen = log->m_oRecordLock.lockCount() > 1;
+  log->m_oRecordLock.unlock();
+  return isOpen;
+}
+
 void VarnLogging::addUser() { m_nUsers.fetch_add(1); }
 
 // After the decrement the log may be gone: notify_all() takes an address and nothing else.

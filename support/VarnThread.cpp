@@ -34,30 +34,32 @@ std::string defaultName() {
 // The time-out of a wait for threads, and the event that the wait sleeps on.
 class ThreadWaitTimer : public VarnTimer {
  public:
-  explicit ThreadWaitTimer(std::atomic<bool>& timedOut) : m_pTimedOut(&timedOut) {}
+  ThreadWaitTimer(std::atomic<bool>& timedOut, bool traced)
+      : m_pTimedOut(&timedOut), m_bTraced(traced) {}
   ~ThreadWaitTimer() override { stopAndWait(); }
 
   void set() override {
     m_pTimedOut->store(true);
     VarnEvent::set();
-    if (VarnLogging::admits(9))
+    if (m_bTraced && VarnLogging::admits(9))
       VarnLogRecord(9) << "ThreadWaitTimer::set: timer expired";
   }
 
  private:
   std::atomic<bool>* m_pTimedOut;
+  bool m_bTraced;
 };
 
 // Counts the threads that finish.
 class ThreadWaitDependent : public TrackedDependent {
  public:
-  ThreadWaitDependent(VarnEvent& event, int& remaining)
-      : m_oEvent(event), m_pRemaining(&remaining) {}
+  ThreadWaitDependent(VarnEvent& event, int& remaining, bool traced)
+      : m_oEvent(event), m_pRemaining(&remaining), m_bTraced(traced) {}
 
   void handleNotification(VarnCollaborator& source, const VarnNotification&) override {
     const VarnCriticalSection guard(m_oLock, true);
     m_pLast = &dynamic_cast<VarnThread&>(source);
-    const bool traced = VarnLogging::admits(9);
+    const bool traced = m_bTraced && VarnLogging::admits(9);
     if (traced)
       VarnLogRecord(9) << "ThreadWaitDependent::handleNotification: thread " << m_pLast->getName()
                        << " departed";
@@ -83,6 +85,7 @@ class ThreadWaitDependent : public TrackedDependent {
   VarnCriticalSectionObject m_oLock;
   VarnThread* m_pLast = nullptr;
   int* m_pRemaining;
+  bool m_bTraced;
 };
 
 // Keeps a dependent with a set of threads for a scope, also when that ends by cancellation.
@@ -230,8 +233,11 @@ int VarnThread::waitForThreads(std::vector<VarnThread*>& threads, bool waitAll, 
   const CancellationGuard closed;
   int remaining = waitAll ? static_cast<int>(threads.size()) : 1;
   std::atomic<bool> timedOut{false};
-  ThreadWaitTimer timer(timedOut);
-  ThreadWaitDependent dependent(timer, remaining);
+  // This thread waits for those that trace, so it must not have the record that they would wait
+  // for.
+  const bool traced = !VarnLogging::isRecordOpenOnThisThread();
+  ThreadWaitTimer timer(timedOut, traced);
+  ThreadWaitDependent dependent(timer, remaining, traced);
   const Registration registration(threads, dependent);
 
   // A thread that runs now is not lost: it finds the dependent, or is seen past its body here.

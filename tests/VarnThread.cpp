@@ -297,6 +297,19 @@ TEST(VarnThread, EndsWithAllLocksFreeHoweverItEnds) {
   EXPECT_TRUE(becomesFree(lock));
 }
 
+TEST(VarnThread, AWaitInsideAnOpenRecordEnds) {
+  EXPECT_EQ(0, runInChild([] {
+              FileLog log(9);
+              Gate gate;
+              Task task([&] { return gate.pass(0); });
+              task.start();
+              log.log() << "first " << task.wait(1);
+              gate.open();
+              log.log() << ", then " << task.wait(20000) << endrecord;
+              return log.texts() == std::vector<std::string>{"first -2, then 0"} ? 0 : 1;
+            }));
+}
+
 TEST(VarnThread, TracesADepartureAtLevelNine) {
   FileLog log(9);
   Gate gate;

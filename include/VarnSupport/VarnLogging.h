@@ -125,6 +125,7 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
  private:
   friend class VarnLogRecord;
   friend class VarnLoggingEventTimerThread;
+  friend class VarnThread;
   friend class ForkHandlers;
 
   template <typename T>
@@ -160,6 +161,7 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   void writeRecord() VSUPT_REQUIRES(m_oRecordLock);
   void noteExpiry();
   static VarnLogging* pin(int level);
+  static bool isRecordOpenOnThisThread() VSUPT_UNCHECKED;
   void addUser();
   void dropUser();
 

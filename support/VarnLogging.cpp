@@ -319,12 +319,14 @@ void VarnLogging::put(unsigned short value) { putNumber(value); }
 void VarnLogging::put(char value) { append(&value, value != '\0' ? 1 : 0); }
 
 void VarnLogging::put(const void* value) {
+  const CancellationGuard closed;
   char text[32];
   append(text, static_cast<std::size_t>(std::snprintf(text, sizeof text, "%p", value)));
 }
 
 // The longest "%f" has 309 digits before the point.
 void VarnLogging::put(double value) {
+  const CancellationGuard closed;
   char text[400];
   append(text, static_cast<std::size_t>(std::snprintf(text, sizeof text, "%f", value)));
 }
@@ -372,6 +374,8 @@ void VarnLogging::noteExpiry() {
       return;
     usleep(kLookMicroseconds);
   }
+  m_nCurrentLevel = kDefaultRecordLevel;
+  m_sComponent.clear();
   put("VarnLogging::timerElapsed: called (NOTE: This message only appears and repeats when "
       "LogLevel = 9)");
   finishRecord();

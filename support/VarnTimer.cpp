@@ -68,6 +68,16 @@ class Callback {
     }
   }
 
+  // True while another thread is inside the timer's set().
+  static bool isUnderWay(const VarnTimer& timer) {
+    const std::lock_guard guard(mutex);
+    for (const Callback* call = first; call != nullptr; call = call->m_pNext) {
+      if (call->m_pTimer == &timer && !call->isOwn())
+        return true;
+    }
+    return false;
+  }
+
   static void lockList() { mutex.lock(); }
   static void unlockList() { mutex.unlock(); }
   // After a fork only the calls of the thread that forked go on. Forgets another one and returns
@@ -85,15 +95,6 @@ class Callback {
 
  private:
   bool isOwn() const { return pthread_equal(m_hThread, pthread_self()) != 0; }
-
-  static bool isUnderWay(const VarnTimer& timer) {
-    const std::lock_guard guard(mutex);
-    for (const Callback* call = first; call != nullptr; call = call->m_pNext) {
-      if (call->m_pTimer == &timer && !call->isOwn())
-        return true;
-    }
-    return false;
-  }
 
   static constinit std::mutex mutex;
   static constinit Callback* first;  // guarded by mutex
@@ -223,7 +224,16 @@ VarnTimer::VarnTimer(long seconds, long milliseconds, bool oneShot)
 
 VarnTimer::~VarnTimer() { VarnTimer::stopAndWait(); }
 
-void VarnTimer::reset() { start(m_oInterval.seconds, m_oInterval.milliseconds, m_bOneShot); }
+void VarnTimer::reset() {
+  TimeInterval interval;
+  try {
+    const VarnCriticalSection guard(VarnTimerManager::getInstance().m_oListLock, true);
+    interval = m_oInterval;
+  } catch (const VarnException&) {
+    return;  // the timers have been shut down
+  }
+  start(interval.seconds, interval.milliseconds, m_bOneShot);
+}
 
 void VarnTimer::start(long milliseconds, bool oneShot) { start(0, milliseconds, oneShot); }
 
@@ -259,10 +269,13 @@ void VarnTimer::stop() {
 
 bool VarnTimer::isOneShot() const { return m_bOneShot; }
 
+// A callback that is under way may start the timer again.
 void VarnTimer::stopAndWait() {
   const QuietCancellationGuard closed;
-  VarnTimer::stop();
-  Callback::await(*this);
+  do {
+    VarnTimer::stop();
+    Callback::await(*this);
+  } while (!VarnTimerManager::isAtRest(*this));
 }
 
 constinit std::atomic<VarnTimerManager*> VarnTimerManager::m_pThis{nullptr};
@@ -289,15 +302,31 @@ void VarnTimerManager::deleteInstance() {
     manager->shutDown();
 }
 
+// Under the list lock no callback begins, and none starts a timer.
+bool VarnTimerManager::isAtRest(const VarnTimer& timer) {
+  VarnTimerManager* const manager = m_pThis;
+  if (manager == nullptr || m_bExiting)
+    return true;
+  const VarnCriticalSection guard(manager->m_oListLock, true);
+  return !timer.m_bActive && !Callback::isUnderWay(timer);
+}
+
 VarnTimerManager::VarnTimerManager() : m_pState(std::make_unique<State>()) {}
 
 VarnTimerManager::~VarnTimerManager() { shutDown(); }
 
-// A callback may take for ever: the process must end nevertheless.
+// A callback may take for ever: the process must end nevertheless. One that ends the process itself
+// keeps all other passes waiting, and there is nothing to wait for. From here on timers do not
+// leave the list when they are destroyed, so none may be in it.
 void VarnTimerManager::shutDown() {
   m_bExiting = true;
   cancelTimer();
-  for (int i = 0; i < kShutDownLooks && m_pState->users > t_nOwnUses; ++i)
+  {
+    const VarnCriticalSection guard(m_oListLock, true);
+    m_vTimers.clear();
+    m_pState->stackTimers.clear();
+  }
+  for (int i = 0; i < kShutDownLooks && t_nOwnUses == 0 && m_pState->users > 0; ++i)
     usleep(kShutDownLookMicroseconds);
 }
 
@@ -319,6 +348,8 @@ void VarnTimerManager::remove(VarnTimer& timer) {
 }
 
 void VarnTimerManager::addImpl(VarnTimer& timer) {
+  if (m_bExiting)
+    return;
   if (isOnThreadStack(&timer))
     m_pState->stackTimers.emplace_back(&timer, pthread_self());
   insertLocked(timer);
@@ -459,8 +490,7 @@ void VarnTimerManager::armLocked(bool inSignal) {
     return;
   State& state = *m_pState;
   if (isOverdueLocked()) {
-    if (!state.passRequested)
-      startPassLocked();
+    startPassLocked();
   } else if (inSignal) {
     setIntervalTimerLocked();
   } else if (!state.armRequested &&
@@ -472,8 +502,11 @@ void VarnTimerManager::armLocked(bool inSignal) {
   }
 }
 
-// If there is no thread to be had, the interval timer tries again.
+// One pass that is yet to begin is enough, however many signals come. If there is no thread to be
+// had, the interval timer tries again.
 void VarnTimerManager::startPassLocked() {
+  if (m_pState->passRequested)
+    return;
   m_pState->passRequested = VarnTimerThread::launchFor(*this);
   if (!m_pState->passRequested) {
     m_oNextExpiry.set(1, 0);

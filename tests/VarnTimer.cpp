@@ -150,6 +150,22 @@ TEST(VarnTimer, DestructionWaitsForACallbackUnderWay) {
   EXPECT_TRUE(left);
 }
 
+TEST(VarnTimer, StopAndWaitStopsATimerThatItsCallbackRestarts) {
+  VarnTimer timer(1, true);
+  std::atomic<int> entered{0};
+  OnSet onTimer(timer, [&] {
+    ++entered;
+    sleepMs(50);
+    timer.reset();
+  });
+  timer.reset();
+  ASSERT_TRUE(eventually([&] { return entered > 0; }));
+  timer.stopAndWait();
+  const int before = entered;
+  sleepMs(100);
+  EXPECT_EQ(before, entered);
+}
+
 TEST(VarnTimer, ACallbackThatThrowsDoesNotStopTheOthers) {
   VarnTimer bad(1000, false);
   VarnTimer good(1000, false);

@@ -62,10 +62,10 @@ class VSUPT_EXPORT VarnTimer : public VarnEvent {
  private:
   friend class VarnTimerManager;
 
-  // Changed under the list lock of the manager while the timer is active, else by its owner.
+  // Changed under the list lock of the manager; the flags are read without it.
   TimeInterval m_oInterval;
   TimeInterval m_oDeadline;
-  bool m_bOneShot = false;
+  std::atomic<bool> m_bOneShot{false};
   bool m_bVisited = false;
   std::atomic<bool> m_bActive{false};
 };
@@ -95,9 +95,10 @@ class VSUPT_EXPORT VarnTimerManager {
   // process, unless it is armed already, or, with `inSignal`, directly. When the deadline has
   // passed, a VarnTimerThread runs a pass at once.
   void reset(bool inSignal);
-  // Sets every timer that is due, on the calling thread. Returns at once while a pass is under way.
+  // Sets every timer that is due, on the calling thread. Waits for a pass that is under way on
+  // another thread; from a callback of its own pass it returns at once.
   void elapsed();
-  // Starts a VarnTimerThread, which runs a pass.
+  // Sees that a VarnTimerThread runs a pass.
   void timeout();
   // Sets the manager's own event, for which nothing in the library waits.
   void cancelTimer();
@@ -112,6 +113,7 @@ class VSUPT_EXPORT VarnTimerManager {
   struct State;
   class Pass;
 
+  static bool isAtRest(const VarnTimer& timer);
   void shutDown();
   bool setNextDue();
   void declinePass();

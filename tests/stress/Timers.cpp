@@ -37,9 +37,11 @@ struct Destroyer : VarnDependent {
 TEST(TimerStress, LivesThroughAnyOrderOfOperations) {
   const auto end = Clock::now() + stressTime();
   Counter counter;
+  VarnTimer shared(1, false);
+  shared.addDependent(counter);
   std::vector<std::thread> threads;
   for (unsigned seed = 1; seed <= 4; ++seed) {
-    threads.emplace_back([&counter, end, seed] {
+    threads.emplace_back([&counter, &shared, end, seed] {
       std::mt19937 random(seed);
       std::array<std::unique_ptr<VarnTimer>, 8> timers;
       while (Clock::now() < end) {
@@ -51,12 +53,15 @@ TEST(TimerStress, LivesThroughAnyOrderOfOperations) {
         switch (random() % 4) {
           case 0:
             timer->start(static_cast<long>(random() % 1200), random() % 2 == 0);
+            shared.reset();
             break;
           case 1:
             timer->stop();
+            shared.stop();
             break;
           case 2:
             timer->reset();
+            shared.start(static_cast<long>(random() % 1200), random() % 2 == 0);
             break;
           default:
             timer.reset();
@@ -84,8 +89,28 @@ TEST(TimerStress, TimersDestroyedByTheirOwnCallbacks) {
     ++destroyed;
   }
   EXPECT_GT(destroyed, 0);
-  // The last callbacks are still returning: their dependents went away, as a waiter's would not.
-  sleepMs(50);
+}
+
+TEST(TimerStress, SignalsDuringALongCallbackDoNotPileUpThreads) {
+  struct Long : VarnDependent {
+    void handleNotification(VarnCollaborator&, const VarnNotification&) override {
+      entered = true;
+      EXPECT_TRUE(eventually([this] { return released.load(); }));
+    }
+    std::atomic<bool> entered{false};
+    std::atomic<bool> released{false};
+  } callback;
+  VarnTimer timer(1, true);
+  timer.addDependent(callback);
+  timer.reset();
+  ASSERT_TRUE(eventually([&] { return callback.entered.load(); }));
+  const int threads = entriesIn("/proc/self/task");
+  for (int i = 0; i < 200; ++i) {
+    kill(getpid(), SIGALRM);
+    sleepMs(1);
+  }
+  EXPECT_LE(entriesIn("/proc/self/task"), threads + 10);
+  callback.released = true;
 }
 
 TEST(TimerStress, ACallbackLongerThanItsPeriodDoesNotDeepenTheStack) {

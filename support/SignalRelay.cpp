@@ -108,13 +108,22 @@ void* runRelay(void*) {
   }
 }
 
-// A stack of the relay's own: in the child of a fork, a new thread would otherwise stand on the
-// stack of a vanished one, where objects may still be registered.
-bool setOwnStack(pthread_attr_t& attributes) {
+// Starts the relay on a stack of its own: in the child of a fork, a new thread would otherwise
+// stand on the stack of a vanished one, where objects may still be registered.
+bool createRelay(pthread_attr_t& attributes) {
+  constexpr std::size_t kGuardBytes = std::size_t{1} << 16;  // a page at least
   constexpr std::size_t kStackBytes = std::size_t{1} << 20;
-  void* const stack = mmap(nullptr, kStackBytes, PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-  return stack != MAP_FAILED && pthread_attr_setstack(&attributes, stack, kStackBytes) == 0;
+  void* const memory = mmap(nullptr, kGuardBytes + kStackBytes, PROT_NONE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+  if (memory == MAP_FAILED)
+    return false;
+  void* const stack = static_cast<char*>(memory) + kGuardBytes;
+  if (mprotect(stack, kStackBytes, PROT_READ | PROT_WRITE) == 0 &&
+      pthread_attr_setstack(&attributes, stack, kStackBytes) == 0 &&
+      pthread_create(&relay.thread, &attributes, runRelay, nullptr) == 0)
+    return true;
+  munmap(memory, kGuardBytes + kStackBytes);
+  return false;
 }
 
 // Starts the relay with every signal blocked, so that none of the program's handlers runs on it.
@@ -128,8 +137,7 @@ void startLocked() {
   sigset_t previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
-  relay.running =
-      setOwnStack(attributes) && pthread_create(&relay.thread, &attributes, runRelay, nullptr) == 0;
+  relay.running = createRelay(attributes);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   pthread_attr_destroy(&attributes);
 }

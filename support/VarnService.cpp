@@ -9,7 +9,6 @@
 #include <csignal>
 #include <ctime>
 #include <initializer_list>
-#include <mutex>
 
 #include "Cancellation.h"
 #include "EventAccess.h"
@@ -34,9 +33,8 @@ constexpr useconds_t kLookMicroseconds = 1000;
 
 // A signal acts once per process.
 constinit std::atomic<bool> signalTaken{false};
-// Guards the registered service while ControlHandler() takes it.
-constinit std::mutex registryMutex;
-constinit std::atomic<int> stopsUnderWay{0};
+// The process in which ControlHandler() is stopping a service; it does so once in each.
+constinit std::atomic<pid_t> stoppingProcess{0};
 constinit thread_local bool t_bStopping = false;
 
 void trace(const char* text) {
@@ -112,15 +110,13 @@ VarnService::VarnService(bool flag, const std::string& text4) : m_sText4(text4),
   m_pThis = this;
 }
 
-// A signal may be on its way to the service.
+// A signal may be on its way to the service: ControlHandler() says so first and looks for the
+// service then.
 VarnService::~VarnService() {
   const QuietCancellationGuard closed;
-  {
-    const std::lock_guard guard(registryMutex);
-    if (m_pThis == this)
-      m_pThis = nullptr;
-  }
-  while (stopsUnderWay > 0 && !t_bStopping)
+  VarnService* self = this;
+  m_pThis.compare_exchange_strong(self, nullptr);
+  while (stoppingProcess == getpid() && !t_bStopping)
     usleep(kLookMicroseconds);
 }
 
@@ -168,7 +164,6 @@ bool VarnService::startDaemon(const std::string& arguments) {
 
 bool VarnService::runDaemon(const std::string& arguments, int reportTo) {
   signalTaken = false;
-  stopsUnderWay = 0;
   setsid();
   // There is no place that a daemon could fall back to: one without "/" stays where it is.
   static_cast<void>(chdir("/") == 0);
@@ -220,17 +215,13 @@ VarnService* VarnService::getService() { return m_pThis; }
 void ControlHandler(int signal) {
   if ((signal != SIGINT && signal != SIGTERM) || signalTaken.exchange(true))
     return;
-  VarnService* service = nullptr;
-  {
-    const std::lock_guard guard(registryMutex);
-    service = VarnService::getService();
-    ++stopsUnderWay;
-  }
+  stoppingProcess = getpid();
   t_bStopping = true;
+  VarnService* const service = VarnService::getService();
   if (service != nullptr)
     service->stop();
   t_bStopping = false;
-  --stopsUnderWay;
+  stoppingProcess = 0;
 }
 
 }  // namespace VarnSupport

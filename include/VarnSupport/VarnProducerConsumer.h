@@ -45,8 +45,8 @@ class VSUPT_EXPORT VarnBaseProducerConsumer {
   // The mutex that orders the sentinel and the wake-ups.
   void lockSyncMutex();
   void unlockSyncMutex();
-  // Waits for setSyncEvent(); may return without one, so conditions are tested in a loop. Requires:
-  // the mutex is held.
+  // Waits for setSyncEvent(); may return without one, so conditions are tested in a loop. A thread
+  // that is killed here holds the mutex again while it unwinds. Requires: the mutex is held.
   void waitForSyncEvent();
   // Wakes every waiting consumer. Requires: the mutex is held, lest a consumer that has just looked
   // at the queue misses it.

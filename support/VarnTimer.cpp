@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <utility>
@@ -17,6 +16,7 @@
 #include "Cancellation.h"
 #include "ForkHandlers.h"
 #include "SignalRelay.h"
+#include "TimerCallback.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnModule.h"
 
@@ -34,80 +34,6 @@ constexpr int kShutDownLooks = 3000;
 
 // The manager that getInstance() made; never freed, as threads may still be inside it.
 constinit VarnTimerManager* theManager = nullptr;
-
-// One call of a timer's set() by a pass. The list of them is process-wide, as a timer may outlive
-// the manager.
-class Callback {
- public:
-  explicit Callback(VarnTimer& timer) : m_pTimer(&timer), m_hThread(pthread_self()) {
-    const std::lock_guard guard(mutex);
-    m_pNext = first;
-    first = this;
-  }
-  Callback(const Callback&) = delete;
-  Callback& operator=(const Callback&) = delete;
-  ~Callback() {
-    {
-      const std::lock_guard guard(mutex);
-      Callback** link = &first;
-      while (*link != this)
-        link = &(*link)->m_pNext;
-      *link = m_pNext;
-    }
-    ended.fetch_add(1);
-    ended.notify_all();
-  }
-
-  // Waits until no other thread is inside the timer's set().
-  static void await(const VarnTimer& timer) {
-    while (true) {
-      const unsigned seen = ended.load();
-      if (!isUnderWay(timer))
-        return;
-      ended.wait(seen);
-    }
-  }
-
-  // True while another thread is inside the timer's set().
-  static bool isUnderWay(const VarnTimer& timer) {
-    const std::lock_guard guard(mutex);
-    for (const Callback* call = first; call != nullptr; call = call->m_pNext) {
-      if (call->m_pTimer == &timer && !call->isOwn())
-        return true;
-    }
-    return false;
-  }
-
-  static void lockList() { mutex.lock(); }
-  static void unlockList() { mutex.unlock(); }
-  // After a fork only the calls of the thread that forked go on. Forgets another one and returns
-  // its timer, null when there is none. Requires: the list is locked.
-  static VarnTimer* dropLost() {
-    Callback** link = &first;
-    while (*link != nullptr && (*link)->isOwn())
-      link = &(*link)->m_pNext;
-    if (*link == nullptr)
-      return nullptr;
-    VarnTimer* const timer = (*link)->m_pTimer;
-    *link = (*link)->m_pNext;
-    return timer;
-  }
-
- private:
-  bool isOwn() const { return pthread_equal(m_hThread, pthread_self()) != 0; }
-
-  static constinit std::mutex mutex;
-  static constinit Callback* first;  // guarded by mutex
-  static constinit std::atomic<unsigned> ended;
-
-  VarnTimer* m_pTimer;
-  pthread_t m_hThread;
-  Callback* m_pNext;
-};
-
-constinit std::mutex Callback::mutex;
-constinit Callback* Callback::first = nullptr;
-constinit std::atomic<unsigned> Callback::ended{0};
 
 // What the calling thread itself counts for as a user of the manager: shutDown() cannot wait for
 // the pass that it is called from.
@@ -274,7 +200,7 @@ void VarnTimer::stopAndWait() {
   const QuietCancellationGuard closed;
   do {
     VarnTimer::stop();
-    Callback::await(*this);
+    TimerCallback::await(*this);
   } while (!VarnTimerManager::isAtRest(*this));
 }
 
@@ -308,7 +234,7 @@ bool VarnTimerManager::isAtRest(const VarnTimer& timer) {
   if (manager == nullptr || m_bExiting)
     return true;
   const VarnCriticalSection guard(manager->m_oListLock, true);
-  return !timer.m_bActive && !Callback::isUnderWay(timer);
+  return !timer.m_bActive && !TimerCallback::isUnderWay(timer);
 }
 
 VarnTimerManager::VarnTimerManager() : m_pState(std::make_unique<State>()) {}
@@ -403,7 +329,7 @@ void VarnTimerManager::cancelTimer() {
 
 // Sets the first timer that is due and was not visited in this round; false when there is none.
 bool VarnTimerManager::setNextDue() {
-  std::optional<Callback> callback;
+  std::optional<TimerCallback> callback;
   VarnTimer* timer = nullptr;
   {
     const VarnCriticalSection guard(m_oListLock, true);
@@ -575,18 +501,18 @@ void ForkHandlers::prepareTimers() {
   VarnTimerManager* const manager = VarnTimerManager::m_pThis;
   if (manager != nullptr)
     manager->m_oListLock.lock();
-  Callback::lockList();
+  TimerCallback::lockList();
 }
 
 void ForkHandlers::releaseTimers(tSide side) {
   VarnTimerManager* const manager = VarnTimerManager::m_pThis;
   if (side == CHILD) {
-    while (VarnTimer* const timer = Callback::dropLost())
+    while (VarnTimer* const timer = TimerCallback::dropLost())
       renew(*timer);
     if (manager != nullptr)
       renew(*manager);
   }
-  Callback::unlockList();
+  TimerCallback::unlockList();
   if (manager != nullptr)
     manager->m_oListLock.unlock();
 }

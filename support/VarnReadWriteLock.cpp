@@ -27,32 +27,20 @@ RwLockImplementation::RwLockImplementation() {
 
 RwLockImplementation::~RwLockImplementation() { pthread_rwlock_destroy(&m_oLock); }
 
-int RwLockImplementation::readLock() { return counted(pthread_rwlock_rdlock(&m_oLock)); }
+int RwLockImplementation::readLock() { return pthread_rwlock_rdlock(&m_oLock); }
 
-int RwLockImplementation::writeLock() { return counted(pthread_rwlock_wrlock(&m_oLock)); }
+int RwLockImplementation::writeLock() { return pthread_rwlock_wrlock(&m_oLock); }
 
-int RwLockImplementation::tryReadLock() { return counted(pthread_rwlock_tryrdlock(&m_oLock)); }
+int RwLockImplementation::tryReadLock() { return pthread_rwlock_tryrdlock(&m_oLock); }
 
-int RwLockImplementation::tryWriteLock() { return counted(pthread_rwlock_trywrlock(&m_oLock)); }
+int RwLockImplementation::tryWriteLock() { return pthread_rwlock_trywrlock(&m_oLock); }
 
-int RwLockImplementation::counted(int result) {
-  if (result == 0)
-    m_nHolds.fetch_add(1, std::memory_order_relaxed);
-  return result;
-}
-
-// Unlocking a free lock would silently wreck it for all later writers. Whoever holds it is counted,
-// so the count can be 0 only when the platform must not be asked.
+// Unlocking a free lock would silently wreck it for all later writers. That it is free shows by its
+// being there for a writer: while anybody holds it, trying changes nothing.
 int RwLockImplementation::unlock() {
-  unsigned holds = m_nHolds.load(std::memory_order_relaxed);
-  do {
-    if (holds == 0)
-      return EPERM;
-  } while (!m_nHolds.compare_exchange_weak(holds, holds - 1, std::memory_order_relaxed));
+  const bool isFree = pthread_rwlock_trywrlock(&m_oLock) == 0;
   const int result = pthread_rwlock_unlock(&m_oLock);
-  if (result != 0)
-    m_nHolds.fetch_add(1, std::memory_order_relaxed);
-  return result;
+  return isFree ? EPERM : result;
 }
 
 VarnReadWriteLock::VarnReadWriteLock() {

@@ -37,6 +37,9 @@ bool isOpenToReaders(VarnReadWriteLock& lock) {
   return taken;
 }
 
+// The state holds the platform's lock and no more.
+static_assert(sizeof(RwLockImplementation) == sizeof(VarnObjectBase) + sizeof(pthread_rwlock_t));
+
 using Names = std::vector<std::string>;
 
 template <typename LockType>

@@ -17,8 +17,6 @@
 
 #include <pthread.h>
 
-#include <atomic>
-
 #include "VarnSupport/VarnExport.h"
 #include "VarnSupport/VarnObjectBase.h"
 
@@ -41,10 +39,7 @@ class VSUPT_EXPORT RwLockImplementation : public VarnObjectBase {
   int unlock();
 
  private:
-  int counted(int result);
-
   pthread_rwlock_t m_oLock{};
-  std::atomic<unsigned> m_nHolds{0};
 };
 
 extern template class VarnSmartPointer<RwLockImplementation>;

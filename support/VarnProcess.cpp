@@ -98,8 +98,9 @@ pid_t forkProgram(BecomeProgram becomeProgram) {
   return child;
 }
 
-// False when the child's status cannot be had.
+// False when the child's status cannot be had. The wait can be cancelled; the child goes on.
 bool waitFor(pid_t child, int& status) {
+  const BlockingCall cancellable;
   pid_t result = 0;
   do {
     result = waitpid(child, &status, 0);

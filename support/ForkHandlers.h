@@ -50,6 +50,7 @@ class ForkHandlers {
   static bool renewIfLost(VarnCriticalSectionObject& lock);
   static void renew(VarnEvent& event);
   static void renew(VarnTimerManager& manager) VSUPT_UNCHECKED;
+  static void leaveManagerBehind();
   static void renew(VarnLogging& log) VSUPT_UNCHECKED;
   // For what cannot be destroyed, as it may be half changed: keeps it reachable.
   static void keepForever(const void* object);

@@ -214,6 +214,15 @@ std::time_t fromLocalTime(std::tm& local) {
   return seconds - block->shift;
 }
 
+void toUniversalTime(std::time_t time, std::tm& utc) {
+  const ZoneUse use;
+  gmtime_r(&time, &utc);
+}
+
+ZoneUse::ZoneUse() { systemLock.lock(); }
+
+ZoneUse::~ZoneUse() { systemLock.unlock(); }
+
 void ForkHandlers::prepareLocalTime() { systemLock.lock(); }
 
 void ForkHandlers::releaseLocalTime() { systemLock.unlock(); }

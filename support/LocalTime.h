@@ -19,6 +19,19 @@ bool toLocalTime(std::time_t time, std::tm& local);
 // before the epoch. The daylight-saving flag decides as there.
 std::time_t fromLocalTime(std::tm& local);
 
+// The system's gmtime(), into `utc`, which is left alone when the year does not fit.
+void toUniversalTime(std::time_t time, std::tm& utc);
+
+// Around other calls of the system that may look at the zone, such as formatting its name: a
+// process that forks meanwhile would leave the zone locked in the child.
+class ZoneUse {
+ public:
+  ZoneUse();
+  ZoneUse(const ZoneUse&) = delete;
+  ZoneUse& operator=(const ZoneUse&) = delete;
+  ~ZoneUse();
+};
+
 }  // namespace VarnSupport
 
 #endif

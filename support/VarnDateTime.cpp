@@ -209,7 +209,7 @@ class Formatter {
 
   // Only a locale that lives as long as the process, with a facet that leaves the stream as it is.
   bool mayBeKept() const {
-    return typeid(m_oFacet) == typeid(std::time_put<wchar_t>) &&
+    return isStandard() &&
            (isFor(std::locale::classic()) || isFor(VarnLocaleFactory::m_oDefaultLocale));
   }
 
@@ -226,9 +226,15 @@ class Formatter {
   }
 
  private:
+  // Not a user's, which may do anything.
+  bool isStandard() const { return typeid(m_oFacet) == typeid(std::time_put<wchar_t>); }
+
   std::wstring formatted(const std::tm& time, const wchar_t* format) {
     const std::wstring nothing;
     m_oStream.str(nothing);  // keeps its memory
+    std::optional<ZoneUse> use;
+    if (isStandard())
+      use.emplace();
     m_oFacet.put(std::ostreambuf_iterator<wchar_t>(m_oStream), m_oStream, L' ', &time, format,
                  format + std::wcslen(format));
     return m_oStream.str();
@@ -477,9 +483,10 @@ std::wstring VarnDateTime::toString(const std::locale& locale) const {
 }
 
 std::wstring VarnDateTime::toGMTString() const {
+  const CancellationGuard closed;
   const std::time_t time = getTime();
   std::tm utc = fields();
-  gmtime_r(&time, &utc);
+  toUniversalTime(time, utc);
   return constructTimeString(&utc, m_oLocale, kDateAndTime);
 }
 

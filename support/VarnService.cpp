@@ -31,8 +31,8 @@ constexpr std::time_t kAnswerSeconds = 60;
 constexpr useconds_t kBeforeStopHookMicroseconds = 10000;
 constexpr useconds_t kLookMicroseconds = 1000;
 
-// A signal acts once per process.
-constinit std::atomic<bool> signalTaken{false};
+// A signal acts once per process: the one in which the first has acted.
+constinit std::atomic<pid_t> signalledProcess{0};
 // The process in which ControlHandler() is stopping a service; it does so once in each.
 constinit std::atomic<pid_t> stoppingProcess{0};
 constinit thread_local bool t_bStopping = false;
@@ -163,7 +163,6 @@ bool VarnService::startDaemon(const std::string& arguments) {
 }
 
 bool VarnService::runDaemon(const std::string& arguments, int reportTo) {
-  signalTaken = false;
   setsid();
   // There is no place that a daemon could fall back to: one without "/" stays where it is.
   static_cast<void>(chdir("/") == 0);
@@ -190,9 +189,11 @@ void VarnService::beginRunning() {
   m_nState.compare_exchange_strong(idle, RUNNING);
 }
 
-// A stop after the ticket moves the event's number, one before it is seen in the state.
+// A stop after the ticket moves the event's number, one before it is seen in the state. The start
+// hook may have forked, and left the relay behind.
 void VarnService::awaitStop() {
   const CancellationGuard closed;
+  SignalRelay::ensureRunning();
   const std::uint64_t ticket = EventAccess::ticket(m_oStopEvent);
   if (m_nState != STOP_REQUESTED)
     EventAccess::waitSince(m_oStopEvent, ticket);
@@ -213,9 +214,10 @@ bool VarnService::remove() { return true; }
 VarnService* VarnService::getService() { return m_pThis; }
 
 void ControlHandler(int signal) {
-  if ((signal != SIGINT && signal != SIGTERM) || signalTaken.exchange(true))
+  const pid_t process = getpid();
+  if ((signal != SIGINT && signal != SIGTERM) || signalledProcess.exchange(process) == process)
     return;
-  stoppingProcess = getpid();
+  stoppingProcess = process;
   t_bStopping = true;
   VarnService* const service = VarnService::getService();
   if (service != nullptr)

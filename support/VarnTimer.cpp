@@ -34,6 +34,8 @@ constexpr int kShutDownLooks = 3000;
 
 // The manager that getInstance() made; never freed, as threads may still be inside it.
 constinit VarnTimerManager* theManager = nullptr;
+// The manager whose list lock a fork under way has taken.
+constinit VarnTimerManager* lockedForFork = nullptr;
 
 // What the calling thread itself counts for as a user of the manager: shutDown() cannot wait for
 // the pass that it is called from.
@@ -498,23 +500,31 @@ void VarnTimerManager::declinePass() {
 }
 
 void ForkHandlers::prepareTimers() {
-  VarnTimerManager* const manager = VarnTimerManager::m_pThis;
-  if (manager != nullptr)
-    manager->m_oListLock.lock();
+  lockedForFork = VarnTimerManager::m_pThis;
+  if (lockedForFork != nullptr)
+    lockedForFork->m_oListLock.lock();
   TimerCallback::lockList();
 }
 
 void ForkHandlers::releaseTimers(tSide side) {
-  VarnTimerManager* const manager = VarnTimerManager::m_pThis;
   if (side == CHILD) {
     while (VarnTimer* const timer = TimerCallback::dropLost())
       renew(*timer);
-    if (manager != nullptr)
-      renew(*manager);
+    if (lockedForFork != nullptr)
+      renew(*lockedForFork);
+    else if (theManager != nullptr)
+      leaveManagerBehind();
   }
   TimerCallback::unlockList();
-  if (manager != nullptr)
-    manager->m_oListLock.unlock();
+  if (lockedForFork != nullptr)
+    lockedForFork->m_oListLock.unlock();
+}
+
+// Another thread made the manager after prepareTimers(), and may have been changing it.
+void ForkHandlers::leaveManagerBehind() {
+  keepForever(theManager);
+  theManager = nullptr;
+  VarnTimerManager::m_pThis = nullptr;
 }
 
 // A child has no interval timer. One that it set at once would survive an exec, so the relay looks

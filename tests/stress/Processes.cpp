@@ -14,7 +14,7 @@ using namespace TestTools;
 
 namespace {
 
-// Threads that log, count and use timers until they are told to stop.
+// Threads that log, count, use timers and format dates until they are told to stop.
 class Load {
  public:
   Load() {
@@ -28,6 +28,10 @@ class Load {
           timer.stop();
         }
       });
+    m_vThreads.emplace_back([this] {
+      while (!m_bStop)
+        VarnDateTime().toGMTString();
+    });
   }
   ~Load() {
     m_bStop = true;
@@ -50,12 +54,14 @@ class Service : public VarnService {
   void onStop() override { ++stops; }
 };
 
-// Logs, counts, locks and lets a timer fire, as a process does that goes on after a fork.
+// Logs, counts, locks, formats a date and lets a timer fire, as a process does that goes on after a
+// fork.
 int useEverything() {
   VarnLogRecord(5) << "in the child";
   VarnCriticalSectionObject lock;
   const VarnCriticalSection guard(lock, true);
   const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
+  VarnDateTime().toGMTString();
   struct Flag : VarnDependent {
     void handleNotification(VarnCollaborator&, const VarnNotification&) override { up = true; }
     std::atomic<bool> up{false};
@@ -86,7 +92,7 @@ TEST(ProcessStress, AChildOfABusyProcessFindsEverythingUsable) {
   VarnTimer running(1000, false);
   running.reset();
   const Load load;
-  for (int i = 0; i < 30; ++i) {
+  for (int i = 0; i < 100; ++i) {
     std::fflush(nullptr);
     const pid_t child = fork();
     if (child == 0)
@@ -120,6 +126,83 @@ TEST(ProcessStress, ADaemonOfABusyProcessTimesLogsAndStops) {
     ASSERT_TRUE(
         eventually([&] { return linesOf(file).size() == static_cast<std::size_t>(i) + 1; }));
     EXPECT_EQ("good", linesOf(file).back());
+  }
+}
+
+TEST(ProcessStress, ADaemonThatForksOnceMoreInItsStartHookStops) {
+  TempFolder folder;
+  const std::string file = folder / "daemon";
+  struct Forking : Service {
+    bool onStart(const std::string& where) override {
+      if (fork() > 0)
+        _exit(0);
+      writeFile(where, std::to_string(getpid()) + '\n');
+      return true;
+    }
+  };
+  const pid_t launcher = startChild([&] { return Forking().start(file, true) ? 0 : 1; });
+  EXPECT_EQ(0, outcomeOf(launcher));
+  ASSERT_TRUE(eventually([&] { return !linesOf(file).empty(); }));
+  const pid_t daemon = std::stoi(linesOf(file)[0]);
+  kill(daemon, SIGTERM);
+  EXPECT_TRUE(eventually([&] { return kill(daemon, 0) != 0; }));
+  kill(daemon, SIGKILL);
+}
+
+TEST(ProcessStress, AServiceThatIsStoppingGoesInAChild) {
+  EXPECT_EQ(0, runInChild([] {
+              auto service = std::make_unique<Service>();
+              std::atomic<bool> stopping{false};
+              std::atomic<bool> mayStop{false};
+              Callback slow([&] {
+                stopping = true;
+                eventually([&] { return mayStop.load(); });
+              });
+              service->getEventObject().addDependent(slow);
+              std::thread stopper([] { ControlHandler(SIGTERM); });
+              eventually([&] { return stopping.load(); });
+              const pid_t child = fork();
+              if (child == 0) {
+                service->getEventObject().removeDependent(slow);
+                service.reset();
+                _exit(0);
+              }
+              const int outcome = outcomeOf(child);
+              mayStop = true;
+              stopper.join();
+              return outcome;
+            }));
+}
+
+// The thread that makes it is kept from going on until the fork is under way, and uses it all the
+// time from then on.
+TEST(ProcessStress, ATimerManagerMadeDuringAForkDoesNotLockUpTheChild) {
+  if (kThreadSanitizer)
+    return;
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(0, runInChild([] {
+                std::atomic<bool> holding{false};
+                std::thread([&] {
+                  {
+                    const VarnCriticalSection guard(*g_pCriticalSection, true);
+                    holding = true;
+                    sleepMs(10);
+                    VarnTimerManager::getInstance();
+                  }
+                  VarnTimer timer(1000, false);
+                  while (true) {
+                    timer.reset();
+                    timer.stop();
+                  }
+                }).detach();
+                eventually([&] { return holding.load(); });
+                const pid_t child = fork();
+                if (child == 0)
+                  _exit(useEverything());
+                const int outcome = outcomeOf(child);
+                _exit(outcome);
+                return 0;
+              }));
   }
 }
 

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include "Cancellation.h"
+#include "LibraryLoad.h"
 #include "VarnSupport/VarnException.h"
 
 namespace VarnSupport {
@@ -14,6 +15,7 @@ template class VarnSmartPointer<VarnLibrary>;
 VarnLibrary::VarnLibrary(const std::string& name, bool exactName) : m_sName(name) {
   const QuietCancellationGuard closed;
   const std::string file = exactName ? name : "lib" + name + ".so";
+  const LibraryLoad load;
   m_pHandle = dlopen(file.c_str(), RTLD_NOW);
   if (m_pHandle != nullptr)
     return;

@@ -2,15 +2,44 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
 #include "Cancellation.h"
 #include "ForkHandlers.h"
+#include "LibraryLoad.h"
+#include "NeverDestroyed.h"
 
 namespace VarnSupport {
 
 namespace {
+
+// Guards the list of creations and that of unfinished registrations.
+constinit std::mutex listMutex;
+
+// A registration whose library is being loaded.
+struct Unfinished {
+  const VarnObjectFactoryRegistration* registration;
+  pthread_t loader;
+};
+
+constinit NeverDestroyed<std::vector<Unfinished>> unfinished;
+constinit thread_local int t_nLoads __attribute__((tls_model("initial-exec"))) = 0;
+
+void noteIfLoading(const VarnObjectFactoryRegistration& registration) {
+  if (t_nLoads == 0)
+    return;
+  const std::lock_guard guard(listMutex);
+  unfinished.value.push_back({&registration, pthread_self()});
+}
+
+bool isBeingLoadedElsewhere(const VarnObjectFactoryRegistration& registration) {
+  const std::lock_guard guard(listMutex);
+  return std::any_of(unfinished.value.begin(), unfinished.value.end(), [&](const auto& entry) {
+    return entry.registration == &registration && pthread_equal(entry.loader, pthread_self()) == 0;
+  });
+}
 
 // One creation under way. The list of them is process-wide, as a creation may outlive its factory.
 class Creation {
@@ -18,7 +47,7 @@ class Creation {
   // Requires: the factory's lock is held, so that remove() cannot miss it.
   Creation(const VarnObjectFactory& factory, const std::string& name)
       : m_pFactory(&factory), m_sName(name), m_hThread(pthread_self()) {
-    const std::lock_guard guard(mutex);
+    const std::lock_guard guard(listMutex);
     m_pNext = first;
     first = this;
     ++t_nOwn;
@@ -27,7 +56,7 @@ class Creation {
   Creation& operator=(const Creation&) = delete;
   ~Creation() {
     {
-      const std::lock_guard guard(mutex);
+      const std::lock_guard guard(listMutex);
       Creation** link = &first;
       while (*link != this)
         link = &(*link)->m_pNext;
@@ -47,8 +76,6 @@ class Creation {
       ended.wait(seen);
   }
 
-  static void lockList() { mutex.lock(); }
-  static void unlockList() { mutex.unlock(); }
   // After a fork only the creations of the thread that forked go on. Requires: the list is locked.
   static void forgetLost() {
     Creation** link = &first;
@@ -62,7 +89,7 @@ class Creation {
 
  private:
   static bool isUnderWay(const VarnObjectFactory& factory, const std::string& name) {
-    const std::lock_guard guard(mutex);
+    const std::lock_guard guard(listMutex);
     for (const Creation* creation = first; creation != nullptr; creation = creation->m_pNext) {
       if (creation->m_pFactory == &factory && creation->m_sName == name)
         return true;
@@ -70,8 +97,7 @@ class Creation {
     return false;
   }
 
-  static constinit std::mutex mutex;
-  static constinit Creation* first;  // guarded by mutex
+  static constinit Creation* first;  // guarded by listMutex
   static constinit std::atomic<unsigned> ended;
   static constinit thread_local int t_nOwn __attribute__((tls_model("initial-exec")));
 
@@ -81,7 +107,6 @@ class Creation {
   Creation* m_pNext;
 };
 
-constinit std::mutex Creation::mutex;
 constinit Creation* Creation::first = nullptr;
 constinit std::atomic<unsigned> Creation::ended{0};
 constinit thread_local int Creation::t_nOwn = 0;
@@ -153,6 +178,7 @@ void VarnObjectFactory::add(const std::string& name, tCreateFunction function) {
 void VarnObjectFactory::add(const std::string& name, VarnObjectFactoryRegistration& registration) {
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oLock, true);
+  noteIfLoading(registration);
   m_mapRegistrations[name] = &registration;
 }
 
@@ -169,7 +195,9 @@ void VarnObjectFactory::remove(const std::string& name) {
 VarnSmartPointer<VarnObjectBase> VarnObjectFactory::construct(const std::string& name) {
   const CancellationGuard closed;
   VarnCriticalSection guard(m_oLock, true);
-  VarnObjectFactoryRegistration* const registration = entryOf(m_mapRegistrations, name);
+  VarnObjectFactoryRegistration* registration = entryOf(m_mapRegistrations, name);
+  if (registration != nullptr && isBeingLoadedElsewhere(*registration))
+    registration = nullptr;
   const tCreateFunction function = entryOf(m_mapFunctions, name);
   if (registration == nullptr && function == nullptr)
     return nullptr;
@@ -215,15 +243,26 @@ void VarnObjectFactoryRegistration::unregister() {
   m_pFactory = nullptr;
 }
 
+LibraryLoad::LibraryLoad() { ++t_nLoads; }
+
+LibraryLoad::~LibraryLoad() {
+  if (--t_nLoads > 0)
+    return;
+  const std::lock_guard guard(listMutex);
+  std::erase_if(unfinished.value, [](const Unfinished& entry) {
+    return pthread_equal(entry.loader, pthread_self()) != 0;
+  });
+}
+
 void ForkHandlers::prepareFactory() {
   ownFactory().m_oLock.lock();
-  Creation::lockList();
+  listMutex.lock();
 }
 
 void ForkHandlers::releaseFactory(tSide side) {
   if (side == CHILD)
     Creation::forgetLost();
-  Creation::unlockList();
+  listMutex.unlock();
   ownFactory().m_oLock.unlock();
 }
 

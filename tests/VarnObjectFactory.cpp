@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "TestTools.h"
 #include "VarnSupport/VarnException.h"
@@ -173,6 +174,28 @@ TEST(VarnLibrary, APlugInAddsItsClassesWhileItIsLoaded) {
   }
   EXPECT_EQ(Names(), factory.getRegisteredClasses());
   EXPECT_EQ(nullptr, dlopen(VSUPT_TEST_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
+}
+
+TEST(VarnLibrary, OthersMayAskForItsClassesWhileItIsBeingLoaded) {
+  std::atomic<bool> done{false};
+  std::atomic<int> made{0};
+  std::mutex products;  // objects of the plug-in must be gone before it is
+  std::thread other([&] {
+    while (!done) {
+      const std::lock_guard guard(products);
+      if (VarnObjectFactory::getGlobalInstance()->construct("Greeting") != nullptr)
+        ++made;
+    }
+  });
+  for (int i = 0; i < 10; ++i) {
+    VarnSmartPointer<VarnLibrary> library(new VarnLibrary(VSUPT_TEST_PLUGIN, true));
+    const int before = made;
+    EXPECT_TRUE(eventually([&] { return made > before; }));
+    const std::lock_guard guard(products);
+    library = nullptr;
+  }
+  done = true;
+  other.join();
 }
 
 TEST(VarnLibrary, SaysWhatCouldNotBeLoaded) {

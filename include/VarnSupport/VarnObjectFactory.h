@@ -68,8 +68,9 @@ class VSUPT_EXPORT VarnObjectFactory {
 };
 
 // A class of a factory, typically a static object of a plug-in. Its entry is there from its
-// construction on: while other threads construct objects of that name, a derived class must be
-// complete when its base is, and must call unregister() in its destructor.
+// construction on; other threads can use it once the VarnLibrary that brings it is there. Made in
+// any other way while other threads construct objects of that name, a derived class must be
+// complete when its base is. In its destructor it must call unregister() if they may then.
 class VSUPT_EXPORT VarnObjectFactoryRegistration {
  public:
   // Adds itself to the factory, which must outlive it; null: to none.

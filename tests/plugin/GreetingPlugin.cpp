@@ -1,6 +1,8 @@
 // A plug-in that adds a class to the global factory while it is loaded.
 #include "VarnSupport/VarnObjectFactory.h"
 
+#include <unistd.h>
+
 using namespace VarnSupport;
 
 namespace {
@@ -10,12 +12,20 @@ class Greeting : public VarnObjectBase {
   std::string getClassName() const override { return "Greeting"; }
 };
 
+struct Pause {
+  Pause() { usleep(1000); }
+};
+
+// Takes a while to be complete.
 class GreetingRegistration : public VarnObjectFactoryRegistration {
  public:
   GreetingRegistration() : VarnObjectFactoryRegistration("Greeting") {}
   ~GreetingRegistration() override { unregister(); }
 
   VarnSmartPointer<VarnObjectBase> create() override { return new Greeting; }
+
+ private:
+  Pause m_oPause;
 };
 
 GreetingRegistration registration;

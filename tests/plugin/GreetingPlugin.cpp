@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
+
 using namespace VarnSupport;
 
 namespace {
@@ -13,7 +15,11 @@ class Greeting : public VarnObjectBase {
 };
 
 struct Pause {
-  Pause() { usleep(1000); }
+  Pause() {
+    usleep(1000);
+    over = true;
+  }
+  bool over;  // false while the static object is not complete
 };
 
 // Takes a while to be complete.
@@ -22,7 +28,11 @@ class GreetingRegistration : public VarnObjectFactoryRegistration {
   GreetingRegistration() : VarnObjectFactoryRegistration("Greeting") {}
   ~GreetingRegistration() override { unregister(); }
 
-  VarnSmartPointer<VarnObjectBase> create() override { return new Greeting; }
+  VarnSmartPointer<VarnObjectBase> create() override {
+    if (!m_oPause.over)
+      std::abort();
+    return new Greeting;
+  }
 
  private:
   Pause m_oPause;

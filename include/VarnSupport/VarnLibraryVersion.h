@@ -1,5 +1,5 @@
-// The version of the library: that of the headers, to compile by, and that of the shared object that
-// a program runs with. Programs run with any later one of the same major version.
+// The version of the library: that of the headers, to compile by, and that of the shared object
+// that a program runs with. Programs run with any later one of the same major version.
 #ifndef VARNSUPPORT_VARNLIBRARYVERSION_H
 #define VARNSUPPORT_VARNLIBRARYVERSION_H
 

@@ -52,6 +52,7 @@ class VSUPT_EXPORT PropertyChanged : public VarnNotification {
   std::string m_sName;
 };
 
+// An observer. A copy is registered with nobody.
 class VSUPT_EXPORT VarnDependent {
  public:
   VarnDependent() = default;

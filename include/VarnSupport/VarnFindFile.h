@@ -35,6 +35,7 @@ class VSUPT_EXPORT FindFileBase {
   bool m_bEnd = true;
 };
 
+// A search over a folder as the system reads it; the folder stays open for as long as it lives.
 class VSUPT_EXPORT FindFileImplementation : public FindFileBase {
  public:
   // Finds the first entry. Without a folder, also for a path like "/x*", the working directory is

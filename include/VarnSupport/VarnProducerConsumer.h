@@ -33,6 +33,7 @@ class VSUPT_EXPORT VarnBaseSynchronizedQueue {
   VarnCriticalSectionObject m_oLock;
 };
 
+// Where the producers and consumers of one queue meet.
 class VSUPT_EXPORT VarnBaseProducerConsumer {
  public:
   // The queue must outlive this object.

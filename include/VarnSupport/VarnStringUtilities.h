@@ -85,12 +85,14 @@ class VSUPT_EXPORT ansi_ctype : public UnconvertingCtype {
   ~ansi_ctype() override;
 };
 
+// Behaves as ansi_ctype does.
 class VSUPT_EXPORT utf8_ctype : public UnconvertingCtype {
  public:
   explicit utf8_ctype(unsigned int references = 0);
   ~utf8_ctype() override;
 };
 
+// Trimming, and conversion between narrow and wide text.
 class VSUPT_EXPORT VarnStringUtilities {
  public:
   enum tTrimOption : int { TRIM_LEFT = 0, TRIM_RIGHT = 1, TRIM_BOTH = 2 };

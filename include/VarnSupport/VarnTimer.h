@@ -22,6 +22,7 @@ namespace VarnSupport {
 
 class VSUPT_EXPORT VarnTimer : public VarnEvent {
  public:
+  // Seconds and thousandths of one, both signed.
   struct VSUPT_EXPORT TimeInterval {
     TimeInterval() = default;
     TimeInterval(long wholeSeconds, long thousandths) { set(wholeSeconds, thousandths); }

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# The guide keeps its word: run.sh BUILD SOURCE installs BUILD into a prefix of its own and does what
-# SOURCE/docs/guide.md shows, against that alone.
+# The guide keeps its word: run.sh BUILD SOURCE installs BUILD into a prefix of its own and does
+# what SOURCE/docs/guide.md shows, against that alone.
 #
-# A fenced block whose first line is a comment with nothing but a file's name is that file. In a text
-# block the lines after "$ " are commands, the others what they print; "..." stands for any lines.
-# Dates and thread numbers in the headers of log records are not compared.
+# A fenced block whose first line is a comment with nothing but a file's name is that file. In a
+# text block the lines after "$ " are commands, the others what they print; "..." stands for any
+# lines. Dates and thread numbers in the headers of log records are not compared.
 set -euo pipefail
 build=$1 guide=$2/docs/guide.md
 work=$(mktemp -d)
@@ -25,7 +25,8 @@ PKG_CONFIG_PATH=$LD_LIBRARY_PATH/pkgconfig
 
 awk -v folder="$work/guide/" '
   /^```/ { inside = !inside; first = inside; file = ""; next }
-  first { first = 0; if (NF == 2 && $1 ~ /^(\/\/|#)$/ && $2 ~ /^[A-Za-z_]+\.[a-z]+$/) file = folder $2 }
+  first && NF == 2 && $1 ~ /^(\/\/|#)$/ && $2 ~ /^[A-Za-z_]+\.[a-z]+$/ { file = folder $2 }
+  { first = 0 }
   file != "" { print > file }' "$guide"
 awk '/^```/ { inside = /^```text/; print ""; next } inside' "$guide" >"$work/commands"
 

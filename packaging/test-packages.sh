@@ -7,6 +7,8 @@ source=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }; }
+# A service can be stopped properly once it catches SIGTERM.
+catches_sigterm() { (((0x$(awk '/^SigCgt/ {print $2}' "/proc/$1/status") & 0x4000) != 0)); }
 
 for package in "$packages"/*.deb; do dpkg-deb -x "$package" "$work/root"; done
 libraries=$(dirname "$(find "$work/root/usr/lib" -name libvsupt.so)")
@@ -26,9 +28,10 @@ quietly cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/root/usr"
 quietly cmake --build "$work/build"
 for program in "$work/greeter" "$work/build/greeter"; do
   "$program" >"$work/out" &
-  until grep -q 'hello, world' "$work/out"; do sleep 0.05; done
+  until catches_sigterm $!; do kill -0 $! && sleep 0.05; done
   kill -TERM $!
   wait $!
+  grep -q 'hello, world' "$work/out"
   grep -q 'good-bye' "$work/out"
 done
 

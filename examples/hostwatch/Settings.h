@@ -46,7 +46,8 @@ class Settings {
   mutable Properties m_oProperties;  // expansion takes it as not const
 };
 
-// Where what belongs to hostwatch is: beside the program or in the prefix that it was installed to.
+// Where what belongs to hostwatch is: beside the program, or else in the prefix that it was
+// installed to, unless `inPrefix` is an absolute path.
 std::string installedFile(const std::string& besideProgram, const std::string& inPrefix);
 
 }  // namespace hostwatch

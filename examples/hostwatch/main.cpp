@@ -97,7 +97,7 @@ std::string pluginFile(const std::string& name) {
 Settings loadSettings(const CommandLine& commandLine) {
   Settings settings(commandLine.has("config")
                         ? commandLine.value("config")
-                        : installedFile("hostwatch.conf", "etc/hostwatch/hostwatch.conf"));
+                        : installedFile("hostwatch.conf", HOSTWATCH_ETC "/hostwatch.conf"));
   if (commandLine.has("interval"))
     settings.set("interval", commandLine.value("interval"));
   if (commandLine.has("log-level"))

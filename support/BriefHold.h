@@ -39,6 +39,11 @@ class VSUPT_SCOPED_CAPABILITY BriefHold {
       pthread_mutex_unlock(&m_pLock->m_oMutex);
   }
 
+  // True until the lock is used for the first time, which allocates and can fail.
+  static bool isUnused(const VarnCriticalSectionObject& object) {
+    return object.m_pState.load(std::memory_order_acquire) == nullptr;
+  }
+
  private:
   LockImplementation* m_pLock;  // null when the caller held the lock already
 };

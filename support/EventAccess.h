@@ -18,6 +18,8 @@ class EventAccess {
   // was raised and wakeWaiters() called.
   static bool waitSince(VarnEvent& event, std::uint64_t ticket,
                         const std::atomic<bool>* abandoned = nullptr);
+  // set() without dependents, which allocates nothing.
+  static void raise(VarnEvent& event);
   // Makes all waiters look at their abandoned flags; no set().
   static void wakeWaiters(VarnEvent& event);
 };

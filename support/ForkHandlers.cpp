@@ -16,6 +16,11 @@ constinit thread_local bool t_bChildWillExec = false;
 void ForkHandlers::install() {
   static std::once_flag once;
   std::call_once(once, [] {
+    // A fork cannot throw: the locks that may be unused until then are made now.
+    prepareFactory();
+    releaseFactory(PARENT);
+    prepareThreads();
+    releaseThreads(PARENT);
     pthread_atfork([] { prepare(); }, [] { release(PARENT); }, [] { release(CHILD); });
   });
 }

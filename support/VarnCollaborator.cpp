@@ -77,7 +77,10 @@ void VarnCollaborator::addDependent(VarnDependent& dependent) {
   m_vDependents.push_back(&dependent);
 }
 
+// Destructors and ending threads come here and below: what nobody was ever added to needs no lock.
 void VarnCollaborator::removeDependent(VarnDependent& dependent) {
+  if (BriefHold::isUnused(m_oLock))
+    return;
   const CancellationGuard closed;
   const BriefHold hold(m_oLock);
   m_vDependents.erase(std::remove(m_vDependents.begin(), m_vDependents.end(), &dependent),
@@ -91,6 +94,8 @@ void VarnCollaborator::notify(const VarnNotification& notification) {
 
 // Returns false when a callback destroyed the collaborator.
 bool VarnCollaborator::deliver(const VarnNotification& notification) {
+  if (BriefHold::isUnused(m_oLock))
+    return true;
   const Walk walk(*this);
   for (std::size_t i = 0;; ++i) {
     VarnDependent* dependent = nullptr;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <new>
 
 #include "Cancellation.h"
 #include "EventAccess.h"
@@ -124,13 +125,23 @@ void VarnEvent::set() {
       else
         delete notification;
     };
-    const std::unique_ptr<VarnNotification, decltype(destroy)> notification(createNotification(),
+    const std::unique_ptr<VarnNotification, decltype(destroy)> notification(makeNotification(),
                                                                             destroy);
     if (notification != nullptr)
       alive = m_oDependents.deliver(*notification);
   }
   if (alive)
     m_pState->raise();
+}
+
+// Without memory the dependents are not told; those who wait need none.
+VarnNotification* VarnEvent::makeNotification() {
+  try {
+    return createNotification();
+  } catch (const std::bad_alloc&) {
+    m_pState->raise();
+    throw;
+  }
 }
 
 void VarnEvent::reset() {
@@ -196,6 +207,8 @@ bool EventAccess::waitSince(VarnEvent& event, std::uint64_t ticket,
                             const std::atomic<bool>* abandoned) {
   return event.m_pState->waitSince(ticket, abandoned);
 }
+
+void EventAccess::raise(VarnEvent& event) { event.m_pState->raise(); }
 
 void EventAccess::wakeWaiters(VarnEvent& event) {
   pthread_mutex_lock(&event.m_pState->mutex);

@@ -1,5 +1,7 @@
 #include "VarnSupport/VarnEventTimerThread.h"
 
+#include <new>
+
 #include "Cancellation.h"
 #include "EventAccess.h"
 #include "VarnSupport/VarnLogging.h"
@@ -38,7 +40,11 @@ void VarnEventTimerThread::stop() {
     return;
   trace("setting exit event");
   m_bKeepRunning = false;
-  m_oTimer.set();
+  try {
+    m_oTimer.set();
+  } catch (const std::bad_alloc&) {
+    // The dependents are not told, but the thread wakes.
+  }
   trace("waiting for thread to exit");
   waitForThreadExit();
   joinFinally();

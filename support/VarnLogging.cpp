@@ -147,6 +147,7 @@ VarnLogging::VarnLogging(const std::string& fileName, int target, int level)
       m_pRecord(std::make_unique<std::ostringstream>()),
       m_oIdleTimer(kIdleMilliseconds, false),
       m_sBaseName(fileName) {
+  m_oRecordLock.init();
   m_oIdleTimer.addDependent(*this);
   VarnLogging::startLogging();
 }
@@ -268,9 +269,14 @@ bool VarnLogging::getLogAccess() {
   return false;
 }
 
+// A stream that runs out of memory goes bad, as after a null pointer, but not for good: what it had
+// no room for is dropped.
 void VarnLogging::append(const char* text, std::size_t length) {
   const CancellationGuard closed;
+  if (!m_pRecord->good())
+    return;
   m_pRecord->write(text, static_cast<std::streamsize>(length));
+  m_pRecord->clear();
 }
 
 void VarnLogging::put(const std::string& value) { append(value.data(), value.size()); }
@@ -283,12 +289,18 @@ void VarnLogging::put(const std::wstring& value) {
     put(VarnStringUtilities::narrow(value, VarnLocaleFactory::getDefaultLocale(true)));
   } catch (const VarnException&) {
     // A text that cannot be converted is dropped: no exception leaves the log.
+  } catch (const std::bad_alloc&) {
+    // So is one that there is no memory for.
   }
 }
 
 void VarnLogging::put(const ci_wstring& value) {
   const CancellationGuard closed;
-  put(std::wstring(value.data(), value.size()));
+  try {
+    put(std::wstring(value.data(), value.size()));
+  } catch (const std::bad_alloc&) {
+    // As above.
+  }
 }
 
 void VarnLogging::put(bool value) {
@@ -354,9 +366,13 @@ void VarnLogging::cancelTimer() {
 }
 
 void VarnLogging::resetTimer() {
-  if (m_bTimerStopped) {
+  if (!m_bTimerStopped)
+    return;
+  try {
     m_oIdleTimer.reset();
     m_bTimerStopped = false;
+  } catch (const std::bad_alloc&) {
+    // The next value tries again.
   }
 }
 
@@ -468,11 +484,25 @@ void VarnLogRecord::begin(const std::string& component, int level) {
     return;
   }
   m_pLog->m_oRecordLock.lock();
+  try {
+    takeOver(component, level);
+  } catch (const std::bad_alloc&) {
+    // A record that there is no memory for is not admitted.
+    m_pLog->m_oRecordLock.unlock();
+    leave();
+    m_pLog = nullptr;
+  }
+}
+
+// Changes nothing when it throws.
+void VarnLogRecord::takeOver(const std::string& component, int level) {
+  std::string ownComponent(component);
   if (m_pLog->m_oRecordLock.lockCount() > 1) {
-    m_pOuter = new Outer{m_pLog->m_pRecord->str(), m_pLog->m_sComponent, m_pLog->m_nCurrentLevel};
+    m_pOuter = new Outer{m_pLog->m_pRecord->str(), std::string(), m_pLog->m_nCurrentLevel};
+    m_pOuter->component.swap(m_pLog->m_sComponent);
     m_pLog->m_pRecord->str(std::string());
   }
-  m_pLog->m_sComponent = component;
+  m_pLog->m_sComponent.swap(ownComponent);
   m_pLog->m_nCurrentLevel = level;
 }
 
@@ -482,13 +512,17 @@ VarnLogRecord::~VarnLogRecord() {
   m_pLog->finishRecord();
   if (m_pOuter != nullptr) {
     m_pLog->append(m_pOuter->text.data(), m_pOuter->text.size());
-    m_pLog->m_sComponent = m_pOuter->component;
+    m_pLog->m_sComponent.swap(m_pOuter->component);
     m_pLog->m_nCurrentLevel = m_pOuter->level;
     delete m_pOuter;
     m_pLog->m_oRecordLock.unlock();
   } else {
     m_pLog->m_oRecordLock.unwind();
   }
+  leave();
+}
+
+void VarnLogRecord::leave() {
   --t_nOwnRecords;
   m_pLog->dropUser();
   openCancellationQuietly();

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <ctime>
 #include <initializer_list>
+#include <new>
 
 #include "Cancellation.h"
 #include "EventAccess.h"
@@ -30,6 +31,7 @@ constexpr std::time_t kAnswerSeconds = 60;
 
 constexpr useconds_t kBeforeStopHookMicroseconds = 10000;
 constexpr useconds_t kLookMicroseconds = 1000;
+constexpr useconds_t kBeforeAnotherTryMicroseconds = 10000;
 
 // A signal acts once per process: the one in which the first has acted.
 constinit std::atomic<pid_t> signalledProcess{0};
@@ -193,7 +195,9 @@ void VarnService::beginRunning() {
 // hook may have forked, and left the relay behind.
 void VarnService::awaitStop() {
   const CancellationGuard closed;
-  SignalRelay::ensureRunning();
+  // Without a thread to take signals there would be no end.
+  while (!SignalRelay::ensureRunning() && m_nState != STOP_REQUESTED)
+    usleep(kBeforeAnotherTryMicroseconds);
   const std::uint64_t ticket = EventAccess::ticket(m_oStopEvent);
   if (m_nState != STOP_REQUESTED)
     EventAccess::waitSince(m_oStopEvent, ticket);
@@ -202,7 +206,11 @@ void VarnService::awaitStop() {
 bool VarnService::stop() {
   trace("VarnService::stop: entering");
   m_nState = STOP_REQUESTED;
-  m_oStopEvent.set();
+  try {
+    m_oStopEvent.set();
+  } catch (const std::bad_alloc&) {
+    // The dependents are not told, but the wait ends.
+  }
   trace("VarnService::stop: exiting");
   return true;
 }

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <exception>
 #include <memory>
+#include <new>
 #include <typeinfo>
 
 #include "Cancellation.h"
@@ -40,7 +41,7 @@ class ThreadWaitTimer : public VarnTimer {
 
   void set() override {
     m_pTimedOut->store(true);
-    VarnEvent::set();
+    EventAccess::raise(*this);
     if (m_bTraced && VarnLogging::admits(9))
       VarnLogRecord(9) << "ThreadWaitTimer::set: timer expired";
   }
@@ -50,22 +51,32 @@ class ThreadWaitTimer : public VarnTimer {
   bool m_bTraced;
 };
 
+// An ending thread cannot throw: without memory the record is left out.
+void traceDeparture(const VarnThread& thread) {
+  try {
+    VarnLogRecord(9) << "ThreadWaitDependent::handleNotification: thread " << thread.getName()
+                     << " departed";
+  } catch (const std::bad_alloc&) {
+  }
+}
+
 // Counts the threads that finish.
 class ThreadWaitDependent : public TrackedDependent {
  public:
   ThreadWaitDependent(VarnEvent& event, int& remaining, bool traced)
-      : m_oEvent(event), m_pRemaining(&remaining), m_bTraced(traced) {}
+      : m_oEvent(event), m_pRemaining(&remaining), m_bTraced(traced) {
+    m_oLock.init();
+  }
 
   void handleNotification(VarnCollaborator& source, const VarnNotification&) override {
     const VarnCriticalSection guard(m_oLock, true);
     m_pLast = &dynamic_cast<VarnThread&>(source);
     const bool traced = m_bTraced && VarnLogging::admits(9);
     if (traced)
-      VarnLogRecord(9) << "ThreadWaitDependent::handleNotification: thread " << m_pLast->getName()
-                       << " departed";
+      traceDeparture(*m_pLast);
     if (*m_pRemaining > 0)
       --*m_pRemaining;
-    m_oEvent.VarnEvent::set();
+    EventAccess::raise(m_oEvent);
     if (traced) {
       VarnLogRecord(9)
           << "ThreadWaitTimer::setJustEvent: delay has not expired, just setting event";
@@ -248,6 +259,8 @@ int VarnThread::waitForThreads(std::vector<VarnThread*>& threads, bool waitAll, 
     threads[i]->watchEnd(dependent, running[i]);
   if (timeoutMs != -1)
     timer.start(timeoutMs, false);
+  if (timeoutMs > 0 && !SignalRelay::ensureRunning())
+    throw VarnException(L"VarnThread::wait: the time-out could not be started", 0);
   for (std::size_t i = 0; startThem && i < threads.size(); ++i) {
     if (!threads[i]->launch())
       throw VarnException(L"VarnThread::wait: a thread could not be started", 0);

@@ -14,6 +14,7 @@
 
 #include "BriefHold.h"
 #include "Cancellation.h"
+#include "EventAccess.h"
 #include "ForkHandlers.h"
 #include "SignalRelay.h"
 #include "TimerCallback.h"
@@ -239,7 +240,11 @@ bool VarnTimerManager::isAtRest(const VarnTimer& timer) {
   return !timer.m_bActive && !TimerCallback::isUnderWay(timer);
 }
 
-VarnTimerManager::VarnTimerManager() : m_pState(std::make_unique<State>()) {}
+// The locks are made here, as a pass could not report that there is no memory for them.
+VarnTimerManager::VarnTimerManager() : m_pState(std::make_unique<State>()) {
+  m_oListLock.init();
+  m_oPassLock.init();
+}
 
 VarnTimerManager::~VarnTimerManager() { shutDown(); }
 
@@ -280,7 +285,12 @@ void VarnTimerManager::addImpl(VarnTimer& timer) {
     return;
   if (isOnThreadStack(&timer))
     m_pState->stackTimers.emplace_back(&timer, pthread_self());
-  insertLocked(timer);
+  try {
+    insertLocked(timer);
+  } catch (const std::bad_alloc&) {
+    unlinkLocked(timer);
+    throw;
+  }
 }
 
 void VarnTimerManager::reset(bool inSignal) {
@@ -324,7 +334,7 @@ void VarnTimerManager::cancelTimer() {
   m_bCancel = true;
   {
     const VarnCriticalSection guard(m_oListLock, true);
-    m_oEvent.set();
+    EventAccess::raise(m_oEvent);
   }
   m_bCancel = false;
 }

@@ -25,7 +25,7 @@ class VSUPT_EXPORT VarnEvent {
   void removeDependent(VarnDependent& dependent);
 
   // Calls every dependent on this thread, with what createNotification() makes, then wakes all
-  // threads in wait().
+  // threads in wait(). When there is no memory for that, wakes them and throws std::bad_alloc.
   virtual void set();
   // Makes the condition variable anew if nobody waits; otherwise nothing changes.
   virtual void reset();
@@ -55,6 +55,8 @@ class VSUPT_EXPORT VarnEvent {
   friend class EventAccess;
   friend class ForkHandlers;
   struct State;
+
+  VarnNotification* makeNotification();
 
   VarnCollaborator m_oDependents;
   State* m_pState;

@@ -187,7 +187,8 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
 
 // A whole record of the registered log, for one statement or scope: holds the record lock from its
 // construction to its destruction, which ends the record, provided that the level is admitted.
-// Otherwise it takes values and does nothing. May stand inside another record of its thread.
+// Otherwise, and when there is no memory, it takes values and does nothing. May stand inside
+// another record of its thread.
 class VSUPT_EXPORT VarnLogRecord {
  public:
   explicit VarnLogRecord(int level);
@@ -211,6 +212,8 @@ class VSUPT_EXPORT VarnLogRecord {
   struct Outer;
 
   void begin(const std::string& component, int level) VSUPT_UNCHECKED;
+  void takeOver(const std::string& component, int level) VSUPT_UNCHECKED;
+  void leave();
 
   VarnLogging* m_pLog = nullptr;
   Outer* m_pOuter = nullptr;  // the record of this thread that this one interrupts

@@ -95,6 +95,7 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
   // one second at once, else about the whole seconds), -1 and below 1 wait without limit. A thread
   // that had finished, or was never started, before the call is not noticed. An empty vector with
   // `waitAll` gives 0 at once; without, it waits for the time-out.
+  // Throws VarnException when the system refuses what a time-out needs.
   static int wait(std::vector<VarnThread*>& threads, bool waitAll, int timeoutMs);
   // The same for an array of plain VarnThread objects; a count below 1 is an empty vector.
   static int wait(int count, VarnThread* threads, bool waitAll, int timeoutMs);

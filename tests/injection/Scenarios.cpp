@@ -1,0 +1,330 @@
+// Every n-th allocation, or every n-th call of the system, fails while a family is used. Each case
+// runs in a process of its own: it must not crash, and afterwards another thread must find every
+// object usable and every lock free.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <deque>
+#include <functional>
+#include <new>
+
+#include "Failures.h"
+#include "TestTools.h"
+
+using namespace VarnSupport;
+using namespace TestTools;
+
+namespace {
+
+constexpr int kLargestStep = 200;
+constexpr std::size_t kAtOnce = 64;
+
+void require(bool holds, const char* rule) {
+  if (holds)
+    return;
+  dprintf(STDERR_FILENO, "broken: %s\n", rule);
+  _exit(2);
+}
+
+// Uses a family, first with failures, which may come out as these two kinds of exceptions, then on
+// another thread without any.
+template <typename Scenario>
+int useTwice(Failures::tKind kind, int every) {
+  Scenario scenario;
+  try {
+    const Failures failures(kind, every);
+    scenario.use();
+  } catch (const std::bad_alloc&) {
+  } catch (const VarnException&) {
+  }
+  require(every > 1 || kind == Failures::SYSTEM || Failures::count() > 0, "allocations fail");
+  std::thread([&] { scenario.use(); }).join();
+  if constexpr (requires { scenario.check(); })
+    scenario.check();
+  return 0;
+}
+
+// Runs the cases of one scenario, several at once.
+void runAll(const std::function<int(Failures::tKind, int)>& runCase) {
+  std::deque<std::pair<std::string, pid_t>> running;
+  const auto finishFirst = [&] {
+    EXPECT_EQ(0, outcomeOf(running.front().second, kGenerous)) << running.front().first;
+    running.pop_front();
+  };
+  for (const auto kind : {Failures::MEMORY, Failures::SYSTEM}) {
+    for (int every = 1; every <= kLargestStep; ++every) {
+      if (running.size() == kAtOnce)
+        finishFirst();
+      const std::string name =
+          std::to_string(every) + (kind == Failures::MEMORY ? ". allocation" : ". system call");
+      running.emplace_back(name, startChild([&] {
+                             _exit(runCase(kind, every));
+                             return 0;
+                           }));
+    }
+  }
+  while (!running.empty())
+    finishFirst();
+}
+
+struct Locks {
+  void use() {
+    const VarnCriticalSection guard(section, true);
+    VarnCriticalSectionObject copy(section);
+    const VarnCriticalSection again(copy, true);
+    names.createLock("a");
+    names.get("a").writeLock();
+    names.get("a").writeUnLock();
+    factory.add("made", [] { return static_cast<VarnObjectBase*>(new VarnWorkInformation); });
+    require(factory.construct("made") != nullptr, "a class that was added can be created");
+  }
+
+  VarnCriticalSectionObject section;
+  VarnLockFactory<std::string, VarnReadWriteLock> names;
+  VarnObjectFactory factory;
+};
+
+struct Threads {
+  struct Worker : VarnThread {
+    int run() override { return 7; }
+  };
+
+  void use() {
+    Worker worker;
+    worker.start();
+    const int code = worker.isAlive() ? 7 : -1;
+    worker.wait(20000);
+    require(worker.getExitCode() == code, "a thread that ran has its result");
+    std::vector<VarnEvent*> events{&event, &event};
+    event.addDependent(dependent);
+    VarnEvent::wait(events, true, 500);
+    event.set();
+    event.removeDependent(dependent);
+    auto* const forgotten = new Worker;
+    forgotten->setMarkForDeath();
+    forgotten->start();
+  }
+
+  VarnEvent event;
+  VarnDependent dependent;
+};
+
+struct Timers {
+  struct Counter : VarnDependent {
+    void handleNotification(VarnCollaborator&, const VarnNotification&) override { ++count; }
+    std::atomic<int> count{0};
+  };
+
+  Timers() { timer.addDependent(counter); }
+  void use() {
+    VarnTimer passing(1000, true);
+    passing.reset();
+    timer.reset();
+    passing.stop();
+  }
+  void check() {
+    const int before = counter.count;
+    require(eventually([&] { return counter.count > before + 1; }), "timers go on");
+    timer.stopAndWait();
+  }
+
+  Counter counter;
+  VarnTimer timer{1000, false};
+};
+
+struct Log {
+  void use() {
+    log.setLogLevel("part", 5);
+    log << "a record" << 1 << L" of several " << 2.5;
+    log << endrecord;
+    {
+      VarnLogRecord outer("part", 4);
+      outer << "outer " << std::string(600, 'x');
+      VarnLogRecord(3) << "inner " << ci_string("text");
+    }
+    log.setTarget(0);
+    log.setTarget(VarnLogging::kToFile);
+  }
+  void check() {
+    VarnLogRecord(5) << "the log goes on";
+    bool found = false;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+      found |= contentsOf(entry.path().string()).ends_with("] the log goes on\n");
+    require(found, "a record comes out");
+  }
+
+  TempFolder folder;
+  VarnLogging log{folder / "test", VarnLogging::kToFile, 9};
+  const bool registered = (VarnLogging::setInstance(log), true);
+};
+
+struct Properties {
+  Properties() {
+    writeFile(file, "port=80\nhost=alpha\nport=81\n");
+    writeFile(folder / "messages_C.pro", "a=b\n");
+  }
+  void use() {
+    set.loadProperties(file, '=');
+    set.addProperty("name", "<host>:<port>");
+    VarnExpandString("at <name>", set);
+    VarnProperties<std::wstring> wide;
+    wide.loadProperties(file, L'=');
+    wide.saveProperties(folder / "wide");
+    set.saveProperties(folder / "saved");
+    const VarnProgramOptions options("-p 81 --verbose 'a file'", "p:", ":verbose:", false);
+    const VarnMessageSet messages(folder / "messages", std::locale::classic());
+  }
+  void check() {
+    for (const auto& [key, values] : set.getProperties())
+      require(!key.empty() && !values.empty(), "no property is half there");
+    require(set.getProperty("host") == "alpha" && set.size() == 3, "all properties are there");
+  }
+
+  TempFolder folder;
+  const std::string file = folder / "messages.pro";
+  VarnProperties<std::string> set;
+};
+
+struct Texts {
+  void use() {
+    std::string error;
+    pattern.setPattern("[a-c]+x.*");
+    const std::string found = pattern.match("abcxyz");
+    require(found == "abcxyz", "a pattern that was set finds its text");
+    pattern.replace("abcx abcx", "a longer text than that", pattern.ALL_OCCURRENCES);
+    date.setDateTime("06/11/1994 08:49:37", error);
+    date.modifyDate(VarnDateTime::Month, 1, error);
+    date.toString(std::locale::classic());
+    VarnVersion::createRangeVector("{1.0-2.0},3.beta");
+    std::string cipher;
+    encryption.encryptData("a key", "a text of some length", cipher);
+    std::vector<std::string> words;
+    VarnTokenizer(found + " and more words", " ", words);
+  }
+
+  VarnRegularExpression<std::string> pattern;
+  VarnDateTime date;
+  VarnEncryption encryption;
+};
+
+struct Streams {
+  void use() {
+    const unsigned before = stream.size();
+    stream << 7 << std::string(1000, 'x') << L"wide";
+    require(stream.size() >= before, "a write takes nothing away");
+    stream = VarnBufferStream(stream);
+    std::string read;
+    stream >> read;
+    std::vector<std::string> path{"a", "b", "c"};
+    tree->add(new VarnTreeNode("leaf"), path);
+    require(tree->getNode("a/b/c", "/") != nullptr, "a path that was added is there");
+    VarnTreeNode copy(*tree);
+    tree->erase("a");
+  }
+
+  VarnBufferStream stream;
+  VarnSmartPointer<VarnTreeNode> tree = new VarnTreeNode;
+};
+
+struct Processes {
+  void use() {
+    int status = 7;
+    if (VarnExecuteProgram("/bin/true", true, nullptr, &status))
+      require(status == 0, "a program that was started has its result");
+    else
+      require(status == -1, "a program that was not started says so");
+    VarnCreateDirectory(folder / "a/b/c");
+    writeFile(folder / "a/b/c/file", "x");
+    std::string error;
+    int code = 0;
+    VarnRemoveDirectoryImpl(folder / "a", true, error, code);
+    for (VarnFindFile search(folder / "*"); search.hasMore();)
+      search.next();
+  }
+
+  TempFolder folder;
+};
+
+struct Service : VarnService {
+  explicit Service(bool isDaemon) : stopsItself(isDaemon) {}
+  // The signals of a daemon are routed by now.
+  bool onStart(const std::string&) override { return !stopsItself || raise(SIGTERM) == 0; }
+  void onStop() override { ++stops; }
+
+  const bool stopsItself;
+  int stops = 0;
+};
+
+// Sends SIGTERM once a service in the foreground has routed it.
+void stopWhenRouted() {
+  struct sigaction action {};
+  while (sigaction(SIGTERM, nullptr, &action) == 0 && action.sa_handler == SIG_DFL)
+    sleepMs(1);
+  kill(getpid(), SIGTERM);
+}
+
+// Every process that comes of it has to end, by itself and after one stop.
+int runService(bool daemonize, Failures::tKind kind, int every) {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  startChild([&] {
+    Service service(daemonize);
+    if (!daemonize)
+      std::thread(stopWhenRouted).detach();
+    const Failures failures(kind, every);
+    const bool started = service.start("", daemonize);
+    _exit(service.stops == (started ? 1 : 0) ? 0 : 2);
+    return 0;
+  });
+  int status = 0;
+  while (wait(&status) > 0)
+    require(WIFEXITED(status) && WEXITSTATUS(status) != 2, "a service ends after one stop");
+  return 0;
+}
+
+}  // namespace
+
+TEST(FailureInjection, LeavesLocksAndObjectsUsable) { runAll(useTwice<Locks>); }
+
+TEST(FailureInjection, LeavesThreadsAndEventsUsable) { runAll(useTwice<Threads>); }
+
+TEST(FailureInjection, LeavesTimersFiring) { runAll(useTwice<Timers>); }
+
+TEST(FailureInjection, LeavesTheLogWriting) { runAll(useTwice<Log>); }
+
+TEST(FailureInjection, LeavesPropertiesAndOptionsWhole) { runAll(useTwice<Properties>); }
+
+TEST(FailureInjection, LeavesPatternsAndTextsUsable) { runAll(useTwice<Texts>); }
+
+TEST(FailureInjection, LeavesStreamsAndTreesUsable) { runAll(useTwice<Streams>); }
+
+TEST(FailureInjection, LeavesProcessesStartable) { runAll(useTwice<Processes>); }
+
+TEST(FailureInjection, LeavesAServiceThatStops) {
+  for (const bool daemonize : {false, true})
+    runAll([=](Failures::tKind kind, int every) { return runService(daemonize, kind, every); });
+}
+
+TEST(FailureInjection, AFullDiskDoesNotStopOtherTargets) {
+  TempFolder folder;
+  EXPECT_EQ(0, runInChild([&] {
+              // What a log without a file, or on a full disk, writes goes to standard output too.
+              static VarnLogging log(folder / "none" + "/log", VarnLogging::kToFile, 5);
+              const int output = ::open((folder / "output").c_str(), O_WRONLY | O_CREAT, 0600);
+              dup2(output, STDOUT_FILENO);
+              VarnLogging::setInstance(log);
+              log.setTarget(VarnLogging::kToFile | VarnLogging::kToStandardOutput);
+              VarnLogRecord(5) << "without a file";
+              dup2(::open("/dev/full", O_WRONLY), STDOUT_FILENO);
+              VarnLogRecord(5) << "to a full disk";
+              dup2(output, STDOUT_FILENO);
+              VarnLogRecord(5) << "after it";
+              return 0;
+            }));
+  const std::vector<std::string> lines = linesOf(folder / "output");
+  ASSERT_EQ(2u, lines.size());
+  EXPECT_TRUE(lines[0].ends_with("without a file"));
+  EXPECT_TRUE(lines[1].ends_with("after it"));
+}

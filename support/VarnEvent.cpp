@@ -188,7 +188,7 @@ int VarnEvent::wait(std::vector<VarnEvent*>& events, bool waitAll, int timeoutMs
     waiters.push_back(std::make_unique<VarnEventWaitThread>(*event, timeoutMs));
     threads.push_back(waiters.back().get());
   }
-  return VarnThread::waitForThreads(threads, waitAll, timeoutMs, true);
+  return VarnThread::waitForThreads(threads, waitAll, timeoutMs, VarnThread::TO_START);
 }
 
 int VarnEvent::wait(int count, VarnEvent* events, bool waitAll, int timeoutMs) {

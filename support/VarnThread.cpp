@@ -216,7 +216,7 @@ int VarnThread::wait(int timeoutMs) {
     return 0;
   }
   std::vector<VarnThread*> threads{this};
-  return wait(threads, true, timeoutMs);
+  return waitForThreads(threads, true, timeoutMs, RUNNING);
 }
 
 int VarnThread::setPriority(t_Priority) { return 0; }
@@ -228,7 +228,7 @@ int VarnThread::run(VarnWorkInformation&) { return 0; }
 int VarnThread::waitForThreadExit() { return wait(-1); }
 
 int VarnThread::wait(std::vector<VarnThread*>& threads, bool waitAll, int timeoutMs) {
-  return waitForThreads(threads, waitAll, timeoutMs, false);
+  return waitForThreads(threads, waitAll, timeoutMs, ANY);
 }
 
 int VarnThread::wait(int count, VarnThread* threads, bool waitAll, int timeoutMs) {
@@ -240,7 +240,7 @@ int VarnThread::wait(int count, VarnThread* threads, bool waitAll, int timeoutMs
 }
 
 int VarnThread::waitForThreads(std::vector<VarnThread*>& threads, bool waitAll, int timeoutMs,
-                               bool startThem) {
+                               tThreads known) {
   const CancellationGuard closed;
   int remaining = waitAll ? static_cast<int>(threads.size()) : 1;
   std::atomic<bool> timedOut{false};
@@ -254,14 +254,14 @@ int VarnThread::waitForThreads(std::vector<VarnThread*>& threads, bool waitAll, 
   // A thread that runs now is not lost: it finds the dependent, or is seen past its body here.
   std::vector<bool> running;
   for (VarnThread* const thread : threads)
-    running.push_back(thread->m_bRunning);
+    running.push_back(known == RUNNING || thread->m_bRunning);
   for (std::size_t i = 0; i < threads.size(); ++i)
     threads[i]->watchEnd(dependent, running[i]);
   if (timeoutMs != -1)
     timer.start(timeoutMs, false);
   if (timeoutMs > 0 && !SignalRelay::ensureRunning())
     throw VarnException(L"VarnThread::wait: the time-out could not be started", 0);
-  for (std::size_t i = 0; startThem && i < threads.size(); ++i) {
+  for (std::size_t i = 0; known == TO_START && i < threads.size(); ++i) {
     if (!threads[i]->launch())
       throw VarnException(L"VarnThread::wait: a thread could not be started", 0);
   }

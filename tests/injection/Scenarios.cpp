@@ -96,7 +96,7 @@ struct Threads {
     Worker worker;
     worker.start();
     const int code = worker.isAlive() ? 7 : -1;
-    worker.wait(20000);
+    require(worker.wait(20000) == 0, "the end of a thread is noticed");
     require(worker.getExitCode() == code, "a thread that ran has its result");
     std::vector<VarnEvent*> events{&event, &event};
     event.addDependent(dependent);

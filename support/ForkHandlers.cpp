@@ -30,6 +30,7 @@ void ForkHandlers::prepare() {
   if (t_bChildWillExec)
     return;
   closeCancellation();
+  SignalRelay::settle();
   prepareFactory();
   prepareThreads();
   prepareTimers();

@@ -3,7 +3,9 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -25,9 +27,13 @@ static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler uses i
 
 constexpr std::size_t kSignals = 32;  // real-time signals are not routed
 
+constexpr int kLooksToSettle = 100;
+constexpr useconds_t kLookMicroseconds = 50;
+
 // Constant-initialised and trivially destroyed: threads may use it while the process exits.
 struct RelayState {
   std::array<Route, kSignals> routes;
+  std::atomic<bool> busy{false};
   sem_t semaphore{};
   std::mutex mutex;
   // Guarded by mutex.
@@ -100,11 +106,13 @@ void* runRelay(void*) {
   pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
   while (true) {
     awaitWork();
+    relay.busy = true;
     const std::uint32_t due = takeDue();
     for (int signal = 1; signal < static_cast<int>(kSignals); ++signal) {
       if ((due >> signal & 1) != 0)
         routeOf(signal).routine.load()(signal);
     }
+    relay.busy = false;
   }
 }
 
@@ -140,6 +148,11 @@ void startLocked() {
   relay.running = createRelay(attributes);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   pthread_attr_destroy(&attributes);
+}
+
+bool hasWork() {
+  return relay.busy || std::any_of(relay.routes.begin(), relay.routes.end(),
+                                   [](const Route& route) { return route.pending.load(); });
 }
 
 bool isRelayLocked() { return relay.running && pthread_equal(relay.thread, pthread_self()) != 0; }
@@ -188,6 +201,16 @@ void SignalRelay::adoptCallersMask() {
   pthread_sigmask(SIG_SETMASK, &relay.callersMask, nullptr);
 }
 
+void SignalRelay::settle() {
+  {
+    const std::lock_guard guard(relay.mutex);
+    if (!relay.running || isRelayLocked())
+      return;
+  }
+  for (int look = 0; look < kLooksToSettle && hasWork(); ++look)
+    usleep(kLookMicroseconds);
+}
+
 void SignalRelay::prepareFork() { relay.mutex.lock(); }
 
 void SignalRelay::parentAfterFork() { relay.mutex.unlock(); }
@@ -195,6 +218,7 @@ void SignalRelay::parentAfterFork() { relay.mutex.unlock(); }
 // A signal that the parent has noted is the parent's.
 void SignalRelay::childAfterFork() {
   relay.running = isRelayLocked();
+  relay.busy = relay.running;
   for (Route& route : relay.routes) {
     route.pending.store(false);
     route.expectedUntil = 0;

@@ -37,6 +37,9 @@ class SignalRelay {
   static void rememberCallersMask();
   static void adoptCallersMask();
 
+  // Gives the relay some milliseconds to finish what it is at. Before a fork: what the relay is in
+  // the middle of, the child would find half done, and not every heap is whole in a child then.
+  static void settle();
   // Around a fork; in the child there is no relay.
   static void prepareFork();
   static void parentAfterFork();

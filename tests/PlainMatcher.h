@@ -29,10 +29,8 @@ class PlainMatcher {
 
   // Returns the error, empty for a good pattern.
   std::string compile(const S& pattern) {
+    *this = PlainMatcher();
     p = pattern;
-    i = 0;
-    tokens.clear();
-    error.clear();
     while (i < p.size() && error.empty())
       token();
     return error;
@@ -110,13 +108,12 @@ class PlainMatcher {
   std::vector<Token> tokens;
 
  private:
-  bool last() const { return i + 1 == p.size(); }
-
   void token() {
     const C c = p[i];
-    if (c == '\\' && last()) {
+    const bool last = i + 1 == p.size();
+    if (c == '\\' && last) {
       error = "bad escape expression";
-    } else if (c == '$' && !last()) {
+    } else if (c == '$' && !last) {
       error = "end token found inside expression";
     } else if (c == '[') {
       ++i;
@@ -183,17 +180,12 @@ class PlainMatcher {
   }
 
   static void escape(S& text, C c) {
-    const std::string from = "bfnrt";
-    const std::string to = "\b\f\n\r\t";
+    const S from{'b', 'f', 'n', 'r', 't'};
+    const S to{'\b', '\f', '\n', '\r', '\t'};
     if (c == '0' || c == '^' || c == 'e' || c == 'x')
       return;
-    for (std::size_t k = 0; k < from.size(); ++k) {
-      if (c == static_cast<C>(from[k])) {
-        text += static_cast<C>(to[k]);
-        return;
-      }
-    }
-    text += c;
+    const std::size_t at = from.find(c);
+    text += at == S::npos ? c : to[at];
   }
 
   static std::int64_t value(char c) { return static_cast<signed char>(c); }
@@ -202,8 +194,9 @@ class PlainMatcher {
 
   void append(Type type, const S& text) {
     Factor factor = ONE;
-    if (i < p.size() && (p[i] == '+' || p[i] == '?' || p[i] == '*')) {
-      factor = p[i] == '+' ? ONE_OR_MORE : p[i] == '?' ? ZERO_OR_ONE : ZERO_OR_MORE;
+    const C sign = i < p.size() ? p[i] : C();
+    if (sign == '+' || sign == '?' || sign == '*') {
+      factor = sign == '+' ? ONE_OR_MORE : sign == '?' ? ZERO_OR_ONE : ZERO_OR_MORE;
       ++i;
     }
     tokens.push_back({type, factor, cut(text)});

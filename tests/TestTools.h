@@ -3,26 +3,42 @@
 #ifndef TESTS_TESTTOOLS_H
 #define TESTS_TESTTOOLS_H
 
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <cstdio>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
-#include <string>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <sstream>
 #include <thread>
-#include <vector>
 
 #include "VarnSupport/VarnSupport.h"
 
 namespace TestTools {
+
+using namespace VarnSupport;  // for those who use this namespace, too
 
 using Clock = std::chrono::steady_clock;
 
@@ -69,6 +85,97 @@ inline std::chrono::seconds stressTime(int seconds = 2) {
   return std::chrono::seconds(given != nullptr ? std::atoi(given) : seconds);
 }
 
+// Random numbers from a seed that is printed with every failure, and that VSUPT_SEED sets.
+struct Random : std::mt19937_64 {
+  explicit Random(unsigned long seed) : std::mt19937_64(seed), trace("seed", 0, seed) {}
+  Random() : Random(seedToUse()) {}
+  static unsigned long seedToUse() {
+    const char* const given = std::getenv("VSUPT_SEED");
+    return given != nullptr ? std::strtoul(given, nullptr, 10) : std::random_device()();
+  }
+  const testing::ScopedTrace trace;
+};
+
+// Runs `body(i)` on several threads at once, to their ends.
+template <typename Body>
+void onThreads(int count, Body body) {
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < count; ++i)
+    threads.emplace_back([&body, i] { body(i); });
+}
+
+// What another thread gets from `call`.
+template <typename Call>
+bool elsewhere(Call call) {
+  bool result = false;
+  std::thread([&] { result = call(); }).join();
+  return result;
+}
+
+// Runs `turn` over and over, until the result is destroyed.
+inline std::jthread repeating(std::function<void()> turn) {
+  return std::jthread([turn = std::move(turn)](const std::stop_token& stop) {
+    while (!stop.stop_requested())
+      turn();
+  });
+}
+
+// What `call` gives, "none" for nothing, or the text of the exception that it throws.
+template <typename Call>
+std::string resultOf(Call call) {
+  try {
+    if constexpr (std::is_same_v<decltype(call()), std::string>)
+      return call();
+    else
+      return call(), "none";
+  } catch (const VarnException& refusal) {
+    EXPECT_EQ(0, refusal.getCode());
+    return refusal.getText();
+  }
+}
+
+// Does what the case wants, then counts the call.
+class Observer : public VarnDependent {
+ public:
+  Observer() = default;
+  template <typename Source>
+  explicit Observer(Source& source) {
+    source.addDependent(*this);
+  }
+  template <typename Source, typename Action>
+  Observer(Source& source, Action action) : Observer(source) {
+    if constexpr (std::is_invocable_v<Action&>)
+      m_oAction = [action](const auto&...) mutable { action(); };
+    else
+      m_oAction = std::move(action);
+  }
+  void handleNotification(VarnCollaborator& source, const VarnNotification& notification) override {
+    if (m_oAction)
+      m_oAction(source, notification);
+    ++calls;
+  }
+
+  std::atomic<int> calls{0};
+
+ private:
+  std::function<void(VarnCollaborator&, const VarnNotification&)> m_oAction;
+};
+
+// Kills a thread and looks at what it ended with.
+inline void killAndJoin(VarnThread& thread) {
+  const pthread_t identifier = *static_cast<pthread_t*>(thread.getHandle());
+  thread.kill();
+  void* result = nullptr;
+  EXPECT_EQ(0, pthread_join(identifier, &result));
+  EXPECT_EQ(PTHREAD_CANCELED, result);
+}
+
+// Whether no ended thread is left to be joined.
+inline bool areAllReaped() {
+  const VarnCriticalSection guard(g_exitThreadLock, true);
+  return g_vExitThreads.empty();
+}
+
 class TempFolder {
  public:
   TempFolder() {
@@ -110,9 +217,9 @@ inline void writeFile(const std::string& file, const std::string& contents) {
 // How a process ended: its exit code, or minus the signal, or kHung.
 constexpr int kHung = -1000;
 
-inline int outcomeOf(pid_t child, std::chrono::seconds limit = kGenerous) {
+inline int outcomeOf(pid_t child) {
   int status = 0;
-  if (!eventually([&] { return waitpid(child, &status, WNOHANG) == child; }, limit)) {
+  if (!eventually([&] { return waitpid(child, &status, WNOHANG) == child; })) {
     kill(child, SIGKILL);
     waitpid(child, &status, 0);
     return kHung;
@@ -120,28 +227,27 @@ inline int outcomeOf(pid_t child, std::chrono::seconds limit = kGenerous) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// Runs `body` in a child process, which ends with exit(result).
-inline pid_t startChild(const std::function<int()>& body) {
+// Runs `body` in a child process, which ends with `end(result)`.
+inline pid_t startChild(const std::function<int()>& body, void (*end)(int) = std::exit) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0)
-    std::exit(body());
+    end(body());
   return child;
 }
 
-inline int runInChild(const std::function<int()>& body, std::chrono::seconds limit = kGenerous) {
-  return outcomeOf(startChild(body), limit);
+inline int runInChild(const std::function<int()>& body, void (*end)(int) = std::exit) {
+  return outcomeOf(startChild(body, end));
 }
 
 // A registered log that writes to a file of its own.
 class FileLog {
  public:
-  explicit FileLog(int level)
-      : m_oLog(m_oFolder / "test", VarnSupport::VarnLogging::kToFile, level) {
-    VarnSupport::VarnLogging::setInstance(m_oLog);
+  explicit FileLog(int level) : m_oLog(m_oFolder / "test", VarnLogging::kToFile, level) {
+    VarnLogging::setInstance(m_oLog);
   }
 
-  VarnSupport::VarnLogging& log() { return m_oLog; }
+  VarnLogging& log() { return m_oLog; }
 
   std::string file() const {
     for (const auto& entry : std::filesystem::directory_iterator(m_oFolder.path()))
@@ -161,7 +267,7 @@ class FileLog {
 
  private:
   TempFolder m_oFolder;
-  VarnSupport::VarnLogging m_oLog;
+  VarnLogging m_oLog;
 };
 
 }  // namespace TestTools

@@ -1,24 +1,16 @@
-#include "VarnSupport/VarnCriticalSection.h"
-
-#include <gtest/gtest.h>
-
-#include <thread>
-#include <vector>
-
 #include "TestTools.h"
 
-using namespace VarnSupport;
+using namespace TestTools;
 
 namespace {
 
 // What another thread gets from a try.
 bool otherThreadGets(VarnCriticalSectionObject& lock) {
-  bool taken = false;
-  std::thread([&] {
-    taken = lock.testAndSet();
+  return elsewhere([&] {
+    const bool taken = lock.testAndSet();
     lock.unlock();
-  }).join();
-  return taken;
+    return taken;
+  });
 }
 
 LockImplementation* newest() {
@@ -74,25 +66,15 @@ TEST(VarnCriticalSection, TheLastSharerGivesUpItsHolds) {
   LockImplementation* const outer = newest();
   {
     VarnCriticalSectionObject lock;
+    VarnCriticalSection guard(lock, true);
+    guard.unlock();
+    guard.unlock();  // one level only
     lock.lock();
+    lock.lock();
+    EXPECT_EQ(2, lock.lockCount());
     EXPECT_NE(outer, newest());
   }
   EXPECT_EQ(outer, newest());
-}
-
-TEST(VarnCriticalSection, GuardsHoldOneLevel) {
-  VarnCriticalSectionObject lock;
-  {
-    VarnCriticalSection guard(lock, true);
-    const VarnCriticalSection idle(lock, false);
-    EXPECT_EQ(1, lock.lockCount());
-    guard.unlock();
-    guard.unlock();
-    EXPECT_EQ(0, lock.lockCount());
-    lock.lock();
-  }
-  EXPECT_EQ(1, lock.lockCount());
-  lock.unlock();
 }
 
 TEST(VarnCriticalSection, TheThreadListFollowsLocksTakenAndGivenUpInAnyOrder) {
@@ -135,7 +117,7 @@ TEST(VarnCriticalSection, RacingFirstUsersMakeOneLock) {
     VarnCriticalSectionObject lock;
     int unguarded = 0;
     std::atomic<int> ready{0};
-    const auto count = [&] {
+    onThreads(3, [&](int) {
       ++ready;
       while (ready < 3) {
       }
@@ -143,13 +125,7 @@ TEST(VarnCriticalSection, RacingFirstUsersMakeOneLock) {
         const VarnCriticalSection guard(lock, true);
         ++unguarded;
       }
-    };
-    std::thread one(count);
-    std::thread two(count);
-    std::thread three(count);
-    one.join();
-    two.join();
-    three.join();
+    });
     ASSERT_EQ(60, unguarded);
   }
 }

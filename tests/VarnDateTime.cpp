@@ -1,45 +1,13 @@
-#include "VarnSupport/VarnDateTime.h"
+#include "TestTools.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <climits>
-#include <cstdlib>
-#include <optional>
-#include <random>
-#include <thread>
-
-#include "VarnSupport/VarnLocaleFactory.h"
-
-using VarnSupport::VarnDateTime;
-using VarnSupport::VarnInvalidDateException;
-using VarnSupport::VarnLocaleFactory;
+using namespace TestTools;
 
 namespace {
 
 constexpr char kInvalid[] = "Input does not compute to a valid DateTime object";
-constexpr char kInvalidFull[] =
-    "VarnInvalidDateException - Input does not compute to a valid DateTime object";
-constexpr char kIncorrectRfc[] = "Incorrect RFC1123 DateTime format";
-constexpr char kIncorrect[] = "Incorrect DateTime format";
+const std::string kInvalidFull = std::string("VarnInvalidDateException - ") + kInvalid;
 
-// The zone of one scope.
-class InZone {
- public:
-  explicit InZone(const char* zone) {
-    if (const char* const before = std::getenv("TZ"))
-      m_sBefore = before;
-    setenv("TZ", zone, 1);
-  }
-  InZone(const InZone&) = delete;
-  InZone& operator=(const InZone&) = delete;
-  ~InZone() { m_sBefore ? setenv("TZ", m_sBefore->c_str(), 1) : unsetenv("TZ"); }
-
- private:
-  std::optional<std::string> m_sBefore;
-};
+void setZone(const char* zone) { setenv("TZ", zone, 1); }
 
 VarnDateTime at(const std::string& text) {
   VarnDateTime date;
@@ -92,7 +60,7 @@ TEST(VarnDateTime, ReadsThreeFormsAsLocalTime) {
               {"S Jul 6 8:9:7 +1994 more", "06/07/1994 08:09:07"},
               {"Wednesday Foo 6 8:9:7 19", "06/01/19 08:09:07"}};
   for (const char* const zone : {"UTC", "Europe/Berlin", "Australia/Sydney"}) {
-    const InZone inZone(zone);
+    setZone(zone);
     for (const auto& row : rows)
       EXPECT_EQ(show(at(row.text)), row.result) << row.text << " in " << zone;
   }
@@ -110,23 +78,23 @@ TEST(VarnDateTime, RefusesOtherTextsWithTheMessageOfTheirForm) {
                                  "Wednesday, 6 Nov 94 8:9:7 Z", "Sun, 6 Septembers 94 8:9:7 Z",
                                  "Sun, 06 Nov 1994 08 :49:37 Z", "Sun, 2147483648 Nov 1 1:1:1 Z",
                                  ",", "06/11/1994  08:49:37"})
-    refuses(text, kIncorrectRfc);
+    refuses(text, "Incorrect RFC1123 DateTime format");
   for (const char* const text :
        {"06/11", "06/11/", "6 /11/1994", "6/-/1994", "99999999999/1/2024", "1/1/-2147483649", "",
         "Sun Nov  6 08:49:37", "Sun Nov  6 08:49:37 1994  ", "Sun Nov  6 08:49 1994"})
-    refuses(text, kIncorrect);
+    refuses(text, "Incorrect DateTime format");
   const std::string whole = "Sun Nov  6 08:49:37 1994";
   for (std::size_t length = 0; length <= whole.find("1994"); ++length)
-    refuses(whole.substr(0, length), kIncorrect);
-  refuses(whole.substr(0, 8) + '\0' + whole.substr(9), kIncorrect);
+    refuses(whole.substr(0, length), "Incorrect DateTime format");
+  refuses(whole.substr(0, 8) + '\0' + whole.substr(9), "Incorrect DateTime format");
 }
 
 TEST(VarnDateTime, RefusesTimesThatDoNotExist) {
-  const InZone inZone("Europe/Berlin");
+  setZone("Europe/Berlin");
   for (const char* const text :
        {"31/04/2024 10:00:00", "29/02/2023", "1/13/2024", "0/1/2024", "1/1/2024 24:00:00",
         "1/1/2024 0:0:60", "31/03/2024 02:30:00", "Fri Feb 30 00:00:00 2024", "1/1/-2147483648",
-        "1/-2147483648/2024", "01/01/1970 00:59:59"}) {
+        "1/-2147483648/2024", "01/01/1970 00:59:59", "X, 1 Jan 1970 00:59:59 GMT"}) {
     VarnDateTime date = at("06/11/1994 08:49:37");
     const auto ids = VarnDateTime::m_objectCounter.load();
     std::string error;
@@ -136,13 +104,10 @@ TEST(VarnDateTime, RefusesTimesThatDoNotExist) {
     EXPECT_EQ(show(date), "06/11/1994 08:49:37") << text;
     EXPECT_EQ(VarnDateTime::m_objectCounter, ids) << text;
   }
-  std::string error;
-  EXPECT_THROW(VarnDateTime().setDateTime("X, 1 Jan 1970 00:59:59 GMT", error),
-               VarnInvalidDateException);
 }
 
 TEST(VarnDateTime, NumericSettersCountYearsFrom1900WithoutDaylightSaving) {
-  const InZone inZone("Europe/Berlin");
+  setZone("Europe/Berlin");
   VarnDateTime date;
   std::string error = "untouched";
   EXPECT_TRUE(date.setDateImpl(29, 2, 124, error));
@@ -162,7 +127,7 @@ TEST(VarnDateTime, NumericSettersCountYearsFrom1900WithoutDaylightSaving) {
 }
 
 TEST(VarnDateTime, TakesABrokenDownTimeAsItsFlagSays) {
-  const InZone inZone("Europe/Berlin");
+  setZone("Europe/Berlin");
   std::tm july{};
   july.tm_mday = 1;
   july.tm_mon = 6;
@@ -179,7 +144,7 @@ TEST(VarnDateTime, TakesABrokenDownTimeAsItsFlagSays) {
 }
 
 TEST(VarnDateTime, ChecksOneFieldWithoutChangingIt) {
-  const InZone inZone("Europe/Berlin");
+  setZone("Europe/Berlin");
   const VarnDateTime date = at("31/01/2024 10:00:00");
   using Check = bool (VarnDateTime::*)(unsigned, std::string&) const;
   const struct {
@@ -204,7 +169,7 @@ TEST(VarnDateTime, ChecksOneFieldWithoutChangingIt) {
 }
 
 TEST(VarnDateTime, ShiftsOneFieldAndNormalises) {
-  const InZone inZone("Europe/Berlin");
+  setZone("Europe/Berlin");
   const std::string failed =
       "Subtracting does not compute to a valid Date. Trying to subtract field,";
   const struct {
@@ -235,43 +200,27 @@ TEST(VarnDateTime, ShiftsOneFieldAndNormalises) {
   }
 }
 
-TEST(VarnDateTime, KnowsWeekdayDayOfTheYearAndLeapYears) {
-  const InZone inZone("Europe/Berlin");
-  static constexpr struct {
-    const char* text;
-    int weekday;
-    int day;
-    bool isLeapYear;
-  } rows[] = {{"15/07/2023 00:30:00", 6, 196, false}, {"31/12/2024 12:00:00", 2, 366, true},
-              {"01/01/1900 00:00:00", 1, 1, false},   {"29/02/2000 00:00:00", 2, 60, true},
-              {"01/03/1904 00:00:00", 2, 61, true},   {"28/02/2100 23:59:59", 0, 59, false}};
-  for (const auto& row : rows) {
-    const VarnDateTime date = at(row.text);
-    EXPECT_EQ(date.getWeekday(), row.weekday) << row.text;
-    EXPECT_EQ(date.day(), row.day) << row.text;
-    EXPECT_EQ(date.isLeapYear(), row.isLeapYear) << row.text;
-    EXPECT_EQ(date.hash(), 0U) << row.text;
-  }
+TEST(VarnDateTime, KnowsLeapYears) {
+  for (const auto& [year, isLeapYear] :
+       {std::pair("1900", false), {"1904", true}, {"2000", true}, {"2023", false}})
+    EXPECT_EQ(at(std::string("15/07/") + year).isLeapYear(), isLeapYear) << year;
+  EXPECT_EQ(at("15/07/2023").hash(), 0U);
 }
 
 TEST(VarnDateTime, TakesAFreshInstanceIdForEachValueThatIsSet) {
   VarnDateTime date;
   std::string error;
-  const auto taken = [](auto action) {
-    const std::uint32_t before = VarnDateTime::m_objectCounter;
-    action();
-    return VarnDateTime::m_objectCounter - before;
-  };
-  EXPECT_EQ(taken([&] { VarnDateTime(); }), 1U);
-  EXPECT_EQ(taken([&] { date.setDateTime("01/01/2024", error); }), 1U);
-  EXPECT_EQ(taken([&] { date.setDateTimeFromStrImpl("01/01/2024", error); }), 2U);
-  EXPECT_EQ(taken([&] { date.setDateImpl(1, 1, 124, error); }), 2U);
-  EXPECT_EQ(taken([&] { date.adjustInstanceId(); }), 1U);
-  EXPECT_EQ(taken([&] { date.setMonthImpl(7, error) && (date = VarnDateTime(date)).day(); }), 0U);
+  const std::uint32_t before = VarnDateTime::m_objectCounter;
+  date.setDateTime("01/01/2024", error);
+  EXPECT_EQ(VarnDateTime::m_objectCounter - before, 1U);
+  date.setDateImpl(1, 1, 124, error);
+  EXPECT_EQ(VarnDateTime::m_objectCounter - before, 3U);
+  date.setMonthImpl(7, error) && (date = VarnDateTime(date)).day();
+  EXPECT_EQ(VarnDateTime::m_objectCounter - before, 3U);
 }
 
 TEST(VarnDateTime, FormatsWithTheFacetOfTheLocaleItIsGiven) {
-  const InZone inZone("Australia/Sydney");
+  setZone("Australia/Sydney");
   const std::locale marked(std::locale::classic(), new Marks);
   const VarnDateTime date = at("06/11/1994 08:49:37");
   EXPECT_EQ(date.monthName(marked) + date.weekdayName(marked), L"B8A8");
@@ -283,11 +232,11 @@ TEST(VarnDateTime, FormatsWithTheFacetOfTheLocaleItIsGiven) {
 }
 
 TEST(VarnDateTime, KeepsItsLocaleWhenAssignedAndCopiesNone) {
-  const InZone inZone("Europe/Berlin");
-  const std::locale before = VarnLocaleFactory::m_oDefaultLocale;
-  VarnLocaleFactory::m_oDefaultLocale = std::locale(before, new Marks);
+  setZone("Europe/Berlin");
+  std::locale other(VarnLocaleFactory::m_oDefaultLocale, new Marks);
+  std::swap(VarnLocaleFactory::m_oDefaultLocale, other);
   VarnDateTime marked;
-  VarnLocaleFactory::m_oDefaultLocale = before;
+  std::swap(VarnLocaleFactory::m_oDefaultLocale, other);
   marked = at("06/11/1994 08:49:37");
   EXPECT_EQ(marked.toGMTString(), L"c7");
   EXPECT_EQ(VarnDateTime(marked).toGMTString(), L"Sun Nov  6 07:49:37 1994");
@@ -295,15 +244,16 @@ TEST(VarnDateTime, KeepsItsLocaleWhenAssignedAndCopiesNone) {
 
 TEST(VarnDateTime, TextsFollowTheTimeAndTheZoneOfTheMoment) {
   const std::locale& classic = std::locale::classic();
-  const InZone inZone("Australia/Sydney");
+  setZone("Australia/Sydney");
   VarnDateTime date = at("06/11/1994 08:49:37");
   EXPECT_EQ(date.toString(classic), L"Sun Nov  6 08:49:37 1994");
   EXPECT_EQ(date.toGMTString(), L"Sat Nov  5 21:49:37 1994");
   const std::time_t inSydney = date.getTime();
   for (const auto& [zone, hours] : {std::pair{"Europe/Berlin", 10}, {"UTC", 11}, {"EST5", 16}}) {
-    const InZone other(zone);
+    setZone(zone);
     EXPECT_EQ(date.getTime() - inSydney, hours * 3600) << zone;
   }
+  setZone("Australia/Sydney");
   EXPECT_EQ(date.getTime(), inSydney);
   std::string error;
   date.modifyDate(VarnDateTime::Second, 1, error);
@@ -312,13 +262,11 @@ TEST(VarnDateTime, TextsFollowTheTimeAndTheZoneOfTheMoment) {
 
 // Against the platform's mktime(), near and far from changes of the zone.
 TEST(VarnDateTime, AgreesWithTheSystemEverywhere) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE(seed);
-  std::mt19937_64 random(seed);
+  Random random;
   for (const char* const zone :
        {"UTC", "Europe/Berlin", "Australia/Lord_Howe", "Pacific/Apia", "Africa/Casablanca",
         "right/Europe/Berlin", "XXX-24YYY,J60,J300"}) {
-    const InZone inZone(zone);
+    setZone(zone);
     for (int i = 0; i < 150; ++i) {
       const std::int64_t range = i % 2 == 0 ? 4'000'000'000 : 70'000'000'000'000'000;
       std::time_t near = static_cast<std::int64_t>(random() % (2U * range)) - range;
@@ -335,11 +283,9 @@ TEST(VarnDateTime, AgreesWithTheSystemEverywhere) {
         VarnDateTime date;
         std::string error;
         ASSERT_EQ(date.setDateTimeFromTmImpl(given, error), valid) << near << " in " << zone;
-        if (!valid)
-          continue;
-        ASSERT_EQ(show(date), show(given)) << near << " in " << zone;
-        ASSERT_EQ(date.getWeekday(), normal.tm_wday) << near << " in " << zone;
-        ASSERT_EQ(date.day(), normal.tm_yday + 1) << near << " in " << zone;
+        ASSERT_TRUE(!valid || (show(date) == show(given) && date.getWeekday() == normal.tm_wday &&
+                               date.day() == normal.tm_yday + 1))
+            << near << " in " << zone;
       }
     }
   }
@@ -349,23 +295,14 @@ TEST(VarnDateTime, WorksBesideAnotherThreadAndInAChildForkedMeanwhile) {
   const auto works = [] {
     return at("1/2/2024").toString(std::locale::classic()) == L"Thu Feb  1 00:00:00 2024";
   };
-  std::atomic<bool> done{false};
-  std::thread other([&done] {
+  unsigned day = 0;
+  const auto other = repeating([&] {
     std::string error;
-    for (unsigned day = 0; !done; ++day)
-      VarnDateTime().setDateImpl(1 + day % 28, 1, day % 8000, error);
+    ++day;
+    VarnDateTime().setDateImpl(1 + day % 28, 1, day % 8000, error);
   });
   for (int i = 0; i < 100; ++i) {
-    const pid_t child = fork();
-    if (child == 0) {
-      alarm(20);
-      _exit(works() ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(0, runInChild([&] { return works() ? 0 : 1; }, _exit));
     EXPECT_TRUE(works());
   }
-  done = true;
-  other.join();
 }

@@ -1,10 +1,6 @@
-#include "VarnSupport/VarnException.h"
+#include "TestTools.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-
-using namespace VarnSupport;
+using namespace TestTools;
 using Messages = std::deque<std::wstring>;
 
 namespace {
@@ -53,21 +49,6 @@ TEST(VarnException, FormatsItsMessagesNewestFirst) {
   EXPECT_EQ(exception.getFormattedMessages(), L"");
   EXPECT_EQ(exception.getText(), "new");
   EXPECT_EQ(VarnException(7).getFormattedMessages(), L"");
-}
-
-TEST(VarnException, CopiesAllOfItself) {
-  VarnException source(L"x", 5);
-  source.pushMessage(L"y");
-  VarnException copy;
-  copy = source;
-  source.setText(L"z");
-  source.setCode(6);
-  source.popMessage();
-  for (const VarnException& each : {copy, copy = *&copy}) {
-    EXPECT_EQ(each.getUText(), L"x");
-    EXPECT_EQ(each.getCode(), 5);
-    EXPECT_EQ(each.getCallStack(), (Messages{L"x", L"y"}));
-  }
 }
 
 TEST(VarnException, HoldsTextCodeAndStackInThisOrder) {

@@ -1,16 +1,6 @@
-#include "VarnSupport/VarnLocaleFactory.h"
+#include "TestTools.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
-#include <cstdlib>
-#include <filesystem>
-#include <sstream>
-#include <vector>
-
-using namespace VarnSupport;
+using namespace TestTools;
 
 namespace {
 
@@ -20,20 +10,16 @@ template <typename Body>
 void withLocales(const std::vector<std::string>& names, Body body) {
   static constexpr char platformLocale[] = "/usr/lib/locale/C.utf8";
   ASSERT_TRUE(std::filesystem::exists(platformLocale));
-  std::string folder = testing::TempDir() + "locales-XXXXXX";
-  ASSERT_NE(mkdtemp(folder.data()), nullptr);
+  const TempFolder folder;
   for (const std::string& name : names)
-    std::filesystem::create_directory_symlink(platformLocale, folder + '/' + name);
-  const pid_t child = fork();
-  if (child == 0) {
-    setenv("LOCPATH", folder.c_str(), 1);
-    body();
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
-  std::filesystem::remove_all(folder);
+    std::filesystem::create_directory_symlink(platformLocale, folder / name);
+  EXPECT_EQ(0, runInChild(
+                   [&] {
+                     setenv("LOCPATH", folder.path().c_str(), 1);
+                     body();
+                     return testing::Test::HasFailure() ? 1 : 0;
+                   },
+                   _exit));
 }
 
 // The four maps as they are before anything fills them.

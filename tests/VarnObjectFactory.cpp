@@ -1,17 +1,6 @@
-#include "VarnSupport/VarnObjectFactory.h"
-
-#include <dlfcn.h>
-
-#include <atomic>
-#include <mutex>
-
 #include "TestTools.h"
-#include "VarnSupport/VarnException.h"
-#include "VarnSupport/VarnLibrary.h"
-#include "VarnSupport/VarnModule.h"
 
-using namespace VarnSupport;
-using TestTools::eventually;
+using namespace TestTools;
 
 namespace {
 
@@ -24,16 +13,15 @@ VarnObjectBase* makeProduct() { return new Product; }
 // Creates its objects by a function of the test.
 class Registration : public VarnObjectFactoryRegistration {
  public:
-  using Creator = std::function<VarnObjectBase*()>;
-
-  Registration(const std::string& name, VarnObjectFactory& factory, Creator creator)
+  Registration(const std::string& name, VarnObjectFactory& factory,
+               std::function<VarnObjectBase*()> creator)
       : VarnObjectFactoryRegistration(name, &factory), m_fCreator(std::move(creator)) {}
   ~Registration() override { unregister(); }
 
   VarnSmartPointer<VarnObjectBase> create() override { return m_fCreator(); }
 
  private:
-  Creator m_fCreator;
+  std::function<VarnObjectBase*()> m_fCreator;
 };
 
 // A creation that stays under way on a thread of its own until end(); further ones end at once.
@@ -62,19 +50,6 @@ class LongCreation {
   Registration m_oRegistration;
   std::thread m_oThread;
 };
-
-// What `action` leaves as the number of factories deleted.
-int deletionsBy(const std::function<void()>& action) {
-  static int deletions = 0;
-  struct Counting : VarnObjectFactory {
-    ~Counting() override { ++deletions; }
-  };
-  return TestTools::runInChild([&] {
-    VarnObjectFactory::m_pGlobalInstance = new Counting;
-    action();
-    return deletions;
-  });
-}
 
 }  // namespace
 
@@ -121,7 +96,7 @@ TEST(VarnObjectFactory, RemoveWaitsForCreationsUnderWay) {
     removed = true;
   });
   EXPECT_TRUE(eventually([&] { return factory.construct("long") == nullptr; }));
-  TestTools::sleepMs(20);
+  sleepMs(20);
   EXPECT_FALSE(removed);
   factory.remove("another name");
   creation.end();
@@ -142,7 +117,7 @@ TEST(VarnObjectFactory, ACreatorMayUseTheFactoryAndRemoveItself) {
 TEST(VarnObjectFactory, IsUsableInAForkedChildWhileOthersCreate) {
   VarnObjectFactory& factory = *VarnObjectFactory::getGlobalInstance();
   const LongCreation creation(factory);
-  EXPECT_EQ(0, TestTools::runInChild([&] {
+  EXPECT_EQ(0, runInChild([&] {
               factory.remove("long");
               factory.add("f", makeProduct);
               return factory.construct("f") != nullptr ? 0 : 1;
@@ -150,11 +125,21 @@ TEST(VarnObjectFactory, IsUsableInAForkedChildWhileOthersCreate) {
 }
 
 TEST(VarnObjectFactory, TheGlobalInstanceIsDeletedOnceAndByTheDetachingLibrary) {
-  EXPECT_EQ(1, deletionsBy([] {
-              VarnObjectFactory::deleteGlobalInstance();
-              VarnObjectFactory::deleteGlobalInstance();
-            }));
-  EXPECT_EQ(1, deletionsBy([] { g_ModuleData.detach(); }));
+  static int deletions = 0;
+  struct Counting : VarnObjectFactory {
+    ~Counting() override { ++deletions; }
+  };
+  for (const bool detaches : {false, true}) {
+    EXPECT_EQ(1, runInChild(
+                     [=] {
+                       VarnObjectFactory::m_pGlobalInstance = new Counting;
+                       for (int i = 0; i < 2; ++i)
+                         detaches ? g_ModuleData.detach()
+                                  : VarnObjectFactory::deleteGlobalInstance();
+                       return deletions;
+                     },
+                     _exit));
+  }
 }
 
 TEST(VarnLibrary, APlugInAddsItsClassesWhileItIsLoaded) {
@@ -177,15 +162,12 @@ TEST(VarnLibrary, APlugInAddsItsClassesWhileItIsLoaded) {
 }
 
 TEST(VarnLibrary, OthersMayAskForItsClassesWhileItIsBeingLoaded) {
-  std::atomic<bool> done{false};
   std::atomic<int> made{0};
   std::mutex products;  // objects of the plug-in must be gone before it is
-  std::thread other([&] {
-    while (!done) {
-      const std::lock_guard guard(products);
-      if (VarnObjectFactory::getGlobalInstance()->construct("Greeting") != nullptr)
-        ++made;
-    }
+  const auto other = repeating([&] {
+    const std::lock_guard guard(products);
+    if (VarnObjectFactory::getGlobalInstance()->construct("Greeting") != nullptr)
+      ++made;
   });
   for (int i = 0; i < 10; ++i) {
     VarnSmartPointer<VarnLibrary> library(new VarnLibrary(VSUPT_TEST_PLUGIN, true));
@@ -194,17 +176,11 @@ TEST(VarnLibrary, OthersMayAskForItsClassesWhileItIsBeingLoaded) {
     const std::lock_guard guard(products);
     library = nullptr;
   }
-  done = true;
-  other.join();
 }
 
 TEST(VarnLibrary, SaysWhatCouldNotBeLoaded) {
-  try {
-    const VarnLibrary library("no-such-thing", false);
-    FAIL();
-  } catch (const VarnException& error) {
-    EXPECT_EQ(0, error.getCode());
-    EXPECT_EQ(0U, error.getText().find("VarnLibrary::VarnLibrary: failed to load: no-such-thing.  "
-                                       "libno-such-thing.so: "));
-  }
+  const std::string said = resultOf([] { const VarnLibrary library("no-such-thing", false); });
+  EXPECT_EQ(0U, said.find("VarnLibrary::VarnLibrary: failed to load: no-such-thing.  "
+                          "libno-such-thing.so: "))
+      << said;
 }

@@ -1,16 +1,6 @@
-#include "VarnSupport/VarnProcess.h"
-
-#include <dlfcn.h>
-#include <fcntl.h>
-
-#include <atomic>
-#include <cerrno>
-
 #include "TestTools.h"
 
-using namespace VarnSupport;
-using TestTools::FileLog;
-using TestTools::TempFolder;
+using namespace TestTools;
 
 namespace {
 
@@ -35,7 +25,7 @@ std::string outputOf(const std::string& script, int stdinHandle = -1) {
   const std::string command = "/bin/sh -c \"" + script + '"';
   EXPECT_TRUE(VarnExecuteProgramEx(command, stdinHandle, out, true, nullptr, nullptr));
   close(out);
-  return TestTools::contentsOf(folder / "out");
+  return contentsOf(folder / "out");
 }
 
 }  // namespace
@@ -56,21 +46,18 @@ extern "C" char* strerror(int number) noexcept {
 
 TEST(VarnProcess, CreatesFoldersWithAllTheirParents) {
   const TempFolder top;
-  TestTools::writeFile(top / "file", "");
+  writeFile(top / "file", "");
   const struct {
     const char* path;
     bool made;
     const char* folder;  // what then is there
-  } cases[] = {
-      {"a", true, "a"},
-      {"a", true, "a"},
-      {"b/c/d/", true, "b/c/d"},
-      {"one\\name", true, "one\\name"},
-      {"gone/p\\q", true, "gone/p/q"},
-      {"file", true, "a"},
-      {"file/x", false, "a"},
-      {"new/p/../q", true, "new/q"},
-  };
+  } cases[] = {{"a", true, "a"},
+               {"b/c/d/", true, "b/c/d"},
+               {"one\\name", true, "one\\name"},
+               {"gone/p\\q", true, "gone/p/q"},
+               {"file", true, "a"},
+               {"file/x", false, "a"},
+               {"new/p/../q", true, "new/q"}};
   for (const auto& row : cases) {
     EXPECT_EQ(row.made, VarnCreateDirectory(top / row.path)) << row.path;
     EXPECT_TRUE(std::filesystem::is_directory(top / row.folder)) << row.folder;
@@ -105,7 +92,7 @@ TEST(VarnProcess, RemovesFolders) {
 TEST(VarnProcess, AFailedForkIsNotWaitedFor) {
   const TempFolder top;
   VarnCreateDirectory(top / "a/b");
-  const pid_t other = TestTools::startChild([] { return 5; });
+  const pid_t other = startChild([] { return 5; });
   const FileLog log(1);
   failForks = true;
   std::string text;
@@ -114,7 +101,7 @@ TEST(VarnProcess, AFailedForkIsNotWaitedFor) {
   EXPECT_FALSE(VarnExecuteProgram("/bin/true", true, nullptr, &number));
   failForks = false;
   EXPECT_EQ(-1, number);
-  EXPECT_EQ(5, TestTools::outcomeOf(other));
+  EXPECT_EQ(5, outcomeOf(other));
   EXPECT_EQ(Texts{"VarnExecuteProgram: could not fork child process."}, log.texts());
 }
 
@@ -131,30 +118,25 @@ TEST(VarnProcess, GivesTheSystemsErrorTexts) {
   const std::pair<int, std::string> cases[] = {
       {0, "Success"},
       {ENOENT, "No such file or directory"},
-      {kErrorWithoutText, "Unrecognized error code: -77 (0xffffffb3)"},
-  };
+      {kErrorWithoutText, "Unrecognized error code: -77 (0xffffffb3)"}};
   for (const auto& [number, expected] : cases) {
     std::string narrow = "before";
     std::wstring wide = L"before";
     VarnGetOSErrorMessage(number, narrow);
     VarnGetOSErrorMessage(number, wide);
-    EXPECT_EQ(expected, narrow);
-    EXPECT_EQ(std::wstring(expected.begin(), expected.end()), wide);
+    EXPECT_EQ(std::pair(expected, std::wstring(expected.begin(), expected.end())),
+              std::pair(narrow, wide));
   }
 }
 
 TEST(VarnProcess, GivesTheStatusOfAProgramThatItWaitedFor) {
-  const std::pair<std::string, int> cases[] = {
-      {"/bin/sh -c \"exit 3\"", 3},
-      {"/bin/sh -c \"exit 3\"\n", 3},
-      {"/bin/sh -c \"exit 33", 33},
-      {"/bin/sh -c \"kill -9 $$\"", 0},
-      {"/no/such/program", 0},
-      {"false", 0},  // not searched for
-      {"", 0},
-      {"\"", 0},
-      {"   ", 0},
-  };
+  const std::pair<std::string, int> cases[] = {{"/bin/sh -c \"exit 3\"\n", 3},
+                                               {"/bin/sh -c \"exit 33", 33},
+                                               {"/bin/sh -c \"kill -9 $$\"", 0},
+                                               {"/no/such/program", 0},
+                                               {"false", 0},  // not searched for
+                                               {"\"", 0},
+                                               {"   ", 0}};
   for (const auto& [commandLine, status] : cases)
     EXPECT_EQ(status, statusOf(commandLine)) << commandLine;
 }
@@ -165,7 +147,7 @@ TEST(VarnProcess, ReturnsAtOnceWithTheIdOtherwise) {
   int status = 98;
   ASSERT_TRUE(VarnExecuteProgram("/bin/sh -c \"exit 4\"", false, &process, &status));
   EXPECT_EQ(98, status);
-  EXPECT_EQ(4, TestTools::outcomeOf(process));
+  EXPECT_EQ(4, outcomeOf(process));
   const std::string start = "VarnExecuteProgram: ";
   EXPECT_EQ(
       (Texts{start + "Execution Started.", "VarnExecuteProgramEx: Execution Started.",
@@ -180,7 +162,7 @@ TEST(VarnProcess, RedirectsInputThenOutput) {
   const int both = open(file.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
   // An output handle of 0 is the new input.
   VarnExecuteProgramEx("/bin/echo hello", both, 0, true, nullptr, nullptr);
-  EXPECT_EQ("hello\n", TestTools::contentsOf(file));
+  EXPECT_EQ("hello\n", contentsOf(file));
   lseek(both, 0, SEEK_SET);
   EXPECT_EQ("hello\n", outputOf("cat", both));
   close(both);
@@ -209,7 +191,7 @@ TEST(VarnProcess, ProgramsGetTheCallersMaskAndNoneOfItsDescriptors) {
   sigaddset(&mask, SIGHUP);
   pthread_sigmask(SIG_SETMASK, &mask, &before);
   std::string masks;
-  for (const std::string& line : TestTools::linesOf("/proc/self/status")) {
+  for (const std::string& line : linesOf("/proc/self/status")) {
     if (line.rfind("SigBlk", 0) == 0 || line.rfind("SigIgn", 0) == 0)
       masks += line + '\n';
   }
@@ -240,11 +222,7 @@ TEST(VarnProcess, AThreadThatWaitsForAProgramCanBeKilled) {
   char byte = 'x';
   ASSERT_EQ(1, write(waiter.toProgram[1], &byte, 1));
   ASSERT_EQ(1, read(waiter.fromProgram[0], &byte, 1));
-  const pthread_t identifier = *static_cast<pthread_t*>(waiter.getHandle());
-  waiter.kill();
-  void* result = nullptr;
-  EXPECT_EQ(0, pthread_join(identifier, &result));
-  EXPECT_EQ(PTHREAD_CANCELED, result);
+  killAndJoin(waiter);
   close(waiter.toProgram[1]);
   EXPECT_LT(0, wait(nullptr));
 }

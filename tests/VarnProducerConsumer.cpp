@@ -1,41 +1,22 @@
-#include "VarnSupport/VarnProducerConsumer.h"
-
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "TestTools.h"
-#include "VarnSupport/VarnEventTimerThread.h"
 
-using namespace VarnSupport;
 using namespace TestTools;
 
 namespace {
 
 class Numbers : public VarnBaseSynchronizedQueue {
  public:
-  void clear() override {
-    const VarnCriticalSection guard(getLock(), true);
-    m_vNumbers.clear();
-  }
-  void push(int number) {
-    const VarnCriticalSection guard(getLock(), true);
-    m_vNumbers.push_back(number);
-  }
+  void clear() override { m_vNumbers.clear(); }
   bool pop(int& number) {
-    const VarnCriticalSection guard(getLock(), true);
-    if (m_vNumbers.empty())
-      return false;
-    number = m_vNumbers.front();
-    m_vNumbers.pop_front();
-    return true;
+    const bool found = !m_vNumbers.empty();
+    if (found) {
+      number = m_vNumbers.front();
+      m_vNumbers.pop_front();
+    }
+    return found;
   }
 
- private:
-  std::deque<int> m_vNumbers;
+  std::deque<int> m_vNumbers;  // guarded by the mutex of the work
 };
 
 class Work : public VarnBaseProducerConsumer {
@@ -44,7 +25,7 @@ class Work : public VarnBaseProducerConsumer {
 
   void produce(int number) {
     lockSyncMutex();
-    m_oNumbers.push(number);
+    m_oNumbers.m_vNumbers.push_back(number);
     setSyncEvent();
     unlockSyncMutex();
   }
@@ -81,25 +62,17 @@ TEST(VarnProducerConsumer, ConsumersGetEveryItemOnceAndThenTheSentinel) {
   Work work(numbers);
   std::atomic<long> sum{0};
   std::atomic<int> count{0};
-  std::vector<std::thread> consumers;
-  for (int i = 0; i < 3; ++i)
-    consumers.emplace_back([&] {
-      for (int number = 0; work.consume(number);) {
-        sum += number;
-        ++count;
-      }
-    });
-  std::vector<std::thread> producers;
-  for (int p = 0; p < 2; ++p)
-    producers.emplace_back([&] {
-      for (int i = 1; i <= 1000; ++i)
-        work.produce(i);
-    });
-  for (std::thread& producer : producers)
-    producer.join();
-  work.produceSentinel(false);
-  for (std::thread& consumer : consumers)
-    consumer.join();
+  std::atomic<int> producing{2};
+  onThreads(5, [&](int thread) {
+    for (int number = 0; thread >= 2 && work.consume(number);) {
+      sum += number;
+      ++count;
+    }
+    for (int i = 1; thread < 2 && i <= 1000; ++i)
+      work.produce(i);
+    if (thread < 2 && --producing == 0)
+      work.produceSentinel(false);
+  });
   EXPECT_EQ(2000, count);
   EXPECT_EQ(1001000, sum);
 }
@@ -161,6 +134,6 @@ TEST(VarnEventTimerThread, TracesItsEnd) {
   }
   const std::vector<std::string> texts = log.texts();
   ASSERT_EQ(6U, texts.size());
-  EXPECT_EQ(kDestructor + "setting exit event", texts[2]);
-  EXPECT_EQ(kDestructor + "waiting for thread to exit", texts[3]);
+  EXPECT_EQ(kDestructor + "setting exit event" + kDestructor + "waiting for thread to exit",
+            texts[2] + texts[3]);
 }

@@ -1,10 +1,7 @@
-#include "VarnSupport/VarnProgramOptions.h"
+#include "TestTools.h"
 
-#include <gtest/gtest.h>
+using namespace TestTools;
 
-#include "VarnSupport/VarnException.h"
-
-namespace VarnSupport {
 namespace {
 
 using Words = std::vector<std::string>;
@@ -36,31 +33,28 @@ constexpr Row kUnvalidated[] = {
     {"-abc -x=5=6 --long=1 --flag a -x=7", "", "", "abc= flag= long=1 x=5=6,7 | a"},
     {"-- - -=5 --=5 -#c --#c=1 - b", "", "", "| b"},
     {"/v a/b", "", "", "| /v a/b"},
-    {"--x=\" 1\" -- \"\" '-q'", "", "", "q= x=1 | "},
-};
+    {"--x=\" 1\" -- \"\" '-q'", "", "", "q= x=1 | "}};
 
-constexpr Row kValidated[] = {
-    {"-o out in", "o:", ":x:", "o=out | in"},
-    {"-oout -o=1", "o:", "", "o=out,=1 |"},
-    {"-o", "o:", "", "option data not available for: -o"},
-    {"-xy -x", "x", "", "x=, |"},
-    {"-y", "x", "", "Unrecognized option: -y"},
-    {"-o -x", "o:x", "", "o=-x |"},
-    {"-:", "ab:c", "", ":= |"},
-    {"-file x y", "f", ":file.:", "file=x | y"},
-    {"-file=abc x", "", ":file.:", "file=abc=x |"},
-    {"-file", "", ":file.:", "option data not available for: -file"},
-    {"--file x", "", ":file.:", "| x"},
-    {"--file=y x", "", ":file.:", "| x"},
-    {"--file.", "", ":file.:", "file.= |"},
-    {"--help=yes -help --help", "", ":help:", "help=yes,, |"},
-    {"-h", "h", ":help:", "h= |"},
-    {"--hel", "", ":help:", "Unrecognized option: --hel"},
-    {"--help", "", "help:", "Unrecognized option: --help"},
-    {"--no=1", "", ":help:", "Unrecognized option: --no"},
-    {"--", "a", ":a:", "Unrecognized option: --"},
-    {"-", "a", ":a:", "Unrecognized option: -"},
-};
+constexpr Row kValidated[] = {{"-o out in", "o:", ":x:", "o=out | in"},
+                              {"-oout -o=1", "o:", "", "o=out,=1 |"},
+                              {"-o", "o:", "", "option data not available for: -o"},
+                              {"-xy -x", "x", "", "x=, |"},
+                              {"-y", "x", "", "Unrecognized option: -y"},
+                              {"-o -x", "o:x", "", "o=-x |"},
+                              {"-:", "ab:c", "", ":= |"},
+                              {"-file x y", "f", ":file.:", "file=x | y"},
+                              {"-file=abc x", "", ":file.:", "file=abc=x |"},
+                              {"-file", "", ":file.:", "option data not available for: -file"},
+                              {"--file x", "", ":file.:", "| x"},
+                              {"--file=y x", "", ":file.:", "| x"},
+                              {"--file.", "", ":file.:", "file.= |"},
+                              {"--help=yes -help --help", "", ":help:", "help=yes,, |"},
+                              {"-h", "h", ":help:", "h= |"},
+                              {"--hel", "", ":help:", "Unrecognized option: --hel"},
+                              {"--help", "", "help:", "Unrecognized option: --help"},
+                              {"--no=1", "", ":help:", "Unrecognized option: --no"},
+                              {"--", "a", ":a:", "Unrecognized option: --"},
+                              {"-", "a", ":a:", "Unrecognized option: -"}};
 
 std::string parsed(const std::string& commandLine, const Row& row, bool validate, bool allowSlash) {
   try {
@@ -130,8 +124,7 @@ TEST(VarnProgramOptions, TokensMayBeQuotedAnywhere) {
       {"a\t \tb ", {"a", "b"}},
       {"x'y z'w \"it's\" 'say \"no\"'", {"xy zw", "it's", "say \"no\""}},
       {"'' a''b \"open end", {"", "ab", "open end"}},
-      {"'a'''", {"a'"}},
-  };
+      {"'a'''", {"a'"}}};
   for (const auto& [text, expected] : cases) {
     VarnCmdLineTokenizer<std::string> tokenizer(text, " \t", "\"'");
     Words tokens;
@@ -143,15 +136,13 @@ TEST(VarnProgramOptions, TokensMayBeQuotedAnywhere) {
 }
 
 TEST(VarnProgramOptions, TheSimpleSplitterFollowsItsSteps) {
-  const std::pair<const char*, Words> cases[] = {
-      {"  a \t'b  c' ", {"a", "\t'b", "c'"}},
-      {"run \"a b\"c d", {"run", "a bc", "d"}},
-      {"\"a b\" \"\" \"end of", {"a b", "end of"}},
-      {"x\"y z\" \"\"a", {"x\"y", "z\"", "a"}},
-      {"\"a\"\"b\" \"cd\"\"e", {"\"b", "d\"e"}},
-      {"\"\"\"a\"", {"a"}},
-      {" \"", {}},
-  };
+  const std::pair<const char*, Words> cases[] = {{"  a \t'b  c' ", {"a", "\t'b", "c'"}},
+                                                 {"run \"a b\"c d", {"run", "a bc", "d"}},
+                                                 {"\"a b\" \"\" \"end of", {"a b", "end of"}},
+                                                 {"x\"y z\" \"\"a", {"x\"y", "z\"", "a"}},
+                                                 {"\"a\"\"b\" \"cd\"\"e", {"\"b", "d\"e"}},
+                                                 {"\"\"\"a\"", {"a"}},
+                                                 {" \"", {}}};
   for (const auto& [text, expected] : cases) {
     Words words{text};
     VarnParseCommandLine(words[0], words);
@@ -162,4 +153,3 @@ TEST(VarnProgramOptions, TheSimpleSplitterFollowsItsSteps) {
 }
 
 }  // namespace
-}  // namespace VarnSupport

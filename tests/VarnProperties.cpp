@@ -1,15 +1,7 @@
-#include "VarnSupport/VarnProperties.h"
+#include "TestTools.h"
 
-#include <gtest/gtest.h>
-#include <pthread.h>
+using namespace TestTools;
 
-#include <atomic>
-#include <cstdlib>
-#include <thread>
-
-#include "VarnSupport/VarnException.h"
-
-namespace VarnSupport {
 namespace {
 
 template <typename StringType>
@@ -71,22 +63,20 @@ TYPED_TEST(Properties, AMissingKeyIsAnsweredByEachLookUpInItsOwnWay) {
 }
 
 TYPED_TEST(Properties, ALineIsAKeyASeparatorAndAValue) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"port = 8080", "port =8080"},
-      {"a=b=c", "a=b=c"},
-      {"name=value\r\n", "name=value"},
-      {"name=value\nrest", "name=value"},
-      {"name=one\ntwo\rthree", "name=one\ntwo"},
-      {"a\rb=c\r", "a\rb=c\r"},
-      {"a\nb=c\n", "a\nb=c\n"},
-      {"\r", "\r="},
-      {"a=  \t b  ", "a=\t b  "},
-      {"flag\r\n", "flag\r\n="},
-      {"#x=1", ""},
-      {"  #x=1", "  #x=1"},
-      {"=1", ""},
-      {"", ""},
-  };
+  const std::pair<const char*, const char*> cases[] = {{"port = 8080", "port =8080"},
+                                                       {"a=b=c", "a=b=c"},
+                                                       {"name=value\r\n", "name=value"},
+                                                       {"name=value\nrest", "name=value"},
+                                                       {"name=one\ntwo\rthree", "name=one\ntwo"},
+                                                       {"a\rb=c\r", "a\rb=c\r"},
+                                                       {"a\nb=c\n", "a\nb=c\n"},
+                                                       {"\r", "\r="},
+                                                       {"a=  \t b  ", "a=\t b  "},
+                                                       {"flag\r\n", "flag\r\n="},
+                                                       {"#x=1", ""},
+                                                       {"  #x=1", "  #x=1"},
+                                                       {"=1", ""},
+                                                       {"", ""}};
   for (const auto& [line, expected] : cases) {
     VarnProperties<TypeParam> properties;
     properties.addProperty(text<TypeParam>(line), '=');
@@ -156,25 +146,21 @@ TEST(VarnProperties, AssignmentTakesPropertiesAndFlagAndLeavesTheCount) {
 TEST(VarnProperties, ThreadsMayChangeReadCopyAndAssignTwoSets) {
   VarnProperties<std::string> left;
   VarnProperties<std::string> right;
-  std::atomic<int> working{2};
-  const auto work = [&](VarnProperties<std::string>& own, VarnProperties<std::string>& other) {
-    for (int i = 0; i < 1000; ++i) {
-      add(own, "key" + std::to_string(i % 50), "value that is not kept in place");
-      own.removeProperty("key" + std::to_string(i % 7));
-      if (i % 20 == 0)
+  const auto read = repeating([&] {
+    for (const auto& [key, values] : left.getProperties())
+      EXPECT_FALSE(key.empty() || values.empty());
+  });
+  onThreads(2, [&](int i) {
+    VarnProperties<std::string>& own = i == 0 ? left : right;
+    VarnProperties<std::string>& other = i == 0 ? right : left;
+    for (int turn = 0; turn < 1000; ++turn) {
+      add(own, "key" + std::to_string(turn % 50), "value that is not kept in place");
+      own.removeProperty("key" + std::to_string(turn % 7));
+      if (turn % 20 == 0)
         own = other;
       VarnProperties<std::string>(other).setProperty("key1", "1");
     }
-    --working;
-  };
-  std::thread first(work, std::ref(left), std::ref(right));
-  std::thread second(work, std::ref(right), std::ref(left));
-  while (working > 0) {
-    for (const auto& [key, values] : left.getProperties())
-      EXPECT_FALSE(key.empty() || values.empty());
-  }
-  first.join();
-  second.join();
+  });
 }
 
 TEST(VarnProperties, ReferencesExpandFromPropertiesAndThenTheEnvironment) {
@@ -194,8 +180,7 @@ TEST(VarnProperties, ReferencesExpandFromPropertiesAndThenTheEnvironment) {
       {"<in<a>", "odd"},
       {"<open>a>", "1"},  // the replacement begins a reference that ends behind it
       {"x<half>b>.", "x[11."},
-      {"1<empty>a>2<", "1a>2<"},
-  };
+      {"1<empty>a>2<", "1a>2<"}};
   for (const auto& [reference, expected] : cases)
     EXPECT_EQ(VarnExpandString(reference, properties), expected) << reference;
   std::string many;  // takes minutes if the cost grows with the square of the text
@@ -220,4 +205,3 @@ TEST(VarnProperties, AnExpansionWithoutEndCanBeCancelled) {
 }
 
 }  // namespace
-}  // namespace VarnSupport

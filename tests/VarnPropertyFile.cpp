@@ -1,18 +1,7 @@
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "TestTools.h"
 
-#include <filesystem>
-#include <fstream>
-#include <locale>
-#include <sstream>
-#include <thread>
+using namespace TestTools;
 
-#include "VarnSupport/VarnException.h"
-#include "VarnSupport/VarnLogging.h"
-#include "VarnSupport/VarnProperties.h"
-
-namespace VarnSupport {
 namespace {
 
 using namespace std::string_literals;
@@ -21,23 +10,15 @@ using Wide = VarnProperties<std::wstring>;
 
 class VarnPropertyFile : public testing::Test {
  protected:
-  VarnPropertyFile() { mkdtemp(m_sFolder.data()); }
-  ~VarnPropertyFile() override {
-    std::locale::global(std::locale::classic());
-    std::filesystem::remove_all(m_sFolder);
-  }
+  ~VarnPropertyFile() override { std::locale::global(std::locale::classic()); }
 
-  std::string path(const std::string& name) const { return m_sFolder + "/" + name; }
+  std::string path(const std::string& name) const { return m_oFolder / name; }
   std::string file(const std::string& bytes) const {
-    std::ofstream(path("in"), std::ios::binary) << bytes;
+    writeFile(path("in"), bytes);
     return path("in");
   }
-  static std::string contents(const std::string& name) {
-    std::ifstream stream(name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
 
-  std::string m_sFolder = std::filesystem::temp_directory_path() / "vsupt-XXXXXX";
+  TempFolder m_oFolder;
 };
 
 using Expected = Narrow::tProperties;
@@ -61,8 +42,7 @@ TEST_F(VarnPropertyFile, LinesBecomeProperties) {
       {"\xFF\xFF=1\n", {{"\xFF\xFF", {"1"}}}},
       {utf16("a=1\r\n\r\nb\r\r\n#\nlast\r"), {{"a", {"1"}}, {"b\r", {""}}, {"last\r", {""}}}},
       {utf16("a=1") + "2", {{"a", {"1"}}}},
-      {utf16("x=1") + "\x0A\x01" + "y\x02=\x03", {{"x", {"1"}}, {"y", {""}}}},
-  };
+      {utf16("x=1") + "\x0A\x01" + "y\x02=\x03", {{"x", {"1"}}, {"y", {""}}}}};
   for (const auto& [bytes, expected] : cases) {
     Narrow properties;
     EXPECT_TRUE(properties.loadProperties(file(bytes), '='));
@@ -99,7 +79,7 @@ TEST_F(VarnPropertyFile, OnlyFirstValuesAreSavedInKeyOrder) {
   const mode_t mask = umask(0);
   EXPECT_TRUE(properties.saveProperties(path("out")));
   umask(mask);
-  EXPECT_EQ(contents(path("out")), "a=\nb=2\nk=1\n");
+  EXPECT_EQ(contentsOf(path("out")), "a=\nb=2\nk=1\n");
   struct stat status {};
   stat(path("out").c_str(), &status);
   EXPECT_EQ(status.st_mode & 07777, 0644u);
@@ -110,16 +90,12 @@ TEST_F(VarnPropertyFile, AFileThatCannotBeOpenedChangesNothing) {
   const std::string prefix = "VarnProperties<StringType>::";
   Narrow properties;
   properties.addProperty("a", std::string("1"));
-  for (const std::string& name : {path("none/file"), m_sFolder}) {
+  for (const std::string& name : {path("none/file"), m_oFolder.path()}) {
     EXPECT_FALSE(properties.loadPropertiesImpl(name, '='));
     EXPECT_FALSE(properties.savePropertiesImpl(name));
     EXPECT_THROW(properties.saveProperties(name), VarnException);
-    try {
-      properties.loadProperties(name, '=');
-      ADD_FAILURE() << "nothing was thrown";
-    } catch (const VarnException& failure) {
-      EXPECT_EQ(failure.getText(), prefix + "loadProperties: couldn't open file " + name);
-    }
+    EXPECT_EQ(resultOf([&] { properties.loadProperties(name, '='); }),
+              prefix + "loadProperties: couldn't open file " + name);
   }
   EXPECT_EQ(properties.getProperties(), (Expected{{"a", {"1"}}}));
 }
@@ -150,7 +126,7 @@ TEST_F(VarnPropertyFile, WideSetsReadAndWriteThroughTheGlobalLocale) {
   std::locale::global(std::locale::classic());
   again.addProperty(L"/first", std::wstring(L"1"));
   EXPECT_TRUE(again.saveProperties(path("out")));
-  EXPECT_EQ(contents(path("out")), "/first=1\n");
+  EXPECT_EQ(contentsOf(path("out")), "/first=1\n");
 }
 
 TEST_F(VarnPropertyFile, APipeIsReadAsItsLinesCome) {
@@ -172,29 +148,23 @@ TEST_F(VarnPropertyFile, APipeIsReadAsItsLinesCome) {
 // At level 5 what is done with files, at exactly 9 the properties.
 TEST_F(VarnPropertyFile, WhatIsDoneIsLogged) {
   const std::string in = file("b=22\nb=3\n");
-  {
-    Narrow properties;
-    Wide wide;
-    wide.addProperty(L"wide", std::wstring(L"text"));
-    VarnLogging log(path("log.x"), VarnLogging::kToFile, 4);
-    VarnLogging::setInstance(log);
-    properties.loadProperties(in, '=');
-    log.setLogLevel(5);
-    properties.saveProperties(path("out"));
-    properties.loadPropertiesImpl(path("none"), '=');
-    properties.savePropertiesImpl(path("none/out"));
-    log.setLogLevel(9);
-    wide.loadProperties(in, L'=');
-    VarnExpandString("-<b><", properties);
-  }
+  Narrow properties;
+  Wide wide;
+  wide.addProperty(L"wide", std::wstring(L"text"));
+  FileLog log(4);
+  properties.loadProperties(in, '=');
+  log.log().setLogLevel(5);
+  properties.saveProperties(path("out"));
+  properties.loadPropertiesImpl(path("none"), '=');
+  properties.savePropertiesImpl(path("none/out"));
+  log.log().setLogLevel(9);
+  wide.loadProperties(in, L'=');
+  VarnExpandString("-<b><", properties);
   std::string records;
-  for (const auto& entry : std::filesystem::directory_iterator(m_sFolder)) {
-    std::ifstream log(entry.path());
-    for (std::string line; entry.path().extension() == ".log" && std::getline(log, line);) {
-      records += line.substr(line.find("] ") + 2) + "\n";
-      if (const std::size_t folder = records.find(path("")); folder != std::string::npos)
-        records.erase(folder, path("").size());
-    }
+  for (const std::string& text : log.texts()) {
+    records += text + '\n';
+    if (const std::size_t folder = records.find(path("")); folder != std::string::npos)
+      records.erase(folder, path("").size());
   }
   EXPECT_EQ(records,
             "VarnProperties<StringType>::saveProperties: to file out\n"
@@ -211,4 +181,3 @@ TEST_F(VarnPropertyFile, WhatIsDoneIsLogged) {
 }
 
 }  // namespace
-}  // namespace VarnSupport

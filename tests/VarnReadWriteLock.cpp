@@ -1,12 +1,6 @@
-#include "VarnSupport/VarnReadWriteLock.h"
-
-#include <optional>
-#include <type_traits>
-
 #include "TestTools.h"
-#include "VarnSupport/VarnLockFactory.h"
 
-using namespace VarnSupport;
+using namespace TestTools;
 
 namespace {
 
@@ -15,26 +9,21 @@ bool take(VarnReadWriteLock& lock) { return lock.tryWriteLock(); }
 void giveUp(VarnCriticalSectionObject& lock) { lock.unlock(); }
 void giveUp(VarnReadWriteLock& lock) { lock.writeUnLock(); }
 
-// Whether another thread gets the lock, for writing.
 template <typename LockType>
-bool isFree(LockType& lock) {
-  bool taken = false;
-  std::thread([&] {
-    taken = take(lock);
-    if (taken)
-      giveUp(lock);
-  }).join();
+bool isTaken(LockType& lock, bool taken) {
+  if (taken)
+    giveUp(lock);
   return taken;
 }
 
+// Whether another thread gets the lock, for writing.
+template <typename LockType>
+bool isFree(LockType& lock) {
+  return elsewhere([&] { return isTaken(lock, take(lock)); });
+}
+
 bool isOpenToReaders(VarnReadWriteLock& lock) {
-  bool taken = false;
-  std::thread([&] {
-    taken = lock.tryReadLock();
-    if (taken)
-      lock.readUnLock();
-  }).join();
-  return taken;
+  return elsewhere([&] { return isTaken(lock, lock.tryReadLock()); });
 }
 
 // The state holds the platform's lock and no more.
@@ -50,7 +39,7 @@ TYPED_TEST_SUITE(VarnLockFactoryOf, LockTypes, );
 }  // namespace
 
 TEST(VarnReadWriteLock, AdmitsManyReadersOrOneWriterThroughAllCopies) {
-  const TestTools::FileLog log(1);
+  const FileLog log(1);
   std::optional<VarnReadWriteLock> original(std::in_place);
   VarnReadWriteLock copy(*original);
   original->readLock();
@@ -66,7 +55,7 @@ TEST(VarnReadWriteLock, AdmitsManyReadersOrOneWriterThroughAllCopies) {
 }
 
 TEST(VarnReadWriteLock, FailuresAreLoggedAndTheLockStaysUsable) {
-  TestTools::FileLog log(1);
+  FileLog log(1);
   VarnReadWriteLock lock;
   lock.readUnLock();
   lock.writeUnLock();
@@ -82,8 +71,7 @@ TEST(VarnReadWriteLock, FailuresAreLoggedAndTheLockStaysUsable) {
       "VarnReadWriteLock::readUnLock: Releasing readlock exited with the following error3",
       "VarnReadWriteLock::writeUnLock: Releasing Writelock exited with the following error3",
       "VarnReadWriteLock::readLock: Acquiring Readlock exited with the following error 3",
-      "VarnReadWriteLock::writeLock: Acquiring Writelock exited with the following error3",
-  };
+      "VarnReadWriteLock::writeLock: Acquiring Writelock exited with the following error3"};
   EXPECT_EQ(expected, log.texts());
 }
 
@@ -140,18 +128,13 @@ TEST(VarnLockFactory, ReportsAnUnknownName) {
   VarnMutexObject* lock = &other;
   EXPECT_FALSE(factory.exists("missing") || factory.getImpl("missing", lock));
   EXPECT_EQ(&other, lock);
-  try {
-    factory.get("missing");
-    FAIL();
-  } catch (const VarnNoSuchElementException& error) {
-    EXPECT_EQ("VarnNoSuchElementException - missing", error.getText());
-  }
+  EXPECT_EQ("VarnNoSuchElementException - missing", resultOf([&] { factory.get("missing"); }));
 }
 
 TEST(VarnLockFactory, ThreadsThatRaceForANameGetOneLock) {
   VarnLockFactory<int, VarnMutexObject> factory;
   int counter = 0;
-  const auto count = [&] {
+  onThreads(2, [&](int) {
     for (int i = 0; i < 400; ++i) {
       factory.createLock(i);
       factory.createLock(-1);
@@ -160,9 +143,6 @@ TEST(VarnLockFactory, ThreadsThatRaceForANameGetOneLock) {
       const VarnCriticalSection guard(*lock, true);
       ++counter;
     }
-  };
-  std::thread other(count);
-  count();
-  other.join();
+  });
   EXPECT_EQ(800, counter);
 }

@@ -1,15 +1,5 @@
-#include "VarnSupport/VarnService.h"
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "TestTools.h"
-#include "VarnSupport/VarnServiceControl.h"
 
-using namespace VarnSupport;
 using namespace TestTools;
 
 namespace {
@@ -30,14 +20,6 @@ class Service : public VarnService {
   void onStop() override { stopHook(); }
 };
 
-// The process that the first line of a file names; 0 while it names none.
-pid_t processIn(const std::string& file) {
-  const std::vector<std::string> lines = linesOf(file);
-  return lines.empty() ? 0 : std::stoi(lines[0]);
-}
-
-bool isGone(pid_t process) { return kill(process, 0) != 0; }
-
 void append(const std::string& file, const std::string& line) {
   std::ofstream(file, std::ios::app) << line << std::endl;
 }
@@ -53,17 +35,13 @@ TEST(VarnService, RunsItsHooksAroundTheWait) {
                 return 1;
               int stopped = 0;
               service.stopHook = [&] { ++stopped; };
-              std::thread stopper;
-              service.startHook = [&] {
-                stopper = std::thread([&] {
-                  while (service.state() != 0) {
-                  }
-                  if (!service.start("again", false))
-                    stopped = 100;
-                  service.stop();
-                });
-                return true;
-              };
+              std::jthread stopper([&] {
+                while (service.state() != 0) {
+                }
+                if (!service.start("again", false))
+                  stopped = 100;
+                service.stop();
+              });
               const bool started = service.start("arguments", false);
               stopper.join();
               std::vector<std::string> texts = log.texts();
@@ -140,14 +118,13 @@ TEST(VarnService, ADaemonReportsItsStartAndStopsOnSigterm) {
     return 0;
   });
   EXPECT_EQ(0, outcomeOf(launcher));
-  const pid_t daemon = processIn(file);
-  ASSERT_GT(daemon, 0);
+  const pid_t daemon = std::stoi(linesOf(file).at(0));
   kill(daemon, SIGTERM);
   EXPECT_TRUE(eventually([&] { return linesOf(file).size() == 6; }));
   EXPECT_EQ((std::vector<std::string>{std::to_string(daemon), "own session", "/", "no mask",
                                       "stopped", "returned"}),
             linesOf(file));
-  EXPECT_TRUE(eventually([&] { return isGone(daemon); }));
+  EXPECT_TRUE(eventually([&] { return kill(daemon, 0) != 0; }));
 }
 
 TEST(VarnService, ADaemonThatRefusesOrDiesMakesItsLauncherFail) {
@@ -172,29 +149,18 @@ TEST(VarnService, ADaemonKeepsTimersAndReaping) {
     VarnTimer timer(1000, false);
     timer.reset();
     Service service;
-    struct Ticks : VarnDependent {
-      void handleNotification(VarnCollaborator&, const VarnNotification&) override {
-        append(*file, "tick");
-        if (++count == 2)
-          service->stop();
-      }
-      int count = 0;
-      const std::string* file = nullptr;
-      Service* service = nullptr;
-    } ticks;
-    ticks.file = &file;
-    ticks.service = &service;
+    std::optional<Observer> ticks;
     service.startHook = [&] {
-      timer.addDependent(ticks);
+      ticks.emplace(timer, [&] {
+        append(file, "tick");
+        if (ticks->calls == 1)
+          service.stop();
+      });
       return true;
     };
     service.start("", true);
     timer.stopAndWait();
-    const bool reaped = eventually([] {
-      const VarnCriticalSection guard(g_exitThreadLock, true);
-      return g_vExitThreads.empty();
-    });
-    append(file, reaped ? "reaped" : "not reaped");
+    append(file, eventually(areAllReaped) ? "reaped" : "not reaped");
     return 0;
   });
   EXPECT_EQ(0, outcomeOf(launcher));
@@ -205,19 +171,19 @@ TEST(VarnService, ADaemonKeepsTimersAndReaping) {
 TEST(VarnServiceControl, RefusesEveryOperation) {
   const std::unique_ptr<VarnServiceControl> control(
       VarnServiceControl::CreateVarnServiceControl("x"));
-  const std::function<void()> operations[] = {
-      [&] { control->StartService(); },        [&] { control->StopService(); },
-      [&] { control->RestartService(); },      [&] { control->GetServiceStatus(); },
-      [&] { control->GetServiceStartType(); }, [&] { control->SetServiceStartType(1); },
-      [&] { control->IsServiceInstalled(); },
-  };
-  for (const auto& operation : operations) {
+  const auto refuses = [](const auto& operation) {
     try {
       operation();
       ADD_FAILURE();
     } catch (const VarnServiceControlException& error) {
-      EXPECT_EQ(99, error.getErrorCode());
-      EXPECT_EQ(0, error.getSecondValue());
+      EXPECT_EQ(std::pair(99, 0), std::pair(error.getErrorCode(), error.getSecondValue()));
     }
-  }
+  };
+  refuses([&] { control->StartService(); });
+  refuses([&] { control->StopService(); });
+  refuses([&] { control->RestartService(); });
+  refuses([&] { control->GetServiceStatus(); });
+  refuses([&] { control->GetServiceStartType(); });
+  refuses([&] { control->SetServiceStartType(1); });
+  refuses([&] { control->IsServiceInstalled(); });
 }

@@ -1,7 +1,4 @@
 // The example daemon, as its users run it.
-#include <gtest/gtest.h>
-#include <sys/prctl.h>
-
 #include <regex>
 
 #include "TestTools.h"
@@ -17,13 +14,10 @@ struct Outcome {
 
 // Runs hostwatch with what the shell makes of `arguments`, both outputs in one.
 Outcome hostwatch(const std::string& arguments, const std::string& environment = "") {
-  const std::string command = environment + " " VSUPT_HOSTWATCH " " + arguments + " 2>&1";
-  FILE* const pipe = popen(command.c_str(), "r");
-  std::string output;
-  for (int character = std::fgetc(pipe); character != EOF; character = std::fgetc(pipe))
-    output += static_cast<char>(character);
-  const int status = pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+  const std::string command = environment + " " VSUPT_HOSTWATCH " " + arguments;
+  const TempFolder folder;
+  const int status = std::system((command + " >" + (folder / "output") + " 2>&1").c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentsOf(folder / "output")};
 }
 
 bool contains(const std::string& text, const std::string& part) {
@@ -59,17 +53,12 @@ TEST(Hostwatch, WrongUseGivesOneLineAndExitCode2) {
       {"probe=LoadProbe", "--once -i", "option data not available for: -i"},
       {"probe=LoadProbe", "--once --interval=", "--interval needs a value"},
       {"probe=LoadProbe", "--once --interval 0", "interval=0 is not a number from 1 to 86400"},
-      {"probe=LoadProbe", "--once --log-level=x", "log.level=x is not a number from -1 to 9"},
       {"probe=LoadProbe", "--once more", "there is no use for 'more'"},
       {"probe=LoadProbe", "--daemon", "--daemon needs --log"},
       {"probe=LoadProbe", "--once --plugin=/no/such.so", "/no/such.so"},
       {"", "--once", "names no probe"},
-      {"probe=NoProbe", "--once", "there is no probe NoProbe"},
-      {"probe=LoadProbe\nlimit.load=high", "--once", "limit.load=high is not a number"},
-      {"probe=LoadProbe\na=<b>\nb=<a>", "--once", "refers to itself"},
       {"probe=LoadProbe\nrequires={0.1-0.9}", "--once", "excludes this version"},
-      {"probe=LoadProbe", "--once --config /no/such.conf", "/no/such.conf: cannot be read"},
-  };
+      {"probe=LoadProbe", "--once --config /no/such.conf", "/no/such.conf: cannot be read"}};
   for (const auto& row : rows) {
     writeFile(folder / "conf", row.configuration);
     const Outcome outcome = hostwatch("--config=" + (folder / "conf") + " " + row.arguments);

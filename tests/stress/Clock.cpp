@@ -1,23 +1,11 @@
 // Timers on a clock that is set, and in a process that is stopped for a while.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <csignal>
-#include <ctime>
-
 #include "TestTools.h"
 
-using namespace VarnSupport;
 using namespace TestTools;
 
 namespace {
 
 std::atomic<long> clockOffset{0};
-
-struct Counter : VarnDependent {
-  void handleNotification(VarnCollaborator&, const VarnNotification&) override { ++count; }
-  std::atomic<int> count{0};
-};
 
 }  // namespace
 
@@ -33,9 +21,8 @@ extern "C" std::time_t time(std::time_t* result) noexcept {
 
 TEST(ClockStress, TimersMeasureTimeAlthoughTheClockIsSet) {
   for (const long step : {3600L, -3600L}) {
-    Counter counter;
     VarnTimer timer(3000, true);
-    timer.addDependent(counter);
+    const Observer counter(timer);
     const auto start = Clock::now();
     timer.reset();
     sleepMs(300);
@@ -43,7 +30,7 @@ TEST(ClockStress, TimersMeasureTimeAlthoughTheClockIsSet) {
     // Another timer makes the manager look at the clock at once.
     VarnTimer other(60000, true);
     other.reset();
-    EXPECT_TRUE(eventually([&] { return counter.count == 1; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(eventually([&] { return counter.calls == 1; }, std::chrono::seconds(10)));
     EXPECT_GT(Clock::now() - start, std::chrono::milliseconds(1900));
     timer.stopAndWait();
   }
@@ -51,20 +38,19 @@ TEST(ClockStress, TimersMeasureTimeAlthoughTheClockIsSet) {
 
 TEST(ClockStress, APeriodicTimerOutlivesAStopOfTheProcess) {
   const int outcome = runInChild([] {
-    Counter counter;
     VarnTimer timer(1000, false);
-    timer.addDependent(counter);
+    const Observer counter(timer);
     timer.reset();
     const pid_t self = getpid();
-    const pid_t waker = fork();
-    if (waker == 0) {
-      sleepMs(3500);
-      kill(self, SIGCONT);
-      _exit(0);
-    }
+    startChild(
+        [=] {
+          sleepMs(3500);
+          return kill(self, SIGCONT);
+        },
+        _exit);
     raise(SIGSTOP);
-    const int before = counter.count;
-    const bool goesOn = eventually([&] { return counter.count >= before + 2; });
+    const int before = counter.calls;
+    const bool goesOn = eventually([&] { return counter.calls >= before + 2; });
     timer.stopAndWait();
     return goesOn ? 0 : 1;
   });

@@ -1,51 +1,27 @@
 // Processes that split, stop and exit while everything else is under way.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <csignal>
-#include <memory>
-#include <thread>
-#include <vector>
-
 #include "TestTools.h"
 
-using namespace VarnSupport;
 using namespace TestTools;
 
 namespace {
 
-// Threads that log, count, use timers and format dates until they are told to stop. None under
+// Threads that log, count, use timers and format dates until the result is destroyed. None under
 // AddressSanitizer: its heap stays locked in a child that is forked while other threads allocate.
-class Load {
- public:
-  Load() {
-    if (kAddressSanitizer)
-      return;
-    for (int i = 0; i < 3; ++i)
-      m_vThreads.emplace_back([this] {
-        VarnTimer timer(1000, false);
-        while (!m_bStop) {
-          const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
-          VarnLogRecord(5) << "busy " << std::string(100, 'x');
-          timer.reset();
-          timer.stop();
-        }
-      });
-    m_vThreads.emplace_back([this] {
-      while (!m_bStop)
-        VarnDateTime().toGMTString();
-    });
-  }
-  ~Load() {
-    m_bStop = true;
-    for (std::thread& thread : m_vThreads)
-      thread.join();
-  }
-
- private:
-  std::atomic<bool> m_bStop{false};
-  std::vector<std::thread> m_vThreads;
-};
+std::vector<std::jthread> load() {
+  std::vector<std::jthread> threads;
+  if (kAddressSanitizer)
+    return threads;
+  for (int i = 0; i < 3; ++i)
+    threads.push_back(repeating([] {
+      thread_local VarnTimer timer(1000, false);
+      const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
+      VarnLogRecord(5) << "busy " << std::string(100, 'x');
+      timer.reset();
+      timer.stop();
+    }));
+  threads.push_back(repeating([] { VarnDateTime().toGMTString(); }));
+  return threads;
+}
 
 class Service : public VarnService {
  public:
@@ -65,25 +41,13 @@ int useEverything() {
   const VarnCriticalSection guard(lock, true);
   const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
   VarnDateTime().toGMTString();
-  struct Flag : VarnDependent {
-    void handleNotification(VarnCollaborator&, const VarnNotification&) override { up = true; }
-    std::atomic<bool> up{false};
-  } flag;
   VarnTimer timer(1, true);
-  timer.addDependent(flag);
+  const Observer flag(timer);
   timer.reset();
-  const bool fired = eventually([&] { return flag.up.load(); });
+  const bool fired = eventually([&] { return flag.calls > 0; });
   timer.stopAndWait();
   return fired ? 0 : 1;
 }
-
-struct Callback : VarnDependent {
-  explicit Callback(std::function<void()> action) : m_oAction(std::move(action)) {}
-  void handleNotification(VarnCollaborator&, const VarnNotification&) override { m_oAction(); }
-
- private:
-  std::function<void()> m_oAction;
-};
 
 }  // namespace
 
@@ -94,41 +58,36 @@ TEST(ProcessStress, AChildOfABusyProcessFindsEverythingUsable) {
   FileLog log(5);
   VarnTimer running(1000, false);
   running.reset();
-  const Load load;
-  for (int i = 0; i < 100; ++i) {
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0)
-      _exit(useEverything());
-    ASSERT_EQ(0, outcomeOf(child)) << "child " << i;
-  }
+  const auto threads = load();
+  for (int i = 0; i < 100; ++i)
+    ASSERT_EQ(0, runInChild(useEverything, _exit)) << "child " << i;
 }
 
 TEST(ProcessStress, ADaemonOfABusyProcessTimesLogsAndStops) {
   if (kThreadSanitizer)
     return;
-  TempFolder folder;
-  const std::string file = folder / "reports";
   for (int i = 0; i < 10; ++i) {
-    const pid_t launcher = startChild([&]() -> int {
-      FileLog log(5);
-      auto load = std::make_unique<Load>();
-      VarnTimer timer(1000, false);
-      timer.reset();
-      Service service;
-      Callback stop([&] { service.stop(); });
-      timer.addDependent(stop);
-      service.start("", true);
-      timer.stopAndWait();
-      VarnLogRecord(5) << "the daemon ends";
-      const bool logged = log.texts().back() == "the daemon ends";
-      std::ofstream(file, std::ios::app) << (logged && service.stops == 1 ? "good\n" : "bad\n");
-      _exit(0);  // the threads of the load are not here
-    });
+    TempFolder folder;
+    const std::string file = folder / "report";
+    const pid_t launcher = startChild(
+        [&]() -> int {
+          FileLog log(5);
+          auto& threads = *new auto(load());  // not here in the daemon
+          VarnTimer timer(1000, false);
+          timer.reset();
+          Service service;
+          const Observer stop(timer, [&] { service.stop(); });
+          service.start("", true);
+          timer.stopAndWait();
+          VarnLogRecord(5) << "the daemon ends";
+          const bool logged = log.texts().back() == "the daemon ends";
+          writeFile(file, logged && service.stops == 1 ? "good\n" : "bad\n");
+          return threads.empty() ? 1 : 0;
+        },
+        _exit);
     EXPECT_EQ(0, outcomeOf(launcher));
-    ASSERT_TRUE(
-        eventually([&] { return linesOf(file).size() == static_cast<std::size_t>(i) + 1; }));
-    EXPECT_EQ("good", linesOf(file).back());
+    ASSERT_TRUE(eventually([&] { return !contentsOf(file).empty(); }));
+    EXPECT_EQ("good\n", contentsOf(file));
   }
 }
 
@@ -157,20 +116,19 @@ TEST(ProcessStress, AServiceThatIsStoppingGoesInAChild) {
               auto service = std::make_unique<Service>();
               std::atomic<bool> stopping{false};
               std::atomic<bool> mayStop{false};
-              Callback slow([&] {
+              Observer slow(service->getEventObject(), [&] {
                 stopping = true;
                 eventually([&] { return mayStop.load(); });
               });
-              service->getEventObject().addDependent(slow);
               std::thread stopper([] { ControlHandler(SIGTERM); });
               eventually([&] { return stopping.load(); });
-              const pid_t child = fork();
-              if (child == 0) {
-                service->getEventObject().removeDependent(slow);
-                service.reset();
-                _exit(0);
-              }
-              const int outcome = outcomeOf(child);
+              const int outcome = runInChild(
+                  [&] {
+                    service->getEventObject().removeDependent(slow);
+                    service.reset();
+                    return 0;
+                  },
+                  _exit);
               mayStop = true;
               stopper.join();
               return outcome;
@@ -183,29 +141,26 @@ TEST(ProcessStress, ATimerManagerMadeDuringAForkDoesNotLockUpTheChild) {
   if (kThreadSanitizer)
     return;
   for (int i = 0; i < 10; ++i) {
-    ASSERT_EQ(0, runInChild([] {
-                std::atomic<bool> holding{false};
-                std::thread([&] {
-                  {
-                    const VarnCriticalSection guard(*g_pCriticalSection, true);
-                    holding = true;
-                    sleepMs(10);
-                    VarnTimerManager::getInstance();
-                  }
-                  VarnTimer timer(1000, false);
-                  while (true) {
-                    timer.reset();
-                    timer.stop();
-                  }
-                }).detach();
-                eventually([&] { return holding.load(); });
-                const pid_t child = fork();
-                if (child == 0)
-                  _exit(useEverything());
-                const int outcome = outcomeOf(child);
-                _exit(outcome);
-                return 0;
-              }));
+    ASSERT_EQ(0, runInChild(
+                     [] {
+                       static std::atomic<bool> holding{false};
+                       std::thread([&] {
+                         {
+                           const VarnCriticalSection guard(*g_pCriticalSection, true);
+                           holding = true;
+                           sleepMs(10);
+                           VarnTimerManager::getInstance();
+                         }
+                         VarnTimer timer(1000, false);
+                         while (true) {
+                           timer.reset();
+                           timer.stop();
+                         }
+                       }).detach();
+                       eventually([&] { return holding.load(); });
+                       return runInChild(useEverything, _exit);
+                     },
+                     _exit));
   }
 }
 
@@ -244,9 +199,8 @@ TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
       [] { std::exit(7); },
       [] { std::thread([] { std::exit(7); }).detach(); },
       [] {
-        static Callback callback([] { std::exit(7); });
         static VarnTimer last(1, true);
-        last.addDependent(callback);
+        static const Observer callback(last, [] { std::exit(7); });
         last.reset();
       },
       [] {

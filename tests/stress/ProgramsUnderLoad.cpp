@@ -1,35 +1,12 @@
 // Programs that start while everything else is under way.
-#include <gtest/gtest.h>
-
-#include <atomic>
-
 #include "TestTools.h"
-#include "VarnSupport/VarnProcess.h"
 
-using namespace VarnSupport;
+using namespace TestTools;
 
 namespace {
 
 constexpr int kStarters = 4;
 constexpr int kProgramsEach = 50;
-
-// Runs `turn` over and over on a thread of its own.
-class Load {
- public:
-  explicit Load(void (*turn)())
-      : m_oThread([this, turn] {
-          while (!m_bDone)
-            turn();
-        }) {}
-  ~Load() {
-    m_bDone = true;
-    m_oThread.join();
-  }
-
- private:
-  std::atomic<bool> m_bDone{false};
-  std::thread m_oThread;
-};
 
 void logALittle() {
   for (int i = 0; i < 20; ++i)
@@ -45,45 +22,39 @@ void allocateALittle() {
 // A child that goes on with the library for a while, and keeps what it has inherited. The heap of
 // AddressSanitizer stays locked in it, and ThreadSanitizer wants no threads there.
 void forkALittle() {
-  if (TestTools::kAddressSanitizer)
+  if (kAddressSanitizer)
     return;
-  const pid_t child = fork();
-  if (child == 0) {
-    if (!TestTools::kInstrumented)
-      logALittle();
-    TestTools::sleepMs(30);
-    _exit(0);
-  }
-  EXPECT_EQ(0, TestTools::outcomeOf(child));
+  EXPECT_EQ(0, runInChild(
+                   [] {
+                     if (!kInstrumented)
+                       logALittle();
+                     sleepMs(30);
+                     return 0;
+                   },
+                   _exit));
 }
 
 }  // namespace
 
 TEST(VarnProcessStress, EveryProgramComesBackWhileOthersLogAllocateAndFork) {
-  const TestTools::FileLog log(9);
+  const FileLog log(9);
   std::atomic<int> right{0};
   {
-    const Load logging(logALittle);
-    const Load allocating(allocateALittle);
-    const Load forking(forkALittle);
-    std::vector<std::thread> starters;
-    for (int starter = 0; starter < kStarters; ++starter) {
-      starters.emplace_back([&, starter] {
-        for (int i = 0; i < kProgramsEach; ++i) {
-          const int code = 1 + starter * kProgramsEach + i;
-          const std::string command = "/bin/sh -c \"exit " + std::to_string(code) + '"';
-          int status = -1;
-          int child = -1;
-          if (i % 5 != 0)
-            VarnExecuteProgram(command, true, nullptr, &status);
-          else if (VarnExecuteProgram(command, false, &child, nullptr))
-            status = TestTools::outcomeOf(child);
-          right += status == code ? 1 : 0;
-        }
-      });
-    }
-    for (std::thread& starter : starters)
-      starter.join();
+    const std::jthread load[] = {repeating(logALittle), repeating(allocateALittle),
+                                 repeating(forkALittle)};
+    onThreads(kStarters, [&](int starter) {
+      for (int i = 0; i < kProgramsEach; ++i) {
+        const int code = 1 + starter * kProgramsEach + i;
+        const std::string command = "/bin/sh -c \"exit " + std::to_string(code) + '"';
+        int status = -1;
+        int child = -1;
+        if (i % 5 != 0)
+          VarnExecuteProgram(command, true, nullptr, &status);
+        else if (VarnExecuteProgram(command, false, &child, nullptr))
+          status = outcomeOf(child);
+        right += status == code ? 1 : 0;
+      }
+    });
   }
   EXPECT_EQ(kStarters * kProgramsEach, right);
 }

@@ -1,16 +1,6 @@
 // Waits racing thread ends, self-deletion by the thousand, cancellation, observers.
-#include <gtest/gtest.h>
-
-#include <array>
-#include <atomic>
-#include <memory>
-#include <random>
-#include <thread>
-#include <vector>
-
 #include "TestTools.h"
 
-using namespace VarnSupport;
 using namespace TestTools;
 
 namespace {
@@ -30,10 +20,7 @@ struct Mortal : VarnThread {
   ~Mortal() override { --mortalsAlive; }
 };
 
-bool areAllReaped() {
-  const VarnCriticalSection guard(g_exitThreadLock, true);
-  return mortalsAlive == 0 && g_vExitThreads.empty();
-}
+bool areAllGone() { return mortalsAlive == 0 && areAllReaped(); }
 
 void runMortals(int count) {
   for (int i = 0; i < count; ++i) {
@@ -41,10 +28,10 @@ void runMortals(int count) {
     thread->setMarkForDeath();
     thread->start();
     if (i % 200 == 199) {
-      ASSERT_TRUE(eventually(areAllReaped));
+      ASSERT_TRUE(eventually(areAllGone));
     }
   }
-  ASSERT_TRUE(eventually(areAllReaped));
+  ASSERT_TRUE(eventually(areAllGone));
 }
 
 // Ends after a moment that differs from thread to thread.
@@ -112,32 +99,27 @@ TEST(ThreadStress, WaitsOverEventsThatAreSetMeanwhile) {
     std::vector<VarnEvent*> pointers;
     for (VarnEvent& event : events)
       pointers.push_back(&event);
-    std::atomic<bool> stop{false};
-    std::thread setter([&] {
-      while (!stop) {
-        for (VarnEvent& event : events)
-          event.set();
-        std::this_thread::yield();
-      }
+    const auto setter = repeating([&] {
+      for (VarnEvent& event : events)
+        event.set();
+      std::this_thread::yield();
     });
     EXPECT_EQ(0, VarnEvent::wait(pointers, true, -1));
     const int first = VarnEvent::wait(pointers, false, -1);
     EXPECT_TRUE(first >= 0 && first < 4) << first;
-    stop = true;
-    setter.join();
   }
 }
 
 TEST(ThreadStress, TenThousandSelfDeletingThreadsLeaveNothing) {
   const int threads = entriesIn("/proc/self/task") + 1;  // the one that joins the others
   // The last ones may still be on their way to the list, or be listed though they are joined.
-  const auto areAllGone = [&] { return entriesIn("/proc/self/task") <= threads; };
+  const auto haveLeft = [&] { return entriesIn("/proc/self/task") <= threads; };
   runMortals(500);
-  ASSERT_TRUE(eventually(areAllGone));
+  ASSERT_TRUE(eventually(haveLeft));
   const int descriptors = entriesIn("/proc/self/fd");
   const long memory = residentKilobytes();
   runMortals(10000);
-  EXPECT_TRUE(eventually(areAllGone));
+  EXPECT_TRUE(eventually(haveLeft));
   EXPECT_EQ(descriptors, entriesIn("/proc/self/fd"));
   // Each thread that was not joined would keep a page of its stack at least.
   EXPECT_TRUE(kInstrumented || residentKilobytes() < memory + 10000);
@@ -158,11 +140,8 @@ TEST(ThreadStress, ThreadsKilledWhileTheyLockLeaveEveryLockFree) {
     while (!started) {
     }
     spin(static_cast<unsigned>(round * 37 % 1000));
-    const pthread_t identifier = *static_cast<pthread_t*>(locker.getHandle());
-    locker.kill();
-    void* result = nullptr;
-    ASSERT_EQ(0, pthread_join(identifier, &result));
-    ASSERT_EQ(PTHREAD_CANCELED, result);
+    killAndJoin(locker);
+    ASSERT_FALSE(testing::Test::HasFailure());
     for (VarnCriticalSectionObject& lock : locks) {
       ASSERT_TRUE(lock.testAndSet());
       lock.unlock();
@@ -171,36 +150,22 @@ TEST(ThreadStress, ThreadsKilledWhileTheyLockLeaveEveryLockFree) {
 }
 
 TEST(ThreadStress, ObserversComeAndGoDuringNotifications) {
-  struct Observer : VarnDependent {
-    void handleNotification(VarnCollaborator&, const VarnNotification&) override { ++calls; }
-    std::atomic<int> calls{0};
-  };
   VarnCollaborator source;
   std::array<Observer, 8> observers;
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> threads;
-  for (unsigned t = 0; t < 2; ++t) {
-    threads.emplace_back([&] {
-      while (!stop)
-        source.notify(VarnNotification());
-    });
-    threads.emplace_back([&, t] {
-      std::mt19937 random(t);
-      while (!stop) {
-        Observer& observer = observers[random() % observers.size()];
-        if (random() % 2 == 0)
-          source.addDependent(observer);
-        else
-          source.removeDependent(observer);
-      }
-    });
+  {
+    const auto notify = [&] { source.notify(VarnNotification()); };
+    const auto change = [&] {
+      thread_local std::mt19937 random(std::random_device{}());
+      Observer& observer = observers[random() % observers.size()];
+      if (random() % 2 == 0)
+        source.addDependent(observer);
+      else
+        source.removeDependent(observer);
+    };
+    const std::jthread threads[] = {repeating(notify), repeating(change), repeating(notify),
+                                    repeating(change)};
+    std::this_thread::sleep_for(stressTime());
   }
-  sleepMs(static_cast<int>(stressTime().count()) * 1000);
-  stop = true;
-  for (std::thread& thread : threads)
-    thread.join();
-  int calls = 0;
-  for (Observer& observer : observers)
-    calls += observer.calls;
-  EXPECT_GT(calls, 0);
+  EXPECT_TRUE(std::any_of(observers.begin(), observers.end(),
+                          [](const Observer& observer) { return observer.calls > 0; }));
 }

@@ -227,17 +227,24 @@ inline int outcomeOf(pid_t child) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// Runs `body` in a child process, which ends with `end(result)`.
-inline pid_t startChild(const std::function<int()>& body, void (*end)(int) = std::exit) {
+// Runs `body` in a child process, which ends with exit(result).
+inline pid_t startChild(const std::function<int()>& body) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0)
-    end(body());
+    std::exit(body());
   return child;
 }
 
-inline int runInChild(const std::function<int()>& body, void (*end)(int) = std::exit) {
-  return outcomeOf(startChild(body, end));
+inline int runInChild(const std::function<int()>& body) { return outcomeOf(startChild(body)); }
+
+// The same, but it ends with _exit(result): nothing of the parent is destroyed there.
+inline pid_t startBareChild(const std::function<int()>& body) {
+  return startChild([&]() -> int { _exit(body()); });
+}
+
+inline int runInBareChild(const std::function<int()>& body) {
+  return outcomeOf(startBareChild(body));
 }
 
 // A registered log that writes to a file of its own.

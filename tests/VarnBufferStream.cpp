@@ -133,30 +133,26 @@ TEST(VarnBufferStream, AShortReadLeavesTheRestOfTheTarget) {
 }
 
 TEST(VarnBufferStream, StringsAreReadWithA16BitLength) {
-  const struct {
-    const char* bytes;
-    std::string expected;
-    unsigned left;
-  } rows[] = {{"03000000616263", std::string("\0\0a", 3), 2},  // "abc", as it was written
-              {"020061626364", "ab", 2},
-              {"0000", "", 0},
-              {"", "", 0},
-              {"FFFF6162", "", 2},  // -1
-              {"04006162", std::string("ab\0\0", 4), 0},
-              {"02", std::string(2, '\0'), 0}};
-  for (const auto& row : rows) {
-    VarnBufferStream stream = streamOf(row.bytes);
+  const std::tuple<const char*, std::string, unsigned> rows[] = {
+      {"03000000616263", std::string("\0\0a", 3), 2},  // "abc", as it was written
+      {"020061626364", "ab", 2},
+      {"0000", "", 0},
+      {"", "", 0},
+      {"FFFF6162", "", 2},  // -1
+      {"04006162", std::string("ab\0\0", 4), 0},
+      {"02", std::string(2, '\0'), 0}};
+  for (const auto& [bytes, expected, left] : rows) {
+    VarnBufferStream stream = streamOf(bytes);
     VarnBufferStream again(stream);
     std::string text = "before";
     stream >> text;
-    EXPECT_EQ(row.expected, text) << row.bytes;
-    EXPECT_EQ(row.left, stream.size()) << row.bytes;
+    EXPECT_EQ(expected, text) << bytes;
+    EXPECT_EQ(left, stream.size()) << bytes;
     char* array = nullptr;
     again >> array;
-    ASSERT_EQ(row.expected.empty(), array == nullptr) << row.bytes;
+    ASSERT_EQ(expected.empty(), array == nullptr) << bytes;
     const std::unique_ptr<char[]> owned(array);
-    EXPECT_EQ(0, std::memcmp(row.expected.c_str(), array != nullptr ? array : "",
-                             row.expected.size() + 1));
+    EXPECT_EQ(0, std::memcmp(expected.c_str(), array != nullptr ? array : "", expected.size() + 1));
   }
   std::wstring wide = L"before";
   VarnBufferStream stream = streamOf("0300AC20000041000000");

@@ -17,13 +17,11 @@ std::jthread setting(std::vector<VarnEvent*> events) {
 
 TEST(VarnEvent, FiniteWaitsEndAtOnceByTheirWrappedNanoseconds) {
   VarnEvent event;
-  const struct {
-    int timeoutMs;
-    int result;
-  } cases[] = {{0, -2},    {1, -2},    {500, -2}, {999, -2},       {1000, -3},
-               {1500, -3}, {5000, -2}, {-2, -3},  {2147483647, -3}};
-  for (const auto& c : cases)
-    EXPECT_EQ(c.result, event.wait(c.timeoutMs)) << c.timeoutMs;
+  const std::pair<int, int> cases[] = {{0, -2},    {1, -2},    {500, -2},
+                                       {999, -2},  {1000, -3}, {1500, -3},
+                                       {5000, -2}, {-2, -3},   {2147483647, -3}};
+  for (const auto& [timeoutMs, result] : cases)
+    EXPECT_EQ(result, event.wait(timeoutMs)) << timeoutMs;
 }
 
 TEST(VarnEvent, WaitsForTheNextSetAndForgetsEarlierOnes) {

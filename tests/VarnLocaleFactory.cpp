@@ -13,13 +13,11 @@ void withLocales(const std::vector<std::string>& names, Body body) {
   const TempFolder folder;
   for (const std::string& name : names)
     std::filesystem::create_directory_symlink(platformLocale, folder / name);
-  EXPECT_EQ(0, runInChild(
-                   [&] {
-                     setenv("LOCPATH", folder.path().c_str(), 1);
-                     body();
-                     return testing::Test::HasFailure() ? 1 : 0;
-                   },
-                   _exit));
+  EXPECT_EQ(0, runInBareChild([&] {
+              setenv("LOCPATH", folder.path().c_str(), 1);
+              body();
+              return testing::Test::HasFailure() ? 1 : 0;
+            }));
 }
 
 // The four maps as they are before anything fills them.

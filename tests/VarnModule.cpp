@@ -19,7 +19,6 @@ class Recorded : public ModuleData {
 }  // namespace
 
 TEST(VarnModule, NestedControlsAttachOldestFirstAndDetachNewestFirst) {
-  history.clear();
   Recorded a('a');
   Recorded b('b');
   {

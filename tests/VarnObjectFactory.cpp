@@ -71,7 +71,6 @@ TEST(VarnObjectFactory, RegistrationsWinOverFunctionsAndGoFirst) {
   EXPECT_EQ(1, made->refCount());
   factory.remove("a");
   factory.remove("a");
-  EXPECT_TRUE(factory.construct("a") == nullptr);
   EXPECT_EQ((Names{"b", "null"}), factory.getRegisteredClasses());
 }
 
@@ -130,15 +129,12 @@ TEST(VarnObjectFactory, TheGlobalInstanceIsDeletedOnceAndByTheDetachingLibrary) 
     ~Counting() override { ++deletions; }
   };
   for (const bool detaches : {false, true}) {
-    EXPECT_EQ(1, runInChild(
-                     [=] {
-                       VarnObjectFactory::m_pGlobalInstance = new Counting;
-                       for (int i = 0; i < 2; ++i)
-                         detaches ? g_ModuleData.detach()
-                                  : VarnObjectFactory::deleteGlobalInstance();
-                       return deletions;
-                     },
-                     _exit));
+    EXPECT_EQ(1, runInBareChild([=] {
+                VarnObjectFactory::m_pGlobalInstance = new Counting;
+                for (int i = 0; i < 2; ++i)
+                  detaches ? g_ModuleData.detach() : VarnObjectFactory::deleteGlobalInstance();
+                return deletions;
+              }));
   }
 }
 

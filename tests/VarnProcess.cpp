@@ -47,20 +47,16 @@ extern "C" char* strerror(int number) noexcept {
 TEST(VarnProcess, CreatesFoldersWithAllTheirParents) {
   const TempFolder top;
   writeFile(top / "file", "");
-  const struct {
-    const char* path;
-    bool made;
-    const char* folder;  // what then is there
-  } cases[] = {{"a", true, "a"},
-               {"b/c/d/", true, "b/c/d"},
-               {"one\\name", true, "one\\name"},
-               {"gone/p\\q", true, "gone/p/q"},
-               {"file", true, "a"},
-               {"file/x", false, "a"},
-               {"new/p/../q", true, "new/q"}};
-  for (const auto& row : cases) {
-    EXPECT_EQ(row.made, VarnCreateDirectory(top / row.path)) << row.path;
-    EXPECT_TRUE(std::filesystem::is_directory(top / row.folder)) << row.folder;
+  const std::tuple<const char*, bool, const char*> cases[] = {{"a", true, "a"},
+                                                              {"b/c/d/", true, "b/c/d"},
+                                                              {"one\\name", true, "one\\name"},
+                                                              {"gone/p\\q", true, "gone/p/q"},
+                                                              {"file", true, "a"},
+                                                              {"file/x", false, "a"},
+                                                              {"new/p/../q", true, "new/q"}};
+  for (const auto& [path, made, folder] : cases) {
+    EXPECT_EQ(made, VarnCreateDirectory(top / path)) << path;
+    EXPECT_TRUE(std::filesystem::is_directory(top / folder)) << folder;
   }
   const FileLog log(9);
   EXPECT_FALSE(VarnCreateDirectory(top / "none/../file/x/y"));

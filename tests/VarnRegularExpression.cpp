@@ -97,45 +97,41 @@ void compare(const S& patternAlphabet, const S& textAlphabet) {
 }  // namespace
 
 TEST(VarnRegularExpression, FindsWhatTheStackWalkFinds) {
-  const struct {
-    std::string pattern;
-    std::string text;
-    unsigned int start;
-    Found found;
-  } rows[] = {{"abc", "xxabcx", 0, {2, 3}},
-              {"abc", "xxabcx", 3, kNothing},
-              {"", "abc", 0, kNothing},
-              {"^$", "", 0, kNothing},
-              // Leading sets and '.' are tried at the start only, unless they may be absent.
-              {"[a-c]", "xb", 0, kNothing},
-              {"[a-c]*", "xxab", 0, {2, 2}},
-              // What is given back goes to the token that failed.
-              {"a*ab", "aaab", 0, {0, 4}},
-              {".*a", "ab", 0, kNothing},
-              {"xa.b+b", "xazb", 0, {0, 4}},
-              // Equality of repetitions is that of the gathered text.
-              {"[ab]+[ba]+", "a", 0, kNothing},
-              {"[a-c]+[abc]+", "a", 0, {0, 1}},
-              // What earlier walks taught does not hide what later ones meet.
-              {"^ab*aa+aa[ba]*ac?b+.", std::string(85, 'a') + "bbbbbbbbb", 0, kNothing},
-              // Anchors.
-              {"^ab", "xxab", 2, {2, 2}},
-              {"^ab", "xab", 0, {kNone, 2}},
-              {"ab$", "abab", 0, {kNone, 2}},
-              {"x^", "x^", 0, {0, 2}},
-              // Signs where a token should begin, and after '^'.
-              {"*", "abc", 1, {1, 0}},
-              {"\\e*", "abc", 0, {0, 0}},
-              // What ends a set, and what is a member.
-              {"[ab*]", "abbb]", 0, {0, 5}},
-              {"[a.c]", "axc]", 0, {0, 4}},
-              {"[!-\\n]x", "/x", 0, {0, 2}},
-              {"[\xF0-\x05]+", "\xF0\xFF\x01", 0, {0, 2}},
-              {"a\0b"s, "xa", 0, {1, 1}},
-              {"\\.\\\\\\t", ".\\\t", 0, {0, 3}}};
-  for (const auto& row : rows)
-    EXPECT_EQ(row.found, find(compiled(row.pattern), row.text, row.start))
-        << testing::PrintToString(row.pattern) << " in " << testing::PrintToString(row.text);
+  const std::tuple<std::string, std::string, unsigned int, Found> rows[] = {
+      {"abc", "xxabcx", 0, {2, 3}},
+      {"abc", "xxabcx", 3, kNothing},
+      {"", "abc", 0, kNothing},
+      {"^$", "", 0, kNothing},
+      // Leading sets and '.' are tried at the start only, unless they may be absent.
+      {"[a-c]", "xb", 0, kNothing},
+      {"[a-c]*", "xxab", 0, {2, 2}},
+      // What is given back goes to the token that failed.
+      {"a*ab", "aaab", 0, {0, 4}},
+      {".*a", "ab", 0, kNothing},
+      {"xa.b+b", "xazb", 0, {0, 4}},
+      // Equality of repetitions is that of the gathered text.
+      {"[ab]+[ba]+", "a", 0, kNothing},
+      {"[a-c]+[abc]+", "a", 0, {0, 1}},
+      // What earlier walks taught does not hide what later ones meet.
+      {"^ab*aa+aa[ba]*ac?b+.", std::string(85, 'a') + "bbbbbbbbb", 0, kNothing},
+      // Anchors.
+      {"^ab", "xxab", 2, {2, 2}},
+      {"^ab", "xab", 0, {kNone, 2}},
+      {"ab$", "abab", 0, {kNone, 2}},
+      {"x^", "x^", 0, {0, 2}},
+      // Signs where a token should begin, and after '^'.
+      {"*", "abc", 1, {1, 0}},
+      {"\\e*", "abc", 0, {0, 0}},
+      // What ends a set, and what is a member.
+      {"[ab*]", "abbb]", 0, {0, 5}},
+      {"[a.c]", "axc]", 0, {0, 4}},
+      {"[!-\\n]x", "/x", 0, {0, 2}},
+      {"[\xF0-\x05]+", "\xF0\xFF\x01", 0, {0, 2}},
+      {"a\0b"s, "xa", 0, {1, 1}},
+      {"\\.\\\\\\t", ".\\\t", 0, {0, 3}}};
+  for (const auto& [pattern, text, start, found] : rows)
+    EXPECT_EQ(found, find(compiled(pattern), text, start))
+        << testing::PrintToString(pattern) << " in " << testing::PrintToString(text);
 }
 
 TEST(VarnRegularExpression, RefusesBadPatternsAndKeepsTheTokensBeforeTheFault) {
@@ -208,25 +204,20 @@ TEST(VarnRegularExpression, TakesTimeInProportionToTheText) {
 }
 
 TEST(VarnRegularExpression, ReplacesWithoutScanningReplacementsAgain) {
-  const struct {
-    std::string pattern;
-    std::string text;
-    std::string replacement;
-    Pattern::Occurrence occurrence;
-    unsigned int start;
-    std::string result;
-  } rows[] = {{"a", "aXa", "aa", Pattern::ALL_OCCURRENCES, 0, "aaXaa"},
-              {"a", "aXa", "bb", Pattern::FIRST_OCCURRENCE, 0, "bbXa"},
-              {"a", "aXa", "bb", static_cast<Pattern::Occurrence>(2), 1, "aXbb"},
-              {"a", "aXa", "", Pattern::ALL_OCCURRENCES, 9, "aXa"},
-              {"^a", "aaba", "c", Pattern::ALL_OCCURRENCES, 0, "ccba"},
-              {"a$", "aba", "c", Pattern::ALL_OCCURRENCES, 1, "abc"},
-              {"\\e", "ab", "-", Pattern::ALL_OCCURRENCES, 0, "-a-b-"},
-              {"\\e", "", "-", Pattern::ALL_OCCURRENCES, 0, "-"}};
-  for (const auto& row : rows)
-    EXPECT_EQ(row.result,
-              compiled(row.pattern).replace(row.text, row.replacement, row.occurrence, row.start))
-        << row.pattern << " in " << row.text;
+  constexpr auto all = Pattern::ALL_OCCURRENCES;
+  const std::tuple<std::string, const char*, const char*, Pattern::Occurrence, unsigned,
+                   const char*>
+      rows[] = {{"a", "aXa", "aa", all, 0, "aaXaa"},
+                {"a", "aXa", "bb", Pattern::FIRST_OCCURRENCE, 0, "bbXa"},
+                {"a", "aXa", "bb", static_cast<Pattern::Occurrence>(2), 1, "aXbb"},
+                {"a", "aXa", "", all, 9, "aXa"},
+                {"^a", "aaba", "c", all, 0, "ccba"},
+                {"a$", "aba", "c", all, 1, "abc"},
+                {"\\e", "ab", "-", all, 0, "-a-b-"},
+                {"\\e", "", "-", all, 0, "-"}};
+  for (const auto& [pattern, text, replacement, occurrence, start, result] : rows)
+    EXPECT_EQ(result, compiled(pattern).replace(text, replacement, occurrence, start))
+        << pattern << " in " << text;
   EXPECT_EQ("id=48", compiled("id=[0-9]+"s).match("my id=47 and id=48", 4));
   EXPECT_EQ("", compiled("id=[0-9]+"s).match("none"));
 }

@@ -76,14 +76,6 @@ TEST(VarnTimer, TimersOfOneSecondFireInOnePassTheLaterOneFirst) {
   EXPECT_EQ("21", order);
 }
 
-TEST(VarnTimer, MayBeDestroyedByItsOwnCallback) {
-  auto timer = std::make_unique<VarnTimer>(1000, false);
-  Observer onTimer(*timer, [&] { timer.reset(); });
-  timer->reset();
-  EXPECT_TRUE(eventually([&] { return onTimer.calls == 1; }));
-  EXPECT_EQ(nullptr, timer);
-}
-
 TEST(VarnTimer, DestructionWaitsForACallbackUnderWay) {
   std::atomic<bool> entered{false};
   auto timer = std::make_unique<VarnTimer>(500, true);

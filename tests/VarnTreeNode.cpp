@@ -111,23 +111,19 @@ TEST(VarnTreeNode, APathMakesWhatIsMissingAndReplacesPlainNodes) {
 TEST(VarnTreeNode, PathsAreFoundKeyByKey) {
   VarnTreeNode root("root");
   root.add(make("a/b\t/c"), "/");
-  const struct {
-    Path path;
-    const char* found;
-    Path left;
-  } rows[] = {{{"a"}, "a", {}},
-              {{"  a ", " b\t", "c "}, "c", {}},
-              {{"a", "b", "c"}, nullptr, {"c"}},
-              {{"A", "b\t"}, nullptr, {"b\t"}},
-              {{"a", "b\t", "c", "d"}, nullptr, {}},
-              {{" "}, nullptr, {}}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(testing::PrintToString(row.path));
-    Path path = row.path;
+  const std::tuple<Path, const char*, Path> rows[] = {{{"a"}, "a", {}},
+                                                      {{"  a ", " b\t", "c "}, "c", {}},
+                                                      {{"a", "b", "c"}, nullptr, {"c"}},
+                                                      {{"A", "b\t"}, nullptr, {"b\t"}},
+                                                      {{"a", "b\t", "c", "d"}, nullptr, {}},
+                                                      {{" "}, nullptr, {}}};
+  for (const auto& [keys, key, left] : rows) {
+    SCOPED_TRACE(testing::PrintToString(keys));
+    Path path = keys;
     const Node found = root.getNode(path);
-    EXPECT_EQ(row.found == nullptr, found == nullptr);
-    EXPECT_TRUE(found == nullptr || found->getKey() == row.found);
-    EXPECT_EQ(row.left, path);
+    EXPECT_EQ(key == nullptr, found == nullptr);
+    EXPECT_TRUE(found == nullptr || found->getKey() == key);
+    EXPECT_EQ(left, path);
   }
   EXPECT_EQ("c", root.getNode("/a//b\t/c/", "/")->getKey());
   EXPECT_EQ("c", root.getNode("a, b\t/c", "/,")->getKey());
@@ -141,11 +137,10 @@ TEST(VarnTreeNode, NothingIsAddedForNullAnEmptyPathOrAWrongIndex) {
   EXPECT_EQ(node, root.add(node, path));
   EXPECT_EQ(node, root.add(node, "/"));
   path = {"x", "y"};
-  EXPECT_TRUE(root.add(Node(), path) == nullptr);
-  EXPECT_TRUE(root.add(Node()) == nullptr);
-  EXPECT_TRUE(root.insert(0, Node()) == nullptr);
-  EXPECT_THROW(root.insert(1, node), VarnException);
-  EXPECT_THROW(root.insert(-1, node), VarnException);
+  EXPECT_TRUE(root.add(Node(), path) == nullptr && root.add(Node()) == nullptr &&
+              root.insert(0, Node()) == nullptr);
+  for (const int index : {1, -1})
+    EXPECT_THROW(root.insert(index, node), VarnException);
   EXPECT_THROW(root.erase(-1), VarnException);
   EXPECT_EQ("root ", print(root));
 }

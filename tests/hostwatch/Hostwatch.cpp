@@ -24,13 +24,12 @@ bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-// The only log file below `base`, once it holds `text`.
-std::string logWith(const std::string& base, const std::string& text) {
+// The only log file of `folder` whose name begins with "log", once it holds `text`.
+std::string logWith(const TempFolder& folder, const std::string& text) {
   std::string log;
   eventually([&] {
-    for (const auto& entry :
-         std::filesystem::directory_iterator(std::filesystem::path(base).parent_path())) {
-      if (entry.path().string().rfind(base, 0) == 0)
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+      if (entry.path().filename().string().starts_with("log"))
         log = contentsOf(entry.path());
     }
     return contains(log, text);
@@ -42,11 +41,7 @@ std::string logWith(const std::string& base, const std::string& text) {
 
 TEST(Hostwatch, WrongUseGivesOneLineAndExitCode2) {
   const TempFolder folder;
-  const struct {
-    std::string configuration;
-    std::string arguments;
-    std::string said;
-  } rows[] = {
+  const std::array<std::string, 3> rows[] = {
       {"probe=LoadProbe", "--bogus", "Unrecognized option: --bogus"},
       {"probe=LoadProbe", "-z", "Unrecognized option: -z"},
       {"probe=LoadProbe", "--once --log", "--log needs a value"},
@@ -59,12 +54,12 @@ TEST(Hostwatch, WrongUseGivesOneLineAndExitCode2) {
       {"", "--once", "names no probe"},
       {"probe=LoadProbe\nrequires={0.1-0.9}", "--once", "excludes this version"},
       {"probe=LoadProbe", "--once --config /no/such.conf", "/no/such.conf: cannot be read"}};
-  for (const auto& row : rows) {
-    writeFile(folder / "conf", row.configuration);
-    const Outcome outcome = hostwatch("--config=" + (folder / "conf") + " " + row.arguments);
-    EXPECT_EQ(2, outcome.exitCode) << row.arguments;
+  for (const auto& [configuration, arguments, said] : rows) {
+    writeFile(folder / "conf", configuration);
+    const Outcome outcome = hostwatch("--config=" + (folder / "conf") + " " + arguments);
+    EXPECT_EQ(2, outcome.exitCode) << arguments;
     EXPECT_EQ(1, std::count(outcome.output.begin(), outcome.output.end(), '\n')) << outcome.output;
-    EXPECT_TRUE(contains(outcome.output, row.said)) << outcome.output;
+    EXPECT_TRUE(contains(outcome.output, said)) << outcome.output;
   }
 }
 
@@ -144,14 +139,14 @@ TEST(Hostwatch, RunsAsADaemonUntilItIsTerminated) {
   const std::string children = "/proc/self/task/" + std::to_string(getpid()) + "/children";
   const pid_t daemon = std::atoi(contentsOf(children).c_str());
   ASSERT_GT(daemon, 0);
-  EXPECT_TRUE(contains(logWith(folder / "log", "load is"), "watching 2 probes every 1 seconds"));
+  EXPECT_TRUE(contains(logWith(folder, "load is"), "watching 2 probes every 1 seconds"));
   EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder / "lines-2.00"); }));
   // Another round, in which the limit is still crossed.
   writeFile(folder / "lines", "one\none\none\n");
-  logWith(folder / "log", "lines is 3.00");
+  logWith(folder, "lines is 3.00");
   kill(daemon, SIGTERM);
   EXPECT_EQ(0, outcomeOf(daemon));
-  const std::string log = logWith(folder / "log", "stopped");
+  const std::string log = logWith(folder, "stopped");
   EXPECT_TRUE(std::regex_search(log, std::regex(" 1 hostwatch  \\[-?[0-9]+\\] stopped\n$"))) << log;
   EXPECT_EQ(log.find("over its limit"), log.rfind("over its limit"));
 }

@@ -1,17 +1,10 @@
 #include "Failures.h"
 
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <pthread.h>
 #include <sys/select.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <new>
+
+#include "TestTools.h"
 
 namespace {
 

@@ -49,7 +49,7 @@ void runAll(const std::function<int(Failures::tKind, int)>& runCase) {
         finishFirst();
       const std::string name =
           std::to_string(every) + (kind == Failures::MEMORY ? ". allocation" : ". system call");
-      running.emplace_back(name, startChild([&] { return runCase(kind, every); }, _exit));
+      running.emplace_back(name, startBareChild([&] { return runCase(kind, every); }));
     }
   }
   while (!running.empty())
@@ -249,16 +249,14 @@ void stopWhenRouted() {
 // Every process that comes of it has to end, by itself and after one stop.
 int runService(bool daemonize, Failures::tKind kind, int every) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-  startChild(
-      [&] {
-        Service service(daemonize);
-        if (!daemonize)
-          std::thread(stopWhenRouted).detach();
-        const Failures failures(kind, every);
-        const bool started = service.start("", daemonize);
-        return service.stops == (started ? 1 : 0) ? 0 : 2;
-      },
-      _exit);
+  startBareChild([&] {
+    Service service(daemonize);
+    if (!daemonize)
+      std::thread(stopWhenRouted).detach();
+    const Failures failures(kind, every);
+    const bool started = service.start("", daemonize);
+    return service.stops == (started ? 1 : 0) ? 0 : 2;
+  });
   int status = 0;
   while (wait(&status) > 0)
     require(WIFEXITED(status) && WEXITSTATUS(status) != 2, "a service ends after one stop");

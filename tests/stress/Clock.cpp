@@ -42,12 +42,10 @@ TEST(ClockStress, APeriodicTimerOutlivesAStopOfTheProcess) {
     const Observer counter(timer);
     timer.reset();
     const pid_t self = getpid();
-    startChild(
-        [=] {
-          sleepMs(3500);
-          return kill(self, SIGCONT);
-        },
-        _exit);
+    startBareChild([=] {
+      sleepMs(3500);
+      return kill(self, SIGCONT);
+    });
     raise(SIGSTOP);
     const int before = counter.calls;
     const bool goesOn = eventually([&] { return counter.calls >= before + 2; });

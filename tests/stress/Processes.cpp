@@ -60,7 +60,7 @@ TEST(ProcessStress, AChildOfABusyProcessFindsEverythingUsable) {
   running.reset();
   const auto threads = load();
   for (int i = 0; i < 100; ++i)
-    ASSERT_EQ(0, runInChild(useEverything, _exit)) << "child " << i;
+    ASSERT_EQ(0, runInBareChild(useEverything)) << "child " << i;
 }
 
 TEST(ProcessStress, ADaemonOfABusyProcessTimesLogsAndStops) {
@@ -69,23 +69,20 @@ TEST(ProcessStress, ADaemonOfABusyProcessTimesLogsAndStops) {
   for (int i = 0; i < 10; ++i) {
     TempFolder folder;
     const std::string file = folder / "report";
-    const pid_t launcher = startChild(
-        [&]() -> int {
-          FileLog log(5);
-          auto& threads = *new auto(load());  // not here in the daemon
-          VarnTimer timer(1000, false);
-          timer.reset();
-          Service service;
-          const Observer stop(timer, [&] { service.stop(); });
-          service.start("", true);
-          timer.stopAndWait();
-          VarnLogRecord(5) << "the daemon ends";
-          const bool logged = log.texts().back() == "the daemon ends";
-          writeFile(file, logged && service.stops == 1 ? "good\n" : "bad\n");
-          return threads.empty() ? 1 : 0;
-        },
-        _exit);
-    EXPECT_EQ(0, outcomeOf(launcher));
+    EXPECT_EQ(0, runInChild([&]() -> int {
+                FileLog log(5);
+                const auto threads = load();
+                VarnTimer timer(1000, false);
+                timer.reset();
+                Service service;
+                const Observer stop(timer, [&] { service.stop(); });
+                service.start("", true);
+                timer.stopAndWait();
+                VarnLogRecord(5) << "the daemon ends";
+                const bool logged = log.texts().back() == "the daemon ends";
+                writeFile(file, logged && service.stops == 1 ? "good\n" : "bad\n");
+                _exit(0);  // the threads of the load are not here
+              }));
     ASSERT_TRUE(eventually([&] { return !contentsOf(file).empty(); }));
     EXPECT_EQ("good\n", contentsOf(file));
   }
@@ -102,8 +99,7 @@ TEST(ProcessStress, ADaemonThatForksOnceMoreInItsStartHookStops) {
       return true;
     }
   };
-  const pid_t launcher = startChild([&] { return Forking().start(file, true) ? 0 : 1; });
-  EXPECT_EQ(0, outcomeOf(launcher));
+  EXPECT_EQ(0, runInChild([&] { return Forking().start(file, true) ? 0 : 1; }));
   ASSERT_TRUE(eventually([&] { return !linesOf(file).empty(); }));
   const pid_t daemon = std::stoi(linesOf(file)[0]);
   kill(daemon, SIGTERM);
@@ -122,13 +118,11 @@ TEST(ProcessStress, AServiceThatIsStoppingGoesInAChild) {
               });
               std::thread stopper([] { ControlHandler(SIGTERM); });
               eventually([&] { return stopping.load(); });
-              const int outcome = runInChild(
-                  [&] {
-                    service->getEventObject().removeDependent(slow);
-                    service.reset();
-                    return 0;
-                  },
-                  _exit);
+              const int outcome = runInBareChild([&] {
+                service->getEventObject().removeDependent(slow);
+                service.reset();
+                return 0;
+              });
               mayStop = true;
               stopper.join();
               return outcome;
@@ -141,26 +135,24 @@ TEST(ProcessStress, ATimerManagerMadeDuringAForkDoesNotLockUpTheChild) {
   if (kThreadSanitizer)
     return;
   for (int i = 0; i < 10; ++i) {
-    ASSERT_EQ(0, runInChild(
-                     [] {
-                       static std::atomic<bool> holding{false};
-                       std::thread([&] {
-                         {
-                           const VarnCriticalSection guard(*g_pCriticalSection, true);
-                           holding = true;
-                           sleepMs(10);
-                           VarnTimerManager::getInstance();
-                         }
-                         VarnTimer timer(1000, false);
-                         while (true) {
-                           timer.reset();
-                           timer.stop();
-                         }
-                       }).detach();
-                       eventually([&] { return holding.load(); });
-                       return runInChild(useEverything, _exit);
-                     },
-                     _exit));
+    ASSERT_EQ(0, runInBareChild([] {
+                static std::atomic<bool> holding{false};
+                std::thread([&] {
+                  {
+                    const VarnCriticalSection guard(*g_pCriticalSection, true);
+                    holding = true;
+                    sleepMs(10);
+                    VarnTimerManager::getInstance();
+                  }
+                  VarnTimer timer(1000, false);
+                  while (true) {
+                    timer.reset();
+                    timer.stop();
+                  }
+                }).detach();
+                eventually([&] { return holding.load(); });
+                return runInBareChild(useEverything);
+              }));
   }
 }
 
@@ -183,7 +175,7 @@ TEST(ProcessStress, SigtermAtAnyMomentEndsAServiceWithOneStop) {
 }
 
 TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
-  const auto withEverythingActive = [](const std::function<void()>& exiting) {
+  const auto exitsAmongOthers = [](const std::function<void()>& exiting) {
     static FileLog log(9);
     static VarnTimer timer(1000, false);
     timer.reset();
@@ -194,10 +186,10 @@ TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
     sleepMs(50);  // the thread sleeps by now
     exiting();
     sleepMs(30000);
+    return 1;
   };
   const std::function<void()> places[] = {
-      [] { std::exit(7); },
-      [] { std::thread([] { std::exit(7); }).detach(); },
+      [] { std::exit(7); }, [] { std::thread([] { std::exit(7); }).detach(); },
       [] {
         static VarnTimer last(1, true);
         static const Observer callback(last, [] { std::exit(7); });
@@ -208,13 +200,7 @@ TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
           int run() override { std::exit(7); }
         };
         (new Worker)->start();
-      },
-  };
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(7, runInChild([&] {
-                withEverythingActive(places[i % 4]);
-                return 1;
-              }))
-        << i % 4;
-  }
+      }};
+  for (int i = 0; i < 20; ++i)
+    EXPECT_EQ(7, runInChild([&] { return exitsAmongOthers(places[i % 4]); })) << i % 4;
 }

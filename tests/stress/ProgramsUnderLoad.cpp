@@ -24,14 +24,12 @@ void allocateALittle() {
 void forkALittle() {
   if (kAddressSanitizer)
     return;
-  EXPECT_EQ(0, runInChild(
-                   [] {
-                     if (!kInstrumented)
-                       logALittle();
-                     sleepMs(30);
-                     return 0;
-                   },
-                   _exit));
+  EXPECT_EQ(0, runInBareChild([] {
+              if (!kInstrumented)
+                logALittle();
+              sleepMs(30);
+              return 0;
+            }));
 }
 
 }  // namespace

@@ -258,7 +258,8 @@ TEST(VarnDateTime, AgreesWithTheSystemEverywhere) {
     setZone(zone);
     for (int i = 0; i < 150; ++i) {
       const std::int64_t range = i % 2 == 0 ? 4'000'000'000 : 70'000'000'000'000'000;
-      std::time_t near = static_cast<std::int64_t>(random() % (2U * range)) - range;
+      std::time_t near =
+          static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(2 * range)) - range;
       for (int step = 0; step < 5; ++step, near += static_cast<int>(random() % 500'000)) {
         std::tm given{};
         tzset();

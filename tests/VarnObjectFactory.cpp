@@ -37,10 +37,7 @@ class LongCreation {
         m_oThread([&factory] { factory.construct("long"); }) {
     eventually([this] { return m_bBegun.load(); });
   }
-  ~LongCreation() {
-    end();
-    m_oThread.join();
-  }
+  ~LongCreation() { end(); }
 
   void end() { m_bMayEnd = true; }
 
@@ -48,7 +45,7 @@ class LongCreation {
   std::atomic<bool> m_bBegun{false};
   std::atomic<bool> m_bMayEnd{false};
   Registration m_oRegistration;
-  std::thread m_oThread;
+  std::jthread m_oThread;
 };
 
 }  // namespace
@@ -90,7 +87,7 @@ TEST(VarnObjectFactory, RemoveWaitsForCreationsUnderWay) {
   VarnObjectFactory factory;
   LongCreation creation(factory);
   std::atomic<bool> removed{false};
-  std::thread remover([&] {
+  const std::jthread remover([&] {
     factory.remove("long");
     removed = true;
   });
@@ -99,7 +96,6 @@ TEST(VarnObjectFactory, RemoveWaitsForCreationsUnderWay) {
   EXPECT_FALSE(removed);
   factory.remove("another name");
   creation.end();
-  remover.join();
 }
 
 TEST(VarnObjectFactory, ACreatorMayUseTheFactoryAndRemoveItself) {

@@ -140,17 +140,14 @@ TEST(VarnRegularExpression, RefusesBadPatternsAndKeepsTheTokensBeforeTheFault) {
     std::string error;
     Found found;  // in "xyz"
   } rows[] = {{"[]", "empty set in pattern", kNothing},
-              {"[", "empty set in pattern", kNothing},
               {"[^]", "empty set in pattern", kNothing},
               {"xy.[]", "empty set in pattern", {0, 3}},
               {"\\", "bad escape expression", kNothing},
               {"y+\\", "bad escape expression", {1, 1}},
               {"y\\", "bad regular expression", kNothing},
-              {"[\\", "bad regular expression", kNothing},
               {"[z-a]", "invalid endpoint in range", kNothing},
               {"[a-\xF0]", "invalid endpoint in range", kNothing},
               {"x[a-", "end of expression found in pattern", {0, 1}},
-              {"y+[-", "end of expression found in pattern", {1, 1}},
               {"x$y", "end token found inside expression", {0, 1}},
               {"[$y", "end token found inside expression", kNothing}};
   for (const auto& row : rows) {

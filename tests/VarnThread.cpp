@@ -77,14 +77,11 @@ TEST(VarnThread, RunsNotifiesGivesUpItsLocksAndKeepsItsExitCode) {
     EXPECT_EQ(3, done.getId());
     EXPECT_EQ(7, dynamic_cast<const VarnThread::ThreadDone&>(done).getExitCode());
   });
-  EXPECT_EQ(-1, task.getExitCode());
-  EXPECT_FALSE(task.isAlive());
-  EXPECT_EQ(0, task.wait(500));
+  EXPECT_TRUE(task.getExitCode() == -1 && !task.isAlive() && task.wait(500) == 0);
   task.start();
   task.start();
   EXPECT_EQ(0, task.waitForThreadExit());
-  EXPECT_EQ(7, task.getExitCode());
-  EXPECT_TRUE(task.isAlive());
+  EXPECT_TRUE(task.getExitCode() == 7 && task.isAlive());
   ASSERT_TRUE(eventually([&] { return observer.calls == 1; }) && becomesFree(lock));
   EXPECT_EQ(0, task.setPriority(VarnThread::PRIORITY_HIGH));
 }

@@ -210,6 +210,15 @@ inline int entriesIn(const std::string& folder) {
   return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
+// The threads of this process. ThreadSanitizer's own one starts with the first.
+inline int threadCount() { return entriesIn("/proc/self/task") + (kThreadSanitizer ? 1 : 0); }
+
+// Whether a process has ended, be it that nobody has waited for it yet.
+inline bool isGone(pid_t process) {
+  const std::string status = contentsOf("/proc/" + std::to_string(process) + "/stat");
+  return status.empty() || status.find(") Z ") != std::string::npos;
+}
+
 inline void writeFile(const std::string& file, const std::string& contents) {
   std::ofstream(file, std::ios::binary) << contents;
 }

@@ -174,7 +174,7 @@ TEST(VarnThread, ADetachedThreadThatDeletesItselfIsNotListedToBeJoined) {
     std::atomic<bool> marked{false};
   };
   const VarnCriticalSection guard(g_exitThreadLock, true);
-  const int threads = entriesIn("/proc/self/task");
+  const int threads = threadCount();
   auto* const thread = new Mortal;
   thread->setMarkForDeath();
   thread->start();

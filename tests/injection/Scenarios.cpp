@@ -75,6 +75,7 @@ struct Locks {
 
 struct Threads {
   struct Worker : VarnThread {
+    ~Worker() override { waitForThreadExit(); }
     int run() override { return 7; }
   };
 

@@ -63,7 +63,7 @@ TEST(TimerStress, SignalsDuringALongCallbackDoNotPileUpThreads) {
   });
   timer.reset();
   ASSERT_TRUE(eventually([&] { return entered.load(); }));
-  const int threads = entriesIn("/proc/self/task");
+  const int threads = threadCount();
   for (int i = 0; i < 200; ++i) {
     kill(getpid(), SIGALRM);
     sleepMs(1);

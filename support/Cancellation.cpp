@@ -15,8 +15,7 @@ constexpr useconds_t kLookMicroseconds = 50;
 
 }  // namespace
 
-constinit thread_local CancellationState* t_pCancellation
-    __attribute__((tls_model("initial-exec"))) = nullptr;
+constinit thread_local CancellationState* t_pCancellation = nullptr;
 
 void CancellationState::close() {
   if (m_nClosures++ > 0)

@@ -31,7 +31,7 @@ class Walk {
   }
 
  private:
-  static constinit thread_local Walk* t_pInnermost __attribute__((tls_model("initial-exec")));
+  static constinit thread_local Walk* t_pInnermost;
 
   const VarnCollaborator* m_pCollaborator;
   Walk* m_pOuter;

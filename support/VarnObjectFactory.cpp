@@ -99,7 +99,7 @@ class Creation {
 
   static constinit Creation* first;  // guarded by listMutex
   static constinit std::atomic<unsigned> ended;
-  static constinit thread_local int t_nOwn __attribute__((tls_model("initial-exec")));
+  static constinit thread_local int t_nOwn;
 
   const VarnObjectFactory* m_pFactory;
   std::string m_sName;

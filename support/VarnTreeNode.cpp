@@ -29,8 +29,7 @@ namespace {
 constinit std::atomic<std::uint64_t> keyChanges{1};
 
 // What the nodes that die on this thread leave behind, while the outermost of them clears up.
-constinit thread_local std::vector<VarnTreeNode*>* t_pOrphans
-    __attribute__((tls_model("initial-exec"))) = nullptr;
+constinit thread_local std::vector<VarnTreeNode*>* t_pOrphans = nullptr;
 
 // Gives up one reference to each node. Nodes that die of it do not recurse, however deep they go.
 void releaseAll(std::vector<VarnTreeNode*> nodes) {

@@ -2,20 +2,28 @@
 #ifndef SUPPORT_BRIEFHOLD_H
 #define SUPPORT_BRIEFHOLD_H
 
+#include "NeverDestroyed.h"
 #include "VarnSupport/VarnCriticalSection.h"
 
 namespace VarnSupport {
 
 // The section behind g_pCriticalSection. It is never destroyed: threads that outlive main() still
 // count references and make locks.
-VarnCriticalSectionObject& globalSection() noexcept;
+extern constinit NeverDestroyed<VarnCriticalSectionObject> theGlobalSection;
+inline VarnCriticalSectionObject& globalSection() noexcept { return theGlobalSection.value; }
 
-// pthread_self(), kept: it is asked for several times in every lock and unlock.
-extern constinit thread_local pthread_t t_hCallingThread __attribute__((tls_model("initial-exec")));
+// pthread_self(), kept once it was asked for.
+extern constinit thread_local pthread_t t_hCallingThread;
 inline pthread_t callingThread() {
   if (t_hCallingThread == 0)
     t_hCallingThread = pthread_self();
   return t_hCallingThread;
+}
+
+// Only the calling thread can make the owner equal to itself, so the test needs no lock.
+inline bool LockImplementation::isHeldByCaller() const {
+  const pthread_t owner = m_hOwner.load(std::memory_order_relaxed);
+  return owner == t_hCallingThread && owner != 0;
 }
 
 // Excludes other threads from a critical section without entering it on the caller's list of held
@@ -27,7 +35,7 @@ class VSUPT_SCOPED_CAPABILITY BriefHold {
  public:
   explicit BriefHold(VarnCriticalSectionObject& object) VSUPT_ACQUIRE(object)
       : m_pLock(&object.state()) {
-    if (m_pLock->m_hOwner.load(std::memory_order_relaxed) == callingThread())
+    if (m_pLock->isHeldByCaller())
       m_pLock = nullptr;
     else
       pthread_mutex_lock(&m_pLock->m_oMutex);

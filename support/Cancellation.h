@@ -58,8 +58,10 @@ class CancellationState {
 };
 
 // The calling thread's state; null on threads that the library does not run.
-extern constinit thread_local CancellationState* t_pCancellation
-    __attribute__((tls_model("initial-exec")));
+extern constinit thread_local CancellationState* t_pCancellation;
+
+// False on threads that the library does not run.
+inline bool isCancellable() { return t_pCancellation != nullptr; }
 
 // What the guards below do, by hand.
 inline void closeCancellation() {

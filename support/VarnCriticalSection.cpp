@@ -13,13 +13,11 @@ namespace VarnSupport {
 
 namespace {
 
-constinit NeverDestroyed<VarnCriticalSectionObject> theGlobalSection;
-
-LockImplementation* newestLockOfThread() {
-  return static_cast<LockImplementation*>(pthread_getspecific(LockThreadStorage::m_mutexListKey));
-}
+// What is stored under the key, kept where reading it costs nothing.
+constinit thread_local LockImplementation* t_pNewestLock = nullptr;
 
 void setNewestLockOfThread(LockImplementation* lock) {
+  t_pNewestLock = lock;
   pthread_setspecific(LockThreadStorage::m_mutexListKey, lock);
 }
 
@@ -32,9 +30,9 @@ constinit pthread_key_t LockThreadStorage::m_mutexListKey = 0;
 constinit bool LockThreadStorage::m_keyCreated = false;
 LockThreadStorage g_lockThreadStorage;
 
-constinit thread_local pthread_t t_hCallingThread __attribute__((tls_model("initial-exec"))) = 0;
+constinit thread_local pthread_t t_hCallingThread = 0;
 
-VarnCriticalSectionObject& globalSection() noexcept { return theGlobalSection.value; }
+constinit NeverDestroyed<VarnCriticalSectionObject> theGlobalSection;
 
 int LockBase::addRef() { return raiseCountAtomically(); }
 
@@ -55,16 +53,11 @@ LockImplementation::~LockImplementation() {
   pthread_mutex_destroy(&m_oMutex);
 }
 
-// Only the calling thread can make the owner equal to itself, so the test needs no lock.
-bool LockImplementation::isHeldByCaller() const {
-  return m_hOwner.load(std::memory_order_relaxed) == callingThread();
-}
-
-// Books the mutex, just acquired, as the newest lock of the calling thread.
+// Books the first level of the mutex, just acquired, as the newest lock of the calling thread.
 void LockImplementation::take() {
-  m_nCount.store(0, std::memory_order_relaxed);
+  m_nCount.store(1, std::memory_order_relaxed);
   m_hOwner.store(callingThread(), std::memory_order_relaxed);
-  LockImplementation* const newest = newestLockOfThread();
+  LockImplementation* const newest = t_pNewestLock;
   if (newest != nullptr)
     newest->m_pNewer = this;
   setNewestLockOfThread(this);
@@ -86,22 +79,28 @@ void LockImplementation::giveUp() {
   pthread_mutex_unlock(&m_oMutex);
 }
 
-void LockImplementation::lock() {
-  if (!isHeldByCaller()) {
-    pthread_mutex_lock(&m_oMutex);
-    take();
-  }
+void LockImplementation::addLevel() {
   m_nCount.store(m_nCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
-bool LockImplementation::testAndSet() {
-  if (!isHeldByCaller()) {
-    const int result = pthread_mutex_trylock(&m_oMutex);
-    if (result == EBUSY || result == EINVAL)
-      return false;
-    take();
+void LockImplementation::lock() {
+  if (isHeldByCaller()) {
+    addLevel();
+    return;
   }
-  m_nCount.store(m_nCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  pthread_mutex_lock(&m_oMutex);
+  take();
+}
+
+bool LockImplementation::testAndSet() {
+  if (isHeldByCaller()) {
+    addLevel();
+    return true;
+  }
+  const int result = pthread_mutex_trylock(&m_oMutex);
+  if (result == EBUSY || result == EINVAL)
+    return false;
+  take();
   return true;
 }
 
@@ -166,7 +165,16 @@ void VarnCriticalSectionObject::makeState() {
                    std::memory_order_release);
 }
 
+// Locks that have their state, on threads that cannot be cancelled, take the way without a frame.
 void VarnCriticalSectionObject::lock() {
+  const auto* const shared = m_pState.load(std::memory_order_acquire);
+  if (shared == nullptr || isCancellable())
+    lockGuarded();
+  else
+    (*shared)->lock();
+}
+
+void VarnCriticalSectionObject::lockGuarded() {
   LockImplementation& lock = state();
   closeCancellation();
   lock.lock();
@@ -182,6 +190,14 @@ bool VarnCriticalSectionObject::testAndSet() {
 }
 
 void VarnCriticalSectionObject::unlock() {
+  const auto* const shared = m_pState.load(std::memory_order_acquire);
+  if (shared == nullptr || isCancellable())
+    unlockGuarded();
+  else
+    (*shared)->unlock();
+}
+
+void VarnCriticalSectionObject::unlockGuarded() {
   LockImplementation& lock = state();
   closeCancellation();
   lock.unlock();
@@ -216,7 +232,7 @@ void VarnCriticalSection::unlock() {
 
 void VarnCriticalSectionRecoverFn(void*) {
   const CancellationGuard closed;
-  LockImplementation* lock = newestLockOfThread();
+  LockImplementation* lock = t_pNewestLock;
   setNewestLockOfThread(nullptr);
   while (lock != nullptr) {
     LockImplementation* const older = lock->m_pOlder;

@@ -38,6 +38,13 @@ VarnObjectBase& VarnObjectBase::operator=(const VarnObjectBase& source) noexcept
 
 VarnObjectBase::~VarnObjectBase() = default;
 
+inline int VarnObjectBase::changeCount(int by) {
+  const BriefHold hold(globalSection());
+  const std::int32_t count = m_nReferences.load(std::memory_order_relaxed) + by;
+  m_nReferences.store(count, std::memory_order_relaxed);
+  return count;
+}
+
 int VarnObjectBase::addRef() {
   closeCancellation();
   const int count = changeCount(1);
@@ -52,13 +59,6 @@ int VarnObjectBase::release() {
   if (count == 0)
     delete this;
   openCancellationQuietly();
-  return count;
-}
-
-int VarnObjectBase::changeCount(int by) {
-  const BriefHold hold(globalSection());
-  const std::int32_t count = m_nReferences.load(std::memory_order_relaxed) + by;
-  m_nReferences.store(count, std::memory_order_relaxed);
   return count;
 }
 

@@ -53,6 +53,7 @@ class VSUPT_EXPORT LockImplementation : public LockBase {
   friend VSUPT_EXPORT void VarnCriticalSectionRecoverFn(void*);
 
   bool isHeldByCaller() const;
+  void addLevel();
   void take();
   void giveUp();
 
@@ -115,6 +116,8 @@ class VSUPT_EXPORT VSUPT_CAPABILITY("critical section") VarnCriticalSectionObjec
     return **m_pState.load(std::memory_order_acquire);
   }
   void makeState();
+  void lockGuarded();
+  void unlockGuarded();
 
   std::atomic<VarnSmartPointer<LockImplementation>*> m_pState{nullptr};
   bool m_bFlag = false;

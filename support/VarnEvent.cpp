@@ -8,6 +8,8 @@
 #include <ctime>
 #include <memory>
 #include <new>
+#include <typeinfo>
+#include <utility>
 
 #include "Cancellation.h"
 #include "EventAccess.h"
@@ -23,6 +25,26 @@ constinit thread_local const EventWaitContext* t_pWaitContext = nullptr;
 // A set() that comes soon is cheaper to wait for than to sleep for.
 constexpr int kLooksBeforeSleeping = 200;
 
+// The memory of the last notification that a thread has destroyed, for its next set(). Events are
+// set to the very end of a thread, beyond the destructors of its variables: these have none.
+constinit thread_local void* t_pSpareMemory = nullptr;  // for a VarnEventNotification
+constinit thread_local bool t_bThreadEnds = false;
+
+// Frees it as the thread ends.
+class SpareMemoryOwner {
+ public:
+  SpareMemoryOwner() = default;
+  SpareMemoryOwner(const SpareMemoryOwner&) = delete;
+  SpareMemoryOwner& operator=(const SpareMemoryOwner&) = delete;
+  ~SpareMemoryOwner() {
+    t_bThreadEnds = true;
+    ::operator delete(std::exchange(t_pSpareMemory, nullptr));
+  }
+
+  void keep(void* memory) { t_pSpareMemory = memory; }
+};
+
+constinit thread_local SpareMemoryOwner t_oSpareMemoryOwner;
 // Leaves the processor to its other thread for a moment, where there is a way to say so.
 inline void relaxProcessor() {
 #if __has_builtin(__builtin_ia32_pause)
@@ -33,61 +55,78 @@ inline void relaxProcessor() {
 }  // namespace
 
 // The condition and the mutex come first: getHandle() hands out their address.
+//
+// The number that each set() raises and the count of sleeping threads share a word. A set() that
+// finds nobody asleep is one exchange and touches the event no more: a waiter that sees it may
+// return and destroy the event at once. All else happens under the mutex.
 struct VarnEvent::State {
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-  std::atomic<std::uint64_t> number{0};  // raised under the mutex by each set()
-  int sleepers = 0;                      // guarded by mutex
+  std::atomic<std::uint64_t> word{0};
+
+  static constexpr std::uint64_t kSleepers = (std::uint64_t{1} << 20) - 1;
+  static constexpr std::uint64_t kOneSet = kSleepers + 1;
 
   ~State() {
     pthread_cond_destroy(&condition);
     pthread_mutex_destroy(&mutex);
   }
 
+  std::uint64_t number() const { return word.load(std::memory_order_acquire) & ~kSleepers; }
+  bool hasSleepers() const { return (word.load(std::memory_order_relaxed) & kSleepers) != 0; }
+
   void raise() {
+    std::uint64_t seen = word.load(std::memory_order_relaxed);
+    while ((seen & kSleepers) == 0) {
+      if (word.compare_exchange_weak(seen, seen + kOneSet, std::memory_order_release,
+                                     std::memory_order_relaxed))
+        return;
+    }
     pthread_mutex_lock(&mutex);
-    number.store(number.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    word.fetch_add(kOneSet, std::memory_order_release);
     wakeLocked();
     pthread_mutex_unlock(&mutex);
   }
 
-  // Under the mutex, so that no waiter can return and destroy the event before this is done with
+  // Under the mutex, so that no sleeper can return and destroy the event before this is done with
   // it.
   void wakeLocked() {
-    if (sleepers > 0)
+    if (hasSleepers())
       pthread_cond_broadcast(&condition);
   }
 
   bool isWaitedFor() {
     pthread_mutex_lock(&mutex);
-    const bool waitedFor = sleepers > 0;
+    const bool waitedFor = hasSleepers();
     pthread_mutex_unlock(&mutex);
     return waitedFor;
   }
 
   bool waitSince(std::uint64_t ticket, const std::atomic<bool>* abandoned) {
-    const auto hasChanged = [&] { return number.load(std::memory_order_acquire) != ticket; };
-    for (int looks = 0; looks < kLooksBeforeSleeping && !hasChanged(); ++looks)
+    for (int looks = 0; looks < kLooksBeforeSleeping; ++looks) {
+      if (number() != ticket)
+        return true;
       relaxProcessor();
+    }
     const Sleeper sleeper(*this);
-    while (!hasChanged() && (abandoned == nullptr || !abandoned->load())) {
+    while (number() == ticket && (abandoned == nullptr || !abandoned->load())) {
       const BlockingCall cancellable;
       pthread_cond_wait(&condition, &mutex);
     }
-    return hasChanged();
+    return number() != ticket;
   }
 
-  // Holds the mutex and counts a waiter for a scope, which a cancellation may end.
+  // Holds the mutex and counts a sleeper for a scope, which a cancellation may end.
   class Sleeper {
    public:
     explicit Sleeper(State& state) : m_oState(state) {
       pthread_mutex_lock(&m_oState.mutex);
-      ++m_oState.sleepers;
+      m_oState.word.fetch_add(1, std::memory_order_relaxed);
     }
     Sleeper(const Sleeper&) = delete;
     Sleeper& operator=(const Sleeper&) = delete;
     ~Sleeper() {
-      --m_oState.sleepers;
+      m_oState.word.fetch_sub(1, std::memory_order_relaxed);
       pthread_mutex_unlock(&m_oState.mutex);
     }
 
@@ -147,7 +186,7 @@ VarnNotification* VarnEvent::makeNotification() {
 void VarnEvent::reset() {
   const CancellationGuard closed;
   pthread_mutex_lock(&m_pState->mutex);
-  if (m_pState->sleepers == 0)
+  if (!m_pState->hasSleepers())
     pthread_cond_init(&m_pState->condition, nullptr);
   pthread_mutex_unlock(&m_pState->mutex);
 }
@@ -174,9 +213,22 @@ int VarnEvent::wait(int timeoutMs) {
 
 void* VarnEvent::getHandle() { return m_pState; }
 
-VarnNotification* VarnEvent::createNotification() { return new VarnEventNotification; }
+VarnNotification* VarnEvent::createNotification() {
+  void* const memory = std::exchange(t_pSpareMemory, nullptr);
+  return memory == nullptr ? new VarnEventNotification : ::new (memory) VarnEventNotification;
+}
 
-void VarnEvent::destroyNotification(VarnNotification* notification) { delete notification; }
+void VarnEvent::destroyNotification(VarnNotification* notification) {
+  if (notification == nullptr || typeid(*notification) != typeid(VarnEventNotification)) {
+    delete notification;
+    return;
+  }
+  notification->~VarnNotification();
+  if (t_pSpareMemory == nullptr && !t_bThreadEnds)
+    t_oSpareMemoryOwner.keep(notification);
+  else
+    ::operator delete(notification);
+}
 
 int VarnEvent::wait(std::vector<VarnEvent*>& events, bool waitAll, int timeoutMs) {
   const CancellationGuard closed;
@@ -199,9 +251,7 @@ int VarnEvent::wait(int count, VarnEvent* events, bool waitAll, int timeoutMs) {
   return wait(addresses, waitAll, timeoutMs);
 }
 
-std::uint64_t EventAccess::ticket(const VarnEvent& event) {
-  return event.m_pState->number.load(std::memory_order_acquire);
-}
+std::uint64_t EventAccess::ticket(const VarnEvent& event) { return event.m_pState->number(); }
 
 bool EventAccess::waitSince(VarnEvent& event, std::uint64_t ticket,
                             const std::atomic<bool>* abandoned) {
@@ -226,10 +276,10 @@ EventWaitContext::~EventWaitContext() { t_pWaitContext = nullptr; }
 
 // Tickets stay good: the number goes on.
 void ForkHandlers::renew(VarnEvent& event) {
-  const std::uint64_t number = event.m_pState->number;
+  const std::uint64_t number = event.m_pState->number();
   keepForever(event.m_pState);
   event.m_pState = new VarnEvent::State;
-  event.m_pState->number = number;
+  event.m_pState->word = number;
   renew(event.m_oDependents.m_oLock);
 }
 

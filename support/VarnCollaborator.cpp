@@ -75,6 +75,7 @@ void VarnCollaborator::addDependent(VarnDependent& dependent) {
   const CancellationGuard closed;
   const BriefHold hold(m_oLock);
   m_vDependents.push_back(&dependent);
+  m_nChanges.fetch_add(1, std::memory_order_release);
 }
 
 // Destructors and ending threads come here and below: what nobody was ever added to needs no lock.
@@ -85,6 +86,7 @@ void VarnCollaborator::removeDependent(VarnDependent& dependent) {
   const BriefHold hold(m_oLock);
   m_vDependents.erase(std::remove(m_vDependents.begin(), m_vDependents.end(), &dependent),
                       m_vDependents.end());
+  m_nChanges.fetch_add(1, std::memory_order_release);
 }
 
 void VarnCollaborator::notify(const VarnNotification& notification) {
@@ -92,22 +94,37 @@ void VarnCollaborator::notify(const VarnNotification& notification) {
   deliver(notification);
 }
 
-// Returns false when a callback destroyed the collaborator.
+// Returns false when a callback destroyed the collaborator. Entries are read several at a time; as
+// long as the list has not changed they are what a look at it would find.
 bool VarnCollaborator::deliver(const VarnNotification& notification) {
   if (BriefHold::isUnused(m_oLock))
     return true;
+  constexpr std::size_t kBatch = 16;
+  VarnDependent* batch[kBatch];
+  std::size_t begin = 0;  // the batch is [begin, end) of the list
+  std::size_t end = 0;
+  std::size_t size = 0;
+  std::uint64_t changes = 0;
   const Walk walk(*this);
   for (std::size_t i = 0;; ++i) {
-    VarnDependent* dependent = nullptr;
     TrackedDependent::Call call;
-    {
+    const bool isKnown = i > 0 && changes == m_nChanges.load(std::memory_order_acquire);
+    if (!isKnown || (i >= end && i < size)) {
       const BriefHold hold(m_oLock);
-      if (i >= m_vDependents.size())
-        return true;
-      dependent = m_vDependents[i];
-      call.begin(*dependent);
+      changes = m_nChanges.load(std::memory_order_relaxed);
+      size = m_vDependents.size();
+      begin = std::min(i, size);
+      // A tracked dependent may go at any time: its call begins under the lock.
+      end = begin + std::min(trackedDependents.load(std::memory_order_relaxed) == 0 ? kBatch : 1,
+                             size - begin);
+      std::copy(m_vDependents.begin() + static_cast<std::ptrdiff_t>(begin),
+                m_vDependents.begin() + static_cast<std::ptrdiff_t>(end), batch);
+      if (i < end)
+        call.begin(*batch[0]);
     }
-    dependent->handleNotification(*this, notification);
+    if (i >= size)
+      return true;
+    batch[i - begin]->handleNotification(*this, notification);
     if (walk.isOrphaned())
       return false;
   }

@@ -6,6 +6,7 @@
 #ifndef VARNSUPPORT_VARNCOLLABORATOR_H
 #define VARNSUPPORT_VARNCOLLABORATOR_H
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -91,6 +92,7 @@ class VSUPT_EXPORT VarnCollaborator {
 
   VarnCriticalSectionObject m_oLock;
   std::vector<VarnDependent*> m_vDependents VSUPT_GUARDED_BY(m_oLock);
+  std::atomic<std::uint64_t> m_nChanges{0};  // of the list, counted under the lock
 };
 
 }  // namespace VarnSupport

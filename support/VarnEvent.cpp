@@ -1,6 +1,7 @@
 #include "VarnSupport/VarnEvent.h"
 
 #include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
 #include <cerrno>
@@ -22,8 +23,9 @@ namespace {
 
 constinit thread_local const EventWaitContext* t_pWaitContext = nullptr;
 
-// A set() that comes soon is cheaper to wait for than to sleep for.
-constexpr int kLooksBeforeSleeping = 200;
+// A set() that comes soon is cheaper to wait for than to sleep for. Between two looks the processor
+// is given up, as whoever is about to call set() may need just this one.
+constexpr int kLooksBeforeSleeping = 40;
 
 // The memory of the last notification that a thread has destroyed, for its next set(). Events are
 // set to the very end of a thread, beyond the destructors of its variables: these have none.
@@ -45,13 +47,6 @@ class SpareMemoryOwner {
 };
 
 constinit thread_local SpareMemoryOwner t_oSpareMemoryOwner;
-// Leaves the processor to its other thread for a moment, where there is a way to say so.
-inline void relaxProcessor() {
-#if __has_builtin(__builtin_ia32_pause)
-  __builtin_ia32_pause();
-#endif
-}
-
 }  // namespace
 
 // The condition and the mutex come first: getHandle() hands out their address.
@@ -106,7 +101,7 @@ struct VarnEvent::State {
     for (int looks = 0; looks < kLooksBeforeSleeping; ++looks) {
       if (number() != ticket)
         return true;
-      relaxProcessor();
+      sched_yield();
     }
     const Sleeper sleeper(*this);
     while (number() == ticket && (abandoned == nullptr || !abandoned->load())) {

@@ -47,6 +47,7 @@ class SpareMemoryOwner {
 };
 
 constinit thread_local SpareMemoryOwner t_oSpareMemoryOwner;
+
 }  // namespace
 
 // The condition and the mutex come first: getHandle() hands out their address.

@@ -213,6 +213,12 @@ inline int entriesIn(const std::string& folder) {
 // The threads of this process. ThreadSanitizer's own one starts with the first.
 inline int threadCount() { return entriesIn("/proc/self/task") + (kThreadSanitizer ? 1 : 0); }
 
+// Whether a thread of this process sleeps.
+inline bool isAsleep(pid_t thread) {
+  return contentsOf("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") !=
+         std::string::npos;
+}
+
 // Whether a process has ended, be it that nobody has waited for it yet.
 inline bool isGone(pid_t process) {
   const std::string status = contentsOf("/proc/" + std::to_string(process) + "/stat");

@@ -184,8 +184,12 @@ TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
     log.log() << "an open record";
     log.log().endrecord();
     static VarnEvent never;
-    std::thread([] { never.wait(-1); }).detach();
-    sleepMs(50);  // the thread sleeps by now
+    static std::atomic<pid_t> waiter{0};
+    std::thread([] {
+      waiter = gettid();
+      never.wait(-1);
+    }).detach();
+    eventually([] { return waiter != 0 && isAsleep(waiter); });
     exiting();
     sleepMs(30000);
     return 1;

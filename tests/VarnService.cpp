@@ -92,7 +92,9 @@ TEST(VarnService, AnswersToOneSignalAndIgnoresTheOthers) {
       return ended ? 5 : 6;
     });
     ASSERT_TRUE(eventually([&] { return !linesOf(file).empty(); }));
-    kill(child, SIGPIPE);
+    // ThreadSanitizer loses a second signal that the system gives to the ending thread.
+    if (!kThreadSanitizer)
+      kill(child, SIGPIPE);
     kill(child, signal);
     EXPECT_EQ(5, outcomeOf(child));
     EXPECT_EQ((std::vector<std::string>{"running", "stopped"}), linesOf(file));

@@ -6,15 +6,13 @@ packages=$(cd "$1" && pwd)
 source=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }; }
-# A service can be stopped properly once it catches SIGTERM.
-catches_sigterm() { (((0x$(awk '/^SigCgt/ {print $2}' "/proc/$1/status") & 0x4000) != 0)); }
+. "$source/tests/consumer/tools.sh"
 
 for package in "$packages"/*.deb; do dpkg-deb -x "$package" "$work/root"; done
 libraries=$(dirname "$(find "$work/root/usr/lib" -name libvsupt.so)")
 export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig
 
-awk '/^```cpp/ {code = 1; next} /^```/ {code = 0} code' "$source/README.md" >"$work/greeter.cpp"
+first_program "$source" "$work/greeter.cpp"
 read -ra flags <<<"$(pkg-config --cflags --libs vsupt)"
 quietly c++ -std=c++17 "$work/greeter.cpp" "${flags[@]}" -o "$work/greeter"
 cat >"$work/CMakeLists.txt" <<'TEXT'
@@ -26,14 +24,8 @@ target_link_libraries(greeter PRIVATE VarnSupport::vsupt)
 TEXT
 quietly cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/root/usr"
 quietly cmake --build "$work/build"
-for program in "$work/greeter" "$work/build/greeter"; do
-  "$program" >"$work/out" &
-  until catches_sigterm $!; do kill -0 $! && sleep 0.05; done
-  kill -TERM $!
-  wait $!
-  grep -q 'hello, world' "$work/out"
-  grep -q 'good-bye' "$work/out"
-done
+greets "$work/greeter"
+greets "$work/build/greeter"
 
 "$work/root/usr/bin/hostwatch" --once --config="$work/root/etc/hostwatch/hostwatch.conf" \
   --plugin=hostwatch_lines >"$work/out" || [ $? -eq 1 ]

@@ -88,6 +88,7 @@ void CancellationState::leaveBlockingCall() {
 }
 
 void CancellationState::cancel(pthread_t thread) {
+  const NoCancellation whole;  // a thread that has noticed the request waits for the rest
   m_bRequested.store(true);
   const auto isSafe = [this] { return m_bDeferred || m_bBlocking || t_pCancellation == this; };
   for (int look = 0; look < kLooksForNotice && !isSafe(); ++look)

@@ -5,9 +5,7 @@ set -euo pipefail
 build=$1 source=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }; }
-# A service can be stopped properly once it catches SIGTERM.
-catches_sigterm() { (((0x$(awk '/^SigCgt/ {print $2}' "/proc/$1/status") & 0x4000) != 0)); }
+. "$source/tests/consumer/tools.sh"
 
 quietly cmake --install "$build" --prefix "$work/first"
 mv "$work/first" "$work/prefix"  # a prefix may be moved
@@ -16,15 +14,10 @@ LD_LIBRARY_PATH=$(dirname "$(find "$work/prefix" -name libvsupt.so)")
 PKG_CONFIG_PATH=$LD_LIBRARY_PATH/pkgconfig
 
 # The first program of the README, with pkg-config.
-awk '/^```cpp/ {code = 1; next} /^```/ {code = 0} code' "$source/README.md" >"$work/first.cpp"
+first_program "$source" "$work/first.cpp"
 read -ra flags <<<"$(pkg-config --cflags --libs vsupt)"
 quietly c++ -std=c++17 -Wall -Wextra -Werror "$work/first.cpp" "${flags[@]}" -o "$work/first"
-"$work/first" >"$work/out" &
-until catches_sigterm $!; do kill -0 $! && sleep 0.05; done
-kill -TERM $!
-wait $!
-grep -q 'hello, world' "$work/out"
-grep -q 'good-bye' "$work/out"
+greets "$work/first"
 
 # hostwatch, with the CMake package.
 cp -r "$source/examples/hostwatch" "$work/hostwatch"

@@ -96,24 +96,29 @@ void appendHeader(std::string& line, int level, const char* label) {
   line += "] ";
 }
 
-// One write, after what the program itself has left in the stream. A write that a signal interrupts
-// goes on; other errors end it, unreported.
-void writeThrough(std::FILE* stream, std::string_view text) {
-  flockfile(stream);
-  fflush_unlocked(stream);
-  const int descriptor = fileno_unlocked(stream);
-  if (descriptor < 0) {
-    fwrite_unlocked(text.data(), 1, text.size(), stream);
-    fflush_unlocked(stream);
-  }
-  while (descriptor >= 0 && !text.empty()) {
+// One write. One that a signal interrupts goes on; other errors end it, unreported.
+void writeAll(int descriptor, std::string_view text) {
+  while (!text.empty()) {
     const ssize_t written = ::write(descriptor, text.data(), text.size());
     if (written > 0)
       text.remove_prefix(static_cast<std::size_t>(written));
     else if (written == 0 || errno != EINTR)
       break;
   }
-  funlockfile(stream);
+}
+
+// The same, after what the program itself has left in its standard output.
+void writeToStandardOutput(std::string_view text) {
+  flockfile(stdout);
+  fflush_unlocked(stdout);
+  const int descriptor = fileno_unlocked(stdout);
+  if (descriptor >= 0) {
+    writeAll(descriptor, text);
+  } else {
+    fwrite_unlocked(text.data(), 1, text.size(), stdout);
+    fflush_unlocked(stdout);
+  }
+  funlockfile(stdout);
 }
 
 // The file is closed on exec and, where this creates it, never wider than 0644: a daemon's mask is
@@ -235,6 +240,10 @@ void VarnLogging::publishLevelLocked() {
 int VarnLogging::getLogLevel(const std::string& component) const {
   const CancellationGuard closed;
   const std::lock_guard guard(sink.mutex);
+  return levelOfLocked(component);
+}
+
+int VarnLogging::levelOfLocked(const std::string& component) const {
   const auto found = m_mapLevels.find(component);
   return found != m_mapLevels.end() ? found->second : m_nLogLevel.load();
 }
@@ -269,14 +278,16 @@ bool VarnLogging::getLogAccess() {
   return false;
 }
 
-// A stream that runs out of memory goes bad, as after a null pointer, but not for good: what it had
-// no room for is dropped.
+// Nothing goes into a stream that a null pointer made bad.
 void VarnLogging::append(const char* text, std::size_t length) {
   const CancellationGuard closed;
   if (!m_pRecord->good())
     return;
-  m_pRecord->write(text, static_cast<std::streamsize>(length));
-  m_pRecord->clear();
+  try {
+    m_pRecord->rdbuf()->sputn(text, static_cast<std::streamsize>(length));
+  } catch (const std::bad_alloc&) {
+    // What there is no room for is dropped.
+  }
 }
 
 void VarnLogging::put(const std::string& value) { append(value.data(), value.size()); }
@@ -401,10 +412,8 @@ void VarnLogging::noteExpiry() {
 // Everything of endrecord() but the lock.
 void VarnLogging::finishRecord() {
   cancelTimer();
-  const int threshold = m_sComponent.empty() ? m_nLogLevel.load() : getLogLevel(m_sComponent);
   try {
-    if (m_nCurrentLevel <= threshold || m_nCurrentLevel == 0)
-      writeRecord();
+    writeRecord();
   } catch (const std::bad_alloc&) {
     // Without memory for the line the record stays for the next one to lead.
   }
@@ -412,12 +421,16 @@ void VarnLogging::finishRecord() {
   m_sComponent.clear();
 }
 
+// Writes what was collected, if the level of the component admits it; else it stays.
 void VarnLogging::writeRecord() {
   const std::string_view text = m_pRecord->view();
   if (text.empty())
     return;
   {
     const std::lock_guard guard(sink.mutex);
+    const int threshold = m_sComponent.empty() ? m_nLogLevel.load() : levelOfLocked(m_sComponent);
+    if (m_nCurrentLevel > threshold && m_nCurrentLevel != 0)
+      return;
     sink.line.clear();
     if (m_bHeader && m_nCurrentLevel != 0)
       appendHeader(sink.line, m_nCurrentLevel,
@@ -426,9 +439,9 @@ void VarnLogging::writeRecord() {
     sink.line += '\n';
     const NoCancellation writing;
     if ((m_nTarget & kToFile) != 0 && m_pFile != nullptr)
-      writeThrough(m_pFile, sink.line);
+      writeAll(fileno_unlocked(m_pFile), sink.line);
     if ((m_nTarget & kToStandardOutput) != 0)
-      writeThrough(stdout, sink.line);
+      writeToStandardOutput(sink.line);
   }
   m_pRecord->str(sink.nothing);  // keeps its memory
 }

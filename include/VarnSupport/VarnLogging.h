@@ -155,9 +155,9 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   void putNumber(T value);
 
   void publishLevelLocked();
-  void openLogFileLocked();
   void append(const char* text, std::size_t length) VSUPT_UNCHECKED;
   void finishRecord() VSUPT_REQUIRES(m_oRecordLock);
+  int levelOfLocked(const std::string& component) const;
   void writeRecord() VSUPT_REQUIRES(m_oRecordLock);
   void noteExpiry();
   static VarnLogging* pin(int level);

@@ -29,8 +29,7 @@ inline bool LockImplementation::isHeldByCaller() const {
 // Excludes other threads from a critical section without entering it on the caller's list of held
 // locks: half the price of lock() and unlock().
 // Requires: cancellation is closed, so that no recovery can need the entry; nothing but plain data
-// access and allocation inside, no call-out and no other lock but the lock of an implementation
-// that the object shares.
+// access and allocation inside, no call-out and no other lock.
 class VSUPT_SCOPED_CAPABILITY BriefHold {
  public:
   explicit BriefHold(VarnCriticalSectionObject& object) VSUPT_ACQUIRE(object)

@@ -339,9 +339,27 @@ template <typename StringType>
 PatternProgram<StringType>::PatternProgram() = default;
 
 template <typename StringType>
-const char* PatternProgram<StringType>::compile(const StringType& pattern) {
+PatternProgram<StringType>::PatternProgram(const PatternProgram& source)
+    : ProgramMemory(),
+      pattern(source.pattern),
+      texts(source.texts),
+      first(source.first),
+      required(source.required) {
+  members = source.members;
+  tokens = source.tokens;
+  for (Token& token : tokens) {
+    if (token.isSet())
+      token.set = &sets.emplace_front(*token.set);
+  }
+}
+
+template <typename StringType>
+PatternProgram<StringType>::~PatternProgram() = default;
+
+template <typename StringType>
+const char* PatternProgram<StringType>::compile(const StringType& text) {
   tokens.reserve(kExpected);
-  const char* const fault = PatternReader<StringType>(pattern, *this).read();
+  const char* const fault = PatternReader<StringType>(text, *this).read();
   first = !tokens.empty() && tokens.front().type == ExpressionToken::BEGIN ? 1 : 0;
   for (std::size_t i = first + 1; i < tokens.size(); ++i) {
     const Token& token = tokens[i];

@@ -1,9 +1,10 @@
 // What a pattern is compiled to: a list of tokens, the texts of its literals, the members of its
-// sets. A program is built once and never changes, so that searches share it without a lock.
+// sets. A program is built once and never changes, so that searches share it.
 #ifndef SUPPORT_PATTERNPROGRAM_H
 #define SUPPORT_PATTERNPROGRAM_H
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <forward_list>
@@ -107,10 +108,13 @@ struct PatternProgram : private ProgramMemory {
   static constexpr std::size_t kListedMembers = 1024;
 
   PatternProgram();
+  PatternProgram(const PatternProgram& source);
+  PatternProgram& operator=(const PatternProgram&) = delete;
+  ~PatternProgram();
 
-  // Reads `pattern` into this empty program. Returns null, or what is wrong; the tokens before the
+  // Reads `text` into this empty program. Returns null, or what is wrong; the tokens before the
   // fault are there then.
-  const char* compile(const StringType& pattern);
+  const char* compile(const StringType& text);
 
   View textOf(const Token& token) const { return View(texts).substr(token.begin, token.length); }
   // True for two ONE_OR_MORE tokens of the same type and gathered text, order and repeats included.
@@ -121,6 +125,7 @@ struct PatternProgram : private ProgramMemory {
   // The tokens with sets written out, as far as kListedMembers.
   std::vector<ExpressionToken> list() const;
 
+  StringType pattern;  // the last one that compiled, not that of the tokens when it did not
   std::pmr::vector<Token> tokens{memory()};
   StringType texts;
   // The members of all sets in the order they were gathered, as ranges that are as long as they can
@@ -129,6 +134,7 @@ struct PatternProgram : private ProgramMemory {
   std::pmr::forward_list<Set> sets{memory()};
   std::size_t first = 0;         // the token whose match is the first, behind any BEGIN
   std::size_t required = kNone;  // a literal that every match contains after its first token
+  std::atomic<std::int64_t> leftTakes{0};  // see SharedProgram
 
  private:
   bool areAlike(const Token& left, const Token& right) const;

@@ -19,8 +19,8 @@ template <typename CharT>
 bool matchesAt(std::basic_string_view<CharT> text, std::size_t position,
                std::basic_string_view<CharT> wanted) {
   return text[position] == wanted.front() &&
-         std::char_traits<CharT>::compare(text.data() + position, wanted.data(), wanted.size()) ==
-             0;
+         (wanted.size() == 1 || std::char_traits<CharT>::compare(
+                                    text.data() + position, wanted.data(), wanted.size()) == 0);
 }
 
 // A block is two vectors. Where the processor has no registers for them, the compiler writes the

@@ -157,12 +157,14 @@ VarnCriticalSectionObject::~VarnCriticalSectionObject() {
 
 void VarnCriticalSectionObject::init() { state(); }
 
+// Of threads that race one sets its state, and the others discard theirs.
 void VarnCriticalSectionObject::makeState() {
+  using State = VarnSmartPointer<LockImplementation>;
   const CancellationGuard closed;
-  VarnCriticalSection guard(globalSection(), this != &globalSection());
-  if (m_pState.load(std::memory_order_relaxed) == nullptr)
-    m_pState.store(new VarnSmartPointer<LockImplementation>(new LockImplementation(m_bFlag)),
-                   std::memory_order_release);
+  std::unique_ptr<State> made(new State(new LockImplementation(m_bFlag)));
+  State* none = nullptr;
+  if (m_pState.compare_exchange_strong(none, made.get(), std::memory_order_acq_rel))
+    static_cast<void>(made.release());
 }
 
 // Locks that have their state, on threads that cannot be cancelled, take the way without a frame.
@@ -274,7 +276,7 @@ bool ForkHandlers::renewIfLost(VarnCriticalSectionObject& lock) {
 }
 
 void VSUPTInitVarnObjectBase() {
-  // Makes the state of the global section before a second thread can: no lock guards its creation.
+  // While there is one thread: it makes the key that all locks share.
   globalSection().init();
   g_pCriticalSection = &globalSection();
 }

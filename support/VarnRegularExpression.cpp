@@ -1,12 +1,12 @@
 #include "VarnSupport/VarnRegularExpression.h"
 
-#include <tuple>
+#include <memory>
 #include <utility>
 
-#include "BriefHold.h"
 #include "Cancellation.h"
 #include "PatternMatcher.h"
 #include "PatternProgram.h"
+#include "SharedProgram.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLogging.h"
 
@@ -16,29 +16,26 @@ namespace {
 
 constexpr int kTraceLevel = 9;
 
-struct Match {
-  std::size_t position;
-  std::size_t length;
-};
+constexpr unsigned int npos = VarnRegularExpressionImplementation<std::string>::npos;
 
-// Returns whether there is a match that the anchors let pass. One that they refuse fills `match`
-// too.
+// One search, as find() of the class.
 template <typename StringType>
-bool search(const PatternProgram<StringType>& program, const StringType& text, std::size_t start,
-            Match& match) {
+unsigned int findWith(const PatternProgram<StringType>& program, const StringType& text,
+                      unsigned int& length, unsigned int start) {
   const bool traced = VarnLogging::admits(kTraceLevel);
   PatternMatcher<StringType> matcher(program, text, traced);
-  bool found = matcher.walk(start);
+  const bool matched = matcher.walk(start);
   if (traced)
     matcher.traceStack();
-  if (!found)
-    return false;
-  match = {matcher.position(), matcher.length()};
-  found = matcher.anchorsHold(start);
-  if (found && traced)
+  if (!matched || matcher.position() >= npos || matcher.length() > npos)
+    return npos;
+  length = static_cast<unsigned int>(matcher.length());
+  if (!matcher.anchorsHold(start))
+    return npos;
+  if (traced)
     VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::find: match found at "
-                               << match.position;
-  return found;
+                               << matcher.position();
+  return static_cast<unsigned int>(matcher.position());
 }
 
 }  // namespace
@@ -49,8 +46,7 @@ VarnRegularExpressionImplementation<StringType>::VarnRegularExpressionImplementa
 template <typename StringType>
 VarnRegularExpressionImplementation<StringType>::VarnRegularExpressionImplementation(
     const VarnRegularExpressionImplementation& source) {
-  const CancellationGuard closed;
-  std::tie(m_sPattern, m_pProgram) = source.snapshot();
+  *this = source;
 }
 
 template <typename StringType>
@@ -59,47 +55,30 @@ auto VarnRegularExpressionImplementation<StringType>::operator=(
   if (this == &source)
     return *this;
   const CancellationGuard closed;
-  auto [pattern, program] = source.snapshot();
-  const BriefHold hold(m_oLock);
-  m_sPattern.swap(pattern);
-  m_pProgram.swap(program);
+  const Program copied(source.m_nProgram);
+  using Copy = typename Program::Program;
+  Program::replace(m_nProgram, copied.get() != nullptr ? std::make_unique<Copy>(*copied)
+                                                       : std::make_unique<Copy>());
   return *this;
 }
 
 template <typename StringType>
 VarnRegularExpressionImplementation<StringType>::~VarnRegularExpressionImplementation() {
   const QuietCancellationGuard closed;
-  m_pProgram.reset();
-  m_sPattern = StringType();
-}
-
-template <typename StringType>
-auto VarnRegularExpressionImplementation<StringType>::currentProgram() const
-    -> std::shared_ptr<const Program> {
-  const BriefHold hold(m_oLock);
-  return m_pProgram;
-}
-
-template <typename StringType>
-auto VarnRegularExpressionImplementation<StringType>::snapshot() const
-    -> std::pair<StringType, std::shared_ptr<const Program>> {
-  const BriefHold hold(m_oLock);
-  return {m_sPattern, m_pProgram};
+  Program::clear(m_nProgram);
 }
 
 template <typename StringType>
 bool VarnRegularExpressionImplementation<StringType>::compile(const StringType& pattern,
                                                               std::string& error) {
   const CancellationGuard closed;
-  auto program = std::make_shared<Program>();
+  auto program = std::make_unique<typename Program::Program>();
   const char* const fault = program->compile(pattern);
-  std::shared_ptr<const Program> replaced = std::move(program);
-  {
-    const BriefHold hold(m_oLock);
-    if (fault == nullptr)
-      m_sPattern = pattern;
-    m_pProgram.swap(replaced);
-  }
+  if (fault == nullptr)
+    program->pattern = pattern;
+  else if (const Program replaced(m_nProgram); replaced.get() != nullptr)
+    program->pattern = replaced->pattern;
+  Program::replace(m_nProgram, std::move(program));
   if (fault != nullptr)
     error = fault;
   return fault == nullptr;
@@ -110,15 +89,8 @@ unsigned int VarnRegularExpressionImplementation<StringType>::find(const StringT
                                                                    unsigned int& length,
                                                                    unsigned int start) const {
   const CancellationGuard closed;
-  const std::shared_ptr<const Program> program = currentProgram();
-  Match match{npos, 0};  // as it stays when nothing matches
-  if (program == nullptr)
-    return npos;
-  const bool found = search(*program, text, start, match);
-  if (match.position >= npos || match.length > npos)
-    return npos;
-  length = static_cast<unsigned int>(match.length);
-  return found ? static_cast<unsigned int>(match.position) : npos;
+  const Program program(m_nProgram);
+  return program.get() == nullptr ? npos : findWith(*program, text, length, start);
 }
 
 template <typename StringType>
@@ -133,9 +105,11 @@ void VarnRegularExpressionImplementation<StringType>::print() const {
   if (!VarnLogging::admits(kTraceLevel))
     return;
   const CancellationGuard closed;
-  const auto [pattern, program] = snapshot();
-  VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::print: pattern " << pattern;
-  if (program == nullptr)
+  const Program program(m_nProgram);
+  const bool isEmpty = program.get() == nullptr;
+  VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::print: pattern "
+                             << (isEmpty ? StringType() : program->pattern);
+  if (isEmpty)
     return;
   for (const ExpressionToken& token : program->list())
     VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::print: type "
@@ -147,17 +121,12 @@ template <typename StringType>
 VarnRegularExpression<StringType>::VarnRegularExpression() = default;
 
 template <typename StringType>
-VarnRegularExpression<StringType>::VarnRegularExpression(const VarnRegularExpression& source)
-    : VarnRegularExpressionImplementation<StringType>(source) {}
+VarnRegularExpression<StringType>::VarnRegularExpression(const VarnRegularExpression& source) =
+    default;
 
 template <typename StringType>
 auto VarnRegularExpression<StringType>::operator=(const VarnRegularExpression& source)
-    -> VarnRegularExpression& {
-  const CancellationGuard closed;
-  const VarnCriticalSection inUse(m_oUseLock);
-  VarnRegularExpressionImplementation<StringType>::operator=(source);
-  return *this;
-}
+    -> VarnRegularExpression& = default;
 
 template <typename StringType>
 VarnRegularExpression<StringType>::~VarnRegularExpression() = default;
@@ -173,8 +142,6 @@ void VarnRegularExpression<StringType>::setPattern(const StringType& pattern) {
 template <typename StringType>
 bool VarnRegularExpression<StringType>::setPatternImpl(const StringType& pattern,
                                                        std::string& error) {
-  const CancellationGuard closed;
-  const BriefHold inUse(m_oUseLock);  // the lock of the base nests inside it, never around it
   return this->compile(pattern, error);
 }
 
@@ -184,25 +151,27 @@ StringType VarnRegularExpression<StringType>::match(const StringType& text,
   const CancellationGuard closed;
   unsigned int length = 0;
   const unsigned int position = this->find(text, length, start);
-  return position == this->npos ? StringType() : text.substr(position, length);
+  return position == npos ? StringType() : text.substr(position, length);
 }
 
-// Works on the original text: no match looks at anything before `start`, so that what is replaced
-// need not be there when the rest is searched.
+// Works with one program, and on the original text: no match looks at anything before `start`, so
+// that what is replaced need not be there when the rest is searched.
 template <typename StringType>
 StringType VarnRegularExpression<StringType>::replace(const StringType& text,
                                                       const StringType& replacement,
                                                       Occurrence occurrence,
                                                       unsigned int start) const {
   const CancellationGuard closed;
-  const VarnCriticalSection inUse(m_oUseLock);
+  const typename VarnRegularExpression::Program program(this->m_nProgram);
+  if (program.get() == nullptr)
+    return text;
   StringType result;
   std::size_t done = 0;
   std::size_t from = start;
-  while (from <= text.size() && from < this->npos) {
+  while (from <= text.size() && from < npos) {
     unsigned int length = 0;
-    const unsigned int position = this->find(text, length, static_cast<unsigned int>(from));
-    if (position == this->npos)
+    const unsigned int position = findWith(*program, text, length, static_cast<unsigned int>(from));
+    if (position == npos)
       break;
     result.append(text, done, position - done);
     result += replacement;

@@ -16,17 +16,16 @@
 #ifndef VARNSUPPORT_VARNREGULAREXPRESSION_H
 #define VARNSUPPORT_VARNREGULAREXPRESSION_H
 
-#include <memory>
+#include <atomic>
+#include <cstdint>
 #include <string>
-#include <utility>
 
-#include "VarnSupport/VarnCriticalSection.h"
 #include "VarnSupport/VarnExport.h"
 
 namespace VarnSupport {
 
 template <typename StringType>
-struct PatternProgram;
+class SharedProgram;
 
 // The searching half of VarnRegularExpression.
 template <typename StringType>
@@ -62,7 +61,7 @@ class VSUPT_EXPORT VarnRegularExpressionImplementation {
 
   // Never matches until a pattern is compiled.
   VarnRegularExpressionImplementation();
-  // The copy has the source's pattern of that moment, and a lock of its own.
+  // The copy has the source's pattern of that moment.
   VarnRegularExpressionImplementation(const VarnRegularExpressionImplementation& source);
   VarnRegularExpressionImplementation& operator=(const VarnRegularExpressionImplementation& source);
   ~VarnRegularExpressionImplementation();
@@ -81,16 +80,10 @@ class VSUPT_EXPORT VarnRegularExpressionImplementation {
   // error are in force then, while the stored pattern stays the old one; callers rely on it.
   bool compile(const StringType& pattern, std::string& error);
 
- private:
-  using Program = PatternProgram<StringType>;
+  using Program = SharedProgram<StringType>;
 
-  std::shared_ptr<const Program> currentProgram() const;
-  std::pair<StringType, std::shared_ptr<const Program>> snapshot() const;
-
-  StringType m_sPattern VSUPT_GUARDED_BY(m_oLock);  // the last one that compiled
-  // The token list, null when there is none. A program never changes: searches share it.
-  std::shared_ptr<const Program> m_pProgram VSUPT_GUARDED_BY(m_oLock);
-  mutable VarnCriticalSectionObject m_oLock;
+  // The token list, with the last pattern that compiled. It never changes: searches share it.
+  mutable std::atomic<std::uint64_t> m_nProgram{0};
 };
 
 // A pattern to search and replace with, for std::string and std::wstring.
@@ -107,7 +100,6 @@ class VSUPT_EXPORT VarnRegularExpression : public VarnRegularExpressionImplement
 
   // The second form returns false with the reason, where the first throws VarnException (code 0)
   // with it as text. A bad pattern leaves the tokens before its fault in force; callers rely on it.
-  // Waits for a replace() under way.
   void setPattern(const StringType& pattern);
   bool setPatternImpl(const StringType& pattern, std::string& error);
 
@@ -118,9 +110,6 @@ class VSUPT_EXPORT VarnRegularExpression : public VarnRegularExpressionImplement
   // ALL_OCCURRENCES. Replacements are not searched again.
   StringType replace(const StringType& text, const StringType& replacement, Occurrence occurrence,
                      unsigned int start = 0) const;
-
- private:
-  mutable VarnCriticalSectionObject m_oUseLock;  // serialises setPattern() and replace()
 };
 
 extern template class VarnRegularExpressionImplementation<std::string>;

@@ -42,6 +42,7 @@ class PatternReader {
   const char* readToken();
   const char* readSet();
   const char* gather(tType type);
+  void gatherPlainText();
   const char* gatherRange();
   const char* gatherEscape();
   bool endsToken(CharT c) const { return c == '$' || c == '.' || c == '['; }
@@ -102,6 +103,8 @@ const char* PatternReader<StringType>::readSet() {
 template <typename StringType>
 const char* PatternReader<StringType>::gather(tType type) {
   begin(type);
+  if (type == ExpressionToken::LITERAL_SEGMENT)
+    gatherPlainText();
   bool closed = false;
   while (!atEnd() && !closed) {
     const CharT c = m_sPattern[m_nPosition];
@@ -129,6 +132,16 @@ const char* PatternReader<StringType>::gather(tType type) {
   }
   finish(readFactor());
   return nullptr;
+}
+
+// Takes over the characters of a literal as far as they stand for themselves.
+template <typename StringType>
+void PatternReader<StringType>::gatherPlainText() {
+  const std::size_t from = m_nPosition;
+  while (!atEnd() && !endsToken(m_sPattern[m_nPosition]) && !isSign(m_sPattern[m_nPosition]) &&
+         m_sPattern[m_nPosition] != '\\')
+    ++m_nPosition;
+  m_oProgram.texts.append(m_sPattern, from, m_nPosition - from);
 }
 
 template <typename StringType>

@@ -84,10 +84,13 @@ void LockImplementation::addLevel() {
 }
 
 void LockImplementation::lock() {
-  if (isHeldByCaller()) {
+  if (isHeldByCaller())
     addLevel();
-    return;
-  }
+  else
+    acquire();
+}
+
+[[gnu::noinline]] void LockImplementation::acquire() {
   pthread_mutex_lock(&m_oMutex);
   take();
 }
@@ -176,7 +179,7 @@ void VarnCriticalSectionObject::lock() {
     (*shared)->lock();
 }
 
-void VarnCriticalSectionObject::lockGuarded() {
+[[gnu::noinline]] void VarnCriticalSectionObject::lockGuarded() {
   LockImplementation& lock = state();
   closeCancellation();
   lock.lock();
@@ -199,7 +202,7 @@ void VarnCriticalSectionObject::unlock() {
     (*shared)->unlock();
 }
 
-void VarnCriticalSectionObject::unlockGuarded() {
+[[gnu::noinline]] void VarnCriticalSectionObject::unlockGuarded() {
   LockImplementation& lock = state();
   closeCancellation();
   lock.unlock();

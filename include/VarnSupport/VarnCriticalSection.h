@@ -54,6 +54,7 @@ class VSUPT_EXPORT LockImplementation : public LockBase {
 
   bool isHeldByCaller() const;
   void addLevel();
+  void acquire();
   void take();
   void giveUp();
 

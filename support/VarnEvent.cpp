@@ -53,8 +53,8 @@ constinit thread_local SpareMemoryOwner t_oSpareMemoryOwner;
 // The condition and the mutex come first: getHandle() hands out their address.
 //
 // The number that each set() raises and the count of sleeping threads share a word. A set() that
-// finds nobody asleep is one exchange and touches the event no more: a waiter that sees it may
-// return and destroy the event at once. All else happens under the mutex.
+// finds nobody asleep ends with one exchange and touches the event no more: a waiter that sees it
+// may return and destroy the event at once. All else happens under the mutex.
 struct VarnEvent::State {
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -74,6 +74,8 @@ struct VarnEvent::State {
   void raise() {
     std::uint64_t seen = word.load(std::memory_order_relaxed);
     while ((seen & kSleepers) == 0) {
+      // For whoever waits on what getHandle() gave out and is not counted.
+      pthread_cond_broadcast(&condition);
       if (word.compare_exchange_weak(seen, seen + kOneSet, std::memory_order_release,
                                      std::memory_order_relaxed))
         return;
@@ -86,10 +88,7 @@ struct VarnEvent::State {
 
   // Under the mutex, so that no sleeper can return and destroy the event before this is done with
   // it.
-  void wakeLocked() {
-    if (hasSleepers())
-      pthread_cond_broadcast(&condition);
-  }
+  void wakeLocked() { pthread_cond_broadcast(&condition); }
 
   bool isWaitedFor() {
     pthread_mutex_lock(&mutex);

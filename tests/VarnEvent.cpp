@@ -44,6 +44,27 @@ TEST(VarnEvent, WaitsForTheNextSetAndForgetsEarlierOnes) {
   waiter.join();
 }
 
+TEST(VarnEvent, WakesWhoeverWaitsOnItsHandle) {
+  struct Handle {
+    pthread_cond_t condition;
+    pthread_mutex_t mutex;
+  };
+  VarnEvent event;
+  auto* const handle = static_cast<Handle*>(event.getHandle());
+  std::atomic<bool> woken{false};
+  std::thread waiter([&] {
+    pthread_mutex_lock(&handle->mutex);
+    pthread_cond_wait(&handle->condition, &handle->mutex);
+    pthread_mutex_unlock(&handle->mutex);
+    woken = true;
+  });
+  {
+    const auto setter = setting({&event});
+    EXPECT_TRUE(eventually([&] { return woken.load(); }));
+  }
+  waiter.join();
+}
+
 TEST(VarnEvent, TellsDependentsBeforeItWakesWaiters) {
   VarnEvent event;
   Observer observer(event, [&](const auto&, const VarnNotification& notification) {

@@ -172,12 +172,19 @@ bool VarnService::runDaemon(const std::string& arguments, int reportTo) {
   routeSignals({SIGINT, SIGTERM, SIGCHLD, SIGPIPE});
   trace("VarnService::start: waiting for service to exit");
   beginRunning();
-  if (!onStart(arguments)) {
+  bool started = false;
+  try {
+    started = onStart(arguments);
+  } catch (...) {
     report(reportTo, kNotStarted);
+    m_nState = IDLE;
+    throw;
+  }
+  report(reportTo, started ? kStarted : kNotStarted);
+  if (!started) {
     m_nState = IDLE;
     return false;
   }
-  report(reportTo, kStarted);
   awaitStop();
   usleep(kBeforeStopHookMicroseconds);
   onStop();

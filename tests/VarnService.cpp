@@ -127,18 +127,31 @@ TEST(VarnService, ADaemonReportsItsStartAndStopsOnSigterm) {
   EXPECT_TRUE(eventually([&] { return isGone(daemon); }));
 }
 
-TEST(VarnService, ADaemonThatRefusesOrDiesMakesItsLauncherFail) {
-  for (const bool dies : {false, true}) {
+TEST(VarnService, ADaemonThatDoesNotStartMakesItsLauncherFail) {
+  TempFolder folder;
+  const std::string file = folder / "daemon";
+  for (const std::string how : {"refuses", "dies", "throws"}) {
     EXPECT_EQ(1, runInChild([&] {
+                const pid_t launcher = getpid();
                 Service service;
                 service.startHook = [&] {
-                  if (dies)
+                  if (how == "dies")
                     _exit(0);
+                  if (how == "throws")
+                    throw how;
                   return false;
                 };
-                return service.start("", true) ? 7 : 8;
-              }));
+                try {
+                  return service.start("", true) ? 7 : 8;
+                } catch (const std::string&) {
+                  const bool answered = eventually([&] { return isGone(launcher); });
+                  append(file, answered ? std::to_string(service.state()) : "launcher waits");
+                  return 9;
+                }
+              }))
+        << how;
   }
+  EXPECT_TRUE(eventually([&] { return linesOf(file) == std::vector<std::string>{"1"}; }));
 }
 
 // The timer was started in the launching process.

@@ -32,10 +32,10 @@ class VSUPT_EXPORT VarnService {
   // not be split. Returns true at once while the service is running.
   //
   // With `daemonize` the caller's process ends here, at once and without clean-up; its exit code is
-  // 0 when the hook succeeded, 1 when it refused or the daemon died before, 253 (-3) when it did
-  // not answer within 60 seconds. The call goes on in a new process that has a session of its own,
-  // "/" as its folder and 0 as its file mask; descriptors stay as they are, and threads do not come
-  // along.
+  // 0 when the hook succeeded, 1 when it refused or threw, or the daemon died before, 253 (-3) when
+  // it did not answer within 60 seconds. The call goes on in a new process that has a session of
+  // its own, "/" as its folder and 0 as its file mask; descriptors stay as they are, and threads do
+  // not come along.
   bool start(const std::string& arguments, bool daemonize);
   // Requests the end of the running service; always true.
   bool stop();

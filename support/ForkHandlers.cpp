@@ -12,6 +12,7 @@
 namespace VarnSupport {
 
 constinit thread_local bool t_bChildWillExec = false;
+constinit std::atomic<std::uint32_t> g_nForks{0};
 
 void ForkHandlers::install() {
   static std::once_flag once;
@@ -43,6 +44,8 @@ void ForkHandlers::prepare() {
 void ForkHandlers::release(tSide side) {
   if (t_bChildWillExec)
     return;
+  if (side == CHILD)
+    ++g_nForks;
   globalSection().unlock();
   if (side == CHILD)
     SignalRelay::childAfterFork();

@@ -8,6 +8,9 @@
 #ifndef SUPPORT_FORKHANDLERS_H
 #define SUPPORT_FORKHANDLERS_H
 
+#include <atomic>
+#include <cstdint>
+
 #include "VarnSupport/VarnExport.h"
 
 namespace VarnSupport {
@@ -19,6 +22,9 @@ class VarnTimerManager;
 
 // Set around a fork() whose child does nothing but exec: the handlers then do nothing.
 extern constinit thread_local bool t_bChildWillExec;
+// How many forks, without an exec, led to this process since the library was loaded. It does not
+// change while a process has a second thread.
+extern constinit std::atomic<std::uint32_t> g_nForks;
 
 class ForkHandlers {
  public:

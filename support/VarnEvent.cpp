@@ -59,6 +59,9 @@ struct VarnEvent::State {
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<std::uint64_t> word{0};
+  // The process that condition and mutex belong to, by how often it came of a fork: twice that, one
+  // more while they are being renewed.
+  std::atomic<std::uint32_t> owner{g_nForks * 2};
 
   static constexpr std::uint64_t kSleepers = (std::uint64_t{1} << 20) - 1;
   static constexpr std::uint64_t kOneSet = kSleepers + 1;
@@ -71,7 +74,26 @@ struct VarnEvent::State {
   std::uint64_t number() const { return word.load(std::memory_order_acquire) & ~kSleepers; }
   bool hasSleepers() const { return (word.load(std::memory_order_relaxed) & kSleepers) != 0; }
 
+  // Sleepers that a fork left behind would hold up the broadcasts of the child, for good. Tickets
+  // stay good: the number goes on.
+  void renewAfterFork() {
+    const std::uint32_t own = g_nForks * 2;
+    std::uint32_t seen = owner.load(std::memory_order_acquire);
+    while (seen != own) {
+      if (seen == own + 1) {
+        sched_yield();
+        seen = owner.load(std::memory_order_acquire);
+      } else if (owner.compare_exchange_weak(seen, own + 1, std::memory_order_acquire)) {
+        pthread_cond_init(&condition, nullptr);
+        pthread_mutex_init(&mutex, nullptr);
+        word.fetch_and(~kSleepers, std::memory_order_relaxed);
+        owner.store(seen = own, std::memory_order_release);
+      }
+    }
+  }
+
   void raise() {
+    renewAfterFork();
     std::uint64_t seen = word.load(std::memory_order_relaxed);
     while ((seen & kSleepers) == 0) {
       // For whoever waits on what getHandle() gave out and is not counted.
@@ -90,7 +112,15 @@ struct VarnEvent::State {
   // it.
   void wakeLocked() { pthread_cond_broadcast(&condition); }
 
+  void wakeSleepers() {
+    renewAfterFork();
+    pthread_mutex_lock(&mutex);
+    wakeLocked();
+    pthread_mutex_unlock(&mutex);
+  }
+
   bool isWaitedFor() {
+    renewAfterFork();
     pthread_mutex_lock(&mutex);
     const bool waitedFor = hasSleepers();
     pthread_mutex_unlock(&mutex);
@@ -115,6 +145,7 @@ struct VarnEvent::State {
   class Sleeper {
    public:
     explicit Sleeper(State& state) : m_oState(state) {
+      m_oState.renewAfterFork();
       pthread_mutex_lock(&m_oState.mutex);
       m_oState.word.fetch_add(1, std::memory_order_relaxed);
     }
@@ -180,6 +211,7 @@ VarnNotification* VarnEvent::makeNotification() {
 
 void VarnEvent::reset() {
   const CancellationGuard closed;
+  m_pState->renewAfterFork();
   pthread_mutex_lock(&m_pState->mutex);
   if (!m_pState->hasSleepers())
     pthread_cond_init(&m_pState->condition, nullptr);
@@ -206,7 +238,10 @@ int VarnEvent::wait(int timeoutMs) {
   return result == ETIMEDOUT ? -2 : -3;
 }
 
-void* VarnEvent::getHandle() { return m_pState; }
+void* VarnEvent::getHandle() {
+  m_pState->renewAfterFork();
+  return m_pState;
+}
 
 VarnNotification* VarnEvent::createNotification() {
   void* const memory = std::exchange(t_pSpareMemory, nullptr);
@@ -255,11 +290,7 @@ bool EventAccess::waitSince(VarnEvent& event, std::uint64_t ticket,
 
 void EventAccess::raise(VarnEvent& event) { event.m_pState->raise(); }
 
-void EventAccess::wakeWaiters(VarnEvent& event) {
-  pthread_mutex_lock(&event.m_pState->mutex);
-  event.m_pState->wakeLocked();
-  pthread_mutex_unlock(&event.m_pState->mutex);
-}
+void EventAccess::wakeWaiters(VarnEvent& event) { event.m_pState->wakeSleepers(); }
 
 EventWaitContext::EventWaitContext(const VarnEvent& waitedFor, std::uint64_t from,
                                    const std::atomic<bool>& abandonedFlag)
@@ -269,14 +300,8 @@ EventWaitContext::EventWaitContext(const VarnEvent& waitedFor, std::uint64_t fro
 
 EventWaitContext::~EventWaitContext() { t_pWaitContext = nullptr; }
 
-// Tickets stay good: the number goes on.
-void ForkHandlers::renew(VarnEvent& event) {
-  const std::uint64_t number = event.m_pState->number();
-  keepForever(event.m_pState);
-  event.m_pState = new VarnEvent::State;
-  event.m_pState->word = number;
-  renew(event.m_oDependents.m_oLock);
-}
+// The state renews itself.
+void ForkHandlers::renew(VarnEvent& event) { renew(event.m_oDependents.m_oLock); }
 
 VarnEventWaitThread::VarnEventWaitThread(VarnEvent& event, int timeoutMs)
     : VarnThread("EventWaitThread"),

@@ -158,6 +158,31 @@ TEST(ProcessStress, ATimerManagerMadeDuringAForkDoesNotLockUpTheChild) {
   }
 }
 
+TEST(ProcessStress, AnEventThatAThreadSleepsOnWorksInAChild) {
+  VarnEvent event;
+  const auto startSleeper = [&] {
+    std::atomic<pid_t> id{0};
+    std::thread sleeper([&] {
+      id = gettid();
+      event.wait(-1);
+    });
+    eventually([&] { return id != 0 && isAsleep(id); });
+    return sleeper;
+  };
+  std::thread leftBehind = startSleeper();
+  EXPECT_EQ(0, runInBareChild([&] {
+              event.set();
+              for (int i = 0; i < 2; ++i) {
+                std::thread sleeper = startSleeper();
+                event.set();
+                sleeper.join();
+              }
+              return 0;
+            }));
+  event.set();
+  leftBehind.join();
+}
+
 TEST(ProcessStress, SigtermAtAnyMomentEndsAServiceWithOneStop) {
   for (int delay = 0; delay < 60; ++delay) {
     TempFolder folder;

@@ -2,7 +2,11 @@
 
 #include <pthread.h>
 
+#include <atomic>
+#include <cstdint>
+
 #include "Cancellation.h"
+#include "ForkHandlers.h"
 #include "VarnSupport/VarnLogging.h"
 
 namespace VarnSupport {
@@ -32,6 +36,30 @@ class SyncHold {
 struct VarnBaseProducerConsumer::Rendezvous {
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  std::atomic<int> waiters{0};
+  std::atomic<std::uint32_t> forks{g_nForks.load()};  // when the condition was made
+
+  // Waiters that a fork left behind would hold up the broadcasts of the child, for good. The mutex
+  // stays as it is: the thread that forked may hold it. Requires: the mutex is held.
+  void renewAfterFork() {
+    if (forks == g_nForks)
+      return;
+    pthread_cond_init(&condition, nullptr);
+    waiters = 0;
+    forks = g_nForks.load();
+  }
+
+  // Counts a waiter for a scope, which a cancellation may end.
+  class Waiter {
+   public:
+    explicit Waiter(Rendezvous& rendezvous) : m_oRendezvous(rendezvous) { ++m_oRendezvous.waiters; }
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+    ~Waiter() { --m_oRendezvous.waiters; }
+
+   private:
+    Rendezvous& m_oRendezvous;
+  };
 };
 
 VarnBaseSynchronizedQueue::VarnBaseSynchronizedQueue() = default;
@@ -43,7 +71,10 @@ VarnCriticalSectionObject& VarnBaseSynchronizedQueue::getLock() { return m_oLock
 VarnBaseProducerConsumer::VarnBaseProducerConsumer(VarnBaseSynchronizedQueue& queue)
     : m_pRendezvous(new Rendezvous), m_oQueue(queue) {}
 
+// At exit consumers may be waiting at one that is static. They wait on, on memory that stays.
 VarnBaseProducerConsumer::~VarnBaseProducerConsumer() {
+  if (m_pRendezvous->waiters != 0)
+    return;
   pthread_cond_destroy(&m_pRendezvous->condition);
   pthread_mutex_destroy(&m_pRendezvous->mutex);
   delete m_pRendezvous;
@@ -55,11 +86,16 @@ void VarnBaseProducerConsumer::unlockSyncMutex() { pthread_mutex_unlock(&m_pRend
 
 void VarnBaseProducerConsumer::waitForSyncEvent() {
   const CancellationGuard closed;
+  m_pRendezvous->renewAfterFork();
+  const Rendezvous::Waiter waiter(*m_pRendezvous);
   const BlockingCall cancellable;
   pthread_cond_wait(&m_pRendezvous->condition, &m_pRendezvous->mutex);
 }
 
-void VarnBaseProducerConsumer::setSyncEvent() { pthread_cond_broadcast(&m_pRendezvous->condition); }
+void VarnBaseProducerConsumer::setSyncEvent() {
+  m_pRendezvous->renewAfterFork();
+  pthread_cond_broadcast(&m_pRendezvous->condition);
+}
 
 void VarnBaseProducerConsumer::produceSentinel(bool clearQueue) {
   const CancellationGuard closed;

@@ -40,7 +40,7 @@ class VSUPT_EXPORT VarnBaseProducerConsumer {
   explicit VarnBaseProducerConsumer(VarnBaseSynchronizedQueue& queue);
   VarnBaseProducerConsumer(const VarnBaseProducerConsumer&) = delete;
   VarnBaseProducerConsumer& operator=(const VarnBaseProducerConsumer&) = delete;
-  // Requires: nobody waits. The queue is left as it is.
+  // The queue is left as it is. Requires: nobody waits, unless the process exits.
   virtual ~VarnBaseProducerConsumer();
 
   // The mutex that orders the sentinel and the wake-ups.

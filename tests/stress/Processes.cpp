@@ -33,6 +33,10 @@ class Service : public VarnService {
   void onStop() override { ++stops; }
 };
 
+struct EmptyQueue : VarnBaseSynchronizedQueue {
+  void clear() override {}
+};
+
 // Logs, counts, locks, formats a date and lets a timer fire, as a process does that goes on after a
 // fork.
 int useEverything() {
@@ -158,29 +162,41 @@ TEST(ProcessStress, ATimerManagerMadeDuringAForkDoesNotLockUpTheChild) {
   }
 }
 
-TEST(ProcessStress, AnEventThatAThreadSleepsOnWorksInAChild) {
+TEST(ProcessStress, WhatAThreadSleepsOnWorksInAChild) {
   VarnEvent event;
-  const auto startSleeper = [&] {
-    std::atomic<pid_t> id{0};
-    std::thread sleeper([&] {
-      id = gettid();
-      event.wait(-1);
-    });
-    eventually([&] { return id != 0 && isAsleep(id); });
-    return sleeper;
-  };
-  std::thread leftBehind = startSleeper();
-  EXPECT_EQ(0, runInBareChild([&] {
-              event.set();
-              for (int i = 0; i < 2; ++i) {
-                std::thread sleeper = startSleeper();
-                event.set();
-                sleeper.join();
-              }
-              return 0;
-            }));
-  event.set();
-  leftBehind.join();
+  EmptyQueue queue;
+  VarnBaseProducerConsumer consumers(queue);
+  const std::pair<std::function<void()>, std::function<void()>> waitsAndWakes[] = {
+      {[&] { event.wait(-1); }, [&] { event.set(); }},
+      {[&] {
+         consumers.lockSyncMutex();
+         consumers.waitForSyncEvent();
+         consumers.unlockSyncMutex();
+       },
+       [&] { consumers.produceSentinel(false); }}};
+  for (const auto& [wait, wake] : waitsAndWakes) {
+    const auto startSleeper = [&wait = wait] {
+      std::atomic<pid_t> id{0};
+      std::thread sleeper([&] {
+        id = gettid();
+        wait();
+      });
+      eventually([&] { return id != 0 && isAsleep(id); });
+      return sleeper;
+    };
+    std::thread leftBehind = startSleeper();
+    EXPECT_EQ(0, runInBareChild([&, &wake = wake] {
+                wake();
+                for (int i = 0; i < 2; ++i) {
+                  std::thread sleeper = startSleeper();
+                  wake();
+                  sleeper.join();
+                }
+                return 0;
+              }));
+    wake();
+    leftBehind.join();
+  }
 }
 
 TEST(ProcessStress, SigtermAtAnyMomentEndsAServiceWithOneStop) {
@@ -209,12 +225,21 @@ TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
     log.log() << "an open record";
     log.log().endrecord();
     static VarnEvent never;
-    static std::atomic<pid_t> waiter{0};
+    static EmptyQueue queue;
+    static VarnBaseProducerConsumer consumers(queue);
+    static std::atomic<pid_t> waiters[2];
     std::thread([] {
-      waiter = gettid();
+      waiters[0] = gettid();
       never.wait(-1);
     }).detach();
-    eventually([] { return waiter != 0 && isAsleep(waiter); });
+    std::thread([] {
+      waiters[1] = gettid();
+      consumers.lockSyncMutex();
+      while (true)
+        consumers.waitForSyncEvent();
+    }).detach();
+    for (const auto& waiter : waiters)
+      eventually([&] { return waiter != 0 && isAsleep(waiter); });
     exiting();
     sleepMs(30000);
     return 1;

@@ -9,7 +9,7 @@
 namespace VarnSupport {
 
 // A dependent whose calls are counted, so that its owner can remove it everywhere, wait until the
-// last call has returned, and go.
+// last call has returned, and go. It is called once for each time that it was added.
 class TrackedDependent : public VarnDependent {
  public:
   TrackedDependent();
@@ -29,8 +29,9 @@ class TrackedDependent : public VarnDependent {
     Call& operator=(const Call&) = delete;
     ~Call();
 
+    // True when the dependent is a tracked one.
     // Requires: the lock of the collaborator that the dependent was found in is held.
-    void begin(VarnDependent& dependent);
+    bool begin(VarnDependent& dependent);
 
    private:
     TrackedDependent* m_pTracked = nullptr;

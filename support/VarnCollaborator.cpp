@@ -95,7 +95,9 @@ void VarnCollaborator::notify(const VarnNotification& notification) {
 }
 
 // Returns false when a callback destroyed the collaborator. Entries are read several at a time; as
-// long as the list has not changed they are what a look at it would find.
+// long as the list has not changed they are what a look at it would find. The entry of a tracked
+// dependent is taken out as it is called: its owner wakes up at any moment, and by removing it from
+// under the walk would make that skip an entry.
 bool VarnCollaborator::deliver(const VarnNotification& notification) {
   if (BriefHold::isUnused(m_oLock))
     return true;
@@ -106,8 +108,9 @@ bool VarnCollaborator::deliver(const VarnNotification& notification) {
   std::size_t size = 0;
   std::uint64_t changes = 0;
   const Walk walk(*this);
-  for (std::size_t i = 0;; ++i) {
+  for (std::size_t i = 0, next = 0;; i = next) {
     TrackedDependent::Call call;
+    next = i + 1;
     const bool isKnown = i > 0 && changes == m_nChanges.load(std::memory_order_acquire);
     if (!isKnown || (i >= end && i < size)) {
       const BriefHold hold(m_oLock);
@@ -117,10 +120,13 @@ bool VarnCollaborator::deliver(const VarnNotification& notification) {
       // A tracked dependent may go at any time: its call begins under the lock.
       end = begin + std::min(trackedDependents.load(std::memory_order_relaxed) == 0 ? kBatch : 1,
                              size - begin);
-      std::copy(m_vDependents.begin() + static_cast<std::ptrdiff_t>(begin),
-                m_vDependents.begin() + static_cast<std::ptrdiff_t>(end), batch);
-      if (i < end)
-        call.begin(*batch[0]);
+      const auto first = m_vDependents.begin() + static_cast<std::ptrdiff_t>(begin);
+      std::copy(first, first + static_cast<std::ptrdiff_t>(end - begin), batch);
+      if (i < end && call.begin(*batch[0])) {
+        m_vDependents.erase(first);
+        m_nChanges.fetch_add(1, std::memory_order_release);
+        next = i;
+      }
     }
     if (i >= size)
       return true;
@@ -139,12 +145,14 @@ void TrackedDependent::awaitCalls() {
     m_nCalls.wait(calls, std::memory_order_acquire);
 }
 
-void TrackedDependent::Call::begin(VarnDependent& dependent) {
+bool TrackedDependent::Call::begin(VarnDependent& dependent) {
   if (trackedDependents.load(std::memory_order_relaxed) == 0)
-    return;
+    return false;
   m_pTracked = dynamic_cast<TrackedDependent*>(&dependent);
-  if (m_pTracked != nullptr)
-    m_pTracked->m_nCalls.fetch_add(1, std::memory_order_relaxed);
+  if (m_pTracked == nullptr)
+    return false;
+  m_pTracked->m_nCalls.fetch_add(1, std::memory_order_relaxed);
+  return true;
 }
 
 // After the decrement the dependent may be gone: notify_all() takes its address and nothing else.

@@ -147,6 +147,20 @@ TEST(VarnThread, WaitsForAllOrTheFirstOrATimeOut) {
   EXPECT_EQ(0, threads[0]->wait(20000) + threads[2]->wait(20000));
 }
 
+TEST(VarnThread, AWaiterThatLeavesHidesTheEndFromNoOther) {
+  Gate gate;
+  Task task([&] { return gate.pass(0); });
+  task.start();
+  std::atomic<int> told{0};
+  {
+    std::vector<std::jthread> waiters;
+    for (int i = 0; i < 8; ++i)
+      waiters.emplace_back([&] { told += task.wait(20000) == 0 ? 1 : 0; });
+    const auto opener = gate.openedLater();
+  }
+  EXPECT_EQ(8, told);
+}
+
 TEST(VarnThread, ManualNotificationsCountForAWaitAndEmptySetsNeedNone) {
   VarnThread idle[2];
   const std::jthread notifier([&] {

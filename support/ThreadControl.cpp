@@ -84,6 +84,12 @@ void* ThreadControl::routine(void* argument) {
 void ThreadControl::join() {
   if (!belongsToThisProcess() || t_pControl == this)
     return;
+  // A thread that deletes itself gives up both other uses while this waits.
+  struct Visit {
+    ThreadControl& control;
+    explicit Visit(ThreadControl& visited) : control(visited) { control.m_nUses.fetch_add(1); }
+    ~Visit() { control.drop(); }
+  } const visit(*this);
   std::unique_lock guard(m_oMutex);
   if (!m_bJoinable) {
     const BlockingCall cancellable;

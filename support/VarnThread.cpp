@@ -63,14 +63,18 @@ void traceDeparture(const VarnThread& thread) {
 // Counts the threads that finish.
 class ThreadWaitDependent : public TrackedDependent {
  public:
-  ThreadWaitDependent(VarnEvent& event, int& remaining, bool traced)
-      : m_oEvent(event), m_pRemaining(&remaining), m_bTraced(traced) {
+  ThreadWaitDependent(const std::vector<VarnThread*>& threads, VarnEvent& event, int& remaining,
+                      bool traced)
+      : m_oEvent(event), m_pRemaining(&remaining), m_bTraced(traced), m_vUntold(threads) {
     m_oLock.init();
   }
 
   void handleNotification(VarnCollaborator& source, const VarnNotification&) override {
     const VarnCriticalSection guard(m_oLock, true);
     m_pLast = &dynamic_cast<VarnThread&>(source);
+    const auto told = std::find(m_vUntold.begin(), m_vUntold.end(), m_pLast);
+    if (told != m_vUntold.end())
+      *told = nullptr;
     const bool traced = m_bTraced && VarnLogging::admits(9);
     if (traced)
       traceDeparture(*m_pLast);
@@ -91,29 +95,37 @@ class ThreadWaitDependent : public TrackedDependent {
     return *m_pRemaining;
   }
 
+  // Removes the dependent everywhere. A thread that has told its end may have deleted itself since;
+  // one that has not must come by here first, and waits for the lock.
+  void leave() {
+    {
+      const VarnCriticalSection guard(m_oLock, true);
+      for (VarnThread* const thread : m_vUntold) {
+        if (thread != nullptr)
+          thread->removeDependent(*this);
+      }
+    }
+    awaitCalls();
+  }
+
  private:
   VarnEvent& m_oEvent;
   VarnCriticalSectionObject m_oLock;
   VarnThread* m_pLast = nullptr;
   int* m_pRemaining;
   bool m_bTraced;
+  std::vector<VarnThread*> m_vUntold;  // null in place of those that have told their end
 };
 
-// Keeps a dependent with a set of threads for a scope, also when that ends by cancellation.
+// Ends the registration of a dependent with its scope, also when that ends by cancellation.
 class Registration {
  public:
-  Registration(std::vector<VarnThread*>& threads, ThreadWaitDependent& dependent)
-      : m_vThreads(threads), m_oDependent(dependent) {}
+  explicit Registration(ThreadWaitDependent& dependent) : m_oDependent(dependent) {}
   Registration(const Registration&) = delete;
   Registration& operator=(const Registration&) = delete;
-  ~Registration() {
-    for (VarnThread* const thread : m_vThreads)
-      thread->removeDependent(m_oDependent);
-    m_oDependent.awaitCalls();
-  }
+  ~Registration() { m_oDependent.leave(); }
 
  private:
-  std::vector<VarnThread*>& m_vThreads;
   ThreadWaitDependent& m_oDependent;
 };
 
@@ -248,8 +260,8 @@ int VarnThread::waitForThreads(std::vector<VarnThread*>& threads, bool waitAll, 
   // for.
   const bool traced = !VarnLogging::isRecordOpenOnThisThread();
   ThreadWaitTimer timer(timedOut, traced);
-  ThreadWaitDependent dependent(timer, remaining, traced);
-  const Registration registration(threads, dependent);
+  ThreadWaitDependent dependent(threads, timer, remaining, traced);
+  const Registration registration(dependent);
 
   // A thread that runs now is not lost: it finds the dependent, or is seen past its body here.
   std::vector<bool> running;

@@ -147,18 +147,24 @@ TEST(VarnThread, WaitsForAllOrTheFirstOrATimeOut) {
   EXPECT_EQ(0, threads[0]->wait(20000) + threads[2]->wait(20000));
 }
 
-TEST(VarnThread, AWaiterThatLeavesHidesTheEndFromNoOther) {
+TEST(VarnThread, AllWaitersAreToldOfTheEndOfAThreadThatDeletesItself) {
   Gate gate;
-  Task task([&] { return gate.pass(0); });
-  task.start();
+  auto* const task = new Task([&] { return gate.pass(0); });
+  task->setMarkForDeath();
+  task->start();
   std::atomic<int> told{0};
-  {
-    std::vector<std::jthread> waiters;
-    for (int i = 0; i < 8; ++i)
-      waiters.emplace_back([&] { told += task.wait(20000) == 0 ? 1 : 0; });
-    const auto opener = gate.openedLater();
+  std::atomic<pid_t> sleepers[7]{};
+  std::vector<std::jthread> waiters;
+  for (int i = 0; i < 7; ++i) {
+    waiters.emplace_back([&, i] {
+      sleepers[i] = gettid();
+      told += task->wait(i % 3 == 2 ? -1 : 20000) == 0 ? 1 : 0;
+    });
+    EXPECT_TRUE(eventually([&] { return sleepers[i] != 0 && isAsleep(sleepers[i]); }));
   }
-  EXPECT_EQ(8, told);
+  gate.open();
+  waiters.clear();
+  EXPECT_EQ(7, told);
 }
 
 TEST(VarnThread, ManualNotificationsCountForAWaitAndEmptySetsNeedNone) {

@@ -112,12 +112,51 @@ constinit std::atomic<unsigned> Creation::ended{0};
 constinit thread_local int Creation::t_nOwn = 0;
 
 // The global factory that was deleted last.
-constinit VarnObjectFactory* theDeleted = nullptr;
+constinit std::atomic<const VarnObjectFactory*> theDeleted = nullptr;
 
-// The library's own global factory; never freed, as threads may be inside it to the very end.
-VarnObjectFactory& ownFactory() {
-  static auto& factory = *new VarnObjectFactory;
-  return factory;
+// Another factory may lie where that one did.
+void noteMade(const VarnObjectFactory& factory) {
+  const VarnObjectFactory* deleted = &factory;
+  theDeleted.compare_exchange_strong(deleted, nullptr);
+}
+
+// A global factory that the library made. The library itself never frees one, as threads may be
+// inside it to the very end.
+class OwnFactory final : public VarnObjectFactory {
+ public:
+  // Requires: ownMutex is held.
+  OwnFactory() : m_pOlder(newest) { newest = this; }
+  OwnFactory(const OwnFactory&) = delete;
+  OwnFactory& operator=(const OwnFactory&) = delete;
+  ~OwnFactory() override;
+
+  static OwnFactory* find(const VarnObjectFactory* factory);
+
+  static constinit OwnFactory* newest;  // guarded by ownMutex, as is the list
+
+  OwnFactory* m_pOlder;
+};
+
+constinit OwnFactory* OwnFactory::newest = nullptr;
+
+// Guards the making of the global factory. Taken before a factory's lock.
+constinit std::mutex ownMutex;
+
+OwnFactory::~OwnFactory() {
+  const std::lock_guard guard(ownMutex);
+  OwnFactory** link = &newest;
+  while (*link != this)
+    link = &(*link)->m_pOlder;
+  *link = m_pOlder;
+}
+
+// Null for one that the library did not make.
+OwnFactory* OwnFactory::find(const VarnObjectFactory* factory) {
+  const std::lock_guard guard(ownMutex);
+  OwnFactory* own = newest;
+  while (own != nullptr && own != factory)
+    own = own->m_pOlder;
+  return own;
 }
 
 template <typename Value>
@@ -130,13 +169,21 @@ Value entryOf(const std::map<std::string, Value>& table, const std::string& name
 
 constinit VarnObjectFactory* VarnObjectFactory::m_pGlobalInstance = nullptr;
 
-// Threads that race for the first call get the same factory.
+// Threads that race for the first call get the same factory. Its lock is used once, so that a fork
+// need not make the lock's state.
 VarnObjectFactory* VarnObjectFactory::getGlobalInstance() {
   const CancellationGuard closed;
   const std::atomic_ref<VarnObjectFactory*> instance(m_pGlobalInstance);
   VarnObjectFactory* factory = instance.load(std::memory_order_acquire);
-  if (factory == nullptr && instance.compare_exchange_strong(factory, &ownFactory()))
-    factory = &ownFactory();
+  if (factory != nullptr)
+    return factory;
+  const std::lock_guard guard(ownMutex);
+  factory = instance.load(std::memory_order_acquire);
+  if (factory == nullptr) {
+    factory = new OwnFactory;
+    factory->clear();
+    instance.store(factory, std::memory_order_release);
+  }
   return factory;
 }
 
@@ -147,16 +194,18 @@ void VarnObjectFactory::deleteGlobalInstance() {
   if (factory == nullptr || factory == theDeleted)
     return;
   theDeleted = factory;
-  if (factory == &ownFactory())
-    factory->clear();
+  if (OwnFactory* const own = OwnFactory::find(factory))
+    own->clear();
   else
     delete factory;
 }
 
-VarnObjectFactory::VarnObjectFactory() = default;
+VarnObjectFactory::VarnObjectFactory() { noteMade(*this); }
 
 VarnObjectFactory::VarnObjectFactory(const VarnObjectFactory& source)
-    : m_mapFunctions(source.m_mapFunctions) {}
+    : m_mapFunctions(source.m_mapFunctions) {
+  noteMade(*this);
+}
 
 VarnObjectFactory& VarnObjectFactory::operator=(const VarnObjectFactory& source) {
   if (this != &source) {
@@ -255,7 +304,9 @@ LibraryLoad::~LibraryLoad() {
 }
 
 void ForkHandlers::prepareFactory() {
-  ownFactory().m_oLock.lock();
+  ownMutex.lock();
+  for (OwnFactory* own = OwnFactory::newest; own != nullptr; own = own->m_pOlder)
+    own->m_oLock.lock();
   listMutex.lock();
 }
 
@@ -263,7 +314,9 @@ void ForkHandlers::releaseFactory(tSide side) {
   if (side == CHILD)
     Creation::forgetLost();
   listMutex.unlock();
-  ownFactory().m_oLock.unlock();
+  for (OwnFactory* own = OwnFactory::newest; own != nullptr; own = own->m_pOlder)
+    own->m_oLock.unlock();
+  ownMutex.unlock();
 }
 
 }  // namespace VarnSupport

@@ -119,16 +119,27 @@ TEST(VarnObjectFactory, IsUsableInAForkedChildWhileOthersCreate) {
             }));
 }
 
+TEST(VarnObjectFactory, TheGlobalInstanceIsMadeWhenThereIsNone) {
+  EXPECT_EQ(0, runInBareChild([] {
+              VarnObjectFactory::getGlobalInstance()->add("f", makeProduct);
+              VarnObjectFactory::m_pGlobalInstance = nullptr;
+              VarnObjectFactory* const anew = VarnObjectFactory::getGlobalInstance();
+              return static_cast<int>(anew->getRegisteredClasses().size());
+            }));
+}
+
 TEST(VarnObjectFactory, TheGlobalInstanceIsDeletedOnceAndByTheDetachingLibrary) {
   static int deletions = 0;
   struct Counting : VarnObjectFactory {
     ~Counting() override { ++deletions; }
   };
   for (const bool detaches : {false, true}) {
-    EXPECT_EQ(1, runInBareChild([=] {
-                VarnObjectFactory::m_pGlobalInstance = new Counting;
-                for (int i = 0; i < 2; ++i)
+    EXPECT_EQ(2, runInBareChild([=] {
+                for (int i = 0; i < 4; ++i) {
+                  if (i % 2 == 0)  // the second one may lie where the first did
+                    VarnObjectFactory::m_pGlobalInstance = new Counting;
                   detaches ? g_ModuleData.detach() : VarnObjectFactory::deleteGlobalInstance();
+                }
                 return deletions;
               }));
   }

@@ -17,17 +17,28 @@ VarnObjectStream::~VarnObjectStream() = default;
 
 VarnInputObjectStream::~VarnInputObjectStream() = default;
 
-VarnInputObjectStream& VarnInputObjectStream::operator>>(long& value) {
-  std::int32_t low = 0;
-  if (read(&low, sizeof low, 1) == sizeof low)
+namespace {
+
+// A short read changes nothing. A stream that does not count what it moves is known by what it has
+// stored.
+template <typename Low, typename Value>
+void readLow(VarnInputObjectStream& stream, Value& value) {
+  const Low before = static_cast<Low>(value);
+  Low low = before;
+  const unsigned moved = stream.read(&low, sizeof low, 1);
+  if (moved >= sizeof low || (moved == 0 && low != before))
     value = low;
+}
+
+}  // namespace
+
+VarnInputObjectStream& VarnInputObjectStream::operator>>(long& value) {
+  readLow<std::int32_t>(*this, value);
   return *this;
 }
 
 VarnInputObjectStream& VarnInputObjectStream::operator>>(unsigned long& value) {
-  std::uint32_t low = 0;
-  if (read(&low, sizeof low, 1) == sizeof low)
-    value = low;
+  readLow<std::uint32_t>(*this, value);
   return *this;
 }
 

@@ -4,8 +4,9 @@
 // shift, the block is steady and answered from here; all others go to the system.
 //
 // This is exact because no zone changes twice within a day (the closest changes on record are four
-// days apart), and because shifts are below two days: whatever has a given local time then lies
-// within the days that were asked for, so that mktime() has no choice to make either.
+// days apart; rules that TZ itself spells out may be closer, and are left to the system), and
+// because shifts are below two days: whatever has a given local time then lies within the days that
+// were asked for, so that mktime() has no choice to make either.
 //
 // A steady block costs a look at TZ and some twenty instructions, another one what the system asks.
 #include "LocalTime.h"
@@ -130,7 +131,7 @@ void Zone::refresh() {
   m_bNamed = name != nullptr;
   m_nLookedAt = now.tv_sec;
   const std::size_t length = m_bNamed ? std::strlen(name) : 0;
-  m_bKnown = length < m_aName.size();
+  m_bKnown = length < m_aName.size() && (!m_bNamed || std::strchr(name, ',') == nullptr);
   if (m_bNamed && m_bKnown)
     std::memcpy(m_aName.data(), name, length + 1);
 }

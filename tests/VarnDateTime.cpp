@@ -238,9 +238,11 @@ TEST(VarnDateTime, TextsFollowTheTimeAndTheZoneOfTheMoment) {
   EXPECT_EQ(date.toString(classic), L"Sun Nov  6 08:49:37 1994");
   EXPECT_EQ(date.toGMTString(), L"Sat Nov  5 21:49:37 1994");
   const std::time_t inSydney = date.getTime();
-  for (const auto& [zone, hours] : {std::pair{"Europe/Berlin", 10}, {"UTC", 11}, {"EST5", 16}}) {
+  for (const auto& [zone, hours] :
+       {std::pair{"Europe/Berlin", 10}, {"UTC", 11}, {"EST5", 16}, {"AAA0BBB,309/0,309/12", 10}}) {
     setZone(zone);
-    EXPECT_EQ(date.getTime() - inSydney, hours * 3600) << zone;
+    for (int asked = 0; asked < 3; ++asked)
+      EXPECT_EQ(date.getTime() - inSydney, hours * 3600) << zone;
   }
   setZone("Australia/Sydney");
   EXPECT_EQ(date.getTime(), inSydney);

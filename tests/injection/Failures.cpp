@@ -6,6 +6,8 @@
 
 #include "TestTools.h"
 
+extern "C" void letCallsSucceed();  // also when the counts of covered lines are written
+
 namespace {
 
 constinit std::atomic<int> everyOf[2] = {0, 0};  // by kind; 0: none fails
@@ -60,14 +62,16 @@ Failures::Failures(tKind kind, int every) {
   everyOf[kind] = every;
 }
 
-Failures::~Failures() {
-  for (auto& every : everyOf)
-    every = 0;
-}
+Failures::~Failures() { letCallsSucceed(); }
 
 int Failures::count() { return failed; }
 
 extern "C" {
+
+void letCallsSucceed() {
+  for (auto& every : everyOf)
+    every = 0;
+}
 
 // Behind another malloc() the sanitizers do not start, and they use pipe() for checks of their own.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

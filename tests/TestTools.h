@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -176,6 +177,10 @@ inline bool areAllReaped() {
   return g_vExitThreads.empty();
 }
 
+inline bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
 class TempFolder {
  public:
   TempFolder() {
@@ -213,10 +218,10 @@ inline int entriesIn(const std::string& folder) {
 // The threads of this process. ThreadSanitizer's own one starts with the first.
 inline int threadCount() { return entriesIn("/proc/self/task") + (kThreadSanitizer ? 1 : 0); }
 
-// Whether a thread of this process sleeps.
+// Whether a thread of this process sleeps until another wakes it.
 inline bool isAsleep(pid_t thread) {
-  return contentsOf("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") !=
-         std::string::npos;
+  return contentsOf("/proc/self/task/" + std::to_string(thread) + "/syscall")
+      .starts_with(std::to_string(SYS_futex) + ' ');
 }
 
 // Whether a process has ended, be it that nobody has waited for it yet.

@@ -20,10 +20,6 @@ Outcome hostwatch(const std::string& arguments, const std::string& environment =
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentsOf(folder / "output")};
 }
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 // The only log file of `folder` whose name begins with "log", once it holds `text`.
 std::string logWith(const TempFolder& folder, const std::string& text) {
   std::string log;

@@ -67,29 +67,72 @@ TEST(ProcessStress, AChildOfABusyProcessFindsEverythingUsable) {
     ASSERT_EQ(0, runInBareChild(useEverything)) << "child " << i;
 }
 
-TEST(ProcessStress, ADaemonOfABusyProcessTimesLogsAndStops) {
+TEST(ProcessStress, DaemonsOfBusyProcessesTimeLogAndStop) {
   if (kThreadSanitizer)
     return;
-  for (int i = 0; i < 10; ++i) {
-    TempFolder folder;
-    const std::string file = folder / "report";
-    EXPECT_EQ(0, runInChild([&]() -> int {
-                FileLog log(5);
-                const auto threads = load();
-                VarnTimer timer(1000, false);
-                timer.reset();
-                Service service;
-                const Observer stop(timer, [&] { service.stop(); });
-                service.start("", true);
-                timer.stopAndWait();
-                VarnLogRecord(5) << "the daemon ends";
-                const bool logged = log.texts().back() == "the daemon ends";
-                writeFile(file, logged && service.stops == 1 ? "good\n" : "bad\n");
-                _exit(0);  // the threads of the load are not here
-              }));
-    ASSERT_TRUE(eventually([&] { return !contentsOf(file).empty(); }));
-    EXPECT_EQ("good\n", contentsOf(file));
+  constexpr int kTogether = 25;  // they wait for their timers most of the time
+  for (int round = 0; round < 4; ++round) {
+    const TempFolder folder;
+    const auto report = [&](int daemon) { return folder / std::to_string(daemon); };
+    std::vector<pid_t> launchers;
+    for (int i = 0; i < kTogether; ++i)
+      launchers.push_back(startChild([&]() -> int {
+        setenv("TMPDIR", folder.path().c_str(), 1);
+        FileLog log(5);
+        const auto threads = load();
+        VarnTimer timer(1000, false);
+        timer.reset();
+        Service service;
+        const Observer stop(timer, [&] { service.stop(); });
+        service.start("", true);
+        timer.stopAndWait();
+        VarnLogRecord(5) << "the daemon ends";
+        // The launching process may still be logging, too.
+        const bool logged = contains(contentsOf(log.file()), "] the daemon ends\n");
+        writeFile(report(i), logged && service.stops == 1 ? "good\n" : "bad\n");
+        _exit(0);  // the threads of the load are not here
+      }));
+    for (int i = 0; i < kTogether; ++i) {
+      EXPECT_EQ(0, outcomeOf(launchers[static_cast<std::size_t>(i)]));
+      ASSERT_TRUE(eventually([&] { return !contentsOf(report(i)).empty(); }));
+      EXPECT_EQ("good\n", contentsOf(report(i)));
+    }
   }
+}
+
+// None of them is in the child: what they were about is done with there, and nobody waits for them.
+TEST(ProcessStress, AChildIsNotBoundToThreadsAndCallbacksThatItHasNot) {
+  if (kThreadSanitizer)
+    return;
+  std::atomic<int> entered{0};
+  std::atomic<bool> mayEnd{false};
+  const auto stay = [&] {
+    ++entered;
+    eventually([&] { return mayEnd.load(); });
+  };
+  struct Staying : VarnThread {
+    ~Staying() override { waitForThreadExit(); }
+    int run() override { return action(), 0; }
+    std::function<void()> action;
+  } staying, forking;
+  staying.action = stay;
+  staying.start();
+  VarnTimer timer(1, true);
+  const Observer callback(timer, stay);
+  timer.reset();
+  EXPECT_TRUE(eventually([&] { return entered == 2; }));
+  forking.action = [&] {
+    EXPECT_EQ(0, runInBareChild([&] {
+                timer.stopAndWait();
+                staying.waitForThreadExit();
+                staying.setMarkForKill();
+                staying.kill();
+                return useEverything();
+              }));
+  };
+  forking.start();
+  forking.waitForThreadExit();
+  mayEnd = true;
 }
 
 TEST(ProcessStress, ADaemonThatForksOnceMoreInItsStartHookStops) {
@@ -257,6 +300,9 @@ TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
         };
         (new Worker)->start();
       }};
-  for (int i = 0; i < 20; ++i)
-    EXPECT_EQ(7, runInChild([&] { return exitsAmongOthers(places[i % 4]); })) << i % 4;
+  const auto end = Clock::now() + stressTime(1);
+  do {
+    for (const auto& place : places)
+      EXPECT_EQ(7, runInChild([&] { return exitsAmongOthers(place); })) << &place - places;
+  } while (Clock::now() < end);
 }

@@ -6,7 +6,7 @@ using namespace TestTools;
 namespace {
 
 constexpr int kStarters = 4;
-constexpr int kProgramsEach = 50;
+constexpr int kProgramsEach = 125;
 
 void logALittle() {
   for (int i = 0; i < 20; ++i)
@@ -42,7 +42,7 @@ TEST(VarnProcessStress, EveryProgramComesBackWhileOthersLogAllocateAndFork) {
                                  repeating(forkALittle)};
     onThreads(kStarters, [&](int starter) {
       for (int i = 0; i < kProgramsEach; ++i) {
-        const int code = 1 + starter * kProgramsEach + i;
+        const int code = 1 + (starter * kProgramsEach + i) % 255;
         const std::string command = "/bin/sh -c \"exit " + std::to_string(code) + '"';
         int status = -1;
         int child = -1;

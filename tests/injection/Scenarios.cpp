@@ -9,7 +9,7 @@ using namespace TestTools;
 namespace {
 
 constexpr int kLargestStep = 200;
-constexpr std::size_t kAtOnce = 64;
+constexpr std::size_t kAtOnce = 128;
 
 void require(bool holds, const char* rule) {
   if (holds)
@@ -19,12 +19,15 @@ void require(bool holds, const char* rule) {
 }
 
 // Uses a family, first with failures, which may come out as these two kinds of exceptions, then on
-// another thread without any.
-template <typename Scenario>
+// another thread without any. The process may split before it does so.
+template <typename Scenario, bool kForks = false>
 int useTwice(Failures::tKind kind, int every) {
   Scenario scenario;
+  pid_t child = 0;
   try {
     const Failures failures(kind, every);
+    if (kForks)
+      child = fork();
     scenario.use();
   } catch (const std::bad_alloc&) {
   } catch (const VarnException&) {
@@ -33,11 +36,16 @@ int useTwice(Failures::tKind kind, int every) {
   std::thread([&] { scenario.use(); }).join();
   if constexpr (requires { scenario.check(); })
     scenario.check();
-  return 0;
+  if (!kForks)
+    return 0;
+  if (child == 0)
+    _exit(0);  // the parent removes what both have used
+  return child < 0 ? 0 : outcomeOf(child);
 }
 
 // Runs the cases of one scenario, several at once.
 void runAll(const std::function<int(Failures::tKind, int)>& runCase) {
+  const TempFolder folder;  // cases need not clear up
   std::deque<std::pair<std::string, pid_t>> running;
   const auto finishFirst = [&] {
     EXPECT_EQ(0, outcomeOf(running.front().second)) << running.front().first;
@@ -49,7 +57,10 @@ void runAll(const std::function<int(Failures::tKind, int)>& runCase) {
         finishFirst();
       const std::string name =
           std::to_string(every) + (kind == Failures::MEMORY ? ". allocation" : ". system call");
-      running.emplace_back(name, startBareChild([&] { return runCase(kind, every); }));
+      running.emplace_back(name, startBareChild([&] {
+                             setenv("TMPDIR", folder.path().c_str(), 1);
+                             return runCase(kind, every);
+                           }));
     }
   }
   while (!running.empty())
@@ -133,13 +144,31 @@ struct Log {
     VarnLogRecord(5) << "the log goes on";
     bool found = false;
     for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
-      found |= contentsOf(entry.path().string()).ends_with("] the log goes on\n");
+      found |= contains(contentsOf(entry.path().string()), "] the log goes on\n");
     require(found, "a record comes out");
   }
 
   TempFolder folder;
   VarnLogging log{folder / "test", VarnLogging::kToFile, 9};
   const bool registered = (VarnLogging::setInstance(log), true);
+};
+
+// What a process has when it goes to the background.
+struct Daemon {
+  Daemon() { timers.timer.reset(); }
+  void use() {
+    timers.use();
+    log.use();
+    threads.use();
+  }
+  void check() {
+    timers.check();
+    log.check();
+  }
+
+  Log log;
+  Timers timers;
+  Threads threads;
 };
 
 struct Properties {
@@ -274,6 +303,7 @@ TEST(FailureInjection, LeavesPropertiesAndOptionsWhole) { runAll(useTwice<Proper
 TEST(FailureInjection, LeavesPatternsAndTextsUsable) { runAll(useTwice<Texts>); }
 TEST(FailureInjection, LeavesStreamsAndTreesUsable) { runAll(useTwice<Streams>); }
 TEST(FailureInjection, LeavesProcessesStartable) { runAll(useTwice<Processes>); }
+TEST(FailureInjection, LeavesBothSidesOfAForkUsable) { runAll(useTwice<Daemon, true>); }
 
 TEST(FailureInjection, LeavesAServiceThatStops) {
   for (const bool daemonize : {false, true})

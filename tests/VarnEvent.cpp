@@ -78,7 +78,7 @@ TEST(VarnEvent, TellsDependentsBeforeItWakesWaiters) {
 
 TEST(VarnEvent, SendsAndReclaimsWhatADerivedEventCreates) {
   struct Rich : VarnEvent {
-    VarnNotification* createNotification() override { return new VarnNotification(42); }
+    VarnNotification* createNotification() override { return new PropertyChanged("level"); }
     void destroyNotification(VarnNotification* notification) override {
       ++reclaimed;
       VarnEvent::destroyNotification(notification);
@@ -86,7 +86,8 @@ TEST(VarnEvent, SendsAndReclaimsWhatADerivedEventCreates) {
     int reclaimed = 0;
   } event;
   const Observer observer(event, [](const auto&, const VarnNotification& notification) {
-    EXPECT_EQ(42, notification.getId());
+    EXPECT_EQ(2, notification.getId());
+    EXPECT_EQ("level", dynamic_cast<const PropertyChanged&>(notification).getName());
   });
   event.set();
   EXPECT_EQ(1, observer.calls);

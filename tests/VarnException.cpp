@@ -48,6 +48,13 @@ TEST(VarnException, FormatsItsMessagesNewestFirst) {
   exception.popMessage();
   EXPECT_EQ(exception.getFormattedMessages(), L"");
   EXPECT_EQ(exception.getText(), "new");
+  exception.pushMessage(L"kept");
+  VarnException other(7);
+  other = exception;
+  other.setText(L"\u20AC");
+  other.setCode(3);
+  EXPECT_EQ(other.getText() + std::to_string(other.getCode()), " 3");
+  EXPECT_EQ(other.getFormattedMessages(), L"kept");
   EXPECT_EQ(VarnException(7).getFormattedMessages(), L"");
 }
 

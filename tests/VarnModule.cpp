@@ -67,11 +67,13 @@ TEST(VarnModule, TheGlobalSectionIsPublishedAndCleared) {
 
 TEST(VarnModule, TimersEndWithTheLibraryAndDoNotComeBack) {
   EXPECT_EQ(0, runInChild([] {
-              g_ModuleData.detach();
-              g_ModuleData.attach();
               VarnTimer timer(1000, true);
               timer.reset();
+              g_ModuleData.detach();
+              g_ModuleData.attach();
               timer.stop();
+              timer.reset();
+              timer.start(1, false);
               const std::string refusal = resultOf([] { VarnTimerManager::getInstance(); });
               return refusal == "VarnTimerManager::getInstance: Exiting system" ? 0 : 1;
             }));

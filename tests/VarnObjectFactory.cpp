@@ -164,6 +164,20 @@ TEST(VarnLibrary, APlugInAddsItsClassesWhileItIsLoaded) {
   EXPECT_EQ(nullptr, dlopen(VSUPT_TEST_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
 }
 
+TEST(VarnLibrary, CopiesHaveTheHandleAndCloseItOnceMore) {
+  for (int copies = 0; copies < 2; ++copies)
+    dlopen(VSUPT_TEST_PLUGIN, RTLD_NOW);
+  {
+    const VarnLibrary library(VSUPT_TEST_PLUGIN, true);
+    const VarnSmartPointer<VarnLibrary> assigned(new VarnLibrary("libc.so.6", true));
+    *assigned = library;
+    EXPECT_EQ(1, assigned->refCount());
+    void* const version = VarnLibrary(library).getProcAddr("greetingVersion");
+    EXPECT_TRUE(version != nullptr && version == assigned->getProcAddr("greetingVersion"));
+  }
+  EXPECT_EQ(nullptr, dlopen(VSUPT_TEST_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
+}
+
 TEST(VarnLibrary, OthersMayAskForItsClassesWhileItIsBeingLoaded) {
   std::atomic<int> made{0};
   std::mutex products;  // objects of the plug-in must be gone before it is

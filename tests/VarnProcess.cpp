@@ -82,6 +82,12 @@ TEST(VarnProcess, RemovesFolders) {
     EXPECT_EQ(0, code);
     EXPECT_FALSE(std::filesystem::exists(name));
   }
+  std::string text;
+  int code = 0;
+  VarnCreateDirectory("a/b");
+  EXPECT_FALSE(VarnRemoveDirectoryImpl("a/b/..", true, text, code));  // rm never removes that
+  EXPECT_EQ("VarnRemoveDirectory: Could not remove the directory a/b/..", text);
+  EXPECT_EQ(1, code);
   std::filesystem::current_path(before);
 }
 

@@ -1,3 +1,5 @@
+#include <sys/resource.h>
+
 #include "TestTools.h"
 
 using namespace TestTools;
@@ -106,6 +108,12 @@ TEST(VarnService, ADaemonReportsItsStartAndStopsOnSigterm) {
   const std::string file = folder / "daemon";
   EXPECT_EQ(0, runInChild([&] {
               Service service;
+              rlimit limit{};  // more descriptors than select() has room for
+              getrlimit(RLIMIT_NOFILE, &limit);
+              limit.rlim_cur = limit.rlim_max;
+              setrlimit(RLIMIT_NOFILE, &limit);
+              for (int last = 0; last >= 0 && last < FD_SETSIZE;)
+                last = dup(STDERR_FILENO);
               service.startHook = [&] {
                 append(file, std::to_string(getpid()));
                 append(file, getsid(0) == getpid() ? "own session" : "old session");

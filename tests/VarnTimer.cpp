@@ -41,7 +41,7 @@ TEST(VarnTimer, PeriodicTimersRepeatAndOneShotTimersDoNot) {
   Observer onNever(never);
   EXPECT_TRUE(once.isOneShot());
   periodic.reset();
-  once.reset();
+  VarnTimerManager::getInstance().add(once);
   stopped.start(0, 0, false);
   stopped.reset();
   never.reset();
@@ -118,7 +118,7 @@ TEST(VarnTimer, ACallbackThatThrowsDoesNotStopTheOthers) {
 TEST(VarnTimer, OverdueTimersArePassedOnATimerThread) {
   VarnTimer overdue;
   Observer onOverdue(
-      overdue, [self = pthread_self()] { EXPECT_FALSE(pthread_equal(self, pthread_self())); });
+      overdue, [self = VarnThread::getCurrentThreadId()] { EXPECT_NE(self, pthread_self()); });
   overdue.start(-5, 1, true);
   EXPECT_TRUE(eventually([&] { return onOverdue.calls == 1; }));
 }

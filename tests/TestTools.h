@@ -26,6 +26,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <latch>
 #include <list>
 #include <map>
 #include <memory>
@@ -37,9 +38,7 @@
 
 #include "VarnSupport/VarnSupport.h"
 
-namespace TestTools {
-
-using namespace VarnSupport;  // for those who use this namespace, too
+using namespace VarnSupport;
 
 using Clock = std::chrono::steady_clock;
 
@@ -296,7 +295,5 @@ class FileLog {
   TempFolder m_oFolder;
   VarnLogging m_oLog;
 };
-
-}  // namespace TestTools
 
 #endif

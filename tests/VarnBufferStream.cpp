@@ -1,7 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 std::string bytesOf(const void* bytes, std::size_t size) {

@@ -1,28 +1,8 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
-// Writes its name, then does what the case wants.
-class Named : public VarnDependent {
- public:
-  Named(char name, VarnCollaborator& source, std::string& calls) : m_cName(name), m_sCalls(calls) {
-    source.addDependent(*this);
-  }
-  void handleNotification(VarnCollaborator& source, const VarnNotification&) override {
-    m_sCalls += m_cName;
-    if (action)
-      action(source);
-  }
-
-  std::function<void(VarnCollaborator&)> action;
-
- private:
-  char m_cName;
-  std::string& m_sCalls;
-};
-
+// Three observers that write their names, then do what the case wants.
 class VarnCollaboratorTest : public testing::Test {
  protected:
   std::string notify() {
@@ -30,12 +10,18 @@ class VarnCollaboratorTest : public testing::Test {
     source->notify(VarnNotification());
     return calls;
   }
+  void called(char name) {
+    calls += name;
+    if (const auto& action = actions[name])
+      action();
+  }
 
   std::string calls;
+  std::map<char, std::function<void()>> actions;
   std::unique_ptr<VarnCollaborator> source = std::make_unique<VarnCollaborator>();
-  Named a{'a', *source, calls};
-  Named b{'b', *source, calls};
-  Named c{'c', *source, calls};
+  Observer a{*source, [this] { called('a'); }};
+  Observer b{*source, [this] { called('b'); }};
+  Observer c{*source, [this] { called('c'); }};
 };
 
 }  // namespace
@@ -50,31 +36,25 @@ TEST_F(VarnCollaboratorTest, CallsInOrderAndAsOftenAsAdded) {
 }
 
 TEST_F(VarnCollaboratorTest, RemovingOneselfSkipsTheNextInThatWalk) {
-  a.action = [&](VarnCollaborator& s) { s.removeDependent(a); };
+  actions['a'] = [&] { source->removeDependent(a); };
   EXPECT_EQ("ac", notify());
   EXPECT_EQ("bc", notify());
 }
 
 TEST_F(VarnCollaboratorTest, AddedDuringTheWalkIsCalledInIt) {
   VarnCollaborator elsewhere;
-  Named d('d', elsewhere, calls);
-  c.action = [&](VarnCollaborator& s) { s.addDependent(d); };
+  Observer d(elsewhere, [&] { called('d'); });
+  actions['c'] = [&] { source->addDependent(d); };
   EXPECT_EQ("abcd", notify());
   source->removeDependent(d);
 }
 
-TEST_F(VarnCollaboratorTest, AWalkEndsWhenACallbackDestroysTheSource) {
-  b.action = [&](VarnCollaborator&) { source.reset(); };
-  EXPECT_EQ("ab", notify());
-  EXPECT_EQ(nullptr, source);
-}
-
 TEST_F(VarnCollaboratorTest, NestedWalksBothEndWhenTheSourceGoes) {
-  a.action = [&](VarnCollaborator& s) {
-    a.action = nullptr;
-    s.notify(VarnNotification());
+  actions['a'] = [&] {
+    if (calls == "a")
+      source->notify(VarnNotification());
   };
-  b.action = [&](VarnCollaborator&) { source.reset(); };
+  actions['b'] = [&] { source.reset(); };
   EXPECT_EQ("aab", notify());
 }
 

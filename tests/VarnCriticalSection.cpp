@@ -1,7 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 // What another thread gets from a try.

@@ -1,7 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 constexpr char kInvalid[] = "Input does not compute to a valid DateTime object";

@@ -1,14 +1,11 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
-// Sets events again and again: a set that finds nobody is not remembered.
-std::jthread setting(std::vector<VarnEvent*> events) {
-  return repeating([events] {
-    for (VarnEvent* const event : events)
-      event->set();
+// Sets an event again and again: a set that finds nobody is not remembered.
+std::jthread setting(VarnEvent& event) {
+  return repeating([&] {
+    event.set();
     sleepMs(1);
   });
 }
@@ -38,7 +35,7 @@ TEST(VarnEvent, WaitsForTheNextSetAndForgetsEarlierOnes) {
   }
   EXPECT_FALSE(woken);
   {
-    const auto setter = setting({&event});
+    const auto setter = setting(event);
     EXPECT_TRUE(eventually([&] { return woken.load(); }));
   }
   waiter.join();
@@ -71,7 +68,7 @@ TEST(VarnEvent, TellsDependentsBeforeItWakesWaiters) {
     EXPECT_EQ(1, notification.getId());
     sleepMs(20);
   });
-  const auto setter = setting({&event});
+  const auto setter = setting(event);
   event.wait(-1);
   EXPECT_GE(observer.calls, 1);
 }
@@ -102,20 +99,6 @@ TEST(VarnEvent, MayBeDestroyedByItsOwnDependent) {
   event->set();
   EXPECT_EQ(nullptr, event);
   EXPECT_EQ(0, never.calls);
-}
-
-TEST(VarnEvent, WaitsForAllOrTheFirstOfSeveral) {
-  VarnEvent events[3];
-  std::vector<VarnEvent*> pointers{&events[0], &events[1], &events[2]};
-  {
-    const auto setter = setting({&events[1]});
-    EXPECT_EQ(1, VarnEvent::wait(3, events, false, -1));
-  }
-  const auto setter = setting(pointers);
-  EXPECT_EQ(0, VarnEvent::wait(pointers, true, -1));
-  // Finite waits end at once.
-  EXPECT_EQ(0, VarnEvent::wait(3, events, true, 20000));
-  EXPECT_GE(VarnEvent::wait(3, events, false, 20000), 0);
 }
 
 TEST(VarnEvent, AnEmptySetOfEventsIsCompleteAtOnceButHasNoFirst) {

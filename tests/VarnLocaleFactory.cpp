@@ -1,7 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 // Runs `body` with locales under names of our own: each is the platform's C.utf8. In a child, since

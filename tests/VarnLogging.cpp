@@ -2,8 +2,6 @@
 
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 using Lines = std::vector<std::string>;

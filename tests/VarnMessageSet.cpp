@@ -1,7 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 TEST(VarnMessageSet, LaterFilesOverwriteAndOnlyTheCountryMayBeMissing) {
   const TempFolder folder;
   const std::string base = folder / "msg";

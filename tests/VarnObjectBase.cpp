@@ -1,7 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 class Counted : public VarnObjectBase {
@@ -18,18 +16,6 @@ class Counted : public VarnObjectBase {
 int Counted::alive = 0;
 
 using Pointer = VarnSmartPointer<Counted>;
-
-// The shared library itself exports the members of VarnSmartPointer<T> for each class.
-template <typename... T>
-void libraryCarriesPointersTo() {
-  void* const library = dlopen("libvsupt.so.1", RTLD_NOW | RTLD_NOLOAD);
-  for (const char* const name : {typeid(T).name()...}) {
-    const std::string inNamespace = name + std::strlen("N11VarnSupport");
-    const std::string member =
-        "_ZN11VarnSupport16VarnSmartPointerINS_" + inNamespace + "E12getOwnershipEv";
-    EXPECT_NE(nullptr, dlsym(library, member.c_str())) << name;
-  }
-}
 
 }  // namespace
 
@@ -120,12 +106,6 @@ TEST(VarnSmartPointer, SharesAndReleases) {
   }
   EXPECT_EQ(0, Counted::alive);
   EXPECT_EQ(nullptr, empty.getOwnership());
-}
-
-TEST(VarnSmartPointer, IsExportedForTheLibrarysOwnKindsOfObjects) {
-  libraryCarriesPointersTo<VarnObjectBase, VarnLibrary, VarnProperties<std::string>, VarnThread,
-                           VarnThread::VarnRunnable, VarnTreeNode, VarnWorkInformation,
-                           LockImplementation, RwLockImplementation>();
 }
 
 TEST(VarnSmartPointer, MayBeAssignedFromTheObjectItReleases) {

@@ -1,7 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 bool take(VarnCriticalSectionObject& lock) { return lock.testAndSet(); }

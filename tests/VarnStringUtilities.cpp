@@ -1,6 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
 using Tokens = std::vector<std::string>;
 
 namespace {

@@ -1,7 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 using Interval = VarnTimer::TimeInterval;
 
 TEST(VarnTimer, IntervalsNormalizeByTruncation) {

@@ -1,7 +1,5 @@
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 std::string shown(const std::vector<std::pair<VarnVersion, VarnVersion>>& ranges) {

@@ -41,7 +41,7 @@ TEST(Allocations, AreCounted) {
 }
 
 TEST(Allocations, HotPathsMakeNone) {
-  const TestTools::FileLog log(5);
+  const FileLog log(5);
   const std::string component("Worker");
   EXPECT_EQ(0, allocationsOf([&] {
               VarnLogRecord(component, 5) << "started " << 42 << " jobs in " << 1.5 << " seconds";

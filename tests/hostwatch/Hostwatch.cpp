@@ -3,8 +3,6 @@
 
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 struct Outcome {

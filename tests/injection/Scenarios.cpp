@@ -4,8 +4,6 @@
 #include "Failures.h"
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 constexpr int kLargestStep = 200;

@@ -1,8 +1,6 @@
 // Timers on a clock that is set, and in a process that is stopped for a while.
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 std::atomic<long> clockOffset{0};

@@ -1,8 +1,6 @@
 // Whole records under load, while targets and levels change.
 #include "TestTools.h"
 
-using namespace TestTools;
-
 TEST(LogStress, RecordsOfManyThreadsAreWholeCompleteAndInOrder) {
   constexpr int kThreads = 8;
   const int records = kInstrumented ? 2000 : 12500;

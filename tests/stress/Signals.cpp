@@ -1,8 +1,6 @@
 // Storms of the library's own signals, from inside and outside the process.
 #include "TestTools.h"
 
-using namespace TestTools;
-
 namespace {
 
 constexpr int kSignals = 20000;

@@ -1,8 +1,6 @@
 // Timers that are started, stopped and destroyed while they fire, on many threads.
 #include "TestTools.h"
 
-using namespace TestTools;
-
 TEST(TimerStress, LivesThroughAnyOrderOfOperations) {
   const auto end = Clock::now() + stressTime();
   Observer counter;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # test-packages.sh FOLDER installs the packages of FOLDER into a root of their own, builds the first
-# program of the README against them with pkg-config and with CMake, and runs hostwatch.
+# program of the README against them with pkg-config and with CMake, runs hostwatch, and looks for
+# what else they are to bring.
 set -euo pipefail
 packages=$(cd "$1" && pwd)
 source=$(cd "$(dirname "$0")/.." && pwd)
@@ -30,3 +31,9 @@ greets "$work/build/greeter"
 "$work/root/usr/bin/hostwatch" --once --config="$work/root/etc/hostwatch/hostwatch.conf" \
   --plugin=hostwatch_lines >"$work/out" || [ $? -eq 1 ]
 grep -q '^load ' "$work/out"
+
+for file in lib/systemd/system/hostwatch.service usr/share/man/man1/hostwatch.1.gz \
+  usr/share/man/man7/vsupt.7.gz usr/share/doc/libvsupt-dev/docs/guide.md \
+  usr/share/doc/libvsupt-dev/html/index.html; do
+  [ -e "$work/root/$file" ] || { echo "no package has $file" >&2; exit 1; }
+done

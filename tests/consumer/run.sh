@@ -33,3 +33,5 @@ mkdir "$work/consumer"
 cp "$source/tests/consumer/CMakeLists.txt" "$work/first.cpp" "$work/consumer"
 quietly cmake -S "$work/consumer" -B "$work/sub" -G Ninja -DVSUPT_SOURCE="$source"
 quietly cmake --build "$work/sub"
+quietly cmake --install "$work/sub" --prefix "$work/brought"
+[ ! -e "$work/brought" ] || { echo 'the subproject installs something' >&2; exit 1; }

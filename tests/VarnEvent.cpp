@@ -56,7 +56,7 @@ TEST(VarnEvent, WakesWhoeverWaitsOnItsHandle) {
     woken = true;
   });
   {
-    const auto setter = setting({&event});
+    const auto setter = setting(event);
     EXPECT_TRUE(eventually([&] { return woken.load(); }));
   }
   waiter.join();

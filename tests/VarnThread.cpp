@@ -130,7 +130,7 @@ TEST(VarnThread, AllWaitersAreToldOfTheEndOfAThreadThatDeletesItself) {
     });
     EXPECT_TRUE(eventually([&] { return sleepers[i] != 0 && isAsleep(sleepers[i]); }));
   }
-  gate.open();
+  gate.count_down();
   waiters.clear();
   EXPECT_EQ(7, told);
 }

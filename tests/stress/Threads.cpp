@@ -80,7 +80,7 @@ TEST(ThreadStress, WaitsForAllAndForTheFirstOfSixteen) {
     std::vector<std::unique_ptr<Brief>> threads;
     std::vector<VarnThread*> pointers;
     for (unsigned i = 0; i < 16; ++i) {
-      threads.push_back(std::make_unique<Brief>(2000000 + i * 100));
+      threads.push_back(std::make_unique<Brief>(6000000 + i * 100));
       pointers.push_back(threads.back().get());
       pointers.back()->start();
     }

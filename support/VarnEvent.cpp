@@ -53,8 +53,9 @@ constinit thread_local SpareMemoryOwner t_oSpareMemoryOwner;
 // The condition and the mutex come first: getHandle() hands out their address.
 //
 // The number that each set() raises and the count of sleeping threads share a word. A set() that
-// finds nobody asleep ends with one exchange and touches the event no more: a waiter that sees it
-// may return and destroy the event at once. All else happens under the mutex.
+// finds nobody asleep is one exchange and touches the event no more: a waiter that sees it
+// may return and destroy the event at once. All else happens under the mutex. Who waits on what
+// getHandle() gave out is not counted; a bit of the word says that there may be some.
 struct VarnEvent::State {
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -63,16 +64,18 @@ struct VarnEvent::State {
   // more while they are being renewed.
   std::atomic<std::uint32_t> owner{g_nForks * 2};
 
-  static constexpr std::uint64_t kSleepers = (std::uint64_t{1} << 20) - 1;
-  static constexpr std::uint64_t kOneSet = kSleepers + 1;
+  static constexpr std::uint64_t kHandedOut = std::uint64_t{1} << 19;
+  static constexpr std::uint64_t kSleepers = kHandedOut - 1;
+  static constexpr std::uint64_t kOneSet = kHandedOut * 2;
 
   ~State() {
     pthread_cond_destroy(&condition);
     pthread_mutex_destroy(&mutex);
   }
 
-  std::uint64_t number() const { return word.load(std::memory_order_acquire) & ~kSleepers; }
+  std::uint64_t number() const { return word.load(std::memory_order_acquire) & -kOneSet; }
   bool hasSleepers() const { return (word.load(std::memory_order_relaxed) & kSleepers) != 0; }
+  bool mayHaveSleepers() const { return word.load(std::memory_order_relaxed) % kOneSet != 0; }
 
   // Sleepers that a fork left behind would hold up the broadcasts of the child, for good. Tickets
   // stay good: the number goes on.
@@ -95,9 +98,7 @@ struct VarnEvent::State {
   void raise() {
     renewAfterFork();
     std::uint64_t seen = word.load(std::memory_order_relaxed);
-    while ((seen & kSleepers) == 0) {
-      // For whoever waits on what getHandle() gave out and is not counted.
-      pthread_cond_broadcast(&condition);
+    while (seen % kOneSet == 0) {
       if (word.compare_exchange_weak(seen, seen + kOneSet, std::memory_order_release,
                                      std::memory_order_relaxed))
         return;
@@ -110,7 +111,10 @@ struct VarnEvent::State {
 
   // Under the mutex, so that no sleeper can return and destroy the event before this is done with
   // it.
-  void wakeLocked() { pthread_cond_broadcast(&condition); }
+  void wakeLocked() {
+    if (mayHaveSleepers())
+      pthread_cond_broadcast(&condition);
+  }
 
   void wakeSleepers() {
     renewAfterFork();
@@ -213,7 +217,7 @@ void VarnEvent::reset() {
   const CancellationGuard closed;
   m_pState->renewAfterFork();
   pthread_mutex_lock(&m_pState->mutex);
-  if (!m_pState->hasSleepers())
+  if (!m_pState->mayHaveSleepers())
     pthread_cond_init(&m_pState->condition, nullptr);
   pthread_mutex_unlock(&m_pState->mutex);
 }
@@ -240,6 +244,7 @@ int VarnEvent::wait(int timeoutMs) {
 
 void* VarnEvent::getHandle() {
   m_pState->renewAfterFork();
+  m_pState->word.fetch_or(State::kHandedOut, std::memory_order_relaxed);
   return m_pState;
 }
 

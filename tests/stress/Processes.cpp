@@ -84,10 +84,7 @@ TEST(ProcessStress, EveryProgramComesBackWhileOthersLogAllocateAndFork) {
   EXPECT_EQ(kPrograms, right);
 }
 
-// ThreadSanitizer cannot start threads in the child of a process that had some.
-TEST(ProcessStress, AChildOfABusyProcessFindsEverythingUsable) {
-  if (kThreadSanitizer)
-    return;
+TEST(ForkStress, AChildOfABusyProcessFindsEverythingUsable) {
   FileLog log(5);
   VarnTimer running(1000, false);
   running.reset();
@@ -96,9 +93,7 @@ TEST(ProcessStress, AChildOfABusyProcessFindsEverythingUsable) {
     ASSERT_EQ(0, runInBareChild(useEverything)) << "child " << i;
 }
 
-TEST(ProcessStress, DaemonsOfBusyProcessesTimeLogAndStop) {
-  if (kThreadSanitizer)
-    return;
+TEST(ForkStress, DaemonsOfBusyProcessesTimeLogAndStop) {
   constexpr int kTogether = 25;  // they wait for their timers most of the time
   for (int round = 0; round < 4; ++round) {
     const TempFolder folder;
@@ -131,9 +126,7 @@ TEST(ProcessStress, DaemonsOfBusyProcessesTimeLogAndStop) {
 }
 
 // None of them is in the child: what they were about is done with there, and nobody waits for them.
-TEST(ProcessStress, AChildIsNotBoundToThreadsAndCallbacksThatItHasNot) {
-  if (kThreadSanitizer)
-    return;
+TEST(ForkStress, AChildIsNotBoundToThreadsAndCallbacksThatItHasNot) {
   std::atomic<int> entered{0};
   std::atomic<bool> mayEnd{false};
   const auto stay = [&] {
@@ -165,9 +158,7 @@ TEST(ProcessStress, AChildIsNotBoundToThreadsAndCallbacksThatItHasNot) {
   mayEnd = true;
 }
 
-TEST(ProcessStress, ADaemonThatForksOnceMoreInItsStartHookStops) {
-  if (kThreadSanitizer)
-    return;
+TEST(ForkStress, ADaemonThatForksOnceMoreInItsStartHookStops) {
   TempFolder folder;
   const std::string file = folder / "daemon";
   struct Forking : Service {
@@ -210,9 +201,7 @@ TEST(ProcessStress, AServiceThatIsStoppingGoesInAChild) {
 
 // The thread that makes it is kept from going on until the fork is under way, and uses it all the
 // time from then on.
-TEST(ProcessStress, ATimerManagerMadeDuringAForkDoesNotLockUpTheChild) {
-  if (kThreadSanitizer)
-    return;
+TEST(ForkStress, ATimerManagerMadeDuringAForkDoesNotLockUpTheChild) {
   for (int i = 0; i < 10; ++i) {
     ASSERT_EQ(0, runInBareChild([] {
                 static std::atomic<bool> holding{false};

@@ -22,7 +22,10 @@ std::string barOf(const Sample& sample, const Settings& settings) {
   return "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '-') + "]";
 }
 
-bool isColoured() { return isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr; }
+bool isColoured() {
+  const char* const refused = std::getenv("NO_COLOR");
+  return isatty(STDOUT_FILENO) != 0 && (refused == nullptr || *refused == '\0');
+}
 
 std::string quoted(const std::string& text) {
   std::string result = "\"";

@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <exception>
 
@@ -40,7 +41,9 @@ SamplePointer takeSample(Probe& probe, const Settings& settings) {
   sample->name = probe.name;
   sample->unit = probe.unit;
   try {
-    sample->value = probe.measure(settings.properties());
+    sample->value = probe.measure(settings.expanded());
+    if (!std::isfinite(sample->value))
+      sample->error = "no number";
   } catch (const VarnException& error) {
     sample->error = error.getText();
   } catch (const std::exception& error) {
@@ -115,6 +118,10 @@ int Judge::run() {
 
 // Each crossing is told once: when it happens, and when it is over.
 void Judge::judge(const Sample& sample) {
+  m_vAlertProcesses.erase(
+      std::remove_if(m_vAlertProcesses.begin(), m_vAlertProcesses.end(),
+                     [](int process) { return waitpid(process, nullptr, WNOHANG) != 0; }),
+      m_vAlertProcesses.end());
   if (!sample.error.empty()) {
     if (m_vFailing.insert(sample.name).second)
       VarnLogRecord(kComponent, kCrossing)
@@ -143,11 +150,7 @@ void Judge::judge(const Sample& sample) {
 }
 
 void Judge::alert(const Sample& sample, const std::string& limit) {
-  m_vAlertProcesses.erase(
-      std::remove_if(m_vAlertProcesses.begin(), m_vAlertProcesses.end(),
-                     [](int process) { return waitpid(process, nullptr, WNOHANG) != 0; }),
-      m_vAlertProcesses.end());
-  Properties properties(m_oSettings.properties());
+  Properties properties(m_oSettings.expanded());
   properties.setProperty("name", sample.name);
   properties.setProperty("value", format(sample.value) + sample.unit);
   properties.setProperty("limit", limit);

@@ -3,10 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
+#include <initializer_list>
 
 using namespace VarnSupport;
 
@@ -17,11 +18,11 @@ namespace {
 bool toNumber(const std::string& text, double& number) {
   char* end = nullptr;
   number = std::strtod(text.c_str(), &end);
-  return !text.empty() && *end == '\0';
+  return !text.empty() && *end == '\0' && std::isfinite(number);
 }
 
-template <typename Value>
-bool contains(const std::vector<Value>& values, const Value& value) {
+template <typename Values>
+bool contains(const Values& values, const std::string& value) {
   return std::find(values.begin(), values.end(), value) != values.end();
 }
 
@@ -38,12 +39,8 @@ std::vector<std::string> referencesIn(const std::string& text) {
   return names;
 }
 
-// The number of the line that begins with `setting`; 0 when there is none.
-std::size_t lineOf(const std::string& setting, const std::vector<std::string>& lines) {
-  const auto line = std::find_if(lines.begin(), lines.end(), [&](const std::string& candidate) {
-    return candidate.rfind(setting, 0) == 0;
-  });
-  return line == lines.end() ? 0 : static_cast<std::size_t>(line - lines.begin()) + 1;
+bool isOneOf(const std::string& name, std::initializer_list<const char*> names) {
+  return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 }  // namespace
@@ -51,6 +48,12 @@ std::size_t lineOf(const std::string& setting, const std::vector<std::string>& l
 Settings::Settings(const std::string& file) : m_sFile(file) {
   if (!m_oProperties.loadPropertiesImpl(file, '='))
     throw VarnException(file + ": cannot be read", 0);
+  std::ifstream stream(file);
+  for (std::string line; std::getline(stream, line);) {
+    if (!line.empty() && line.back() == '\r')
+      line.pop_back();
+    m_vLines.push_back(line);
+  }
   char host[256] = "";
   gethostname(host, sizeof host - 1);
   m_oProperties.setProperty("hostname", host);
@@ -58,53 +61,121 @@ Settings::Settings(const std::string& file) : m_sFile(file) {
 
 void Settings::set(const std::string& name, const std::string& value) {
   m_oProperties.setProperty(name, value);
+  m_vOnCommandLine.insert(name);
 }
 
 std::vector<std::string> Settings::faults() const {
-  std::vector<std::string> lines;
-  std::ifstream stream(m_sFile);
-  for (std::string line; std::getline(stream, line);)
-    lines.push_back(line);
-  std::multimap<std::size_t, std::string> faults;
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    if (!lines[i].empty() && lines[i][0] != '#' && lines[i].find('=') == std::string::npos)
-      faults.emplace(i + 1, "'" + lines[i] + "' is not NAME=VALUE");
-  }
-  const auto say = [&](const std::string& setting, const std::string& text) {
-    faults.emplace(lineOf(setting, lines), text);
-  };
+  std::vector<std::string> faults;
   if (probes().empty())
-    faults.emplace(0, m_sFile + " names no probe");
-  const auto known = VarnObjectFactory::getGlobalInstance()->getRegisteredClasses();
-  for (const std::string& probe : probes()) {
-    if (!contains(known, probe))
-      say("probe=" + probe, "there is no probe " + probe);
+    faults.push_back(m_sFile + " names no probe");
+  for (const std::string& name : m_vOnCommandLine) {
+    if (const std::string fault = faultOf(name, text(name)); !fault.empty())
+      faults.push_back(fault);
+  }
+  std::set<std::string> seen;
+  for (std::size_t i = 0; i < m_vLines.size(); ++i) {
+    const std::string& line = m_vLines[i];
+    const std::size_t end = line.find('=');
+    const std::string name = line.substr(0, end);
+    std::string fault;
+    if (line.empty() || line[0] == '#' || contains(m_vOnCommandLine, name))
+      continue;
+    if (end == std::string::npos)
+      fault = "'" + line + "' is not NAME=VALUE";
+    else if (!seen.insert(name == "probe" ? line : name).second)
+      fault = "'" + line + "' is not the first of its kind";
+    else
+      fault = faultOf(name, line.substr(end + 1));
+    if (!fault.empty())
+      faults.push_back(m_sFile + ':' + std::to_string(i + 1) + ": " + fault);
+  }
+  return faults;
+}
+
+std::string Settings::faultOf(const std::string& name, const std::string& value) const {
+  std::vector<std::string> path;
+  if (refersToItself(name, path))
+    return name + " refers to itself";
+  for (const std::string& reference : referencesIn(value)) {
+    if (m_oProperties.getPropertyValues(reference).empty() &&
+        std::getenv(reference.c_str()) == nullptr &&
+        !(name == "alert.command" && isOneOf(reference, {"name", "value", "limit"})))
+      return name + " refers to " + reference + ", which is not set";
+  }
+  if (name == "probe") {
+    const std::string probe = VarnExpandString(value, m_oProperties);
+    const auto known = VarnObjectFactory::getGlobalInstance()->getRegisteredClasses();
+    return contains(known, probe) ? "" : "there is no probe " + probe;
   }
   for (const Range& range : {kInterval, kLogLevel}) {
-    if (number(range))
-      continue;
-    const std::string setting = std::string(range.name) + '=' + text(range.name);
-    say(setting, setting + " is not a number from " + std::to_string(range.lowest) + " to " +
-                     std::to_string(range.highest));
+    if (name == range.name && !number(range))
+      return name + '=' + text(name) + " is not a number from " + std::to_string(range.lowest) +
+             " to " + std::to_string(range.highest);
   }
+  if (name == "requires")
+    return requirementFault();
+  if (!isSetting(name))
+    return "there is no setting '" + name + "'";
+  if (name.rfind("limit.", 0) == 0 && !limitOf(name.substr(6)))
+    return name + '=' + value + " is not a number";
+  return "";
+}
+
+// Besides those of hostwatch itself: limits, what a probe may read, and what others refer to.
+bool Settings::isSetting(const std::string& name) const {
+  if (isOneOf(name, {"title", "interval", "log.level", "log", "alert.command"}))
+    return true;
+  VarnObjectFactory& factory = *VarnObjectFactory::getGlobalInstance();
+  for (const std::string& className : factory.getRegisteredClasses()) {
+    const auto object = factory.construct(className);
+    const auto* const probe = dynamic_cast<const Probe*>(object.operator->());
+    if (probe != nullptr &&
+        (name == "limit." + probe->name || name.rfind(probe->name + '.', 0) == 0))
+      return true;
+  }
+  return std::any_of(m_vLines.begin(), m_vLines.end(),
+                     [&](const std::string& line) { return contains(referencesIn(line), name); });
+}
+
+std::vector<std::string> Settings::serviceFaults() const {
+  std::vector<std::string> faults;
+  if (const std::string log = text("log"); !log.empty()) {
+    const std::string folder = std::filesystem::absolute(log).parent_path().string();
+    if (access(folder.c_str(), W_OK | X_OK) != 0)
+      faults.push_back(faultAt("log", "cannot write a log to " + folder));
+  }
+  std::vector<std::string> command;
+  VarnParseCommandLine(text("alert.command"), command);
+  if (!command.empty() && access(command.front().c_str(), X_OK) != 0)
+    faults.push_back(faultAt("alert.command", "cannot run " + command.front()));
+  return faults;
+}
+
+std::string Settings::faultAt(const std::string& setting, const std::string& text) const {
+  const auto line = std::find_if(m_vLines.begin(), m_vLines.end(), [&](const std::string& other) {
+    return other == setting || other.rfind(setting + '=', 0) == 0;
+  });
+  if (line == m_vLines.end() || contains(m_vOnCommandLine, setting))
+    return text;
+  return m_sFile + ':' + std::to_string(line - m_vLines.begin() + 1) + ": " + text;
+}
+
+Properties Settings::expanded() const {
+  Properties expanded;
   for (const auto& [name, values] : m_oProperties.getProperties()) {
     std::vector<std::string> path;
-    if (refersToItself(name, path))
-      say(name + '=', name + " refers to itself");
-    else if (name.rfind("limit.", 0) == 0 && !limitOf(name.substr(6)))
-      say(name + '=', name + '=' + values.front() + " is not a number");
+    const bool asItIs = name == "alert.command" || refersToItself(name, path);
+    for (const std::string& value : values)
+      expanded.addProperty(name, asItIs ? value : VarnExpandString(value, m_oProperties));
   }
-  if (const std::string fault = requirementFault(); !fault.empty())
-    say("requires=", fault);
-  std::vector<std::string> texts;
-  for (const auto& [line, text] : faults)
-    texts.push_back(line == 0 ? text : m_sFile + ':' + std::to_string(line) + ": " + text);
-  return texts;
+  return expanded;
 }
 
 std::string Settings::text(const std::string& name) const {
   const std::string none;
-  return VarnExpandString(m_oProperties.getProperty(name, none), m_oProperties);
+  const std::string& value = m_oProperties.getProperty(name, none);
+  std::vector<std::string> path;
+  return refersToItself(name, path) ? value : VarnExpandString(value, m_oProperties);
 }
 
 std::optional<double> Settings::limitOf(const std::string& probe) const {
@@ -113,9 +184,9 @@ std::optional<double> Settings::limitOf(const std::string& probe) const {
 }
 
 std::optional<long> Settings::number(const Range& range) const {
-  std::string value;
-  if (!m_oProperties.getPropertyValue(range.name, value))
+  if (m_oProperties.getPropertyValues(range.name).empty())
     return range.preset;
+  const std::string value = text(range.name);
   char* end = nullptr;
   const long number = std::strtol(value.c_str(), &end, 10);
   if (value.empty() || *end != '\0' || number < range.lowest || number > range.highest)
@@ -127,12 +198,16 @@ std::optional<long> Settings::number(const Range& range) const {
 bool Settings::refersToItself(const std::string& name, std::vector<std::string>& path) const {
   if (contains(path, name))
     return true;
-  std::string value;
+  std::vector<std::string> values = m_oProperties.getPropertyValues(name);
   const char* const environment = std::getenv(name.c_str());
-  if (!m_oProperties.getPropertyValue(name, value) && environment != nullptr)
-    value = environment;
+  if (values.empty() && environment != nullptr)
+    values.push_back(environment);
+  std::vector<std::string> references;
+  for (const std::string& value : values) {
+    const auto more = referencesIn(value);
+    references.insert(references.end(), more.begin(), more.end());
+  }
   path.push_back(name);
-  const auto references = referencesIn(value);
   const bool refers = std::any_of(references.begin(), references.end(), [&](const auto& reference) {
     return refersToItself(reference, path);
   });
@@ -141,9 +216,7 @@ bool Settings::refersToItself(const std::string& name, std::vector<std::string>&
 }
 
 std::string Settings::requirementFault() const {
-  std::string required;
-  if (!m_oProperties.getPropertyValue("requires", required))
-    return "";
+  const std::string required = text("requires");
   try {
     const VarnVersion version(HOSTWATCH_VERSION);
     for (const auto& range : VarnVersion::createRangeVector(required)) {

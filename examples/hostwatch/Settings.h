@@ -3,6 +3,7 @@
 #define HOSTWATCH_SETTINGS_H
 
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,15 +18,20 @@ class Settings {
 
   // Replaces a setting by what the command line says.
   void set(const std::string& name, const std::string& value);
-  // All that is wrong, in the order of the file: "FILE:LINE: TEXT", or the text alone for what the
-  // file does not say. The rest may be used only if there is nothing.
+  // All that is wrong, in the order of the file, each as faultAt() says it. The rest may be used
+  // only if there is nothing.
   std::vector<std::string> faults() const;
+  // What keeps a service with these settings from its work on this host.
+  std::vector<std::string> serviceFaults() const;
+  // "FILE:LINE: TEXT", or the text alone for what the file does not say.
+  std::string faultAt(const std::string& setting, const std::string& text) const;
 
-  const Properties& properties() const { return m_oProperties; }
+  // With all references expanded, but for those of the alert command.
+  Properties expanded() const;
   // The value with its references expanded; empty when there is none.
   std::string text(const std::string& name) const;
   // Class names of the probes to run.
-  std::vector<std::string> probes() const { return m_oProperties.getPropertyValues("probe"); }
+  std::vector<std::string> probes() const { return expanded().getPropertyValues("probe"); }
   std::optional<double> limitOf(const std::string& probe) const;
   long intervalSeconds() const { return number(kInterval).value(); }
   int logLevel() const { return static_cast<int>(number(kLogLevel).value()); }
@@ -40,9 +46,14 @@ class Settings {
 
   std::optional<long> number(const Range& range) const;
   bool refersToItself(const std::string& name, std::vector<std::string>& path) const;
+  std::string faultOf(const std::string& name, const std::string& value) const;
+  std::string referenceFault(const std::string& name, const std::string& value) const;
   std::string requirementFault() const;
+  bool isSetting(const std::string& name) const;
 
   std::string m_sFile;
+  std::vector<std::string> m_vLines;
+  std::set<std::string> m_vOnCommandLine;
   mutable Properties m_oProperties;  // expansion takes it as not const
 };
 

@@ -1,5 +1,9 @@
 // hostwatch: watches one host, once or as a service.
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -69,6 +73,8 @@ class CommandLine {
       if (has(name) && value(name).empty())
         throw VarnException("--" + std::string(name) + " needs a value", 0);
     }
+    if (has("json") && !has("once"))
+      throw VarnException("--json needs --once", 0);
     std::string argument;
     if (m_oOptions.nextArgument(argument))
       throw VarnException("there is no use for '" + argument + "'", 0);
@@ -102,6 +108,8 @@ Settings loadSettings(const CommandLine& commandLine) {
     settings.set("interval", commandLine.value("interval"));
   if (commandLine.has("log-level"))
     settings.set("log.level", commandLine.value("log-level"));
+  if (commandLine.has("log"))
+    settings.set("log", commandLine.value("log"));
   return settings;
 }
 
@@ -120,13 +128,34 @@ int reportOnce(const CommandLine& commandLine, const Settings& settings, const T
 }
 
 int serve(const CommandLine& commandLine, const Settings& settings, const Texts& texts) {
-  std::string log = commandLine.has("log") ? commandLine.value("log") : settings.text("log");
+  std::string log = settings.text("log");
   const bool asDaemon = commandLine.has("daemon");
   if (log.empty() && asDaemon)
     throw VarnException("--daemon needs --log, or log= in the configuration", 0);
+  if (const auto faults = settings.serviceFaults(); !faults.empty())
+    throw VarnException(faults.front(), 0);
   if (!log.empty())
     log = std::filesystem::absolute(log).string();  // a daemon works in "/"
+  std::srand(static_cast<unsigned>(std::time(nullptr)) ^ static_cast<unsigned>(getpid()));
   return runService(settings, texts, log, asDaemon) ? WITHIN_LIMITS : WRONG_USE;
+}
+
+// All that is wrong, also what shows only when the probes are used.
+int check(const Settings& settings) {
+  std::vector<std::string> faults = settings.faults();
+  for (const std::string& fault : settings.serviceFaults())
+    faults.push_back(fault);
+  if (faults.empty()) {
+    const Probes probes = makeProbes(settings);
+    for (std::size_t i = 0; i < probes.size(); ++i) {
+      const SamplePointer sample = takeSample(*probes[i], settings);
+      if (!sample->error.empty())
+        faults.push_back(settings.faultAt("probe=" + settings.probes()[i], sample->error));
+    }
+  }
+  for (const std::string& fault : faults)
+    std::fprintf(stderr, "hostwatch: %s\n", fault.c_str());
+  return faults.empty() ? WITHIN_LIMITS : WRONG_USE;
 }
 
 int run(int argc, char** argv) {
@@ -150,13 +179,10 @@ int run(int argc, char** argv) {
     return 0;
   }
   const Settings settings = loadSettings(commandLine);
-  const std::vector<std::string> faults = settings.faults();
-  if (!faults.empty() && !commandLine.has("check"))
-    throw VarnException(faults.front(), 0);
-  for (const std::string& fault : faults)
-    std::fprintf(stderr, "hostwatch: %s\n", fault.c_str());
   if (commandLine.has("check"))
-    return faults.empty() ? WITHIN_LIMITS : WRONG_USE;
+    return check(settings);
+  if (const auto faults = settings.faults(); !faults.empty())
+    throw VarnException(faults.front(), 0);
   return commandLine.has("once") ? reportOnce(commandLine, settings, texts)
                                  : serve(commandLine, settings, texts);
 }
@@ -165,7 +191,10 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    return run(argc, argv);
+    const int result = run(argc, argv);
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+      throw VarnException("cannot write to standard output", 0);
+    return result;
   } catch (const VarnException& error) {
     std::fprintf(stderr, "hostwatch: %s\n", error.getText().c_str());
   } catch (const std::exception& error) {

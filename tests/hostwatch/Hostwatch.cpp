@@ -44,6 +44,8 @@ TEST(Hostwatch, WrongUseGivesOneLineAndExitCode2) {
       {"probe=LoadProbe", "--once --interval 0", "interval=0 is not a number from 1 to 86400"},
       {"probe=LoadProbe", "--once more", "there is no use for 'more'"},
       {"probe=LoadProbe", "--daemon", "--daemon needs --log"},
+      {"probe=LoadProbe", "--daemon --log /no/such/log", "cannot write a log to /no/such"},
+      {"probe=LoadProbe", "--json", "--json needs --once"},
       {"probe=LoadProbe", "--once --plugin=/no/such.so", "/no/such.so"},
       {"", "--once", "names no probe"},
       {"probe=LoadProbe\nrequires={0.1-0.9}", "--once", "excludes this version"},
@@ -77,17 +79,25 @@ TEST(Hostwatch, OnceTellsByItsExitCodeWhetherALimitIsCrossed) {
 TEST(Hostwatch, CheckSaysEveryFaultWithItsLine) {
   const TempFolder folder;
   const std::string file = folder / "conf";
-  writeFile(file, "# all wrong\nlimit.load=z\njunk\nprobe=X\ninterval=1.5\na=<a>\nrequires={9\n");
+  writeFile(file,
+            "# all wrong\nlimit.load=nan\njunk\nprobe=X\ninterval=1.5\na=<a>\nrequires={9\n"
+            "limit.laod=1\ninterval=2\ntitle=<no_such>\nalert.command=/no/such <name>\n");
   const std::string at = "hostwatch: " + file + ':';
   const Outcome outcome = hostwatch("--check -L 77 --config=" + file);
   EXPECT_EQ(2, outcome.exitCode);
-  EXPECT_EQ("hostwatch: log.level=77 is not a number from -1 to 9\n" + at +
-                "2: limit.load=z is not a number\n" + at + "3: 'junk' is not NAME=VALUE\n" + at +
-                "4: there is no probe X\n" + at +
-                "5: interval=1.5 is not a number from 1 to 86400\n" + at +
-                "6: a refers to itself\n" + at +
-                "7: VarnVersion::createRangeVector: Invalid range specification: {9\n",
-            outcome.output);
+  EXPECT_EQ(
+      "hostwatch: log.level=77 is not a number from -1 to 9\n" + at +
+          "2: limit.load=nan is not a number\n" + at + "3: 'junk' is not NAME=VALUE\n" + at +
+          "4: there is no probe X\n" + at + "5: interval=1.5 is not a number from 1 to 86400\n" +
+          at + "6: a refers to itself\n" + at +
+          "7: VarnVersion::createRangeVector: Invalid range specification: {9\n" + at +
+          "8: there is no setting 'limit.laod'\n" + at +
+          "9: 'interval=2' is not the first of its kind\n" + at +
+          "10: title refers to no_such, which is not set\n" + at + "11: cannot run /no/such\n",
+      outcome.output);
+  writeFile(file, "probe=LoadProbe\nprobe=DiskProbe\ndisk.path=<at>/such\nat=/no\n");
+  EXPECT_EQ(at + "2: cannot look at the file system of /no/such\n",
+            hostwatch("--check --config=" + file).output);
   EXPECT_EQ(0, hostwatch("--check").exitCode);
 }
 

@@ -21,6 +21,7 @@ class VSUPT_EXPORT VarnEventTimerThread : public VarnThread {
   // Stops the thread.
   ~VarnEventTimerThread() override;
 
+  // Starts the thread, not the timer.
   void start() override;
   // Ends the thread and waits for it; the handler is not called again. The timer is set once, which
   // tells its other dependents too. Does nothing unless the thread was started. Requires: not
@@ -28,7 +29,8 @@ class VSUPT_EXPORT VarnEventTimerThread : public VarnThread {
   void stop() override;
   int run() override;
 
-  // Runs on the thread after each set() of the timer.
+  // Runs on the thread after each set() of the timer. An exception that leaves it ends the thread,
+  // with the exit code 0.
   virtual void onTimerEvent() = 0;
 
  private:

@@ -1,7 +1,8 @@
 // Shared libraries, loaded by name for as long as the object lives.
 //
 // Held by VarnSmartPointer, not copied. Whatever comes from the library (objects, their classes,
-// functions) must be gone before the last reference to it.
+// functions) must be gone before the last reference to it. Loading, look-ups and unloading are safe
+// from any thread; static objects of the library are built and destroyed on the one that does it.
 #ifndef VARNSUPPORT_VARNLIBRARY_H
 #define VARNSUPPORT_VARNLIBRARY_H
 

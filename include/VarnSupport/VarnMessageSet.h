@@ -1,7 +1,8 @@
 // The message texts of one component for one locale, from property files.
 //
 // For the base name "msg" and the locale en_US.UTF-8 these are msg.pro, msg_en.pro and, if it is
-// there, msg_en_US.pro. A key in a later file replaces that of an earlier one.
+// there, msg_en_US.pro. A key in a later file replaces that of an earlier one. Any number of
+// threads may read the messages of one object while none assigns to it.
 #ifndef VARNSUPPORT_VARNMESSAGESET_H
 #define VARNSUPPORT_VARNMESSAGESET_H
 

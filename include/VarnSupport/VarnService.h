@@ -3,7 +3,7 @@
 // A concrete service supplies a start hook and a stop hook; start() runs the first, waits until a
 // stop is requested by stop(), SIGINT or SIGTERM, and runs the second. Signals act through
 // ControlHandler(), on a library thread. One service per process answers to signals, the one that
-// was built last.
+// was built last. stop() and the queries are safe from any thread.
 #ifndef VARNSUPPORT_VARNSERVICE_H
 #define VARNSUPPORT_VARNSERVICE_H
 
@@ -30,6 +30,10 @@ class VSUPT_EXPORT VarnService {
 
   // Runs the service; returns false when it did not start: the hook refused, or the process could
   // not be split. Returns true at once while the service is running.
+  //
+  // The signals are routed before a daemon's start hook runs, and after it in the foreground. From
+  // then on SIGPIPE is ignored, in a daemon also SIGCHLD, for the rest of the process. What a hook
+  // throws passes through; a daemon then is to end, as its starter waits for that.
   //
   // With `daemonize` the caller's process ends here, at once and without clean-up; its exit code is
   // 0 when the hook succeeded, 1 when it refused or threw, or the daemon died before, 253 (-3) when

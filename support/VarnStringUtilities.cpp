@@ -72,13 +72,23 @@ void splitTokens(CharT* text, CharT* end, const DelimiterSet& delimiters,
 }
 
 // Hexadecimal digits in arithmetic of eight bits, which the compiler turns into vectors.
-std::uint8_t nibbleOf(char digit) {
-  const auto value = static_cast<signed char>(digit);
-  const auto upper = static_cast<signed char>(value >= 'a' ? value - 0x20 : value);
-  return static_cast<std::uint8_t>(upper < 'A' ? upper - '0' : upper - 'A' + 10);
+std::uint8_t lowNibbleOf(char digit) {
+  const auto value = static_cast<std::int8_t>(digit);
+  const std::uint8_t letter = value >= 'A' ? 'A' - '9' - 1 : 0;
+  const std::uint8_t small = value >= 'a' ? 'a' - 'A' : 0;
+  return static_cast<std::uint8_t>(value - '0' - letter - small);
 }
 
-char digitOf(unsigned nibble) { return static_cast<char>(nibble + (nibble < 10 ? '0' : 'A' - 10)); }
+// The same, but only its lower four bits count.
+std::uint8_t highNibbleOf(char digit) {
+  const auto value = static_cast<std::int8_t>(digit);
+  return static_cast<std::uint8_t>(value + (value >= 'A' ? 9 : 0));
+}
+
+char digitOf(int nibble) {
+  const auto value = static_cast<std::int8_t>(nibble);
+  return static_cast<char>(value + '0' + (value > 9 ? 'A' - '9' - 1 : 0));
+}
 
 }  // namespace
 
@@ -200,7 +210,7 @@ int VarnHexToBytes(char* out, const std::string& hex) {
   const std::size_t count = std::min<std::size_t>(hex.size() / 2, INT_MAX);
   const char* const digits = hex.data();
   for (std::size_t i = 0; i < count; ++i)
-    out[i] = static_cast<char>(nibbleOf(digits[2 * i]) << 4 | nibbleOf(digits[2 * i + 1]));
+    out[i] = static_cast<char>(highNibbleOf(digits[2 * i]) << 4 | lowNibbleOf(digits[2 * i + 1]));
   return static_cast<int>(count);
 }
 

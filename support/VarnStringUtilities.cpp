@@ -53,22 +53,53 @@ class ConversionBuffer {
   std::vector<CharT> m_vFar;
 };
 
-// Appends the tokens of [text, end) and calls `ended` with each delimiter that ends one.
-template <typename CharT, typename Ended>
-void splitTokens(CharT* text, CharT* end, const DelimiterSet& delimiters,
+// How many tokens to make room for when there are `found` in [begin, text): what there will be if
+// [text, end) goes on like that, but not too much for a guess.
+std::size_t expectedTokens(std::size_t found, const char* begin, const char* text,
+                           const char* end) {
+  constexpr std::size_t first = 8;
+  constexpr std::size_t mostGrowth = 16;
+  if (found == 0)
+    return first;
+  const std::size_t length = static_cast<std::size_t>(text - begin) / found;
+  const std::size_t rest = static_cast<std::size_t>(end - text) / length + 1;
+  return found + std::min(rest, found * mostGrowth);
+}
+
+// Appends the tokens of [begin, end) and calls `ended` with each delimiter that ends one.
+template <typename CharT, typename IsDelimiter, typename Ended>
+void splitTokens(CharT* begin, CharT* end, IsDelimiter isDelimiter,
                  std::vector<std::string>& tokens, Ended ended) {
-  const auto isDelimiter = [&](char c) { return delimiters.holds(c); };
+  CharT* text = begin;
   while (true) {
     text = std::find_if_not(text, end, isDelimiter);
     if (text == end)
       return;
     CharT* const tokenEnd = std::find_if(text, end, isDelimiter);
+    if (tokens.size() == tokens.capacity())
+      tokens.reserve(expectedTokens(tokens.size(), begin, text, end));
     tokens.emplace_back(text, tokenEnd);
     if (tokenEnd == end)
       return;
     ended(tokenEnd);
     text = tokenEnd + 1;
   }
+}
+
+// The tokens of a NUL-terminated text. A single delimiter needs no table.
+template <typename CharT, typename Ended>
+std::vector<std::string> tokensOf(CharT* text, const char* delimiters, Ended ended) {
+  std::vector<std::string> tokens;
+  CharT* const end = text + std::strlen(text);
+  if (std::strlen(delimiters) == 1) {
+    const auto isDelimiter = [only = *delimiters](char c) { return c == only; };
+    splitTokens(text, end, isDelimiter, tokens, ended);
+  } else {
+    const DelimiterSet set(delimiters);
+    const auto isDelimiter = [&set](char c) { return set.holds(c); };
+    splitTokens(text, end, isDelimiter, tokens, ended);
+  }
+  return tokens;
 }
 
 // Hexadecimal digits in arithmetic of eight bits, which the compiler turns into vectors.
@@ -174,21 +205,16 @@ void VarnTokenizer(const std::string& list, std::vector<std::string>& tokens) {
 
 void VarnTokenizer(char* text, const std::string& delimiters, std::vector<std::string>& tokens) {
   const CancellationGuard closed;
-  std::vector<std::string> found;
-  if (text != nullptr)
-    splitTokens(text, text + std::strlen(text), DelimiterSet(delimiters.c_str()), found,
-                [](char* delimiter) { *delimiter = '\0'; });
-  tokens = std::move(found);
+  if (text == nullptr)
+    tokens.clear();
+  else
+    tokens = tokensOf(text, delimiters.c_str(), [](char* delimiter) { *delimiter = '\0'; });
 }
 
 void VarnTokenizer(const std::string& text, const std::string& delimiters,
                    std::vector<std::string>& tokens) {
   const CancellationGuard closed;
-  std::vector<std::string> found;
-  const char* const begin = text.c_str();
-  splitTokens(begin, begin + std::strlen(begin), DelimiterSet(delimiters.c_str()), found,
-              [](const char*) {});
-  tokens = std::move(found);
+  tokens = tokensOf(text.c_str(), delimiters.c_str(), [](const char*) {});
 }
 
 std::string VarnExtractFirstString(const std::string& line, std::string& rest) {

@@ -1,11 +1,11 @@
 #include "VarnSupport/VarnStringUtilities.h"
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <typeinfo>
 #include <utility>
 
 #include "Cancellation.h"
@@ -36,22 +36,23 @@ auto converted(const char* failure, Conversion conversion) {
   }
 }
 
-// A zero-filled buffer, on the stack while that suffices.
-template <typename CharT>
-class ConversionBuffer {
- public:
-  explicit ConversionBuffer(std::size_t length) {
-    if (length > m_aNear.size())
-      m_vFar.resize(length);
-    else
-      std::fill_n(m_aNear.data(), length, CharT());
-  }
-  CharT* data() { return m_vFar.empty() ? m_aNear.data() : m_vFar.data(); }
+using Facet = std::ctype<wchar_t>;
 
- private:
-  std::array<CharT, 512> m_aNear;
-  std::vector<CharT> m_vFar;
-};
+// What `convert` makes of `text`, up to the first NUL. The standard facet makes one character of
+// each, and NUL of NUL alone, so it can write into the result. Others get room for four of each.
+template <typename Result, typename Text, typename Conversion>
+Result upToNul(const Text& text, const Facet& facet, Conversion convert) {
+  using CharT = typename Result::value_type;
+  if (typeid(facet) != typeid(Facet)) {
+    std::vector<CharT> buffer((text.size() + 1) * 4);
+    convert(text.data(), text.data() + text.size(), buffer.data());
+    return Result(buffer.data());
+  }
+  const std::size_t length = Text::traits_type::length(text.c_str());
+  Result result(length, CharT());
+  convert(text.data(), text.data() + length, result.data());
+  return result;
+}
 
 // How many tokens to make room for when there are `found` in [begin, text): what there will be if
 // [text, end) goes on like that, but not too much for a guess.
@@ -166,25 +167,22 @@ template VSUPT_EXPORT std::wstring VarnStringUtilities::trim(const std::wstring&
 
 std::string VarnStringUtilities::narrow(const std::wstring& text, std::locale locale) {
   const CancellationGuard closed;
-  return converted("VarnStringUtilities::narrow: ctype facet cannot be created for the locale - ",
-                   [&] {
-                     const auto& facet = std::use_facet<std::ctype<wchar_t>>(locale);
-                     // Room for a facet that writes four bytes a character.
-                     ConversionBuffer<char> buffer(text.size() * 4 + 4);
-                     facet.narrow(text.data(), text.data() + text.size(), ' ', buffer.data());
-                     return std::string(buffer.data());
-                   });
+  return converted(
+      "VarnStringUtilities::narrow: ctype facet cannot be created for the locale - ", [&] {
+        const auto& facet = std::use_facet<Facet>(locale);
+        return upToNul<std::string>(
+            text, facet, [&](auto low, auto high, auto to) { facet.narrow(low, high, ' ', to); });
+      });
 }
 
 std::wstring VarnStringUtilities::widen(const std::string& text, std::locale locale) {
   const CancellationGuard closed;
-  return converted("VarnStringUtilities::widen: ctype facet cannot be created for the locale - ",
-                   [&] {
-                     const auto& facet = std::use_facet<std::ctype<wchar_t>>(locale);
-                     ConversionBuffer<wchar_t> buffer((text.size() + 1) * 4);
-                     facet.widen(text.data(), text.data() + text.size(), buffer.data());
-                     return std::wstring(buffer.data());
-                   });
+  return converted(
+      "VarnStringUtilities::widen: ctype facet cannot be created for the locale - ", [&] {
+        const auto& facet = std::use_facet<Facet>(locale);
+        return upToNul<std::wstring>(
+            text, facet, [&](auto low, auto high, auto to) { facet.widen(low, high, to); });
+      });
 }
 
 void VarnTokenizer(char* list, std::vector<std::string>& tokens) {

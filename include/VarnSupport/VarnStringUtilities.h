@@ -22,38 +22,63 @@ namespace VarnSupport {
 // The value by which case-insensitive strings compare a character. Narrow: tolower(), but bytes
 // 0x80 to 0xFF stay as they are, negative, and so order before ASCII. Wide: towlower(), unsigned.
 // Both follow setlocale(): an order made under one locale does not hold under another.
-inline int foldCase(char c) {
-  const int value = static_cast<unsigned char>(c);
-  if (value >= 0x80)
-    return value - 0x100;
-  return value < 'A' ? value : std::tolower(value);  // no locale has capitals below the letters
-}
-inline std::wint_t foldCase(wchar_t c) { return std::towlower(static_cast<std::wint_t>(c)); }
+template <typename CharT>
+class CaseFolding;
+
+// Asks the platform once for the table that tolower() looks into, which spares a call for each
+// character. Not to be kept: every locale has its own.
+template <>
+class CaseFolding<char> {
+ public:
+  int operator()(char c) const {
+    const auto value = static_cast<signed char>(c);
+    return value < 0 ? value : m_pTable[value];
+  }
+
+ private:
+  const std::int32_t* m_pTable = *__ctype_tolower_loc();
+};
+
+template <>
+class CaseFolding<wchar_t> {
+ public:
+  std::wint_t operator()(wchar_t c) const { return std::towlower(static_cast<std::wint_t>(c)); }
+};
 
 // Character traits whose comparing members look at folded characters.
 template <typename CharT>
 struct VSUPT_EXPORT char_traits_ci : std::char_traits<CharT> {
-  static bool eq(CharT left, CharT right) { return foldCase(left) == foldCase(right); }
-  static bool lt(CharT left, CharT right) { return foldCase(left) < foldCase(right); }
+  static bool eq(CharT left, CharT right) {
+    const CaseFolding<CharT> fold;
+    return fold(left) == fold(right);
+  }
+  static bool lt(CharT left, CharT right) {
+    const CaseFolding<CharT> fold;
+    return fold(left) < fold(right);
+  }
   static int compare(const CharT* left, const CharT* right, std::size_t length) {
     constexpr std::size_t word = sizeof(std::uint64_t) / sizeof(CharT);
     std::size_t i = 0;
     while (length - i >= word && std::memcmp(left + i, right + i, sizeof(std::uint64_t)) == 0)
       i += word;
+    while (i < length && left[i] == right[i])
+      ++i;
+    if (i == length)
+      return 0;
+    const CaseFolding<CharT> fold;
     for (; i < length; ++i) {
-      if (left[i] == right[i])
-        continue;
-      const auto foldedLeft = foldCase(left[i]);
-      const auto foldedRight = foldCase(right[i]);
+      const auto foldedLeft = fold(left[i]);
+      const auto foldedRight = fold(right[i]);
       if (foldedLeft != foldedRight)
         return foldedLeft < foldedRight ? -1 : 1;
     }
     return 0;
   }
   static const CharT* find(const CharT* text, std::size_t length, const CharT& wanted) {
-    const auto folded = foldCase(wanted);
+    const CaseFolding<CharT> fold;
+    const auto folded = fold(wanted);
     for (std::size_t i = 0; i < length; ++i) {
-      if (foldCase(text[i]) == folded)
+      if (fold(text[i]) == folded)
         return text + i;
     }
     return nullptr;

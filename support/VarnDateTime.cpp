@@ -1,6 +1,6 @@
 #include "VarnSupport/VarnDateTime.h"
 
-#include <algorithm>
+#include <cstring>
 #include <cwchar>
 #include <iterator>
 #include <limits>
@@ -68,44 +68,43 @@ std::optional<std::tm> brokenDown(const Parts& parts, int daylightSaving) {
 // beyond 32 bits do not match.
 class Scanner {
  public:
-  explicit Scanner(const std::string& text) : m_sText(text.c_str()) {}
+  explicit Scanner(const std::string& text) : m_pText(text.c_str()) {}
 
   // White space, then a word; what is longer than nine characters is left.
   bool word(std::string_view& word) {
     skipBlanks();
     std::size_t length = 0;
-    while (length < std::min(m_sText.size(), kLongest) && !isBlank(m_sText[length]))
+    while (length < kLongest && m_pText[length] != '\0' && !isBlank(m_pText[length]))
       ++length;
-    word = m_sText.substr(0, length);
-    m_sText.remove_prefix(length);
+    word = {m_pText, length};
+    m_pText += length;
     return length > 0;
   }
 
   // White space, a sign if there is one, digits.
   bool number(std::int64_t& number) {
     skipBlanks();
-    const bool negative = m_sText.starts_with('-');
-    if (negative || m_sText.starts_with('+'))
-      m_sText.remove_prefix(1);
+    const bool negative = *m_pText == '-';
+    if (negative || *m_pText == '+')
+      ++m_pText;
+    const char* const digits = m_pText;
     std::int64_t value = 0;
-    std::size_t digits = 0;
-    for (; digits < m_sText.size() && m_sText[digits] >= '0' && m_sText[digits] <= '9'; ++digits) {
-      value = value * 10 + (m_sText[digits] - '0');
+    for (; *m_pText >= '0' && *m_pText <= '9'; ++m_pText) {
+      value = value * 10 + (*m_pText - '0');
       if (!fits(-value))
         return false;
     }
-    m_sText.remove_prefix(digits);
     value = negative ? -value : value;
-    if (digits == 0 || !fits(value))
+    if (m_pText == digits || !fits(value))
       return false;
     number = value;
     return true;
   }
 
   bool literal(char c) {
-    if (!m_sText.starts_with(c))
+    if (*m_pText != c)
       return false;
-    m_sText.remove_prefix(1);
+    ++m_pText;
     return true;
   }
 
@@ -121,18 +120,17 @@ class Scanner {
   static bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
   void skipBlanks() {
-    while (!m_sText.empty() && isBlank(m_sText.front()))
-      m_sText.remove_prefix(1);
+    while (isBlank(*m_pText))
+      ++m_pText;
   }
 
-  std::string_view m_sText;
+  const char* m_pText;
 };
 
 int monthIndex(std::string_view name) {
   constexpr std::size_t length = 3;  // of all names
-  const auto* const known = VarnDateTime::abbrevMonthNames;
   for (int i = 0; i < 12 && name.size() == length; ++i) {
-    if (std::equal(name.begin(), name.end(), known[i]))
+    if (std::memcmp(name.data(), VarnDateTime::abbrevMonthNames[i], length) == 0)
       return i;
   }
   return 0;
@@ -331,9 +329,15 @@ bool VarnDateTime::setDateTime(const std::string& text, std::string& error) {
   std::optional<std::tm> time = brokenDown(parts, kSystemDecides);
   if (!time)
     throw VarnInvalidDateException(kInvalid);
-  if (isRfc)
-    static_cast<void>(fromLocalTime(*time));  // normalised first, so that little is left to refuse
-  *this = *time;
+  if (!isRfc) {
+    *this = *time;
+    return true;
+  }
+  // This form is normalised first, which leaves nothing else to refuse.
+  if (fromLocalTime(*time) == -1 || !fits(std::int64_t{time->tm_year} + kFirstYear))
+    throw VarnInvalidDateException(kInvalid);
+  store(*time);
+  adjustInstanceId();
   return true;
 }
 

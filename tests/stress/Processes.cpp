@@ -225,6 +225,8 @@ TEST(ForkStress, ATimerManagerMadeDuringAForkDoesNotLockUpTheChild) {
 }
 
 TEST(ProcessStress, WhatAThreadSleepsOnWorksInAChild) {
+  if (kThreadSanitizer)
+    return;
   VarnEvent event;
   EmptyQueue queue;
   VarnBaseProducerConsumer consumers(queue);

@@ -71,7 +71,8 @@ Found withGetopt() {
     made.push_back({nullptr, 0, nullptr, 0});
     return made;
   }();
-  std::vector<char*> all = arguments();  // which are reordered
+  static const std::vector<char*> given = arguments();
+  std::vector<char*> all = given;  // which are reordered
   std::map<std::string, std::vector<std::string>> found;
   optind = 0;
   int index = 0;

@@ -21,6 +21,13 @@ enum class Declaration { None, WithoutData, WithData };
   throw VarnException(std::string("VarnProgramOptions::parse: ").append(problem).append(option), 0);
 }
 
+// `next` is what follows the option, or null.
+std::string dataOf(std::string_view option, const char* next) {
+  if (next == nullptr)
+    fail("option data not available for: -", option);
+  return next;
+}
+
 // The name of an option ends at its first '='.
 std::string_view nameOf(std::string_view option) { return option.substr(0, option.find('=')); }
 
@@ -195,22 +202,21 @@ bool VarnProgramOptions::singleOption(const std::string& option, const char* nex
     m_oOptions.addProperty(option, '=');
     return false;
   }
-  std::string name = option;
-  if (declaration == Declaration::None) {
-    const char letter = option.c_str()[0];
-    name = std::string(1, letter);
-    const std::size_t declared = shortSpec.find(letter);
-    if (declared == std::string::npos)
-      fail("Unrecognized option: -", name);
-    const bool takesData = shortSpec.compare(declared + 1, 1, ":") == 0;
-    if (!takesData || option.size() > 1) {
-      m_oOptions.addProperty(name, takesData ? option.substr(1) : std::string());
-      return false;
-    }
+  if (declaration == Declaration::WithData) {
+    m_oOptions.addProperty(option, dataOf(option, next));
+    return true;
   }
-  if (next == nullptr)
-    fail("option data not available for: -", name);
-  m_oOptions.addProperty(name, std::string(next));
+  const char letter = option.c_str()[0];
+  const std::string name(1, letter);
+  const std::size_t declared = shortSpec.find(letter);
+  if (declared == std::string::npos)
+    fail("Unrecognized option: -", name);
+  const bool takesData = shortSpec.compare(declared + 1, 1, ":") == 0;
+  if (!takesData || option.size() > 1) {
+    m_oOptions.addProperty(name, takesData ? option.substr(1) : std::string());
+    return false;
+  }
+  m_oOptions.addProperty(name, dataOf(name, next));
   return true;
 }
 

@@ -125,7 +125,7 @@ TEST(VarnRegularExpression, FindsWhatTheStackWalkFinds) {
       {"[!-\\n]x", "/x", 0, {0, 2}},
       {"[\xF0-\x05]+", "\xF0\xFF\x01", 0, {0, 2}},
       {"a\0b"s, "xa", 0, {1, 1}},
-      {"\\.\\\\\\t", ".\\\t", 0, {0, 3}}};
+      {"\\.\\\\\\t\\f\\r", ".\\\t\f\r", 0, {0, 5}}};
   for (const auto& [pattern, text, start, found] : rows)
     EXPECT_EQ(found, find(compiled(pattern), text, start))
         << testing::PrintToString(pattern) << " in " << testing::PrintToString(text);

@@ -94,8 +94,8 @@ std::vector<std::string> Settings::faults() const {
 
 std::string Settings::faultOf(const std::string& name, const std::string& value) const {
   std::vector<std::string> path;
-  if (refersToItself(name, path))
-    return name + " refers to itself";
+  if (isEndless(name, path))
+    return name + " refers to itself, or to a '<' without '>'";
   for (const std::string& reference : referencesIn(value)) {
     if (m_oProperties.getPropertyValues(reference).empty() &&
         std::getenv(reference.c_str()) == nullptr &&
@@ -164,7 +164,7 @@ Properties Settings::expanded() const {
   Properties expanded;
   for (const auto& [name, values] : m_oProperties.getProperties()) {
     std::vector<std::string> path;
-    const bool asItIs = name == "alert.command" || refersToItself(name, path);
+    const bool asItIs = name == "alert.command" || isEndless(name, path);
     for (const std::string& value : values)
       expanded.addProperty(name, asItIs ? value : VarnExpandString(value, m_oProperties));
   }
@@ -175,7 +175,7 @@ std::string Settings::text(const std::string& name) const {
   const std::string none;
   const std::string& value = m_oProperties.getProperty(name, none);
   std::vector<std::string> path;
-  return refersToItself(name, path) ? value : VarnExpandString(value, m_oProperties);
+  return isEndless(name, path) ? value : VarnExpandString(value, m_oProperties);
 }
 
 std::optional<double> Settings::limitOf(const std::string& probe) const {
@@ -194,8 +194,9 @@ std::optional<long> Settings::number(const Range& range) const {
   return number;
 }
 
-// Expanding a text that refers to itself would never end.
-bool Settings::refersToItself(const std::string& name, std::vector<std::string>& path) const {
+// Expanding a text that refers to itself would never end; and what it refers to must not leave a
+// reference open, from which others can be put together.
+bool Settings::isEndless(const std::string& name, std::vector<std::string>& path) const {
   if (contains(path, name))
     return true;
   std::vector<std::string> values = m_oProperties.getPropertyValues(name);
@@ -206,13 +207,16 @@ bool Settings::refersToItself(const std::string& name, std::vector<std::string>&
   for (const std::string& value : values) {
     const auto more = referencesIn(value);
     references.insert(references.end(), more.begin(), more.end());
+    const std::size_t open = value.rfind('<');
+    if (!path.empty() && open != std::string::npos && value.find('>', open) == std::string::npos)
+      return true;
   }
   path.push_back(name);
-  const bool refers = std::any_of(references.begin(), references.end(), [&](const auto& reference) {
-    return refersToItself(reference, path);
-  });
+  const bool endless =
+      std::any_of(references.begin(), references.end(),
+                  [&](const auto& reference) { return isEndless(reference, path); });
   path.pop_back();
-  return refers;
+  return endless;
 }
 
 std::string Settings::requirementFault() const {

@@ -45,7 +45,7 @@ class Settings {
   static constexpr Range kLogLevel{"log.level", 1, -1, 9};
 
   std::optional<long> number(const Range& range) const;
-  bool refersToItself(const std::string& name, std::vector<std::string>& path) const;
+  bool isEndless(const std::string& name, std::vector<std::string>& path) const;
   std::string faultOf(const std::string& name, const std::string& value) const;
   std::string referenceFault(const std::string& name, const std::string& value) const;
   std::string requirementFault() const;

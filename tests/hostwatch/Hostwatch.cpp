@@ -89,7 +89,7 @@ TEST(Hostwatch, CheckSaysEveryFaultWithItsLine) {
       "hostwatch: log.level=77 is not a number from -1 to 9\n" + at +
           "2: limit.load=nan is not a number\n" + at + "3: 'junk' is not NAME=VALUE\n" + at +
           "4: there is no probe X\n" + at + "5: interval=1.5 is not a number from 1 to 86400\n" +
-          at + "6: a refers to itself\n" + at +
+          at + "6: a refers to itself, or to a '<' without '>'\n" + at +
           "7: VarnVersion::createRangeVector: Invalid range specification: {9\n" + at +
           "8: there is no setting 'limit.laod'\n" + at +
           "9: 'interval=2' is not the first of its kind\n" + at +

@@ -3,8 +3,8 @@
 # The comment that opens a file becomes that of the file, and of the class that the file is named
 # after unless that has one of its own. A comment right above a declaration becomes that of the
 # declaration, and of the overloads, and the setter to a getter, that follow without a comment of
-# their own; one behind an enumerator or a member becomes that of its line. Indented lines of a
-# comment are shown as they are.
+# their own; other functions that follow so refer to it. One behind an enumerator or a member
+# becomes that of its line. Indented lines of a comment are shown as they are.
 
 # Text in which nothing is markup but code between backquotes.
 function plain(text,   parts, count, i, result) {
@@ -44,6 +44,16 @@ function functionName(line) {
   return line
 }
 
+function indentOf(line) {
+  match(line, /^ */)
+  return RLENGTH
+}
+
+# Whether a function without a comment stands right below one that has it, as its equal.
+function isBeside(line, name) {
+  return name ~ /^[A-Za-z_]+$/ && lastName ~ /^[A-Za-z_]+$/ && indentOf(line) == lastIndent
+}
+
 function isSetterOf(name, getter) {
   return name ~ /^set/ && "get" substr(name, 4) == getter
 }
@@ -77,12 +87,15 @@ FNR == 1 {
   if (count > 0 && $0 ~ /[^ ]/) {
     last = documentation(block, count, indent)
     lastName = name
+    lastIndent = indentOf($0)
     printf "%s", last
   } else if (count > 0) {
     for (i = 1; i <= count; ++i)
       print indent "//" block[i]
   } else if (name != "" && (name == lastName || isSetterOf(name, lastName))) {
     printf "%s", last
+  } else if (isBeside($0, name)) {
+    print "/// \\see " lastName "()"
   } else if ($0 !~ /[^ ]/) {
     lastName = ""
   }

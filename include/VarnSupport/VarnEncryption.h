@@ -77,6 +77,7 @@ class VSUPT_EXPORT VarnEncryption {
   // key, VarnInvalidEncryptionException for an unknown mode.
   void initialize(const std::string& key, const unsigned& keyLength, const tMode& mode,
                   const SBlock& chaining);
+  // The mark that initialize() leaves. Each encipherment sets it anew, so that it has no effect.
   void setInit(const bool& initialized);
   // The length of `input` after padding with zero bytes to whole blocks.
   std::size_t padInputBuf(std::string input);

@@ -116,6 +116,7 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
   void addPropertyforWSmanDA(const StringType& line);
   // Changes the first value of `key` and keeps the others; adds the key if there is none.
   void setProperty(const StringType& key, const StringType& value);
+  // With all its values; an unknown key is nothing to remove.
   void removeProperty(const StringType& key);
 
   // Calls `iterator` with each property in key order, for the set as it is when the walk begins.

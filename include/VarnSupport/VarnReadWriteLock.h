@@ -59,6 +59,7 @@ class VSUPT_EXPORT VarnReadWriteLock {
   // True when the lock was taken without waiting. Nothing is logged.
   bool tryReadLock();
   bool tryWriteLock();
+  // Each gives up one hold of either kind.
   void readUnLock();
   void writeUnLock();
 

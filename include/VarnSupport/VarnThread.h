@@ -78,6 +78,8 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
   virtual void start();
   // Does nothing; for derived classes.
   virtual void stop();
+  // What run(VarnWorkInformation&) is called with; without any, or with null, it is run().
+  // Requires: the thread is not running.
   virtual void setWorkInfo(VarnSmartPointer<VarnWorkInformation> workInformation);
   // Waits for the thread to end. 0 at once when it is not running; with -1 joins it and returns 0;
   // otherwise as the static form for this one thread (-2: the time-out passed). A thread that
@@ -118,6 +120,7 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
   void kill();
   // Frees a handle, sets it to null and notes that the thread is not running.
   void cleanup(void*& handle);
+  // The caller's pthread_self().
   static pthread_t getCurrentThreadId();
   // Runs the body on the calling thread, then tells the dependents; returns the exit code.
   int _run();

@@ -6,10 +6,10 @@
 // owner.
 //
 // A body can be cancelled at any instruction (kill()), but not inside an operation of the library,
-// where it may be cancelled only while it waits for an event or a thread. The locks of the library
-// that a thread holds when it ends, however it ends, become free. A frame of the body itself that
-// has destructors to run cannot be unwound at every instruction: the platform ends the process
-// then.
+// where it may be cancelled only while it waits for an event or a thread. The critical sections
+// that a thread holds when it ends, however it ends, become free; read-write locks stay as they
+// are. A frame of the body itself that has destructors to run cannot be unwound at every
+// instruction: the platform ends the process then.
 #ifndef VARNSUPPORT_VARNTHREAD_H
 #define VARNSUPPORT_VARNTHREAD_H
 

@@ -47,7 +47,6 @@ class Settings {
   std::optional<long> number(const Range& range) const;
   bool isEndless(const std::string& name, std::vector<std::string>& path) const;
   std::string faultOf(const std::string& name, const std::string& value) const;
-  std::string referenceFault(const std::string& name, const std::string& value) const;
   std::string requirementFault() const;
   bool isSetting(const std::string& name) const;
 

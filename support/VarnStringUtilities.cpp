@@ -62,8 +62,9 @@ std::size_t expectedTokens(std::size_t found, const char* begin, const char* tex
   constexpr std::size_t mostGrowth = 16;
   if (found == 0)
     return first;
-  const std::size_t length = static_cast<std::size_t>(text - begin) / found;
-  const std::size_t rest = static_cast<std::size_t>(end - text) / length + 1;
+  const auto read = static_cast<std::size_t>(text - begin);
+  const auto left = static_cast<std::size_t>(end - text);
+  const std::size_t rest = left / std::max<std::size_t>(read / found, 1) + 1;
   return found + std::min(rest, found * mostGrowth);
 }
 

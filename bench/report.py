@@ -89,7 +89,8 @@ NOTES = {
     'growth of stream': 'A read moves all that is left to the front, by contract: its cost grows '
                         'with what is left.',
     'start-up': 'Processor time of a program that does nothing; the ratio compares what it takes '
-                'beyond the empty one.',
+                'beyond the empty one. By contract ours reads the locale that the environment '
+                'names.',
     'memory': 'The peak of the whole process, in KiB.',
 }
 

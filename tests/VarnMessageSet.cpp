@@ -20,4 +20,10 @@ TEST(VarnMessageSet, LaterFilesOverwriteAndOnlyTheCountryMayBeMissing) {
   EXPECT_EQ("baselanguageagain", loaded());
   writeFile(base + "_C_C.pro", "c=country\n");
   EXPECT_EQ("baselanguagecountry", loaded());
+  g_oCountryData["C"] = "";
+  EXPECT_EQ("baselanguageagain", loaded());
+  g_oLanguageData["C"] = "";
+  EXPECT_EQ("basebasebase", loaded());
+  g_oCountryData.clear();
+  g_oLanguageData.clear();
 }

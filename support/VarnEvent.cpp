@@ -32,7 +32,7 @@ constexpr int kLooksBeforeSleeping = 40;
 constinit thread_local void* t_pSpareMemory = nullptr;  // for a VarnEventNotification
 constinit thread_local bool t_bThreadEnds = false;
 
-// Frees it as the thread ends.
+// Frees it as the thread ends: the first use of a thread's owner registers the destructor.
 class SpareMemoryOwner {
  public:
   SpareMemoryOwner() = default;
@@ -53,8 +53,8 @@ constinit thread_local SpareMemoryOwner t_oSpareMemoryOwner;
 // The condition and the mutex come first: getHandle() hands out their address.
 //
 // The number that each set() raises and the count of sleeping threads share a word. A set() that
-// finds nobody asleep is one exchange and touches the event no more: a waiter that sees it
-// may return and destroy the event at once. All else happens under the mutex. Who waits on what
+// finds nobody asleep is one exchange and touches the event no more: a waiter that sees it may
+// return and destroy the event at once. All else happens under the mutex. Who waits on what
 // getHandle() gave out is not counted; a bit of the word says that there may be some.
 struct VarnEvent::State {
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;

@@ -10,13 +10,6 @@
 
 namespace VarnSupport {
 
-static_assert(sizeof(wchar_t) == 4 && sizeof(int) == 4 && sizeof(float) == 4 &&
-              sizeof(double) == 8);
-
-VarnObjectStream::~VarnObjectStream() = default;
-
-VarnInputObjectStream::~VarnInputObjectStream() = default;
-
 namespace {
 
 // A short read changes nothing. A stream that does not count what it moves is known by what it has
@@ -31,6 +24,13 @@ void readLow(VarnInputObjectStream& stream, Value& value) {
 }
 
 }  // namespace
+
+static_assert(sizeof(wchar_t) == 4 && sizeof(int) == 4 && sizeof(float) == 4 &&
+              sizeof(double) == 8);
+
+VarnObjectStream::~VarnObjectStream() = default;
+
+VarnInputObjectStream::~VarnInputObjectStream() = default;
 
 VarnInputObjectStream& VarnInputObjectStream::operator>>(long& value) {
   readLow<std::int32_t>(*this, value);

@@ -254,7 +254,7 @@ TEST(VarnDateTime, AgreesWithTheSystemEverywhere) {
   Random random;
   for (const char* const zone :
        {"UTC", "Europe/Berlin", "Australia/Lord_Howe", "Pacific/Apia", "Africa/Casablanca",
-        "right/Europe/Berlin", "XXX-24YYY,J60,J300"}) {
+        "right/Europe/Berlin", "AAA-24BBB,J60,J300"}) {
     setZone(zone);
     for (int i = 0; i < 150; ++i) {
       const std::int64_t range = i % 2 == 0 ? 4'000'000'000 : 70'000'000'000'000'000;

@@ -51,6 +51,9 @@ class VSUPT_SCOPED_CAPABILITY BriefHold {
     return object.m_pState.load(std::memory_order_acquire) == nullptr;
   }
 
+  // For the child of a fork: frees a section that another thread held. True when that was so.
+  static bool renewIfLost(VarnCriticalSectionObject& object);
+
  private:
   LockImplementation* m_pLock;  // null when the caller held the lock already
 };

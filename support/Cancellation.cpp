@@ -1,102 +1,158 @@
 #include "Cancellation.h"
 
-#include <pthread.h>
-#include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <exception>
+
+#include "UnwindCheck.h"
+
+// Of AddressSanitizer's runtime, where there is one: the frames that an unwinding leaves behind are
+// no longer in use.
+extern "C" [[gnu::weak]] void __asan_handle_no_return();
 
 namespace VarnSupport {
 
 namespace {
 
-constexpr int kLooksForNotice = 50;
-constexpr useconds_t kLookMicroseconds = 50;
+// A thread that could not be unwound where it was interrupted may be a moment later; later still it
+// is likely to be in for a longer time.
+constexpr int kSoonInterruptions = 100;
+constexpr long kSoonNanoseconds = 100'000;
+constexpr long kLaterNanoseconds = 5'000'000;
+
+// From here on the thread unwinds, unless it has disabled cancellation; then it will when it enables
+// it again.
+void cancelCallingThread() {
+  if (&__asan_handle_no_return != nullptr)
+    __asan_handle_no_return();
+  pthread_cancel(pthread_self());
+}
+
+// Whether the signal handler that asks has interrupted a call at a moment at which the platform lets
+// it be cancelled. Requires: cancellation is deferred otherwise.
+bool isInterruptedAtCancellationPoint() {
+  int type = PTHREAD_CANCEL_DEFERRED;
+  pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
+  pthread_setcanceltype(type, nullptr);
+  return type == PTHREAD_CANCEL_ASYNCHRONOUS;
+}
 
 }  // namespace
 
 constinit thread_local CancellationState* t_pCancellation = nullptr;
 
-void CancellationState::close() {
-  if (m_nClosures++ > 0)
+CancellationState::~CancellationState() {
+  if (m_bHasTimer)
+    timer_delete(m_hTimer);
+}
+
+[[gnu::cold]] void CancellationState::unwindIfPossible() {
+  if (!canUnwindNow())
     return;
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-  if (m_bRequested.load())
-    defer();
+  addToDepth(1);  // so that destructors on the way do not look for a request again
+  cancelCallingThread();
+  pthread_testcancel();  // for a body that has made cancellation deferred
+  addToDepth(-1);
 }
 
-// The signal of a request that was made while cancellation was enabled may still be on its way, and
-// the platform then looks at the type alone. A request that is not seen here is made, and finds
-// cancellation disabled, later.
-void CancellationState::defer() {
-  if (m_bDeferred)
-    return;
-  m_bDeferred = true;
-  pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
-}
-
-void CancellationState::open() {
-  openQuietly();
-  if (m_nClosures > 0 || !m_bDeferred || std::uncaught_exceptions() > 0)
-    return;
-  // At a cancellation point, as only there the platform gives the thread its result. Nothing
-  // happens when the thread is unwinding already.
-  while (!m_bIssued.load())
-    sched_yield();
-  pthread_testcancel();
-}
-
-// Either this thread sees a request, or the requester sees that it is opening and waits; in the
-// second case the cancellation arrives after this function, like any other.
-void CancellationState::openQuietly() {
-  if (--m_nClosures > 0)
-    return;
-  m_bOpening.store(true);
-  if (m_bRequested.load())
-    defer();
-  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-  m_bOpening.store(false, std::memory_order_release);
-}
-
-void CancellationState::enterBody() {
-  m_bInBody = true;
-  open();
-}
-
-void CancellationState::leaveBody() {
-  close();
-  m_bInBody = false;
+// Two unwindings cannot be on their way at once.
+bool CancellationState::canUnwindNow() const {
+  return m_bInBody && m_nQuiet == 0 && std::uncaught_exceptions() == 0 &&
+         UnwindCheck::isPossibleHere();
 }
 
 void CancellationState::enterBlockingCall() {
-  if (!m_bInBody)
+  if (!m_bInBody || m_nQuiet > 0)
     return;
+  if (m_bRequested)
+    unwindIfPossible();
+  pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &m_nCallersType);
   m_bBlocking = true;
-  pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
-  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
 }
 
 void CancellationState::leaveBlockingCall() {
-  if (!m_bInBody)
+  if (!m_bBlocking)
     return;
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   m_bBlocking = false;
-  if (m_bRequested.load())
-    m_bDeferred = true;
-  if (!m_bDeferred)
-    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+  pthread_setcanceltype(m_nCallersType, nullptr);
 }
 
-void CancellationState::cancel(pthread_t thread) {
-  const NoCancellation whole;  // a thread that has noticed the request waits for the rest
-  m_bRequested.store(true);
-  const auto isSafe = [this] { return m_bDeferred || m_bBlocking || t_pCancellation == this; };
-  for (int look = 0; look < kLooksForNotice && !isSafe(); ++look)
-    usleep(kLookMicroseconds);
-  while (m_bOpening.load())
-    sched_yield();
-  pthread_cancel(thread);
-  m_bIssued.store(true);
+void CancellationState::enterBody() {
+  m_nThread = gettid();
+  m_bInBody = true;
+  if (m_bRequested)
+    unwindIfPossible();
+  m_nDepth = 0;
+}
+
+void CancellationState::leaveBody() {
+  m_nDepth = 1;
+  m_bInBody = false;
+}
+
+void CancellationState::forget(Held& held) {
+  Held** link = &m_pNewestHeld;
+  while (*link != nullptr && *link != &held)
+    link = &(*link)->older;
+  if (*link != nullptr)
+    *link = held.older;
+}
+
+void CancellationState::giveBackAll() {
+  while (Held* const held = m_pNewestHeld) {
+    m_pNewestHeld = held->older;
+    held->giveBack(*held);
+  }
+}
+
+void CancellationState::request() {
+  if (m_bRequested.exchange(true) || m_nThread == 0)
+    return;
+  sigevent event{};
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_signo = SIGUSR2;
+  event._sigev_un._tid = m_nThread;
+  if (timer_create(CLOCK_MONOTONIC, &event, &m_hTimer) != 0) {
+    syscall(SYS_tgkill, getpid(), m_nThread.load(), SIGUSR2);
+    return;
+  }
+  m_bHasTimer = true;
+  interruptAfter(1);
+}
+
+bool CancellationState::handleSignal() {
+  if (!m_bRequested)
+    return false;
+  if (!m_bInBody)
+    return true;
+  const bool isFree = m_nDepth == 0 && UnwindCheck::isPossibleWhereInterrupted();
+  const bool isWaiting = m_bBlocking && isInterruptedAtCancellationPoint() &&
+                         UnwindCheck::isPossibleAroundCancellationPoint();
+  if ((isFree || isWaiting) && std::uncaught_exceptions() == 0) {
+    addToDepth(1);
+    cancelCallingThread();
+    addToDepth(-1);
+  }
+  interruptAfter(++m_nInterruptions < kSoonInterruptions ? kSoonNanoseconds : kLaterNanoseconds);
+  return true;
+}
+
+void CancellationState::interruptAfter(long nanoseconds) {
+  if (!m_bHasTimer)
+    return;
+  itimerspec time{};
+  time.it_value.tv_nsec = nanoseconds;
+  timer_settime(m_hTimer, 0, &time, nullptr);
+}
+
+// The child has none of the parent's timers.
+void CancellationState::forgetRequest() {
+  m_bRequested = false;
+  m_bHasTimer = false;
+  m_nInterruptions = 0;
+  m_nThread = gettid();
 }
 
 NoCancellation::NoCancellation() noexcept {

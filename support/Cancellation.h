@@ -1,60 +1,118 @@
-// Keeps asynchronous cancellation out of the library's own bookkeeping.
+// Where VarnThread::kill() takes effect.
 //
-// VarnThread::kill() takes effect at any instruction of a thread's body. Inside the library that
-// would leave a mutex locked for ever or the heap damaged, so every operation that locks, counts,
-// allocates or logs closes cancellation for its duration. Only threads that run a VarnThread body
-// can be cancelled this way; on all others a guard costs one thread-local load.
+// A killed thread is unwound, and only ever by itself: kill() notes the request and has the thread
+// interrupted until it has ended. The thread begins to unwind
+//   - when it enters an operation that takes something (CancellationGuard), before it has taken it;
+//   - while it waits inside such an operation (BlockingCall), whose frames undo what they began;
+//   - in its own code, at the next instruction from which it can be unwound (UnwindCheck.h).
+// It never does so at another instruction of the library, nor inside an operation that gives
+// something back (QuietCancellationGuard). What an operation has handed out therefore belongs to its
+// caller, and nothing of the library is left half done.
 //
-// A frame that has destructors to run cannot be unwound at every instruction (the process would
-// end), and the first and last instructions of a guarded operation still run open. Therefore a
-// request waits a little for the thread to notice it inside the library, and what threads call all
-// the time closes and opens by hand, around an inner function.
+// Threads that the library does not run have no state; a guard costs them one thread-local load.
 #ifndef SUPPORT_CANCELLATION_H
 #define SUPPORT_CANCELLATION_H
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <atomic>
+#include <ctime>
+#include <exception>
 
 namespace VarnSupport {
 
-// The cancellation of one library thread. Used by that thread, but for cancel().
+// The cancellation of one library thread. All but request() is for that thread.
 class CancellationState {
  public:
-  // Cancellation is closed while any guard exists, and outside the body.
-  void close();
-  // Ends one closure. The last one lets a cancellation that was requested meanwhile begin to unwind
-  // right here, unless an exception is in flight: two unwindings cannot be on their way at once.
-  void open();
-  // As open(), for places that must not throw: the unwinding begins at the thread's next
-  // cancellation point or library call instead.
-  void openQuietly();
+  // Something that a thread holds between two operations of the library, and gives back when it ends,
+  // however it ends.
+  struct Held {
+    void (*giveBack)(Held& held) = nullptr;
+    Held* older = nullptr;
+  };
 
-  // Opens cancellation for the body of the thread, and closes it again.
-  void enterBody();
-  void leaveBody();
+  CancellationState() = default;
+  CancellationState(const CancellationState&) = delete;
+  CancellationState& operator=(const CancellationState&) = delete;
+  // Requires: the thread has ended or does not exist in this process.
+  ~CancellationState();
 
-  // Between these a blocking call is a cancellation point, however many guards there are, provided
-  // that the body is running.
+  // Around an operation that takes something. A request is acted on before the first of several
+  // operations that are inside each other, and nowhere in between.
+  void enter() {
+    if (addToDepth(1) == 1 && m_bRequested.load(std::memory_order_relaxed))
+      unwindIfPossible();
+  }
+  void leave() { addToDepth(-1); }
+
+  // Around an operation that gives something back: no request is acted on inside.
+  void enterQuietly() {
+    addToDepth(1);
+    ++m_nQuiet;
+  }
+  void leaveQuietly() {
+    --m_nQuiet;
+    addToDepth(-1);
+  }
+
+  bool isDue() const { return m_bRequested.load(std::memory_order_relaxed) && isOutermost(); }
+  // Returns when the thread cannot be unwound from here, or has disabled cancellation itself.
+  void unwindIfPossible();
+
+  // Around a call that may wait for long.
   void enterBlockingCall();
   void leaveBlockingCall();
 
-  // Cancels `thread`, whose state this is, from another thread. A thread that is busy with the
-  // library is given the time to notice the request at one of its operations, where it can always
-  // be unwound; what does not notice within milliseconds is cancelled where it is, though not in
-  // the middle of opening, so that what it decides there still holds.
-  void cancel(pthread_t thread);
+  // Around the body of the thread.
+  void enterBody();
+  void leaveBody();
+
+  void note(Held& held) {
+    held.older = m_pNewestHeld;
+    m_pNewestHeld = &held;
+  }
+  void forget(Held& held);
+  void giveBackAll();
+
+  // Requests the cancellation; the thread acts on it in its body.
+  void request();
+  bool isRequested() const { return m_bRequested; }
+  // For the requester: whether the thread is outside of the library, or waits in a call that can be
+  // cancelled. It may go on at once.
+  bool isOpen() const { return m_nDepth == 0 || m_bBlocking; }
+
+  // What interrupts the thread: acts on a request if that is possible there. False when the thread
+  // was not asked to end. Runs in signal context.
+  bool handleSignal();
+
+  // For the child of a fork: a request was meant for the thread in the parent.
+  void forgetRequest();
 
  private:
-  void defer();
+  bool isOutermost() const { return m_bInBody && m_nDepth == 1 && m_nQuiet == 0; }
+  // Only the thread itself changes its depth, but others may look at it.
+  int addToDepth(int levels) {
+    const int depth = m_nDepth.load(std::memory_order_relaxed) + levels;
+    m_nDepth.store(depth, std::memory_order_relaxed);
+    return depth;
+  }
+  bool canUnwindNow() const;
+  void interruptAfter(long nanoseconds);
 
-  int m_nClosures = 1;
+  // Operations of the library that the thread is inside of, one more outside of the body.
+  std::atomic<int> m_nDepth{1};
+  int m_nQuiet = 0;
   bool m_bInBody = false;
-  std::atomic<bool> m_bDeferred{false};  // the request has been noticed
   std::atomic<bool> m_bBlocking{false};
+  int m_nCallersType = 0;  // of cancellation, around a blocking call
+  int m_nInterruptions = 0;
+  Held* m_pNewestHeld = nullptr;
   std::atomic<bool> m_bRequested{false};
-  std::atomic<bool> m_bIssued{false};
-  std::atomic<bool> m_bOpening{false};
+  // Interrupts the thread; there is none before the request.
+  std::atomic<bool> m_bHasTimer{false};
+  timer_t m_hTimer{};
+  std::atomic<pid_t> m_nThread{0};  // the system's identifier, once the body has begun
 };
 
 // The calling thread's state; null on threads that the library does not run.
@@ -66,37 +124,54 @@ inline bool isCancellable() { return t_pCancellation != nullptr; }
 // What the guards below do, by hand.
 inline void closeCancellation() {
   if (t_pCancellation != nullptr)
-    t_pCancellation->close();
+    t_pCancellation->enter();
 }
 inline void openCancellation() {
   if (t_pCancellation != nullptr)
-    t_pCancellation->open();
+    t_pCancellation->leave();
+}
+inline void closeCancellationQuietly() {
+  if (t_pCancellation != nullptr)
+    t_pCancellation->enterQuietly();
 }
 inline void openCancellationQuietly() {
   if (t_pCancellation != nullptr)
-    t_pCancellation->openQuietly();
+    t_pCancellation->leaveQuietly();
 }
 
-// Closes cancellation for a scope, at whose end a cancelled thread may begin to unwind.
+// For an operation that has waited for what it has now: whether to give it back and to call
+// unwindIfPossible(), after which it may have to take it again.
+inline bool isCancellationDue() { return t_pCancellation != nullptr && t_pCancellation->isDue(); }
+inline void unwindIfPossible() { t_pCancellation->unwindIfPossible(); }
+
+// For what takes something: a thread that is to be cancelled unwinds out of the constructor.
 class CancellationGuard {
  public:
   CancellationGuard() { closeCancellation(); }
   CancellationGuard(const CancellationGuard&) = delete;
   CancellationGuard& operator=(const CancellationGuard&) = delete;
-  ~CancellationGuard() noexcept(false) { openCancellation(); }
+  ~CancellationGuard() { openCancellation(); }
 };
 
-// The same for destructors and whatever they call: never unwinds.
+// For what gives something back, destructors above all: never unwinds, and blocking calls inside
+// cannot be cancelled.
 class QuietCancellationGuard {
  public:
-  QuietCancellationGuard() { closeCancellation(); }
+  QuietCancellationGuard() { closeCancellationQuietly(); }
   QuietCancellationGuard(const QuietCancellationGuard&) = delete;
   QuietCancellationGuard& operator=(const QuietCancellationGuard&) = delete;
   ~QuietCancellationGuard() { openCancellationQuietly(); }
 };
 
-// Lets a cancelled thread unwind out of the blocking call of one scope, as from any cancellation
-// point. Requires: destructors undo whatever the library has under way on this thread.
+// For a handler of all exceptions: lets the unwinding of a cancelled thread go on.
+inline void passOnCancellation() {
+  if (std::current_exception() == nullptr)
+    throw;
+}
+
+// Lets a cancelled thread unwind out of the blocking call of one scope, or out of the constructor.
+// Requires: the call is a cancellation point of the platform; destructors undo whatever the library
+// has under way on this thread.
 class BlockingCall {
  public:
   BlockingCall() {
@@ -111,9 +186,8 @@ class BlockingCall {
   }
 };
 
-// Keeps the calls of one scope from being cancellation points on threads that the library does not
-// run: for system calls made while something is half done.
-// Requires: on a library thread, an outer guard.
+// Keeps the calls of one scope from being cancellation points of the platform, for system calls
+// made while something is half done: anybody may cancel a thread that the library does not run.
 class NoCancellation {
  public:
   NoCancellation() noexcept;

@@ -17,7 +17,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "ForkHandlers.h"
+#include "Fork.h"
 
 namespace VarnSupport {
 
@@ -224,8 +224,7 @@ ZoneUse::ZoneUse() { systemLock.lock(); }
 
 ZoneUse::~ZoneUse() { systemLock.unlock(); }
 
-void ForkHandlers::prepareLocalTime() { systemLock.lock(); }
-
-void ForkHandlers::releaseLocalTime() { systemLock.unlock(); }
+constinit const ForkPart zoneFork{[] { systemLock.lock(); },
+                                  [](ForkSide) { systemLock.unlock(); }};
 
 }  // namespace VarnSupport

@@ -1,5 +1,6 @@
 #include "SignalRelay.h"
 
+#include <dirent.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/mman.h>
@@ -12,6 +13,9 @@
 #include <cstdint>
 #include <ctime>
 #include <mutex>
+
+#include "Cancellation.h"
+#include "Fork.h"
 
 namespace VarnSupport {
 
@@ -27,6 +31,7 @@ static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler uses i
 
 constexpr std::size_t kSignals = 32;  // real-time signals are not routed
 
+constexpr std::int64_t kLooksAloneMilliseconds = 100;
 constexpr int kLooksToSettle = 100;
 constexpr useconds_t kLookMicroseconds = 50;
 
@@ -34,11 +39,13 @@ constexpr useconds_t kLookMicroseconds = 50;
 struct RelayState {
   std::array<Route, kSignals> routes;
   std::atomic<bool> busy{false};
+  std::atomic<bool> mainHasEnded{false};
   sem_t semaphore{};
   std::mutex mutex;
   // Guarded by mutex.
   bool prepared = false;
   bool running = false;
+  bool ranInParent = false;  // when this process was forked
   pthread_t thread{};
   sigset_t callersMask{};
 };
@@ -47,9 +54,11 @@ constinit RelayState relay;
 
 Route& routeOf(int signal) { return relay.routes[static_cast<std::size_t>(signal)]; }
 
+// SIGUSR2 also interrupts threads that are killed.
 void onSignal(int signal) {
   const int savedErrno = errno;
-  SignalRelay::post(signal);
+  if (signal != SIGUSR2 || t_pCancellation == nullptr || !t_pCancellation->handleSignal())
+    SignalRelay::post(signal);
   errno = savedErrno;
 }
 
@@ -70,9 +79,14 @@ std::int64_t firstExpectation() {
   return first;
 }
 
-// Waits for a signal, or until one that is expected counts as lost.
+// Waits for a signal, or until one that is expected counts as lost, or for a moment once the main
+// thread has ended.
 void awaitWork() {
-  const std::int64_t until = firstExpectation();
+  std::int64_t until = firstExpectation();
+  if (relay.mainHasEnded) {
+    const std::int64_t soon = monotonicMilliseconds() + kLooksAloneMilliseconds;
+    until = until == 0 ? soon : std::min(until, soon);
+  }
   const timespec time{until / 1000, until % 1000 * 1000000};
   int result = 0;
   do {
@@ -97,6 +111,37 @@ std::uint32_t takeDue() {
   return due;
 }
 
+void runDue() {
+  const std::uint32_t due = takeDue();
+  for (int signal = 1; signal < static_cast<int>(kSignals); ++signal) {
+    if ((due >> signal & 1) != 0)
+      routeOf(signal).routine.load()(signal);
+  }
+}
+
+// Whether the calling thread is the last: the system lists a main thread that has ended, too.
+bool isAlone() {
+  int tasks = 0;
+  DIR* const folder = opendir("/proc/self/task");
+  if (folder == nullptr)
+    return false;
+  while (const dirent* const entry = readdir(folder)) {
+    if (entry->d_name[0] != '.')
+      ++tasks;
+  }
+  closedir(folder);
+  return tasks <= 2;
+}
+
+// True when the relay is to end, and the process with it.
+bool isLast() {
+  if (!relay.mainHasEnded || !isAlone())
+    return false;
+  const std::lock_guard guard(relay.mutex);
+  relay.running = false;
+  return true;
+}
+
 void* runRelay(void*) {
   pthread_setname_np(pthread_self(), "vsupt-signals");
   sigset_t ours;
@@ -104,16 +149,24 @@ void* runRelay(void*) {
   for (const int signal : {SIGALRM, SIGUSR1, SIGUSR2})
     sigaddset(&ours, signal);
   pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
-  while (true) {
+  while (!isLast()) {
     awaitWork();
     relay.busy = true;
-    const std::uint32_t due = takeDue();
-    for (int signal = 1; signal < static_cast<int>(kSignals); ++signal) {
-      if ((due >> signal & 1) != 0)
-        routeOf(signal).routine.load()(signal);
-    }
+    runDue();
     relay.busy = false;
   }
+  return nullptr;
+}
+
+// Has the relay told when the calling thread, the main one, ends by pthread_exit().
+void watchMainThread() {
+  static pthread_key_t key;
+  static const bool hasKey = pthread_key_create(&key, [](void*) {
+                               relay.mainHasEnded = true;
+                               sem_post(&relay.semaphore);
+                             }) == 0;
+  if (hasKey)
+    pthread_setspecific(key, &relay);
 }
 
 // Starts the relay on a stack of its own: in the child of a fork, a new thread would otherwise
@@ -165,6 +218,8 @@ void SignalRelay::route(int number, Routine routine) {
     if (!relay.prepared) {
       sem_init(&relay.semaphore, 0, 0);
       relay.prepared = true;
+      if (gettid() == getpid())
+        watchMainThread();
     }
     routeOf(number).routine.store(routine);
   }
@@ -180,6 +235,29 @@ bool SignalRelay::ensureRunning() {
 void SignalRelay::post(int signal) {
   if (!routeOf(signal).pending.exchange(true))
     sem_post(&relay.semaphore);
+}
+
+void SignalRelay::raise(int signal) {
+  {
+    const std::lock_guard guard(relay.mutex);
+    startLocked();
+    if (relay.running)
+      pthread_kill(relay.thread, signal);
+    else
+      kill(getpid(), signal);
+  }
+  post(signal);
+}
+
+bool SignalRelay::isRelay() {
+  const std::lock_guard guard(relay.mutex);
+  return isRelayLocked();
+}
+
+void SignalRelay::runPending() {
+  while (sem_trywait(&relay.semaphore) == 0) {
+  }
+  runDue();
 }
 
 void SignalRelay::expectWithin(int signal, long milliseconds) {
@@ -207,24 +285,41 @@ void SignalRelay::settle() {
     if (!relay.running || isRelayLocked())
       return;
   }
+  const NoCancellation settling;
   for (int look = 0; look < kLooksToSettle && hasWork(); ++look)
     usleep(kLookMicroseconds);
 }
 
-void SignalRelay::prepareFork() { relay.mutex.lock(); }
+void SignalRelay::resumeInChild() {
+  const auto isRouted = [](int signal) { return routeOf(signal).routine.load() != nullptr; };
+  if (relay.ranInParent && (isRouted(SIGTERM) || isRouted(SIGINT)))
+    ensureRunning();
+}
 
-void SignalRelay::parentAfterFork() { relay.mutex.unlock(); }
+namespace {
 
-// A signal that the parent has noted is the parent's.
-void SignalRelay::childAfterFork() {
-  relay.running = isRelayLocked();
-  relay.busy = relay.running;
-  for (Route& route : relay.routes) {
-    route.pending.store(false);
-    route.expectedUntil = 0;
+void prepareRelay() { relay.mutex.lock(); }
+
+// A signal that the parent has noted is the parent's. The semaphore is made anew first: what is noted
+// from then on is posted again.
+void releaseRelay(ForkSide side) {
+  if (side == ForkSide::CHILD) {
+    relay.ranInParent = relay.running;
+    relay.running = isRelayLocked();
+    relay.busy = relay.running;
+    relay.mainHasEnded = false;
+    sem_init(&relay.semaphore, 0, 0);
+    for (Route& route : relay.routes) {
+      route.pending.store(false);
+      route.expectedUntil = 0;
+    }
+    watchMainThread();
   }
-  sem_init(&relay.semaphore, 0, 0);
   relay.mutex.unlock();
 }
+
+}  // namespace
+
+constinit const ForkPart relayFork{&prepareRelay, &releaseRelay};
 
 }  // namespace VarnSupport

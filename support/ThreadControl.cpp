@@ -2,31 +2,63 @@
 
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <memory>
 #include <utility>
 
+#include "Fork.h"
 #include "VarnSupport/VarnCriticalSection.h"
 
 namespace VarnSupport {
 
 namespace {
 
+// A thread that is killed has ended after some ten microseconds, as a rule. It may take as long as
+// it likes: its own code may keep it from being unwound.
+constexpr std::chrono::milliseconds kTimeToEnd{10};
+
+// ThreadSanitizer's run-time library delivers a signal when the thread calls into it, which may be
+// never. The platform's own signal it lets through.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kSignalsAreHeldBack = true;
+#else
+constexpr bool kSignalsAreHeldBack = false;
+#endif
+constexpr int kLooksForOpening = 100;
+
 constinit thread_local ThreadControl* t_pControl = nullptr;
 
+// Guards the objects' pointers to their controls.
+constinit std::mutex controlMutex;
+
 }  // namespace
+
+ThreadControl::Visit::Visit(VarnThread& object) {
+  const std::lock_guard guard(controlMutex);
+  m_pControl = object.m_pControl;
+  if (m_pControl != nullptr)
+    m_pControl->m_nUses.fetch_add(1);
+}
+
+ThreadControl::Visit::~Visit() {
+  if (m_pControl != nullptr)
+    m_pControl->drop();
+}
 
 // The thread's side of the control: set up first, undone however the thread ends.
 class ThreadControl::Use {
  public:
   explicit Use(ThreadControl& control) : m_oControl(control) {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+    letKillInterrupt();
     t_pCancellation = &m_oControl.m_oCancellation;
     t_pControl = &m_oControl;
   }
   Use(const Use&) = delete;
   Use& operator=(const Use&) = delete;
   ~Use() {
+    m_oControl.m_oCancellation.giveBackAll();
     VarnCriticalSectionRecoverFn(nullptr);
     t_pControl = nullptr;
     t_pCancellation = nullptr;
@@ -39,11 +71,43 @@ class ThreadControl::Use {
   }
 
  private:
+  // Who starts the thread may have blocked all signals.
+  static void letKillInterrupt() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGUSR2);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  }
+
   ThreadControl& m_oControl;
 };
 
-ThreadControl::ThreadControl(VarnThread& object, const std::string& systemName)
-    : m_sSystemName(systemName.substr(0, 15)), m_pObject(&object), m_nProcess(getpid()) {}
+ThreadControl::ThreadControl(VarnThread& object, const std::string& systemName, const Work& work)
+    : m_sSystemName(systemName.substr(0, 15)),
+      m_pIdentity(&object),
+      m_oWork(work),
+      m_pObject(&object),
+      m_nProcess(getpid()) {}
+
+ThreadControl& ThreadControl::make(VarnThread& object, const std::string& systemName,
+                                   const Work& work) {
+  auto* const control = new ThreadControl(object, systemName, work);
+  const std::lock_guard guard(controlMutex);
+  object.m_pControl = control;
+  return *control;
+}
+
+void ThreadControl::part(VarnThread& object) {
+  ThreadControl* control = nullptr;
+  {
+    const std::lock_guard guard(controlMutex);
+    control = std::exchange(object.m_pControl, nullptr);
+  }
+  if (control == nullptr)
+    return;
+  control->abandon();
+  control->drop();
+}
 
 void ThreadControl::drop() {
   if (m_nUses.fetch_sub(1) == 1)
@@ -51,17 +115,19 @@ void ThreadControl::drop() {
 }
 
 ThreadControl* ThreadControl::of(const VarnThread& object) {
-  if (t_pControl == nullptr)
-    return nullptr;
-  const std::lock_guard guard(t_pControl->m_oMutex);
-  return t_pControl->m_pObject == &object ? t_pControl : nullptr;
+  return t_pControl != nullptr && t_pControl->m_pIdentity == &object ? t_pControl : nullptr;
 }
 
+// When the system refuses, there may be waiters already, for whom this is the thread's end.
 bool ThreadControl::start(pthread_t& handle) {
   const std::lock_guard guard(m_oMutex);
-  if (pthread_create(&m_hThread, nullptr, &ThreadControl::routine, this) != 0)
-    return false;
   m_nUses.fetch_add(1);
+  if (pthread_create(&m_hThread, nullptr, &ThreadControl::routine, this) != 0) {
+    m_nUses.fetch_sub(1);
+    m_bEnded = true;
+    m_oChanged.notify_all();
+    return false;
+  }
   m_bJoinable = true;
   handle = m_hThread;
   return true;
@@ -84,12 +150,6 @@ void* ThreadControl::routine(void* argument) {
 void ThreadControl::join() {
   if (!belongsToThisProcess() || t_pControl == this)
     return;
-  // A thread that deletes itself gives up both other uses while this waits.
-  struct Visit {
-    ThreadControl& control;
-    explicit Visit(ThreadControl& visited) : control(visited) { control.m_nUses.fetch_add(1); }
-    ~Visit() { control.drop(); }
-  } const visit(*this);
   std::unique_lock guard(m_oMutex);
   if (!m_bJoinable) {
     const BlockingCall cancellable;
@@ -130,23 +190,52 @@ void ThreadControl::detach() {
   m_bJoinable = false;
 }
 
-// Under the mutex the thread cannot end, so that its identifier is valid.
 void ThreadControl::cancel() {
   if (!belongsToThisProcess())
     return;
-  const std::lock_guard guard(m_oMutex);
+  std::unique_lock guard(m_oMutex);
   if (m_bEnded)
     return;
-  m_oCancellation.cancel(m_hThread);
+  m_oCancellation.request();
+  if (t_pControl == this)
+    return;
+  const NoCancellation whole;
+  const auto ends = [this] { return m_bEnded; };
+  bool hasEnded = m_oChanged.wait_for(guard, kTimeToEnd, ends);
+  for (int look = 0; kSignalsAreHeldBack && !hasEnded && look < kLooksForOpening; ++look) {
+    if (m_oCancellation.isOpen())
+      pthread_cancel(m_hThread);
+    hasEnded = m_oChanged.wait_for(guard, kTimeToEnd, ends);
+  }
 }
 
+// Waits while the thread is telling the dependents. Nobody can join a thread any more that has been
+// killed, or that destroys its own object.
 void ThreadControl::abandon() {
   if (!belongsToThisProcess())
     return;
   std::unique_lock guard(m_oMutex);
-  if (t_pControl != this)
+  if (t_pControl != this) {
+    const NoCancellation whole;
     m_oChanged.wait(guard, [this] { return m_ePhase != ANNOUNCING || m_bEnded; });
+  }
   m_pObject = nullptr;
+  if (m_bJoinable && (t_pControl == this || m_oCancellation.isRequested())) {
+    pthread_detach(m_hThread);
+    m_bJoinable = false;
+  }
+}
+
+// A cancellation that was requested before unwinds out of the constructor, the destructor then does
+// not run: the control keeps the work until it goes itself.
+ThreadControl::Body::Body(ThreadControl& control)
+    : m_oControl(control), m_pWork(control.isAbandoned() ? nullptr : &control.m_oWork) {
+  m_oControl.m_oCancellation.enterBody();
+}
+
+ThreadControl::Body::~Body() {
+  m_oControl.m_oCancellation.leaveBody();
+  m_oControl.m_oWork = Work();
 }
 
 bool ThreadControl::beginAnnouncement() {
@@ -168,16 +257,24 @@ void ThreadControl::endAnnouncement() {
   m_oChanged.notify_all();
 }
 
-// Another thread may have held the mutex, or waited. The other controls are of threads that the
-// child does not have: nothing waits for these, and their mutexes are left alone.
-void ThreadControl::adoptInChild() {
-  if (t_pControl == nullptr)
-    return;
-  std::construct_at(&t_pControl->m_oMutex);
-  std::construct_at(&t_pControl->m_oChanged);
-  t_pControl->m_nProcess = getpid();
-}
-
 bool ThreadControl::belongsToThisProcess() const { return m_nProcess == getpid(); }
+
+// The thread that forks is the only one in the child: its control belongs there, and its mutex may
+// have been held, or waited for, by another thread. The other controls are of threads that the child
+// does not have: nothing waits for these, and their mutexes are left alone.
+struct ThreadControl::Fork {
+  static void prepare() { controlMutex.lock(); }
+  static void release(ForkSide side) {
+    controlMutex.unlock();
+    if (side == ForkSide::PARENT || t_pControl == nullptr)
+      return;
+    std::construct_at(&t_pControl->m_oMutex);
+    std::construct_at(&t_pControl->m_oChanged);
+    t_pControl->m_nProcess = getpid();
+    t_pControl->m_oCancellation.forgetRequest();
+  }
+};
+
+constinit const ForkPart controlFork{&ThreadControl::Fork::prepare, &ThreadControl::Fork::release};
 
 }  // namespace VarnSupport

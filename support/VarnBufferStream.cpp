@@ -26,20 +26,6 @@ unsigned char* duplicate(const void* bytes, std::uint32_t size) {
   return static_cast<unsigned char*>(copy);
 }
 
-// Runs a transfer, which holds the lock. The lock's state is made first: nothing can throw between
-// closing and opening.
-template <typename Transfer>
-unsigned guarded(VarnCriticalSectionObject& lock, Transfer transfer) {
-  if (BriefHold::isUnused(lock))
-    lock.init();
-  if (!isCancellable())
-    return transfer();
-  closeCancellation();
-  const unsigned moved = transfer();
-  openCancellation();
-  return moved;
-}
-
 }  // namespace
 
 VarnBufferStream::VarnBufferStream(unsigned long growthStep)
@@ -88,15 +74,18 @@ VarnBufferStream::~VarnBufferStream() {
 void VarnBufferStream::reset() { m_nEnd.store(m_nReadPosition, std::memory_order_relaxed); }
 
 unsigned VarnBufferStream::read(void* data, unsigned elementSize, unsigned count) {
-  return guarded(m_oLock, [&] { return copyOut(data, elementSize, count, true); });
+  const CancellationGuard closed;
+  return copyOut(data, elementSize, count, true);
 }
 
 unsigned VarnBufferStream::write(const void* data, unsigned elementSize, unsigned count) {
-  return guarded(m_oLock, [&] { return append(data, elementSize, count); });
+  const CancellationGuard closed;
+  return append(data, elementSize, count);
 }
 
 unsigned VarnBufferStream::peek(void* data, unsigned elementSize, unsigned count) {
-  return guarded(m_oLock, [&] { return copyOut(data, elementSize, count, false); });
+  const CancellationGuard closed;
+  return copyOut(data, elementSize, count, false);
 }
 
 unsigned VarnBufferStream::copyOut(void* data, unsigned elementSize, unsigned count, bool remove) {

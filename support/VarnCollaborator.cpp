@@ -1,7 +1,9 @@
 #include "VarnSupport/VarnCollaborator.h"
 
 #include <algorithm>
+#include <array>
 
+#include "BriefGate.h"
 #include "BriefHold.h"
 #include "Cancellation.h"
 #include "TrackedDependent.h"
@@ -39,8 +41,18 @@ class Walk {
 
 constinit thread_local Walk* Walk::t_pInnermost = nullptr;
 
-// While no tracked dependent exists, walks need not look for one.
-constinit std::atomic<int> trackedDependents{0};
+// Excludes other threads from a list of dependents, which is whole in the child of a fork, too.
+class VSUPT_SCOPED_CAPABILITY ListHold {
+ public:
+  explicit ListHold(VarnCriticalSectionObject& lock) VSUPT_ACQUIRE(lock) : m_oHold(lock) {}
+  ListHold(const ListHold&) = delete;
+  ListHold& operator=(const ListHold&) = delete;
+  ~ListHold() VSUPT_RELEASE() {}
+
+ private:
+  BriefGate::Pass m_oPass;
+  BriefHold m_oHold;
+};
 
 }  // namespace
 
@@ -71,10 +83,12 @@ VarnCollaborator& VarnCollaborator::operator=(const VarnCollaborator&) { return 
 
 VarnCollaborator::~VarnCollaborator() { Walk::orphanAll(*this); }
 
-void VarnCollaborator::addDependent(VarnDependent& dependent) {
+void VarnCollaborator::addDependent(VarnDependent& dependent) { addEntry(&dependent); }
+
+void VarnCollaborator::addEntry(VarnDependent* entry) {
   const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
-  m_vDependents.push_back(&dependent);
+  const ListHold hold(m_oLock);
+  m_vDependents.push_back(entry);
   m_nChanges.fetch_add(1, std::memory_order_release);
 }
 
@@ -82,10 +96,11 @@ void VarnCollaborator::addDependent(VarnDependent& dependent) {
 void VarnCollaborator::removeDependent(VarnDependent& dependent) {
   if (BriefHold::isUnused(m_oLock))
     return;
-  const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
-  m_vDependents.erase(std::remove(m_vDependents.begin(), m_vDependents.end(), &dependent),
-                      m_vDependents.end());
+  const QuietCancellationGuard closed;
+  const ListHold hold(m_oLock);
+  std::erase_if(m_vDependents, [&](VarnDependent* entry) {
+    return TrackedDependent::isEntryOf(entry, dependent);
+  });
   m_nChanges.fetch_add(1, std::memory_order_release);
 }
 
@@ -94,74 +109,79 @@ void VarnCollaborator::notify(const VarnNotification& notification) {
   deliver(notification);
 }
 
-// Returns false when a callback destroyed the collaborator. Entries are read several at a time; as
-// long as the list has not changed they are what a look at it would find. The entry of a tracked
-// dependent is taken out as it is called: its owner wakes up at any moment, and by removing it from
-// under the walk would make that skip an entry.
+// The entries of the live list, by position. Reads several at a time: as long as the list has not
+// changed, they are what a look at it would find.
+class VarnCollaborator::Cursor {
+ public:
+  explicit Cursor(VarnCollaborator& collaborator) : m_oCollaborator(collaborator) {}
+  Cursor(const Cursor&) = delete;
+  Cursor& operator=(const Cursor&) = delete;
+
+  // The dependent at the next position, null behind the last. `call` counts the call of a tracked
+  // one, whose entry is taken out: its owner wakes up at any moment, and by removing the entry from
+  // under the walk would make that skip another.
+  VarnDependent* next(TrackedDependent::Call& call) {
+    const bool isStale = m_nChanges != m_oCollaborator.m_nChanges.load(std::memory_order_acquire);
+    if (isStale || (m_nPosition == m_nEnd && m_nEnd < m_nSize)) {
+      if (TrackedDependent* const tracked = read(call))
+        return tracked;
+    }
+    return m_nPosition < m_nEnd ? m_aBatch[m_nPosition++ - m_nBegin] : nullptr;
+  }
+
+ private:
+  // Reads a batch from the present position on, up to the next tracked dependent. When that comes
+  // first, takes it out of the list, begins its call and returns it.
+  TrackedDependent* read(TrackedDependent::Call& call);
+
+  static constexpr std::size_t kBatch = 16;
+
+  VarnCollaborator& m_oCollaborator;
+  std::size_t m_nPosition = 0;           // of the entry that is next
+  std::uint64_t m_nChanges = ~std::uint64_t{0};  // of the list when it was read
+  std::size_t m_nSize = 0;               // of the list then
+  std::size_t m_nBegin = 0;              // the batch is [begin, end) of the list
+  std::size_t m_nEnd = 0;
+  std::array<VarnDependent*, kBatch> m_aBatch;
+};
+
+TrackedDependent* VarnCollaborator::Cursor::read(TrackedDependent::Call& call) {
+  const ListHold hold(m_oCollaborator.m_oLock);
+  std::vector<VarnDependent*>& list = m_oCollaborator.m_vDependents;
+  m_nPosition = m_nBegin = std::min(m_nPosition, list.size());
+  const auto first = list.begin() + static_cast<std::ptrdiff_t>(m_nBegin);
+  auto last = first + static_cast<std::ptrdiff_t>(std::min(kBatch, list.size() - m_nBegin));
+  if (TrackedDependent::exist())
+    last = std::find_if(first, last, TrackedDependent::findIn);
+  m_nEnd = m_nBegin + static_cast<std::size_t>(last - first);
+  std::copy(first, last, m_aBatch.begin());
+  TrackedDependent* tracked = nullptr;
+  if (first == last && first != list.end()) {
+    tracked = TrackedDependent::findIn(*first);
+    call.begin(*tracked);
+    list.erase(first);
+    m_oCollaborator.m_nChanges.fetch_add(1, std::memory_order_release);
+  }
+  m_nSize = list.size();
+  m_nChanges = m_oCollaborator.m_nChanges.load(std::memory_order_relaxed);
+  return tracked;
+}
+
+// Returns false when a callback destroyed the collaborator.
 bool VarnCollaborator::deliver(const VarnNotification& notification) {
   if (BriefHold::isUnused(m_oLock))
     return true;
-  constexpr std::size_t kBatch = 16;
-  VarnDependent* batch[kBatch];
-  std::size_t begin = 0;  // the batch is [begin, end) of the list
-  std::size_t end = 0;
-  std::size_t size = 0;
-  std::uint64_t changes = 0;
   const Walk walk(*this);
-  for (std::size_t i = 0, next = 0;; i = next) {
+  Cursor cursor(*this);
+  while (true) {
     TrackedDependent::Call call;
-    next = i + 1;
-    const bool isKnown = i > 0 && changes == m_nChanges.load(std::memory_order_acquire);
-    if (!isKnown || (i >= end && i < size)) {
-      const BriefHold hold(m_oLock);
-      changes = m_nChanges.load(std::memory_order_relaxed);
-      size = m_vDependents.size();
-      begin = std::min(i, size);
-      // A tracked dependent may go at any time: its call begins under the lock.
-      end = begin + std::min(trackedDependents.load(std::memory_order_relaxed) == 0 ? kBatch : 1,
-                             size - begin);
-      const auto first = m_vDependents.begin() + static_cast<std::ptrdiff_t>(begin);
-      std::copy(first, first + static_cast<std::ptrdiff_t>(end - begin), batch);
-      if (i < end && call.begin(*batch[0])) {
-        m_vDependents.erase(first);
-        m_nChanges.fetch_add(1, std::memory_order_release);
-        next = i;
-      }
-    }
-    if (i >= size)
+    VarnDependent* const dependent = cursor.next(call);
+    if (dependent == nullptr)
       return true;
-    batch[i - begin]->handleNotification(*this, notification);
+    dependent->handleNotification(*this, notification);
     if (walk.isOrphaned())
       return false;
   }
-}
-
-TrackedDependent::TrackedDependent() { trackedDependents.fetch_add(1); }
-
-TrackedDependent::~TrackedDependent() { trackedDependents.fetch_sub(1); }
-
-void TrackedDependent::awaitCalls() {
-  while (const int calls = m_nCalls.load(std::memory_order_acquire))
-    m_nCalls.wait(calls, std::memory_order_acquire);
-}
-
-bool TrackedDependent::Call::begin(VarnDependent& dependent) {
-  if (trackedDependents.load(std::memory_order_relaxed) == 0)
-    return false;
-  m_pTracked = dynamic_cast<TrackedDependent*>(&dependent);
-  if (m_pTracked == nullptr)
-    return false;
-  m_pTracked->m_nCalls.fetch_add(1, std::memory_order_relaxed);
-  return true;
-}
-
-// After the decrement the dependent may be gone: notify_all() takes its address and nothing else.
-TrackedDependent::Call::~Call() {
-  if (m_pTracked == nullptr)
-    return;
-  std::atomic<int>& calls = m_pTracked->m_nCalls;
-  if (calls.fetch_sub(1, std::memory_order_release) == 1)
-    calls.notify_all();
 }
 
 }  // namespace VarnSupport

@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <memory>
 
+#include "BriefGate.h"
 #include "BriefHold.h"
 #include "Cancellation.h"
-#include "ForkHandlers.h"
 #include "NeverDestroyed.h"
 #include "VarnSupport/VarnModule.h"
 
@@ -158,12 +158,14 @@ VarnCriticalSectionObject::~VarnCriticalSectionObject() {
   delete m_pState.load(std::memory_order_acquire);
 }
 
-void VarnCriticalSectionObject::init() { state(); }
+void VarnCriticalSectionObject::init() {
+  const CancellationGuard closed;
+  state();
+}
 
 // Of threads that race one sets its state, and the others discard theirs.
 void VarnCriticalSectionObject::makeState() {
   using State = VarnSmartPointer<LockImplementation>;
-  const CancellationGuard closed;
   std::unique_ptr<State> made(new State(new LockImplementation(m_bFlag)));
   State* none = nullptr;
   if (m_pState.compare_exchange_strong(none, made.get(), std::memory_order_acq_rel))
@@ -179,19 +181,23 @@ void VarnCriticalSectionObject::lock() {
     (*shared)->lock();
 }
 
+// A thread that is killed while it waits for the lock dies once it has it.
 [[gnu::noinline]] void VarnCriticalSectionObject::lockGuarded() {
+  const CancellationGuard closed;
   LockImplementation& lock = state();
-  closeCancellation();
+  if (lock.testAndSet())
+    return;
   lock.lock();
-  openCancellation();
+  if (isCancellationDue()) {
+    lock.unlock();
+    unwindIfPossible();
+    lock.lock();
+  }
 }
 
 bool VarnCriticalSectionObject::testAndSet() {
-  LockImplementation& lock = state();
-  closeCancellation();
-  const bool taken = lock.testAndSet();
-  openCancellation();
-  return taken;
+  const CancellationGuard closed;
+  return state().testAndSet();
 }
 
 void VarnCriticalSectionObject::unlock() {
@@ -203,20 +209,19 @@ void VarnCriticalSectionObject::unlock() {
 }
 
 [[gnu::noinline]] void VarnCriticalSectionObject::unlockGuarded() {
-  LockImplementation& lock = state();
-  closeCancellation();
-  lock.unlock();
-  openCancellation();
+  const QuietCancellationGuard closed;
+  state().unlock();
 }
 
 void VarnCriticalSectionObject::unwind() {
-  LockImplementation& lock = state();
-  closeCancellation();
-  lock.unwind();
-  openCancellation();
+  const QuietCancellationGuard closed;
+  state().unwind();
 }
 
-int VarnCriticalSectionObject::lockCount() { return state().lockCount(); }
+int VarnCriticalSectionObject::lockCount() {
+  const CancellationGuard closed;
+  return state().lockCount();
+}
 
 VarnCriticalSection::VarnCriticalSection(VarnCriticalSectionObject& object, bool lockNow)
     : m_pObject(&object) {
@@ -226,7 +231,7 @@ VarnCriticalSection::VarnCriticalSection(VarnCriticalSectionObject& object, bool
   }
 }
 
-VarnCriticalSection::~VarnCriticalSection() noexcept(false) { unlock(); }
+VarnCriticalSection::~VarnCriticalSection() { unlock(); }
 
 void VarnCriticalSection::unlock() {
   if (m_bHolds) {
@@ -236,7 +241,7 @@ void VarnCriticalSection::unlock() {
 }
 
 void VarnCriticalSectionRecoverFn(void*) {
-  const CancellationGuard closed;
+  const QuietCancellationGuard closed;
   LockImplementation* lock = t_pNewestLock;
   setNewestLockOfThread(nullptr);
   while (lock != nullptr) {
@@ -250,36 +255,29 @@ void VarnCriticalSectionRecoverFn(void*) {
   }
 }
 
-// No other thread exists: the state can be made anew where it stands, for all who share it.
-void ForkHandlers::renew(VarnCriticalSectionObject& lock) {
-  const auto* const shared = lock.m_pState.load();
-  if (shared == nullptr)
-    return;
+// The mutex tells, not the owner: a thread notes itself as the owner a moment after it has the
+// mutex. No other thread exists, so that the state can be made anew where it stands, for all who share
+// it.
+bool BriefHold::renewIfLost(VarnCriticalSectionObject& object) {
+  const auto* const shared = object.m_pState.load();
+  if (shared == nullptr || (*shared)->isHeldByCaller())
+    return false;
   LockImplementation& state = **shared;
+  if (pthread_mutex_trylock(&state.m_oMutex) == 0) {
+    pthread_mutex_unlock(&state.m_oMutex);
+    return false;
+  }
   pthread_mutex_init(&state.m_oMutex, nullptr);
   state.m_hOwner = 0;
   state.m_pOlder = nullptr;
   state.m_pNewer = nullptr;
   state.m_nCount = 0;
-}
-
-// The mutex tells, not the owner: a thread notes itself as the owner a moment after it has the
-// mutex.
-bool ForkHandlers::renewIfLost(VarnCriticalSectionObject& lock) {
-  const auto* const shared = lock.m_pState.load();
-  if (shared == nullptr || (*shared)->isHeldByCaller())
-    return false;
-  pthread_mutex_t& mutex = (*shared)->m_oMutex;
-  if (pthread_mutex_trylock(&mutex) == 0) {
-    pthread_mutex_unlock(&mutex);
-    return false;
-  }
-  renew(lock);
   return true;
 }
 
 void VSUPTInitVarnObjectBase() {
-  // While there is one thread: it makes the key that all locks share.
+  // While there is one thread: the second makes the key that all locks share.
+  BriefGate::prepare();
   globalSection().init();
   g_pCriticalSection = &globalSection();
 }

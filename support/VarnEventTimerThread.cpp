@@ -3,7 +3,7 @@
 #include <new>
 
 #include "Cancellation.h"
-#include "EventAccess.h"
+#include "EventTicket.h"
 #include "VarnSupport/VarnLogging.h"
 
 namespace VarnSupport {
@@ -57,13 +57,14 @@ int VarnEventTimerThread::run() {
 }
 
 // False when the thread is to end. The ticket comes before the look at the flag: a stop() after the
-// look ends the wait.
+// look ends the wait, in whatever way the event waits.
 bool VarnEventTimerThread::awaitEvent() {
   const CancellationGuard closed;
-  const std::uint64_t ticket = EventAccess::ticket(m_oTimer);
+  EventTicket ticket(m_oTimer);
+  const EventTicket::Presented presented(ticket);
   m_bWaiting = true;
   if (m_bKeepRunning)
-    EventAccess::waitSince(m_oTimer, ticket);
+    m_oTimer.wait(-1);
   return m_bKeepRunning;
 }
 

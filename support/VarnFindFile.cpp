@@ -36,9 +36,8 @@ FindFileBase::FindFileBase(const std::string& path) : m_sPath(path) {
 
 FindFileBase::~FindFileBase() = default;
 
-// Nothing may unwind once the folder is open.
 FindFileImplementation::FindFileImplementation(const std::string& path) : FindFileBase(path) {
-  const QuietCancellationGuard closed;
+  const CancellationGuard closed;
   m_pStream = openFolder(m_sFolder);
   if (m_pStream != nullptr)
     findNext();
@@ -102,7 +101,7 @@ bool FindFileImplementation::IsPatternMatch(const char* pattern, const char* nam
 }
 
 VarnFindFile::VarnFindFile(const std::string& path) {
-  const QuietCancellationGuard closed;
+  const CancellationGuard closed;
   m_pImplementation = new FindFileImplementation(path);
 }
 

@@ -10,10 +10,9 @@ namespace VarnSupport {
 
 template class VarnSmartPointer<VarnLibrary>;
 
-// Nothing may unwind once the handle is there. The loader's text is taken before any other call can
-// change it.
+// The loader's text is taken before any other call can change it.
 VarnLibrary::VarnLibrary(const std::string& name, bool exactName) : m_sName(name) {
-  const QuietCancellationGuard closed;
+  const CancellationGuard closed;
   const std::string file = exactName ? name : "lib" + name + ".so";
   const LibraryLoad load;
   m_pHandle = dlopen(file.c_str(), RTLD_NOW);

@@ -6,7 +6,7 @@ namespace VarnSupport {
 
 LockFactoryVisit::LockFactoryVisit() { closeCancellation(); }
 
-LockFactoryVisit::~LockFactoryVisit() { openCancellationQuietly(); }
+LockFactoryVisit::~LockFactoryVisit() { openCancellation(); }
 
 template class VarnLockFactory<std::string, VarnCriticalSectionObject>;
 template class VarnLockFactory<std::string, VarnMutexObject>;

@@ -12,8 +12,9 @@
 #include <new>
 #include <string_view>
 
+#include "BriefHold.h"
 #include "Cancellation.h"
-#include "ForkHandlers.h"
+#include "Fork.h"
 #include "SecondText.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLocaleFactory.h"
@@ -462,7 +463,7 @@ void VarnLogRecord::begin(const std::string& component, int level) {
   closeCancellation();
   m_pLog = VarnLogging::pin(level);
   if (m_pLog == nullptr) {
-    openCancellationQuietly();
+    openCancellation();
     return;
   }
   m_pLog->m_oRecordLock.lock();
@@ -507,7 +508,7 @@ VarnLogRecord::~VarnLogRecord() {
 void VarnLogRecord::leave() {
   --t_nOwnRecords;
   m_pLog->dropUser();
-  openCancellationQuietly();
+  openCancellation();
 }
 
 VarnLogging& operator<<(VarnLogging& log, const VarnSetLogLevelManipulator& manipulator) {
@@ -555,24 +556,28 @@ void VarnLoggingEventTimerThread::launchFor(VarnLogging& log) {
   }
 }
 
-void ForkHandlers::prepareLog() { sink.mutex.lock(); }
-
-void ForkHandlers::releaseLog(tSide side) {
-  VarnLogging* const log = VarnLogging::m_pInstance;
-  if (side == CHILD && log != nullptr)
-    renew(*log);
-  sink.mutex.unlock();
-}
-
-// A record that another thread had open is the parent's; its text may be half changed.
-void ForkHandlers::renew(VarnLogging& log) {
-  if (renewIfLost(log.m_oRecordLock)) {
-    keepForever(log.m_pRecord.release());
-    log.m_pRecord = std::make_unique<std::ostringstream>();
-    log.m_nCurrentLevel = VarnLogging::kDefaultRecordLevel;
-    log.m_sComponent.clear();
+struct VarnLogging::Fork {
+  static void prepare() { sink.mutex.lock(); }
+  static void release(ForkSide side) {
+    VarnLogging* const log = m_pInstance;
+    if (side == ForkSide::CHILD && log != nullptr)
+      renew(*log);
+    sink.mutex.unlock();
   }
-  log.m_nUsers = t_nOwnRecords;
-}
+
+ private:
+  // A record that another thread had open is the parent's; its text may be half changed.
+  static void renew(VarnLogging& log) VSUPT_UNCHECKED {
+    if (BriefHold::renewIfLost(log.m_oRecordLock)) {
+      keepForever(log.m_pRecord.release());
+      log.m_pRecord = std::make_unique<std::ostringstream>();
+      log.m_nCurrentLevel = kDefaultRecordLevel;
+      log.m_sComponent.clear();
+    }
+    log.m_nUsers = t_nOwnRecords;
+  }
+};
+
+constinit const ForkPart logFork{&VarnLogging::Fork::prepare, &VarnLogging::Fork::release};
 
 }  // namespace VarnSupport

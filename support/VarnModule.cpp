@@ -1,6 +1,6 @@
 #include "VarnSupport/VarnModule.h"
 
-#include "ForkHandlers.h"
+#include "Fork.h"
 #include "VarnSupport/VarnObjectFactory.h"
 
 namespace VarnSupport {
@@ -76,7 +76,7 @@ void Module::attach() {
   VSUPTInitVarnLogging();
   VSUPTInitVarnTimer();
   VSUPTInitVarnLoggingTimer();
-  ForkHandlers::install();
+  installForkHandlers();
 }
 
 void Module::detach() {

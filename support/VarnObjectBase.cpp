@@ -46,19 +46,15 @@ inline int VarnObjectBase::changeCount(int by) {
 }
 
 int VarnObjectBase::addRef() {
-  closeCancellation();
-  const int count = changeCount(1);
-  openCancellation();
-  return count;
+  const CancellationGuard closed;
+  return changeCount(1);
 }
 
-// Runs in destructors: a cancelled thread does not begin to unwind here.
 int VarnObjectBase::release() {
-  closeCancellation();
+  const QuietCancellationGuard closed;
   const int count = changeCount(-1);
   if (count == 0)
     delete this;
-  openCancellationQuietly();
   return count;
 }
 

@@ -7,7 +7,7 @@
 #include <mutex>
 
 #include "Cancellation.h"
-#include "ForkHandlers.h"
+#include "Fork.h"
 #include "LibraryLoad.h"
 #include "NeverDestroyed.h"
 
@@ -232,7 +232,7 @@ void VarnObjectFactory::add(const std::string& name, VarnObjectFactoryRegistrati
 }
 
 void VarnObjectFactory::remove(const std::string& name) {
-  const CancellationGuard closed;
+  const QuietCancellationGuard closed;
   {
     const VarnCriticalSection guard(m_oLock, true);
     if (m_mapRegistrations.erase(name) == 0)
@@ -281,12 +281,10 @@ VarnObjectFactoryRegistration::VarnObjectFactoryRegistration(const std::string& 
     m_pFactory->add(m_sName, *this);
 }
 
-VarnObjectFactoryRegistration::~VarnObjectFactoryRegistration() {
-  const QuietCancellationGuard closed;
-  unregister();
-}
+VarnObjectFactoryRegistration::~VarnObjectFactoryRegistration() { unregister(); }
 
 void VarnObjectFactoryRegistration::unregister() {
+  const QuietCancellationGuard closed;
   if (m_pFactory != nullptr)
     m_pFactory->remove(m_sName);
   m_pFactory = nullptr;
@@ -303,20 +301,24 @@ LibraryLoad::~LibraryLoad() {
   });
 }
 
-void ForkHandlers::prepareFactory() {
-  ownMutex.lock();
-  for (OwnFactory* own = OwnFactory::newest; own != nullptr; own = own->m_pOlder)
-    own->m_oLock.lock();
-  listMutex.lock();
-}
+struct VarnObjectFactory::Fork {
+  static void prepare() VSUPT_UNCHECKED {
+    ownMutex.lock();
+    for (OwnFactory* own = OwnFactory::newest; own != nullptr; own = own->m_pOlder)
+      own->m_oLock.lock();
+    listMutex.lock();
+  }
+  static void release(ForkSide side) VSUPT_UNCHECKED {
+    if (side == ForkSide::CHILD)
+      Creation::forgetLost();
+    listMutex.unlock();
+    for (OwnFactory* own = OwnFactory::newest; own != nullptr; own = own->m_pOlder)
+      own->m_oLock.unlock();
+    ownMutex.unlock();
+  }
+};
 
-void ForkHandlers::releaseFactory(tSide side) {
-  if (side == CHILD)
-    Creation::forgetLost();
-  listMutex.unlock();
-  for (OwnFactory* own = OwnFactory::newest; own != nullptr; own = own->m_pOlder)
-    own->m_oLock.unlock();
-  ownMutex.unlock();
-}
+constinit const ForkPart factoryFork{&VarnObjectFactory::Fork::prepare,
+                                     &VarnObjectFactory::Fork::release};
 
 }  // namespace VarnSupport

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "Cancellation.h"
-#include "ForkHandlers.h"
+#include "Fork.h"
 #include "ReferenceExpansion.h"
 #include "VarnSupport/VarnLocaleFactory.h"
 #include "VarnSupport/VarnLogging.h"

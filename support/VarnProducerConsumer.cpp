@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "Cancellation.h"
-#include "ForkHandlers.h"
+#include "Fork.h"
 #include "VarnSupport/VarnLogging.h"
 
 namespace VarnSupport {
@@ -33,7 +33,15 @@ class SyncHold {
 
 }  // namespace
 
-struct VarnBaseProducerConsumer::Rendezvous {
+// A thread of the library that ends while it has the mutex, as one does that is killed while it waits
+// for work, gives it back.
+struct VarnBaseProducerConsumer::Rendezvous : CancellationState::Held {
+  Rendezvous() {
+    giveBack = [](Held& held) {
+      pthread_mutex_unlock(&static_cast<Rendezvous&>(held).mutex);
+    };
+  }
+
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<int> waiters{0};
@@ -80,9 +88,24 @@ VarnBaseProducerConsumer::~VarnBaseProducerConsumer() {
   delete m_pRendezvous;
 }
 
-void VarnBaseProducerConsumer::lockSyncMutex() { pthread_mutex_lock(&m_pRendezvous->mutex); }
+void VarnBaseProducerConsumer::lockSyncMutex() {
+  const CancellationGuard closed;
+  pthread_mutex_lock(&m_pRendezvous->mutex);
+  if (isCancellationDue()) {
+    pthread_mutex_unlock(&m_pRendezvous->mutex);
+    unwindIfPossible();
+    pthread_mutex_lock(&m_pRendezvous->mutex);
+  }
+  if (isCancellable())
+    t_pCancellation->note(*m_pRendezvous);
+}
 
-void VarnBaseProducerConsumer::unlockSyncMutex() { pthread_mutex_unlock(&m_pRendezvous->mutex); }
+void VarnBaseProducerConsumer::unlockSyncMutex() {
+  const QuietCancellationGuard closed;
+  if (isCancellable())
+    t_pCancellation->forget(*m_pRendezvous);
+  pthread_mutex_unlock(&m_pRendezvous->mutex);
+}
 
 void VarnBaseProducerConsumer::waitForSyncEvent() {
   const CancellationGuard closed;
@@ -93,6 +116,7 @@ void VarnBaseProducerConsumer::waitForSyncEvent() {
 }
 
 void VarnBaseProducerConsumer::setSyncEvent() {
+  const CancellationGuard closed;
   m_pRendezvous->renewAfterFork();
   pthread_cond_broadcast(&m_pRendezvous->condition);
 }
@@ -103,11 +127,15 @@ void VarnBaseProducerConsumer::produceSentinel(bool clearQueue) {
   const SyncHold hold(*this);
   trace("adding sentinel");
   m_bSentinel = true;
+  // A queue that cannot be cleared must not keep the consumers asleep.
+  const struct Wake {
+    VarnBaseProducerConsumer& rendezvous;
+    ~Wake() { rendezvous.setSyncEvent(); }
+  } wake{*this};
   if (clearQueue) {
     trace("clearing queue");
     m_oQueue.clear();
   }
-  setSyncEvent();
 }
 
 bool VarnBaseProducerConsumer::isSentinel() const { return m_bSentinel; }

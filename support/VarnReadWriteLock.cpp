@@ -15,6 +15,20 @@ void report(const char* message, int result) {
     VarnLogRecord(1) << message << (result == ETIMEDOUT ? 2 : 3);
 }
 
+using tOperation = int (RwLockImplementation::*)();
+
+// A thread that is killed while it waits for the lock dies once it has it.
+int acquire(RwLockImplementation& lock, tOperation tryNow, tOperation wait) {
+  if ((lock.*tryNow)() == 0)
+    return 0;
+  const int result = (lock.*wait)();
+  if (result != 0 || !isCancellationDue())
+    return result;
+  lock.unlock();
+  unwindIfPossible();
+  return (lock.*wait)();
+}
+
 }  // namespace
 
 template class VarnSmartPointer<RwLockImplementation>;
@@ -68,45 +82,37 @@ VarnReadWriteLock::~VarnReadWriteLock() {
 }
 
 void VarnReadWriteLock::readLock() {
-  closeCancellation();
+  const CancellationGuard closed;
   report("VarnReadWriteLock::readLock: Acquiring Readlock exited with the following error ",
-         (*m_pState)->readLock());
-  openCancellation();
+         acquire(**m_pState, &RwLockImplementation::tryReadLock, &RwLockImplementation::readLock));
 }
 
 void VarnReadWriteLock::writeLock() {
-  closeCancellation();
+  const CancellationGuard closed;
   report("VarnReadWriteLock::writeLock: Acquiring Writelock exited with the following error",
-         (*m_pState)->writeLock());
-  openCancellation();
+         acquire(**m_pState, &RwLockImplementation::tryWriteLock, &RwLockImplementation::writeLock));
 }
 
 bool VarnReadWriteLock::tryReadLock() {
-  closeCancellation();
-  const bool taken = (*m_pState)->tryReadLock() == 0;
-  openCancellation();
-  return taken;
+  const CancellationGuard closed;
+  return (*m_pState)->tryReadLock() == 0;
 }
 
 bool VarnReadWriteLock::tryWriteLock() {
-  closeCancellation();
-  const bool taken = (*m_pState)->tryWriteLock() == 0;
-  openCancellation();
-  return taken;
+  const CancellationGuard closed;
+  return (*m_pState)->tryWriteLock() == 0;
 }
 
 void VarnReadWriteLock::readUnLock() {
-  closeCancellation();
+  const QuietCancellationGuard closed;
   report("VarnReadWriteLock::readUnLock: Releasing readlock exited with the following error",
          (*m_pState)->unlock());
-  openCancellation();
 }
 
 void VarnReadWriteLock::writeUnLock() {
-  closeCancellation();
+  const QuietCancellationGuard closed;
   report("VarnReadWriteLock::writeUnLock: Releasing Writelock exited with the following error",
          (*m_pState)->unlock());
-  openCancellation();
 }
 
 }  // namespace VarnSupport

@@ -1,19 +1,24 @@
 #include "VarnSupport/VarnService.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <ctime>
 #include <initializer_list>
 #include <new>
 
+#include "CallUnderWay.h"
 #include "Cancellation.h"
-#include "EventAccess.h"
+#include "EventTicket.h"
+#include "Fork.h"
 #include "SignalRelay.h"
+#include "System.h"
 #include "VarnSupport/VarnLogging.h"
 
 namespace VarnSupport {
@@ -30,24 +35,66 @@ constexpr std::int32_t kWaitFailed = -4;
 constexpr std::time_t kAnswerSeconds = 60;
 
 constexpr useconds_t kBeforeStopHookMicroseconds = 10000;
-constexpr useconds_t kLookMicroseconds = 1000;
 constexpr useconds_t kBeforeAnotherTryMicroseconds = 10000;
 
 // A signal acts once per process: the one in which the first has acted.
 constinit std::atomic<pid_t> signalledProcess{0};
-// The process in which ControlHandler() is stopping a service; it does so once in each.
-constinit std::atomic<pid_t> stoppingProcess{0};
-constinit thread_local bool t_bStopping = false;
+// Calls of stop() by ControlHandler() that are under way.
+using Stopping = CallUnderWay<int>;
 
 void trace(const char* text) {
   if (VarnLogging::admits(9))
     VarnLogRecord(9) << text;
 }
 
+// Stopping a service tells the dependents of its event, which may take their time, and writes records:
+// neither is for the relay.
+void handOver(int signal) {
+  if (signal != SIGINT && signal != SIGTERM)
+    return;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_t thread{};
+  const int result = pthread_create(
+      &thread, &attributes,
+      [](void* number) -> void* {
+        pthread_setname_np(pthread_self(), "vsupt-stop");
+        SignalRelay::adoptCallersMask();
+        ControlHandler(static_cast<int>(reinterpret_cast<std::intptr_t>(number)));
+        return nullptr;
+      },
+      reinterpret_cast<void*>(std::intptr_t{signal}));
+  pthread_attr_destroy(&attributes);
+  if (result == 0)
+    return;
+  if (SignalRelay::isRelay())
+    SignalRelay::expectWithin(signal, kBeforeAnotherTryMicroseconds / 1000);
+  else
+    ControlHandler(signal);
+}
+
 void routeSignals(std::initializer_list<int> signals) {
+  SignalRelay::rememberCallersMask();
   for (const int signal : signals)
-    SignalRelay::route(signal, ControlHandler);
+    SignalRelay::route(signal, handOver);
   SignalRelay::ensureRunning();
+}
+
+// A pipe that takes no place of a standard stream, which the program may open, or write to, later.
+bool openReportPipe(int (&ends)[2]) {
+  int low[2];
+  if (pipe2(low, O_CLOEXEC) != 0)
+    return false;
+  for (int i = 0; i < 2; ++i) {
+    ends[i] = fcntl(low[i], F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(low[i]);
+  }
+  if (ends[0] >= 0 && ends[1] >= 0)
+    return true;
+  close(ends[0]);
+  close(ends[1]);
+  return false;
 }
 
 timeval timeLeft(const timespec& deadline) {
@@ -83,18 +130,29 @@ std::int32_t awaitReport(int descriptor) {
     return ready == 0 ? kNoAnswer : kWaitFailed;
   // A daemon that died without a report leaves nothing to read.
   std::int32_t status = kNotStarted;
-  ssize_t length = 0;
-  do {
-    length = read(descriptor, &status, sizeof status);
-  } while (length < 0 && errno == EINTR);
+  const ssize_t length = retrying([&] { return read(descriptor, &status, sizeof status); });
   return length == sizeof status ? status : kNotStarted;
 }
 
-void report(int descriptor, std::int32_t status) {
-  while (write(descriptor, &status, sizeof status) < 0 && errno == EINTR) {
+// The daemon's end of the pipe. The start hook may close descriptors that it does not own, and open
+// files that get their numbers: what is not the pipe any more is left alone.
+class Report {
+ public:
+  explicit Report(int descriptor) : m_nDescriptor(descriptor) { fstat(descriptor, &m_oStatus); }
+
+  void send(std::int32_t status) {
+    struct stat now {};
+    if (fstat(m_nDescriptor, &now) != 0 || now.st_dev != m_oStatus.st_dev ||
+        now.st_ino != m_oStatus.st_ino)
+      return;
+    retrying([&] { return write(m_nDescriptor, &status, sizeof status); });
+    close(m_nDescriptor);
   }
-  close(descriptor);
-}
+
+ private:
+  int m_nDescriptor;
+  struct stat m_oStatus {};
+};
 
 }  // namespace
 
@@ -118,8 +176,7 @@ VarnService::~VarnService() {
   const QuietCancellationGuard closed;
   VarnService* self = this;
   m_pThis.compare_exchange_strong(self, nullptr);
-  while (stoppingProcess == getpid() && !t_bStopping)
-    usleep(kLookMicroseconds);
+  Stopping::await(0);
 }
 
 bool VarnService::start(const std::string& arguments, bool daemonize) {
@@ -146,10 +203,8 @@ bool VarnService::startHere(const std::string& arguments) {
 bool VarnService::startDaemon(const std::string& arguments) {
   m_bDaemon = true;
   int ends[2];
-  if (pipe(ends) != 0)
+  if (!openReportPipe(ends))
     return false;
-  for (const int end : ends)
-    fcntl(end, F_SETFD, FD_CLOEXEC);
   const pid_t child = fork();
   if (child < 0) {
     close(ends[0]);
@@ -172,15 +227,16 @@ bool VarnService::runDaemon(const std::string& arguments, int reportTo) {
   routeSignals({SIGINT, SIGTERM, SIGCHLD, SIGPIPE});
   trace("VarnService::start: waiting for service to exit");
   beginRunning();
+  Report report(reportTo);
   bool started = false;
   try {
     started = onStart(arguments);
   } catch (...) {
-    report(reportTo, kNotStarted);
+    report.send(kNotStarted);
     m_nState = IDLE;
     throw;
   }
-  report(reportTo, started ? kStarted : kNotStarted);
+  report.send(started ? kStarted : kNotStarted);
   if (!started) {
     m_nState = IDLE;
     return false;
@@ -202,12 +258,14 @@ void VarnService::beginRunning() {
 // hook may have forked, and left the relay behind.
 void VarnService::awaitStop() {
   const CancellationGuard closed;
-  // Without a thread to take signals there would be no end.
-  while (!SignalRelay::ensureRunning() && m_nState != STOP_REQUESTED)
+  // While there is no thread to take signals, this one does.
+  while (!SignalRelay::ensureRunning() && m_nState != STOP_REQUESTED) {
     usleep(kBeforeAnotherTryMicroseconds);
-  const std::uint64_t ticket = EventAccess::ticket(m_oStopEvent);
+    SignalRelay::runPending();
+  }
+  const EventTicket ticket(m_oStopEvent);
   if (m_nState != STOP_REQUESTED)
-    EventAccess::waitSince(m_oStopEvent, ticket);
+    ticket.wait();
 }
 
 bool VarnService::stop() {
@@ -228,17 +286,28 @@ bool VarnService::remove() { return true; }
 
 VarnService* VarnService::getService() { return m_pThis; }
 
+namespace {
+
+void prepareService() { Stopping::lockList(); }
+
+void releaseService(ForkSide side) {
+  if (side == ForkSide::CHILD)
+    Stopping::forgetLost();
+  Stopping::unlockList();
+}
+
+}  // namespace
+
+constinit const ForkPart serviceFork{&prepareService, &releaseService};
+
 void ControlHandler(int signal) {
   const pid_t process = getpid();
   if ((signal != SIGINT && signal != SIGTERM) || signalledProcess.exchange(process) == process)
     return;
-  stoppingProcess = process;
-  t_bStopping = true;
+  const Stopping underWay(0);
   VarnService* const service = VarnService::getService();
   if (service != nullptr)
     service->stop();
-  t_bStopping = false;
-  stoppingProcess = 0;
 }
 
 }  // namespace VarnSupport

@@ -1,25 +1,22 @@
 #include "VarnSupport/VarnThread.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cerrno>
 #include <csignal>
-#include <exception>
 #include <memory>
 #include <new>
 #include <typeinfo>
 
 #include "Cancellation.h"
-#include "EventAccess.h"
-#include "ForkHandlers.h"
+#include "Fork.h"
 #include "NeverDestroyed.h"
 #include "SignalRelay.h"
 #include "ThreadControl.h"
-#include "TrackedDependent.h"
-#include "VarnSupport/VarnException.h"
-#include "VarnSupport/VarnLogging.h"
+#include "UnwindCheck.h"
 #include "VarnSupport/VarnModule.h"
-#include "VarnSupport/VarnTimer.h"
+#include "WaitForSeveral.h"
 
 namespace VarnSupport {
 
@@ -28,106 +25,12 @@ namespace {
 constinit NeverDestroyed<std::vector<pthread_t>> exitThreads;
 constinit NeverDestroyed<VarnCriticalSectionObject> exitThreadLock(false);
 
+// When to look again at threads that are about to end.
+constexpr long kMillisecondsToEnd = 5;
+
 std::string defaultName() {
   return "class " + VarnObjectBase::normalizeClassName(typeid(VarnThread).name());
 }
-
-// The time-out of a wait for threads, and the event that the wait sleeps on.
-class ThreadWaitTimer : public VarnTimer {
- public:
-  ThreadWaitTimer(std::atomic<bool>& timedOut, bool traced)
-      : m_pTimedOut(&timedOut), m_bTraced(traced) {}
-  ~ThreadWaitTimer() override { stopAndWait(); }
-
-  void set() override {
-    m_pTimedOut->store(true);
-    EventAccess::raise(*this);
-    if (m_bTraced && VarnLogging::admits(9))
-      VarnLogRecord(9) << "ThreadWaitTimer::set: timer expired";
-  }
-
- private:
-  std::atomic<bool>* m_pTimedOut;
-  bool m_bTraced;
-};
-
-// An ending thread cannot throw: without memory the record is left out.
-void traceDeparture(const VarnThread& thread) {
-  try {
-    VarnLogRecord(9) << "ThreadWaitDependent::handleNotification: thread " << thread.getName()
-                     << " departed";
-  } catch (const std::bad_alloc&) {
-  }
-}
-
-// Counts the threads that finish.
-class ThreadWaitDependent : public TrackedDependent {
- public:
-  ThreadWaitDependent(const std::vector<VarnThread*>& threads, VarnEvent& event, int& remaining,
-                      bool traced)
-      : m_oEvent(event), m_pRemaining(&remaining), m_bTraced(traced), m_vUntold(threads) {
-    m_oLock.init();
-  }
-
-  void handleNotification(VarnCollaborator& source, const VarnNotification&) override {
-    const VarnCriticalSection guard(m_oLock, true);
-    m_pLast = &dynamic_cast<VarnThread&>(source);
-    const auto told = std::find(m_vUntold.begin(), m_vUntold.end(), m_pLast);
-    if (told != m_vUntold.end())
-      *told = nullptr;
-    const bool traced = m_bTraced && VarnLogging::admits(9);
-    if (traced)
-      traceDeparture(*m_pLast);
-    if (*m_pRemaining > 0)
-      --*m_pRemaining;
-    EventAccess::raise(m_oEvent);
-    if (traced) {
-      VarnLogRecord(9)
-          << "ThreadWaitTimer::setJustEvent: delay has not expired, just setting event";
-      VarnLogRecord(9) << "ThreadWaitDependent::handleNotification: returning";
-    }
-  }
-
-  // The threads still awaited; `last` becomes the thread that finished last, if any did.
-  int look(VarnThread*& last) {
-    const VarnCriticalSection guard(m_oLock, true);
-    last = m_pLast;
-    return *m_pRemaining;
-  }
-
-  // Removes the dependent everywhere. A thread that has told its end may have deleted itself since;
-  // one that has not must come by here first, and waits for the lock.
-  void leave() {
-    {
-      const VarnCriticalSection guard(m_oLock, true);
-      for (VarnThread* const thread : m_vUntold) {
-        if (thread != nullptr)
-          thread->removeDependent(*this);
-      }
-    }
-    awaitCalls();
-  }
-
- private:
-  VarnEvent& m_oEvent;
-  VarnCriticalSectionObject m_oLock;
-  VarnThread* m_pLast = nullptr;
-  int* m_pRemaining;
-  bool m_bTraced;
-  std::vector<VarnThread*> m_vUntold;  // null in place of those that have told their end
-};
-
-// Ends the registration of a dependent with its scope, also when that ends by cancellation.
-class Registration {
- public:
-  explicit Registration(ThreadWaitDependent& dependent) : m_oDependent(dependent) {}
-  Registration(const Registration&) = delete;
-  Registration& operator=(const Registration&) = delete;
-  ~Registration() { m_oDependent.leave(); }
-
- private:
-  ThreadWaitDependent& m_oDependent;
-};
 
 // Has the calling thread joined once it has ended.
 void leaveToReaper() {
@@ -138,16 +41,22 @@ void leaveToReaper() {
     pthread_detach(pthread_self());
     return;
   }
-  SignalRelay::ensureRunning();
-  kill(getpid(), SIGUSR2);
-  SignalRelay::post(SIGUSR2);
+  SignalRelay::raise(SIGUSR2);
 }
 
+// Runs on the relay, which must wait for nobody: not for the lock, which others may hold, nor for a
+// thread that takes long over the destructors of its variables.
 void reapExitThreads(int) {
-  const VarnCriticalSection guard(g_exitThreadLock, true);
-  for (const pthread_t thread : g_vExitThreads)
-    pthread_join(thread, nullptr);
-  g_vExitThreads.clear();
+  bool isDone = false;
+  if (g_exitThreadLock.testAndSet()) {
+    std::erase_if(g_vExitThreads, [](pthread_t thread) {
+      return pthread_tryjoin_np(thread, nullptr) != EBUSY;
+    });
+    isDone = g_vExitThreads.empty();
+    g_exitThreadLock.unlock();
+  }
+  if (!isDone)
+    SignalRelay::expectWithin(SIGUSR2, kMillisecondsToEnd);
 }
 
 }  // namespace
@@ -189,7 +98,7 @@ VarnThread::~VarnThread() {
       waitForThreadExit();
     giveUpHandle();
   }
-  forgetControl();
+  ThreadControl::part(*this);
 }
 
 void VarnThread::start() { launch(); }
@@ -198,18 +107,20 @@ bool VarnThread::launch() {
   const CancellationGuard closed;
   if (m_pHandle != nullptr)
     return false;
-  forgetControl();
+  ThreadControl::part(*this);
   // All is in place before the thread may run, as it may end, or even delete the object, at once.
   auto handle = std::make_unique<pthread_t>();
-  m_pControl = new ThreadControl(*this, m_sName == defaultName() ? std::string() : m_sName);
-  ThreadControl& control = *m_pControl;
+  ThreadControl& control =
+      ThreadControl::make(*this, m_sName == defaultName() ? std::string() : m_sName,
+                          {m_pRunnable, m_pWorkInformation});
   pthread_t& identifier = *handle;
+  m_nExitCode = -1;
   m_pHandle = handle.release();
   m_bRunning = true;
   if (control.start(identifier))
     return true;
   giveUpHandle();
-  forgetControl();
+  ThreadControl::part(*this);
   return false;
 }
 
@@ -224,11 +135,12 @@ int VarnThread::wait(int timeoutMs) {
   if (m_pHandle == nullptr || !m_bRunning)
     return 0;
   if (timeoutMs == -1) {
-    m_pControl->join();
+    if (const ThreadControl::Visit control(*this); control)
+      control->join();
     return 0;
   }
   std::vector<VarnThread*> threads{this};
-  return waitForThreads(threads, true, timeoutMs, RUNNING);
+  return WaitForSeveral::run(threads, true, timeoutMs, WaitForSeveral::RUNNING);
 }
 
 int VarnThread::setPriority(t_Priority) { return 0; }
@@ -240,7 +152,7 @@ int VarnThread::run(VarnWorkInformation&) { return 0; }
 int VarnThread::waitForThreadExit() { return wait(-1); }
 
 int VarnThread::wait(std::vector<VarnThread*>& threads, bool waitAll, int timeoutMs) {
-  return waitForThreads(threads, waitAll, timeoutMs, ANY);
+  return WaitForSeveral::run(threads, waitAll, timeoutMs, WaitForSeveral::ANY);
 }
 
 int VarnThread::wait(int count, VarnThread* threads, bool waitAll, int timeoutMs) {
@@ -249,57 +161,6 @@ int VarnThread::wait(int count, VarnThread* threads, bool waitAll, int timeoutMs
   for (int i = 0; i < count; ++i)
     addresses.push_back(&threads[i]);
   return wait(addresses, waitAll, timeoutMs);
-}
-
-int VarnThread::waitForThreads(std::vector<VarnThread*>& threads, bool waitAll, int timeoutMs,
-                               tThreads known) {
-  const CancellationGuard closed;
-  int remaining = waitAll ? static_cast<int>(threads.size()) : 1;
-  std::atomic<bool> timedOut{false};
-  // This thread waits for those that trace, so it must not have the record that they would wait
-  // for.
-  const bool traced = !VarnLogging::isRecordOpenOnThisThread();
-  ThreadWaitTimer timer(timedOut, traced);
-  ThreadWaitDependent dependent(threads, timer, remaining, traced);
-  const Registration registration(dependent);
-
-  // A thread that runs now is not lost: it finds the dependent, or is seen past its body here.
-  std::vector<bool> running;
-  for (VarnThread* const thread : threads)
-    running.push_back(known == RUNNING || thread->m_bRunning);
-  for (std::size_t i = 0; i < threads.size(); ++i)
-    threads[i]->watchEnd(dependent, running[i]);
-  if (timeoutMs != -1)
-    timer.start(timeoutMs, false);
-  if (timeoutMs > 0 && !SignalRelay::ensureRunning())
-    throw VarnException(L"VarnThread::wait: the time-out could not be started", 0);
-  for (std::size_t i = 0; known == TO_START && i < threads.size(); ++i) {
-    if (!threads[i]->launch())
-      throw VarnException(L"VarnThread::wait: a thread could not be started", 0);
-  }
-
-  int result = -4;
-  for (bool waited = false;; waited = true) {
-    const std::uint64_t ticket = EventAccess::ticket(timer);
-    if (waited && timedOut)
-      return -2;
-    VarnThread* last = nullptr;
-    const int awaited = dependent.look(last);
-    const auto found = std::find(threads.begin(), threads.end(), last);
-    if (found != threads.end())
-      result = static_cast<int>(found - threads.begin());
-    if (awaited < 1)
-      return waitAll ? 0 : result;
-    EventAccess::waitSince(timer, ticket);
-  }
-}
-
-// Adds the dependent, or tells it at once when the body of a thread that was running has returned.
-void VarnThread::watchEnd(VarnDependent& dependent, bool wasRunning) {
-  if (!wasRunning)
-    addDependent(dependent);
-  else if (!m_pControl->ifInBody([&] { addDependent(dependent); }))
-    dependent.handleNotification(*this, ThreadDone(m_nExitCode));
 }
 
 std::string VarnThread::getName() const { return m_sName; }
@@ -317,16 +178,23 @@ void VarnThread::setMarkForDeath() { m_bMarkedForDeath = true; }
 void VarnThread::setMarkForKill() {
   const CancellationGuard closed;
   m_bMarkedForKill = true;
-  if (m_pHandle != nullptr)
-    m_pControl->detach();
-}
-
-void VarnThread::kill() {
-  const CancellationGuard closed;
   if (m_pHandle == nullptr)
     return;
-  m_pControl->cancel();
-  giveUpHandle();
+  if (const ThreadControl::Visit control(*this); control)
+    control->detach();
+}
+
+// A thread that kills itself gives up its handle before it ends.
+void VarnThread::kill() {
+  {
+    const QuietCancellationGuard closed;
+    if (m_pHandle == nullptr)
+      return;
+    if (const ThreadControl::Visit control(*this); control)
+      control->cancel();
+    giveUpHandle();
+  }
+  const CancellationGuard endsHere;
 }
 
 void VarnThread::cleanup(void*& handle) {
@@ -349,50 +217,32 @@ int VarnThread::_run() {
 
 void VarnThread::joinFinally() {
   const QuietCancellationGuard closed;
-  if (m_pControl != nullptr)
-    m_pControl->join();
+  if (const ThreadControl::Visit control(*this); control)
+    control->join();
 }
 
-// Exceptions end here, but not the unwinding of a cancelled thread. The thread has its own
-// references to what it runs: the object may be killed and destroyed meanwhile.
+// Exceptions end here, but not the unwinding of a cancelled thread.
 int VarnThread::runBody(ThreadControl* control) {
-  const VarnSmartPointer<VarnRunnable> runnable = m_pRunnable;
-  const VarnSmartPointer<VarnWorkInformation> workInformation = m_pWorkInformation;
+  if (control == nullptr)
+    return callBody(m_pRunnable, m_pWorkInformation);
+  const ThreadControl::Body body(*control);
+  return body.work() != nullptr ? callBody(body.work()->runnable, body.work()->information) : 0;
+}
+
+int VarnThread::callBody(VarnRunnable* runnable, VarnWorkInformation* workInformation) {
   try {
-    return callBody(control, runnable, workInformation);
+    if (runnable != nullptr)
+      return workInformation != nullptr ? runnable->run(*workInformation) : runnable->run();
+    return workInformation != nullptr ? run(*workInformation) : run();
   } catch (...) {
-    if (std::current_exception() == nullptr)
-      throw;
+    passOnCancellation();
     return 0;
   }
-}
-
-// Has nothing to destroy, so that a cancellation can unwind it at any instruction.
-int VarnThread::callBody(ThreadControl* control, VarnRunnable* runnable,
-                         VarnWorkInformation* workInformation) {
-  if (control != nullptr)
-    control->enterBody();
-  int result = 0;
-  if (runnable != nullptr)
-    result = workInformation != nullptr ? runnable->run(*workInformation) : runnable->run();
-  else
-    result = workInformation != nullptr ? run(*workInformation) : run();
-  if (control != nullptr)
-    control->leaveBody();
-  return result;
 }
 
 void VarnThread::giveUpHandle() {
   void* handle = m_pHandle.exchange(nullptr);
   cleanup(handle);
-}
-
-void VarnThread::forgetControl() {
-  if (m_pControl == nullptr)
-    return;
-  m_pControl->abandon();
-  m_pControl->drop();
-  m_pControl = nullptr;
 }
 
 void* VarnThreadFn(void* argument) {
@@ -407,26 +257,27 @@ void* VarnThreadFn(void* argument) {
       control->endAnnouncement();
     return thread;
   }
-  const bool hadHandle = thread->m_pHandle != nullptr;
-  delete thread;
   // A thread that is detached, or being joined, may be gone before the reaper would look for it.
-  if (hadHandle && control != nullptr && control->claimJoin())
+  const bool toReap =
+      thread->m_pHandle != nullptr && control != nullptr && control->claimJoin();
+  delete thread;
+  if (toReap)
     leaveToReaper();
   return nullptr;
 }
 
-void ForkHandlers::prepareThreads() { g_exitThreadLock.lock(); }
-
 // Threads that wait to be joined are the parent's.
-void ForkHandlers::releaseThreads(tSide side) {
-  if (side == CHILD) {
-    g_vExitThreads.clear();
-    ThreadControl::adoptInChild();
-  }
-  g_exitThreadLock.unlock();
-}
+constinit const ForkPart threadFork{[]() VSUPT_UNCHECKED { g_exitThreadLock.lock(); },
+                                    [](ForkSide side) VSUPT_UNCHECKED {
+                                      if (side == ForkSide::CHILD)
+                                        g_vExitThreads.clear();
+                                      g_exitThreadLock.unlock();
+                                    }};
 
-void VSUPTInitVarnThread() { SignalRelay::route(SIGUSR2, reapExitThreads); }
+void VSUPTInitVarnThread() {
+  UnwindCheck::prepare();
+  SignalRelay::route(SIGUSR2, reapExitThreads);
+}
 
 void VSUPTFinitVarnThread() {}
 

@@ -1,23 +1,27 @@
+// Lock order: pass lock, list lock. A pass holds the first for all of its length, so that passes do
+// not overlap, and the second whenever it looks at the schedule, but never while it calls set(). A
+// timer may therefore be started, stopped and destroyed in its own callback; on another thread its
+// destruction waits for the callback that is under way (TimerCall).
 #include "VarnSupport/VarnTimer.h"
 
-#include <sys/time.h>
+#include <pthread.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
-#include <exception>
-#include <functional>
 #include <new>
 #include <optional>
-#include <utility>
 
 #include "BriefHold.h"
 #include "Cancellation.h"
-#include "EventAccess.h"
-#include "ForkHandlers.h"
+#include "EventTicket.h"
+#include "Fork.h"
+#include "ProcessExit.h"
 #include "SignalRelay.h"
-#include "TimerCallback.h"
+#include "StackTimers.h"
+#include "TimerPass.h"
+#include "TimerState.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnModule.h"
 
@@ -25,73 +29,16 @@ namespace VarnSupport {
 
 namespace {
 
-// Differences below this between the wall clock and the monotonic one are drift, not a clock that
-// was set.
-constexpr std::time_t kClockStepSeconds = 2;
-// An expiry whose SIGALRM has not come after this long is handled without it.
-constexpr long kLostSignalMilliseconds = 1000;
-constexpr useconds_t kShutDownLookMicroseconds = 1000;
-constexpr int kShutDownLooks = 3000;
-
 // The manager that getInstance() made; never freed, as threads may still be inside it.
 constinit VarnTimerManager* theManager = nullptr;
 // The manager whose list lock a fork under way has taken.
 constinit VarnTimerManager* lockedForFork = nullptr;
 
-// What the calling thread itself counts for as a user of the manager: shutDown() cannot wait for
-// the pass that it is called from.
 constinit thread_local int t_nOwnUses = 0;
-
-// True for an object on the stack of the calling thread, unless that is the main one: in a child of
-// a fork from another thread, such an object is gone.
-bool isOnThreadStack(const void* object) {
-  struct Stack {
-    Stack() {
-      if (gettid() == getpid())
-        return;
-      pthread_attr_t attributes;
-      if (pthread_getattr_np(pthread_self(), &attributes) != 0)
-        return;
-      void* lowest = nullptr;
-      std::size_t size = 0;
-      pthread_attr_getstack(&attributes, &lowest, &size);
-      pthread_attr_destroy(&attributes);
-      begin = static_cast<const char*>(lowest);
-      end = begin + size;
-    }
-    const char* begin = nullptr;
-    const char* end = nullptr;
-  };
-  static const thread_local Stack stack;
-  const std::less<const void*> before;
-  return !before(object, stack.begin) && before(object, stack.end);
-}
-
-// Coarse: no more than one tick of the system behind, and cheap.
-std::int64_t monotonicMilliseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 }  // namespace
 
-// What the manager needs beyond its interface. Guarded by the list lock, but for the count of
-// users.
-struct VarnTimerManager::State {
-  // When the interval timer expires, in monotonic milliseconds; 0 while it is not armed.
-  std::int64_t armedUntil = 0;
-  // SIGUSR1 has been sent and not been answered: whatever is first then will be armed.
-  bool armRequested = false;
-  // Wall-clock seconds minus monotonic seconds when they were last compared.
-  std::time_t clockOffset = 0;
-  // A VarnTimerThread has been started and has not come to its pass.
-  bool passRequested = false;
-  // Timers on the stacks of the threads that started them.
-  std::vector<std::pair<VarnTimer*, pthread_t>> stackTimers;
-  // Passes under way and VarnTimerThreads; not guarded.
-  std::atomic<int> users{0};
-};
+int TimerPass::ownUses() { return t_nOwnUses; }
 
 // One expiry pass, from its beginning to the arming of the next, however it ends.
 class VarnTimerManager::Pass {
@@ -102,7 +49,7 @@ class VarnTimerManager::Pass {
     m_oManager.m_bBusy = true;
     m_oManager.m_pState->passRequested = false;
     ++t_nOwnUses;
-    ++m_oManager.m_pState->users;
+    m_oManager.m_pState->users.begin();
   }
   Pass(const Pass&) = delete;
   Pass& operator=(const Pass&) = delete;
@@ -110,18 +57,49 @@ class VarnTimerManager::Pass {
     {
       const VarnCriticalSection guard(m_oManager.m_oListLock, true);
       if (m_bBegun) {
+        m_oManager.m_pState->endRound();
         m_oManager.m_bBusy = false;
-        m_oManager.armLocked(false);
+        m_oManager.m_pState->arm(false);
       }
     }
     --t_nOwnUses;
-    --m_oManager.m_pState->users;
+    m_oManager.m_pState->users.end();
   }
 
   // False when another pass was under way.
   bool hasBegun() const { return m_bBegun; }
 
+  // Sets all timers that are due; true when more have become due meanwhile.
+  bool runRound() {
+    while (setNextDue()) {
+    }
+    const VarnCriticalSection guard(m_oManager.m_oListLock, true);
+    State& state = *m_oManager.m_pState;
+    state.endRound();
+    return !state.schedule.isEmpty() && state.isOverdue();
+  }
+
  private:
+  // False when no timer is due.
+  bool setNextDue() {
+    std::optional<TimerCall> call;
+    VarnTimer* timer = nullptr;
+    {
+      const VarnCriticalSection guard(m_oManager.m_oListLock, true);
+      timer = m_oManager.m_pState->takeDue();
+      if (timer == nullptr)
+        return false;
+      call.emplace(timer);
+    }
+    // From here on the timer may be gone as soon as set() has returned.
+    try {
+      timer->set();
+    } catch (...) {
+      passOnCancellation();
+    }
+    return true;
+  }
+
   VarnTimerManager& m_oManager;
   bool m_bBegun;
 };
@@ -144,24 +122,35 @@ bool VarnTimer::TimeInterval::operator<=(const TimeInterval& other) const {
   return *this < other || *this == other;
 }
 
-VarnTimer::VarnTimer() = default;
+VarnTimer::VarnTimer() : VarnTimer(0, 0, false) {}
 
 VarnTimer::VarnTimer(long milliseconds, bool oneShot) : VarnTimer(0, milliseconds, oneShot) {}
 
 VarnTimer::VarnTimer(long seconds, long milliseconds, bool oneShot)
-    : m_oInterval(seconds, milliseconds), m_bOneShot(oneShot) {}
+    : m_oInterval(seconds, milliseconds), m_bOneShot(oneShot) {
+  const CancellationGuard closed;
+  StackTimers::note(*this);
+}
 
-VarnTimer::~VarnTimer() { VarnTimer::stopAndWait(); }
+VarnTimer::~VarnTimer() {
+  const QuietCancellationGuard closed;
+  VarnTimer::stopAndWait();
+  TimerCall::forget(this);
+  StackTimers::forget(*this);
+}
 
 void VarnTimer::reset() {
   TimeInterval interval;
-  try {
-    const VarnCriticalSection guard(VarnTimerManager::getInstance().m_oListLock, true);
+  bool oneShot = false;
+  {
+    const CancellationGuard closed;
+    std::optional<VarnCriticalSection> guard;
+    if (VarnTimerManager* const manager = VarnTimerManager::m_pThis)
+      guard.emplace(manager->m_oListLock, true);
     interval = m_oInterval;
-  } catch (const VarnException&) {
-    return;  // the timers have been shut down
+    oneShot = m_bOneShot;
   }
-  start(interval.seconds, interval.milliseconds, m_bOneShot);
+  start(interval.seconds, interval.milliseconds, oneShot);
 }
 
 void VarnTimer::start(long milliseconds, bool oneShot) { start(0, milliseconds, oneShot); }
@@ -171,13 +160,12 @@ void VarnTimer::start(long seconds, long milliseconds, bool oneShot) {
   try {
     VarnTimerManager& manager = VarnTimerManager::getInstance();
     const VarnCriticalSection guard(manager.m_oListLock, true);
-    if (m_bActive)
-      manager.unlinkLocked(*this);
+    manager.m_pState->remove(*this);
     m_oInterval.set(seconds, milliseconds);
     m_bOneShot = oneShot;
     if (seconds >= 1 || milliseconds >= 1)
       manager.addImpl(*this);
-    manager.armLocked(false);
+    manager.m_pState->arm(false);
   } catch (const VarnException&) {
     // The timers have been shut down.
     m_oInterval.set(seconds, milliseconds);
@@ -186,7 +174,7 @@ void VarnTimer::start(long seconds, long milliseconds, bool oneShot) {
 }
 
 void VarnTimer::stop() {
-  const CancellationGuard closed;
+  const QuietCancellationGuard closed;
   if (!m_bActive)
     return;
   try {
@@ -203,25 +191,30 @@ void VarnTimer::stopAndWait() {
   const QuietCancellationGuard closed;
   do {
     VarnTimer::stop();
-    TimerCallback::await(*this);
+    TimerCall::await(this);
   } while (!VarnTimerManager::isAtRest(*this));
 }
 
 constinit std::atomic<VarnTimerManager*> VarnTimerManager::m_pThis{nullptr};
 constinit std::atomic<bool> VarnTimerManager::m_bExiting{false};
 
+// The pointer is read once: a shut-down on another thread clears it at any moment.
 VarnTimerManager& VarnTimerManager::getInstance() {
   if (m_bExiting)
     throw VarnException("VarnTimerManager::getInstance: Exiting system", 0);
-  if (m_pThis == nullptr) {
-    const CancellationGuard closed;
-    const VarnCriticalSection guard(globalSection(), true);
-    if (theManager == nullptr)
-      theManager = new VarnTimerManager;
-    if (m_pThis == nullptr)
-      m_pThis = theManager;
+  VarnTimerManager* manager = m_pThis;
+  if (manager != nullptr)
+    return *manager;
+  const CancellationGuard closed;
+  const VarnCriticalSection guard(globalSection(), true);
+  if (theManager == nullptr) {
+    theManager = new VarnTimerManager;
+    ProcessExit::watch();
   }
-  return *m_pThis;
+  manager = theManager;
+  if (m_pThis == nullptr)
+    m_pThis = manager;
+  return *manager;
 }
 
 void VarnTimerManager::deleteInstance() {
@@ -234,63 +227,56 @@ void VarnTimerManager::deleteInstance() {
 // Under the list lock no callback begins, and none starts a timer.
 bool VarnTimerManager::isAtRest(const VarnTimer& timer) {
   VarnTimerManager* const manager = m_pThis;
-  if (manager == nullptr || m_bExiting)
+  if (manager == nullptr || m_bExiting || ProcessExit::hasBegun())
     return true;
   const VarnCriticalSection guard(manager->m_oListLock, true);
-  return !timer.m_bActive && !TimerCallback::isUnderWay(timer);
+  return !timer.m_bActive && !TimerCall::isUnderWay(&timer);
 }
 
 // The locks are made here, as a pass could not report that there is no memory for them.
-VarnTimerManager::VarnTimerManager() : m_pState(std::make_unique<State>()) {
+VarnTimerManager::VarnTimerManager() : m_pState(std::make_unique<State>(*this)) {
   m_oListLock.init();
   m_oPassLock.init();
 }
 
 VarnTimerManager::~VarnTimerManager() { shutDown(); }
 
-// A callback may take for ever: the process must end nevertheless. One that ends the process itself
-// keeps all other passes waiting, and there is nothing to wait for. From here on timers do not
-// leave the list when they are destroyed, so none may be in it.
+// Does not wait for ever: a callback that never returns must not keep the process alive. Does not
+// wait at all inside a callback, as all other passes wait for that. Empties the schedule, because
+// from here on a timer that is destroyed does not take itself out.
 void VarnTimerManager::shutDown() {
   m_bExiting = true;
   cancelTimer();
   {
     const VarnCriticalSection guard(m_oListLock, true);
-    m_vTimers.clear();
-    m_pState->stackTimers.clear();
+    m_pState->schedule.clear();
   }
-  for (int i = 0; i < kShutDownLooks && t_nOwnUses == 0 && m_pState->users > 0; ++i)
-    usleep(kShutDownLookMicroseconds);
+  if (t_nOwnUses == 0)
+    m_pState->users.awaitOthers(0, monotonicNow() + ProcessExit::kPatience);
 }
 
 void VarnTimerManager::add(VarnTimer& timer) {
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oListLock, true);
   addImpl(timer);
-  armLocked(false);
+  m_pState->arm(false);
 }
 
 void VarnTimerManager::remove(VarnTimer& timer) {
-  const CancellationGuard closed;
+  const QuietCancellationGuard closed;
   const VarnCriticalSection guard(m_oListLock, true);
-  unlinkLocked(timer);
-  if (m_vTimers.empty())
+  m_pState->remove(timer);
+  if (m_pState->schedule.isEmpty())
     cancelTimer();
   else
-    armLocked(false);
+    m_pState->arm(false);
 }
 
 void VarnTimerManager::addImpl(VarnTimer& timer) {
   if (m_bExiting)
     return;
-  if (isOnThreadStack(&timer))
-    m_pState->stackTimers.emplace_back(&timer, pthread_self());
-  try {
-    insertLocked(timer);
-  } catch (const std::bad_alloc&) {
-    unlinkLocked(timer);
-    throw;
-  }
+  m_pState->remove(timer);
+  m_pState->insert(timer);
 }
 
 void VarnTimerManager::reset(bool inSignal) {
@@ -298,27 +284,15 @@ void VarnTimerManager::reset(bool inSignal) {
   const VarnCriticalSection guard(m_oListLock, true);
   if (inSignal)
     m_pState->armRequested = false;
-  armLocked(inSignal);
+  m_pState->arm(inSignal);
 }
 
+// Callbacks that take longer than a period leave more to do: another round, not another level.
 void VarnTimerManager::elapsed() {
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oPassLock, true);
-  const Pass pass(*this);
-  if (!pass.hasBegun())
-    return;
-  // Callbacks that take longer than a period leave more to do: another round, not another level.
-  bool overdue = true;
-  while (overdue && !m_bExiting) {
-    {
-      const VarnCriticalSection list(m_oListLock, true);
-      for (VarnTimer* const timer : m_vTimers)
-        timer->m_bVisited = false;
-    }
-    while (setNextDue()) {
-    }
-    const VarnCriticalSection list(m_oListLock, true);
-    overdue = !m_vTimers.empty() && isOverdueLocked();
+  Pass pass(*this);
+  while (pass.hasBegun() && pass.runRound() && !m_bExiting) {
   }
 }
 
@@ -326,157 +300,29 @@ void VarnTimerManager::timeout() {
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oListLock, true);
   m_pState->armedUntil = 0;
-  startPassLocked();
+  m_pState->startPass();
 }
 
 void VarnTimerManager::cancelTimer() {
-  const CancellationGuard closed;
+  const QuietCancellationGuard closed;
   m_bCancel = true;
   {
     const VarnCriticalSection guard(m_oListLock, true);
-    EventAccess::raise(m_oEvent);
+    EventTicket::raise(m_oEvent);
   }
   m_bCancel = false;
 }
 
-// Sets the first timer that is due and was not visited in this round; false when there is none.
-bool VarnTimerManager::setNextDue() {
-  std::optional<TimerCallback> callback;
-  VarnTimer* timer = nullptr;
-  {
-    const VarnCriticalSection guard(m_oListLock, true);
-    timer = takeDueLocked();
-    if (timer == nullptr)
-      return false;
-    callback.emplace(*timer);
-  }
-  // From here on the timer may be gone as soon as set() has returned.
-  try {
-    timer->set();
-  } catch (...) {
-    if (std::current_exception() == nullptr)
-      throw;
-  }
-  return true;
-}
-
-// Takes the timer that setNextDue() is to set out of the list, and puts a periodic one back.
-VarnTimer* VarnTimerManager::takeDueLocked() {
-  if (m_bExiting)
-    return nullptr;
-  VarnTimer::TimeInterval now;
-  now.seconds = static_cast<std::int32_t>(nowLocked());
-  for (VarnTimer* const timer : m_vTimers) {
-    if (timer->m_bVisited)
-      continue;
-    timer->m_bVisited = true;
-    if (!(timer->m_oDeadline <= now))
-      continue;
-    if (timer->m_bOneShot) {
-      unlinkLocked(*timer);
-    } else {
-      std::erase(m_vTimers, timer);
-      insertLocked(*timer);
-    }
-    return timer;
-  }
-  return nullptr;
-}
-
-void VarnTimerManager::insertLocked(VarnTimer& timer) {
-  timer.m_oDeadline.seconds = static_cast<std::int32_t>(nowLocked() + timer.m_oInterval.seconds);
-  timer.m_oDeadline.milliseconds = timer.m_oInterval.milliseconds;
-  const auto position =
-      std::find_if(m_vTimers.begin(), m_vTimers.end(),
-                   [&](const VarnTimer* other) { return timer.m_oDeadline <= other->m_oDeadline; });
-  m_vTimers.insert(position, &timer);
-  timer.m_bActive = true;
-}
-
-void VarnTimerManager::unlinkLocked(VarnTimer& timer) {
-  std::erase_if(m_pState->stackTimers, [&](const auto& entry) { return entry.first == &timer; });
-  std::erase(m_vTimers, &timer);
-  timer.m_bActive = false;
-}
-
-// The wall-clock time. When that clock was set, all deadlines move with it: a timer measures how
-// much time passes, as the interval timer does.
-std::time_t VarnTimerManager::nowLocked() {
-  const std::time_t now = std::time(nullptr);
-  const std::time_t offset = now - monotonicMilliseconds() / 1000;
-  const std::time_t step = offset - m_pState->clockOffset;
-  if (std::abs(step) >= kClockStepSeconds || m_vTimers.empty()) {
-    for (VarnTimer* const timer : m_vTimers)
-      timer->m_oDeadline.seconds += static_cast<std::int32_t>(step);
-    m_pState->clockOffset = offset;
-  }
-  return now;
-}
-
-// Looks at the first deadline, which must exist, and notes how far away it is.
-bool VarnTimerManager::isOverdueLocked() {
-  const std::time_t now = nowLocked();
-  const VarnTimer::TimeInterval& first = m_vTimers.front()->m_oDeadline;
-  m_oNextExpiry.seconds = static_cast<std::int32_t>(first.seconds - now);
-  m_oNextExpiry.milliseconds = first.milliseconds;
-  return m_oNextExpiry.seconds < 0 ||
-         (m_oNextExpiry.seconds == 0 && m_oNextExpiry.milliseconds <= 0);
-}
-
-void VarnTimerManager::armLocked(bool inSignal) {
-  if (m_bBusy || m_vTimers.empty() || m_bExiting)
-    return;
-  State& state = *m_pState;
-  if (isOverdueLocked()) {
-    startPassLocked();
-  } else if (inSignal) {
-    setIntervalTimerLocked();
-  } else if (!state.armRequested &&
-             (state.armedUntil == 0 || state.armedUntil > nextExpiryLocked())) {
-    SignalRelay::rememberCallersMask();
-    state.armRequested = SignalRelay::ensureRunning();
-    kill(getpid(), SIGUSR1);
-    SignalRelay::post(SIGUSR1);
-  }
-}
-
-// One pass that is yet to begin is enough, however many signals come. If there is no thread to be
-// had, the interval timer tries again.
-void VarnTimerManager::startPassLocked() {
-  if (m_pState->passRequested)
-    return;
-  m_pState->passRequested = VarnTimerThread::launchFor(*this);
-  if (!m_pState->passRequested) {
-    m_oNextExpiry.set(1, 0);
-    setIntervalTimerLocked();
-  }
-}
-
-std::int64_t VarnTimerManager::nextExpiryLocked() const {
-  return monotonicMilliseconds() + std::int64_t{m_oNextExpiry.seconds} * 1000 +
-         (m_oNextExpiry.milliseconds > 0 ? 1 : 0);
-}
-
-// Arms the interval timer for the next expiry. The milliseconds are used as microseconds: expiries
-// fall on whole seconds, and callers rely on it.
-void VarnTimerManager::setIntervalTimerLocked() {
-  itimerval value{};
-  value.it_value.tv_sec = m_oNextExpiry.seconds;
-  value.it_value.tv_usec = std::max(m_oNextExpiry.milliseconds, 0);
-  setitimer(ITIMER_REAL, &value, nullptr);
-  SignalRelay::expectWithin(SIGALRM, m_oNextExpiry.seconds * 1000L + kLostSignalMilliseconds);
-  m_pState->armedUntil = nextExpiryLocked();
-}
-
 VarnTimerThread::VarnTimerThread(VarnTimerManager& manager) : m_oManager(manager) {
-  ++m_oManager.m_pState->users;
+  m_oManager.m_pState->users.begin();
 }
 
-VarnTimerThread::~VarnTimerThread() { --m_oManager.m_pState->users; }
+VarnTimerThread::~VarnTimerThread() { m_oManager.m_pState->users.end(); }
 
 int VarnTimerThread::run() {
   const CancellationGuard closed;
   ++t_nOwnUses;  // for the rest of this thread
+  pthread_setname_np(pthread_self(), "vsupt-timer");
   SignalRelay::adoptCallersMask();
   if (VarnTimerManager::m_bExiting)
     return 0;
@@ -506,60 +352,54 @@ void VarnTimerManager::declinePass() {
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oListLock, true);
   m_pState->passRequested = false;
-  armLocked(false);
+  m_pState->arm(false);
 }
 
-void ForkHandlers::prepareTimers() {
-  lockedForFork = VarnTimerManager::m_pThis;
-  if (lockedForFork != nullptr)
-    lockedForFork->m_oListLock.lock();
-  TimerCallback::lockList();
-}
-
-void ForkHandlers::releaseTimers(tSide side) {
-  if (side == CHILD) {
-    while (VarnTimer* const timer = TimerCallback::dropLost())
-      renew(*timer);
+struct VarnTimerManager::Fork {
+  static void prepare() VSUPT_UNCHECKED {
+    lockedForFork = m_pThis;
     if (lockedForFork != nullptr)
-      renew(*lockedForFork);
-    else if (theManager != nullptr)
-      leaveManagerBehind();
+      lockedForFork->m_oListLock.lock();
+    TimerCall::lockList();
+    StackTimers::lock();
   }
-  TimerCallback::unlockList();
-  if (lockedForFork != nullptr)
-    lockedForFork->m_oListLock.unlock();
-}
 
-// Another thread made the manager after prepareTimers(), and may have been changing it.
-void ForkHandlers::leaveManagerBehind() {
-  keepForever(theManager);
-  theManager = nullptr;
-  VarnTimerManager::m_pThis = nullptr;
-}
+  static void release(ForkSide side) VSUPT_UNCHECKED {
+    if (side == ForkSide::CHILD) {
+      TimerCall::forgetLost();
+      if (lockedForFork != nullptr)
+        renew(*lockedForFork);
+      else if (theManager != nullptr)
+        leaveBehind();
+    }
+    StackTimers::unlock();
+    TimerCall::unlockList();
+    if (lockedForFork != nullptr)
+      lockedForFork->m_oListLock.unlock();
+  }
 
-// A child has no interval timer. One that it set at once would survive an exec, so the relay looks
-// after the first expiry; from then on all is as usual.
-void ForkHandlers::renew(VarnTimerManager& manager) {
-  if (renewIfLost(manager.m_oPassLock))
-    manager.m_bBusy = false;
-  VarnTimerManager::State& state = *manager.m_pState;
-  const auto isGone = [](const auto& entry) {
-    return pthread_equal(entry.second, pthread_self()) == 0;
-  };
-  for (const auto& entry : state.stackTimers) {
-    if (isGone(entry))
-      std::erase(manager.m_vTimers, entry.first);
+ private:
+  // Another thread made the manager after prepare(), and may have been changing it.
+  static void leaveBehind() {
+    keepForever(theManager);
+    theManager = nullptr;
+    m_pThis = nullptr;
   }
-  std::erase_if(state.stackTimers, isGone);
-  state.armedUntil = 0;
-  state.armRequested = false;
-  state.passRequested = false;
-  state.users = t_nOwnUses;
-  if (!manager.m_bBusy && !manager.m_vTimers.empty()) {
-    const bool overdue = manager.isOverdueLocked();
-    SignalRelay::expectWithin(SIGALRM, overdue ? 0 : manager.m_oNextExpiry.seconds * 1000L);
+
+  // Timers on the stacks of vanished threads stop, and so does a pass of one.
+  static void renew(VarnTimerManager& manager) VSUPT_UNCHECKED {
+    while (VarnTimer* const timer = StackTimers::takeLost())
+      manager.m_pState->remove(*timer);
+    if (BriefHold::renewIfLost(manager.m_oPassLock)) {
+      manager.m_bBusy = false;
+      manager.m_pState->endRound();
+    }
+    manager.m_pState->renew();
   }
-}
+};
+
+constinit const ForkPart timerFork{&VarnTimerManager::Fork::prepare,
+                                   &VarnTimerManager::Fork::release};
 
 void VSUPTInitVarnTimer() {
   SignalRelay::route(SIGALRM, [](int) {

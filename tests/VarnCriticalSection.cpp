@@ -113,3 +113,5 @@ TEST(VarnCriticalSection, RacingFirstUsersMakeOneLock) {
     ASSERT_EQ(60, unguarded);
   }
 }
+
+static_assert(std::is_nothrow_destructible_v<VarnCriticalSection>, "a guard may be a member");

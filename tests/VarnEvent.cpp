@@ -108,3 +108,29 @@ TEST(VarnEvent, AnEmptySetOfEventsIsCompleteAtOnceButHasNoFirst) {
   EXPECT_EQ(0, VarnEvent::wait(0, nullptr, true, -1));
   EXPECT_EQ(-2, VarnEvent::wait(-3, nullptr, false, 1));
 }
+
+// One that keeps a state waits until that is as it wants it.
+TEST(VarnEvent, AWaitForSeveralLeavesEachEventItsOwnWay) {
+  struct Latched : VarnEvent {
+    int wait(int timeoutMs) override {
+      while (!on) {
+        ++turns;
+        VarnEvent::wait(timeoutMs);
+      }
+      return 0;
+    }
+    std::atomic<bool> on{false};
+    std::atomic<int> turns{0};
+  } first, never;
+  const std::jthread setter([&] {
+    for (int i = 0; i < 3; ++i) {
+      eventually([&] { return first.turns == i + 1; });
+      first.on = i == 2;
+      first.set();
+    }
+  });
+  std::vector<VarnEvent*> events{&never, &first};
+  EXPECT_EQ(1, VarnEvent::wait(events, false, -1));
+  EXPECT_EQ(3, first.turns);
+  EXPECT_LE(never.turns, 1);
+}

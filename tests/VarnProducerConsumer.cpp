@@ -135,3 +135,59 @@ TEST(VarnEventTimerThread, TracesItsEnd) {
   EXPECT_EQ(kDestructor + "setting exit event" + kDestructor + "waiting for thread to exit",
             texts[2] + texts[3]);
 }
+
+TEST(VarnProducerConsumer, AConsumerThatIsKilledLeavesTheWorkToTheOthers) {
+  Numbers numbers;
+  Work work(numbers);
+  struct Consumer : VarnThread {
+    int run() override {
+      id = gettid();
+      int number = 0;
+      return work->consume(number) ? 1 : 2;
+    }
+    Work* work;
+    std::atomic<pid_t> id{0};
+  } consumer;
+  consumer.work = &work;
+  consumer.start();
+  EXPECT_TRUE(eventually([&] { return consumer.id != 0 && isAsleep(consumer.id); }));
+  killAndJoin(consumer);
+  work.produce(7);
+  int number = 0;
+  EXPECT_TRUE(work.consume(number));
+  EXPECT_EQ(7, number);
+}
+
+TEST(VarnProducerConsumer, TheSentinelComesThroughAlthoughTheQueueCannotBeCleared) {
+  struct Stubborn : VarnBaseSynchronizedQueue {
+    void clear() override { throw 1; }
+  } queue;
+  VarnBaseProducerConsumer rendezvous(queue);
+  std::atomic<pid_t> id{0};
+  const std::jthread consumer([&] {
+    id = gettid();
+    rendezvous.lockSyncMutex();
+    while (!rendezvous.isSentinel())
+      rendezvous.waitForSyncEvent();
+    rendezvous.unlockSyncMutex();
+  });
+  EXPECT_TRUE(eventually([&] { return id != 0 && isAsleep(id); }));
+  EXPECT_THROW(rendezvous.produceSentinel(true), int);
+}
+
+TEST(VarnEventTimerThread, WaitsAsItsTimerDoes) {
+  struct Counting : VarnTimer {
+    int wait(int timeoutMs) override {
+      ++waits;
+      return VarnTimer::wait(timeoutMs);
+    }
+    std::atomic<int> waits{0};
+  } timer;
+  Ticker ticker(timer);
+  ticker.start();
+  EXPECT_TRUE(eventually([&] {
+    timer.set();
+    return ticker.ticks > 0;
+  }));
+  EXPECT_GT(timer.waits, 0);
+}

@@ -162,6 +162,85 @@ TEST(VarnService, ADaemonThatDoesNotStartMakesItsLauncherFail) {
   EXPECT_TRUE(eventually([&] { return linesOf(file) == std::vector<std::string>{"1"}; }));
 }
 
+// Who starts a daemon may have closed the standard streams, whose numbers any file gets then.
+TEST(VarnService, ADaemonReportsThroughNoStandardStreamAndNoFileOfTheHook) {
+  for (const bool hookClosesAll : {false, true}) {
+    const TempFolder folder;
+    const std::string file = folder / "daemon";
+    const int code = runInChild([&] {
+      close(STDOUT_FILENO);
+      close(STDERR_FILENO);
+      Service service;
+      service.startHook = [&] {
+        for (int i = 3; hookClosesAll && i < 64; ++i)
+          close(i);
+        for (int i = 0; hookClosesAll && i < 8; ++i)
+          open((file + "-data").c_str(), O_RDWR | O_CREAT | O_APPEND, 0600);
+        if (!hookClosesAll) {
+          std::printf("ready\n");
+          std::fflush(stdout);
+        }
+        append(file, std::to_string(getpid()));
+        return true;
+      };
+      service.start("", true);
+      return 0;
+    });
+    EXPECT_EQ(hookClosesAll ? 1 : 0, code);  // the launcher sees no more than the end of the pipe
+    EXPECT_EQ("", contentsOf(file + "-data"));
+    const pid_t daemon = std::stoi(linesOf(file).at(0));
+    kill(daemon, SIGTERM);
+    EXPECT_TRUE(eventually([&] { return isGone(daemon); }));
+  }
+}
+
+TEST(VarnService, DependentsOfItsEventMayTakeTheirTime) {
+  EXPECT_EQ(0, runInChild([] {
+              std::atomic<bool> mayEnd{false};
+              struct Worker : VarnThread {
+                int run() override { return eventually([this] { return mayEnd->load(); }); }
+                std::atomic<bool>* mayEnd;
+              } worker;
+              worker.mayEnd = &mayEnd;
+              worker.start();
+              Service service;
+              int waited = 1;
+              const Observer stopper(service.getEventObject(), [&] {
+                waited = worker.wait(1000);
+                mayEnd = true;
+              });
+              const std::jthread killer([&] {
+                eventually([&] { return service.state() == 0; });
+                sleepMs(50);
+                kill(getpid(), SIGTERM);
+              });
+              service.start("", false);
+              worker.waitForThreadExit();
+              return waited == -2 ? 0 : 1;
+            }));
+}
+
+TEST(VarnService, AForkedWorkerHearsOfSigterm) {
+  if (kInstrumented)
+    return;  // a child of a process with threads cannot start any there
+  EXPECT_EQ(0, runInChild([] {
+              Service service;
+              std::atomic<int> outcome{-1};
+              const std::jthread forking([&] {
+                eventually([&] { return service.state() == 0; });
+                sleepMs(50);
+                const pid_t worker = startBareChild(
+                    [&] { return eventually([&] { return service.state() == 2; }) ? 4 : 5; });
+                sleepMs(50);
+                kill(worker, SIGTERM);
+                outcome = outcomeOf(worker);
+                service.stop();
+              });
+              service.start("", false);
+              return eventually([&] { return outcome == 4; }) ? 0 : 1;
+            }));
+}
+
 TEST(VarnServiceControl, RefusesEveryOperation) {
   const std::unique_ptr<VarnServiceControl> control(
       VarnServiceControl::CreateVarnServiceControl("x"));

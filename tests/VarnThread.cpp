@@ -218,3 +218,181 @@ TEST(VarnThread, TracesWaitsAtLevelNine) {
       "ThreadWaitDependent::handleNotification: returning"};
   EXPECT_EQ(expected, texts);
 }
+
+// An object may go at any moment of its thread's life, with what the thread is to run.
+TEST(VarnThread, AThreadThatIsKilledAsItStartsLeavesItsObjectAlone) {
+  struct Endless : VarnThread::VarnRunnable {
+    int run() override {
+      for (;;)
+        pause();
+    }
+  };
+  for (int i = 0; i < 50; ++i) {
+    auto* const thread = new VarnThread(new Endless, "victim");
+    thread->setMarkForKill();
+    thread->start();
+    spin(static_cast<unsigned>(i * 100));
+    delete thread;
+  }
+}
+
+TEST(VarnThread, WaitersSurviveThatTheThreadIsStartedAnew) {
+  struct Endless : VarnThread {
+    int run() override {
+      ++starts;
+      for (;;)
+        pause();
+    }
+    std::atomic<int> starts{0};
+  } thread;
+  const std::jthread waiters[] = {repeating([&] { thread.wait(-1); }),
+                                  repeating([&] { thread.wait(-1); })};
+  for (int i = 1; i <= 300; ++i) {
+    thread.start();
+    ASSERT_TRUE(eventually([&] { return thread.starts == i; }));
+    thread.kill();
+  }
+}
+
+TEST(VarnThread, ThreadsThatWereKilledOrDestroyedByThemselvesKeepNoMemory) {
+  struct Suicide : VarnThread, VarnDependent {
+    Suicide() { addDependent(*this); }
+    void handleNotification(VarnCollaborator&, const VarnNotification&) override { delete this; }
+  };
+  struct Endless : VarnThread {
+    int run() override {
+      for (;;)
+        pause();
+    }
+  };
+  const auto mappings = [] { return linesOf("/proc/self/maps").size(); };
+  const auto threads = threadCount();
+  const auto run = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      (new Suicide)->start();
+      Endless endless;
+      endless.start();
+      endless.kill();
+      EXPECT_TRUE(eventually([&] { return entriesIn("/proc/self/task") <= threads + 1; }));
+    }
+  };
+  run(20);
+  const std::size_t before = mappings();
+  run(100);
+  EXPECT_LT(mappings(), before + 50);
+}
+
+TEST(VarnThread, HasNoExitCodeWhileItRunsAgain) {
+  Gate gate;
+  Task task([&] { return gate.pass(5); });
+  gate.count_down();
+  EXPECT_EQ(5, task._run());
+  Gate second;
+  Task again([&] { return second.pass(6); });
+  EXPECT_EQ(-1, again.getExitCode());
+  again.start();
+  EXPECT_EQ(-1, again.getExitCode());
+  second.count_down();
+  again.waitForThreadExit();
+  EXPECT_EQ(6, again.getExitCode());
+}
+
+TEST(VarnThread, ATimeOutPassesInsideTheCallbackOfATimer) {
+  Gate gate;
+  Task task([&] { return gate.pass(0); });
+  task.start();
+  std::atomic<int> result{1};
+  VarnTimer timer(1, true);
+  const Observer callback(timer, [&] { result = task.wait(1000); });
+  timer.reset();
+  EXPECT_TRUE(eventually([&] { return callback.calls == 1; }));
+  EXPECT_EQ(-2, result);
+  gate.count_down();
+}
+
+TEST(VarnThread, AThreadMayBeKilledInDestructorsAndItsChildrenLive) {
+  struct Sub : VarnThread {
+    int run() override {
+      sleepMs(200);
+      return 0;
+    }
+    ~Sub() override { waitForThreadExit(); }
+  };
+  EXPECT_EQ(0, runInChild([] {
+              std::atomic<int> entered{0};
+              Task destroying([&] {
+                Sub sub;
+                sub.start();
+                entered = 1;
+                return 0;
+              });
+              destroying.start();
+              eventually([&] { return entered == 1; });
+              killAndJoin(destroying);
+
+              // The request is for the thread in the parent, not for its child.
+              std::atomic<int> outcome{-1};
+              Task forking([&] {
+                const pid_t child = startBareChild([] {
+                  VarnCriticalSectionObject section;
+                  for (int i = 0; i < 1000; ++i)
+                    const VarnCriticalSection guard(section, true);
+                  return 7;
+                });
+                outcome = outcomeOf(child);
+                return 0;
+              });
+              forking.start();
+              forking.kill();
+              return 0;
+            }));
+}
+
+// The main thread may end before the others; the last of them ends the process.
+TEST(VarnThread, TheProcessEndsWithItsLastThreadAlthoughTheLibraryHasOne) {
+  if (kThreadSanitizer)
+    return;  // has a thread of its own that never ends
+  pid_t child = 0;
+  std::thread([&] {
+    child = fork();
+    if (child != 0)
+      return;
+    auto* const thread = new VarnThread("last");
+    thread->setMarkForDeath();
+    thread->start();
+    pthread_exit(nullptr);
+  }).join();
+  EXPECT_EQ(0, outcomeOf(child));
+}
+
+TEST(VarnThread, SlowEndsOfThreadsHoldUpNeitherTimersNorForks) {
+  struct Slow {
+    ~Slow() {
+      if (used)
+        eventually([&] { return mayEnd->load(); });
+    }
+    bool used = false;
+    std::atomic<bool>* mayEnd = nullptr;
+  };
+  static thread_local Slow slow;
+  struct Mortal : VarnThread {
+    int run() override {
+      slow.mayEnd = mayEnd;
+      slow.used = true;
+      return 0;
+    }
+    std::atomic<bool>* mayEnd;
+  };
+  std::atomic<bool> mayEnd{false};
+  auto* const mortal = new Mortal;
+  mortal->mayEnd = &mayEnd;
+  mortal->setMarkForDeath();
+  mortal->start();
+  VarnTimer timer(1000, true);
+  const Observer observer(timer);
+  timer.reset();
+  EXPECT_TRUE(eventually([&] { return observer.calls == 1; }, std::chrono::seconds(5)));
+  EXPECT_EQ(3, runInBareChild([] { return 3; }));
+  mayEnd = true;
+  EXPECT_TRUE(eventually(areAllReaped));
+}

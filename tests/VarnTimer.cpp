@@ -120,3 +120,58 @@ TEST(VarnTimer, OverdueTimersArePassedOnATimerThread) {
   overdue.start(-5, 1, true);
   EXPECT_TRUE(eventually([&] { return onOverdue.calls == 1; }));
 }
+
+TEST(VarnTimer, FarDeadlinesComeLast) {
+  VarnTimer never;
+  VarnTimer near(1, true);
+  const Observer onNever(never);
+  const Observer onNear(near);
+  never.start(INT_MAX, 0, true);
+  near.reset();
+  VarnTimerManager::getInstance().elapsed();
+  EXPECT_TRUE(eventually([&] { return onNear.calls == 1; }));
+  EXPECT_EQ(0, onNever.calls);
+}
+
+// Whoever owns the new timer may be waited for in the callback of the old one.
+TEST(VarnTimer, ATimerAtTheAddressOfOneThatIsGoneIsAnother) {
+  std::optional<VarnTimer> timer(std::in_place, 1, true);
+  const Observer observer(*timer, [&] {
+    timer.emplace();
+    std::thread([&] { timer.reset(); }).join();
+  });
+  timer->reset();
+  EXPECT_TRUE(eventually([&] { return observer.calls == 1; }));
+}
+
+TEST(VarnTimer, CallbacksHaveTheSignalMaskOfWhoStartedTheTimer) {
+  EXPECT_EQ(0, runInChild([] {
+              sigset_t mask;
+              sigemptyset(&mask);
+              sigaddset(&mask, SIGHUP);
+              pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+              std::atomic<int> blocked{-1};
+              VarnTimer overdue;
+              const Observer observer(overdue, [&] {
+                sigset_t now;
+                pthread_sigmask(SIG_BLOCK, nullptr, &now);
+                blocked = sigismember(&now, SIGHUP);
+              });
+              overdue.start(-5, 1, true);
+              return eventually([&] { return blocked == 1; }) ? 0 : 1;
+            }));
+}
+
+TEST(VarnTimer, ResetGoesThroughStartAfterTheShutDownAsWell) {
+  EXPECT_EQ(2, runInChild([] {
+              struct Counting : VarnTimer {
+                using VarnTimer::start;
+                void start(long, long, bool) override { ++starts; }
+                int starts = 0;
+              } timer;
+              timer.reset();
+              VSUPTFinitVarnTimer();
+              timer.reset();
+              return timer.starts;
+            }));
+}

@@ -86,8 +86,10 @@ class VSUPT_EXPORT VarnCollaborator {
 
  private:
   friend class VarnEvent;
-  friend class ForkHandlers;
+  friend class TrackedDependent;
+  class Cursor;
 
+  void addEntry(VarnDependent* entry);
   bool deliver(const VarnNotification& notification);
 
   VarnCriticalSectionObject m_oLock;

@@ -49,7 +49,6 @@ class VSUPT_EXPORT LockImplementation : public LockBase {
 
  private:
   friend class BriefHold;
-  friend class ForkHandlers;
   friend VSUPT_EXPORT void VarnCriticalSectionRecoverFn(void*);
 
   bool isHeldByCaller() const;
@@ -109,7 +108,6 @@ class VSUPT_EXPORT VSUPT_CAPABILITY("critical section") VarnCriticalSectionObjec
 
  private:
   friend class BriefHold;
-  friend class ForkHandlers;
 
   LockImplementation& state() {
     if (m_pState.load(std::memory_order_acquire) == nullptr)
@@ -138,8 +136,7 @@ class VSUPT_EXPORT VSUPT_SCOPED_CAPABILITY VarnCriticalSection {
       VSUPT_ACQUIRE(object);
   VarnCriticalSection(const VarnCriticalSection&) = delete;
   VarnCriticalSection& operator=(const VarnCriticalSection&) = delete;
-  // Leaving the section is where a cancelled thread may begin to unwind.
-  ~VarnCriticalSection() noexcept(false) VSUPT_RELEASE();
+  ~VarnCriticalSection() VSUPT_RELEASE();
 
   // Leaves the section before the scope ends.
   void unlock() VSUPT_RELEASE();

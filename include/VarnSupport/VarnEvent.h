@@ -52,8 +52,7 @@ class VSUPT_EXPORT VarnEvent {
   static int wait(int count, VarnEvent* events, bool waitAll, int timeoutMs);
 
  private:
-  friend class EventAccess;
-  friend class ForkHandlers;
+  friend class EventTicket;
   struct State;
 
   VarnNotification* makeNotification();

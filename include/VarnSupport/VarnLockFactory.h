@@ -17,8 +17,8 @@
 
 namespace VarnSupport {
 
-// Keeps a thread from being cancelled while it is inside a registry; it then unwinds at its next
-// cancellation point or call of the library.
+// Keeps a thread from being cancelled while it is inside a registry: one that was killed before
+// unwinds out of the constructor.
 class VSUPT_EXPORT LockFactoryVisit {
  public:
   LockFactoryVisit();
@@ -45,10 +45,7 @@ class VSUPT_EXPORT VarnLockFactory {
     m_mapLocks.swap(copy);
     return *this;
   }
-  virtual ~VarnLockFactory() {
-    const LockFactoryVisit visit;
-    m_mapLocks.clear();
-  }
+  virtual ~VarnLockFactory() = default;
 
   // Makes sure that a lock of that name exists; one that is there is kept.
   void createLock(const Key& key) {

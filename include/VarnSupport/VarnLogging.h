@@ -122,11 +122,12 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
 
   static std::atomic<VarnLogging*> m_pInstance;
 
+  struct Fork;  // of the library itself
+
  private:
   friend class VarnLogRecord;
   friend class VarnLoggingEventTimerThread;
-  friend class VarnThread;
-  friend class ForkHandlers;
+  friend class WaitForSeveral;
 
   template <typename T>
   VarnLogging& stream(const T& value) {

@@ -54,8 +54,9 @@ class VSUPT_EXPORT VarnObjectFactory {
 
   static VarnObjectFactory* m_pGlobalInstance;
 
+  struct Fork;  // of the library itself
+
  private:
-  friend class ForkHandlers;
 
   using Functions = std::map<std::string, tCreateFunction>;
   using Registrations = std::map<std::string, VarnObjectFactoryRegistration*>;

@@ -135,21 +135,12 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
 
  private:
   friend class ThreadControl;
-  friend class VarnEvent;
+  friend class WaitForSeveral;
   friend VSUPT_EXPORT void* VarnThreadFn(void* thread);
 
-  // What the caller of a wait knows of the threads: nothing, that their ends are not to be missed,
-  // or that they are to be started.
-  enum tThreads { ANY, RUNNING, TO_START };
-
-  static int waitForThreads(std::vector<VarnThread*>& threads, bool waitAll, int timeoutMs,
-                            tThreads known);
-  void watchEnd(VarnDependent& dependent, bool wasRunning);
   int runBody(ThreadControl* control);
-  int callBody(ThreadControl* control, VarnRunnable* runnable,
-               VarnWorkInformation* workInformation);
+  int callBody(VarnRunnable* runnable, VarnWorkInformation* workInformation);
   void giveUpHandle();
-  void forgetControl();
 
   std::atomic<void*> m_pHandle{nullptr};
   VarnSmartPointer<VarnWorkInformation> m_pWorkInformation;

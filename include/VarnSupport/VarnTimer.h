@@ -65,7 +65,7 @@ class VSUPT_EXPORT VarnTimer : public VarnEvent {
 
   // Changed under the list lock of the manager; the flags are read without it.
   TimeInterval m_oInterval;
-  TimeInterval m_oDeadline;
+  TimeInterval m_oDeadline;  // while active, its place in the manager's schedule
   std::atomic<bool> m_bOneShot{false};
   bool m_bVisited = false;
   std::atomic<bool> m_bActive{false};
@@ -87,19 +87,19 @@ class VSUPT_EXPORT VarnTimerManager {
   VarnTimerManager& operator=(const VarnTimerManager&) = delete;
   virtual ~VarnTimerManager();
 
-  // Puts a timer into the list, or takes it out, and sees that the interval timer is armed.
+  // Puts a timer into the list, or takes it out, and makes sure that the interval timer is armed.
   void add(VarnTimer& timer);
   void remove(VarnTimer& timer);
   // Puts a timer into the list, in front of those due in the same second. Requires: list lock held.
   void addImpl(VarnTimer& timer) VSUPT_REQUIRES(m_oListLock);
-  // Sees that the interval timer is armed for the first deadline: by sending SIGUSR1 to the
+  // Makes sure that the interval timer is armed for the first deadline: by sending SIGUSR1 to the
   // process, unless it is armed already, or, with `inSignal`, directly. When the deadline has
   // passed, a VarnTimerThread runs a pass at once.
   void reset(bool inSignal);
   // Sets every timer that is due, on the calling thread. Waits for a pass that is under way on
   // another thread; from a callback of its own pass it returns at once.
   void elapsed();
-  // Sees that a VarnTimerThread runs a pass.
+  // Makes sure that a VarnTimerThread runs a pass.
   void timeout();
   // Sets the manager's own event, for which nothing in the library waits.
   void cancelTimer();
@@ -107,29 +107,20 @@ class VSUPT_EXPORT VarnTimerManager {
   static std::atomic<VarnTimerManager*> m_pThis;
   static std::atomic<bool> m_bExiting;
 
+  // Of the library itself.
+  struct State;
+  struct Fork;
+  class Pass;
+
  private:
   friend class VarnTimer;
   friend class VarnTimerThread;
-  friend class ForkHandlers;
-  struct State;
-  class Pass;
-
   static bool isAtRest(const VarnTimer& timer);
   void shutDown();
-  bool setNextDue();
   void declinePass();
-  std::time_t nowLocked() VSUPT_REQUIRES(m_oListLock);
-  VarnTimer* takeDueLocked() VSUPT_REQUIRES(m_oListLock);
-  bool isOverdueLocked() VSUPT_REQUIRES(m_oListLock);
-  void armLocked(bool inSignal) VSUPT_REQUIRES(m_oListLock);
-  void startPassLocked() VSUPT_REQUIRES(m_oListLock);
-  void setIntervalTimerLocked() VSUPT_REQUIRES(m_oListLock);
-  std::int64_t nextExpiryLocked() const VSUPT_REQUIRES(m_oListLock);
-  void insertLocked(VarnTimer& timer) VSUPT_REQUIRES(m_oListLock);
-  void unlinkLocked(VarnTimer& timer) VSUPT_REQUIRES(m_oListLock);
 
   VarnEvent m_oEvent;
-  std::vector<VarnTimer*> m_vTimers VSUPT_GUARDED_BY(m_oListLock);
+  std::vector<VarnTimer*> m_vTimers;  // empty: the state has the timers
   VarnCriticalSectionObject m_oListLock;
   VarnTimer::TimeInterval m_oNextExpiry VSUPT_GUARDED_BY(m_oListLock){1, 0};
   std::atomic<bool> m_bCancel{false};

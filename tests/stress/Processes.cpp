@@ -125,6 +125,91 @@ TEST(ForkStress, DaemonsOfBusyProcessesTimeLogAndStop) {
   }
 }
 
+// Whatever list other threads are just changing, the child finds it whole.
+TEST(ForkStress, AChildFindsTheListsOfDependentsWhole) {
+  VarnTimer timer(1000, false);
+  VarnEvent event;
+  VarnCollaborator collaborator;
+  Observer observers[3];
+  const auto churn = [&](auto& source, Observer& observer) {
+    return repeating([&] {
+      source.addDependent(observer);
+      source.removeDependent(observer);
+    });
+  };
+  const std::jthread threads[] = {churn(timer, observers[0]), churn(event, observers[1]),
+                                  churn(collaborator, observers[2])};
+  timer.reset();
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(0, runInBareChild([&] {
+                Observer own[3];
+                timer.addDependent(own[0]);
+                event.addDependent(own[1]);
+                collaborator.addDependent(own[2]);
+                event.set();
+                collaborator.notify(VarnNotification());
+                timer.start(1, true);
+                return eventually([&] { return own[0].calls > 0; }) && own[1].calls == 1 ? 0 : 1;
+              }))
+        << "child " << i;
+  }
+}
+
+// The stacks of vanished threads are free for new ones: nothing that lies there is called any more.
+TEST(ForkStress, AChildLeavesTheStacksOfVanishedThreadsAlone) {
+  const auto scribble = [] {
+    std::thread([] {
+      volatile char room[200000];
+      std::fill(std::begin(room), std::end(room), 'Z');
+    }).join();
+  };
+  std::atomic<bool> mayEnd{false};
+  std::atomic<int> fired{0};
+  struct Again : VarnDependent {
+    void handleNotification(VarnCollaborator&, const VarnNotification&) override {
+      ++*fired;
+      timer->start(1000, true);
+    }
+    VarnTimer* timer = nullptr;
+    std::atomic<int>* fired = nullptr;
+  } again;
+  std::thread owner([&] {
+    VarnTimer local(1000, true);
+    again.fired = &fired;
+    again.timer = &local;
+    local.addDependent(again);
+    local.reset();
+    eventually([&] { return mayEnd.load(); });
+    local.removeDependent(again);
+  });
+  EXPECT_TRUE(eventually([&] { return fired > 0; }));
+
+  struct Forking : VarnThread {
+    int run() override { return body(); }
+    std::function<int()> body;
+  } forking;
+  std::atomic<bool> isWaitedFor{false};
+  std::atomic<int> outcome{-1};
+  // The child ends with the body, after that has told those who wait for the thread in the parent.
+  forking.body = [&] {
+    eventually([&] { return isWaitedFor.load(); });
+    const pid_t child = fork();
+    if (child != 0)
+      outcome = outcomeOf(child);
+    else if (scribble(), useEverything() != 0)
+      _exit(1);
+    return 0;
+  };
+  forking.start();
+  std::thread waiter([&] { forking.wait(20000); });
+  sleepMs(100);
+  isWaitedFor = true;
+  waiter.join();
+  mayEnd = true;
+  owner.join();
+  EXPECT_EQ(0, outcome);
+}
+
 // None of them is in the child: what they were about is done with there, and nobody waits for them.
 TEST(ForkStress, AChildIsNotBoundToThreadsAndCallbacksThatItHasNot) {
   std::atomic<int> entered{0};

@@ -1,0 +1,76 @@
+#include "Fork.h"
+
+#include <pthread.h>
+
+#include <array>
+#include <mutex>
+#include <new>
+#include <ranges>
+#include <vector>
+
+#include "BriefGate.h"
+#include "BriefHold.h"
+#include "Cancellation.h"
+#include "SignalRelay.h"
+
+namespace VarnSupport {
+
+namespace {
+
+// In lock order: what is taken first stands first. The global section is the last lock that
+// anything takes; the gate is closed when there is nothing left to wait for.
+constexpr std::array kParts{&serviceFork, &factoryFork, &threadFork, &waitFork, &timerFork,
+                            &controlFork, &logFork,     &zoneFork,   &relayFork};
+
+void prepare() VSUPT_UNCHECKED {
+  if (t_bChildWillExec)
+    return;
+  closeCancellationQuietly();
+  SignalRelay::settle();
+  for (const ForkPart* const part : kParts)
+    part->prepare();
+  globalSection().lock();
+  BriefGate::close();
+}
+
+void release(ForkSide side) VSUPT_UNCHECKED {
+  if (t_bChildWillExec)
+    return;
+  if (side == ForkSide::CHILD) {
+    ++g_nForks;
+    BriefGate::forgetOthers();
+  }
+  BriefGate::open();
+  globalSection().unlock();
+  for (const ForkPart* const part : std::views::reverse(kParts))
+    part->release(side);
+  if (side == ForkSide::CHILD)
+    SignalRelay::resumeInChild();
+  openCancellationQuietly();
+}
+
+}  // namespace
+
+constinit thread_local bool t_bChildWillExec = false;
+constinit std::atomic<std::uint32_t> g_nForks{0};
+
+void installForkHandlers() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    // A fork cannot throw: what the parts allocate when they are first used is made now.
+    for (const ForkPart* const part : kParts) {
+      part->prepare();
+      part->release(ForkSide::PARENT);
+    }
+    if (pthread_atfork([] { prepare(); }, [] { release(ForkSide::PARENT); },
+                       [] { release(ForkSide::CHILD); }) != 0)
+      throw std::bad_alloc();
+  });
+}
+
+void keepForever(const void* object) {
+  static auto& kept = *new std::vector<const void*>;
+  kept.push_back(object);
+}
+
+}  // namespace VarnSupport

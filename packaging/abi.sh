@@ -1,32 +1,76 @@
 #!/usr/bin/env bash
-# abi.sh check|accept RELEASE DEBUG compares what the builds in the folders RELEASE and, with debug
-# information, DEBUG export with what the tree has stored, or stores it.
+# What the library exports, compared with what the tree has stored, or stored there:
+#
+#   abi.sh check-names|accept-names BUILD   the names, those in support/exports.map
+#   abi.sh check-types|accept-types BUILD   what stands behind them, packaging/libvsupt.abi.gz; BUILD
+#                                           has debug information
 set -euo pipefail
-task=$1 release=$2/libvsupt.so debug=$3/libvsupt.so
+build=$2
 cd "$(dirname "$0")"
+map=../support/exports.map
+most=1600
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+export LC_ALL=C
 
-nm -D --defined-only "$release" | awk '$2 != "A" {sub(/@.*/, "", $3); print $3}' | LC_ALL=C sort >"$work/symbols"
-if grep -v 11VarnSupport "$work/symbols"; then
-  echo 'these symbols are not the interface of the library' >&2
-  exit 1
-fi
-describe=(abidw --headers-dir ../include --exported-interfaces-only --no-corpus-path
-  --no-comp-dir-path --no-show-locs "$debug")
+# Compares what carries VSUPT_EXPORT with what the map lists: the linker hides what it does not.
+compare_names() {
+  find "$build/CMakeFiles/vsupt.dir" -name '*.o' -print0 | xargs -0 readelf -sW |
+    awk '$5 != "LOCAL" && $6 == "DEFAULT" && $7 != "UND" &&
+      $8 ~ /^_Z(NK?|TVN|TIN|TSN|Thn[0-9]+_NK?)11VarnSupport/ {print $8}' | sort -u >"$work/exported"
+  awk '/^ *_Z/ {gsub(/[ ;]/, ""); print}' $map | sort >"$work/listed"
+  comm -23 "$work/exported" "$work/listed" >"$work/new"
+  comm -13 "$work/exported" "$work/listed" >"$work/gone"
+}
 
-if [ "$task" = accept ]; then
-  cp "$work/symbols" symbols.txt
-  "${describe[@]}" | gzip -9n >libvsupt.abi.gz
-  exit
-fi
-diff symbols.txt "$work/symbols" >&2 || {
-  echo 'the exported symbols differ from packaging/symbols.txt; if they are meant to: ./dev abi' >&2
-  exit 1
+# tell NAMES TEXT prints the text and the names, if there are any.
+tell() {
+  [ -s "$1" ] || return 0
+  echo "$2"
+  c++filt <"$1" | sed 's/^/  /'
 }
-gunzip -c libvsupt.abi.gz >"$work/before.abi"
-"${describe[@]}" >"$work/now.abi"
-abidiff --no-added-syms "$work/before.abi" "$work/now.abi" >&2 || {
-  echo 'the binary interface has changed; if it is meant to: ./dev abi' >&2
-  exit 1
+
+# Puts new names into the last node, and drops those that are gone.
+write_map() {
+  local last
+  last=$(grep -n '{$' $map | tail -n 1 | cut -d: -f1)
+  {
+    head -n "$last" $map
+    { tail -n "+$((last + 1))" $map | sed '$d'; sed 's/.*/  &;/' "$work/new"; } | sort
+    tail -n 1 $map
+  } | grep -vwFf "$work/gone" >"$work/map"
+  cat "$work/map" >$map
 }
+
+describe_types() {
+  abidw --headers-dir ../include --exported-interfaces-only --no-corpus-path --no-comp-dir-path \
+    --no-show-locs "$build/libvsupt.so"
+}
+
+case $1 in
+  check-names)
+    compare_names
+    {
+      tell "$work/new" 'exported, and in no version of support/exports.map; if they are meant to be: ./dev abi'
+      tell "$work/gone" 'in support/exports.map, and exported no more; if nobody can call them: ./dev abi'
+      [ "$(wc -l <"$work/exported")" -lt $most ] || echo "there are $most exported names, or more"
+    } >"$work/faults"
+    cat "$work/faults" >&2
+    [ ! -s "$work/faults" ]
+    ;;
+  accept-names)
+    compare_names
+    write_map
+    tell "$work/new" 'new in support/exports.map:'
+    tell "$work/gone" 'no more in support/exports.map:'
+    ;;
+  check-types)
+    gunzip -c libvsupt.abi.gz >"$work/before.abi"
+    describe_types >"$work/now.abi"
+    abidiff --no-added-syms "$work/before.abi" "$work/now.abi" >&2 || {
+      echo 'the binary interface has changed; if it is meant to: ./dev abi' >&2
+      exit 1
+    }
+    ;;
+  accept-types) describe_types | gzip -9n >libvsupt.abi.gz ;;
+esac

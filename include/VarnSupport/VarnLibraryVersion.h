@@ -6,7 +6,7 @@
 #include "VarnSupport/VarnExport.h"
 
 #define VSUPT_VERSION_MAJOR 1
-#define VSUPT_VERSION_MINOR 0
+#define VSUPT_VERSION_MINOR 1
 #define VSUPT_VERSION_PATCH 0
 // 10203 for 1.2.3.
 #define VSUPT_VERSION \

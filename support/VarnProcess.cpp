@@ -159,7 +159,7 @@ bool VarnCreateDirectory(const std::string& path) {
   log(kTrace, "VarnCreateDirectory: ", path);
   if (mkdir(path.c_str(), kFolderMode) == 0)
     return true;
-  if (errno == ENOENT)
+  if (errno == ENOENT || errno == ENOTDIR)
     return createChain(path);
   return errno == EEXIST || access(path.c_str(), F_OK) == 0;
 }

@@ -58,9 +58,12 @@ TEST(VarnProcess, CreatesFoldersWithAllTheirParents) {
   }
   const FileLog log(9);
   EXPECT_FALSE(VarnCreateDirectory(top / "none/../file/x/y"));
+  EXPECT_FALSE(VarnCreateDirectory(top / "file/x"));
   EXPECT_FALSE(VarnCreateDirectory(""));
   EXPECT_EQ((Texts{"VarnCreateDirectory: " + (top / "none/../file/x/y"),
                    "VarnCreateDirectory: couldn't create " + (top / "none/../file/x") + " (20)",
+                   "VarnCreateDirectory: " + (top / "file/x"),
+                   "VarnCreateDirectory: couldn't create " + (top / "file/x") + " (20)",
                    "VarnCreateDirectory: ", "VarnCreateDirectory: couldn't create  (2)"}),
             log.texts());
 }

@@ -30,7 +30,7 @@ TEST(VarnService, RunsItsHooksAroundTheWait) {
   EXPECT_EQ(0, runInChild([] {
               FileLog log(9);
               Service service;
-              if (VarnService::getService() != &service)
+              if (VarnService::getService() != &service || VarnService::m_pThis != &service)
                 return 1;
               int stopped = 0;
               service.stopHook = [&] { ++stopped; };

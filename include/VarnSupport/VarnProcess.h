@@ -14,7 +14,7 @@ namespace VarnSupport {
 
 // Makes a folder and, when one is missing, all its parents, with mode 0755. True when something of
 // that name exists afterwards, also if it is no folder. Besides '/', a '\' separates names, but
-// only where parents are missing: elsewhere it is part of a name; callers rely on it.
+// only where parents are missing or no folders: elsewhere it is part of a name; callers rely on it.
 VSUPT_EXPORT bool VarnCreateDirectory(const std::string& path);
 
 // Removes a folder; with `recursive` also one that is not empty, by running /bin/rm. On failure

@@ -56,6 +56,9 @@ class VSUPT_EXPORT VarnService {
   // The service that was built last, or null.
   static VarnService* getService();
 
+  // What getService() returns.
+  static std::atomic<VarnService*> m_pThis;
+
  protected:
   // True: started. Runs on the thread that calls start(), in the new process if there is one.
   virtual bool onStart(const std::string& arguments) = 0;
@@ -68,8 +71,6 @@ class VSUPT_EXPORT VarnService {
   bool runDaemon(const std::string& arguments, int reportTo);
   void beginRunning();
   void awaitStop();
-
-  static std::atomic<VarnService*> m_pThis;
 
   std::string m_sText1;
   std::string m_sText2;

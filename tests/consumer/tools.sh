@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2154
 # What the tests of installed libraries share; they source it with $work as their folder.
 quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }; }
 

@@ -38,12 +38,11 @@ std::string quoted(const std::string& text) {
   return result + '"';
 }
 
-// Prints itself, as the tree walks over its nodes.
-class ListNode : public VarnTreeNode {
- public:
-  explicit ListNode(const std::string& key) : VarnTreeNode(key) {}
-  void printGuts(int indent) override { std::printf("%*s%s\n", 2 * indent, "", getKey().c_str()); }
-};
+void printGroup(const std::string& title, const std::vector<std::string>& names) {
+  std::printf("  %s\n", title.c_str());
+  for (const std::string& name : names)
+    std::printf("    %s\n", name.c_str());
+}
 
 }  // namespace
 
@@ -108,22 +107,15 @@ void printJson(const std::vector<SamplePointer>& samples, const Settings& settin
 }
 
 void printProbes(const std::vector<std::string>& builtIn, const Texts& texts) {
-  const VarnSmartPointer<VarnTreeNode> root(new ListNode(texts.text("list.title")));
-  const VarnSmartPointer<VarnTreeNode> own = root->add(new ListNode(texts.text("list.builtin")));
-  VarnSmartPointer<VarnTreeNode> others;
+  std::vector<std::string> others;
   for (const std::string& name : VarnObjectFactory::getGlobalInstance()->getRegisteredClasses()) {
-    if (std::find(builtIn.begin(), builtIn.end(), name) != builtIn.end()) {
-      own->add(new ListNode(name));
-      continue;
-    }
-    if (others == nullptr)
-      others = root->add(new ListNode(texts.text("list.plugins")));
-    others->add(new ListNode(name));
+    if (std::find(builtIn.begin(), builtIn.end(), name) == builtIn.end())
+      others.push_back(name);
   }
-  // A tree prints itself at log level 9 only; this log writes nowhere.
-  VarnLogging log("unused", 0, 9);
-  VarnLogging::setInstance(log);
-  root->print(0);
+  std::printf("%s\n", texts.text("list.title").c_str());
+  printGroup(texts.text("list.builtin"), builtIn);
+  if (!others.empty())
+    printGroup(texts.text("list.plugins"), others);
 }
 
 }  // namespace hostwatch

@@ -15,7 +15,7 @@ void printTable(const std::vector<SamplePointer>& samples, const Settings& setti
 // Prints them as one JSON object on one line.
 void printJson(const std::vector<SamplePointer>& samples, const Settings& settings);
 
-// Prints the classes of probes as a tree; those in `builtIn` apart from the others.
+// Prints the classes of probes, those in `builtIn` apart from the others.
 void printProbes(const std::vector<std::string>& builtIn, const Texts& texts);
 
 }  // namespace hostwatch

@@ -110,6 +110,11 @@ void Sampler::onTimerEvent() {
 Judge::Judge(const Settings& settings, const Texts& texts, SampleExchange& exchange)
     : VarnThread("judge"), m_oSettings(settings), m_oTexts(texts), m_oExchange(exchange) {}
 
+Judge::~Judge() {
+  m_oExchange.produceSentinel(false);
+  waitForThreadExit();
+}
+
 int Judge::run() {
   for (SamplePointer sample = m_oExchange.take(); sample != nullptr; sample = m_oExchange.take())
     judge(*sample);
@@ -158,7 +163,8 @@ void Judge::alert(const Sample& sample, const std::string& limit) {
   const std::string command =
       VarnExpandString(properties.getProperty("alert.command", none), properties);
   int process = 0;
-  if (!command.empty() && VarnExecuteProgram(command, false, &process, nullptr))
+  // The last byte of a command line may be dropped.
+  if (!command.empty() && VarnExecuteProgram(command + ' ', false, &process, nullptr))
     m_vAlertProcesses.push_back(process);
 }
 

@@ -75,7 +75,8 @@ class Sampler : public VarnSupport::VarnEventTimerThread {
 class Judge : public VarnSupport::VarnThread {
  public:
   Judge(const Settings& settings, const Texts& texts, SampleExchange& exchange);
-  ~Judge() override { waitForThreadExit(); }
+  // Waits until what is in the exchange has been judged.
+  ~Judge() override;
 
   int run() override;
 

@@ -10,10 +10,13 @@
 #include <initializer_list>
 
 using namespace VarnSupport;
+namespace fs = std::filesystem;
 
 namespace hostwatch {
 
 namespace {
+
+constexpr int kMostReferences = 1000;
 
 bool toNumber(const std::string& text, double& number) {
   char* end = nullptr;
@@ -46,6 +49,9 @@ bool isOneOf(const std::string& name, std::initializer_list<const char*> names) 
 }  // namespace
 
 Settings::Settings(const std::string& file) : m_sFile(file) {
+  std::error_code ignored;
+  if (fs::exists(file, ignored) && !fs::is_regular_file(file, ignored))
+    throw VarnException(file + ": is not a regular file", 0);
   if (!m_oProperties.loadPropertiesImpl(file, '='))
     throw VarnException(file + ": cannot be read", 0);
   std::ifstream stream(file);
@@ -93,9 +99,8 @@ std::vector<std::string> Settings::faults() const {
 }
 
 std::string Settings::faultOf(const std::string& name, const std::string& value) const {
-  std::vector<std::string> path;
-  if (isEndless(name, path))
-    return name + " refers to itself, or to a '<' without '>'";
+  if (!expand(value))
+    return name + " refers to itself";
   for (const std::string& reference : referencesIn(value)) {
     if (m_oProperties.getPropertyValues(reference).empty() &&
         std::getenv(reference.c_str()) == nullptr &&
@@ -103,7 +108,7 @@ std::string Settings::faultOf(const std::string& name, const std::string& value)
       return name + " refers to " + reference + ", which is not set";
   }
   if (name == "probe") {
-    const std::string probe = VarnExpandString(value, m_oProperties);
+    const std::string probe = expand(value).value();
     const auto known = VarnObjectFactory::getGlobalInstance()->getRegisteredClasses();
     return contains(known, probe) ? "" : "there is no probe " + probe;
   }
@@ -139,8 +144,8 @@ bool Settings::isSetting(const std::string& name) const {
 
 std::vector<std::string> Settings::serviceFaults() const {
   std::vector<std::string> faults;
-  if (const std::string log = text("log"); !log.empty()) {
-    const std::string folder = std::filesystem::absolute(log).parent_path().string();
+  if (const fs::path log = logFile(); !log.empty()) {
+    const std::string folder = log.parent_path().string();
     if (access(folder.c_str(), W_OK | X_OK) != 0)
       faults.push_back(faultAt("log", "cannot write a log to " + folder));
   }
@@ -163,10 +168,8 @@ std::string Settings::faultAt(const std::string& setting, const std::string& tex
 Properties Settings::expanded() const {
   Properties expanded;
   for (const auto& [name, values] : m_oProperties.getProperties()) {
-    std::vector<std::string> path;
-    const bool asItIs = name == "alert.command" || isEndless(name, path);
     for (const std::string& value : values)
-      expanded.addProperty(name, asItIs ? value : VarnExpandString(value, m_oProperties));
+      expanded.addProperty(name, name == "alert.command" ? value : expand(value).value_or(value));
   }
   return expanded;
 }
@@ -174,8 +177,15 @@ Properties Settings::expanded() const {
 std::string Settings::text(const std::string& name) const {
   const std::string none;
   const std::string& value = m_oProperties.getProperty(name, none);
-  std::vector<std::string> path;
-  return isEndless(name, path) ? value : VarnExpandString(value, m_oProperties);
+  return expand(value).value_or(value);
+}
+
+// The log puts its own extension in place of the one that is there, wherever that begins.
+std::string Settings::logFile() const {
+  fs::path file = text("log");
+  if (!file.empty() && !file.has_extension())
+    file += ".log";
+  return file.empty() ? "" : fs::absolute(file).string();
 }
 
 std::optional<double> Settings::limitOf(const std::string& probe) const {
@@ -194,29 +204,18 @@ std::optional<long> Settings::number(const Range& range) const {
   return number;
 }
 
-// Expanding a text that refers to itself would never end; and what it refers to must not leave a
-// reference open, from which others can be put together.
-bool Settings::isEndless(const std::string& name, std::vector<std::string>& path) const {
-  if (contains(path, name))
-    return true;
-  std::vector<std::string> values = m_oProperties.getPropertyValues(name);
-  const char* const environment = std::getenv(name.c_str());
-  if (values.empty() && environment != nullptr)
-    values.push_back(environment);
-  std::vector<std::string> references;
-  for (const std::string& value : values) {
-    const auto more = referencesIn(value);
-    references.insert(references.end(), more.begin(), more.end());
-    const std::size_t open = value.rfind('<');
-    if (!path.empty() && open != std::string::npos && value.find('>', open) == std::string::npos)
-      return true;
+// VarnExpandString() would never end where a setting refers to itself.
+std::optional<std::string> Settings::expand(std::string text) const {
+  for (int references = 0; references < kMostReferences; ++references) {
+    const std::size_t begin = text.find('<');
+    const std::size_t end = text.find('>', begin);
+    if (end == std::string::npos)
+      return text;
+    const std::string name = text.substr(begin + 1, end - begin - 1);
+    text.replace(begin, end - begin + 1,
+                 m_oProperties.getProperty(name, VarnGetEnvironmentVariable(name)));
   }
-  path.push_back(name);
-  const bool endless =
-      std::any_of(references.begin(), references.end(),
-                  [&](const auto& reference) { return isEndless(reference, path); });
-  path.pop_back();
-  return endless;
+  return std::nullopt;
 }
 
 std::string Settings::requirementFault() const {
@@ -234,7 +233,6 @@ std::string Settings::requirementFault() const {
 }
 
 std::string installedFile(const std::string& besideProgram, const std::string& inPrefix) {
-  namespace fs = std::filesystem;
   const fs::path folder = fs::read_symlink("/proc/self/exe").parent_path();
   const fs::path beside = folder / besideProgram;
   return fs::exists(beside) ? beside.string() : (folder.parent_path() / inPrefix).string();

@@ -13,7 +13,7 @@ namespace hostwatch {
 
 class Settings {
  public:
-  // Throws VarnException when the file cannot be read.
+  // Throws VarnException when the file cannot be read, or not twice.
   explicit Settings(const std::string& file);
 
   // Replaces a setting by what the command line says.
@@ -30,6 +30,8 @@ class Settings {
   Properties expanded() const;
   // The value with its references expanded; empty when there is none.
   std::string text(const std::string& name) const;
+  // Where to log to, with an extension; empty for standard output.
+  std::string logFile() const;
   // Class names of the probes to run.
   std::vector<std::string> probes() const { return expanded().getPropertyValues("probe"); }
   std::optional<double> limitOf(const std::string& probe) const;
@@ -44,8 +46,9 @@ class Settings {
   static constexpr Range kInterval{"interval", 60, 1, 86400};
   static constexpr Range kLogLevel{"log.level", 1, -1, 9};
 
+  // The text with its references expanded; nothing when that has no end.
+  std::optional<std::string> expand(std::string text) const;
   std::optional<long> number(const Range& range) const;
-  bool isEndless(const std::string& name, std::vector<std::string>& path) const;
   std::string faultOf(const std::string& name, const std::string& value) const;
   std::string requirementFault() const;
   bool isSetting(const std::string& name) const;
@@ -53,7 +56,7 @@ class Settings {
   std::string m_sFile;
   std::vector<std::string> m_vLines;
   std::set<std::string> m_vOnCommandLine;
-  mutable Properties m_oProperties;  // expansion takes it as not const
+  Properties m_oProperties;
 };
 
 // Where what belongs to hostwatch is: beside the program, or else in the prefix that it was

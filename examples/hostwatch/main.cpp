@@ -1,6 +1,7 @@
 // hostwatch: watches one host, once or as a service.
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -17,7 +18,7 @@ using namespace hostwatch;
 
 namespace {
 
-enum tExit { WITHIN_LIMITS = 0, OVER_A_LIMIT = 1, WRONG_USE = 2 };
+enum tExit { ALL_IS_WELL = 0, NOT_WELL = 1, WRONG_USE = 2 };
 
 const char* const kUsage =
     "usage: hostwatch [OPTION...]\n"
@@ -109,7 +110,7 @@ Settings loadSettings(const CommandLine& commandLine) {
   if (commandLine.has("log-level"))
     settings.set("log.level", commandLine.value("log-level"));
   if (commandLine.has("log"))
-    settings.set("log", commandLine.value("log"));
+    settings.set("log", std::filesystem::absolute(commandLine.value("log")).string());
   return settings;
 }
 
@@ -124,20 +125,30 @@ int reportOnce(const CommandLine& commandLine, const Settings& settings, const T
     printJson(samples, settings);
   else
     printTable(samples, settings, texts);
-  return over ? OVER_A_LIMIT : WITHIN_LIMITS;
+  return over ? NOT_WELL : ALL_IS_WELL;
+}
+
+// Whatever the starter has blocked. A terminal that is closed stops hostwatch in order; a daemon
+// has none, and goes on.
+void prepareSignals(bool asDaemon) {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  const sighandler_t stop = [](int) { kill(getpid(), SIGTERM); };
+  const sighandler_t nothing = [](int) {};
+  if (std::signal(SIGHUP, asDaemon ? nothing : stop) == SIG_IGN)
+    std::signal(SIGHUP, SIG_IGN);  // by nohup
 }
 
 int serve(const CommandLine& commandLine, const Settings& settings, const Texts& texts) {
-  std::string log = settings.text("log");
   const bool asDaemon = commandLine.has("daemon");
-  if (log.empty() && asDaemon)
+  if (settings.logFile().empty() && asDaemon)
     throw VarnException("--daemon needs --log, or log= in the configuration", 0);
   if (const auto faults = settings.serviceFaults(); !faults.empty())
     throw VarnException(faults.front(), 0);
-  if (!log.empty())
-    log = std::filesystem::absolute(log).string();  // a daemon works in "/"
+  prepareSignals(asDaemon);
   std::srand(static_cast<unsigned>(std::time(nullptr)) ^ static_cast<unsigned>(getpid()));
-  return runService(settings, texts, log, asDaemon) ? WITHIN_LIMITS : WRONG_USE;
+  return runService(settings, texts, asDaemon) ? ALL_IS_WELL : NOT_WELL;
 }
 
 // All that is wrong, also what shows only when the probes are used.
@@ -155,7 +166,7 @@ int check(const Settings& settings) {
   }
   for (const std::string& fault : faults)
     std::fprintf(stderr, "hostwatch: %s\n", fault.c_str());
-  return faults.empty() ? WITHIN_LIMITS : WRONG_USE;
+  return faults.empty() ? ALL_IS_WELL : WRONG_USE;
 }
 
 int run(int argc, char** argv) {
@@ -168,6 +179,8 @@ int run(int argc, char** argv) {
     std::puts("hostwatch " HOSTWATCH_VERSION);
     return 0;
   }
+  if (commandLine.has("daemon"))
+    close_range(STDERR_FILENO + 1, ~0U, 0);  // what the starter has left open, and perhaps locked
   VarnLocaleFactory::initializeLanguageCountryCode();
   const auto builtIn = VarnObjectFactory::getGlobalInstance()->getRegisteredClasses();
   std::vector<std::unique_ptr<VarnLibrary>> plugins;
@@ -179,6 +192,7 @@ int run(int argc, char** argv) {
     return 0;
   }
   const Settings settings = loadSettings(commandLine);
+  std::filesystem::current_path("/");  // where a daemon works: settings mean the same without one
   if (commandLine.has("check"))
     return check(settings);
   if (const auto faults = settings.faults(); !faults.empty())
@@ -199,6 +213,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "hostwatch: %s\n", error.getText().c_str());
   } catch (const std::exception& error) {
     std::fprintf(stderr, "hostwatch: %s\n", error.what());
+  } catch (...) {
+    std::fprintf(stderr, "hostwatch: a probe throws what is no exception\n");
   }
   return WRONG_USE;
 }

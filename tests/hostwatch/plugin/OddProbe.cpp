@@ -1,0 +1,32 @@
+// A plug-in that makes trouble: "odd.does" says which.
+#include <pthread.h>
+
+#include "../../../examples/hostwatch/Probe.h"
+
+namespace {
+
+class OddProbe : public hostwatch::Probe {
+ public:
+  OddProbe() : Probe("odd", "") {}
+  double measure(const hostwatch::Properties& configuration) override {
+    const std::string trouble = configuration.getProperty("odd.does");
+    if (trouble == "throw" && ++m_nCalls > 1)
+      throw 7;
+    if (trouble == "complain")
+      throw VarnSupport::VarnException("at <reason> and <name>", 0);
+    if (trouble == "starve") {  // from now on no thread has room for its stack
+      pthread_attr_t attributes;
+      pthread_attr_init(&attributes);
+      pthread_attr_setstacksize(&attributes, std::size_t{1} << 50);
+      pthread_setattr_default_np(&attributes);
+    }
+    return 0;
+  }
+
+ private:
+  int m_nCalls = 0;
+};
+
+const hostwatch::ProbeRegistration<OddProbe> oddProbe("OddProbe");
+
+}  // namespace

@@ -1,10 +1,15 @@
 # Installs the library, its headers, and what CMake and pkg-config need to find them.
 include(CMakePackageConfigHelpers)
 set(VSUPT_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/VarnSupport)
+# Found from where vsupt.pc is, so that the prefix may be moved. The system's own is not, and
+# pkg-config leaves out its folders if they are named plainly.
 foreach(place INCLUDEDIR LIBDIR)
-  file(RELATIVE_PATH VSUPT_PC_${place}
-    ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_FULL_${place}})
-  string(REGEX REPLACE "/$" "" VSUPT_PC_${place} "${VSUPT_PC_${place}}")
+  set(VSUPT_PC_${place} ${CMAKE_INSTALL_FULL_${place}})
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    file(RELATIVE_PATH VSUPT_PC_${place}
+      ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_FULL_${place}})
+    string(REGEX REPLACE "/$" "" VSUPT_PC_${place} "\${pcfiledir}/${VSUPT_PC_${place}}")
+  endif()
 endforeach()
 configure_file(packaging/vsupt.pc.in vsupt.pc @ONLY)
 configure_package_config_file(packaging/VarnSupportConfig.cmake.in VarnSupportConfig.cmake

@@ -123,6 +123,8 @@ void completeKilled(Performer* performer) {
   });
   at("the destruction of the killed thread");
   delete performer;
+  if (operation->assistance != nullptr)
+    operation->assistance->often();
   call(operation->undo);
   restore();
 }

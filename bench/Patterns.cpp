@@ -114,6 +114,19 @@ std::string words(std::size_t size, const std::string& end) {
   return text + end;
 }
 
+// Letters in no order, without an "a" close before a "c".
+std::string letters(std::size_t size) {
+  std::string text;
+  for (unsigned int state = 1; text.size() < size;) {
+    state = state * 1103515245 + 12345;
+    const char letter = static_cast<char>('a' + (state >> 16) % 26);
+    const std::size_t a = text.rfind('a');
+    if (letter != 'c' || a == std::string::npos || text.size() - a > 2)
+      text += letter;
+  }
+  return text;
+}
+
 const Case g_aCases[] = {
     {"pattern, literal in 1 KiB", "needle", words(1024, "needle"), 1018},
     {"pattern, absent literal in 1 KiB", "needle", words(1024, ""), kNone},
@@ -122,6 +135,9 @@ const Case g_aCases[] = {
      "error [0-9]+:", "20240131_23:59:59 5 Worker     [123] run: error 1042: the disk is full", 42},
     {"pattern, set run", "[0-9]+", "20240131235959 the rest of a line", 0},
     {"pattern, key", "^[a-zA-Z_]+=", "connection_timeout=30", 0},
+    {"pattern, a.c absent in letters", "a.c", letters(1024), kNone},
+    {"pattern, x*y behind a longer run", "x*y",
+     std::string(500, 'x') + "z" + std::string(500, 'x') + "y", 501},
     {"pattern, x*y absent", "x*y", words(1024, ""), kNone},
     {"pattern, x*y found", "x*y", words(1024, "xxxy"), 1020},
 };

@@ -21,17 +21,15 @@ bool PatternMatcher<StringType>::walk(std::size_t start) {
   if (first >= m_oProgram.tokens.size() || m_oProgram.tokens[first].type == ExpressionToken::END ||
       start > m_sText.size())
     return false;
-  if (m_oProgram.tokens[first].mayRepeat() && m_sText.size() - start >= kLongText &&
-      lacksRequired(start))
-    return false;
+  if (m_oProgram.tokens[first].mayRepeat() && m_sText.size() - start >= kLongText)
+    m_bHopeless = m_bHopeless || lacksRequired(start);
   m_nPosition = start;
-  while (beginWalk()) {
+  for (bool again = false; !m_bHopeless && beginWalk(); again = true) {
     if (finishWalk())
       return true;
-    m_nPosition = m_pRuns[0].begin + 1;
-    learnFromFailure();
-    if (m_bHopeless)
-      break;
+    m_nPosition = m_nNextBegin;
+    if (!again)
+      m_bHopeless = m_bHopeless || lacksRequired(m_nPosition);
   }
   m_nRuns = 0;
   return false;
@@ -43,7 +41,7 @@ bool PatternMatcher<StringType>::beginWalk() {
   const Token& token = m_oProgram.tokens[m_oProgram.first];
   const bool isLiteral = token.type == ExpressionToken::LITERAL_SEGMENT;
   if (isLiteral || token.mayBeAbsent()) {
-    const std::size_t found = firstMatch(token, m_nPosition);
+    const std::size_t found = firstBegin(token, m_nPosition);
     if (isLiteral && m_bTraced)
       traceSearch(token, m_nPosition, found);
     if (found == kNone)
@@ -52,8 +50,11 @@ bool PatternMatcher<StringType>::beginWalk() {
   } else if (!matchesHere(token)) {
     return false;
   }
+  if (++m_nWalks == kPatience)
+    beginLearning();
   m_nRuns = 0;
   push(m_oProgram.first);
+  m_nNextBegin = token.mayRepeat() && widthOf(token) > 0 ? m_nPosition : m_pRuns[0].begin + 1;
   return true;
 }
 
@@ -84,15 +85,21 @@ bool PatternMatcher<StringType>::finishWalk() {
 template <typename StringType>
 auto PatternMatcher<StringType>::giveBack(std::size_t index) -> tOutcome {
   const Token& token = m_oProgram.tokens[index];
-  // Whether it matches nowhere further on, from the bottom of the stack to the end of the text.
-  bool nowhere = token.factor == ExpressionToken::ONE && m_nPosition == m_sText.size();
-  while (true) {
+  const bool isAtEnd = m_nPosition == m_sText.size();
+  bool isNowhere = false;  // between the bottom of the stack and the position
+  std::size_t found = m_nPosition;
+  for (bool sought = false;; sought = true) {
     Run& top = m_pRuns[m_nRuns - 1];
     const Token& topToken = m_oProgram.tokens[top.token];
     if (m_oProgram.areEqualRepeats(topToken, token))
       return tOutcome::Passed;
-    const std::size_t found = lastMatchIn(top, index);
-    if (found != kNone) {
+    if (!sought) {
+      found = lastMatchBefore(index, m_nPosition);
+      isNowhere = found == kNone;
+    }
+    if (found != kNone && found > top.begin && widthOf(topToken) > 1)
+      found = lastMatchBefore(index, top.begin + 1);  // only where the literal begins
+    if (found != kNone && found >= top.begin + (top.fixed ? 1 : 0)) {
       top.count = found - top.begin;
       if (top.count == 0)
         --m_nRuns;
@@ -100,10 +107,9 @@ auto PatternMatcher<StringType>::giveBack(std::size_t index) -> tOutcome {
       return tOutcome::Matched;
     }
     if (top.fixed) {
-      m_bHopeless = nowhere && lastMatch(token, m_pRuns[0].begin + 1, top.begin + 1) == kNone;
+      m_bHopeless = isAtEnd && isNowhere && token.factor == ExpressionToken::ONE;
       return tOutcome::Failed;
     }
-    nowhere = nowhere && lastMatch(token, top.begin + 1, top.begin + widthOf(topToken)) == kNone;
     m_nPosition = top.begin;
     --m_nRuns;
   }
@@ -124,35 +130,20 @@ void PatternMatcher<StringType>::push(std::size_t index) {
   const std::size_t width = widthOf(token);
   m_nPosition += width;
   if (token.mayRepeat() && width > 0) {
-    m_nPosition = knownFirstMiss(index, m_nPosition);
+    m_nPosition = endOfHits(index, m_nPosition);
     run.count = m_nPosition - run.begin;
   }
   m_pRuns[m_nRuns++] = run;
 }
 
 template <typename StringType>
-bool PatternMatcher<StringType>::lacksRequired(std::size_t from) const {
-  return m_oProgram.required != kNone &&
-         firstMatch(m_oProgram.tokens[m_oProgram.required], from) == kNone;
-}
-
-template <typename StringType>
-void PatternMatcher<StringType>::learnFromFailure() {
-  ++m_nFailures;
-  if (m_nFailures == 1 && lacksRequired(m_nPosition))
-    m_bHopeless = true;
-  if (m_nFailures == kPatience)
-    m_aStretches.fill({kNone, 0, 0});
-}
-
-// What is known so far, or nothing. In patterns of many tokens pairs share places, and forget.
-template <typename StringType>
-auto PatternMatcher<StringType>::stretchOf(std::size_t token, std::size_t runToken) -> Stretch& {
-  const std::size_t key = token * m_oProgram.tokens.size() + runToken;
-  Stretch& stretch = m_aStretches[key % kStretches];
-  if (stretch.key != key)
-    stretch = {key, kNone, 0};
-  return stretch;
+bool PatternMatcher<StringType>::lacksRequired(std::size_t from) {
+  if (m_oProgram.required == kNone)
+    return false;
+  if (!m_bRequiredSought || m_nRequiredAt < from)
+    m_nRequiredAt = firstMatch(m_oProgram.tokens[m_oProgram.required], from);
+  m_bRequiredSought = true;
+  return m_nRequiredAt == kNone;
 }
 
 template <typename StringType>
@@ -168,6 +159,16 @@ bool PatternMatcher<StringType>::matchesHere(const Token& token) const {
   if (m_nPosition >= m_sText.size())
     return false;
   return token.type == ExpressionToken::ANY || token.set->accepts(m_sText[m_nPosition]);
+}
+
+// The first match of the first token with which a walk may come to the end.
+template <typename StringType>
+std::size_t PatternMatcher<StringType>::firstBegin(const Token& token, std::size_t from) const {
+  if (m_oProgram.second == kNone || m_bTraced)
+    return firstMatch(token, from);
+  return searchPair(m_sText, m_oProgram.texts[token.begin],
+                    m_oProgram.texts[m_oProgram.tokens[m_oProgram.second].begin],
+                    m_oProgram.farthest, from);
 }
 
 template <typename StringType>
@@ -189,15 +190,16 @@ std::size_t PatternMatcher<StringType>::firstMatch(const Token& token, std::size
   return from < m_sText.size() ? from : kNone;
 }
 
-// The first position at or after `from` where a token of one character does not match.
+// The first position in [from, to) where a token of one character does not match, else `to`.
 template <typename StringType>
-std::size_t PatternMatcher<StringType>::firstMiss(const Token& token, std::size_t from) const {
+std::size_t PatternMatcher<StringType>::firstMiss(const Token& token, std::size_t from,
+                                                  std::size_t to) const {
   if (token.type == ExpressionToken::ANY)
-    return m_sText.size();
+    return to;
   if (token.type == ExpressionToken::LITERAL_SEGMENT)
-    return skipCharacter(m_sText, m_oProgram.texts[token.begin], from);
+    return skipCharacter(m_sText.substr(0, to), m_oProgram.texts[token.begin], from);
   const auto& set = *token.set;
-  while (from < m_sText.size() && set.accepts(m_sText[from]))
+  while (from < to && set.accepts(m_sText[from]))
     ++from;
   return from;
 }
@@ -228,32 +230,92 @@ std::size_t PatternMatcher<StringType>::lastMatch(const Token& token, std::size_
 }
 
 template <typename StringType>
-std::size_t PatternMatcher<StringType>::knownFirstMiss(std::size_t token, std::size_t from) {
-  if (m_nFailures < kPatience)
-    return firstMiss(m_oProgram.tokens[token], from);
-  Stretch& hits = stretchOf(token, token);
-  if (from < hits.begin || from > hits.end) {
-    hits.begin = from;
-    hits.end = firstMiss(m_oProgram.tokens[token], from);
-  }
+void PatternMatcher<StringType>::beginLearning() {
+  const std::size_t count = m_oProgram.tokens.size();
+  if (count > kNearTokens)
+    m_pFarKnown = std::make_unique_for_overwrite<Known[]>(count);
+  m_pKnown = count > kNearTokens ? m_pFarKnown.get() : m_aNearKnown.data();
+  std::fill_n(m_pKnown, count, Known{{kNone, 0}, {kNone, 0}});
+}
+
+// The first position at or after `from` where a token of one character does not match.
+template <typename StringType>
+std::size_t PatternMatcher<StringType>::endOfHits(std::size_t index, std::size_t from) {
+  if (m_pKnown == nullptr)
+    return firstMiss(m_oProgram.tokens[index], from, m_sText.size());
+  Stretch& hits = m_pKnown[index].hits;
+  if (from < hits.begin || from > hits.end)
+    hits = {from, endOfHitsByBlocks(index, from)};
   return hits.end;
 }
 
-// The last entry of a run that may be given back and where a later token matches.
 template <typename StringType>
-std::size_t PatternMatcher<StringType>::lastMatchIn(const Run& run, std::size_t token) {
-  const std::size_t from = run.begin + (run.fixed ? 1 : 0);
-  const std::size_t to = run.begin + run.count;
-  if (m_nFailures < kPatience || run.count == 1)
-    return lastMatch(m_oProgram.tokens[token], from, to);
-  Stretch& misses = stretchOf(token, run.token);
-  if (to < misses.begin || to > misses.end)
-    misses.begin = misses.end = to;
-  if (from >= misses.begin)
+std::size_t PatternMatcher<StringType>::endOfHitsByBlocks(std::size_t index, std::size_t from) {
+  const Token& token = m_oProgram.tokens[index];
+  const std::size_t near = std::min((from / kBlock + 1) * kBlock, m_sText.size());
+  const std::size_t miss = firstMiss(token, from, near);
+  if (miss < near || near == m_sText.size())
+    return miss;
+  const auto isHitThroughout = [&](std::ptrdiff_t block) {
+    const std::size_t begin = static_cast<std::size_t>(block) * kBlock;
+    return firstMiss(token, begin, begin + kBlock) == begin + kBlock;
+  };
+  const std::ptrdiff_t far =
+      blocksOf(index).hits.firstOther(blockOf(near), blockOf(m_sText.size()), isHitThroughout);
+  return firstMiss(token, static_cast<std::size_t>(far) * kBlock, m_sText.size());
+}
+
+// The last position before `to` where a token matches and a match may stand that can be given back:
+// behind the bottom of the stack, unless that is empty. No later walk looks in front of it either.
+template <typename StringType>
+std::size_t PatternMatcher<StringType>::lastMatchBefore(std::size_t index, std::size_t to) {
+  const Token& token = m_oProgram.tokens[index];
+  const Run& bottom = m_pRuns[0];
+  const std::size_t from =
+      bottom.begin + std::min<std::size_t>(widthOf(m_oProgram.tokens[bottom.token]), 1);
+  if (m_pKnown == nullptr || token.type == ExpressionToken::ANY)
+    return lastMatch(token, from, to);
+  Stretch& misses = m_pKnown[index].misses;
+  if (to < misses.begin || to > misses.end + kBlock)
+    misses = {to, to};
+  if (to > misses.end) {
+    const std::size_t found = lastMatch(token, std::max(from, misses.end), to);
+    misses.end = to;
+    if (found != kNone) {
+      misses.begin = found + 1;
+      return found;
+    }
+  }
+  if (misses.begin <= from)
     return kNone;
-  const std::size_t found = lastMatch(m_oProgram.tokens[token], from, misses.begin);
+  const std::size_t found = lastMatchByBlocks(index, from, misses.begin);
   misses.begin = found == kNone ? from : found + 1;
   return found;
+}
+
+template <typename StringType>
+std::size_t PatternMatcher<StringType>::lastMatchByBlocks(std::size_t index, std::size_t from,
+                                                          std::size_t to) {
+  const Token& token = m_oProgram.tokens[index];
+  const std::size_t near = std::max(from, (to - 1) / kBlock * kBlock);
+  const std::size_t found = lastMatch(token, near, to);
+  if (found != kNone || near == from)
+    return found;
+  const auto isMissThroughout = [&](std::ptrdiff_t block) {
+    const std::size_t begin = static_cast<std::size_t>(block) * kBlock;
+    return lastMatch(token, begin, begin + kBlock) == kNone;
+  };
+  const std::ptrdiff_t far =
+      blocksOf(index).misses.firstOther(blockOf(near) - 1, blockOf(from) - 1, isMissThroughout);
+  return far < blockOf(from) ? kNone
+                             : lastMatch(token, from, (static_cast<std::size_t>(far) + 1) * kBlock);
+}
+
+template <typename StringType>
+auto PatternMatcher<StringType>::blocksOf(std::size_t token) -> KnownBlocks& {
+  if (m_pBlocks == nullptr)
+    m_pBlocks = std::make_unique<KnownBlocks[]>(m_oProgram.tokens.size());
+  return m_pBlocks[token];
 }
 
 template <typename StringType>

@@ -357,7 +357,9 @@ PatternProgram<StringType>::PatternProgram(const PatternProgram& source)
       pattern(source.pattern),
       texts(source.texts),
       first(source.first),
-      required(source.required) {
+      required(source.required),
+      second(source.second),
+      farthest(source.farthest) {
   members = source.members;
   tokens = source.tokens;
   for (Token& token : tokens) {
@@ -374,13 +376,28 @@ const char* PatternProgram<StringType>::compile(const StringType& text) {
   tokens.reserve(kExpected);
   const char* const fault = PatternReader<StringType>(text, *this).read();
   first = !tokens.empty() && tokens.front().type == ExpressionToken::BEGIN ? 1 : 0;
+  findLiterals();
+  return fault;
+}
+
+// Matches in between may be given back, down to the first token.
+template <typename StringType>
+void PatternProgram<StringType>::findLiterals() {
+  bool isClose = first < tokens.size() && isFirmLiteral(tokens[first]) && tokens[first].length == 1;
+  std::size_t reach = 1;
   for (std::size_t i = first + 1; i < tokens.size(); ++i) {
     const Token& token = tokens[i];
-    if (token.type == ExpressionToken::LITERAL_SEGMENT && token.factor == ExpressionToken::ONE &&
-        token.length > 0)
+    if (isFirmLiteral(token)) {
       required = i;
+      if (isClose) {
+        second = i;
+        farthest = reach;
+      }
+      isClose = false;
+    }
+    ++reach;
+    isClose = isClose && !token.mayRepeat() && reach <= kClose;
   }
-  return fault;
 }
 
 template <typename StringType>

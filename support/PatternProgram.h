@@ -134,10 +134,21 @@ struct PatternProgram : private ProgramMemory {
   std::pmr::forward_list<Set> sets{memory()};
   std::size_t first = 0;         // the token whose match is the first, behind any BEGIN
   std::size_t required = kNone;  // a literal that every match contains after its first token
+  // When the first token is a single character: a literal that begins close behind it in all
+  // matches.
+  std::size_t second = kNone;
+  std::size_t farthest = 0;                // how far behind at most
   std::atomic<std::int64_t> leftTakes{0};  // see SharedProgram
 
  private:
+  static constexpr std::size_t kClose = 4;
+
   bool areAlike(const Token& left, const Token& right) const;
+  static bool isFirmLiteral(const Token& token) {
+    return token.type == ExpressionToken::LITERAL_SEGMENT && token.factor == ExpressionToken::ONE &&
+           token.length > 0;
+  }
+  void findLiterals();
 };
 
 extern template struct PatternProgram<std::string>;

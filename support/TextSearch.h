@@ -90,6 +90,34 @@ std::size_t searchText(std::basic_string_view<CharT> text, std::basic_string_vie
   return searchByBlocks(text, wanted, from);
 }
 
+// The first position at or after `from` that holds `first` and has `second` one to `farthest`
+// characters behind it. Other places of `first` are taken to be rare until there is one.
+template <typename CharT>
+std::size_t searchPair(std::basic_string_view<CharT> text, CharT first, CharT second,
+                       std::size_t farthest, std::size_t from) {
+  const auto isPair = [=](std::size_t position) {
+    return text[position] == first &&
+           text.substr(position + 1, farthest).find(second) != std::string_view::npos;
+  };
+  from = text.find(first, from);
+  if (from == std::string_view::npos || isPair(from))
+    return from;
+  for (++from; text.size() - from >= kBlock<CharT> + farthest; from += kBlock<CharT>) {
+    const CharT* const block = text.data() + from;
+    const auto mayBePair = [=](std::size_t i) {
+      auto seconds = load(block + i + 1) == second;
+      for (std::size_t distance = 2; distance <= farthest; ++distance)
+        seconds |= load(block + i + distance) == second;
+      return seconds & (load(block + i) == first);
+    };
+    if (anyInBlock<CharT>(mayBePair))
+      break;
+  }
+  while (from < text.size() && !isPair(from))
+    ++from;
+  return from < text.size() ? from : std::string_view::npos;
+}
+
 // The first position at or after `from` that does not hold `c`.
 template <typename CharT>
 std::size_t skipCharacter(std::basic_string_view<CharT> text, CharT c, std::size_t from) {

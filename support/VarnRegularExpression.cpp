@@ -20,19 +20,17 @@ constexpr unsigned int npos = VarnRegularExpressionImplementation<std::string>::
 
 // One search, as find() of the class.
 template <typename StringType>
-unsigned int findWith(const PatternProgram<StringType>& program, const StringType& text,
-                      unsigned int& length, unsigned int start) {
-  const bool traced = VarnLogging::admits(kTraceLevel);
-  PatternMatcher<StringType> matcher(program, text, traced);
+unsigned int findWith(PatternMatcher<StringType>& matcher, unsigned int& length,
+                      std::size_t start) {
   const bool matched = matcher.walk(start);
-  if (traced)
+  if (matcher.isTraced())
     matcher.traceStack();
   if (!matched || matcher.position() >= npos || matcher.length() > npos)
     return npos;
   length = static_cast<unsigned int>(matcher.length());
   if (!matcher.anchorsHold(start))
     return npos;
-  if (traced)
+  if (matcher.isTraced())
     VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::find: match found at "
                                << matcher.position();
   return static_cast<unsigned int>(matcher.position());
@@ -90,7 +88,10 @@ unsigned int VarnRegularExpressionImplementation<StringType>::find(const StringT
                                                                    unsigned int start) const {
   const CancellationGuard closed;
   const Program program(m_nProgram);
-  return program.get() == nullptr ? npos : findWith(*program, text, length, start);
+  if (program.get() == nullptr)
+    return npos;
+  PatternMatcher<StringType> matcher(*program, text, VarnLogging::admits(kTraceLevel));
+  return findWith(matcher, length, start);
 }
 
 template <typename StringType>
@@ -155,7 +156,8 @@ StringType VarnRegularExpression<StringType>::match(const StringType& text,
 }
 
 // Works with one program, and on the original text: no match looks at anything before `start`, so
-// that what is replaced need not be there when the rest is searched.
+// that what is replaced need not be there when the rest is searched. One matcher makes all
+// searches, as each learns from those before it.
 template <typename StringType>
 StringType VarnRegularExpression<StringType>::replace(const StringType& text,
                                                       const StringType& replacement,
@@ -165,12 +167,13 @@ StringType VarnRegularExpression<StringType>::replace(const StringType& text,
   const typename VarnRegularExpression::Program program(this->m_nProgram);
   if (program.get() == nullptr)
     return text;
+  PatternMatcher<StringType> matcher(*program, text, VarnLogging::admits(kTraceLevel));
   StringType result;
   std::size_t done = 0;
   std::size_t from = start;
   while (from <= text.size() && from < npos) {
     unsigned int length = 0;
-    const unsigned int position = findWith(*program, text, length, static_cast<unsigned int>(from));
+    const unsigned int position = findWith(matcher, length, from);
     if (position == npos)
       break;
     result.append(text, done, position - done);

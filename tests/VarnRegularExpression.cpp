@@ -64,6 +64,22 @@ S randomTokens(Random& random, const S& characters) {
   return pattern.append(random() % 8 == 0 ? 1 : 0, '$');
 }
 
+// What replace() gives: one search after the other, each without what those before it learned.
+template <typename S>
+S replacedOneByOne(const VarnRegularExpression<S>& pattern, const S& text, const S& replacement) {
+  S result;
+  std::size_t done = 0;
+  for (std::size_t from = 0; from <= text.size();) {
+    const Found found = find(pattern, text, static_cast<unsigned int>(from));
+    if (found.position == kNone)
+      break;
+    result.append(text, done, found.position - done).append(replacement);
+    done = std::size_t{found.position} + found.length;
+    from = done + (found.length == 0 ? 1 : 0);
+  }
+  return result.append(text, done);
+}
+
 // Compares with the plain matcher for a while. Half of the cases use the first three characters of
 // the alphabet alone: walks that fail late and often come from these.
 template <typename S>
@@ -89,6 +105,9 @@ void compare(const S& patternAlphabet, const S& textAlphabet) {
                 find(expression, text, start))
           << testing::PrintToString(pattern) << " in " << testing::PrintToString(text) << " from "
           << start;
+      ASSERT_EQ(replacedOneByOne(expression, text, pattern),
+                expression.replace(text, pattern, expression.ALL_OCCURRENCES))
+          << testing::PrintToString(pattern) << " in " << testing::PrintToString(text);
     }
   }
 }
@@ -191,10 +210,16 @@ TEST(VarnRegularExpression, TakesTimeInProportionToTheText) {
   EXPECT_EQ((Found{0, 1 << 20}), find(compiled(".*.*a"s), letters));
   EXPECT_EQ(kNothing, find(compiled(L".*[xy]"s), std::wstring(1 << 20, L'a')));
 
+  // Many tokens.
   std::string optional;
   for (int i = 0; i < 50000; ++i)
     optional += "b?[c]*";
   EXPECT_EQ((Found{1, 2}), find(compiled("a" + optional + "d"), "xad"s));
+  const std::string end(300, 'z');
+  EXPECT_EQ(kNothing, find(compiled("a[ab]*[cd]*x?x?x?x?x?x?x?x?x?x?x?x?x?[ef]"s),
+                           letters + std::string(1 << 20, 'c') + end));
+  EXPECT_EQ(kNothing,
+            find(compiled("a[ab]*x?x?x?x?x?x?x?[cd]......................"s), letters + end));
 }
 
 TEST(VarnRegularExpression, ReplacesWithoutScanningReplacementsAgain) {

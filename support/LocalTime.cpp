@@ -1,17 +1,24 @@
 // The idea: between two changes of a zone, local time is UTC plus a constant, and needs arithmetic
-// only. Time is cut into blocks of twelve days; for a block that is asked for again, the system is
-// asked once a day, from two days before it to two days after. When all answers have the same
-// shift, the block is steady and answered from here; all others go to the system.
+// only. Time is cut into blocks of twelve days. Once the system was asked about a block as often as
+// a probe would ask it, the block is probed: every second day, from two days before it to two days
+// after. When all answers have the same shift, the block is steady and answered from here; all
+// others go to the system.
 //
-// This is exact because no zone changes twice within a day (the closest changes on record are four
-// days apart; rules that TZ itself spells out may be closer, and are left to the system), and
-// because shifts are below two days: whatever has a given local time then lies within the days that
-// were asked for, so that mktime() has no choice to make either.
+// This is exact because no zone goes back to what it was within two days (the closest changes on
+// record are four days apart), and because shifts are below two days: whatever has a given local
+// time then lies within the days that were probed, so that mktime() has no choice to make either.
+// Rules that TZ itself spells out and zone files that it names by their path may change at any
+// time, and are left to the system.
 //
-// A steady block costs a look at TZ and some twenty instructions, another one what the system asks.
+// What is known belongs to the process and is read without a lock. Zones are numbered: a changed TZ
+// makes a new one, and each block carries the number of the zone that it was probed for. A steady
+// block costs a look at TZ and some twenty instructions, another one what the system asks.
 #include "LocalTime.h"
 
+#include <sys/stat.h>
+
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -27,8 +34,10 @@ constexpr std::int64_t kDay = 86400;
 constexpr int kBlockBits = 20;
 constexpr std::int64_t kBlockLength = std::int64_t{1} << kBlockBits;
 constexpr std::int64_t kMargin = 2 * kDay;
-constexpr std::size_t kBlocks = 16;
-constexpr std::int64_t kFarthest = std::int64_t{1} << 60;  // beyond all years, without overflow
+constexpr std::int64_t kProbeStep = 2 * kDay;
+constexpr std::int64_t kProbes = (kBlockLength + 2 * kMargin) / kProbeStep + 2;
+constexpr std::int64_t kFirstBlock = -4096;  // in 1833
+constexpr std::int64_t kBlocks = 8192;       // to 2106
 
 // Held while the system is asked, and across a fork: the lock that the system keeps its zone behind
 // would stay locked for ever in a child that is forked meanwhile.
@@ -86,87 +95,125 @@ std::int64_t secondsOf(const std::tm& fields) {
          std::int64_t{fields.tm_hour} * 3600 + std::int64_t{fields.tm_min} * 60 + fields.tm_sec;
 }
 
-// What a thread knows of the zone.
-class Zone {
- public:
-  struct Block {
-    enum tState : std::uint8_t { UNKNOWN, SEEN, STEADY, CHANGING };
+// What TZ is for a zone that may be known: words filled up with zeros.
+using ZoneName = std::array<std::uint64_t, 8>;
+constexpr ZoneName kNoName{~std::uint64_t{0}};
 
-    std::int64_t number;
-    tState state;
-    bool daylightSaving;
-    long offset;         // what the system calls the offset
-    std::int64_t shift;  // local minus UTC: the same, but where leap seconds count
-    std::array<char, 16> name;
-  };
+// The file of the zone that has no name, as far as the system looks at it.
+struct ZoneFile {
+  dev_t device;
+  ino_t number;
+  std::time_t written;
 
-  // Forgets everything when the zone has changed.
-  void refresh();
-  // The block of a time if it is steady, else null: then the system is to be asked.
-  const Block* steadyBlock(std::int64_t seconds);
-
- private:
-  static bool ask(std::int64_t seconds, Block& answer);
-  static Block::tState probe(Block& block);
-
-  std::array<char, 128> m_aName;  // what TZ was
-  bool m_bNamed;
-  bool m_bKnown;
-  std::time_t m_nLookedAt;  // when the zone without TZ was looked at
-  std::array<Block, kBlocks> m_aBlocks;
+  bool operator==(const ZoneFile&) const = default;
 };
 
-constinit thread_local Zone t_oZone{};  // all zero: nothing is known
+// The zone that was in force when it was last looked at.
+class Zone {
+ public:
+  // The number of the zone of this moment; 0 for one of which nothing may be known.
+  std::uint64_t number();
 
-void Zone::refresh() {
-  const char* const name = std::getenv("TZ");
+ private:
+  bool isNamed(const ZoneName& name, std::uint64_t& number) const;
+  std::uint64_t rename(const ZoneName& name);
+  bool mayHaveChanged(std::time_t now);
+
+  // The number is 0 while the name changes. Both change under systemLock, which guards what
+  // follows.
+  std::array<std::atomic<std::uint64_t>, std::tuple_size_v<ZoneName>> m_aName{};
+  std::atomic<std::uint64_t> m_nNumber{0};
+  std::atomic<std::time_t> m_nLookedAt{-1};  // at the file
+  std::uint64_t m_nNewest = 0;
+  ZoneFile m_oFile{};
+};
+
+constinit Zone zone;
+
+// False for one that is too long.
+bool readName(const char* text, ZoneName& name) {
+  const std::size_t length = strnlen(text, sizeof(name));
+  name = {};
+  std::memcpy(name.data(), text, length);
+  return length < sizeof(name);
+}
+
+// Files that do not come with the system, and rules, may change at any time.
+bool isOfSystem(const char* text) {
+  return std::strchr("/:", *text) == nullptr && std::strpbrk(text, ",.") == nullptr &&
+         std::getenv("TZDIR") == nullptr;
+}
+
+std::uint64_t Zone::number() {
+  ZoneName name = kNoName;
+  const char* const text = std::getenv("TZ");
+  if (text != nullptr && !readName(text, name))
+    return 0;
+  std::uint64_t number = 0;
+  if (!isNamed(name, number))
+    return text == nullptr || isOfSystem(text) ? rename(name) : 0;
+  if (text != nullptr)
+    return number;
   std::timespec now{};
-  if (name == nullptr)
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  const bool kept = name != nullptr ? m_bNamed && std::strcmp(name, m_aName.data()) == 0
-                                    : !m_bNamed && now.tv_sec == m_nLookedAt;
-  if (kept && m_bKnown)
-    return;
-  m_aBlocks = {};
-  m_bNamed = name != nullptr;
-  m_nLookedAt = now.tv_sec;
-  const std::size_t length = m_bNamed ? std::strlen(name) : 0;
-  m_bKnown = length < m_aName.size() && (!m_bNamed || std::strchr(name, ',') == nullptr);
-  if (m_bNamed && m_bKnown)
-    std::memcpy(m_aName.data(), name, length + 1);
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec == m_nLookedAt.load(std::memory_order_relaxed) || !mayHaveChanged(now.tv_sec)
+             ? number
+             : rename(name);
 }
 
-const Zone::Block* Zone::steadyBlock(std::int64_t seconds) {
-  if (!m_bKnown || seconds < -kFarthest || seconds > kFarthest)
-    return nullptr;
-  const std::int64_t number = seconds >> kBlockBits;
-  Block& block = m_aBlocks[static_cast<std::size_t>(number) % kBlocks];
-  if (block.number != number || block.state == Block::UNKNOWN) {
-    block.number = number;
-    block.state = Block::SEEN;  // times all over the calendar are not worth asking for more
-  } else if (block.state == Block::SEEN) {
-    block.state = probe(block);
+bool Zone::isNamed(const ZoneName& name, std::uint64_t& number) const {
+  number = m_nNumber.load(std::memory_order_acquire);
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    if (m_aName[i].load(std::memory_order_acquire) != name[i])
+      return false;
   }
-  return block.state == Block::STEADY ? &block : nullptr;
+  return number != 0 && number == m_nNumber.load(std::memory_order_relaxed);
 }
 
-Zone::Block::tState Zone::probe(Block& block) {
+std::uint64_t Zone::rename(const ZoneName& name) {
   const std::lock_guard guard(systemLock);
-  tzset();
-  const std::int64_t begin = block.number * kBlockLength;
-  if (!ask(begin - kMargin, block) || block.shift <= -kMargin || block.shift >= kMargin)
-    return Block::CHANGING;
-  const std::int64_t end = begin + kBlockLength + kMargin;
-  for (std::int64_t time = begin - kMargin + kDay; time < end + kDay; time += kDay) {
-    Block answer{};
-    if (!ask(time, answer) || answer.shift != block.shift || answer.offset != block.offset ||
-        answer.daylightSaving != block.daylightSaving || answer.name != block.name)
-      return Block::CHANGING;
-  }
-  return Block::STEADY;
+  m_nNumber.store(0, std::memory_order_relaxed);
+  for (std::size_t i = 0; i < name.size(); ++i)
+    m_aName[i].store(name[i], std::memory_order_release);
+  m_nNumber.store(++m_nNewest, std::memory_order_release);
+  return m_nNewest;
 }
 
-bool Zone::ask(std::int64_t seconds, Block& answer) {
+bool Zone::mayHaveChanged(std::time_t now) {
+  const std::lock_guard guard(systemLock);
+  struct stat status {};
+  ZoneFile file{};
+  if (stat("/etc/localtime", &status) == 0)
+    file = {status.st_dev, status.st_ino, status.st_mtime};
+  const bool changed = m_nLookedAt.load(std::memory_order_relaxed) < 0 || file != m_oFile;
+  m_oFile = file;
+  m_nLookedAt.store(now, std::memory_order_relaxed);
+  return changed;
+}
+
+// What the local time of a steady block is. Does not change once a block refers to it.
+struct Kind {
+  bool daylightSaving;
+  long offset;         // what the system calls the offset
+  std::int64_t shift;  // local minus UTC: the same, but where leap seconds count
+  std::array<char, 16> name;
+
+  bool operator==(const Kind&) const = default;
+};
+
+// Far more than the zones that one process uses have.
+constinit std::array<Kind, 128> kinds{};
+constinit std::size_t kindCount = 0;  // guarded by systemLock
+
+// What is known of each block: the number of a zone, and in the bits below it how often the system
+// was asked, that the block is not steady, or the kind of a steady one.
+constexpr int kStateBits = 8;
+constexpr std::uint64_t kStates = 0xFF;
+constexpr std::uint64_t kNotSteady = 0x7F;
+constexpr std::uint64_t kFirstKind = 0x80;
+constinit std::array<std::atomic<std::uint64_t>, kBlocks> blocks{};
+
+bool ask(std::int64_t seconds, Kind& answer) {
   const std::time_t time = seconds;
   std::tm local{};
   if (localtime_r(&time, &local) == nullptr)
@@ -182,19 +229,81 @@ bool Zone::ask(std::int64_t seconds, Block& answer) {
   return true;
 }
 
-void complete(const Zone::Block& block, std::tm& local) {
-  local.tm_isdst = block.daylightSaving ? 1 : 0;
-  local.tm_gmtoff = block.offset;
-  local.tm_zone = block.name.data();
+// The state of a kind. Requires: systemLock is held.
+std::uint64_t stateOf(const Kind& kind) {
+  std::size_t index = 0;
+  while (index < kindCount && !(kinds[index] == kind))
+    ++index;
+  if (index == kinds.size())
+    return kNotSteady;
+  if (index == kindCount)
+    kinds[kindCount++] = kind;
+  return kFirstKind + index;
+}
+
+std::uint64_t probe(std::int64_t block) {
+  const std::lock_guard guard(systemLock);
+  tzset();
+  std::int64_t time = block * kBlockLength - kMargin;
+  Kind kind{};
+  if (!ask(time, kind) || kind.shift <= -kMargin || kind.shift >= kMargin)
+    return kNotSteady;
+  for (int i = 1; i < kProbes; ++i) {
+    time += kProbeStep;
+    Kind answer{};
+    if (!ask(time, answer) || !(answer == kind))
+      return kNotSteady;
+  }
+  return stateOf(kind);
+}
+
+// The kind of the block of a time if it is steady, else null: then the system is to be asked.
+const Kind* steadyKind(std::uint64_t number, std::int64_t seconds) {
+  const std::int64_t block = seconds >> kBlockBits;
+  if (number == 0 || block < kFirstBlock || block >= kFirstBlock + kBlocks)
+    return nullptr;
+  std::atomic<std::uint64_t>& known = blocks[static_cast<std::size_t>(block - kFirstBlock)];
+  const std::uint64_t word = known.load(std::memory_order_acquire);
+  std::uint64_t state = word >> kStateBits == number ? word & kStates : 0;
+  if (state < kProbes) {
+    state = state + 1 < kProbes ? state + 1 : probe(block);
+    if (state >= kProbes && zone.number() != number)
+      return nullptr;  // the probe may be of another zone
+    known.store(number << kStateBits | state, std::memory_order_release);
+  }
+  return state >= kFirstKind ? &kinds[state - kFirstKind] : nullptr;
+}
+
+// What mktime() made last. A time that was set is asked for again, as a rule.
+struct Answer {
+  // Whether mktime(), which begins to look where it ended last, would give it once more.
+  bool answers(std::uint64_t number, const std::tm& asked) const {
+    return number != 0 && number == zone && asked.tm_sec == local.tm_sec &&
+           asked.tm_min == local.tm_min && asked.tm_hour == local.tm_hour &&
+           asked.tm_mday == local.tm_mday && asked.tm_mon == local.tm_mon &&
+           asked.tm_year == local.tm_year &&
+           (asked.tm_isdst < 0 || asked.tm_isdst == local.tm_isdst);
+  }
+
+  std::uint64_t zone;
+  std::time_t time;
+  std::tm local;
+};
+
+constinit Answer lastAnswer{};  // guarded by systemLock
+
+void complete(const Kind& kind, std::tm& local) {
+  local.tm_isdst = kind.daylightSaving ? 1 : 0;
+  local.tm_gmtoff = kind.offset;
+  local.tm_zone = kind.name.data();
 }
 
 }  // namespace
 
 bool toLocalTime(std::time_t time, std::tm& local) {
-  t_oZone.refresh();
-  if (const Zone::Block* const block = t_oZone.steadyBlock(time)) {
-    breakDown(time + block->shift, local);
-    complete(*block, local);
+  if (const Kind* const kind = steadyKind(zone.number(), time)) {
+    breakDown(time + kind->shift, local);
+    complete(*kind, local);
     return true;
   }
   const std::lock_guard guard(systemLock);
@@ -202,21 +311,27 @@ bool toLocalTime(std::time_t time, std::tm& local) {
   return localtime_r(&time, &local) != nullptr;
 }
 
+// A second beyond the minute is elapsed time for mktime(), which looks up the time without it.
 std::time_t fromLocalTime(std::tm& local) {
-  t_oZone.refresh();
+  const std::uint64_t number = zone.number();
   const std::int64_t seconds = secondsOf(local);
-  const Zone::Block* const block = t_oZone.steadyBlock(seconds);
-  if (block == nullptr || (local.tm_isdst >= 0 && (local.tm_isdst > 0) != block->daylightSaving)) {
+  const bool isWithinMinute = local.tm_sec >= 0 && local.tm_sec < 60;
+  const Kind* const kind = isWithinMinute ? steadyKind(number, seconds) : nullptr;
+  if (kind == nullptr || (local.tm_isdst >= 0 && (local.tm_isdst > 0) != kind->daylightSaving)) {
     const std::lock_guard guard(systemLock);
-    return std::mktime(&local);
+    if (!lastAnswer.answers(number, local))
+      lastAnswer = {number, std::mktime(&local), local};
+    local = lastAnswer.local;
+    return lastAnswer.time;
   }
   breakDown(seconds, local);
-  complete(*block, local);
-  return seconds - block->shift;
+  complete(*kind, local);
+  return seconds - kind->shift;
 }
 
 void toUniversalTime(std::time_t time, std::tm& utc) {
   const ZoneUse use;
+  tzset();  // some zones count leap seconds
   gmtime_r(&time, &utc);
 }
 

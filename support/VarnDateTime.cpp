@@ -199,7 +199,11 @@ auto numbersOf(const std::tm& time) {
 class Formatter {
  public:
   explicit Formatter(const std::locale& locale)
-      : m_oLocale(locale), m_oFacet(std::use_facet<std::time_put<wchar_t>>(m_oLocale)) {
+      : m_oLocale(locale),
+        m_oFacet(std::use_facet<std::time_put<wchar_t>>(m_oLocale)),
+        m_bStandard(typeid(m_oFacet) == typeid(std::time_put<wchar_t>) &&
+                    typeid(std::use_facet<std::ctype<wchar_t>>(m_oLocale)) ==
+                        typeid(std::ctype<wchar_t>)) {
     m_oStream.imbue(locale);
   }
 
@@ -207,7 +211,7 @@ class Formatter {
 
   // Only a locale that lives as long as the process, with a facet that leaves the stream as it is.
   bool mayBeKept() const {
-    return isStandard() &&
+    return m_bStandard &&
            (isFor(std::locale::classic()) || isFor(VarnLocaleFactory::m_oDefaultLocale));
   }
 
@@ -224,14 +228,11 @@ class Formatter {
   }
 
  private:
-  // Not a user's, which may do anything.
-  bool isStandard() const { return typeid(m_oFacet) == typeid(std::time_put<wchar_t>); }
-
   std::wstring formatted(const std::tm& time, const wchar_t* format) {
     const std::wstring nothing;
     m_oStream.str(nothing);  // keeps its memory
     std::optional<ZoneUse> use;
-    if (isStandard())
+    if (m_bStandard)
       use.emplace();
     m_oFacet.put(std::ostreambuf_iterator<wchar_t>(m_oStream), m_oStream, L' ', &time, format,
                  format + std::wcslen(format));
@@ -240,6 +241,7 @@ class Formatter {
 
   std::locale m_oLocale;
   const std::time_put<wchar_t>& m_oFacet;
+  const bool m_bStandard;  // no facet that is called is a user's, which may do anything
   std::wostringstream m_oStream;
   std::wstring m_sText;
   std::tm m_oTextTime{};

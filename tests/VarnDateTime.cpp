@@ -260,13 +260,13 @@ TEST(VarnDateTime, AgreesWithTheSystemEverywhere) {
       const std::int64_t range = i % 2 == 0 ? 4'000'000'000 : 70'000'000'000'000'000;
       std::time_t near =
           static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(2 * range)) - range;
-      for (int step = 0; step < 5; ++step, near += static_cast<int>(random() % 500'000)) {
+      for (int step = 0; step < 10; ++step, near += static_cast<int>(random() % 300'000)) {
         std::tm given{};
         tzset();
         if (localtime_r(&near, &given) == nullptr)
           continue;
         given.tm_isdst = step % 3 - 1;
-        given.tm_hour += step / 2;
+        given.tm_hour += step / 4;
         std::tm normal = given;
         const bool valid = std::mktime(&normal) != -1 && show(normal) == show(given) &&
                            normal.tm_year <= INT_MAX - 1900;
@@ -279,6 +279,66 @@ TEST(VarnDateTime, AgreesWithTheSystemEverywhere) {
       }
     }
   }
+}
+
+// However often they were asked before: seconds beyond a minute elapse, also across a change.
+TEST(VarnDateTime, ShiftedSecondsElapse) {
+  for (const auto& [zone, from, seconds] :
+       {std::tuple{"Europe/Istanbul", "01/02/2016 12:00:00", 40000000},
+        {"Asia/Pyongyang", "01/02/2015 12:00:00", 31536000},
+        {"right/UTC", "01/02/2008 12:00:00", 63072000}}) {
+    setZone(zone);
+    for (int asked = 0; asked < 20; ++asked) {
+      VarnDateTime date = at(from);
+      const std::time_t before = date.getTime();
+      std::string error;
+      EXPECT_TRUE(date.modifyDate(VarnDateTime::Second, seconds, error));
+      EXPECT_EQ(date.getTime() - before, seconds) << zone << ", asked " << asked;
+    }
+  }
+}
+
+TEST(VarnDateTime, ZonesOfCallersMayChangeTwiceADay) {
+  const TempFolder folder;
+  writeFile(folder / "rules",
+            "Zone Brief 1:00 - ONE 2020 Jun 10 10:00\n"
+            " 2:00 - TWO 2020 Jun 10 20:00\n"
+            " 1:00 - ONE\n");
+  const std::string compile = "/usr/sbin/zic -d " + folder.path() + " " + (folder / "rules");
+  ASSERT_EQ(0, std::system(compile.c_str()));
+  for (const std::string& zone : {folder / "Brief", ":" + (folder / "Brief")}) {
+    setZone(zone.c_str());
+    for (int asked = 0; asked < 20; ++asked)
+      at("10/06/2020 08:00:00").getTime();
+    EXPECT_EQ(at("10/06/2020 12:00:00").getTime() - at("10/06/2020 08:00:00").getTime(), 3 * 3600)
+        << zone;
+  }
+}
+
+TEST(VarnDateTime, UniversalTimeCountsTheLeapSecondsOfTheZoneOfTheMoment) {
+  setZone("UTC");
+  const VarnDateTime date = at("06/11/2020 08:49:37");
+  for (int asked = 0; asked < 20; ++asked)
+    date.getTime();
+  setZone("right/UTC");
+  tzset();  // by others
+  setZone("UTC");
+  EXPECT_EQ(date.toGMTString(), L"Fri Nov  6 08:49:37 2020");
+}
+
+TEST(VarnDateTime, FacetsOfCallersMayUseDates) {
+  struct Asking : std::ctype<wchar_t> {
+    char do_narrow(char_type c, char other) const override {
+      std::string error;
+      VarnDateTime().setDateImpl(1, 1, 300, error);
+      return std::ctype<wchar_t>::do_narrow(c, other);
+    }
+  };
+  EXPECT_EQ(0, runInBareChild([] {
+              const std::locale asking(std::locale::classic(), new Asking);
+              const VarnDateTime date = at("06/11/2020 08:49:37");
+              return date.toString(asking) == L"Fri Nov  6 08:49:37 2020" ? 0 : 1;
+            }));
 }
 
 TEST(VarnDateTime, WorksBesideAnotherThreadAndInAChildForkedMeanwhile) {

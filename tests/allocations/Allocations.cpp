@@ -1,5 +1,9 @@
-// What happens all the time takes no memory from the heap once it has happened before.
+// What happens all the time takes no memory from the heap once it has happened before, and few
+// calls of the system.
+#include <dlfcn.h>
+
 #include <cstdlib>
+#include <ctime>
 #include <new>
 
 #include "TestTools.h"
@@ -7,6 +11,7 @@
 namespace {
 
 constinit thread_local long t_nAllocations = 0;
+constinit thread_local long t_nLookUps = 0;  // of a local time
 
 }  // namespace
 
@@ -20,6 +25,14 @@ constinit thread_local long t_nAllocations = 0;
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+// Replaces the system's, for the library, too.
+extern "C" std::tm* localtime_r(const std::time_t* time, std::tm* local) noexcept {
+  using Function = std::tm* (*)(const std::time_t*, std::tm*);
+  static const auto system = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "localtime_r"));
+  ++t_nLookUps;
+  return system(time, local);
+}
 
 namespace {
 
@@ -62,6 +75,26 @@ TEST(Allocations, HotPathsMakeNone) {
   expression.setPattern("run: [a-z ]+x*[0-9]*$");
   const std::string text("20240131 [123] run: started all the jobs that were there at 1042");
   EXPECT_EQ(0, allocationsOf([&] { EXPECT_EQ(15U, expression.find(text, 0)); }));
+}
+
+TEST(LookUps, AreNoMoreThanTheTimesThatAreAskedForAndFewForTheSameTimes) {
+  setenv("TZ", "Europe/Berlin", 1);
+  Random random;
+  VarnDateTime date;
+  std::string error;
+  const long before = t_nLookUps;
+  for (int i = 1; i <= 2000; ++i) {
+    date.setDateImpl(1, static_cast<unsigned>(1 + random() % 2),
+                     static_cast<unsigned>(70 + random() % 60), error);
+    date.getTime();
+    ASSERT_GE(2 * i, t_nLookUps - before);
+  }
+  for (int i = 0; i < 50; ++i)
+    date.getTime();
+  const long afterwards = t_nLookUps;
+  for (int i = 0; i < 50; ++i)
+    date.getTime();
+  EXPECT_EQ(afterwards, t_nLookUps);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 
 #include "Cancellation.h"
 
@@ -20,7 +21,17 @@ constexpr mode_t kFileMode = 0644;  // not wider, as the mask of a daemon is 0
 
 using WideConversion = std::codecvt<wchar_t, char, std::mbstate_t>;
 
+bool isPipe(const std::string& fileName) {
+  struct stat status {};
+  return stat(fileName.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+// A pipe is waited for until it has a partner. Other files are opened at once, so that a killed
+// thread never leaves a descriptor of one behind.
 int openRetrying(const std::string& fileName, int flags, mode_t mode) {
+  std::optional<BlockingCall> cancellable;
+  if (isCancellable() && isPipe(fileName))
+    cancellable.emplace();
   int descriptor = -1;
   do
     descriptor = open(fileName.c_str(), flags | O_CLOEXEC, mode);

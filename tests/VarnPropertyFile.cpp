@@ -143,6 +143,37 @@ TEST_F(VarnPropertyFile, APipeIsReadAsItsLinesCome) {
   EXPECT_EQ(loaded.getProperties(), (Expected{{"first", {"1"}}, {"second", {"2"}}}));
 }
 
+TEST_F(VarnPropertyFile, AThreadThatWaitsForThePartnerOfAPipeCanBeKilled) {
+  struct Waiter : VarnThread {
+    Waiter(std::string file, bool load)
+        : VarnThread("waiter"), name(std::move(file)), loads(load) {}
+    ~Waiter() override { waitForThreadExit(); }
+    int run() override {
+      thread = gettid();
+      return loads ? properties.loadProperties(name, '=') : properties.saveProperties(name);
+    }
+    const std::string name;
+    const bool loads;
+    Narrow properties;
+    std::atomic<pid_t> thread{0};
+  };
+  ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+  for (const bool loads : {true, false}) {
+    EXPECT_EQ(0, runInBareChild([&] {
+                Waiter waiter(path("pipe"), loads);
+                waiter.start();
+                eventually([&] {
+                  return contentsOf("/proc/self/task/" + std::to_string(waiter.thread) + "/syscall")
+                      .starts_with(std::to_string(SYS_openat) + ' ');
+                });
+                killAndJoin(waiter);
+                waiter.properties.addProperty("key", "free");
+                return HasFailure() ? 1 : 0;
+              }))
+        << loads;
+  }
+}
+
 // At level 5 what is done with files, at exactly 9 the properties.
 TEST_F(VarnPropertyFile, WhatIsDoneIsLogged) {
   const std::string in = file("b=22\nb=3\n");

@@ -76,13 +76,14 @@ std::string VarnObjectBase::normalizeClassName(const std::string& rawName) {
     if (rawName.size() > 1 && rawName[1] == '_') {
       position = 2;
       count = readNumber(rawName, position);
+      if (count > rawName.size())
+        throw std::out_of_range(
+            "basic_string::substr: more components than the name has characters");
       ++position;
     } else if (isDigitAt(rawName, 2)) {
       count = static_cast<std::size_t>(std::max(rawName[1] - '0', 1));
       position = 2;
     }
-    if (count > rawName.size())
-      throw std::out_of_range("basic_string::substr: more components than the name has characters");
     for (std::size_t i = 1; i < count; ++i) {
       const std::size_t length = readNumber(rawName, position);
       components.push_back(rawName.substr(position, length));

@@ -64,6 +64,7 @@ TEST(VarnObjectBase, NormalizesClassNames) {
       {"Q_3_1A2Bc3Def", "A::Bc::Def"},
       {"Q5Abc", "Abc"},
       {"Q23Abc", "Abc::"},
+      {"Q73Abc", "Abc::::::::::::"},
       {"A", ""},
       {"Q", ""},
       {"Q_", "out of range"},

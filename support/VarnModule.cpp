@@ -23,14 +23,24 @@ ModuleData::~ModuleData() {
     m_pNext->m_pPrevious = m_pPrevious;
 }
 
-// Both walks read the next link before they call out: a record may leave the registry meanwhile.
+// The walks read the next link before they call out: a record may leave the registry meanwhile. A
+// walk that is refused lowers again what it has raised.
 void ModuleData::entry() {
   ModuleData* record = m_pHead;
   while (record != nullptr && record->m_pNext != nullptr)
     record = record->m_pNext;
   while (record != nullptr) {
     ModuleData* const newer = record->m_pPrevious;
-    record->raise();
+    try {
+      record->raise();
+    } catch (...) {
+      for (record = record->m_pNext; record != nullptr;) {
+        ModuleData* const older = record->m_pNext;
+        record->lower();
+        record = older;
+      }
+      throw;
+    }
     record = newer;
   }
 }

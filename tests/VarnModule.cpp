@@ -34,6 +34,23 @@ TEST(VarnModule, NestedControlsAttachOldestFirstAndDetachNewestFirst) {
   EXPECT_EQ(&b, ModuleData::m_pHead);
 }
 
+TEST(VarnModule, ARefusedControlLowersWhatItRaised) {
+  struct Refusing : ModuleData {
+    Refusing() : ModuleData(false) {}
+    void attach() override { throw std::runtime_error("no"); }
+    void detach() override { history += "never"; }
+  };
+  const Recorded held('a');
+  const ModuleDataControl control;
+  history.clear();
+  const Recorded older('b');
+  const Recorded newer('c');
+  const Refusing refusing;
+  const Recorded newest('d');
+  EXPECT_THROW(ModuleDataControl(), std::runtime_error);
+  EXPECT_EQ("bcCB", history);
+}
+
 TEST(VarnModule, AFailedAttachIsTriedAgainAndMayWalkTheRegistry) {
   struct Failing : ModuleData {
     Failing() : ModuleData(false) {}

@@ -25,7 +25,8 @@ class VSUPT_EXPORT ModuleData {
   virtual void attach() = 0;
   virtual void detach() = 0;
 
-  // Raises the count of every record, oldest first; records that were at 0 are attached.
+  // Raises the count of every record, oldest first; records that were at 0 are attached. When an
+  // attach() throws, all counts are as they were, and records that got to 0 are detached again.
   static void entry();
   // Lowers every count above 0, newest first; records that reach 0 are detached.
   static void exit();
@@ -60,7 +61,8 @@ class VSUPT_EXPORT Module : public ModuleData {
 
 extern VSUPT_EXPORT Module g_ModuleData;
 
-// Holds the state of all registered modules up for its own life; may be nested.
+// Holds the state of all registered modules up for its own life; may be nested. One that an
+// attach() refuses, by an exception, holds nothing.
 class VSUPT_EXPORT ModuleDataControl {
  public:
   ModuleDataControl();

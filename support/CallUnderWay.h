@@ -13,8 +13,8 @@
 
 namespace VarnSupport {
 
-// One call, for as long as it lasts. There is one list for each type of key in the process, as a call
-// may outlive the object that makes it.
+// One call, for as long as it lasts. There is one list for each type of key in the process, as a
+// call may outlive the object that makes it.
 template <typename Key>
 class CallUnderWay {
  public:
@@ -47,21 +47,31 @@ class CallUnderWay {
     return false;
   }
 
+  // Whether the calling thread is inside a call, whatever it is for.
+  static bool isInside() {
+    const std::lock_guard guard(m_oMutex);
+    for (const CallUnderWay* call = m_pFirst; call != nullptr; call = call->m_pNext) {
+      if (call->isOwn())
+        return true;
+    }
+    return false;
+  }
+
   // Waits until no other thread is inside a call for `key`, but while the process exits no longer
   // than that may take.
   static void await(const Key& key) {
-    if (ProcessExit::hasBegun()) {
-      const MonotonicTime end = monotonicNow() + ProcessExit::kPatience;
-      while (isUnderWay(key) && monotonicNow() < end)
+    for (unsigned seen = m_nEnded; isUnderWay(key); seen = m_nEnded) {
+      if (!ProcessExit::hasBegun())
+        m_nEnded.wait(seen);
+      else if (monotonicNow() < ProcessExit::latestEnd())
         usleep(kLookMicroseconds);
-      return;
+      else
+        return;
     }
-    for (unsigned seen = m_nEnded; isUnderWay(key); seen = m_nEnded)
-      m_nEnded.wait(seen);
   }
 
-  // What `key` names goes, and the next thing of that name is another: the calling thread's own calls
-  // are for nothing from here on.
+  // What `key` names goes, and the next thing of that name is another: the calling thread's own
+  // calls are for nothing from here on.
   static void forget(const Key& key) {
     const std::lock_guard guard(m_oMutex);
     for (CallUnderWay* call = m_pFirst; call != nullptr; call = call->m_pNext) {

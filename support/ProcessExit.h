@@ -4,10 +4,12 @@
 
 #include <chrono>
 
+#include "System.h"
+
 namespace VarnSupport {
 
-// While a process exits, the destructors of its static objects must not wait for ever: who could end
-// what they wait for may be gone.
+// While a process exits, the destructors of its static objects must not wait for ever: who could
+// end what they wait for may be gone.
 class ProcessExit {
  public:
   // How long anything may hold up the end of the process.
@@ -17,6 +19,8 @@ class ProcessExit {
   // destroyed. May be called any number of times.
   static void watch();
   static bool hasBegun();
+  // Until when all destructors together may wait. Requires: hasBegun().
+  static MonotonicTime latestEnd();
 };
 
 }  // namespace VarnSupport

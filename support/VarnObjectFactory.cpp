@@ -6,110 +6,70 @@
 #include <atomic>
 #include <mutex>
 
+#include "CallUnderWay.h"
 #include "Cancellation.h"
 #include "Fork.h"
 #include "LibraryLoad.h"
 #include "NeverDestroyed.h"
+#include "ProcessExit.h"
 
 namespace VarnSupport {
 
 namespace {
 
-// Guards the list of creations and that of unfinished registrations.
+// Guards the list of loads.
 constinit std::mutex listMutex;
 
-// A registration whose library is being loaded.
-struct Unfinished {
-  const VarnObjectFactoryRegistration* registration;
+bool isCalling(pthread_t thread) { return pthread_equal(thread, pthread_self()) != 0; }
+
+// A library that a thread is loading, or a registration that it has brought until then.
+struct Load {
   pthread_t loader;
+  const VarnObjectFactoryRegistration* registration;  // null for the load itself
 };
 
-constinit NeverDestroyed<std::vector<Unfinished>> unfinished;
-constinit thread_local int t_nLoads __attribute__((tls_model("initial-exec"))) = 0;
+constinit NeverDestroyed<std::vector<Load>> loads;
+
+// Whether the calling thread is loading a library. Requires: listMutex is held.
+bool isLoading() {
+  return std::any_of(loads.value.begin(), loads.value.end(), [](const Load& load) {
+    return load.registration == nullptr && isCalling(load.loader);
+  });
+}
 
 void noteIfLoading(const VarnObjectFactoryRegistration& registration) {
-  if (t_nLoads == 0)
-    return;
   const std::lock_guard guard(listMutex);
-  unfinished.value.push_back({&registration, pthread_self()});
+  if (isLoading())
+    loads.value.push_back({pthread_self(), &registration});
 }
 
 bool isBeingLoadedElsewhere(const VarnObjectFactoryRegistration& registration) {
   const std::lock_guard guard(listMutex);
-  return std::any_of(unfinished.value.begin(), unfinished.value.end(), [&](const auto& entry) {
-    return entry.registration == &registration && pthread_equal(entry.loader, pthread_self()) == 0;
+  return std::any_of(loads.value.begin(), loads.value.end(), [&](const Load& load) {
+    return load.registration == &registration && !isCalling(load.loader);
   });
 }
 
-// One creation under way. The list of them is process-wide, as a creation may outlive its factory.
-class Creation {
- public:
-  // Requires: the factory's lock is held, so that remove() cannot miss it.
-  Creation(const VarnObjectFactory& factory, const std::string& name)
-      : m_pFactory(&factory), m_sName(name), m_hThread(pthread_self()) {
-    const std::lock_guard guard(listMutex);
-    m_pNext = first;
-    first = this;
-    ++t_nOwn;
+// After a fork: what other threads were loading stays incomplete for ever. Requires: listMutex is
+// held.
+void forgetLostLoads() {
+  for (Load& load : loads.value) {
+    if (!isCalling(load.loader))
+      load.loader = pthread_t{};
   }
-  Creation(const Creation&) = delete;
-  Creation& operator=(const Creation&) = delete;
-  ~Creation() {
-    {
-      const std::lock_guard guard(listMutex);
-      Creation** link = &first;
-      while (*link != this)
-        link = &(*link)->m_pNext;
-      *link = m_pNext;
-      --t_nOwn;
-    }
-    ended.fetch_add(1);
-    ended.notify_all();
-  }
+}
 
-  // Waits for the creations under one name. A thread that is inside a creation itself does not:
-  // others may be waiting for that one.
-  static void await(const VarnObjectFactory& factory, const std::string& name) {
-    if (t_nOwn > 0)
-      return;
-    for (unsigned seen = ended; isUnderWay(factory, name); seen = ended)
-      ended.wait(seen);
-  }
+// Whether the beginning of exit() would come too late to be noticed by the newest registrations:
+// static ones that were there before are destroyed after a handler has run.
+constinit std::atomic<bool> unwatched{true};
 
-  // After a fork only the creations of the thread that forked go on. Requires: the list is locked.
-  static void forgetLost() {
-    Creation** link = &first;
-    while (*link != nullptr) {
-      if (pthread_equal((*link)->m_hThread, pthread_self()) != 0)
-        link = &(*link)->m_pNext;
-      else
-        *link = (*link)->m_pNext;
-    }
-  }
+void watchExit() {
+  if (unwatched.exchange(false))
+    ProcessExit::watch();
+}
 
- private:
-  static bool isUnderWay(const VarnObjectFactory& factory, const std::string& name) {
-    const std::lock_guard guard(listMutex);
-    for (const Creation* creation = first; creation != nullptr; creation = creation->m_pNext) {
-      if (creation->m_pFactory == &factory && creation->m_sName == name)
-        return true;
-    }
-    return false;
-  }
-
-  static constinit Creation* first;  // guarded by listMutex
-  static constinit std::atomic<unsigned> ended;
-  static constinit thread_local int t_nOwn;
-
-  const VarnObjectFactory* m_pFactory;
-  std::string m_sName;
-  pthread_t m_hThread;
-  Creation* m_pNext;
-};
-
-constinit Creation* Creation::first = nullptr;
-constinit std::atomic<unsigned> Creation::ended{0};
-constinit thread_local int Creation::t_nOwn = 0;
+// The calls of registrations.
+using Creation = CallUnderWay<const VarnObjectFactoryRegistration*>;
 
 // The global factory that was deleted last.
 constinit std::atomic<const VarnObjectFactory*> theDeleted = nullptr;
@@ -120,44 +80,27 @@ void noteMade(const VarnObjectFactory& factory) {
   theDeleted.compare_exchange_strong(deleted, nullptr);
 }
 
-// A global factory that the library made. The library itself never frees one, as threads may be
-// inside it to the very end.
-class OwnFactory final : public VarnObjectFactory {
- public:
-  // Requires: ownMutex is held.
-  OwnFactory() : m_pOlder(newest) { newest = this; }
-  OwnFactory(const OwnFactory&) = delete;
-  OwnFactory& operator=(const OwnFactory&) = delete;
-  ~OwnFactory() override;
-
-  static OwnFactory* find(const VarnObjectFactory* factory);
-
-  static constinit OwnFactory* newest;  // guarded by ownMutex, as is the list
-
-  OwnFactory* m_pOlder;
-};
-
-constinit OwnFactory* OwnFactory::newest = nullptr;
-
 // Guards the making of the global factory. Taken before a factory's lock.
 constinit std::mutex ownMutex;
 
-OwnFactory::~OwnFactory() {
-  const std::lock_guard guard(ownMutex);
-  OwnFactory** link = &newest;
-  while (*link != this)
-    link = &(*link)->m_pOlder;
-  *link = m_pOlder;
-}
+// A global factory that the library made. The library itself never frees one, as threads may be
+// inside it to the very end; callers may.
+class OwnFactory final : public VarnObjectFactory {
+ public:
+  // Requires: ownMutex is held.
+  OwnFactory() { newest = this; }
+  OwnFactory(const OwnFactory&) = delete;
+  OwnFactory& operator=(const OwnFactory&) = delete;
+  ~OwnFactory() override {
+    const std::lock_guard guard(ownMutex);
+    if (newest == this)
+      newest = nullptr;
+  }
 
-// Null for one that the library did not make.
-OwnFactory* OwnFactory::find(const VarnObjectFactory* factory) {
-  const std::lock_guard guard(ownMutex);
-  OwnFactory* own = newest;
-  while (own != nullptr && own != factory)
-    own = own->m_pOlder;
-  return own;
-}
+  static constinit OwnFactory* newest;  // guarded by ownMutex
+};
+
+constinit OwnFactory* OwnFactory::newest = nullptr;
 
 template <typename Value>
 Value entryOf(const std::map<std::string, Value>& table, const std::string& name) {
@@ -187,15 +130,16 @@ VarnObjectFactory* VarnObjectFactory::getGlobalInstance() {
   return factory;
 }
 
-// The library's own factory is emptied instead, which nobody can tell from its deletion.
+// The library's own factory is emptied, not deleted: threads may still be inside it, and callers
+// cannot tell the difference.
 void VarnObjectFactory::deleteGlobalInstance() {
   const CancellationGuard closed;
   VarnObjectFactory* const factory = m_pGlobalInstance;
   if (factory == nullptr || factory == theDeleted)
     return;
   theDeleted = factory;
-  if (OwnFactory* const own = OwnFactory::find(factory))
-    own->clear();
+  if (dynamic_cast<OwnFactory*>(factory) != nullptr)
+    factory->clear();
   else
     delete factory;
 }
@@ -228,17 +172,15 @@ void VarnObjectFactory::add(const std::string& name, VarnObjectFactoryRegistrati
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oLock, true);
   noteIfLoading(registration);
+  unwatched = true;
   m_mapRegistrations[name] = &registration;
 }
 
 void VarnObjectFactory::remove(const std::string& name) {
   const QuietCancellationGuard closed;
-  {
-    const VarnCriticalSection guard(m_oLock, true);
-    if (m_mapRegistrations.erase(name) == 0)
-      m_mapFunctions.erase(name);
-  }
-  Creation::await(*this, name);
+  const VarnCriticalSection guard(m_oLock, true);
+  if (m_mapRegistrations.erase(name) == 0)
+    m_mapFunctions.erase(name);
 }
 
 VarnSmartPointer<VarnObjectBase> VarnObjectFactory::construct(const std::string& name) {
@@ -247,14 +189,15 @@ VarnSmartPointer<VarnObjectBase> VarnObjectFactory::construct(const std::string&
   VarnObjectFactoryRegistration* registration = entryOf(m_mapRegistrations, name);
   if (registration != nullptr && isBeingLoadedElsewhere(*registration))
     registration = nullptr;
-  const tCreateFunction function = entryOf(m_mapFunctions, name);
-  if (registration == nullptr && function == nullptr)
-    return nullptr;
-  const Creation underWay(*this, name);
-  guard.unlock();
-  if (registration != nullptr)
+  if (registration != nullptr) {
+    const Creation underWay(registration);
+    guard.unlock();
+    watchExit();
     return registration->create();
-  return function();
+  }
+  const tCreateFunction function = entryOf(m_mapFunctions, name);
+  guard.unlock();
+  return function != nullptr ? function() : nullptr;
 }
 
 std::vector<std::string> VarnObjectFactory::getRegisteredClasses() const {
@@ -285,35 +228,47 @@ VarnObjectFactoryRegistration::~VarnObjectFactoryRegistration() { unregister(); 
 
 void VarnObjectFactoryRegistration::unregister() {
   const QuietCancellationGuard closed;
-  if (m_pFactory != nullptr)
-    m_pFactory->remove(m_sName);
+  if (m_pFactory == nullptr)
+    return;
+  m_pFactory->remove(m_sName);
   m_pFactory = nullptr;
+  // Others may be waiting for the creation that this thread is inside of.
+  if (!Creation::isInside())
+    Creation::await(this);
 }
 
-LibraryLoad::LibraryLoad() { ++t_nLoads; }
+LibraryLoad::LibraryLoad() {
+  const std::lock_guard guard(listMutex);
+  loads.value.push_back({pthread_self(), nullptr});
+}
 
 LibraryLoad::~LibraryLoad() {
-  if (--t_nLoads > 0)
-    return;
   const std::lock_guard guard(listMutex);
-  std::erase_if(unfinished.value, [](const Unfinished& entry) {
-    return pthread_equal(entry.loader, pthread_self()) != 0;
+  const auto own = std::find_if(loads.value.begin(), loads.value.end(), [](const Load& load) {
+    return load.registration == nullptr && isCalling(load.loader);
   });
+  loads.value.erase(own);
+  if (!isLoading())
+    std::erase_if(loads.value, [](const Load& load) { return isCalling(load.loader); });
 }
 
 struct VarnObjectFactory::Fork {
   static void prepare() VSUPT_UNCHECKED {
     ownMutex.lock();
-    for (OwnFactory* own = OwnFactory::newest; own != nullptr; own = own->m_pOlder)
-      own->m_oLock.lock();
+    if (OwnFactory::newest != nullptr)
+      OwnFactory::newest->m_oLock.lock();
     listMutex.lock();
+    Creation::lockList();
   }
   static void release(ForkSide side) VSUPT_UNCHECKED {
-    if (side == ForkSide::CHILD)
+    if (side == ForkSide::CHILD) {
       Creation::forgetLost();
+      forgetLostLoads();
+    }
+    Creation::unlockList();
     listMutex.unlock();
-    for (OwnFactory* own = OwnFactory::newest; own != nullptr; own = own->m_pOlder)
-      own->m_oLock.unlock();
+    if (OwnFactory::newest != nullptr)
+      OwnFactory::newest->m_oLock.unlock();
     ownMutex.unlock();
   }
 };

@@ -26,7 +26,7 @@ class Registration : public VarnObjectFactoryRegistration {
 class LongCreation {
  public:
   explicit LongCreation(VarnObjectFactory& factory)
-      : m_oRegistration("long", factory,
+      : m_oRegistration(std::in_place, "long", factory,
                         [this] {
                           if (!m_bBegun.exchange(true))
                             eventually([this] { return m_bMayEnd.load(); });
@@ -37,12 +37,13 @@ class LongCreation {
   }
   ~LongCreation() { end(); }
 
+  void destroyRegistration() { m_oRegistration.reset(); }
   void end() { m_bMayEnd = true; }
 
  private:
   std::atomic<bool> m_bBegun{false};
   std::atomic<bool> m_bMayEnd{false};
-  Registration m_oRegistration;
+  std::optional<Registration> m_oRegistration;
   std::jthread m_oThread;
 };
 
@@ -81,19 +82,33 @@ TEST(VarnObjectFactory, CopiesTakeTheFunctionsOnly) {
   EXPECT_EQ((Names{"f", "t"}), target.getRegisteredClasses());
 }
 
-TEST(VarnObjectFactory, RemoveWaitsForCreationsUnderWay) {
+TEST(VarnObjectFactory, RemoveOnlyErasesAndDestructionWaitsForCreationsUnderWay) {
   VarnObjectFactory factory;
   LongCreation creation(factory);
-  std::atomic<bool> removed{false};
-  const std::jthread remover([&] {
-    factory.remove("long");
-    removed = true;
+  factory.remove("long");  // by the thread that has to end the creation
+  EXPECT_TRUE(factory.construct("long") == nullptr);
+  std::atomic<bool> destroyed{false};
+  const std::jthread destroyer([&] {
+    creation.destroyRegistration();
+    destroyed = true;
   });
-  EXPECT_TRUE(eventually([&] { return factory.construct("long") == nullptr; }));
   sleepMs(20);
-  EXPECT_FALSE(removed);
-  factory.remove("another name");
+  EXPECT_FALSE(destroyed);
   creation.end();
+}
+
+TEST(VarnObjectFactory, ExitDoesNotWaitForACreatorThatNeverReturns) {
+  EXPECT_EQ(7, runInChild([]() -> int {
+              static VarnObjectFactory factory;
+              static std::atomic<bool> begun{false};
+              static const Registration registration("endless", factory, []() -> VarnObjectBase* {
+                for (begun = true; true;)
+                  sleepMs(1000);
+              });
+              std::thread([] { factory.construct("endless"); }).detach();
+              EXPECT_TRUE(eventually([] { return begun.load(); }));
+              return 7;
+            }));
 }
 
 TEST(VarnObjectFactory, ACreatorMayUseTheFactoryAndRemoveItself) {

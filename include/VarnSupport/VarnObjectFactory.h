@@ -43,8 +43,8 @@ class VSUPT_EXPORT VarnObjectFactory {
   // entry.
   void add(const std::string& name, tCreateFunction function);
   void add(const std::string& name, VarnObjectFactoryRegistration& registration);
-  // Removes the registration of that name or, only if there is none, the function. Then waits for
-  // creations under that name that are under way, unless the calling thread is inside a creation.
+  // Removes the registration of that name or, only if there is none, the function. Creations that
+  // are under way go on.
   void remove(const std::string& name);
   // A new object from the registration of that name, else from the function; empty when there is
   // neither, or when the creator returns null. What a creator throws passes through.
@@ -71,7 +71,10 @@ class VSUPT_EXPORT VarnObjectFactory {
 // A class of a factory, typically a static object of a plug-in. Its entry is there from its
 // construction on; other threads can use it once the VarnLibrary that brings it is there. Made in
 // any other way while other threads construct objects of that name, a derived class must be
-// complete when its base is. In its destructor it must call unregister() if they may then.
+// complete when its base is. If it may go while create() is under way on another thread, its
+// destructor must call unregister(), which waits. Nobody may hold a lock then that create() wants:
+// the caller none of its own, and where the last VarnLibrary of a plug-in may go, create() loads no
+// libraries, as the loader holds its lock.
 class VSUPT_EXPORT VarnObjectFactoryRegistration {
  public:
   // Adds itself to the factory, which must outlive it; null: to none.
@@ -79,13 +82,14 @@ class VSUPT_EXPORT VarnObjectFactoryRegistration {
       const std::string& name, VarnObjectFactory* factory = VarnObjectFactory::getGlobalInstance());
   VarnObjectFactoryRegistration(const VarnObjectFactoryRegistration&) = delete;
   VarnObjectFactoryRegistration& operator=(const VarnObjectFactoryRegistration&) = delete;
-  // Calls remove() with its name, unless unregister() has: whoever holds that name by now.
+  // Calls unregister(), unless that was called: whoever holds its name by now is removed.
   virtual ~VarnObjectFactoryRegistration();
 
   virtual VarnSmartPointer<VarnObjectBase> create() = 0;
 
  protected:
-  // Removes the entry and waits for creations that are under way, as remove() does.
+  // Calls remove() with its name, and then waits until no other thread is inside create(). Does not
+  // wait in a creator, nor for long while the process exits.
   void unregister();
 
  private:

@@ -12,18 +12,18 @@ namespace VarnSupport {
 extern constinit NeverDestroyed<VarnCriticalSectionObject> theGlobalSection;
 inline VarnCriticalSectionObject& globalSection() noexcept { return theGlobalSection.value; }
 
-// pthread_self(), kept once it was asked for.
-extern constinit thread_local pthread_t t_hCallingThread;
+// pthread_self(), without a call where the platform names a thread by its pointer.
 inline pthread_t callingThread() {
-  if (t_hCallingThread == 0)
-    t_hCallingThread = pthread_self();
-  return t_hCallingThread;
+#ifdef __x86_64__
+  return reinterpret_cast<pthread_t>(__builtin_thread_pointer());
+#else
+  return pthread_self();
+#endif
 }
 
 // Only the calling thread can make the owner equal to itself, so the test needs no lock.
 inline bool LockImplementation::isHeldByCaller() const {
-  const pthread_t owner = m_hOwner.load(std::memory_order_relaxed);
-  return owner == t_hCallingThread && owner != 0;
+  return m_hOwner.load(std::memory_order_relaxed) == callingThread();
 }
 
 // Excludes other threads from a critical section without entering it on the caller's list of held

@@ -4,14 +4,7 @@
 
 namespace VarnSupport {
 
-namespace {
-
-constinit thread_local EventTicket* t_pPresented = nullptr;
-
-}  // namespace
-
-EventTicket::EventTicket(VarnEvent& event)
-    : m_oEvent(event), m_nNumber(event.m_pState->number()) {}
+EventTicket::EventTicket(VarnEvent& event) : m_oEvent(event), m_nNumber(event.m_pState->number()) {}
 
 void EventTicket::wait() const { m_oEvent.m_pState->waitSince(m_nNumber, nullptr); }
 
@@ -23,12 +16,10 @@ void EventTicket::renew() { m_nNumber = m_oEvent.m_pState->number(); }
 
 void EventTicket::raise(VarnEvent& event) { event.m_pState->raise(); }
 
-EventTicket::Presented::Presented(EventTicket& ticket) { t_pPresented = &ticket; }
-
-EventTicket::Presented::~Presented() { t_pPresented = nullptr; }
-
 EventTicket* EventTicket::Presented::find(const VarnEvent& event) {
-  return t_pPresented != nullptr && &t_pPresented->m_oEvent == &event ? t_pPresented : nullptr;
+  const Presented* const presented = innermost();
+  return presented != nullptr && &presented->m_oTicket.m_oEvent == &event ? &presented->m_oTicket
+                                                                          : nullptr;
 }
 
 }  // namespace VarnSupport

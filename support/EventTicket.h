@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "System.h"
+#include "ThreadScope.h"
 #include "VarnSupport/VarnEvent.h"
 
 namespace VarnSupport {
@@ -32,15 +33,15 @@ class EventTicket {
 
   // While it exists, the calling thread's VarnEvent::wait(-1) waits with the ticket, and renews it,
   // so that an event may wait in its own way and misses nothing all the same.
-  class Presented {
+  class Presented : public ThreadScopeOf<Presented> {
    public:
-    explicit Presented(EventTicket& ticket);
-    Presented(const Presented&) = delete;
-    Presented& operator=(const Presented&) = delete;
-    ~Presented();
+    explicit Presented(EventTicket& ticket) : m_oTicket(ticket) {}
 
     // The calling thread's ticket for `event`; null when it presents none.
     static EventTicket* find(const VarnEvent& event);
+
+   private:
+    EventTicket& m_oTicket;
   };
 
  private:

@@ -23,7 +23,7 @@ constexpr std::array kParts{&serviceFork, &factoryFork, &threadFork, &waitFork, 
                             &controlFork, &logFork,     &zoneFork,   &relayFork};
 
 void prepare() VSUPT_UNCHECKED {
-  if (t_bChildWillExec)
+  if (ForkToExec::innermost() != nullptr)
     return;
   closeCancellationQuietly();
   SignalRelay::settle();
@@ -34,7 +34,7 @@ void prepare() VSUPT_UNCHECKED {
 }
 
 void release(ForkSide side) VSUPT_UNCHECKED {
-  if (t_bChildWillExec)
+  if (ForkToExec::innermost() != nullptr)
     return;
   if (side == ForkSide::CHILD) {
     ++g_nForks;
@@ -51,7 +51,6 @@ void release(ForkSide side) VSUPT_UNCHECKED {
 
 }  // namespace
 
-constinit thread_local bool t_bChildWillExec = false;
 constinit std::atomic<std::uint32_t> g_nForks{0};
 
 void installForkHandlers() {

@@ -12,6 +12,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "ThreadScope.h"
+
 namespace VarnSupport {
 
 enum class ForkSide { PARENT, CHILD };
@@ -33,8 +35,8 @@ extern const ForkPart logFork;
 extern const ForkPart zoneFork;
 extern const ForkPart relayFork;
 
-// Set around a fork() whose child does nothing but exec: nothing is prepared then.
-extern constinit thread_local bool t_bChildWillExec;
+// Around a fork() whose child does nothing but exec: nothing is prepared then.
+class ForkToExec : public ThreadScopeOf<ForkToExec> {};
 
 // How many forks, without an exec, led to this process since the library was loaded. It does not
 // change while a process has a second thread.

@@ -1,7 +1,6 @@
 #include "StackTimers.h"
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
@@ -24,34 +23,12 @@ struct Noted {
 constinit std::mutex mutex;
 constinit NeverDestroyed<std::vector<Noted>> noted;  // guarded by mutex
 
-// The calling thread's stack; empty for the main thread.
-struct Stack {
-  Stack() {
-    if (gettid() == getpid())
-      return;
-    pthread_attr_t attributes;
-    if (pthread_getattr_np(pthread_self(), &attributes) != 0)
-      return;
-    void* lowest = nullptr;
-    std::size_t size = 0;
-    pthread_attr_getstack(&attributes, &lowest, &size);
-    pthread_attr_destroy(&attributes);
-    begin = static_cast<const char*>(lowest);
-    end = begin + size;
-  }
-
-  bool contains(const void* object) const {
-    const std::less<const void*> before;
-    return !before(object, begin) && before(object, end);
-  }
-
-  const char* begin = nullptr;
-  const char* end = nullptr;
-};
-
+// The platform keeps what describes a thread at the upper end of its stack, but that of the main
+// thread elsewhere, below it.
 bool isOnThreadStack(const void* object) {
-  static const thread_local Stack stack;
-  return stack.contains(object);
+  const std::less<const void*> before;
+  return before(__builtin_frame_address(0), object) &&
+         before(object, reinterpret_cast<const void*>(pthread_self()));
 }
 
 }  // namespace

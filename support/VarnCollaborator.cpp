@@ -6,6 +6,7 @@
 #include "BriefGate.h"
 #include "BriefHold.h"
 #include "Cancellation.h"
+#include "ThreadScope.h"
 #include "TrackedDependent.h"
 
 namespace VarnSupport {
@@ -13,33 +14,22 @@ namespace VarnSupport {
 namespace {
 
 // A notify walk under way on this thread. A callback may destroy the collaborator that is walked.
-class Walk {
+class Walk : public ThreadScopeOf<Walk> {
  public:
-  explicit Walk(const VarnCollaborator& collaborator)
-      : m_pCollaborator(&collaborator), m_pOuter(t_pInnermost) {
-    t_pInnermost = this;
-  }
-  Walk(const Walk&) = delete;
-  Walk& operator=(const Walk&) = delete;
-  ~Walk() { t_pInnermost = m_pOuter; }
+  explicit Walk(const VarnCollaborator& collaborator) : m_pCollaborator(&collaborator) {}
 
   bool isOrphaned() const { return m_pCollaborator == nullptr; }
 
   static void orphanAll(const VarnCollaborator& collaborator) {
-    for (Walk* walk = t_pInnermost; walk != nullptr; walk = walk->m_pOuter) {
+    for (Walk* walk = innermost(); walk != nullptr; walk = walk->outer()) {
       if (walk->m_pCollaborator == &collaborator)
         walk->m_pCollaborator = nullptr;
     }
   }
 
  private:
-  static constinit thread_local Walk* t_pInnermost;
-
   const VarnCollaborator* m_pCollaborator;
-  Walk* m_pOuter;
 };
-
-constinit thread_local Walk* Walk::t_pInnermost = nullptr;
 
 // Excludes other threads from a list of dependents, which is whole in the child of a fork, too.
 class VSUPT_SCOPED_CAPABILITY ListHold {
@@ -137,10 +127,10 @@ class VarnCollaborator::Cursor {
   static constexpr std::size_t kBatch = 16;
 
   VarnCollaborator& m_oCollaborator;
-  std::size_t m_nPosition = 0;           // of the entry that is next
+  std::size_t m_nPosition = 0;                   // of the entry that is next
   std::uint64_t m_nChanges = ~std::uint64_t{0};  // of the list when it was read
-  std::size_t m_nSize = 0;               // of the list then
-  std::size_t m_nBegin = 0;              // the batch is [begin, end) of the list
+  std::size_t m_nSize = 0;                       // of the list then
+  std::size_t m_nBegin = 0;                      // the batch is [begin, end) of the list
   std::size_t m_nEnd = 0;
   std::array<VarnDependent*, kBatch> m_aBatch;
 };

@@ -30,8 +30,6 @@ constinit pthread_key_t LockThreadStorage::m_mutexListKey = 0;
 constinit bool LockThreadStorage::m_keyCreated = false;
 LockThreadStorage g_lockThreadStorage;
 
-constinit thread_local pthread_t t_hCallingThread = 0;
-
 constinit NeverDestroyed<VarnCriticalSectionObject> theGlobalSection;
 
 int LockBase::addRef() { return raiseCountAtomically(); }
@@ -256,8 +254,8 @@ void VarnCriticalSectionRecoverFn(void*) {
 }
 
 // The mutex tells, not the owner: a thread notes itself as the owner a moment after it has the
-// mutex. No other thread exists, so that the state can be made anew where it stands, for all who share
-// it.
+// mutex. No other thread exists, so that the state can be made anew where it stands, for all who
+// share it.
 bool BriefHold::renewIfLost(VarnCriticalSectionObject& object) {
   const auto* const shared = object.m_pState.load();
   if (shared == nullptr || (*shared)->isHeldByCaller())

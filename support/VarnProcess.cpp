@@ -86,14 +86,16 @@ pid_t forkProgram(BecomeProgram becomeProgram) {
   sigset_t callers;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &callers);
-  t_bChildWillExec = true;
-  const pid_t child = fork();
+  pid_t child = -1;
+  {
+    const ForkToExec toExec;
+    child = fork();
+  }
   if (child == 0) {
     forgetHandlers();
     pthread_sigmask(SIG_SETMASK, &callers, nullptr);
     becomeProgram();
   }
-  t_bChildWillExec = false;
   pthread_sigmask(SIG_SETMASK, &callers, nullptr);
   return child;
 }

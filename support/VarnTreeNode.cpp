@@ -18,6 +18,7 @@
 
 #include "Cancellation.h"
 #include "DelimiterSet.h"
+#include "ThreadScope.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLogging.h"
 #include "VarnSupport/VarnStringUtilities.h"
@@ -28,28 +29,31 @@ namespace {
 
 constinit std::atomic<std::uint64_t> keyChanges{1};
 
-// What the nodes that die on this thread leave behind, while the outermost of them clears up.
-constinit thread_local std::vector<VarnTreeNode*>* t_pOrphans = nullptr;
+// The outermost of the nodes that die on this thread clears up what all of them leave behind.
+struct ClearingUp : ThreadScopeOf<ClearingUp> {
+  explicit ClearingUp(std::vector<VarnTreeNode*>& nodes) : orphans(nodes) {}
+
+  std::vector<VarnTreeNode*>& orphans;
+};
 
 // Gives up one reference to each node. Nodes that die of it do not recurse, however deep they go.
 void releaseAll(std::vector<VarnTreeNode*> nodes) {
   if (nodes.empty())
     return;
-  if (t_pOrphans != nullptr) {
+  if (const ClearingUp* const outer = ClearingUp::innermost()) {
     try {
-      t_pOrphans->insert(t_pOrphans->end(), nodes.begin(), nodes.end());
+      outer->orphans.insert(outer->orphans.end(), nodes.begin(), nodes.end());
       return;
     } catch (const std::bad_alloc&) {
       // Without memory for the list they are released from here.
     }
   }
-  std::vector<VarnTreeNode*>* const outer = std::exchange(t_pOrphans, &nodes);
+  const ClearingUp clearing(nodes);
   while (!nodes.empty()) {
     VarnTreeNode* const node = nodes.back();
     nodes.pop_back();
     node->release();
   }
-  t_pOrphans = outer;
 }
 
 std::string_view withoutBlanks(std::string_view key) {

@@ -1,0 +1,7 @@
+#include "ThreadScope.h"
+
+namespace VarnSupport {
+
+constinit thread_local ThreadScope* ThreadScope::t_pInnermost = nullptr;
+
+}  // namespace VarnSupport

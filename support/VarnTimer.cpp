@@ -245,12 +245,12 @@ VarnTimerManager::~VarnTimerManager() { shutDown(); }
 // wait at all inside a callback, as all other passes wait for that. Empties the schedule, because
 // from here on a timer that is destroyed does not take itself out.
 void VarnTimerManager::shutDown() {
-  m_bExiting = true;
-  cancelTimer();
   {
     const VarnCriticalSection guard(m_oListLock, true);
+    m_bExiting = true;
     m_pState->schedule.clear();
   }
+  cancelTimer();
   if (t_nOwnUses == 0)
     m_pState->users.awaitOthers(0, monotonicNow() + ProcessExit::kPatience);
 }
@@ -265,6 +265,8 @@ void VarnTimerManager::add(VarnTimer& timer) {
 void VarnTimerManager::remove(VarnTimer& timer) {
   const QuietCancellationGuard closed;
   const VarnCriticalSection guard(m_oListLock, true);
+  if (m_bExiting)
+    return;
   m_pState->remove(timer);
   if (m_pState->schedule.isEmpty())
     cancelTimer();

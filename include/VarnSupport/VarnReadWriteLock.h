@@ -2,7 +2,7 @@
 //
 // Many readers or one writer; all operations are safe from any thread. Failures of the locking
 // calls are written to the log (level 1) and otherwise ignored: the caller cannot tell. A thread
-// that is cancelled keeps what it holds.
+// that is killed keeps what it holds, but not what it is waiting for.
 //
 //   operation                    | free        | read lock elsewhere | write lock elsewhere
 //   readLock(), tryReadLock()    | taken       | taken too           | waits; false

@@ -5,11 +5,21 @@
 // Waiting, killing and the queries are safe from any thread; starting and destroying belong to the
 // owner.
 //
-// A body can be cancelled at any instruction (kill()), but not inside an operation of the library,
-// where it may be cancelled only while it waits for an event or a thread. The critical sections
-// that a thread holds when it ends, however it ends, become free; read-write locks stay as they
-// are. A frame of the body itself that has destructors to run cannot be unwound at every
-// instruction: the platform ends the process then.
+// kill() makes a body unwind, with the destructors of its frames: in its own code, at the next
+// instruction at which all of them can run; at the entry of an operation of the library that takes
+// something (a lock, a reference, an entry in a list), before that is taken; and while it waits
+// inside such an operation, which then leaves nothing behind. Operations that give something back,
+// destructors above all, are always done to their end, and so are the platform's own functions. The
+// critical sections that a thread holds when it ends, however it ends, become free; read-write locks
+// stay as they are.
+//
+// What remains for bodies that are killed:
+// - What a frame holds by hand, without a destructor that gives it back, is lost.
+// - A handler for all exceptions (...) must throw again: the platform ends the process otherwise.
+// - A body that never leaves a destructor, a function that must not throw, or a callback that an
+//   operation of the library makes for it, goes on until it does.
+// - The library interrupts the thread by SIGUSR2. Where a body blocks that signal, it is killed in
+//   the next operation that takes something.
 #ifndef VARNSUPPORT_VARNTHREAD_H
 #define VARNSUPPORT_VARNTHREAD_H
 
@@ -98,7 +108,6 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
   // one second at once, else about the whole seconds), -1 and below 1 wait without limit. A thread
   // that had finished, or was never started, before the call is not noticed. An empty vector with
   // `waitAll` gives 0 at once; without, it waits for the time-out.
-  // Throws VarnException when the system refuses what a time-out needs.
   static int wait(std::vector<VarnThread*>& threads, bool waitAll, int timeoutMs);
   // The same for an array of plain VarnThread objects; a count below 1 is an empty vector.
   static int wait(int count, VarnThread* threads, bool waitAll, int timeoutMs);
@@ -116,7 +125,8 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
   // Makes the destructor cancel the thread instead of waiting for it; detaches a thread that has
   // been started.
   void setMarkForKill();
-  // Cancels the thread, if there is a handle, and gives up the handle.
+  // Asks the thread to unwind (see above), if there is a handle, and gives up the handle. Waits up to
+  // 10 ms for the end of the thread; what takes longer goes on without its object.
   void kill();
   // Frees a handle, sets it to null and notes that the thread is not running.
   void cleanup(void*& handle);

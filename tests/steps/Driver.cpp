@@ -55,7 +55,7 @@ struct Exception {
   bool (*applies)(const std::string& operation, int mode, tOrigin origin);
 };
 constexpr std::array kExceptions{
-    Exception{"a frame of the program that a killed thread cannot unwind",
+    Exception{"a frame of the program that had not yet given back what it holds by hand",
               [](const std::string&, int mode, tOrigin origin) {
                 return (mode == KILL || mode == KILL_HELD) && origin == USER;
               }},

@@ -1,10 +1,10 @@
 // Keeps all threads but one out of every brief section, at a price that the one pays alone.
 //
 // A brief section is a few instructions on the library's own data that neither wait for long nor
-// call out. A thread notes that it is inside by a plain store and looks at the gate by a plain load;
-// whoever closes the gate makes every processor pass a barrier, and waits until nobody is inside.
-// What brief sections change is therefore whole in the child of a fork, whatever other threads were
-// in the middle of.
+// call out. A thread notes that it is inside by a plain store and looks at the gate by a plain
+// load; whoever closes the gate makes every processor pass a barrier, and waits until nobody is
+// inside. What brief sections change is therefore whole in the child of a fork, whatever other
+// threads were in the middle of.
 //
 // The barrier is membarrier(2), which stands in for a fence in each section. Where the system has
 // none, the sections have the fence.
@@ -37,8 +37,8 @@ class BriefGate {
   // Called before there is a second thread, once or several times.
   static void prepare();
 
-  // Waits until the calling thread is the only one that is inside a section, or can enter one, until
-  // open(). Requires: the thread is inside none.
+  // Waits until the calling thread is the only one that is inside a section, or can enter one,
+  // until open(). Requires: the thread is inside none.
   static void close();
   static void open();
   // In the child of a fork of the thread that has closed the gate, before open().
@@ -76,8 +76,8 @@ class BriefGate {
   static constinit std::atomic<int> m_nState;
   static constinit Visitor m_oCrowd;  // for threads that get no mark, one at a time
   static constinit std::atomic<Visitor*> m_pVisitors;
-  static constinit pthread_key_t m_hKey;          // hands marks back as threads end
-  static constinit const Visitor* m_pCloser;      // fixed while the gate is closed
+  static constinit pthread_key_t m_hKey;      // hands marks back as threads end
+  static constinit const Visitor* m_pCloser;  // fixed while the gate is closed
 };
 
 }  // namespace VarnSupport

@@ -22,16 +22,16 @@ constexpr int kSoonInterruptions = 100;
 constexpr long kSoonNanoseconds = 100'000;
 constexpr long kLaterNanoseconds = 5'000'000;
 
-// From here on the thread unwinds, unless it has disabled cancellation; then it will when it enables
-// it again.
+// From here on the thread unwinds, unless it has disabled cancellation; then it will when it
+// enables it again.
 void cancelCallingThread() {
   if (&__asan_handle_no_return != nullptr)
     __asan_handle_no_return();
   pthread_cancel(pthread_self());
 }
 
-// Whether the signal handler that asks has interrupted a call at a moment at which the platform lets
-// it be cancelled. Requires: cancellation is deferred otherwise.
+// Whether the signal handler that asks has interrupted a call at a moment at which the platform
+// lets it be cancelled. Requires: cancellation is deferred otherwise.
 bool isInterruptedAtCancellationPoint() {
   int type = PTHREAD_CANCEL_DEFERRED;
   pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);

@@ -6,8 +6,8 @@
 //   - while it waits inside such an operation (BlockingCall), whose frames undo what they began;
 //   - in its own code, at the next instruction from which it can be unwound (UnwindCheck.h).
 // It never does so at another instruction of the library, nor inside an operation that gives
-// something back (QuietCancellationGuard). What an operation has handed out therefore belongs to its
-// caller, and nothing of the library is left half done.
+// something back (QuietCancellationGuard). What an operation has handed out therefore belongs to
+// its caller, and nothing of the library is left half done.
 //
 // Threads that the library does not run have no state; a guard costs them one thread-local load.
 #ifndef SUPPORT_CANCELLATION_H
@@ -25,8 +25,8 @@ namespace VarnSupport {
 // The cancellation of one library thread. All but request() is for that thread.
 class CancellationState {
  public:
-  // Something that a thread holds between two operations of the library, and gives back when it ends,
-  // however it ends.
+  // Something that a thread holds between two operations of the library, and gives back when it
+  // ends, however it ends.
   struct Held {
     void (*giveBack)(Held& held) = nullptr;
     Held* older = nullptr;

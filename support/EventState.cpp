@@ -53,9 +53,9 @@ timespec toTimespec(MonotonicTime time) {
 }  // namespace
 
 // Counts a waiting thread for a scope, which a cancellation may end.
-class VarnEvent::State::Waiter {
+class EventState::Waiter {
  public:
-  explicit Waiter(State& state) : m_oState(state) {
+  explicit Waiter(EventState& state) : m_oState(state) {
     m_oState.renewAfterFork();
     m_oState.m_nWord.fetch_add(1, std::memory_order_acquire);
   }
@@ -64,17 +64,17 @@ class VarnEvent::State::Waiter {
   ~Waiter() { m_oState.m_nWord.fetch_sub(1, std::memory_order_release); }
 
  private:
-  State& m_oState;
+  EventState& m_oState;
 };
 
-VarnEvent::State::State() : m_nOwner(g_nForks * 2) {}
+EventState::EventState() : m_nOwner(g_nForks * 2) {}
 
-VarnEvent::State::~State() {
+EventState::~EventState() {
   pthread_cond_destroy(&condition);
   pthread_mutex_destroy(&mutex);
 }
 
-void VarnEvent::State::raise() {
+void EventState::raise() {
   if ((m_nWord.load(std::memory_order_relaxed) & kHandedOut) != 0)
     broadcast();
   std::uint32_t* const number = numberIn(m_nWord);
@@ -82,14 +82,14 @@ void VarnEvent::State::raise() {
     wakeAll(number);
 }
 
-void VarnEvent::State::broadcast() {
+void EventState::broadcast() {
   renewAfterFork();
   pthread_mutex_lock(&mutex);
   pthread_cond_broadcast(&condition);
   pthread_mutex_unlock(&mutex);
 }
 
-bool VarnEvent::State::waitSince(std::uint32_t ticket, const MonotonicTime* deadline) {
+bool EventState::waitSince(std::uint32_t ticket, const MonotonicTime* deadline) {
   if (comesSoon(ticket))
     return true;
   const Waiter waiter(*this);
@@ -104,7 +104,7 @@ bool VarnEvent::State::waitSince(std::uint32_t ticket, const MonotonicTime* dead
 }
 
 // Looks at the number for a while, unless it was in vain the last times.
-bool VarnEvent::State::comesSoon(std::uint32_t ticket) {
+bool EventState::comesSoon(std::uint32_t ticket) {
   const std::uint32_t late = m_nLateWaits.load(std::memory_order_relaxed);
   m_nLateWaits.store(late + 1, std::memory_order_relaxed);
   if (late % kWaitsBetweenTrials != 0)
@@ -121,13 +121,13 @@ bool VarnEvent::State::comesSoon(std::uint32_t ticket) {
   return has;
 }
 
-bool VarnEvent::State::isWaitedFor() {
+bool EventState::isWaitedFor() {
   renewAfterFork();
   return (m_nWord.load(std::memory_order_acquire) & kWaiters) != 0 ||
          m_nLooking.load(std::memory_order_acquire) != 0;
 }
 
-void VarnEvent::State::resetCondition() {
+void EventState::resetCondition() {
   if ((m_nWord.load(std::memory_order_relaxed) & kHandedOut) != 0)
     return;
   renewAfterFork();
@@ -138,7 +138,7 @@ void VarnEvent::State::resetCondition() {
 
 // Waiters that a fork left behind would hold up the broadcasts of the child, for good. Tickets stay
 // good: the number goes on.
-void VarnEvent::State::renewAfterFork() {
+void EventState::renewAfterFork() {
   const std::uint32_t own = g_nForks * 2;
   std::uint32_t seen = m_nOwner.load(std::memory_order_acquire);
   while (seen != own) {

@@ -8,27 +8,27 @@
 #include <cstdint>
 
 #include "System.h"
-#include "VarnSupport/VarnEvent.h"
 
 namespace VarnSupport {
 
 // Threads wait for the number, by futex(2). The number, the threads that wait and whether the
 // condition was handed out are one word, so that a set() for which nobody waits is one operation;
-// and as soon as the number has moved nothing of the state is touched any more, because a waiter that
-// sees it move may destroy the event at once. (Waking those who wait at an address that is gone does
-// no harm: the system only compares the address.)
+// and as soon as the number has moved nothing of the state is touched any more, because a waiter
+// that sees it move may destroy the event at once. (Waking those who wait at an address that is
+// gone does no harm: the system only compares the address.)
 //
 // The condition and the mutex come first: getHandle() hands out their address. Who waits on them is
 // not counted, and the library itself never does.
-struct VarnEvent::State {
+class EventState {
+ public:
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 
-  State();
-  State(const State&) = delete;
-  State& operator=(const State&) = delete;
+  EventState();
+  EventState(const EventState&) = delete;
+  EventState& operator=(const EventState&) = delete;
   // Requires: nobody waits, and nobody will.
-  ~State();
+  ~EventState();
 
   std::uint32_t number() const {
     return static_cast<std::uint32_t>(m_nWord.load(std::memory_order_acquire) >> kNumberBits);
@@ -55,8 +55,8 @@ struct VarnEvent::State {
   void broadcast();
 
   std::atomic<std::uint64_t> m_nWord{0};
-  // The process that the rest belongs to, by how often it came of a fork: twice that, one more while
-  // it is being renewed.
+  // The process that the rest belongs to, by how often it came of a fork: twice that, one more
+  // while it is being renewed.
   std::atomic<std::uint32_t> m_nOwner;
   // Threads that look at the number for a while before they sleep, and waits in a row that in the
   // end had to sleep.

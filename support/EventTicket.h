@@ -4,9 +4,9 @@
 
 #include <cstdint>
 
+#include "EventState.h"
 #include "System.h"
 #include "ThreadScope.h"
-#include "VarnSupport/VarnEvent.h"
 
 namespace VarnSupport {
 
@@ -15,21 +15,18 @@ namespace VarnSupport {
 // ticket: a set() in between ends the wait.
 class EventTicket {
  public:
-  // The event must outlive the ticket.
-  explicit EventTicket(VarnEvent& event);
+  // For the event of that state, which must outlive the ticket: stateOf(event).
+  explicit EventTicket(EventState& state) : m_oState(state), m_nNumber(state.number()) {}
   // A ticket that was taken before, by its number.
-  EventTicket(VarnEvent& event, std::uint32_t number) : m_oEvent(event), m_nNumber(number) {}
+  EventTicket(EventState& state, std::uint32_t number) : m_oState(state), m_nNumber(number) {}
 
   std::uint32_t number() const { return m_nNumber; }
 
   // Waits for a set() since the ticket was taken or renewed.
-  void wait() const;
+  void wait() const { m_oState.waitSince(m_nNumber, nullptr); }
   // The same; false when `deadline` has passed before.
-  bool waitUntil(MonotonicTime deadline) const;
-  void renew();
-
-  // set() without dependents, which allocates nothing.
-  static void raise(VarnEvent& event);
+  bool waitUntil(MonotonicTime deadline) const { return m_oState.waitSince(m_nNumber, &deadline); }
+  void renew() { m_nNumber = m_oState.number(); }
 
   // While it exists, the calling thread's VarnEvent::wait(-1) waits with the ticket, and renews it,
   // so that an event may wait in its own way and misses nothing all the same.
@@ -37,15 +34,20 @@ class EventTicket {
    public:
     explicit Presented(EventTicket& ticket) : m_oTicket(ticket) {}
 
-    // The calling thread's ticket for `event`; null when it presents none.
-    static EventTicket* find(const VarnEvent& event);
+    // The calling thread's ticket for an event; null when it presents none.
+    static EventTicket* find(const EventState& state) {
+      const Presented* const presented = innermost();
+      return presented != nullptr && &presented->m_oTicket.m_oState == &state
+                 ? &presented->m_oTicket
+                 : nullptr;
+    }
 
    private:
     EventTicket& m_oTicket;
   };
 
  private:
-  VarnEvent& m_oEvent;
+  EventState& m_oState;
   std::uint32_t m_nNumber;
 };
 

@@ -339,7 +339,6 @@ ZoneUse::ZoneUse() { systemLock.lock(); }
 
 ZoneUse::~ZoneUse() { systemLock.unlock(); }
 
-constinit const ForkPart zoneFork{[] { systemLock.lock(); },
-                                  [](ForkSide) { systemLock.unlock(); }};
+constinit const ForkPart zoneFork{[] { systemLock.lock(); }, [](ForkSide) { systemLock.unlock(); }};
 
 }  // namespace VarnSupport

@@ -300,8 +300,8 @@ namespace {
 
 void prepareRelay() { relay.mutex.lock(); }
 
-// A signal that the parent has noted is the parent's. The semaphore is made anew first: what is noted
-// from then on is posted again.
+// A signal that the parent has noted is the parent's. The semaphore is made anew first: what is
+// noted from then on is posted again.
 void releaseRelay(ForkSide side) {
   if (side == ForkSide::CHILD) {
     relay.ranInParent = relay.running;

@@ -6,8 +6,8 @@ namespace VarnSupport {
 
 class VarnTimer;
 
-// In the child of a fork the stacks of all other threads are free for new ones. The main thread's is
-// not: a timer there goes on.
+// In the child of a fork the stacks of all other threads are free for new ones. The main thread's
+// is not: a timer there goes on.
 class StackTimers {
  public:
   // For the constructor and the destructor of a timer. The first may throw std::bad_alloc.

@@ -260,8 +260,8 @@ void ThreadControl::endAnnouncement() {
 bool ThreadControl::belongsToThisProcess() const { return m_nProcess == getpid(); }
 
 // The thread that forks is the only one in the child: its control belongs there, and its mutex may
-// have been held, or waited for, by another thread. The other controls are of threads that the child
-// does not have: nothing waits for these, and their mutexes are left alone.
+// have been held, or waited for, by another thread. The other controls are of threads that the
+// child does not have: nothing waits for these, and their mutexes are left alone.
 struct ThreadControl::Fork {
   static void prepare() { controlMutex.lock(); }
   static void release(ForkSide side) {

@@ -10,9 +10,10 @@ namespace VarnSupport {
 
 class VarnTimer;
 
-// Two binary heaps: what may still be taken in the present round, and what waits for the next. Whole
-// seconds order the timers, and of those due in the same second the one that was inserted last comes
-// first. An operation costs O(log n); so does the end of a round, for each timer that waits.
+// Two binary heaps: what may still be taken in the present round, and what waits for the next.
+// Whole seconds order the timers, and of those due in the same second the one that was inserted
+// last comes first. An operation costs O(log n); so does the end of a round, for each timer that
+// waits.
 //
 // Knows what time it is told, and nothing of threads, signals or forks. Not synchronized.
 class TimerSchedule {

@@ -10,7 +10,6 @@
 #include <limits>
 
 #include "SignalRelay.h"
-#include "TimerPass.h"
 
 namespace VarnSupport {
 
@@ -41,8 +40,9 @@ void VarnTimerManager::State::insert(VarnTimer& timer) {
   timer.m_bActive = true;
 }
 
+// A shut-down has emptied the schedule, and a slot may be another timer's since.
 void VarnTimerManager::State::remove(VarnTimer& timer) {
-  if (!timer.m_bActive)
+  if (!timer.m_bActive || m_bExiting)
     return;
   schedule.remove(timer.m_oDeadline.seconds);
   timer.m_bActive = false;
@@ -140,7 +140,7 @@ void VarnTimerManager::State::renew() {
   armedUntil = 0;
   armRequested = false;
   passRequested = false;
-  users.forgetOthers(TimerPass::ownUses());
+  users.forgetOthers(TimerUse::countHere());
   if (!manager.m_bBusy && !schedule.isEmpty())
     SignalRelay::expectWithin(SIGALRM, isOverdue() ? 0 : manager.m_oNextExpiry.seconds * 1000L);
 }

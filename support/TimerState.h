@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "CallUnderWay.h"
+#include "ThreadScope.h"
 #include "TimerSchedule.h"
 #include "Uses.h"
 #include "VarnSupport/VarnTimer.h"
@@ -14,6 +15,18 @@ namespace VarnSupport {
 
 // A timer's set() that a pass has called.
 using TimerCall = CallUnderWay<const VarnTimer*>;
+
+// A pass, or the thread for one, that the calling thread is inside of. Each counts as a user of the
+// manager, which cannot wait for the pass that it is shut down from.
+class TimerUse : public ThreadScopeOf<TimerUse> {
+ public:
+  static int countHere() {
+    int count = 0;
+    for (const TimerUse* use = innermost(); use != nullptr; use = use->outer())
+      ++count;
+    return count;
+  }
+};
 
 // The schedule, and the interval timer that is armed for its first deadline. All but the count of
 // users is guarded by the list lock of the manager.
@@ -26,8 +39,8 @@ struct VarnTimerManager::State {
 
   void insert(VarnTimer& timer);
   void remove(VarnTimer& timer);
-  // Takes the first timer that is due and was not taken in this round out of the schedule, or gives a
-  // periodic one its next deadline; null when there is none.
+  // Takes the first timer that is due and was not taken in this round out of the schedule, or gives
+  // a periodic one its next deadline; null when there is none.
   VarnTimer* takeDue();
   void endRound();
 

@@ -1,8 +1,8 @@
-// The unwinder walks the frames. A frame's language-specific data area (LSDA), as g++ and clang write
-// it, begins with a table of call sites; the Itanium C++ ABI's personality routine ends the process
-// for an address that the table does not list. https://itanium-cxx-abi.github.io/cxx-abi/exceptions.pdf
-// The frames of the C library are left out: the platform unwinds these itself from every place at
-// which it waits.
+// The unwinder walks the frames. A frame's language-specific data area (LSDA), as g++ and clang
+// write it, begins with a table of call sites; the Itanium C++ ABI's personality routine ends the
+// process for an address that the table does not list.
+// https://itanium-cxx-abi.github.io/cxx-abi/exceptions.pdf The frames of the C library are left
+// out: the platform unwinds these itself from every place at which it waits.
 #include "UnwindCheck.h"
 
 #include <cxxabi.h>

@@ -96,7 +96,7 @@ void VarnCollaborator::removeDependent(VarnDependent& dependent) {
 
 void VarnCollaborator::notify(const VarnNotification& notification) {
   const CancellationGuard closed;
-  deliver(notification);
+  deliver(*this, notification);
 }
 
 // The entries of the live list, by position. Reads several at a time: as long as the list has not
@@ -158,17 +158,17 @@ TrackedDependent* VarnCollaborator::Cursor::read(TrackedDependent::Call& call) {
 }
 
 // Returns false when a callback destroyed the collaborator.
-bool VarnCollaborator::deliver(const VarnNotification& notification) {
-  if (BriefHold::isUnused(m_oLock))
+bool deliver(VarnCollaborator& collaborator, const VarnNotification& notification) {
+  if (BriefHold::isUnused(collaborator.m_oLock))
     return true;
-  const Walk walk(*this);
-  Cursor cursor(*this);
+  const Walk walk(collaborator);
+  VarnCollaborator::Cursor cursor(collaborator);
   while (true) {
     TrackedDependent::Call call;
     VarnDependent* const dependent = cursor.next(call);
     if (dependent == nullptr)
       return true;
-    dependent->handleNotification(*this, notification);
+    dependent->handleNotification(collaborator, notification);
     if (walk.isOrphaned())
       return false;
   }

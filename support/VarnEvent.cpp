@@ -14,6 +14,10 @@
 
 namespace VarnSupport {
 
+struct VarnEvent::State : EventState {};
+
+EventState& stateOf(VarnEvent& event) { return *event.m_pState; }
+
 VarnEvent::VarnEvent() : m_pState(nullptr) {
   const CancellationGuard closed;
   m_pState = new State;
@@ -46,7 +50,7 @@ void VarnEvent::set() {
     const std::unique_ptr<VarnNotification, decltype(destroy)> notification(makeNotification(),
                                                                             destroy);
     if (notification != nullptr)
-      alive = m_oDependents.deliver(*notification);
+      alive = deliver(m_oDependents, *notification);
   }
   if (alive)
     m_pState->raise();
@@ -74,9 +78,9 @@ int VarnEvent::wait(int timeoutMs) {
     constexpr std::uint32_t kNanosecondsInASecond = 1'000'000'000;
     return static_cast<std::uint32_t>(timeoutMs) * 1'000'000U < kNanosecondsInASecond ? -2 : -3;
   }
-  EventTicket* const presented = EventTicket::Presented::find(*this);
+  EventTicket* const presented = EventTicket::Presented::find(*m_pState);
   if (presented == nullptr) {
-    EventTicket(*this).wait();
+    EventTicket(*m_pState).wait();
   } else {
     presented->wait();
     presented->renew();

@@ -4,15 +4,14 @@
 
 #include "Cancellation.h"
 #include "EventTicket.h"
-#include "VarnSupport/VarnLogging.h"
+#include "OwnRecords.h"
 
 namespace VarnSupport {
 
 namespace {
 
 void trace(const char* text) {
-  if (VarnLogging::admits(9))
-    VarnLogRecord(9) << "VarnEventTimerThread::~VarnEventTimerThread: " << text;
+  OwnRecords::write(OwnRecords::TRACE, "VarnEventTimerThread::~VarnEventTimerThread: ", text);
 }
 
 }  // namespace
@@ -60,7 +59,7 @@ int VarnEventTimerThread::run() {
 // look ends the wait, in whatever way the event waits.
 bool VarnEventTimerThread::awaitEvent() {
   const CancellationGuard closed;
-  EventTicket ticket(m_oTimer);
+  EventTicket ticket(stateOf(m_oTimer));
   const EventTicket::Presented presented(ticket);
   m_bWaiting = true;
   if (m_bKeepRunning)

@@ -16,9 +16,9 @@
 
 #include "Cancellation.h"
 #include "Fork.h"
+#include "OwnRecords.h"
 #include "ReferenceExpansion.h"
 #include "VarnSupport/VarnLocaleFactory.h"
-#include "VarnSupport/VarnLogging.h"
 #include "VarnSupport/VarnProgramOptions.h"
 #include "VarnSupport/VarnStringUtilities.h"
 
@@ -26,20 +26,8 @@ namespace VarnSupport {
 
 namespace {
 
-constexpr int kFailure = 1;
-constexpr int kActivity = 5;
-constexpr int kTrace = 9;
-
 constexpr mode_t kFolderMode = 0755;
 constexpr std::size_t kMessageSize = 1024;
-
-template <typename... Values>
-void log(int level, const Values&... values) {
-  if (!VarnLogging::admits(level))
-    return;
-  VarnLogRecord record(level);
-  (record << ... << values);
-}
 
 // Makes the folders of a path from the top.
 bool createChain(const std::string& path) {
@@ -52,7 +40,8 @@ bool createChain(const std::string& path) {
     if (mkdir(work.c_str(), kFolderMode) != 0) {
       const int error = errno;
       if (error != EEXIST && access(work.c_str(), F_OK) != 0) {
-        log(kTrace, "VarnCreateDirectory: couldn't create ", work.c_str(), " (", error, ")");
+        OwnRecords::write(OwnRecords::TRACE, "VarnCreateDirectory: couldn't create ", work.c_str(),
+                          " (", error, ")");
         return false;
       }
     }
@@ -158,7 +147,7 @@ std::vector<std::string> argumentsOf(const std::string& commandLine) {
 
 bool VarnCreateDirectory(const std::string& path) {
   const CancellationGuard closed;
-  log(kTrace, "VarnCreateDirectory: ", path);
+  OwnRecords::write(OwnRecords::TRACE, "VarnCreateDirectory: ", path);
   if (mkdir(path.c_str(), kFolderMode) == 0)
     return true;
   if (errno == ENOENT || errno == ENOTDIR)
@@ -169,7 +158,7 @@ bool VarnCreateDirectory(const std::string& path) {
 bool VarnRemoveDirectoryImpl(const std::string& path, bool recursive, std::string& errorText,
                              int& errorCode) {
   const CancellationGuard closed;
-  log(kTrace, "VarnRemoveDirectory: Remove directoryImpl ", path);
+  OwnRecords::write(OwnRecords::TRACE, "VarnRemoveDirectory: Remove directoryImpl ", path);
   if (rmdir(path.c_str()) == 0)
     return true;
   const int error = errno;
@@ -241,7 +230,7 @@ void VarnGetOSErrorMessage(int errorNumber, std::string& message) {
 bool VarnExecuteProgramEx(const std::string& commandLine, int stdinHandle, int stdoutHandle,
                           bool wait, int* processId, int* exitStatus) {
   const CancellationGuard closed;
-  log(kActivity, "VarnExecuteProgramEx: Execution Started.");
+  OwnRecords::write(OwnRecords::EVENT, "VarnExecuteProgramEx: Execution Started.");
   std::vector<std::string> arguments = argumentsOf(commandLine);
   std::vector<char*> pointers;
   for (std::string& argument : arguments)
@@ -254,24 +243,24 @@ bool VarnExecuteProgramEx(const std::string& commandLine, int stdinHandle, int s
       _exit(0);
     becomeProgram(pointers.data(), stdinHandle, stdoutHandle);
   });
-  log(kTrace, "VarnExecuteProgram: child process id: ", child);
+  OwnRecords::write(OwnRecords::TRACE, "VarnExecuteProgram: child process id: ", child);
   if (child < 0) {
     if (exitStatus != nullptr)
       *exitStatus = -1;
-    log(kFailure, "VarnExecuteProgram: could not fork child process.");
+    OwnRecords::write(OwnRecords::FAILURE, "VarnExecuteProgram: could not fork child process.");
     return false;
   }
   for (std::size_t i = 0; i < arguments.size(); ++i)
-    log(kTrace, "VarnExecuteProgram: argv[", i, "] = ", arguments[i]);
+    OwnRecords::write(OwnRecords::TRACE, "VarnExecuteProgram: argv[", i, "] = ", arguments[i]);
   if (failure != nullptr)
-    log(kFailure, failure);
+    OwnRecords::write(OwnRecords::FAILURE, failure);
   if (!wait) {
     if (processId != nullptr)
       *processId = child;
     return true;
   }
 
-  log(kTrace, "VarnExecuteProgram: waiting for process ", child);
+  OwnRecords::write(OwnRecords::TRACE, "VarnExecuteProgram: waiting for process ", child);
   int status = 0;
   if (!waitFor(child, status))
     status = 0;
@@ -279,15 +268,15 @@ bool VarnExecuteProgramEx(const std::string& commandLine, int stdinHandle, int s
     return true;
   *exitStatus = WIFSIGNALED(status) ? 0 : WEXITSTATUS(status);
   if (!WIFSIGNALED(status))
-    log(kTrace, "VarnExecuteProgram: child process ", child, " completed with status ",
-        *exitStatus);
+    OwnRecords::write(OwnRecords::TRACE, "VarnExecuteProgram: child process ", child,
+                      " completed with status ", *exitStatus);
   return true;
 }
 
 bool VarnExecuteProgram(const std::string& commandLine, bool wait, int* processId,
                         int* exitStatus) {
   const CancellationGuard closed;
-  log(kActivity, "VarnExecuteProgram: Execution Started.");
+  OwnRecords::write(OwnRecords::EVENT, "VarnExecuteProgram: Execution Started.");
   return VarnExecuteProgramEx(commandLine, -1, -1, wait, processId, exitStatus);
 }
 

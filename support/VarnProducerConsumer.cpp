@@ -7,15 +7,14 @@
 
 #include "Cancellation.h"
 #include "Fork.h"
-#include "VarnSupport/VarnLogging.h"
+#include "OwnRecords.h"
 
 namespace VarnSupport {
 
 namespace {
 
 void trace(const char* text) {
-  if (VarnLogging::admits(9))
-    VarnLogRecord(9) << "VarnBaseProducerConsumer::produceSentinel: " << text;
+  OwnRecords::write(OwnRecords::TRACE, "VarnBaseProducerConsumer::produceSentinel: ", text);
 }
 
 class SyncHold {
@@ -33,13 +32,11 @@ class SyncHold {
 
 }  // namespace
 
-// A thread of the library that ends while it has the mutex, as one does that is killed while it waits
-// for work, gives it back.
+// A thread of the library that ends while it has the mutex, as one does that is killed while it
+// waits for work, gives it back.
 struct VarnBaseProducerConsumer::Rendezvous : CancellationState::Held {
   Rendezvous() {
-    giveBack = [](Held& held) {
-      pthread_mutex_unlock(&static_cast<Rendezvous&>(held).mutex);
-    };
+    giveBack = [](Held& held) { pthread_mutex_unlock(&static_cast<Rendezvous&>(held).mutex); };
   }
 
   pthread_cond_t condition = PTHREAD_COND_INITIALIZER;

@@ -3,7 +3,7 @@
 #include <cerrno>
 
 #include "Cancellation.h"
-#include "VarnSupport/VarnLogging.h"
+#include "OwnRecords.h"
 
 namespace VarnSupport {
 
@@ -11,8 +11,8 @@ namespace {
 
 // The record of an operation that failed. The number says no more than whether a time passed.
 void report(const char* message, int result) {
-  if (result != 0 && VarnLogging::admits(1))
-    VarnLogRecord(1) << message << (result == ETIMEDOUT ? 2 : 3);
+  if (result != 0)
+    OwnRecords::write(OwnRecords::FAILURE, message, result == ETIMEDOUT ? 2 : 3);
 }
 
 using tOperation = int (RwLockImplementation::*)();
@@ -34,9 +34,11 @@ int acquire(RwLockImplementation& lock, tOperation tryNow, tOperation wait) {
 template class VarnSmartPointer<RwLockImplementation>;
 
 RwLockImplementation::RwLockImplementation() {
-  if (pthread_rwlock_init(&m_oLock, nullptr) != 0 && VarnLogging::admits(1))
-    VarnLogRecord(1)
-        << "VarnReadWriteLock::RwLockImplementation: Initialization of readwrite Lock failed";
+  if (pthread_rwlock_init(&m_oLock, nullptr) != 0) {
+    OwnRecords::write(
+        OwnRecords::FAILURE,
+        "VarnReadWriteLock::RwLockImplementation: Initialization of readwrite Lock failed");
+  }
 }
 
 RwLockImplementation::~RwLockImplementation() { pthread_rwlock_destroy(&m_oLock); }
@@ -89,8 +91,9 @@ void VarnReadWriteLock::readLock() {
 
 void VarnReadWriteLock::writeLock() {
   const CancellationGuard closed;
-  report("VarnReadWriteLock::writeLock: Acquiring Writelock exited with the following error",
-         acquire(**m_pState, &RwLockImplementation::tryWriteLock, &RwLockImplementation::writeLock));
+  report(
+      "VarnReadWriteLock::writeLock: Acquiring Writelock exited with the following error",
+      acquire(**m_pState, &RwLockImplementation::tryWriteLock, &RwLockImplementation::writeLock));
 }
 
 bool VarnReadWriteLock::tryReadLock() {

@@ -17,9 +17,9 @@
 #include "Cancellation.h"
 #include "EventTicket.h"
 #include "Fork.h"
+#include "OwnRecords.h"
 #include "SignalRelay.h"
 #include "System.h"
-#include "VarnSupport/VarnLogging.h"
 
 namespace VarnSupport {
 
@@ -42,13 +42,10 @@ constinit std::atomic<pid_t> signalledProcess{0};
 // Calls of stop() by ControlHandler() that are under way.
 using Stopping = CallUnderWay<int>;
 
-void trace(const char* text) {
-  if (VarnLogging::admits(9))
-    VarnLogRecord(9) << text;
-}
+void trace(const char* text) { OwnRecords::write(OwnRecords::TRACE, text); }
 
-// Stopping a service tells the dependents of its event, which may take their time, and writes records:
-// neither is for the relay.
+// Stopping a service tells the dependents of its event, which may take their time, and writes
+// records: neither is for the relay.
 void handOver(int signal) {
   if (signal != SIGINT && signal != SIGTERM)
     return;
@@ -263,7 +260,7 @@ void VarnService::awaitStop() {
     usleep(kBeforeAnotherTryMicroseconds);
     SignalRelay::runPending();
   }
-  const EventTicket ticket(m_oStopEvent);
+  const EventTicket ticket(stateOf(m_oStopEvent));
   if (m_nState != STOP_REQUESTED)
     ticket.wait();
 }

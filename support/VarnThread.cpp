@@ -49,9 +49,8 @@ void leaveToReaper() {
 void reapExitThreads(int) {
   bool isDone = false;
   if (g_exitThreadLock.testAndSet()) {
-    std::erase_if(g_vExitThreads, [](pthread_t thread) {
-      return pthread_tryjoin_np(thread, nullptr) != EBUSY;
-    });
+    std::erase_if(g_vExitThreads,
+                  [](pthread_t thread) { return pthread_tryjoin_np(thread, nullptr) != EBUSY; });
     isDone = g_vExitThreads.empty();
     g_exitThreadLock.unlock();
   }
@@ -110,9 +109,8 @@ bool VarnThread::launch() {
   ThreadControl::part(*this);
   // All is in place before the thread may run, as it may end, or even delete the object, at once.
   auto handle = std::make_unique<pthread_t>();
-  ThreadControl& control =
-      ThreadControl::make(*this, m_sName == defaultName() ? std::string() : m_sName,
-                          {m_pRunnable, m_pWorkInformation});
+  ThreadControl& control = ThreadControl::make(
+      *this, m_sName == defaultName() ? std::string() : m_sName, {m_pRunnable, m_pWorkInformation});
   pthread_t& identifier = *handle;
   m_nExitCode = -1;
   m_pHandle = handle.release();
@@ -258,8 +256,7 @@ void* VarnThreadFn(void* argument) {
     return thread;
   }
   // A thread that is detached, or being joined, may be gone before the reaper would look for it.
-  const bool toReap =
-      thread->m_pHandle != nullptr && control != nullptr && control->claimJoin();
+  const bool toReap = thread->m_pHandle != nullptr && control != nullptr && control->claimJoin();
   delete thread;
   if (toReap)
     leaveToReaper();

@@ -15,12 +15,11 @@
 
 #include "BriefHold.h"
 #include "Cancellation.h"
-#include "EventTicket.h"
+#include "EventState.h"
 #include "Fork.h"
 #include "ProcessExit.h"
 #include "SignalRelay.h"
 #include "StackTimers.h"
-#include "TimerPass.h"
 #include "TimerState.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnModule.h"
@@ -34,75 +33,7 @@ constinit VarnTimerManager* theManager = nullptr;
 // The manager whose list lock a fork under way has taken.
 constinit VarnTimerManager* lockedForFork = nullptr;
 
-constinit thread_local int t_nOwnUses = 0;
-
 }  // namespace
-
-int TimerPass::ownUses() { return t_nOwnUses; }
-
-// One expiry pass, from its beginning to the arming of the next, however it ends.
-class VarnTimerManager::Pass {
- public:
-  explicit Pass(VarnTimerManager& manager) : m_oManager(manager) {
-    const VarnCriticalSection guard(m_oManager.m_oListLock, true);
-    m_bBegun = !m_oManager.m_bBusy;
-    m_oManager.m_bBusy = true;
-    m_oManager.m_pState->passRequested = false;
-    ++t_nOwnUses;
-    m_oManager.m_pState->users.begin();
-  }
-  Pass(const Pass&) = delete;
-  Pass& operator=(const Pass&) = delete;
-  ~Pass() {
-    {
-      const VarnCriticalSection guard(m_oManager.m_oListLock, true);
-      if (m_bBegun) {
-        m_oManager.m_pState->endRound();
-        m_oManager.m_bBusy = false;
-        m_oManager.m_pState->arm(false);
-      }
-    }
-    --t_nOwnUses;
-    m_oManager.m_pState->users.end();
-  }
-
-  // False when another pass was under way.
-  bool hasBegun() const { return m_bBegun; }
-
-  // Sets all timers that are due; true when more have become due meanwhile.
-  bool runRound() {
-    while (setNextDue()) {
-    }
-    const VarnCriticalSection guard(m_oManager.m_oListLock, true);
-    State& state = *m_oManager.m_pState;
-    state.endRound();
-    return !state.schedule.isEmpty() && state.isOverdue();
-  }
-
- private:
-  // False when no timer is due.
-  bool setNextDue() {
-    std::optional<TimerCall> call;
-    VarnTimer* timer = nullptr;
-    {
-      const VarnCriticalSection guard(m_oManager.m_oListLock, true);
-      timer = m_oManager.m_pState->takeDue();
-      if (timer == nullptr)
-        return false;
-      call.emplace(timer);
-    }
-    // From here on the timer may be gone as soon as set() has returned.
-    try {
-      timer->set();
-    } catch (...) {
-      passOnCancellation();
-    }
-    return true;
-  }
-
-  VarnTimerManager& m_oManager;
-  bool m_bBegun;
-};
 
 void VarnTimer::TimeInterval::set(long wholeSeconds, long thousandths) {
   seconds = static_cast<std::int32_t>(static_cast<unsigned long>(wholeSeconds) +
@@ -251,7 +182,7 @@ void VarnTimerManager::shutDown() {
     m_pState->schedule.clear();
   }
   cancelTimer();
-  if (t_nOwnUses == 0)
+  if (TimerUse::countHere() == 0)
     m_pState->users.awaitOthers(0, monotonicNow() + ProcessExit::kPatience);
 }
 
@@ -265,8 +196,6 @@ void VarnTimerManager::add(VarnTimer& timer) {
 void VarnTimerManager::remove(VarnTimer& timer) {
   const QuietCancellationGuard closed;
   const VarnCriticalSection guard(m_oListLock, true);
-  if (m_bExiting)
-    return;
   m_pState->remove(timer);
   if (m_pState->schedule.isEmpty())
     cancelTimer();
@@ -289,15 +218,6 @@ void VarnTimerManager::reset(bool inSignal) {
   m_pState->arm(inSignal);
 }
 
-// Callbacks that take longer than a period leave more to do: another round, not another level.
-void VarnTimerManager::elapsed() {
-  const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oPassLock, true);
-  Pass pass(*this);
-  while (pass.hasBegun() && pass.runRound() && !m_bExiting) {
-  }
-}
-
 void VarnTimerManager::timeout() {
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oListLock, true);
@@ -310,51 +230,9 @@ void VarnTimerManager::cancelTimer() {
   m_bCancel = true;
   {
     const VarnCriticalSection guard(m_oListLock, true);
-    EventTicket::raise(m_oEvent);
+    stateOf(m_oEvent).raise();
   }
   m_bCancel = false;
-}
-
-VarnTimerThread::VarnTimerThread(VarnTimerManager& manager) : m_oManager(manager) {
-  m_oManager.m_pState->users.begin();
-}
-
-VarnTimerThread::~VarnTimerThread() { m_oManager.m_pState->users.end(); }
-
-int VarnTimerThread::run() {
-  const CancellationGuard closed;
-  ++t_nOwnUses;  // for the rest of this thread
-  pthread_setname_np(pthread_self(), "vsupt-timer");
-  SignalRelay::adoptCallersMask();
-  if (VarnTimerManager::m_bExiting)
-    return 0;
-  if (m_oManager.m_bCancel) {
-    m_oManager.declinePass();
-    return 0;
-  }
-  m_oManager.elapsed();
-  return 0;
-}
-
-bool VarnTimerThread::launchFor(VarnTimerManager& manager) {
-  try {
-    auto thread = std::make_unique<VarnTimerThread>(manager);
-    thread->setMarkForDeath();
-    if (!thread->launch())
-      return false;
-    static_cast<void>(thread.release());  // it may be gone already
-    return true;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-}
-
-// What a pass that was skipped would have done at its end.
-void VarnTimerManager::declinePass() {
-  const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oListLock, true);
-  m_pState->passRequested = false;
-  m_pState->arm(false);
 }
 
 struct VarnTimerManager::Fork {

@@ -1,13 +1,9 @@
-// The waiter sleeps on the event that is its time-out's timer. A dependent on its stack is told by
-// each thread that ends, counts and raises the event. Before the waiter goes, the dependent leaves the
-// threads that have not told their end, and waits for those that are just telling it.
-//
-// The timer may be late, and inside a callback of a timer it does not come at all. The wait has a
-// deadline of its own for that.
+// A dependent on the waiter's stack is told by each thread that ends, counts and raises the event
+// that the waiter sleeps on. Before the waiter goes, the dependent leaves the threads that have not
+// told their end, and waits for those that are just telling it.
 #include "WaitForSeveral.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <new>
@@ -16,53 +12,28 @@
 #include "Cancellation.h"
 #include "EventTicket.h"
 #include "Fork.h"
+#include "OwnRecords.h"
 #include "ThreadControl.h"
-#include "TimerPass.h"
 #include "TrackedDependent.h"
 #include "VarnSupport/VarnException.h"
-#include "VarnSupport/VarnLogging.h"
-#include "VarnSupport/VarnTimer.h"
 
 namespace VarnSupport {
 
 namespace {
 
-// How much later than the whole seconds of its time-out a timer may be, before it counts as held up.
-constexpr std::chrono::seconds kPatienceWithTimer{2};
-
-// When a wait with a time-out ends, whatever the timers do.
+// When a wait with a time-out ends. Time-outs count in whole seconds, as those of timers do:
+// callers rely on it.
 std::optional<MonotonicTime> deadlineOf(int timeoutMs) {
   if (timeoutMs < 1)
     return std::nullopt;
-  const std::chrono::seconds whole(timeoutMs / 1000);
-  return monotonicNow() + whole +
-         (TimerPass::ownUses() > 0 ? std::chrono::seconds(0) : kPatienceWithTimer);
+  return monotonicNow() + std::chrono::seconds(timeoutMs / 1000);
 }
-
-// The time-out of a wait, and the event that the wait sleeps on.
-class ThreadWaitTimer : public VarnTimer {
- public:
-  ThreadWaitTimer(std::atomic<bool>& timedOut, bool traced)
-      : m_pTimedOut(&timedOut), m_bTraced(traced) {}
-  ~ThreadWaitTimer() override { stopAndWait(); }
-
-  void set() override {
-    m_pTimedOut->store(true);
-    EventTicket::raise(*this);
-    if (m_bTraced && VarnLogging::admits(9))
-      VarnLogRecord(9) << "ThreadWaitTimer::set: timer expired";
-  }
-
- private:
-  std::atomic<bool>* m_pTimedOut;
-  bool m_bTraced;
-};
 
 // An ending thread cannot throw: without memory the record is left out.
 void traceDeparture(const VarnThread& thread) {
   try {
-    VarnLogRecord(9) << "ThreadWaitDependent::handleNotification: thread " << thread.getName()
-                     << " departed";
+    OwnRecords::write(OwnRecords::TRACE, "ThreadWaitDependent::handleNotification: thread ",
+                      thread.getName(), " departed");
   } catch (const std::bad_alloc&) {
   }
 }
@@ -78,8 +49,9 @@ class ThreadWaitDependent : public TrackedDependent {
     m_oLock.init();
     enlist();
   }
-  // However the wait ends. Only threads that have not told their end are touched: the others may have
-  // deleted themselves. A thread that is about to tell it waits for the lock, in handleNotification().
+  // However the wait ends. Only threads that have not told their end are touched: the others may
+  // have deleted themselves. A thread that is about to tell it waits for the lock, in
+  // handleNotification().
   ~ThreadWaitDependent() override {
     strikeOff();
     {
@@ -95,16 +67,16 @@ class ThreadWaitDependent : public TrackedDependent {
     const auto told = std::find(m_vUntold.begin(), m_vUntold.end(), m_pLast);
     if (told != m_vUntold.end())
       *told = nullptr;
-    const bool traced = m_bTraced && VarnLogging::admits(9);
+    const bool traced = m_bTraced && OwnRecords::areWanted(OwnRecords::TRACE);
     if (traced)
       traceDeparture(*m_pLast);
     if (*m_pRemaining > 0)
       --*m_pRemaining;
-    EventTicket::raise(m_oEvent);
+    stateOf(m_oEvent).raise();
     if (traced) {
-      VarnLogRecord(9)
-          << "ThreadWaitTimer::setJustEvent: delay has not expired, just setting event";
-      VarnLogRecord(9) << "ThreadWaitDependent::handleNotification: returning";
+      OwnRecords::write(OwnRecords::TRACE,
+                        "ThreadWaitTimer::setJustEvent: delay has not expired, just setting event");
+      OwnRecords::write(OwnRecords::TRACE, "ThreadWaitDependent::handleNotification: returning");
     }
   }
 
@@ -135,13 +107,11 @@ int WaitForSeveral::run(std::vector<VarnThread*>& threads, bool waitAll, int tim
                         tThreads known) {
   const CancellationGuard closed;
   int remaining = waitAll ? static_cast<int>(threads.size()) : 1;
-  std::atomic<bool> timedOut{false};
   // This thread waits for those that trace, so it must not have the record that they would wait
   // for.
-  const bool traced = !VarnLogging::isRecordOpenOnThisThread();
-  const std::optional<MonotonicTime> deadline = deadlineOf(timeoutMs);
-  ThreadWaitTimer timer(timedOut, traced);
-  ThreadWaitDependent dependent(threads, timer, remaining, traced);
+  const bool traced = !OwnRecords::isOneOpenHere();
+  VarnEvent event;
+  ThreadWaitDependent dependent(threads, event, remaining, traced);
 
   // A thread that runs now is not lost: it finds the dependent, or is seen past its body here.
   std::vector<bool> running;
@@ -149,18 +119,15 @@ int WaitForSeveral::run(std::vector<VarnThread*>& threads, bool waitAll, int tim
     running.push_back(known == RUNNING || thread->m_bRunning);
   for (std::size_t i = 0; i < threads.size(); ++i)
     watchEnd(*threads[i], dependent, running[i]);
-  if (timeoutMs != -1)
-    timer.start(timeoutMs, false);
+  const std::optional<MonotonicTime> deadline = deadlineOf(timeoutMs);
   for (std::size_t i = 0; known == TO_START && i < threads.size(); ++i) {
     if (!threads[i]->launch())
       throw VarnException(L"VarnThread::wait: a thread could not be started", 0);
   }
 
   int result = -4;
-  for (bool waited = false;; waited = true) {
-    const EventTicket ticket(timer);
-    if (waited && timedOut)
-      return -2;
+  while (true) {
+    const EventTicket ticket(stateOf(event));
     VarnThread* last = nullptr;
     const int awaited = dependent.look(last);
     const auto found = std::find(threads.begin(), threads.end(), last);
@@ -168,16 +135,18 @@ int WaitForSeveral::run(std::vector<VarnThread*>& threads, bool waitAll, int tim
       result = static_cast<int>(found - threads.begin());
     if (awaited < 1)
       return waitAll ? 0 : result;
-    if (!deadline)
+    if (!deadline) {
       ticket.wait();
-    else if (!ticket.waitUntil(*deadline))
+    } else if (!ticket.waitUntil(*deadline)) {
+      if (traced)
+        OwnRecords::write(OwnRecords::TRACE, "ThreadWaitTimer::set: timer expired");
       return -2;
+    }
   }
 }
 
 // Adds the dependent, or tells it at once when the body of a thread that was running has returned.
-void WaitForSeveral::watchEnd(VarnThread& thread, ThreadWaitDependent& dependent,
-                              bool wasRunning) {
+void WaitForSeveral::watchEnd(VarnThread& thread, ThreadWaitDependent& dependent, bool wasRunning) {
   const ThreadControl::Visit control(thread);
   if (!wasRunning || !control)
     dependent.addTo(thread);
@@ -210,7 +179,7 @@ VarnEventWaitThread::VarnEventWaitThread(VarnEvent& event, int timeoutMs)
     : VarnThread("EventWaitThread"),
       m_pEvent(&event),
       m_nTimeoutMs(timeoutMs),
-      m_nTicket(EventTicket(event).number()) {}
+      m_nTicket(EventTicket(stateOf(event)).number()) {}
 
 // The event may wait in a way of its own, which knows no end but its own.
 VarnEventWaitThread::~VarnEventWaitThread() {
@@ -223,7 +192,7 @@ VarnEventWaitThread::~VarnEventWaitThread() {
 
 int VarnEventWaitThread::run() {
   m_bStarted.store(true);
-  EventTicket ticket(*m_pEvent, static_cast<std::uint32_t>(m_nTicket));
+  EventTicket ticket(stateOf(*m_pEvent), static_cast<std::uint32_t>(m_nTicket));
   const EventTicket::Presented presented(ticket);
   if (!m_bAbandoned)
     m_pEvent->wait(m_nTimeoutMs);

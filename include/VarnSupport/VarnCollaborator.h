@@ -85,12 +85,12 @@ class VSUPT_EXPORT VarnCollaborator {
   virtual void notify(const VarnNotification& notification);
 
  private:
-  friend class VarnEvent;
+  // Of the library itself: notify(), which tells whether the collaborator lives.
+  friend bool deliver(VarnCollaborator& collaborator, const VarnNotification& notification);
   friend class TrackedDependent;
   class Cursor;
 
   void addEntry(VarnDependent* entry);
-  bool deliver(const VarnNotification& notification);
 
   VarnCriticalSectionObject m_oLock;
   std::vector<VarnDependent*> m_vDependents VSUPT_GUARDED_BY(m_oLock);

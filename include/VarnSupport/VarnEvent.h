@@ -12,6 +12,8 @@
 
 namespace VarnSupport {
 
+class EventState;
+
 class VSUPT_EXPORT VarnEvent {
  public:
   VarnEvent();
@@ -52,7 +54,7 @@ class VSUPT_EXPORT VarnEvent {
   static int wait(int count, VarnEvent* events, bool waitAll, int timeoutMs);
 
  private:
-  friend class EventTicket;
+  friend EventState& stateOf(VarnEvent& event);  // of the library itself
   struct State;
 
   VarnNotification* makeNotification();

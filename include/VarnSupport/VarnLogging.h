@@ -127,7 +127,7 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
  private:
   friend class VarnLogRecord;
   friend class VarnLoggingEventTimerThread;
-  friend class WaitForSeveral;
+  friend class OwnRecords;
 
   template <typename T>
   VarnLogging& stream(const T& value) {

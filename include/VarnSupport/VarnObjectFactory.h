@@ -57,7 +57,6 @@ class VSUPT_EXPORT VarnObjectFactory {
   struct Fork;  // of the library itself
 
  private:
-
   using Functions = std::map<std::string, tCreateFunction>;
   using Registrations = std::map<std::string, VarnObjectFactoryRegistration*>;
 

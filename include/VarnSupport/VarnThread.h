@@ -10,8 +10,8 @@
 // something (a lock, a reference, an entry in a list), before that is taken; and while it waits
 // inside such an operation, which then leaves nothing behind. Operations that give something back,
 // destructors above all, are always done to their end, and so are the platform's own functions. The
-// critical sections that a thread holds when it ends, however it ends, become free; read-write locks
-// stay as they are.
+// critical sections that a thread holds when it ends, however it ends, become free; read-write
+// locks stay as they are.
 //
 // What remains for bodies that are killed:
 // - What a frame holds by hand, without a destructor that gives it back, is lost.
@@ -125,8 +125,8 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
   // Makes the destructor cancel the thread instead of waiting for it; detaches a thread that has
   // been started.
   void setMarkForKill();
-  // Asks the thread to unwind (see above), if there is a handle, and gives up the handle. Waits up to
-  // 10 ms for the end of the thread; what takes longer goes on without its object.
+  // Asks the thread to unwind (see above), if there is a handle, and gives up the handle. Waits up
+  // to 10 ms for the end of the thread; what takes longer goes on without its object.
   void kill();
   // Frees a handle, sets it to null and notes that the thread is not running.
   void cleanup(void*& handle);

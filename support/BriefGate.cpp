@@ -48,6 +48,8 @@ void BriefGate::prepare() {
   });
 }
 
+void BriefGate::synchronize() { membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED); }
+
 [[gnu::cold]] BriefGate::Visitor* BriefGate::newVisitor() {
   Visitor* visitor = m_pVisitors.load(std::memory_order_acquire);
   while (visitor != nullptr && visitor->isTaken.exchange(true, std::memory_order_acq_rel))
@@ -112,8 +114,10 @@ void BriefGate::open() {
 void BriefGate::forgetOthers() {
   chooseBarrier();
   for (Visitor* visitor = m_pVisitors; visitor != nullptr; visitor = visitor->next) {
-    if (visitor != m_pCloser)
-      visitor->isTaken = false;
+    if (visitor == m_pCloser)
+      continue;
+    visitor->depth = 0;  // its thread may have been on its way in
+    visitor->isTaken = false;
   }
   if (m_pCloser != &m_oCrowd)
     std::construct_at(&crowding);

@@ -37,6 +37,10 @@ class BriefGate {
   // Called before there is a second thread, once or several times.
   static void prepare();
 
+  // What other threads have stored before they next load is seen here from then on, and what was
+  // stored here before is seen by those loads. For rare cases, in which the others pay nothing.
+  static void synchronize();
+
   // Waits until the calling thread is the only one that is inside a section, or can enter one,
   // until open(). Requires: the thread is inside none.
   static void close();

@@ -1,10 +1,13 @@
 #include "Cancellation.h"
 
+#include <cxxabi.h>
+#include <execinfo.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <exception>
+#include <utility>
 
 #include "UnwindCheck.h"
 
@@ -19,16 +22,22 @@ namespace {
 // A thread that could not be unwound where it was interrupted may be a moment later; later still it
 // is likely to be in for a longer time.
 constexpr int kSoonInterruptions = 100;
+// A body that uses the library does so before: that is the better place. It takes 110 ms.
+constexpr int kPatientInterruptions = 120;
 constexpr long kSoonNanoseconds = 100'000;
 constexpr long kLaterNanoseconds = 5'000'000;
 
-// From here on the thread unwinds, unless it has disabled cancellation; then it will when it
-// enables it again.
-void cancelCallingThread() {
-  if (&__asan_handle_no_return != nullptr)
-    __asan_handle_no_return();
-  pthread_cancel(pthread_self());
+// The platform loads what it unwinds with at its first use, which must not be in a signal handler.
+void loadUnwinder() {
+  static constinit std::atomic<bool> isLoaded{false};
+  void* frame = nullptr;
+  if (!isLoaded.exchange(true))
+    static_cast<void>(backtrace(&frame, 1));
 }
+
+// The exceptions that the calling thread is in handlers of: the first field of what the C++ binary
+// interface keeps for a thread.
+void*& caughtExceptions() { return *reinterpret_cast<void**>(abi::__cxa_get_globals()); }
 
 // Whether the signal handler that asks has interrupted a call at a moment at which the platform
 // lets it be cancelled. Requires: cancellation is deferred otherwise.
@@ -52,9 +61,28 @@ CancellationState::~CancellationState() {
   if (!canUnwindNow())
     return;
   addToDepth(1);  // so that destructors on the way do not look for a request again
-  cancelCallingThread();
-  pthread_testcancel();  // for a body that has made cancellation deferred
+  unwind();
   addToDepth(-1);
+}
+
+// Returns only when the thread has disabled cancellation: then it unwinds when it enables it again.
+// Handlers inside handlers must not meet the unwinding, or the C++ run-time ends the process; so
+// the exceptions that are being handled are set aside.
+void CancellationState::unwind() {
+  if (&__asan_handle_no_return != nullptr)
+    __asan_handle_no_return();
+  m_pCaught = std::exchange(caughtExceptions(), nullptr);
+  pthread_cancel(pthread_self());
+  pthread_testcancel();  // for a body that has made cancellation deferred
+  caughtExceptions() = std::exchange(m_pCaught, nullptr);
+}
+
+void CancellationState::releaseCaughtExceptions() {
+  if (m_pCaught == nullptr)
+    return;
+  caughtExceptions() = std::exchange(m_pCaught, nullptr);
+  while (caughtExceptions() != nullptr)
+    abi::__cxa_end_catch();
 }
 
 // Two unwindings cannot be on their way at once.
@@ -108,6 +136,7 @@ void CancellationState::giveBackAll() {
 }
 
 void CancellationState::request() {
+  loadUnwinder();
   if (m_bRequested.exchange(true) || m_nThread == 0)
     return;
   sigevent event{};
@@ -127,12 +156,13 @@ bool CancellationState::handleSignal() {
     return false;
   if (!m_bInBody)
     return true;
-  const bool isFree = m_nDepth == 0 && UnwindCheck::isPossibleWhereInterrupted();
+  const bool isFree = m_nDepth == 0 && UnwindCheck::isPossibleWhereInterrupted(
+                                           m_nInterruptions < kPatientInterruptions);
   const bool isWaiting = m_bBlocking && isInterruptedAtCancellationPoint() &&
                          UnwindCheck::isPossibleAroundCancellationPoint();
   if ((isFree || isWaiting) && std::uncaught_exceptions() == 0) {
     addToDepth(1);
-    cancelCallingThread();
+    unwind();
     addToDepth(-1);
   }
   interruptAfter(++m_nInterruptions < kSoonInterruptions ? kSoonNanoseconds : kLaterNanoseconds);

@@ -74,6 +74,8 @@ class CancellationState {
   }
   void forget(Held& held);
   void giveBackAll();
+  // For the end of the thread: the exceptions in whose handlers it was when it began to unwind.
+  void releaseCaughtExceptions();
 
   // Requests the cancellation; the thread acts on it in its body.
   void request();
@@ -98,6 +100,7 @@ class CancellationState {
     return depth;
   }
   bool canUnwindNow() const;
+  void unwind();
   void interruptAfter(long nanoseconds);
 
   // Operations of the library that the thread is inside of, one more outside of the body.
@@ -108,6 +111,7 @@ class CancellationState {
   int m_nCallersType = 0;  // of cancellation, around a blocking call
   int m_nInterruptions = 0;
   Held* m_pNewestHeld = nullptr;
+  void* m_pCaught = nullptr;  // exceptions, once the thread unwinds
   std::atomic<bool> m_bRequested{false};
   // Interrupts the thread; there is none before the request.
   std::atomic<bool> m_bHasTimer{false};

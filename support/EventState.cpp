@@ -9,6 +9,7 @@
 #include <climits>
 #include <ctime>
 
+#include "BriefGate.h"
 #include "Cancellation.h"
 #include "Fork.h"
 
@@ -72,6 +73,13 @@ EventState::EventState() : m_nOwner(g_nForks * 2) {}
 EventState::~EventState() {
   pthread_cond_destroy(&condition);
   pthread_mutex_destroy(&mutex);
+}
+
+// A raise() that has not seen the flag is over for the caller: what its thread did before is seen
+// from here on.
+void EventState::handOut() {
+  if ((m_nWord.fetch_or(kHandedOut) & kHandedOut) == 0)
+    BriefGate::synchronize();
 }
 
 void EventState::raise() {

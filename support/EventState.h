@@ -37,7 +37,8 @@ class EventState {
   // False when `deadline`, if there is one, has passed before the number left `ticket`.
   bool waitSince(std::uint32_t ticket, const MonotonicTime* deadline);
 
-  void handOut() { m_nWord.fetch_or(kHandedOut, std::memory_order_relaxed); }
+  // From here on raise() signals the condition, too.
+  void handOut();
   bool isWaitedFor();
   // Makes the condition anew unless somebody may be waiting for it.
   void resetCondition();

@@ -5,7 +5,6 @@
 #include <array>
 #include <mutex>
 #include <new>
-#include <ranges>
 #include <vector>
 
 #include "BriefGate.h"
@@ -42,8 +41,8 @@ void release(ForkSide side) VSUPT_UNCHECKED {
   }
   BriefGate::open();
   globalSection().unlock();
-  for (const ForkPart* const part : std::views::reverse(kParts))
-    part->release(side);
+  for (auto part = kParts.rbegin(); part != kParts.rend(); ++part)
+    (*part)->release(side);
   if (side == ForkSide::CHILD)
     SignalRelay::resumeInChild();
   openCancellationQuietly();

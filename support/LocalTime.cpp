@@ -254,7 +254,10 @@ std::uint64_t probe(std::int64_t block) {
     if (!ask(time, answer) || !(answer == kind))
       return kNotSteady;
   }
-  return stateOf(kind);
+  // For the moment of the look TZ may have been another, unseen: then nothing was learned.
+  tzset();
+  Kind again{};
+  return ask(time, again) && again == kind ? stateOf(kind) : 0;
 }
 
 // The kind of the block of a time if it is steady, else null: then the system is to be asked.
@@ -273,24 +276,6 @@ const Kind* steadyKind(std::uint64_t number, std::int64_t seconds) {
   }
   return state >= kFirstKind ? &kinds[state - kFirstKind] : nullptr;
 }
-
-// What mktime() made last. A time that was set is asked for again, as a rule.
-struct Answer {
-  // Whether mktime(), which begins to look where it ended last, would give it once more.
-  bool answers(std::uint64_t number, const std::tm& asked) const {
-    return number != 0 && number == zone && asked.tm_sec == local.tm_sec &&
-           asked.tm_min == local.tm_min && asked.tm_hour == local.tm_hour &&
-           asked.tm_mday == local.tm_mday && asked.tm_mon == local.tm_mon &&
-           asked.tm_year == local.tm_year &&
-           (asked.tm_isdst < 0 || asked.tm_isdst == local.tm_isdst);
-  }
-
-  std::uint64_t zone;
-  std::time_t time;
-  std::tm local;
-};
-
-constinit Answer lastAnswer{};  // guarded by systemLock
 
 void complete(const Kind& kind, std::tm& local) {
   local.tm_isdst = kind.daylightSaving ? 1 : 0;
@@ -319,10 +304,7 @@ std::time_t fromLocalTime(std::tm& local) {
   const Kind* const kind = isWithinMinute ? steadyKind(number, seconds) : nullptr;
   if (kind == nullptr || (local.tm_isdst >= 0 && (local.tm_isdst > 0) != kind->daylightSaving)) {
     const std::lock_guard guard(systemLock);
-    if (!lastAnswer.answers(number, local))
-      lastAnswer = {number, std::mktime(&local), local};
-    local = lastAnswer.local;
-    return lastAnswer.time;
+    return std::mktime(&local);
   }
   breakDown(seconds, local);
   complete(*kind, local);

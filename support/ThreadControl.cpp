@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Fork.h"
+#include "ProcessExit.h"
 #include "VarnSupport/VarnCriticalSection.h"
 
 namespace VarnSupport {
@@ -59,6 +60,7 @@ class ThreadControl::Use {
   Use& operator=(const Use&) = delete;
   ~Use() {
     m_oControl.m_oCancellation.giveBackAll();
+    m_oControl.m_oCancellation.releaseCaughtExceptions();
     VarnCriticalSectionRecoverFn(nullptr);
     t_pControl = nullptr;
     t_pCancellation = nullptr;
@@ -176,6 +178,18 @@ void ThreadControl::join() {
   restore.joined = true;
 }
 
+void ThreadControl::joinBefore(MonotonicTime deadline) {
+  if (!belongsToThisProcess() || t_pControl == this)
+    return;
+  {
+    const NoCancellation whole;
+    std::unique_lock guard(m_oMutex);
+    if (!m_oChanged.wait_until(guard, deadline, [this] { return m_bEnded; }))
+      return;
+  }
+  join();
+}
+
 bool ThreadControl::claimJoin() {
   const std::lock_guard guard(m_oMutex);
   return std::exchange(m_bJoinable, false);
@@ -209,7 +223,8 @@ void ThreadControl::cancel() {
   }
 }
 
-// Waits while the thread is telling the dependents. Nobody can join a thread any more that has been
+// Waits while the thread is telling the dependents, but not for ever when the process exits. Nobody
+// can join a thread any more that has been
 // killed, or that destroys its own object.
 void ThreadControl::abandon() {
   if (!belongsToThisProcess())
@@ -217,7 +232,11 @@ void ThreadControl::abandon() {
   std::unique_lock guard(m_oMutex);
   if (t_pControl != this) {
     const NoCancellation whole;
-    m_oChanged.wait(guard, [this] { return m_ePhase != ANNOUNCING || m_bEnded; });
+    const auto isToldOrGone = [this] { return m_ePhase != ANNOUNCING || m_bEnded; };
+    if (ProcessExit::hasBegun())
+      m_oChanged.wait_until(guard, ProcessExit::latestEnd(), isToldOrGone);
+    else
+      m_oChanged.wait(guard, isToldOrGone);
   }
   m_pObject = nullptr;
   if (m_bJoinable && (t_pControl == this || m_oCancellation.isRequested())) {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Cancellation.h"
+#include "System.h"
 #include "VarnSupport/VarnThread.h"
 
 namespace VarnSupport {
@@ -59,6 +60,8 @@ class ThreadControl {
   bool start(pthread_t& handle);
   // Joins the thread, unless it was detached or another caller does so: then waits for its end.
   void join();
+  // The same; a thread that has not ended before `deadline` is left alone.
+  void joinBefore(MonotonicTime deadline);
   void detach();
   // Has the thread unwound, and gives it some milliseconds to end.
   void cancel();

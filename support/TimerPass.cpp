@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "Cancellation.h"
+#include "ProcessExit.h"
 #include "SignalRelay.h"
 #include "TimerState.h"
 #include "VarnSupport/VarnTimer.h"
@@ -64,6 +65,7 @@ class VarnTimerManager::Pass {
         return false;
       call.emplace(timer);
     }
+    ProcessExit::watch();
     // From here on the timer may be gone as soon as set() has returned.
     try {
       timer->set();

@@ -40,11 +40,12 @@ void VarnTimerManager::State::insert(VarnTimer& timer) {
   timer.m_bActive = true;
 }
 
-// A shut-down has emptied the schedule, and a slot may be another timer's since.
+// A shut-down has emptied the schedule.
 void VarnTimerManager::State::remove(VarnTimer& timer) {
-  if (!timer.m_bActive || m_bExiting)
+  if (!timer.m_bActive)
     return;
-  schedule.remove(timer.m_oDeadline.seconds);
+  if (!m_bExiting)
+    schedule.remove(timer.m_oDeadline.seconds);
   timer.m_bActive = false;
 }
 

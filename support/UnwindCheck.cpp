@@ -38,6 +38,7 @@ struct Segment {
 constinit std::array<Segment, 6> theSegments;
 constexpr std::size_t kLibrary = 0;
 constexpr std::size_t kCLibrary = 1;
+constexpr std::size_t kLoader = 2;
 
 bool isInPlatformOrLibrary(std::uintptr_t address) {
   return std::any_of(theSegments.begin(), theSegments.end(),
@@ -177,12 +178,15 @@ class Look {
  public:
   enum tBegin { HERE, WHERE_INTERRUPTED, AROUND_CANCELLATION_POINT };
 
-  explicit Look(tBegin begin) : m_eBegin(begin) {
+  explicit Look(tBegin begin, bool destroysNothing = false)
+      : m_eBegin(begin), m_bDestroysNothing(destroysNothing) {
     _Unwind_Backtrace(&Look::visit, this);
     // A run-time library that holds signals back delivers them in calls, where no frame is an
     // interrupted one.
     if (m_eBegin != HERE && !m_bBegun)
       m_bPossible = Look(HERE).isPossible();
+    else if (!m_bHasReachedStart)
+      m_bPossible = false;  // there is a frame that nothing is known of
   }
 
   bool isPossible() const { return m_bPossible; }
@@ -196,17 +200,25 @@ class Look {
   bool isFine(_Unwind_Context* frame) {
     int isInterrupted = 0;
     const std::uintptr_t address = _Unwind_GetIPInfo(frame, &isInterrupted);
+    if (address == 0)
+      return true;  // behind the thread's first frame
     if (m_eBegin != HERE && !m_bBegun) {
       if (isInterrupted == 0)
         return true;  // the handler's own frames
       m_bBegun = true;
       if (m_eBegin == WHERE_INTERRUPTED)
         m_bPossible = canBegin(frame, address);
+    } else if (isInterrupted != 0) {
+      m_bPossible = canBegin(frame, address);  // by a signal whose handler was interrupted
     } else if (m_bMustBeCalledDirectly) {
       m_bPossible = !isInPlatformOrLibrary(address);
       m_bMustBeCalledDirectly = false;
     }
-    if (m_bPossible && !theSegments[kCLibrary].contains(address))
+    m_bHasReachedStart = theSegments[kCLibrary].contains(address);
+    // The loader holds its lock while it runs what libraries do as they come and go.
+    if (theSegments[kLoader].contains(address))
+      m_bPossible = m_bPossible && isInterrupted != 0;
+    else if (m_bPossible && !m_bHasReachedStart)
       m_bPossible = canPass(frame, isInterrupted != 0 ? address : address - 1);
     return m_bPossible;
   }
@@ -216,20 +228,27 @@ class Look {
       return false;
     if (!isInPlatformOrLibrary(address))
       return true;
+    m_bDestroysNothing = false;  // a call: all objects are whole
     const tPlace place = placeOf(frame, address);
     m_bMustBeCalledDirectly = place == BEHIND_CALL;
     return place != ELSEWHERE;
   }
 
-  static bool canPass(_Unwind_Context* frame, std::uintptr_t address) {
+  bool canPass(_Unwind_Context* frame, std::uintptr_t address) const {
     const auto* const data =
         static_cast<const unsigned char*>(_Unwind_GetLanguageSpecificData(frame));
-    return data == nullptr || isCallSite(data, address - _Unwind_GetRegionStart(frame));
+    if (data == nullptr)
+      return true;
+    if (m_bDestroysNothing && !theSegments[kLibrary].contains(address))
+      return false;
+    return isCallSite(data, address - _Unwind_GetRegionStart(frame));
   }
 
   tBegin m_eBegin;
+  bool m_bDestroysNothing;
   bool m_bBegun = false;
   bool m_bMustBeCalledDirectly = false;
+  bool m_bHasReachedStart = false;
   bool m_bPossible = true;
 };
 
@@ -248,8 +267,8 @@ void UnwindCheck::prepare() {
 
 bool UnwindCheck::isPossibleHere() { return Look(Look::HERE).isPossible(); }
 
-bool UnwindCheck::isPossibleWhereInterrupted() {
-  return Look(Look::WHERE_INTERRUPTED).isPossible();
+bool UnwindCheck::isPossibleWhereInterrupted(bool destroysNothing) {
+  return Look(Look::WHERE_INTERRUPTED, destroysNothing).isPossible();
 }
 
 bool UnwindCheck::isPossibleAroundCancellationPoint() {

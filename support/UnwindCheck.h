@@ -19,8 +19,10 @@ class UnwindCheck {
 
   // Whether the calling thread, which is in a signal handler, can be unwound where the signal has
   // interrupted it: in code that is neither the library's nor the platform's, or in a system call
-  // that does nothing but wait or was called directly. Async-signal-safe.
-  static bool isPossibleWhereInterrupted();
+  // that does nothing but wait or was called directly. Destructors may run in the middle of what
+  // other code does with their objects, as compilers list more instructions than the calls: with
+  // `destroysNothing` only code without such frames counts. Async-signal-safe.
+  static bool isPossibleWhereInterrupted(bool destroysNothing);
 
   // The same for a thread that is known to be inside a cancellation point of the platform.
   static bool isPossibleAroundCancellationPoint();

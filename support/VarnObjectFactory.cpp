@@ -59,15 +59,6 @@ void forgetLostLoads() {
   }
 }
 
-// Whether the beginning of exit() would come too late to be noticed by the newest registrations:
-// static ones that were there before are destroyed after a handler has run.
-constinit std::atomic<bool> unwatched{true};
-
-void watchExit() {
-  if (unwatched.exchange(false))
-    ProcessExit::watch();
-}
-
 // The calls of registrations.
 using Creation = CallUnderWay<const VarnObjectFactoryRegistration*>;
 
@@ -172,7 +163,7 @@ void VarnObjectFactory::add(const std::string& name, VarnObjectFactoryRegistrati
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oLock, true);
   noteIfLoading(registration);
-  unwatched = true;
+  ProcessExit::noteObject();
   m_mapRegistrations[name] = &registration;
 }
 
@@ -192,7 +183,7 @@ VarnSmartPointer<VarnObjectBase> VarnObjectFactory::construct(const std::string&
   if (registration != nullptr) {
     const Creation underWay(registration);
     guard.unlock();
-    watchExit();
+    ProcessExit::watch();
     return registration->create();
   }
   const tCreateFunction function = entryOf(m_mapFunctions, name);
@@ -235,6 +226,8 @@ void VarnObjectFactoryRegistration::unregister() {
   // Others may be waiting for the creation that this thread is inside of.
   if (!Creation::isInside())
     Creation::await(this);
+  else
+    Creation::forget(this);
 }
 
 LibraryLoad::LibraryLoad() {

@@ -12,6 +12,7 @@
 #include "Cancellation.h"
 #include "Fork.h"
 #include "NeverDestroyed.h"
+#include "ProcessExit.h"
 #include "SignalRelay.h"
 #include "ThreadControl.h"
 #include "UnwindCheck.h"
@@ -93,8 +94,8 @@ VarnThread::~VarnThread() {
   if (m_pHandle != nullptr) {
     if (m_bMarkedForKill)
       kill();
-    else if (!m_bMarkedForDeath)
-      waitForThreadExit();
+    else if (!m_bMarkedForDeath && m_bRunning)
+      VarnThread::joinFinally();
     giveUpHandle();
   }
   ThreadControl::part(*this);
@@ -107,6 +108,8 @@ bool VarnThread::launch() {
   if (m_pHandle != nullptr)
     return false;
   ThreadControl::part(*this);
+  ProcessExit::noteObject();
+  ProcessExit::watch();
   // All is in place before the thread may run, as it may end, or even delete the object, at once.
   auto handle = std::make_unique<pthread_t>();
   ThreadControl& control = ThreadControl::make(
@@ -215,7 +218,12 @@ int VarnThread::_run() {
 
 void VarnThread::joinFinally() {
   const QuietCancellationGuard closed;
-  if (const ThreadControl::Visit control(*this); control)
+  const ThreadControl::Visit control(*this);
+  if (!control)
+    return;
+  if (ProcessExit::hasBegun())
+    control->joinBefore(ProcessExit::latestEnd());
+  else
     control->join();
 }
 

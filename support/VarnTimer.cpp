@@ -7,9 +7,11 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <limits>
 #include <new>
 #include <optional>
 
@@ -35,9 +37,13 @@ constinit VarnTimerManager* lockedForFork = nullptr;
 
 }  // namespace
 
+// Whole seconds beyond the field are the farthest that it has.
 void VarnTimer::TimeInterval::set(long wholeSeconds, long thousandths) {
-  seconds = static_cast<std::int32_t>(static_cast<unsigned long>(wholeSeconds) +
-                                      static_cast<unsigned long>(thousandths / 1000));
+  using Limits = std::numeric_limits<std::int32_t>;
+  long sum = 0;
+  if (__builtin_add_overflow(wholeSeconds, thousandths / 1000, &sum))
+    sum = wholeSeconds;
+  seconds = static_cast<std::int32_t>(std::clamp<long>(sum, Limits::min(), Limits::max()));
   milliseconds = static_cast<std::int32_t>(thousandths % 1000);
 }
 
@@ -61,6 +67,7 @@ VarnTimer::VarnTimer(long seconds, long milliseconds, bool oneShot)
     : m_oInterval(seconds, milliseconds), m_bOneShot(oneShot) {
   const CancellationGuard closed;
   StackTimers::note(*this);
+  ProcessExit::noteObject();
 }
 
 VarnTimer::~VarnTimer() {
@@ -138,10 +145,8 @@ VarnTimerManager& VarnTimerManager::getInstance() {
     return *manager;
   const CancellationGuard closed;
   const VarnCriticalSection guard(globalSection(), true);
-  if (theManager == nullptr) {
+  if (theManager == nullptr)
     theManager = new VarnTimerManager;
-    ProcessExit::watch();
-  }
   manager = theManager;
   if (m_pThis == nullptr)
     m_pThis = manager;
@@ -183,7 +188,7 @@ void VarnTimerManager::shutDown() {
   }
   cancelTimer();
   if (TimerUse::countHere() == 0)
-    m_pState->users.awaitOthers(0, monotonicNow() + ProcessExit::kPatience);
+    m_pState->users.awaitOthers(0, ProcessExit::latestEnd());
 }
 
 void VarnTimerManager::add(VarnTimer& timer) {
@@ -281,20 +286,16 @@ struct VarnTimerManager::Fork {
 constinit const ForkPart timerFork{&VarnTimerManager::Fork::prepare,
                                    &VarnTimerManager::Fork::release};
 
+// Without a manager there is no timer. The relay makes none: it would wait for the global section,
+// which users may hold.
 void VSUPTInitVarnTimer() {
   SignalRelay::route(SIGALRM, [](int) {
-    try {
-      VarnTimerManager::getInstance().timeout();
-    } catch (const VarnException&) {
-      // The timers have been shut down.
-    }
+    if (VarnTimerManager* const manager = VarnTimerManager::m_pThis)
+      manager->timeout();
   });
   SignalRelay::route(SIGUSR1, [](int) {
-    try {
-      VarnTimerManager::getInstance().reset(true);
-    } catch (const VarnException&) {
-      // The timers have been shut down.
-    }
+    if (VarnTimerManager* const manager = VarnTimerManager::m_pThis)
+      manager->reset(true);
   });
 }
 

@@ -187,6 +187,7 @@ TEST(VarnService, ADaemonReportsThroughNoStandardStreamAndNoFileOfTheHook) {
       return 0;
     });
     EXPECT_EQ(hookClosesAll ? 1 : 0, code);  // the launcher sees no more than the end of the pipe
+    ASSERT_TRUE(eventually([&] { return !linesOf(file).empty(); }));
     EXPECT_EQ("", contentsOf(file + "-data"));
     const pid_t daemon = std::stoi(linesOf(file).at(0));
     kill(daemon, SIGTERM);
@@ -198,7 +199,9 @@ TEST(VarnService, DependentsOfItsEventMayTakeTheirTime) {
   EXPECT_EQ(0, runInChild([] {
               std::atomic<bool> mayEnd{false};
               struct Worker : VarnThread {
-                int run() override { return eventually([this] { return mayEnd->load(); }); }
+                int run() override {
+                  return eventually([this] { return mayEnd->load(); });
+                }
                 std::atomic<bool>* mayEnd;
               } worker;
               worker.mayEnd = &mayEnd;

@@ -5,19 +5,22 @@
 // Waiting, killing and the queries are safe from any thread; starting and destroying belong to the
 // owner.
 //
-// kill() makes a body unwind, with the destructors of its frames: in its own code, at the next
-// instruction at which all of them can run; at the entry of an operation of the library that takes
-// something (a lock, a reference, an entry in a list), before that is taken; and while it waits
-// inside such an operation, which then leaves nothing behind. Operations that give something back,
-// destructors above all, are always done to their end, and so are the platform's own functions. The
-// critical sections that a thread holds when it ends, however it ends, become free; read-write
-// locks stay as they are.
+// kill() makes a body unwind, with the destructors of its frames: at the entry of an operation of
+// the library that takes something (a lock, a reference, an entry in a list), before that is taken;
+// while it waits inside such an operation, which then leaves nothing behind, or in a call of the
+// system; and in code of its own, at an instruction at which nothing is to be destroyed, or, after
+// 110 ms, at any at which the destructors can run. Operations that give something back, destructors
+// above all, are always done to their end, and so are the platform's own functions. The critical
+// sections that a thread holds when it ends, however it ends, become free; read-write locks stay as
+// they are.
 //
 // What remains for bodies that are killed:
-// - What a frame holds by hand, without a destructor that gives it back, is lost.
+// - What a frame holds by hand, without a destructor that gives it back, is lost. Compilers leave
+//   out such clean-ups around code that cannot throw.
+// - An object that a body is changing by itself when the 110 ms are over is destroyed half changed.
 // - A handler for all exceptions (...) must throw again: the platform ends the process otherwise.
-// - A body that never leaves a destructor, a function that must not throw, or a callback that an
-//   operation of the library makes for it, goes on until it does.
+// - A body that never leaves a destructor, a function that must not throw, code without unwind
+//   tables, or a callback that an operation of the library makes for it, goes on until it does.
 // - The library interrupts the thread by SIGUSR2. Where a body blocks that signal, it is killed in
 //   the next operation that takes something.
 #ifndef VARNSUPPORT_VARNTHREAD_H

@@ -183,6 +183,25 @@ const Case kCases[] = {
        } catch (const VarnException&) {
        }
      }},
+    {"a guard in handlers in each other",
+     [](World& world) {
+       try {
+         throw VarnException("thrown", 1);
+       } catch (const VarnException&) {
+         try {
+           const VarnCriticalSection guard(world.section, true);
+         } catch (...) {
+           throw;
+         }
+       }
+     }},
+    {"containers, between operations",
+     [](World& world) {
+       std::map<int, std::string> map;
+       for (int i = 0; i < 20; ++i)
+         map[i * 7 % 20] = std::string(40, 'x');
+       const VarnSmartPointer<Product> copy(world.counted);
+     }},
 };
 
 }  // namespace
@@ -205,8 +224,7 @@ TEST(KillStress, AKilledThreadEndsAndLeavesNothing) {
 TEST(KillStress, AThreadKilledWhileItWaitsForALockNeverHasIt) {
   VarnReadWriteLock rwLock;
   VarnCriticalSectionObject section;
-  const std::function<void()> waits[] = {[&] { rwLock.writeLock(); },
-                                         [&] { rwLock.readLock(); },
+  const std::function<void()> waits[] = {[&] { rwLock.writeLock(); }, [&] { rwLock.readLock(); },
                                          [&] { section.lock(); }};
   for (const auto& wait : waits) {
     rwLock.writeLock();

@@ -34,15 +34,18 @@ void runMortals(int count) {
 
 // Ends after a moment that differs from thread to thread.
 struct Brief : VarnThread {
-  explicit Brief(unsigned turns) : VarnThread("brief"), m_nTurns(turns) {}
+  Brief(unsigned turns, const std::atomic<bool>& gate)
+      : VarnThread("brief"), m_nTurns(turns), m_bGate(gate) {}
   ~Brief() override { waitForThreadExit(); }
   int run() override {
+    m_bGate.wait(false);
     spin(m_nTurns);
     return 0;
   }
 
  private:
   unsigned m_nTurns;
+  const std::atomic<bool>& m_bGate;
 };
 
 // Takes and gives up locks for ever; has nothing to destroy, so that it can be cancelled anywhere.
@@ -66,24 +69,34 @@ struct Locker : VarnThread {
 
 TEST(ThreadStress, WaitsRacingTheEndsOfThreads) {
   std::mt19937 random(7);
+  const std::atomic<bool> gate{true};
   for (int round = 0; round < 1000; ++round) {
-    Brief thread(static_cast<unsigned>(random() % 20000));
+    Brief thread(static_cast<unsigned>(random() % 20000), gate);
     thread.start();
     const int result = thread.wait(1 + static_cast<int>(random() % 900));
     ASSERT_TRUE(result == 0 || result == -2) << result;
   }
 }
 
+// The threads end once the wait for them is under way: it does not notice those that have ended
+// before.
 TEST(ThreadStress, WaitsForAllAndForTheFirstOfSixteen) {
   const auto end = Clock::now() + stressTime();
+  const pid_t self = gettid();
   for (unsigned round = 0; Clock::now() < end; ++round) {
+    std::atomic<bool> gate{false};
     std::vector<std::unique_ptr<Brief>> threads;
     std::vector<VarnThread*> pointers;
     for (unsigned i = 0; i < 16; ++i) {
-      threads.push_back(std::make_unique<Brief>(6000000 + i * 100));
+      threads.push_back(std::make_unique<Brief>(i * 100, gate));
       pointers.push_back(threads.back().get());
       pointers.back()->start();
     }
+    const std::jthread opener([&] {
+      EXPECT_TRUE(eventually([&] { return isAsleep(self); }));
+      gate = true;
+      gate.notify_all();
+    });
     const bool all = round % 2 == 0;
     const int result = VarnThread::wait(pointers, all, 20000);
     ASSERT_TRUE(all ? result == 0 : result >= 0 && result < 16) << result;

@@ -1,17 +1,20 @@
+// The six fields of an object are what it stores; zone, weekday and daylight saving are asked of
+// the system each time. Every change takes one way: a broken-down time is made, validateDateTime()
+// sees whether the system's own normalising leaves it alone, and store() takes it over. Two changes
+// differ in what they normalise first: texts of the RFC form, and modifyDate(), whose sum need not
+// exist.
+//
+// What is a number outside of an int never gets to the system: fitsInt() guards each way in, as the
+// sums of the system would overflow.
 #include "VarnSupport/VarnDateTime.h"
 
-#include <cstring>
-#include <cwchar>
+#include <cassert>
 #include <iterator>
-#include <limits>
-#include <memory>
 #include <optional>
-#include <sstream>
 #include <string_view>
-#include <tuple>
-#include <typeinfo>
 
 #include "Cancellation.h"
+#include "DateText.h"
 #include "LocalTime.h"
 #include "VarnSupport/VarnLocaleFactory.h"
 
@@ -20,37 +23,16 @@ namespace VarnSupport {
 namespace {
 
 constexpr char kInvalid[] = "Input does not compute to a valid DateTime object";
-constexpr char kIncorrectRfc[] = "Incorrect RFC1123 DateTime format";
-constexpr char kIncorrect[] = "Incorrect DateTime format";
-constexpr std::size_t kRfcLength = 29;
-constexpr std::size_t kNumericLength = 19;
-constexpr std::size_t kNamedLength = 25;
 constexpr int kFirstYear = 1900;  // of a broken-down time
 constexpr int kSystemDecides = -1;
 constexpr int kNoDaylightSaving = 0;
-constexpr wchar_t kDateAndTime[] = L"%c";
 
-bool fits(std::int64_t value) {
-  return value >= std::numeric_limits<std::int32_t>::min() &&
-         value <= std::numeric_limits<std::int32_t>::max();
-}
-
-// A time as texts and callers give it: month from 0, full year.
-struct Parts {
-  std::int64_t day = 0;
-  std::int64_t month = 0;
-  std::int64_t year = 0;
-  std::int64_t hour = 0;
-  std::int64_t minute = 0;
-  std::int64_t second = 0;
-};
-
-// Nothing when a part is beyond what a broken-down time can hold.
-std::optional<std::tm> brokenDown(const Parts& parts, int daylightSaving) {
+// The parts as a broken-down time, or nothing when one of them is beyond what that can hold.
+std::optional<std::tm> brokenDown(const DateParts& parts, int daylightSaving) {
   const std::int64_t year = parts.year - kFirstYear;
   for (const std::int64_t value :
        {parts.day, parts.month, year, parts.hour, parts.minute, parts.second}) {
-    if (!fits(value))
+    if (!fitsInt(value))
       return std::nullopt;
   }
   std::tm time{};
@@ -64,117 +46,7 @@ std::optional<std::tm> brokenDown(const Parts& parts, int daylightSaving) {
   return time;
 }
 
-// Reads a text as scanf() does, up to its first NUL, but independently of the locale; numbers
-// beyond 32 bits do not match.
-class Scanner {
- public:
-  explicit Scanner(const std::string& text) : m_pText(text.c_str()) {}
-
-  // White space, then a word; what is longer than nine characters is left.
-  bool word(std::string_view& word) {
-    skipBlanks();
-    std::size_t length = 0;
-    while (length < kLongest && m_pText[length] != '\0' && !isBlank(m_pText[length]))
-      ++length;
-    word = {m_pText, length};
-    m_pText += length;
-    return length > 0;
-  }
-
-  // White space, a sign if there is one, digits.
-  bool number(std::int64_t& number) {
-    skipBlanks();
-    const bool negative = *m_pText == '-';
-    if (negative || *m_pText == '+')
-      ++m_pText;
-    const char* const digits = m_pText;
-    std::int64_t value = 0;
-    for (; *m_pText >= '0' && *m_pText <= '9'; ++m_pText) {
-      value = value * 10 + (*m_pText - '0');
-      if (!fits(-value))
-        return false;
-    }
-    value = negative ? -value : value;
-    if (m_pText == digits || !fits(value))
-      return false;
-    number = value;
-    return true;
-  }
-
-  bool literal(char c) {
-    if (*m_pText != c)
-      return false;
-    ++m_pText;
-    return true;
-  }
-
-  // hour:minute:second. Parts before the first that does not match are set.
-  bool timeOfDay(Parts& parts) {
-    return number(parts.hour) && literal(':') && number(parts.minute) && literal(':') &&
-           number(parts.second);
-  }
-
- private:
-  static constexpr std::size_t kLongest = 9;
-
-  static bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-  void skipBlanks() {
-    while (isBlank(*m_pText))
-      ++m_pText;
-  }
-
-  const char* m_pText;
-};
-
-int monthIndex(std::string_view name) {
-  constexpr std::size_t length = 3;  // of all names
-  for (int i = 0; i < 12 && name.size() == length; ++i) {
-    if (std::memcmp(name.data(), VarnDateTime::abbrevMonthNames[i], length) == 0)
-      return i;
-  }
-  return 0;
-}
-
-// The three readers return what is wrong with the text, or null.
-
-const char* readRfcText(const std::string& text, Parts& parts) {
-  Scanner scanner(text);
-  std::string_view weekday;
-  std::string_view month;
-  std::string_view zone;
-  if (text.size() > kRfcLength ||
-      !(scanner.word(weekday) && scanner.number(parts.day) && scanner.word(month) &&
-        scanner.number(parts.year) && scanner.timeOfDay(parts) && scanner.word(zone)))
-    return kIncorrectRfc;
-  parts.month = monthIndex(month);
-  return nullptr;
-}
-
-const char* readNumericText(const std::string& text, Parts& parts) {
-  if (text.size() > kNumericLength)
-    return kIncorrectRfc;  // the other form's message; callers rely on it
-  Scanner scanner(text);
-  if (!(scanner.number(parts.day) && scanner.literal('/') && scanner.number(parts.month) &&
-        scanner.literal('/') && scanner.number(parts.year)))
-    return kIncorrect;
-  --parts.month;
-  static_cast<void>(scanner.timeOfDay(parts));
-  return nullptr;
-}
-
-const char* readNamedText(const std::string& text, Parts& parts) {
-  Scanner scanner(text);
-  std::string_view weekday;
-  std::string_view month;
-  if (text.size() > kNamedLength ||
-      !(scanner.word(weekday) && scanner.word(month) && scanner.number(parts.day) &&
-        scanner.timeOfDay(parts) && scanner.number(parts.year)))
-    return kIncorrect;
-  parts.month = monthIndex(month);
-  return nullptr;
-}
-
+// Puts the text of the exception, which has a prefix, into `error`.
 bool refuse(const std::string& message, std::string& error) {
   error = VarnInvalidDateException(message).getText();
   return false;
@@ -189,67 +61,6 @@ std::string shiftMessage(std::int64_t fieldAndAmount) {
   return message;
 }
 
-auto numbersOf(const std::tm& time) {
-  return std::tie(time.tm_sec, time.tm_min, time.tm_hour, time.tm_mday, time.tm_mon, time.tm_year,
-                  time.tm_wday, time.tm_yday, time.tm_isdst, time.tm_gmtoff);
-}
-
-// What formats times in one locale. The last one is kept, with the text of its last second: making
-// it costs more than formatting, and formatting more than all the rest.
-class Formatter {
- public:
-  explicit Formatter(const std::locale& locale)
-      : m_oLocale(locale),
-        m_oFacet(std::use_facet<std::time_put<wchar_t>>(m_oLocale)),
-        m_bStandard(typeid(m_oFacet) == typeid(std::time_put<wchar_t>) &&
-                    typeid(std::use_facet<std::ctype<wchar_t>>(m_oLocale)) ==
-                        typeid(std::ctype<wchar_t>)) {
-    m_oStream.imbue(locale);
-  }
-
-  bool isFor(const std::locale& locale) const { return m_oLocale == locale; }
-
-  // Only a locale that lives as long as the process, with a facet that leaves the stream as it is.
-  bool mayBeKept() const {
-    return m_bStandard &&
-           (isFor(std::locale::classic()) || isFor(VarnLocaleFactory::m_oDefaultLocale));
-  }
-
-  std::wstring text(const std::tm& time, const wchar_t* format) {
-    if (format != kDateAndTime)
-      return formatted(time, format);
-    const std::string_view zone = time.tm_zone != nullptr ? time.tm_zone : "";
-    if (m_sText.empty() || numbersOf(time) != numbersOf(m_oTextTime) || zone != m_sTextZone) {
-      m_sText = formatted(time, format);
-      m_oTextTime = time;
-      m_sTextZone = zone;
-    }
-    return m_sText;
-  }
-
- private:
-  std::wstring formatted(const std::tm& time, const wchar_t* format) {
-    const std::wstring nothing;
-    m_oStream.str(nothing);  // keeps its memory
-    std::optional<ZoneUse> use;
-    if (m_bStandard)
-      use.emplace();
-    m_oFacet.put(std::ostreambuf_iterator<wchar_t>(m_oStream), m_oStream, L' ', &time, format,
-                 format + std::wcslen(format));
-    return m_oStream.str();
-  }
-
-  std::locale m_oLocale;
-  const std::time_put<wchar_t>& m_oFacet;
-  const bool m_bStandard;  // no facet that is called is a user's, which may do anything
-  std::wostringstream m_oStream;
-  std::wstring m_sText;
-  std::tm m_oTextTime{};
-  std::string m_sTextZone;
-};
-
-constinit std::atomic<Formatter*> spareFormatter{nullptr};
-
 }  // namespace
 
 const char* const VarnDateTime::abbrevMonthNames[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -259,7 +70,7 @@ constinit std::atomic<std::uint32_t> VarnDateTime::m_objectCounter{0};
 VarnDateTime::VarnDateTime() : m_oLocale(VarnLocaleFactory::getDefaultLocale(true)) {
   const CancellationGuard closed;
   std::tm now{};
-  if (toLocalTime(std::time(nullptr), now) && fits(std::int64_t{now.tm_year} + kFirstYear))
+  if (toLocalTime(std::time(nullptr), now) && fitsInt(std::int64_t{now.tm_year} + kFirstYear))
     store(now);
   adjustInstanceId();
 }
@@ -302,8 +113,8 @@ bool VarnDateTime::setDateTimeImpl(unsigned int day, unsigned int month, unsigne
                                    unsigned int hour, unsigned int minute, unsigned int second,
                                    std::string& error) {
   const CancellationGuard closed;
-  const Parts parts{day,   std::int64_t{month} - 1, std::int64_t{year} + kFirstYear, hour, minute,
-                    second};
+  const DateParts parts{
+      day, std::int64_t{month} - 1, std::int64_t{year} + kFirstYear, hour, minute, second};
   const std::optional<std::tm> time = brokenDown(parts, kNoDaylightSaving);
   if (!time)
     return refuse(kInvalid, error);
@@ -315,28 +126,21 @@ bool VarnDateTime::setDateTimeImpl(unsigned int day, unsigned int month, unsigne
 
 bool VarnDateTime::setDateTime(const std::string& text, std::string& error) {
   const CancellationGuard closed;
-  Parts parts;
-  const char* problem = nullptr;
-  const bool isRfc = text.find(',') != std::string::npos;
-  if (isRfc)
-    problem = readRfcText(text, parts);
-  else if (text.find('/') != std::string::npos)
-    problem = readNumericText(text, parts);
-  else
-    problem = readNamedText(text, parts);
-  if (problem != nullptr) {
+  DateParts parts;
+  const DateForm form = dateFormOf(text);
+  if (const char* const problem = readDate(text, form, parts)) {
     error = problem;
     return false;
   }
   std::optional<std::tm> time = brokenDown(parts, kSystemDecides);
   if (!time)
     throw VarnInvalidDateException(kInvalid);
-  if (!isRfc) {
+  if (form != DateForm::RFC1123) {
     *this = *time;
     return true;
   }
-  // This form is normalised first, which leaves nothing else to refuse.
-  if (fromLocalTime(*time) == -1 || !fits(std::int64_t{time->tm_year} + kFirstYear))
+  // The RFC form is normalised first, which leaves nothing else to refuse.
+  if (fromLocalTime(*time) == -1 || !fitsInt(std::int64_t{time->tm_year} + kFirstYear))
     throw VarnInvalidDateException(kInvalid);
   store(*time);
   adjustInstanceId();
@@ -369,7 +173,7 @@ bool VarnDateTime::modifyDate(FieldId_t field, int amount, std::string& error) {
   }
   std::tm time = localTime();
   const std::int64_t shifted = std::int64_t{time.*members[field]} + amount;
-  if (fits(shifted)) {
+  if (fitsInt(shifted)) {
     time.*members[field] = static_cast<int>(shifted);
     if (fromLocalTime(time) != -1)
       return setDateTimeFromTmImpl(time, error);
@@ -382,7 +186,7 @@ bool VarnDateTime::setYearImpl(unsigned int year, std::string& error) const {
   const CancellationGuard closed;
   std::tm time = fields();
   const std::int64_t counted = std::int64_t{year} - kFirstYear;
-  if (!fits(counted)) {
+  if (!fitsInt(counted)) {
     error = kInvalid;
     return false;
   }
@@ -415,7 +219,7 @@ bool VarnDateTime::setDayImpl(unsigned int day, std::string& error) const {
 bool VarnDateTime::validateDateTime(const std::tm& time, std::string& error) {
   const CancellationGuard closed;
   std::tm copy = time;
-  if (fits(std::int64_t{time.tm_year} + kFirstYear) && fromLocalTime(copy) != -1 &&
+  if (fitsInt(std::int64_t{time.tm_year} + kFirstYear) && fromLocalTime(copy) != -1 &&
       copy.tm_mday == time.tm_mday && copy.tm_mon == time.tm_mon && copy.tm_year == time.tm_year &&
       copy.tm_hour == time.tm_hour && copy.tm_min == time.tm_min && copy.tm_sec == time.tm_sec)
     return true;
@@ -441,6 +245,7 @@ int VarnDateTime::day() const { return localTime().tm_yday + 1; }
 
 int VarnDateTime::getWeekday() const { return localTime().tm_wday; }
 
+// Asks the system for 29 February, which becomes 1 March in a common year.
 bool VarnDateTime::isLeapYear() const {
   const CancellationGuard closed;
   constexpr int february = 1;
@@ -452,9 +257,7 @@ bool VarnDateTime::isLeapYear() const {
 }
 
 unsigned int VarnDateTime::hash() const {
-  const auto product = static_cast<std::uint32_t>(getTime()) * 41358U + m_nInstanceId;
-  const auto value = static_cast<long double>(product);
-  return static_cast<unsigned int>(value - value / 28 * 28);  // the quotient keeps its fraction
+  return 0;  // callers rely on it
 }
 
 int VarnDateTime::getMonthForRFCName(const std::string& name) { return monthIndex(name); }
@@ -484,8 +287,8 @@ std::wstring VarnDateTime::timeToString(const std::locale& locale) const {
 }
 
 std::wstring VarnDateTime::toString(const std::locale& locale) const {
-  const std::tm time = localTime();
-  return constructTimeString(&time, locale, kDateAndTime);
+  const CancellationGuard closed;
+  return formatDateAndTime(localTime(), locale);
 }
 
 std::wstring VarnDateTime::toGMTString() const {
@@ -493,19 +296,13 @@ std::wstring VarnDateTime::toGMTString() const {
   const std::time_t time = getTime();
   std::tm utc = fields();
   toUniversalTime(time, utc);
-  return constructTimeString(&utc, m_oLocale, kDateAndTime);
+  return formatDateAndTime(utc, m_oLocale);
 }
 
 std::wstring VarnDateTime::constructTimeString(const std::tm* time, const std::locale& locale,
                                                const wchar_t* format) {
   const CancellationGuard closed;
-  std::unique_ptr<Formatter> formatter(spareFormatter.exchange(nullptr));
-  if (formatter == nullptr || !formatter->isFor(locale))
-    formatter = std::make_unique<Formatter>(locale);
-  std::wstring text = formatter->text(*time, format);
-  if (formatter->mayBeKept())
-    formatter.reset(spareFormatter.exchange(formatter.release()));
-  return text;
+  return formatTime(*time, locale, format);
 }
 
 // The stored fields as they are, with whatever daylight-saving rule the system finds for them.
@@ -521,7 +318,8 @@ std::tm VarnDateTime::fields() const {
   return time;
 }
 
-// The same with weekday, day of the year and zone.
+// The stored fields with weekday, day of the year and zone. Fields that do not exist any more, as
+// TZ has changed, come out normalised.
 std::tm VarnDateTime::localTime() const {
   const CancellationGuard closed;
   std::tm time = fields();
@@ -529,8 +327,12 @@ std::tm VarnDateTime::localTime() const {
   return time;
 }
 
-// Requires: the time is valid.
+// Requires: the time is one that the system has made or left as it is.
 void VarnDateTime::store(const std::tm& time) {
+  assert(time.tm_mon >= 0 && time.tm_mon < static_cast<int>(std::size(abbrevMonthNames)));
+  assert(time.tm_mday >= 1 && time.tm_mday <= 31 && time.tm_hour >= 0 && time.tm_hour < 24);
+  assert(time.tm_min >= 0 && time.tm_min < 60 && time.tm_sec >= 0 && time.tm_sec <= 60);
+  assert(fitsInt(std::int64_t{time.tm_year} + kFirstYear));
   m_nDay = static_cast<std::uint32_t>(time.tm_mday);
   m_nMonth = time.tm_mon;
   m_nYear = time.tm_year + kFirstYear;

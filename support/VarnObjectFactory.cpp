@@ -1,8 +1,14 @@
+// A factory is two tables under one lock; the lock is never held while a class's function runs, so
+// that a creator may use the factory, and wait, as it likes. What keeps a registration alive during
+// its call is a list of calls under way: who destroys a registration waits for those of others.
+//
+// Three things make the rest. A registration that a library brings is hidden from other threads
+// until its load ends (LibraryLoad). The library frees no factory of its own making, as threads may
+// be inside of it; it empties the factory instead. And a fork takes every lock of this source, so
+// that a child can go on creating: ownMutex, the newest factory's lock, the list of loads, the list
+// of calls, in this order everywhere.
 #include "VarnSupport/VarnObjectFactory.h"
 
-#include <pthread.h>
-
-#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -10,62 +16,19 @@
 #include "Cancellation.h"
 #include "Fork.h"
 #include "LibraryLoad.h"
-#include "NeverDestroyed.h"
 #include "ProcessExit.h"
 
 namespace VarnSupport {
 
 namespace {
 
-// Guards the list of loads.
-constinit std::mutex listMutex;
-
-bool isCalling(pthread_t thread) { return pthread_equal(thread, pthread_self()) != 0; }
-
-// A library that a thread is loading, or a registration that it has brought until then.
-struct Load {
-  pthread_t loader;
-  const VarnObjectFactoryRegistration* registration;  // null for the load itself
-};
-
-constinit NeverDestroyed<std::vector<Load>> loads;
-
-// Whether the calling thread is loading a library. Requires: listMutex is held.
-bool isLoading() {
-  return std::any_of(loads.value.begin(), loads.value.end(), [](const Load& load) {
-    return load.registration == nullptr && isCalling(load.loader);
-  });
-}
-
-void noteIfLoading(const VarnObjectFactoryRegistration& registration) {
-  const std::lock_guard guard(listMutex);
-  if (isLoading())
-    loads.value.push_back({pthread_self(), &registration});
-}
-
-bool isBeingLoadedElsewhere(const VarnObjectFactoryRegistration& registration) {
-  const std::lock_guard guard(listMutex);
-  return std::any_of(loads.value.begin(), loads.value.end(), [&](const Load& load) {
-    return load.registration == &registration && !isCalling(load.loader);
-  });
-}
-
-// After a fork: what other threads were loading stays incomplete for ever. Requires: listMutex is
-// held.
-void forgetLostLoads() {
-  for (Load& load : loads.value) {
-    if (!isCalling(load.loader))
-      load.loader = pthread_t{};
-  }
-}
-
-// The calls of registrations.
+// A registration's call of its create(), for as long as it runs.
 using Creation = CallUnderWay<const VarnObjectFactoryRegistration*>;
 
 // The global factory that was deleted last.
 constinit std::atomic<const VarnObjectFactory*> theDeleted = nullptr;
 
-// Another factory may lie where that one did.
+// A new factory may lie where the deleted one did, and is then no longer taken for that.
 void noteMade(const VarnObjectFactory& factory) {
   const VarnObjectFactory* deleted = &factory;
   theDeleted.compare_exchange_strong(deleted, nullptr);
@@ -162,7 +125,7 @@ void VarnObjectFactory::add(const std::string& name, tCreateFunction function) {
 void VarnObjectFactory::add(const std::string& name, VarnObjectFactoryRegistration& registration) {
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oLock, true);
-  noteIfLoading(registration);
+  LibraryLoad::note(registration);
   ProcessExit::noteObject();
   m_mapRegistrations[name] = &registration;
 }
@@ -178,7 +141,7 @@ VarnSmartPointer<VarnObjectBase> VarnObjectFactory::construct(const std::string&
   const CancellationGuard closed;
   VarnCriticalSection guard(m_oLock, true);
   VarnObjectFactoryRegistration* registration = entryOf(m_mapRegistrations, name);
-  if (registration != nullptr && isBeingLoadedElsewhere(*registration))
+  if (registration != nullptr && LibraryLoad::isElsewhere(*registration))
     registration = nullptr;
   if (registration != nullptr) {
     const Creation underWay(registration);
@@ -223,26 +186,12 @@ void VarnObjectFactoryRegistration::unregister() {
     return;
   m_pFactory->remove(m_sName);
   m_pFactory = nullptr;
-  // Others may be waiting for the creation that this thread is inside of.
+  // A thread inside of a creation does not wait: its own, or one that waits for that, would never
+  // end.
   if (!Creation::isInside())
     Creation::await(this);
   else
     Creation::forget(this);
-}
-
-LibraryLoad::LibraryLoad() {
-  const std::lock_guard guard(listMutex);
-  loads.value.push_back({pthread_self(), nullptr});
-}
-
-LibraryLoad::~LibraryLoad() {
-  const std::lock_guard guard(listMutex);
-  const auto own = std::find_if(loads.value.begin(), loads.value.end(), [](const Load& load) {
-    return load.registration == nullptr && isCalling(load.loader);
-  });
-  loads.value.erase(own);
-  if (!isLoading())
-    std::erase_if(loads.value, [](const Load& load) { return isCalling(load.loader); });
 }
 
 struct VarnObjectFactory::Fork {
@@ -250,16 +199,16 @@ struct VarnObjectFactory::Fork {
     ownMutex.lock();
     if (OwnFactory::newest != nullptr)
       OwnFactory::newest->m_oLock.lock();
-    listMutex.lock();
+    LibraryLoad::lockList();
     Creation::lockList();
   }
   static void release(ForkSide side) VSUPT_UNCHECKED {
     if (side == ForkSide::CHILD) {
       Creation::forgetLost();
-      forgetLostLoads();
+      LibraryLoad::forgetLost();
     }
     Creation::unlockList();
-    listMutex.unlock();
+    LibraryLoad::unlockList();
     if (OwnFactory::newest != nullptr)
       OwnFactory::newest->m_oLock.unlock();
     ownMutex.unlock();

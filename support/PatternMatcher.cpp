@@ -1,15 +1,23 @@
+// How the parts work together: walk() makes walks until one comes to the end. Each begins with the
+// first token (beginWalk()) and takes the others in turn (finishWalk()). A token that does not
+// match takes matches off the stack (giveBack()). All three look at the text through a few
+// questions: the first match from a position on, the end of a run, the last match before a
+// position. What is learned about the text answers the last two, first the stretch that was seen
+// last, then blocks.
+//
+// The order of the walks, and what they give back, is that of the plain method with one entry per
+// match, since callers see which match is found; only the cost is another one.
 #include "PatternMatcher.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "TextSearch.h"
-#include "VarnSupport/VarnLogging.h"
 
 namespace VarnSupport {
 
 namespace {
 
-constexpr int kTraceLevel = 9;
 // Below this a look for the literal that is needed further on costs more than it saves.
 constexpr std::size_t kLongText = 64;
 
@@ -38,6 +46,7 @@ bool PatternMatcher<StringType>::walk(std::size_t start) {
 // Finds the first match. Only literals, and what may be absent, look further than the position.
 template <typename StringType>
 bool PatternMatcher<StringType>::beginWalk() {
+  assert(m_nPosition <= m_sText.size() + 1);  // beyond the end after a match of nothing there
   const Token& token = m_oProgram.tokens[m_oProgram.first];
   const bool isLiteral = token.type == ExpressionToken::LITERAL_SEGMENT;
   if (isLiteral || token.mayBeAbsent()) {
@@ -81,7 +90,7 @@ bool PatternMatcher<StringType>::finishWalk() {
 }
 
 // Takes matches off the stack until the failed token matches where one of them began. A repetition
-// that comes upon its equal is satisfied by that one.
+// that comes upon a run of its equal is satisfied by that run.
 template <typename StringType>
 auto PatternMatcher<StringType>::giveBack(std::size_t index) -> tOutcome {
   const Token& token = m_oProgram.tokens[index];
@@ -89,6 +98,7 @@ auto PatternMatcher<StringType>::giveBack(std::size_t index) -> tOutcome {
   bool isNowhere = false;  // between the bottom of the stack and the position
   std::size_t found = m_nPosition;
   for (bool sought = false;; sought = true) {
+    assert(m_nRuns > 0);  // the bottom is fixed: the loop ends there
     Run& top = m_pRuns[m_nRuns - 1];
     const Token& topToken = m_oProgram.tokens[top.token];
     if (m_oProgram.areEqualRepeats(topToken, token))
@@ -115,8 +125,8 @@ auto PatternMatcher<StringType>::giveBack(std::size_t index) -> tOutcome {
   }
 }
 
-// Puts the match of a token at the position on the stack, with all its repetitions. One that
-// matches nothing is not repeated.
+// Puts the match of a token at the position on the stack, with all its repetitions. A match of
+// nothing is not repeated.
 template <typename StringType>
 void PatternMatcher<StringType>::push(std::size_t index) {
   const Token& token = m_oProgram.tokens[index];
@@ -133,9 +143,12 @@ void PatternMatcher<StringType>::push(std::size_t index) {
     m_nPosition = endOfHits(index, m_nPosition);
     run.count = m_nPosition - run.begin;
   }
+  assert(m_nRuns < m_oProgram.tokens.size() && m_nPosition <= m_sText.size());
   m_pRuns[m_nRuns++] = run;
 }
 
+// Whether no match of the required literal is left, which ends the search. Where the next one
+// stands is looked up again only when walks have passed it.
 template <typename StringType>
 bool PatternMatcher<StringType>::lacksRequired(std::size_t from) {
   if (m_oProgram.required == kNone)
@@ -194,6 +207,7 @@ std::size_t PatternMatcher<StringType>::firstMatch(const Token& token, std::size
 template <typename StringType>
 std::size_t PatternMatcher<StringType>::firstMiss(const Token& token, std::size_t from,
                                                   std::size_t to) const {
+  assert(widthOf(token) == 1 && to <= m_sText.size());
   if (token.type == ExpressionToken::ANY)
     return to;
   if (token.type == ExpressionToken::LITERAL_SEGMENT)
@@ -204,10 +218,11 @@ std::size_t PatternMatcher<StringType>::firstMiss(const Token& token, std::size_
   return from;
 }
 
-// The last position in [from, to) where a token matches. Requires: it is not an empty literal.
+// The last position in [from, to) where a token matches. Requires: the token is no empty literal.
 template <typename StringType>
 std::size_t PatternMatcher<StringType>::lastMatch(const Token& token, std::size_t from,
                                                   std::size_t to) const {
+  assert(widthOf(token) > 0);
   // Matches of nothing stand on the stack even at the end of the text.
   to = std::min(to, m_sText.size() - std::min(m_sText.size(), widthOf(token) - 1));
   if (token.type == ExpressionToken::ANY)
@@ -229,6 +244,8 @@ std::size_t PatternMatcher<StringType>::lastMatch(const Token& token, std::size_
   return kNone;
 }
 
+// Few searches take more than a few walks: only then is room made, and work done, for what a walk
+// can learn from those before it.
 template <typename StringType>
 void PatternMatcher<StringType>::beginLearning() {
   const std::size_t count = m_oProgram.tokens.size();
@@ -249,6 +266,8 @@ std::size_t PatternMatcher<StringType>::endOfHits(std::size_t index, std::size_t
   return hits.end;
 }
 
+// The same, for a stretch that is not known: the rest of the block at `from` is looked at, whole
+// blocks behind it are looked up, and the block that ends the stretch is looked at.
 template <typename StringType>
 std::size_t PatternMatcher<StringType>::endOfHitsByBlocks(std::size_t index, std::size_t from) {
   const Token& token = m_oProgram.tokens[index];
@@ -270,6 +289,7 @@ std::size_t PatternMatcher<StringType>::endOfHitsByBlocks(std::size_t index, std
 template <typename StringType>
 std::size_t PatternMatcher<StringType>::lastMatchBefore(std::size_t index, std::size_t to) {
   const Token& token = m_oProgram.tokens[index];
+  assert(m_nRuns > 0);
   const Run& bottom = m_pRuns[0];
   const std::size_t from =
       bottom.begin + std::min<std::size_t>(widthOf(m_oProgram.tokens[bottom.token]), 1);
@@ -293,10 +313,12 @@ std::size_t PatternMatcher<StringType>::lastMatchBefore(std::size_t index, std::
   return found;
 }
 
+// The last match in [from, to), by the same steps backwards.
 template <typename StringType>
 std::size_t PatternMatcher<StringType>::lastMatchByBlocks(std::size_t index, std::size_t from,
                                                           std::size_t to) {
   const Token& token = m_oProgram.tokens[index];
+  assert(from < to);
   const std::size_t near = std::max(from, (to - 1) / kBlock * kBlock);
   const std::size_t found = lastMatch(token, near, to);
   if (found != kNone || near == from)
@@ -313,46 +335,10 @@ std::size_t PatternMatcher<StringType>::lastMatchByBlocks(std::size_t index, std
 
 template <typename StringType>
 auto PatternMatcher<StringType>::blocksOf(std::size_t token) -> KnownBlocks& {
+  assert(token < m_oProgram.tokens.size());
   if (m_pBlocks == nullptr)
     m_pBlocks = std::make_unique<KnownBlocks[]>(m_oProgram.tokens.size());
   return m_pBlocks[token];
-}
-
-template <typename StringType>
-void PatternMatcher<StringType>::traceSearch(const Token& token, std::size_t from,
-                                             std::size_t found) const {
-  VarnLogRecord(kTraceLevel) << StringType(m_sText) << ".find ("
-                             << StringType(m_oProgram.textOf(token)) << ", " << from
-                             << ") = " << static_cast<unsigned int>(found);
-}
-
-template <typename StringType>
-void PatternMatcher<StringType>::traceStack() const {
-  const auto listed = m_oProgram.list();
-  VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::find: match stack begin";
-  std::size_t index = 0;
-  int previousLink = -1;
-  for (std::size_t i = 0; i < m_nRuns; ++i) {
-    const Run& run = m_pRuns[i];
-    const Token& token = m_oProgram.tokens[run.token];
-    const bool takesOverLink =
-        i > 0 && token.factor == ExpressionToken::ONE_OR_MORE &&
-        !m_oProgram.areEqualRepeats(m_oProgram.tokens[m_pRuns[i - 1].token], token);
-    for (std::size_t k = 0; k < run.count; ++k, ++index) {
-      if (k > 0 || !takesOverLink)
-        previousLink = static_cast<int>(index) - 1;
-      const std::size_t width = widthOf(token);
-      const typename Implementation::MatchToken entry{
-          StringType(m_sText.substr(run.begin + k, width)),
-          static_cast<unsigned int>(run.begin + k), static_cast<unsigned int>(width), previousLink,
-          listed[run.token]};
-      VarnLogRecord(kTraceLevel) << entry.text << " at " << entry.position << ", length "
-                                 << entry.length << ", back-link " << entry.backLink << ", type "
-                                 << static_cast<int>(entry.token.type) << ", factor "
-                                 << static_cast<int>(entry.token.factor);
-    }
-  }
-  VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::find: match stack end";
 }
 
 template class PatternMatcher<std::string>;

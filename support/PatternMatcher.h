@@ -3,6 +3,7 @@
 #define SUPPORT_PATTERNMATCHER_H
 
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -50,8 +51,11 @@ class PatternMatcher {
   bool walk(std::size_t start);
 
   // After a walk to the end. Whether the anchors hold is another question.
-  std::size_t position() const { return m_pRuns[0].begin; }
-  std::size_t length() const { return m_nPosition - m_pRuns[0].begin; }
+  std::size_t position() const {
+    assert(m_nRuns > 0);
+    return m_pRuns[0].begin;
+  }
+  std::size_t length() const { return m_nPosition - position(); }
   bool anchorsHold(std::size_t start) const {
     const auto& tokens = m_oProgram.tokens;
     return (tokens.front().type != ExpressionToken::BEGIN || position() == start) &&

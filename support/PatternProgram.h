@@ -4,7 +4,6 @@
 #define SUPPORT_PATTERNPROGRAM_H
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <forward_list>
@@ -137,8 +136,7 @@ struct PatternProgram : private ProgramMemory {
   // When the first token is a single character: a literal that begins close behind it in all
   // matches.
   std::size_t second = kNone;
-  std::size_t farthest = 0;                // how far behind at most
-  std::atomic<std::int64_t> leftTakes{0};  // see SharedProgram
+  std::size_t farthest = 0;  // how far behind at most
 
  private:
   static constexpr std::size_t kClose = 4;

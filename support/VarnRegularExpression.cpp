@@ -1,3 +1,7 @@
+// An expression is one word (ProgramSlot) that holds the program of its pattern. A search takes the
+// program that is current when it begins and keeps it to its end, so that patterns may be set while
+// others search. compile() builds the new program aside and puts it in place at once; the one that
+// it replaces goes with the last search that uses it.
 #include "VarnSupport/VarnRegularExpression.h"
 
 #include <memory>
@@ -5,8 +9,7 @@
 
 #include "Cancellation.h"
 #include "PatternMatcher.h"
-#include "PatternProgram.h"
-#include "SharedProgram.h"
+#include "ProgramSlot.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLogging.h"
 
@@ -38,6 +41,8 @@ unsigned int findWith(PatternMatcher<StringType>& matcher, unsigned int& length,
 
 }  // namespace
 
+// A copy gets a program of its own: the takes of a program are counted in the one word that holds
+// it.
 template <typename StringType>
 VarnRegularExpressionImplementation<StringType>::VarnRegularExpressionImplementation() = default;
 
@@ -53,30 +58,32 @@ auto VarnRegularExpressionImplementation<StringType>::operator=(
   if (this == &source)
     return *this;
   const CancellationGuard closed;
-  const Program copied(source.m_nProgram);
-  using Copy = typename Program::Program;
-  Program::replace(m_nProgram, copied.get() != nullptr ? std::make_unique<Copy>(*copied)
-                                                       : std::make_unique<Copy>());
+  const ProgramUse<StringType> copied(source.m_nProgram);
+  using Slot = ProgramSlot<StringType>;
+  using Entry = typename Slot::Entry;
+  Slot(m_nProgram)
+      .replace(copied.isEmpty() ? std::make_unique<Entry>() : std::make_unique<Entry>(*copied));
   return *this;
 }
 
 template <typename StringType>
 VarnRegularExpressionImplementation<StringType>::~VarnRegularExpressionImplementation() {
   const QuietCancellationGuard closed;
-  Program::clear(m_nProgram);
+  ProgramSlot<StringType>(m_nProgram).clear();
 }
 
 template <typename StringType>
 bool VarnRegularExpressionImplementation<StringType>::compile(const StringType& pattern,
                                                               std::string& error) {
   const CancellationGuard closed;
-  auto program = std::make_unique<typename Program::Program>();
-  const char* const fault = program->compile(pattern);
+  using Slot = ProgramSlot<StringType>;
+  auto made = std::make_unique<typename Slot::Entry>();
+  const char* const fault = made->program.compile(pattern);
   if (fault == nullptr)
-    program->pattern = pattern;
-  else if (const Program replaced(m_nProgram); replaced.get() != nullptr)
-    program->pattern = replaced->pattern;
-  Program::replace(m_nProgram, std::move(program));
+    made->program.pattern = pattern;
+  else if (const ProgramUse<StringType> replaced(m_nProgram); !replaced.isEmpty())
+    made->program.pattern = replaced->pattern;
+  Slot(m_nProgram).replace(std::move(made));
   if (fault != nullptr)
     error = fault;
   return fault == nullptr;
@@ -87,8 +94,8 @@ unsigned int VarnRegularExpressionImplementation<StringType>::find(const StringT
                                                                    unsigned int& length,
                                                                    unsigned int start) const {
   const CancellationGuard closed;
-  const Program program(m_nProgram);
-  if (program.get() == nullptr)
+  const ProgramUse<StringType> program(m_nProgram);
+  if (program.isEmpty())
     return npos;
   PatternMatcher<StringType> matcher(*program, text, VarnLogging::admits(kTraceLevel));
   return findWith(matcher, length, start);
@@ -106,11 +113,10 @@ void VarnRegularExpressionImplementation<StringType>::print() const {
   if (!VarnLogging::admits(kTraceLevel))
     return;
   const CancellationGuard closed;
-  const Program program(m_nProgram);
-  const bool isEmpty = program.get() == nullptr;
+  const ProgramUse<StringType> program(m_nProgram);
   VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::print: pattern "
-                             << (isEmpty ? StringType() : program->pattern);
-  if (isEmpty)
+                             << (program.isEmpty() ? StringType() : program->pattern);
+  if (program.isEmpty())
     return;
   for (const ExpressionToken& token : program->list())
     VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::print: type "
@@ -164,8 +170,8 @@ StringType VarnRegularExpression<StringType>::replace(const StringType& text,
                                                       Occurrence occurrence,
                                                       unsigned int start) const {
   const CancellationGuard closed;
-  const typename VarnRegularExpression::Program program(this->m_nProgram);
-  if (program.get() == nullptr)
+  const ProgramUse<StringType> program(this->m_nProgram);
+  if (program.isEmpty())
     return text;
   PatternMatcher<StringType> matcher(*program, text, VarnLogging::admits(kTraceLevel));
   StringType result;

@@ -24,9 +24,6 @@
 
 namespace VarnSupport {
 
-template <typename StringType>
-class SharedProgram;
-
 // The searching half of VarnRegularExpression.
 template <typename StringType>
 class VSUPT_EXPORT VarnRegularExpressionImplementation {
@@ -79,8 +76,6 @@ class VSUPT_EXPORT VarnRegularExpressionImplementation {
   // On a bad pattern `error` says what is wrong, and false is returned: the tokens read before the
   // error are in force then, while the stored pattern stays the old one; callers rely on it.
   bool compile(const StringType& pattern, std::string& error);
-
-  using Program = SharedProgram<StringType>;
 
   // The token list, with the last pattern that compiled. It never changes: searches share it.
   mutable std::atomic<std::uint64_t> m_nProgram{0};

@@ -1,11 +1,17 @@
+// A set is a map from keys to the list of their values, which is never empty, under one lock. What
+// a caller gives or gets is copied under that lock; logging, reading and writing files happen
+// outside of it, so that a slow disk holds nobody up. A file is read in blocks of lines: other
+// threads see a load that is under way block by block, as if each line had been added by itself.
 #include "VarnSupport/VarnProperties.h"
 
 #include <algorithm>
+#include <cassert>
 #include <functional>
 
 #include "BriefHold.h"
 #include "Cancellation.h"
 #include "PropertyFile.h"
+#include "PropertyLine.h"
 #include "ReferenceExpansion.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLogging.h"
@@ -32,51 +38,6 @@ void logFile(const char* step, const std::string& fileName) {
 // The global level is exactly the trace level.
 bool isTracing() {
   return VarnLogging::admits(kTraceLevel) && !VarnLogging::admits(kTraceLevel + 1);
-}
-
-// A line taken apart. There is no key when the line holds no property.
-template <typename StringType>
-struct Line {
-  using CharT = typename StringType::value_type;
-  using tView = std::basic_string_view<CharT>;
-  using tKey = std::basic_string_view<CharT, typename StringType::traits_type>;
-
-  Line(tView line, CharT separator);
-
-  static std::size_t positionOf(CharT separator, tView line);
-  static tView valueBehind(std::size_t position, tView line);
-
-  tKey key;
-  tView value;
-};
-
-template <typename StringType>
-Line<StringType>::Line(tView line, CharT separator) {
-  if (line.empty() || line.front() == CharT('#'))
-    return;
-  const std::size_t position = positionOf(separator, line);
-  key = tKey(line.data(), std::min(position, line.size()));
-  if (position != line.npos)
-    value = valueBehind(position, line);
-}
-
-// Case-insensitive sets find a separator in either case; what comes before the letters has but one.
-template <typename StringType>
-std::size_t Line<StringType>::positionOf(CharT separator, tView line) {
-  return separator < CharT('A') ? line.find(separator)
-                                : tKey(line.data(), line.size()).find(separator);
-}
-
-// The value ends at the line's first carriage return, or else at its first line feed. Where that
-// stands before the separator, it runs to the end of the line; callers rely on it.
-template <typename StringType>
-auto Line<StringType>::valueBehind(std::size_t position, tView line) -> tView {
-  std::size_t end = line.find(CharT('\r'));
-  if (end == line.npos)
-    end = line.find(CharT('\n'));
-  if (end > position)
-    line = line.substr(0, end);
-  return line.substr(std::min(line.find_first_not_of(CharT(' '), position + 1), line.size()));
 }
 
 }  // namespace
@@ -112,6 +73,7 @@ VarnProperties<StringType>& VarnProperties<StringType>::operator=(const VarnProp
   return *this;
 }
 
+// The map is emptied here, where cancellation is closed; members go after this body.
 template <typename StringType>
 VarnProperties<StringType>::~VarnProperties() {
   const QuietCancellationGuard closed;
@@ -130,6 +92,7 @@ StringType VarnProperties<StringType>::getProperty(const StringType& key) const 
   throw VarnPropertyNotFound(key);
 }
 
+// The reference is to a value inside of the set, good until somebody changes that.
 template <typename StringType>
 const StringType& VarnProperties<StringType>::getProperty(const StringType& key,
                                                           const StringType& defaultValue) const {
@@ -184,7 +147,7 @@ void VarnProperties<StringType>::addProperty(const StringType& key, const String
 template <typename StringType>
 void VarnProperties<StringType>::addProperty(const StringType& line, CharT separator) {
   const CancellationGuard closed;
-  const Line<StringType> property(tView(line.data(), line.size()), separator);
+  const PropertyLine<StringType> property(tView(line.data(), line.size()), separator);
   const StringType key(property.key);
   if (key.empty())
     return;
@@ -192,6 +155,7 @@ void VarnProperties<StringType>::addProperty(const StringType& line, CharT separ
   addLocked(key, property.value);
 }
 
+// The whole line is the key, and the value is empty.
 template <typename StringType>
 void VarnProperties<StringType>::addPropertyforWSmanDA(const StringType& line) {
   const CancellationGuard closed;
@@ -219,6 +183,7 @@ void VarnProperties<StringType>::removeProperty(const StringType& key) {
   m_mapProperties.erase(key);
 }
 
+// The walk is over a copy: the iterator may change the set.
 template <typename StringType>
 void VarnProperties<StringType>::forEach(VarnPropertyIterator<StringType>& iterator) {
   const CancellationGuard closed;
@@ -247,6 +212,7 @@ bool VarnProperties<StringType>::loadPropertiesImpl(const std::string& fileName,
   std::vector<tView> lines;
   while (file.nextLines(lines))
     addLines(lines, separator);
+  // The list is of the whole set, not of what this file has brought.
   if (isTracing()) {
     for (const auto& [name, values] : getProperties())
       VarnLogRecord(kTraceLevel) << "DebugPrintProperty: " << name << "=" << values.front() << " ("
@@ -255,6 +221,7 @@ bool VarnProperties<StringType>::loadPropertiesImpl(const std::string& fileName,
   return true;
 }
 
+// Null entries are no lines.
 template <typename StringType>
 void VarnProperties<StringType>::loadProperties(const CharT** lines, int count, CharT separator) {
   const CancellationGuard closed;
@@ -286,6 +253,8 @@ bool VarnProperties<StringType>::saveProperties(const std::string& fileName) {
   return true;
 }
 
+// Lines are made in memory first, under the lock, and written without it. A failed write ends the
+// file, and is no failure of the call.
 template <typename StringType>
 bool VarnProperties<StringType>::savePropertiesImpl(const std::string& fileName) {
   const CancellationGuard closed;
@@ -305,12 +274,14 @@ bool VarnProperties<StringType>::savePropertiesImpl(const std::string& fileName)
 template <typename StringType>
 const StringType* VarnProperties<StringType>::firstValueLocked(const StringType& key) const {
   const auto found = m_mapProperties.find(key);
+  assert(found == m_mapProperties.end() || !found->second.empty());
   return found != m_mapProperties.end() ? &found->second.front() : nullptr;
 }
 
 // Keys often come in order: the end is tried before the search.
 template <typename StringType>
 void VarnProperties<StringType>::addLocked(const StringType& key, tView value) {
+  assert(!key.empty());
   const auto less = m_mapProperties.key_comp();
   auto place = m_mapProperties.end();
   if (!m_mapProperties.empty() && !less(std::prev(place)->first, key))
@@ -330,17 +301,16 @@ void VarnProperties<StringType>::addLocked(const StringType& key, tView value) {
 // side by side in memory. Lines of one key keep their order.
 template <typename StringType>
 void VarnProperties<StringType>::addLines(const std::vector<tView>& lines, CharT separator) {
-  std::vector<Line<StringType>> properties;
+  std::vector<PropertyLine<StringType>> properties;
   properties.reserve(lines.size());
   for (const tView line : lines)
     properties.emplace_back(line, separator);
-  const auto byKey = [](const Line<StringType>& left, const Line<StringType>& right) {
-    return left.key < right.key;
-  };
+  const auto byKey = [](const PropertyLine<StringType>& left,
+                        const PropertyLine<StringType>& right) { return left.key < right.key; };
   if (!std::is_sorted(properties.begin(), properties.end(), byKey))
     std::stable_sort(properties.begin(), properties.end(), byKey);
   StringType key;
-  for (const Line<StringType>& property : properties) {
+  for (const PropertyLine<StringType>& property : properties) {
     if (property.key.empty())
       continue;
     key = property.key;
@@ -361,6 +331,7 @@ std::vector<StringType> VarnProperties<StringType>::blocksOfLines() const {
     if (blocks.empty() || blocks.back().capacity() - blocks.back().size() < length)
       blocks.emplace_back().reserve(std::max(length, kBlockCharacters));
     StringType& block = blocks.back();
+    assert(block.capacity() - block.size() >= length);
     block += key;
     block += CharT('=');
     block += value;

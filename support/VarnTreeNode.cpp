@@ -17,8 +17,8 @@
 #include <utility>
 
 #include "Cancellation.h"
-#include "DelimiterSet.h"
 #include "ThreadScope.h"
+#include "TreePath.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLogging.h"
 #include "VarnSupport/VarnStringUtilities.h"
@@ -56,57 +56,12 @@ void releaseAll(std::vector<VarnTreeNode*> nodes) {
   }
 }
 
-std::string_view withoutBlanks(std::string_view key) {
-  key.remove_prefix(std::min(key.find_first_not_of(' '), key.size()));
-  key.remove_suffix(key.size() - (key.find_last_not_of(' ') + 1));
-  return key;
-}
-
-// The keys of a path that is one text, split as VarnTokenizer() does, but without a copy of each.
-class TextPath {
- public:
-  TextPath(const std::string& text, const char* delimiters)
-      : m_pAt(text.c_str()), m_oDelimiters(delimiters != nullptr ? delimiters : "") {}
-
-  // The next key, or nothing at the end.
-  std::optional<std::string_view> next() {
-    while (m_oDelimiters.holds(*m_pAt))
-      ++m_pAt;
-    const char* const begin = m_pAt;
-    while (*m_pAt != '\0' && !m_oDelimiters.holds(*m_pAt))
-      ++m_pAt;
-    if (m_pAt == begin)
-      return std::nullopt;
-    return withoutBlanks({begin, static_cast<std::size_t>(m_pAt - begin)});
-  }
-
- private:
-  const char* m_pAt;
-  DelimiterSet m_oDelimiters;
-};
-
-// The keys of a path that is a list.
-class ListPath {
- public:
-  explicit ListPath(const std::vector<std::string>& keys) : m_vKeys(keys) {}
-
-  std::optional<std::string_view> next() {
-    if (m_nUsed == m_vKeys.size())
-      return std::nullopt;
-    return withoutBlanks(m_vKeys[m_nUsed++]);
-  }
-  std::size_t used() const { return m_nUsed; }
-
- private:
-  const std::vector<std::string>& m_vKeys;
-  std::size_t m_nUsed = 0;
-};
-
 // Any class with this in its run-time type name counts, wherever it stands; callers rely on it.
 bool isPlain(const VarnTreeNode& node) {
   return std::strstr(typeid(node).name(), "VarnTreeNode") != nullptr;
 }
 
+// A level above 9 turns printing off; callers rely on it.
 bool printingIsOn() {
   constexpr int tracing = 9;
   const VarnLogging* const log = VarnLogging::getInstance();
@@ -134,6 +89,7 @@ VarnTreeNode::VarnTreeNode(const VarnTreeNode& source)
   m_nOrder.store(source.m_nOrder.load(std::memory_order_relaxed), std::memory_order_relaxed);
 }
 
+// By a copy, so that the children of before are released last: one of them may hold the source.
 VarnTreeNode& VarnTreeNode::operator=(const VarnTreeNode& source) {
   if (this == &source)
     return *this;
@@ -151,6 +107,7 @@ VarnTreeNode& VarnTreeNode::operator=(const std::string& key) {
   return *this;
 }
 
+// A tree that goes by its root goes without recursion: see releaseAll().
 VarnTreeNode::~VarnTreeNode() {
   const QuietCancellationGuard closed;
   releaseAll(std::move(m_vChildren));
@@ -162,11 +119,13 @@ void VarnTreeNode::setKey(const std::string& key) {
   keyChanged();
 }
 
+// Nodes that never were children cannot break an order.
 void VarnTreeNode::keyChanged() {
   if (m_bIsChild.load(std::memory_order_relaxed))
     keyChanges.fetch_add(1, std::memory_order_relaxed);
 }
 
+// Threads that look things up at once may all find out the same; the last one's answer stays.
 bool VarnTreeNode::isSorted() const {
   const std::uint64_t now = keyChanges.load(std::memory_order_relaxed);
   std::uint64_t order = m_nOrder.load(std::memory_order_relaxed);
@@ -208,7 +167,10 @@ std::size_t VarnTreeNode::findPlaceFor(const std::string& key) const {
   return static_cast<std::size_t>(place - m_vChildren.begin());
 }
 
+// Takes a reference to `node` for the child that it becomes. A node that does not fit between its
+// neighbours marks the order as broken.
 void VarnTreeNode::place(std::size_t position, VarnTreeNode* node) {
+  assert(position <= m_vChildren.size() && node != nullptr);
   m_vChildren.insert(m_vChildren.begin() + static_cast<std::ptrdiff_t>(position), node);
   node->addRef();
   node->m_bIsChild.store(true, std::memory_order_relaxed);
@@ -220,7 +182,9 @@ void VarnTreeNode::place(std::size_t position, VarnTreeNode* node) {
                    std::memory_order_relaxed);
 }
 
+// The child leaves the list before it is released: the destructor of the child may use this node.
 void VarnTreeNode::remove(std::size_t position) {
+  assert(position < m_vChildren.size());
   const auto entry = m_vChildren.begin() + static_cast<std::ptrdiff_t>(position);
   VarnTreeNode* const node = *entry;
   m_vChildren.erase(entry);
@@ -318,6 +282,8 @@ VarnTreeNode* VarnTreeNode::addPath(VarnTreeNode* node, Path path) {
 
 // Puts `node` in the place of a child with the same key, whose children it gets instead of its own.
 VarnTreeNode* VarnTreeNode::replace(VarnTreeNode* existing, VarnTreeNode* node) {
+  assert(existing != node && m_vChildren[find(existing->m_sKey)] == existing);
+  // The old node goes last, as its destructor may use the tree.
   const VarnSmartPointer<VarnTreeNode> kept(existing);
   const std::string key(existing->m_sKey);
   node->setKey(key);

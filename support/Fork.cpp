@@ -10,6 +10,7 @@
 #include "BriefGate.h"
 #include "BriefHold.h"
 #include "Cancellation.h"
+#include "NeverDestroyed.h"
 #include "SignalRelay.h"
 
 namespace VarnSupport {
@@ -67,8 +68,8 @@ void installForkHandlers() {
 }
 
 void keepForever(const void* object) {
-  static auto& kept = *new std::vector<const void*>;
-  kept.push_back(object);
+  static constinit NeverDestroyed<std::vector<const void*>> kept;
+  kept.value.push_back(object);
 }
 
 }  // namespace VarnSupport

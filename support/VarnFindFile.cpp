@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::size_t kWorkingDirectorySize = 4096;
 
+// A working directory whose name is too long is opened by its short name.
 DIR* openFolder(const std::string& folder) {
   if (!folder.empty())
     return opendir(folder.c_str());
@@ -66,6 +67,7 @@ std::string FindFileImplementation::next() {
   return found;
 }
 
+// Most searches are for everything: no name is matched then.
 void FindFileImplementation::findNext() {
   const bool all = m_sPattern == "*";
   do {
@@ -110,13 +112,11 @@ VarnFindFile::~VarnFindFile() {
   delete m_pImplementation;
 }
 
-bool VarnFindFile::hasMore() {
-  return m_pImplementation != nullptr && m_pImplementation->hasMore();
-}
+bool VarnFindFile::hasMore() { return m_pImplementation->hasMore(); }
 
 std::string VarnFindFile::next() {
   const CancellationGuard closed;
-  return m_pImplementation != nullptr ? m_pImplementation->next() : std::string();
+  return m_pImplementation->next();
 }
 
 }  // namespace VarnSupport

@@ -1,12 +1,24 @@
+// The tables are fixed data; the maps are what callers may look into and change, and are filled
+// from the tables only when an application asks for it. The default locale is that of the
+// environment at the time of loading: a later change of the environment, or of the global locale,
+// does not reach it.
 #include "VarnSupport/VarnLocaleFactory.h"
 
 #include <exception>
 
 #include "Cancellation.h"
+#include "NeverDestroyed.h"
 
 namespace VarnSupport {
 
 namespace {
+
+// What the exported references stand for. Threads that outlive main() still build exception texts.
+NeverDestroyed<std::map<std::string, std::string>> languageData;
+NeverDestroyed<std::map<std::string, VarnLocaleFactory::Language>> languageCodeData;
+NeverDestroyed<std::map<VarnLocaleFactory::Language, std::string>> localeData;
+NeverDestroyed<std::map<std::string, std::string>> countryData;
+NeverDestroyed<std::locale> defaultLocale(GetAppropriateLocaleObject());
 
 std::string codeOrName(const std::map<std::string, std::string>& codes, const std::string& name) {
   const auto found = codes.find(name);
@@ -34,14 +46,11 @@ const VarnLocaleFactory::CountryRow g_CountryTable[7] = {
     {"Taiwan", "TW"},
 };
 
-// None of these is ever destroyed: threads that outlive main() still build exception texts.
-std::map<std::string, std::string>& g_oLanguageData = *new std::map<std::string, std::string>;
-std::map<std::string, VarnLocaleFactory::Language>& g_oLanguageCodeData =
-    *new std::map<std::string, VarnLocaleFactory::Language>;
-std::map<VarnLocaleFactory::Language, std::string>& g_oLocaleData =
-    *new std::map<VarnLocaleFactory::Language, std::string>;
-std::map<std::string, std::string>& g_oCountryData = *new std::map<std::string, std::string>;
-std::locale& VarnLocaleFactory::m_oDefaultLocale = *new std::locale(GetAppropriateLocaleObject());
+std::map<std::string, std::string>& g_oLanguageData = languageData.value;
+std::map<std::string, VarnLocaleFactory::Language>& g_oLanguageCodeData = languageCodeData.value;
+std::map<VarnLocaleFactory::Language, std::string>& g_oLocaleData = localeData.value;
+std::map<std::string, std::string>& g_oCountryData = countryData.value;
+std::locale& VarnLocaleFactory::m_oDefaultLocale = defaultLocale.value;
 
 std::locale VarnLocaleFactory::getDefaultLocale(bool) { return m_oDefaultLocale; }
 

@@ -70,13 +70,8 @@ VarnReadWriteLock::VarnReadWriteLock(const VarnReadWriteLock& source) {
   m_pState = new VarnSmartPointer<RwLockImplementation>(*source.m_pState);
 }
 
-// Shares the source's lock and lets go of it again. The object, at which nobody may look any more,
-// simply keeps its own.
-VarnReadWriteLock& VarnReadWriteLock::operator=(const VarnReadWriteLock& source) {
-  if (this != &source)
-    static_cast<void>(VarnReadWriteLock(source));
-  return *this;
-}
+// Keeps the lock that the object has: nobody may look at the object any more.
+VarnReadWriteLock& VarnReadWriteLock::operator=(const VarnReadWriteLock&) { return *this; }
 
 VarnReadWriteLock::~VarnReadWriteLock() {
   const QuietCancellationGuard closed;

@@ -19,6 +19,7 @@
 
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -52,6 +53,7 @@ constexpr std::uint32_t kJanuary = 306;           // days from 1 March
 constexpr std::uint32_t kMarchOfCommonYear = 59;  // days from 1 January
 
 std::int64_t daysOf(std::int64_t year, std::uint32_t month, std::int64_t dayOfMonth) {
+  assert(month < 12);
   const std::int64_t marchYear = year - (month < 2 ? 1 : 0);
   const std::int64_t era =
       (marchYear >= 0 ? marchYear : marchYear - (kYearsOfEra - 1)) / kYearsOfEra;
@@ -75,6 +77,7 @@ void breakDown(std::int64_t seconds, std::tm& fields) {
   const std::uint32_t month = (5 * dayOfYear + 2) / 153;
   const bool isNextYear = dayOfYear >= kJanuary;
   const bool isLeapYear = yearOfEra % 4 == 0 && (yearOfEra % 100 != 0 || yearOfEra == 0);
+  assert(month < 12 && yearOfEra < kYearsOfEra);
   fields.tm_year = static_cast<int>(yearOfEra + era * kYearsOfEra + (isNextYear ? 1 : 0) - 1900);
   fields.tm_mon = static_cast<int>(isNextYear ? month - 10 : month + 2);
   fields.tm_mday = static_cast<int>(dayOfYear - (153 * month + 2) / 5 + 1);
@@ -130,7 +133,7 @@ class Zone {
 
 constinit Zone zone;
 
-// False for one that is too long.
+// Packs the text of TZ into words; false when it is too long.
 bool readName(const char* text, ZoneName& name) {
   const std::size_t length = strnlen(text, sizeof(name));
   name = {};
@@ -161,6 +164,7 @@ std::uint64_t Zone::number() {
              : rename(name);
 }
 
+// Reads the number before and after the words: they belong together when it is the same.
 bool Zone::isNamed(const ZoneName& name, std::uint64_t& number) const {
   number = m_nNumber.load(std::memory_order_acquire);
   for (std::size_t i = 0; i < name.size(); ++i) {
@@ -170,6 +174,7 @@ bool Zone::isNamed(const ZoneName& name, std::uint64_t& number) const {
   return number != 0 && number == m_nNumber.load(std::memory_order_relaxed);
 }
 
+// Begins a new zone under this name. Readers see the number 0 until all words are there.
 std::uint64_t Zone::rename(const ZoneName& name) {
   const std::lock_guard guard(systemLock);
   m_nNumber.store(0, std::memory_order_relaxed);
@@ -179,6 +184,7 @@ std::uint64_t Zone::rename(const ZoneName& name) {
   return m_nNewest;
 }
 
+// Without TZ the zone is a file, which an administrator may replace: looks at it once a second.
 bool Zone::mayHaveChanged(std::time_t now) {
   const std::lock_guard guard(systemLock);
   struct stat status {};
@@ -213,6 +219,12 @@ constexpr std::uint64_t kNotSteady = 0x7F;
 constexpr std::uint64_t kFirstKind = 0x80;
 constinit std::array<std::atomic<std::uint64_t>, kBlocks> blocks{};
 
+static_assert(kProbes <= static_cast<std::int64_t>(kNotSteady), "counts end before other states");
+static_assert(kFirstKind + std::tuple_size_v<decltype(kinds)> <= kStates + 1,
+              "each kind has a state");
+static_assert(kMargin >= 2 * kDay && kProbeStep <= 2 * kDay, "as close as the changes of a zone");
+
+// What the system says of a time. False when it cannot say, or the zone's name is too long to keep.
 bool ask(std::int64_t seconds, Kind& answer) {
   const std::time_t time = seconds;
   std::tm local{};
@@ -231,6 +243,7 @@ bool ask(std::int64_t seconds, Kind& answer) {
 
 // The state of a kind. Requires: systemLock is held.
 std::uint64_t stateOf(const Kind& kind) {
+  assert(kindCount <= kinds.size());
   std::size_t index = 0;
   while (index < kindCount && !(kinds[index] == kind))
     ++index;
@@ -241,7 +254,9 @@ std::uint64_t stateOf(const Kind& kind) {
   return kFirstKind + index;
 }
 
+// Asks the system about a block, its surroundings included, and returns the state that comes of it.
 std::uint64_t probe(std::int64_t block) {
+  assert(block >= kFirstBlock && block < kFirstBlock + kBlocks);
   const std::lock_guard guard(systemLock);
   tzset();
   std::int64_t time = block * kBlockLength - kMargin;
@@ -274,6 +289,7 @@ const Kind* steadyKind(std::uint64_t number, std::int64_t seconds) {
       return nullptr;  // the probe may be of another zone
     known.store(number << kStateBits | state, std::memory_order_release);
   }
+  assert(state < kFirstKind || state - kFirstKind < kinds.size());
   return state >= kFirstKind ? &kinds[state - kFirstKind] : nullptr;
 }
 

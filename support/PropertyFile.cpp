@@ -1,3 +1,9 @@
+// Characters come in blocks from a CharacterSource, and wait in one buffer for the end of their
+// line. Lines are views of that buffer, so that reading copies no text; only the rest of a line
+// that is not complete moves to the front. What is no regular file is read and written as lines
+// come, as at its other end somebody may wait for each.
+//
+// A wait for a file can be cancelled: the unwinding closes the file, and frees the buffers.
 #include "PropertyFile.h"
 
 #include <fcntl.h>
@@ -5,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <optional>
 
@@ -66,6 +73,7 @@ CharacterSource<CharT>::CharacterSource(const std::string& fileName)
 
 template <typename CharT>
 std::size_t CharacterSource<CharT>::read(CharT* to, std::size_t room) {
+  assert(room > 0 && m_oFile.isOpen());
   const BlockingCall cancellable;
   ssize_t count = 0;
   do
@@ -79,6 +87,7 @@ CharacterSource<wchar_t>::CharacterSource(const std::string& fileName)
 
 // Characters before one that cannot be converted are handed out first; the next call fails.
 std::size_t CharacterSource<wchar_t>::read(wchar_t* to, std::size_t room) {
+  assert(room > 0);
   const auto& conversion = std::use_facet<WideConversion>(m_oLocale);
   while (true) {
     const char* const begin = m_vBytes.data() + m_nBegin;
@@ -99,6 +108,7 @@ std::size_t CharacterSource<wchar_t>::read(wchar_t* to, std::size_t room) {
 // A character that is not complete yet moves to the front.
 bool CharacterSource<wchar_t>::fetchBytes() {
   std::copy(m_vBytes.data() + m_nBegin, m_vBytes.data() + m_nEnd, m_vBytes.data());
+  assert(m_nBegin <= m_nEnd);
   m_nEnd -= m_nBegin;
   m_nBegin = 0;
   if (m_nEnd == m_vBytes.size())
@@ -116,6 +126,8 @@ PropertyFileReader<CharT>::PropertyFileReader(const std::string& fileName)
     skipByteOrderMark();
 }
 
+// Regular files are read on until a large block is there, which sorts better than many small ones.
+// The rest of a file without a line feed is its last line.
 template <typename CharT>
 bool PropertyFileReader<CharT>::nextLines(std::vector<tLine>& lines) {
   lines.clear();
@@ -134,6 +146,7 @@ bool PropertyFileReader<CharT>::nextLines(std::vector<tLine>& lines) {
 // Appends a block to what is not handed out yet. False at the end.
 template <typename CharT>
 bool PropertyFileReader<CharT>::fetchBlock() {
+  assert(m_nBegin <= m_nSearched && m_nSearched <= m_nEnd);
   if (m_bEnded)
     return false;
   if (m_nBegin > 0) {
@@ -150,6 +163,7 @@ bool PropertyFileReader<CharT>::fetchBlock() {
   return !m_bEnded;
 }
 
+// A file that begins as UTF-16 does has its high halves dropped from there on.
 template <typename CharT>
 void PropertyFileReader<CharT>::skipByteOrderMark() {
   while (m_nEnd < 2 && fetchBlock()) {
@@ -175,9 +189,12 @@ std::size_t PropertyFileReader<CharT>::keepLowHalves(std::size_t begin, std::siz
     m_cLowHalf = half;
     m_bHasLowHalf = !m_bHasLowHalf;
   }
+  assert(kept <= end);
   return kept;
 }
 
+// Hands out complete lines. Lines of UTF-16 files end with a carriage return, too; others keep
+// theirs.
 template <typename CharT>
 void PropertyFileReader<CharT>::takeLines(std::vector<tLine>& lines) {
   const tLine text(m_vText.data(), m_nEnd);
@@ -213,6 +230,7 @@ bool PropertyFileWriter::write(std::string_view lines) {
 
 // A line that cannot be converted leaves nothing; those before it are written.
 bool PropertyFileWriter::write(std::wstring_view lines) {
+  assert(lines.empty() || lines.back() == L'\n');
   std::string bytes;
   bool converted = true;
   while (converted && !lines.empty()) {
@@ -223,6 +241,7 @@ bool PropertyFileWriter::write(std::wstring_view lines) {
   return write(bytes) && converted;
 }
 
+// Appends the bytes of a line; a line that cannot be converted appends nothing.
 bool PropertyFileWriter::encode(std::wstring_view line, std::string& bytes) {
   const auto& conversion = std::use_facet<WideConversion>(m_oLocale);
   const auto longest = static_cast<std::size_t>(std::max(conversion.max_length(), 1));
@@ -238,6 +257,7 @@ bool PropertyFileWriter::encode(std::wstring_view line, std::string& bytes) {
   return whole;
 }
 
+// A write that is cut short goes on where it ended.
 bool PropertyFileWriter::writeBytes(std::string_view bytes) {
   const BlockingCall cancellable;
   while (!bytes.empty()) {

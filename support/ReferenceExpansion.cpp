@@ -7,6 +7,7 @@
 
 #include <pthread.h>
 
+#include <cassert>
 #include <cstdlib>
 
 #include "Cancellation.h"
@@ -23,6 +24,7 @@ void trace(const char* step, const std::string& value) {
     VarnLogRecord(kTraceLevel) << "VarnExpandString: " << step << value;
 }
 
+// Replacements may bring references for ever: a thread that is killed leaves between two of them.
 void letCancellationBegin() {
   const BlockingCall cancellable;
   pthread_testcancel();
@@ -47,6 +49,7 @@ std::string expandReferences(const std::string& text,
     const std::size_t close = backwards.rfind('>', open);
     if (close == std::string::npos)
       break;
+    assert(close < open);  // backwards, what follows stands in front
     const auto begin = backwards.rbegin();
     const auto reference = backwards.rend() - static_cast<std::ptrdiff_t>(open) - 1;
     finished.append(begin, reference);

@@ -1,6 +1,10 @@
+// The buffer begins with room for a header, which buffer() fills in, and the unread bytes follow it
+// at a fixed place: what is read moves the rest to the front. size() reads the end, and reset()
+// moves it, without the lock.
 #include "VarnSupport/VarnBufferStream.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -26,6 +30,14 @@ unsigned char* duplicate(const void* bytes, std::uint32_t size) {
   return static_cast<unsigned char*>(copy);
 }
 
+// Whether bytes that a caller hands over lie apart from the buffer, which may move under them.
+[[maybe_unused]] bool isApart(const void* data, std::uint64_t size, const unsigned char* buffer,
+                              std::uint32_t capacity) {
+  const auto first = reinterpret_cast<std::uintptr_t>(data);
+  const auto begin = reinterpret_cast<std::uintptr_t>(buffer);
+  return first >= begin + capacity || first + size <= begin;
+}
+
 }  // namespace
 
 VarnBufferStream::VarnBufferStream(unsigned long growthStep)
@@ -34,6 +46,7 @@ VarnBufferStream::VarnBufferStream(unsigned long growthStep)
     m_nGrowthStep = kDefaultGrowthStep;
 }
 
+// Bytes that are too few for a header make an empty stream.
 VarnBufferStream::VarnBufferStream(const void* bytes, unsigned int size) : VarnBufferStream(size) {
   const CancellationGuard closed;
   if (bytes == nullptr || size < kHeaderSize)
@@ -53,6 +66,8 @@ VarnBufferStream::VarnBufferStream(const VarnBufferStream& source)
   m_nCapacity = source.m_nCapacity;
 }
 
+// The copy locks the source, and only then this stream is locked: two streams may be assigned to
+// each other at the same time.
 VarnBufferStream& VarnBufferStream::operator=(const VarnBufferStream& source) {
   if (this == &source)
     return *this;
@@ -71,6 +86,7 @@ VarnBufferStream::~VarnBufferStream() {
   std::free(m_pBuffer);
 }
 
+// The buffer is kept for what comes next.
 void VarnBufferStream::reset() { m_nEnd.store(m_nReadPosition, std::memory_order_relaxed); }
 
 unsigned VarnBufferStream::read(void* data, unsigned elementSize, unsigned count) {
@@ -93,10 +109,12 @@ unsigned VarnBufferStream::copyOut(void* data, unsigned elementSize, unsigned co
   const BriefHold hold(m_oLock);
   // One look at the end: reset() may move it meanwhile.
   const std::uint32_t end = m_nEnd.load(std::memory_order_relaxed);
+  assert(end >= m_nReadPosition);
   const std::uint32_t unread = end - m_nReadPosition;
   if (wanted > kLargest || wanted == 0 || unread == 0)
     return 0;
   const auto moved = static_cast<std::uint32_t>(std::min<std::uint64_t>(wanted, unread));
+  assert(isApart(data, moved, m_pBuffer, m_nCapacity));
   unsigned char* const front = m_pBuffer + m_nReadPosition;
   std::memcpy(data, front, moved);
   if (remove) {
@@ -107,12 +125,14 @@ unsigned VarnBufferStream::copyOut(void* data, unsigned elementSize, unsigned co
   return moved;
 }
 
+// All of the bytes or none: what is there stays whole when there is no memory.
 unsigned VarnBufferStream::append(const void* data, unsigned elementSize, unsigned count) {
   const std::uint64_t added = std::uint64_t{elementSize} * count;
   const BriefHold hold(m_oLock);
   const std::uint32_t end = m_nEnd.load(std::memory_order_relaxed);
   if (added > kLargest || (end + added > m_nCapacity && !growLocked(added, end + added)))
     return 0;
+  assert(end + added <= m_nCapacity);
   if (added > 0)
     std::memcpy(m_pBuffer + end, data, added);
   m_nEnd.store(static_cast<std::uint32_t>(end + added), std::memory_order_relaxed);
@@ -122,6 +142,7 @@ unsigned VarnBufferStream::append(const void* data, unsigned elementSize, unsign
 // A whole number of steps, and more of them than the data alone needs: the first write also makes
 // room for the header.
 bool VarnBufferStream::growLocked(std::uint64_t added, std::uint64_t needed) {
+  assert(needed > m_nCapacity && m_nGrowthStep > 0);
   const std::uint64_t step = m_nGrowthStep;
   std::uint64_t capacity = m_nCapacity + (added / step + 1) * step;
   if (capacity < needed)

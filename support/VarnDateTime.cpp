@@ -67,6 +67,7 @@ const char* const VarnDateTime::abbrevMonthNames[12] = {"Jan", "Feb", "Mar", "Ap
                                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 constinit std::atomic<std::uint32_t> VarnDateTime::m_objectCounter{0};
 
+// A present time that no object can hold, as the year is beyond 32 bits, leaves 1 January 1970.
 VarnDateTime::VarnDateTime() : m_oLocale(VarnLocaleFactory::getDefaultLocale(true)) {
   const CancellationGuard closed;
   std::tm now{};
@@ -75,6 +76,7 @@ VarnDateTime::VarnDateTime() : m_oLocale(VarnLocaleFactory::getDefaultLocale(tru
   adjustInstanceId();
 }
 
+// The locale member is left to its default, the global locale.
 VarnDateTime::VarnDateTime(const VarnDateTime& source) { *this = source; }
 
 VarnDateTime& VarnDateTime::operator=(const VarnDateTime& source) {
@@ -160,6 +162,8 @@ bool VarnDateTime::setDateTimeFromStrImpl(const std::string& text, std::string& 
   return true;
 }
 
+// The first normalising finds out whether the sum exists at all; what comes of it is then validated
+// as any other time, under the daylight-saving rule that the system has found.
 bool VarnDateTime::modifyDate(FieldId_t field, int amount, std::string& error) {
   static constexpr int std::tm::*members[] = {&std::tm::tm_mon,  &std::tm::tm_mday,
                                               &std::tm::tm_year, &std::tm::tm_hour,
@@ -216,6 +220,7 @@ bool VarnDateTime::setDayImpl(unsigned int day, std::string& error) const {
   return validateDateTime(time, error);
 }
 
+// A year that only the system's counting from 1900 can hold would overflow in store().
 bool VarnDateTime::validateDateTime(const std::tm& time, std::string& error) {
   const CancellationGuard closed;
   std::tm copy = time;
@@ -291,6 +296,7 @@ std::wstring VarnDateTime::toString(const std::locale& locale) const {
   return formatDateAndTime(localTime(), locale);
 }
 
+// Where the year of UTC does not fit, the local fields are what is formatted.
 std::wstring VarnDateTime::toGMTString() const {
   const CancellationGuard closed;
   const std::time_t time = getTime();

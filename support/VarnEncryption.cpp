@@ -1,3 +1,6 @@
+// Blowfish. initialize() spreads a key over the subkeys and boxes; each mode is a loop over whole
+// blocks that cryptData() chooses; a last block that is not whole goes through a buffer of its own.
+//
 // The 16 rounds of a block are one chain of dependent table look-ups, so a single block leaves most
 // of the processor idle. Where blocks do not depend on each other (the codebook, and deciphering a
 // chain) several go through the rounds side by side; the loops over them are unrolled, and halves
@@ -5,6 +8,7 @@
 #include "VarnSupport/VarnEncryption.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <iterator>
 #include <limits>
@@ -61,6 +65,7 @@ struct Blocks {
 
 using Block = Blocks<1>;
 
+// The function of the cipher's rounds: the four boxes, each looked up by one byte of the half.
 std::uint32_t mix(const Schedule& schedule, std::uint32_t half) {
   const auto& s = schedule.s;
   return ((s[0][half >> 24] + s[1][half >> 16 & 0xFF]) ^ s[2][half >> 8 & 0xFF]) +
@@ -106,6 +111,7 @@ using Loop = void (*)(const Schedule& schedule, Block& chaining, const unsigned 
 template <bool Encipher>
 void cryptCodebook(const Schedule& schedule, Block&, const unsigned char* in, unsigned char* out,
                    std::size_t size) {
+  assert(size % kBlockSize == 0);
   std::size_t at = 0;
   for (; size - at >= kSideBySide * kBlockSize; at += kSideBySide * kBlockSize) {
     Blocks<kSideBySide> blocks;
@@ -121,8 +127,10 @@ void cryptCodebook(const Schedule& schedule, Block&, const unsigned char* in, un
   }
 }
 
+// Each block waits for the one before it: there is nothing to do side by side.
 void encipherChain(const Schedule& schedule, Block& chaining, const unsigned char* in,
                    unsigned char* out, std::size_t size) {
+  assert(size % kBlockSize == 0);
   Block running = chaining;
   for (std::size_t at = 0; at < size; at += kBlockSize) {
     Block plain;
@@ -135,6 +143,8 @@ void encipherChain(const Schedule& schedule, Block& chaining, const unsigned cha
   chaining = running;
 }
 
+// Deciphers `Count` blocks of a chain at once: all that each needs of the block before it is its
+// cipher.
 template <std::size_t Count>
 void decipherLinks(const Schedule& schedule, Block& chaining, const unsigned char* in,
                    unsigned char* out) {
@@ -152,6 +162,7 @@ void decipherLinks(const Schedule& schedule, Block& chaining, const unsigned cha
 
 void decipherChain(const Schedule& schedule, Block& chaining, const unsigned char* in,
                    unsigned char* out, std::size_t size) {
+  assert(size % kBlockSize == 0);
   std::size_t at = 0;
   for (; size - at >= kSideBySide * kBlockSize; at += kSideBySide * kBlockSize)
     decipherLinks<kSideBySide>(schedule, chaining, in + at, out + at);
@@ -211,6 +222,7 @@ bool VarnEncryption::decryptDataImpl(const std::string& key, const std::string& 
 
 VarnEncryption::Strength VarnEncryption::getStrength() const { return m_eStrength; }
 
+// The key schedule stays, but the next call makes its own.
 void VarnEncryption::setStrength(const Strength& strength) {
   m_eStrength = strength;
   m_oChaining = SBlock();
@@ -235,6 +247,7 @@ void VarnEncryption::initialize(const std::string& key, const unsigned& keyLengt
   for (std::size_t i = 0; i <= kLastSubkey; ++i) {
     std::uint32_t word = 0;
     for (int byte = 0; byte < 4; ++byte) {
+      assert(at < key.size());
       word = word << 8 | static_cast<unsigned char>(key[at]);
       at = at + 1 < keyLength ? at + 1 : 0;
     }
@@ -242,6 +255,7 @@ void VarnEncryption::initialize(const std::string& key, const unsigned& keyLengt
   }
   const Schedule schedule{m_aP, m_aS};
   Block block{};
+  // Subkeys and boxes become what a zero block goes through as it is enciphered again and again.
   const auto replace = [&](std::uint32_t* words, std::size_t count) {
     for (std::size_t i = 0; i < count; i += 2) {
       crypt<true>(schedule, block);
@@ -294,12 +308,10 @@ bool VarnEncryption::cryptData(std::string key, const std::string& input, std::s
     error = "The key passed is empty";
     return false;
   }
+  // The length has 32 bits; no more than 72 bytes of the key count anyway.
   constexpr std::size_t longest = std::numeric_limits<unsigned>::max();
   initialize(key, static_cast<unsigned>(std::min(key.size(), longest)), m_eMode, m_oChaining);
-  if (!m_bInitialized) {
-    error = "Not properly initialized";
-    return false;
-  }
+  assert(m_bInitialized && m_eMode <= MODE_CBC);
   static constexpr Loop loops[2][2] = {{cryptCodebook<false>, cryptCodebook<true>},
                                        {decipherChain, encipherChain}};
   const Loop loop = loops[m_eMode][encipher ? 1 : 0];
@@ -307,8 +319,10 @@ bool VarnEncryption::cryptData(std::string key, const std::string& input, std::s
   Block chaining{{m_oChaining.m_nLeft}, {m_oChaining.m_nRight}};
   const auto* const in = reinterpret_cast<const unsigned char*>(input.data());
   auto* const out = reinterpret_cast<unsigned char*>(output.data());
+  assert(output.size() >= input.size());
   const std::size_t whole = input.size() / kBlockSize * kBlockSize;
   loop(schedule, chaining, in, out, whole);
+  // A copy of the last bytes is padded with zeros. Of its cipher as much is kept as has a place.
   if (whole < input.size()) {
     unsigned char last[kBlockSize] = {};
     std::copy(in + whole, in + input.size(), last);
@@ -318,6 +332,7 @@ bool VarnEncryption::cryptData(std::string key, const std::string& input, std::s
   return true;
 }
 
+// The mark that says initialized is not copied; callers rely on it.
 void VarnEncryption::copyValues(const VarnEncryption& source) {
   const CancellationGuard closed;
   m_sKey = source.m_sKey;

@@ -1,6 +1,10 @@
+// Both kinds of input, an argument vector and a command line, are walked by one parse(): a command
+// line is split into elements first. Options become properties. An option with two dashes is a long
+// one; with a single dash it is looked for among the long names first, and then as a letter.
 #include "VarnSupport/VarnProgramOptions.h"
 
 #include <algorithm>
+#include <cassert>
 #include <climits>
 #include <string_view>
 #include <utility>
@@ -47,6 +51,7 @@ Declaration declarationOf(std::string_view name, std::string_view longSpec) {
   return declaration;
 }
 
+// The first element, which a program may be started without.
 std::string programName(int argc, char** argv) {
   const bool named = argc > 0 && argv != nullptr && argv[0] != nullptr;
   return named ? std::string(argv[0]) : std::string();
@@ -55,6 +60,7 @@ std::string programName(int argc, char** argv) {
 }  // namespace
 
 // A token without quotes is but the simplest case.
+// Inside quotes delimiters are text, and a quote that is doubled stands for itself.
 template <typename StringType>
 StringType VarnCmdLineTokenizer<StringType>::next() {
   const CancellationGuard closed;
@@ -66,6 +72,7 @@ StringType VarnCmdLineTokenizer<StringType>::next() {
   for (; position < m_sText.size(); ++position) {
     const auto c = m_sText[position];
     if (quote != m_sText.npos) {
+      assert(quote < position);
       const bool ends = c == m_sText[quote];
       const bool doubled = ends && position + 1 < m_sText.size() && m_sText[position + 1] == c;
       if (doubled)
@@ -115,6 +122,7 @@ VarnProgramOptions::VarnProgramOptions(const VarnProgramOptions& source) { *this
 
 VarnProgramOptions& VarnProgramOptions::operator=(const VarnProgramOptions& source) {
   const CancellationGuard closed;
+  // Copies are made first, so that a failure leaves this object as it was.
   std::string name(source.m_sName);
   std::deque<std::string> arguments(source.m_vArguments);
   m_oOptions = source.m_oOptions;
@@ -158,10 +166,13 @@ void VarnProgramOptions::parse(const std::string& commandLine, const std::string
   elements.reserve(tokens.size() + 1);
   for (std::string& token : tokens)
     elements.push_back(token.data());
+  assert(elements.size() <= INT_MAX);
   parse(static_cast<int>(elements.size()), elements.data(), shortSpec, longSpec, validate,
         allowSlash);
 }
 
+// An option that is declared with data does not get any here, as the data would stand in an element
+// of its own: it is left out; callers rely on it.
 bool VarnProgramOptions::longOption(const std::string& option, const std::string& longSpec,
                                     bool validate) {
   const CancellationGuard closed;
@@ -206,6 +217,7 @@ bool VarnProgramOptions::singleOption(const std::string& option, const char* nex
     m_oOptions.addProperty(option, dataOf(option, next));
     return true;
   }
+  assert(declaration == Declaration::None);
   const char letter = option.c_str()[0];
   const std::string name(1, letter);
   const std::size_t declared = shortSpec.find(letter);
@@ -220,6 +232,8 @@ bool VarnProgramOptions::singleOption(const std::string& option, const char* nex
   return true;
 }
 
+// Without quotes the text is split at blanks. A quote that begins a token, or stands behind a
+// quoted part, begins a part that is taken as it is; within other text it is a character.
 void VarnParseCommandLine(const std::string& commandLine, std::vector<std::string>& out) {
   const CancellationGuard closed;
   if (commandLine.empty())

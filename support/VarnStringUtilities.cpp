@@ -1,6 +1,10 @@
+// Tokens are split by one function for all forms, which differ in what ends a token and in what
+// becomes of its delimiter. Hexadecimal digits are worked out without tables or branches, so that
+// the compiler can do many at once; what is no digit gives some nibble, as there is no test for it.
 #include "VarnSupport/VarnStringUtilities.h"
 
 #include <algorithm>
+#include <cassert>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -58,6 +62,7 @@ Result upToNul(const Text& text, const Facet& facet, Conversion convert) {
 // [text, end) goes on like that, but not too much for a guess.
 std::size_t expectedTokens(std::size_t found, const char* begin, const char* text,
                            const char* end) {
+  assert(begin <= text && text <= end);
   constexpr std::size_t first = 8;
   constexpr std::size_t mostGrowth = 16;
   if (found == 0)
@@ -119,6 +124,7 @@ std::uint8_t highNibbleOf(char digit) {
 }
 
 char digitOf(int nibble) {
+  assert(nibble >= 0 && nibble <= 0x0F);
   const auto value = static_cast<std::int8_t>(nibble);
   return static_cast<char>(value + '0' + (value > 9 ? 'A' - '9' - 1 : 0));
 }
@@ -129,6 +135,7 @@ UnconvertingCtype::UnconvertingCtype(unsigned int references) : std::ctype<wchar
 
 UnconvertingCtype::~UnconvertingCtype() = default;
 
+// Conversions of ranges return where they began, as though nothing had to be written.
 const char* UnconvertingCtype::do_widen(const char* low, const char*, wchar_t*) const {
   return low;
 }
@@ -149,6 +156,7 @@ utf8_ctype::utf8_ctype(unsigned int references) : UnconvertingCtype(references) 
 
 utf8_ctype::~utf8_ctype() = default;
 
+// Where no other character is found, npos + 1 is an end of 0, which leaves nothing.
 template <typename StringT>
 StringT VarnStringUtilities::trim(const StringT& text, const StringT& chars, tTrimOption option) {
   const CancellationGuard closed;
@@ -195,6 +203,7 @@ void VarnTokenizer(char* list, std::vector<std::string>& tokens) {
   tokens = std::move(found);
 }
 
+// Two NULs: one for the last string, one for the list.
 void VarnTokenizer(const std::string& list, std::vector<std::string>& tokens) {
   const CancellationGuard closed;
   std::string closedList(list);
@@ -233,6 +242,7 @@ std::string VarnExtractFirstString(const std::string& line, std::string& rest) {
 
 int VarnHexToBytes(char* out, const std::string& hex) {
   const std::size_t count = std::min<std::size_t>(hex.size() / 2, INT_MAX);
+  assert(count == 0 || out != nullptr);
   const char* const digits = hex.data();
   for (std::size_t i = 0; i < count; ++i)
     out[i] = static_cast<char>(highNibbleOf(digits[2 * i]) << 4 | lowNibbleOf(digits[2 * i + 1]));
@@ -252,6 +262,7 @@ std::string VarnBytesToHex(const char* bytes, int length) {
   return hex;
 }
 
+// A negative size is a huge one here, and passes; callers rely on it.
 char* VarnStringToChar(const std::string& text, char* buffer, int size) {
   if (buffer == nullptr || static_cast<std::size_t>(size) <= text.size())
     return nullptr;

@@ -1,6 +1,9 @@
+// A text is fields between dots: numbers, and at the end perhaps a suffix. Only the first character
+// of a field is looked at to tell the two apart, so that "1.2b" has the components 1 and 2.
 #include "VarnSupport/VarnVersion.h"
 
 #include <algorithm>
+#include <cassert>
 #include <charconv>
 #include <limits>
 #include <string_view>
@@ -19,8 +22,9 @@ bool isNumeric(std::string_view field) {
   return !field.empty() && field.front() >= '0' && field.front() <= '9';
 }
 
-// Requires: the field is numeric.
+// What no component can hold becomes the largest one. Requires: the field is numeric.
 std::int32_t valueOf(std::string_view field) {
+  assert(isNumeric(field));
   std::int32_t value = 0;
   const auto result = std::from_chars(field.data(), field.data() + field.size(), value);
   return result.ec == std::errc() ? value : std::numeric_limits<std::int32_t>::max();
@@ -30,6 +34,7 @@ using Texts = std::pair<std::string, std::string>;
 
 // The texts of an entry's low and high version.
 Texts endsOf(const std::string& entry, const std::string& specification) {
+  assert(!entry.empty());  // tokens never are
   if (entry.front() != '{')
     return {entry, std::string()};
   const std::size_t separator = entry.find('-');
@@ -59,6 +64,8 @@ VarnVersion& VarnVersion::operator=(const std::string& text) {
   return *this;
 }
 
+// A field that begins with a blank, or has no digit in front and is not the last, is an error.
+// Components before the fault stay.
 void VarnVersion::parse(const std::string& text) {
   const CancellationGuard closed;
   if (text.empty())
@@ -94,6 +101,7 @@ std::string VarnVersion::toString() const {
 
 bool VarnVersion::isInit() const { return !m_vComponents.empty() || !m_sSuffix.empty(); }
 
+// Components that one of the two does not have count as 0. The suffix decides last, byte by byte.
 unsigned int VarnVersion::compare(const VarnVersion& a, const VarnVersion& b) {
   const std::size_t length = std::max(a.m_vComponents.size(), b.m_vComponents.size());
   for (std::size_t i = 0; i < length; ++i) {
@@ -113,6 +121,7 @@ std::vector<std::pair<VarnVersion, VarnVersion>> VarnVersion::createRangeVector(
   const CancellationGuard closed;
   std::vector<std::string> entries;
   VarnTokenizer(specification, ",", entries);
+  // All entries are split before any version is made: of two faults the split is reported.
   std::vector<Texts> texts;
   texts.reserve(entries.size());
   for (const std::string& entry : entries)

@@ -25,6 +25,10 @@
 
 namespace VarnSupport {
 
+// Defined here, where the compiler can make constants of what monthIndex() compares with.
+const char* const VarnDateTime::abbrevMonthNames[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+
 namespace {
 
 constexpr char kIncorrectRfc[] = "Incorrect RFC1123 DateTime format";
@@ -225,21 +229,17 @@ int monthIndex(std::string_view name) {
   return 0;
 }
 
-DateForm dateFormOf(const std::string& text) {
-  if (text.find(',') != std::string::npos)
-    return DateForm::RFC1123;
-  return text.find('/') != std::string::npos ? DateForm::NUMERIC : DateForm::NAMED;
-}
-
-const char* readDate(const std::string& text, DateForm form, DateParts& parts) {
-  switch (form) {
-    case DateForm::RFC1123:
-      return readRfcText(text, parts);
-    case DateForm::NUMERIC:
-      return readNumericText(text, parts);
-    default:
-      return readNamedText(text, parts);
+const char* readDate(const std::string& text, DateForm& form, DateParts& parts) {
+  if (text.find(',') != std::string::npos) {
+    form = DateForm::RFC1123;
+    return readRfcText(text, parts);
   }
+  if (text.find('/') != std::string::npos) {
+    form = DateForm::NUMERIC;
+    return readNumericText(text, parts);
+  }
+  form = DateForm::NAMED;
+  return readNamedText(text, parts);
 }
 
 std::wstring formatTime(const std::tm& time, const std::locale& locale, const wchar_t* format) {

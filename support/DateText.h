@@ -26,18 +26,16 @@ struct DateParts {
 // The forms of VarnDateTime::setDateTime().
 enum class DateForm { RFC1123, NUMERIC, NAMED };
 
-// The form that a text is read in: a comma, or else a slash, anywhere in it decides.
-DateForm dateFormOf(const std::string& text);
-
 // Whether a member of a broken-down time can hold a number.
 inline bool fitsInt(std::int64_t value) {
   return value >= std::numeric_limits<std::int32_t>::min() &&
          value <= std::numeric_limits<std::int32_t>::max();
 }
 
-// Reads `text` in a form. Returns what is wrong with the text, or null. Each number of `parts` fits
-// 32 bits, but for a month of the numeric form, which may be one less.
-const char* readDate(const std::string& text, DateForm form, DateParts& parts);
+// Reads `text` in the form that a comma, or else a slash, anywhere in it tells. Returns what is
+// wrong with the text, or null. Each number of `parts` fits 32 bits, but for a month of the numeric
+// form, which may be one less.
+const char* readDate(const std::string& text, DateForm& form, DateParts& parts);
 
 // The index of a name in VarnDateTime::abbrevMonthNames, exactly as written there; 0, January, for
 // any other.

@@ -26,7 +26,8 @@ class ProgramSlot {
  public:
   using Word = std::atomic<std::uint64_t>;
 
-  // A program with the count of takes that were left to it.
+  // A program with the count of takes that were left to it. Made "for overwrite": a program has
+  // much memory that need not be zeros.
   struct Entry {
     Entry() = default;
     explicit Entry(const PatternProgram<StringType>& source) : program(source) {}

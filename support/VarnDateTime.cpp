@@ -63,8 +63,6 @@ std::string shiftMessage(std::int64_t fieldAndAmount) {
 
 }  // namespace
 
-const char* const VarnDateTime::abbrevMonthNames[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 constinit std::atomic<std::uint32_t> VarnDateTime::m_objectCounter{0};
 
 // A present time that no object can hold, as the year is beyond 32 bits, leaves 1 January 1970.
@@ -129,7 +127,7 @@ bool VarnDateTime::setDateTimeImpl(unsigned int day, unsigned int month, unsigne
 bool VarnDateTime::setDateTime(const std::string& text, std::string& error) {
   const CancellationGuard closed;
   DateParts parts;
-  const DateForm form = dateFormOf(text);
+  DateForm form{};
   if (const char* const problem = readDate(text, form, parts)) {
     error = problem;
     return false;

@@ -62,7 +62,8 @@ auto VarnRegularExpressionImplementation<StringType>::operator=(
   using Slot = ProgramSlot<StringType>;
   using Entry = typename Slot::Entry;
   Slot(m_nProgram)
-      .replace(copied.isEmpty() ? std::make_unique<Entry>() : std::make_unique<Entry>(*copied));
+      .replace(copied.isEmpty() ? std::make_unique_for_overwrite<Entry>()
+                                : std::make_unique<Entry>(*copied));
   return *this;
 }
 
@@ -77,7 +78,7 @@ bool VarnRegularExpressionImplementation<StringType>::compile(const StringType& 
                                                               std::string& error) {
   const CancellationGuard closed;
   using Slot = ProgramSlot<StringType>;
-  auto made = std::make_unique<typename Slot::Entry>();
+  auto made = std::make_unique_for_overwrite<typename Slot::Entry>();
   const char* const fault = made->program.compile(pattern);
   if (fault == nullptr)
     made->program.pattern = pattern;

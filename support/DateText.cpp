@@ -150,9 +150,8 @@ class Formatter {
   explicit Formatter(const std::locale& locale)
       : m_oLocale(locale),
         m_oFacet(std::use_facet<std::time_put<wchar_t>>(m_oLocale)),
-        m_bStandard(typeid(m_oFacet) == typeid(std::time_put<wchar_t>) &&
-                    typeid(std::use_facet<std::ctype<wchar_t>>(m_oLocale)) ==
-                        typeid(std::ctype<wchar_t>)) {
+        m_bStandard(hasStandard<std::time_put<wchar_t>>(locale) &&
+                    hasStandard<std::ctype<wchar_t>>(locale)) {
     m_oStream.imbue(locale);
   }
 
@@ -190,7 +189,14 @@ class Formatter {
   }
 
  private:
-  static constexpr std::ios_base::fmtflags kPlainFlags = std::ios_base::skipws | std::ios_base::dec;
+  template <typename Facet>
+  static bool hasStandard(const std::locale& locale) {
+    const auto& facet = std::use_facet<Facet>(locale);
+    return typeid(facet) == typeid(Facet);
+  }
+
+  [[maybe_unused]] static constexpr std::ios_base::fmtflags kPlainFlags =
+      std::ios_base::skipws | std::ios_base::dec;
 
   std::locale m_oLocale;
   const std::time_put<wchar_t>& m_oFacet;

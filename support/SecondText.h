@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -18,7 +19,7 @@ namespace VarnSupport {
 // several threads at once.
 class SecondText {
  public:
-  // "20240131_23:59:59" for the current local time.
+  // "20240131_23:59:59" for the current local time; all zeros for a time that no calendar reaches.
   std::string_view now() {
     const std::time_t second = std::time(nullptr);
     const char* const zone = std::getenv("TZ");
@@ -29,10 +30,16 @@ class SecondText {
     m_bZoneSet = zone != nullptr;
     m_sZone = zone != nullptr ? zone : "";
     std::tm time{};
-    toLocalTime(second, time);
-    const int length = std::snprintf(m_aText.data(), m_aText.size(), "%04d%02d%02d_%02d:%02d:%02d",
-                                     time.tm_year + 1900, time.tm_mon + 1, time.tm_mday,
-                                     time.tm_hour, time.tm_min, time.tm_sec);
+    std::int64_t year = 0;
+    if (toLocalTime(second, time)) {
+      year = std::int64_t{time.tm_year} + 1900;
+      ++time.tm_mon;
+    } else {
+      time = {};
+    }
+    const int length = std::snprintf(m_aText.data(), m_aText.size(), "%04jd%02d%02d_%02d:%02d:%02d",
+                                     std::intmax_t{year}, time.tm_mon, time.tm_mday, time.tm_hour,
+                                     time.tm_min, time.tm_sec);
     m_nLength = static_cast<std::size_t>(length);
     return {m_aText.data(), m_nLength};
   }

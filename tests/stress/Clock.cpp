@@ -52,3 +52,15 @@ TEST(ClockStress, APeriodicTimerOutlivesAStopOfTheProcess) {
   });
   EXPECT_EQ(0, outcome);
 }
+
+TEST(ClockStress, TheLogWritesYearsBeyondTheCalendarsAndZerosWhereNoneIsLeft) {
+  FileLog log(5);
+  const auto dateAt = [&](long time) {
+    clockOffset += time - std::time(nullptr);
+    VarnLogRecord(5) << "text";
+    clockOffset = 0;
+    return log.lines().back();
+  };
+  EXPECT_TRUE(dateAt(67768036191500000).starts_with("214748554712"));
+  EXPECT_TRUE(dateAt(67768036191800000).starts_with("00000000_00:00:00 5 Global "));
+}

@@ -97,6 +97,11 @@ void addOurs() {
     if (VarnLogging::admits(5))
       VarnLogRecord("Worker", 5) << "run: started " << count << " jobs, all of them on time";
   });
+  addSuppressed("ours, older form", [](int count) {
+    if (VarnLogging::isAccessAllowed() && VarnLogging::getInstance()->getLogLevel() >= 9)
+      *VarnLogging::getInstance() << VarnSupport::setloglevel("Worker", 9) << "run: started "
+                                  << count << VarnSupport::endrecord;
+  });
   addSuppressed("ours", [](int count) {
     if (VarnLogging::admits(9))
       VarnLogRecord("Worker", 9) << "run: started " << count << " jobs, all of them on time";

@@ -1,150 +1,71 @@
+// The log as its callers see it, and the older form of its records. What a record is built in, and
+// how it is written, is in LogState.h; how values become text is in LogValues.cpp.
 #include "VarnSupport/VarnLogging.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <charconv>
-#include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <new>
 #include <string_view>
+#include <utility>
 
-#include "BriefHold.h"
 #include "Cancellation.h"
-#include "Fork.h"
-#include "SecondText.h"
-#include "VarnSupport/VarnException.h"
-#include "VarnSupport/VarnLocaleFactory.h"
+#include "LogState.h"
+#include "LogTarget.h"
 
 namespace VarnSupport {
 
 namespace {
 
 constexpr long kIdleMilliseconds = 60000;
-constexpr int kLevelOff = -1;
-constexpr int kHighestLevel = 9;
-constexpr int kNoLog = INT_MIN;
-constexpr useconds_t kLookMicroseconds = 1000;
-
-// What all logs share, behind one lock that is never held while user code runs: it guards the
-// registration, the targets and tables of every log, and the writing.
-struct Sink {
-  std::mutex mutex;
-  std::string line;
-  SecondText second;
-  std::string nothing;
-};
-
-Sink& sink = *new Sink;  // never destroyed: threads that outlive main() still log
-
-// Whole records that the calling thread has open.
-constinit thread_local int t_nOwnRecords = 0;
-
-template <typename T>
-void appendNumber(std::string& text, T value) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value);
-  text.append(digits, end.ptr);
-}
-
-// "%04d%02d%02d_%02d:%02d:%02d %d %-10s [%d] " of the time, the level, the label and the thread.
-void appendHeader(std::string& line, int level, const char* label) {
-  constexpr std::size_t labelWidth = 10;
-  const std::size_t labelLength = std::strlen(label);
-  line += sink.second.now();
-  line += ' ';
-  appendNumber(line, level);
-  line += ' ';
-  line.append(label, labelLength);
-  if (labelLength < labelWidth)
-    line.append(labelWidth - labelLength, ' ');
-  line += " [";
-  appendNumber(line, static_cast<int>(pthread_self()));
-  line += "] ";
-}
-
-// One write. One that a signal interrupts goes on; other errors end it, unreported.
-void writeAll(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(descriptor, text.data(), text.size());
-    if (written > 0)
-      text.remove_prefix(static_cast<std::size_t>(written));
-    else if (written == 0 || errno != EINTR)
-      break;
-  }
-}
-
-// The same, after what the program itself has left in its standard output.
-void writeToStandardOutput(std::string_view text) {
-  flockfile(stdout);
-  fflush_unlocked(stdout);
-  const int descriptor = fileno_unlocked(stdout);
-  if (descriptor >= 0) {
-    writeAll(descriptor, text);
-  } else {
-    fwrite_unlocked(text.data(), 1, text.size(), stdout);
-    fflush_unlocked(stdout);
-  }
-  funlockfile(stdout);
-}
-
-// The file is closed on exec and, where this creates it, never wider than 0644: a daemon's mask is
-// 0.
-std::FILE* openForWriting(const std::string& name) {
-  const int descriptor = open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  if (descriptor >= 0)
-    close(descriptor);
-  return std::fopen(name.c_str(), "we");
-}
 
 }  // namespace
 
-constinit std::atomic<VarnLogging*> VarnLogging::m_pInstance{nullptr};
-constinit std::atomic<int> VarnLogging::m_nAdmittedLevel{kNoLog};
+// Programs that were built while it was no inline function look for it in the library.
+[[gnu::used]] VarnLogging* (*const keptGetInstance)() = &VarnLogging::getInstance;
 
-void VarnLogging::setInstance(VarnLogging& log) {
+VarnLogging* VarnLogging::Registration::operator=(VarnLogging* log) {
   const CancellationGuard closed;
-  const std::lock_guard guard(sink.mutex);
-  m_pInstance = &log;
-  log.publishLevelLocked();
+  if (log != nullptr)
+    State::makeValueLog();
+  const std::lock_guard guard(State::m_oTables);
+  State::registerLocked(log);
+  return log;
 }
 
-VarnLogging* VarnLogging::getInstance() { return m_pInstance; }
+void VarnLogging::setInstance(VarnLogging& log) { m_pInstance = &log; }
 
-VarnLogging::VarnLogging() : VarnLogging("log", kToStandardOutput, kLevelOff) {}
+VarnLogging::VarnLogging() : VarnLogging("log", kToStandardOutput, State::kLevelOff) {}
 
 VarnLogging::VarnLogging(const std::string& fileName, int target, int level)
     : m_nTarget(target),
       m_nLogLevel(level),
-      m_pRecord(std::make_unique<std::ostringstream>()),
       m_oIdleTimer(kIdleMilliseconds, false),
       m_sBaseName(fileName) {
-  m_oRecordLock.init();
+  const QuietCancellationGuard closed;
   m_oIdleTimer.addDependent(*this);
+  State::Owner state = State::attachTo(*this);
+  m_pState = state.get();
+  m_pState->target = target;
+  m_oRecordLock = m_pState->lock;
   VarnLogging::startLogging();
+  static_cast<void>(state.release());
 }
 
+// Nobody new comes in once the registration is withdrawn and the idle timer is stopped.
 VarnLogging::~VarnLogging() {
   const QuietCancellationGuard closed;
   {
-    const std::lock_guard guard(sink.mutex);
-    if (m_pInstance == this) {
-      m_pInstance = nullptr;
-      m_nAdmittedLevel = kNoLog;
-    }
+    const std::lock_guard guard(State::m_oTables);
+    if (m_pInstance == this)
+      State::registerLocked(nullptr);
   }
-  // Nobody new comes in from here on: neither by the registration nor by the idle timer.
   m_oIdleTimer.removeDependent(*this);
   m_oIdleTimer.stopAndWait();
   m_oRecordLock.unwind();
-  m_bEnding = true;
-  for (int users = m_nUsers; users > t_nOwnRecords; users = m_nUsers)
-    m_nUsers.wait(users);
-  if (m_pFile != nullptr)
-    std::fclose(m_pFile);
+  if (m_pState->awaitUsers())
+    m_pState->closeFile(*this);
+  m_pState->detach();
 }
 
 void VarnLogging::handleNotification(VarnCollaborator&, const VarnNotification&) {
@@ -158,12 +79,11 @@ void VarnLogging::startLogging() {
 }
 
 void VarnLogging::stopLogging(int newTarget) {
-  const CancellationGuard closed;
-  const std::lock_guard guard(sink.mutex);
-  if ((m_nTarget & kToFile) == 0 || (newTarget & kToFile) != 0 || m_pFile == nullptr)
+  if ((m_nTarget & kToFile) == 0 || (newTarget & kToFile) != 0 || !m_bFileOpen)
     return;
-  std::fclose(m_pFile);
-  m_pFile = nullptr;
+  const CancellationGuard closed;
+  const State::FileChange change(*m_pState);
+  m_pState->closeFile(*this);
 }
 
 void VarnLogging::setTarget(int target) {
@@ -171,12 +91,13 @@ void VarnLogging::setTarget(int target) {
     return;
   stopLogging(target);
   m_nTarget = target;
+  m_pState->target = target;
   startLogging();
 }
 
 void VarnLogging::openLogFile() {
   const CancellationGuard closed;
-  const std::lock_guard guard(sink.mutex);
+  const State::FileChange change(*m_pState);
   if (m_pFile != nullptr)
     return;
   std::string name = m_sBaseName.substr(0, m_sBaseName.rfind('.'));
@@ -185,31 +106,40 @@ void VarnLogging::openLogFile() {
   if (name.front() == '"')
     name.erase(0, 1);
   std::fprintf(stderr, "VarnLogging: Opening %s for logging...\n", name.c_str());
-  m_pFile = openForWriting(name);
+  m_pFile = openForRecords(name);
   if (m_pFile == nullptr) {
     const int error = errno;
     std::fprintf(stderr, "VarnLogging: Cannot open log file %s (%d)\n", name.c_str(), error);
+    return;
   }
+  m_pState->descriptor = fileno(m_pFile);
+  m_pState->torn = false;
+  m_bFileOpen = true;
 }
+
+void VarnLogging::State::closeFile(VarnLogging& log) {
+  log.m_bFileOpen = false;
+  descriptor = -1;
+  if (log.m_pFile != nullptr)
+    std::fclose(std::exchange(log.m_pFile, nullptr));
+}
+
+bool VarnLogging::isFileOpen() const { return m_bFileOpen; }
 
 void VarnLogging::setLogLevel(int level) {
-  if (level < kLevelOff || level > kHighestLevel)
+  if (level < State::kLevelOff || level > State::kHighestLevel)
     return;
   const CancellationGuard closed;
-  const std::lock_guard guard(sink.mutex);
+  const std::lock_guard guard(State::m_oTables);
   m_nLogLevel = level;
-  publishLevelLocked();
-}
-
-// Callers test one number, whether there is a log or not.
-void VarnLogging::publishLevelLocked() {
-  if (m_pInstance == this)
-    m_nAdmittedLevel = m_nLogLevel.load();
+  State::publishLevelsLocked(*this);
 }
 
 int VarnLogging::getLogLevel(const std::string& component) const {
+  if (m_nThresholds.load(std::memory_order_relaxed) == 0)
+    return m_nLogLevel;
   const CancellationGuard closed;
-  const std::lock_guard guard(sink.mutex);
+  const std::lock_guard guard(State::m_oTables);
   return levelOfLocked(component);
 }
 
@@ -219,18 +149,21 @@ int VarnLogging::levelOfLocked(const std::string& component) const {
 }
 
 void VarnLogging::setLogLevel(const std::string& component, int level) {
-  if (level < kLevelOff || level > kHighestLevel)
+  if (level < State::kLevelOff || level > State::kHighestLevel)
     return;
   const CancellationGuard closed;
-  const std::lock_guard guard(sink.mutex);
+  const std::lock_guard guard(State::m_oTables);
   m_mapLevels[component] = level;
+  m_nThresholds = static_cast<std::int32_t>(m_mapLevels.size());
+  State::publishLevelsLocked(*this);
 }
 
 void VarnLogging::setCurrentLevel(const std::string& component, int level) {
   const CancellationGuard closed;
   const VarnCriticalSection guard(m_oRecordLock, true);
-  if (level < kLevelOff)
+  if (level < State::kLevelOff)
     return;
+  m_pState->setAside(*this);
   m_sComponent = component;
   m_nCurrentLevel = level;
 }
@@ -240,105 +173,20 @@ void VarnLogging::setCurrentLevel(int level) { setCurrentLevel(std::string(), le
 bool VarnLogging::getLogAccess() {
   const CancellationGuard closed;
   m_oRecordLock.lock();
+  m_pState->setAside(*this);
   if (m_nLogLevel >= m_nCurrentLevel) {
     resetTimer();
+    State::t_pValueOf = m_pState;
     return true;
   }
   m_oRecordLock.unlock();
   return false;
 }
 
-// Nothing goes into a stream that a null pointer made bad.
-void VarnLogging::append(const char* text, std::size_t length) {
-  const CancellationGuard closed;
-  if (!m_pRecord->good())
-    return;
-  try {
-    m_pRecord->rdbuf()->sputn(text, static_cast<std::streamsize>(length));
-  } catch (const std::bad_alloc&) {
-    // What there is no room for is dropped.
-  }
-}
-
-void VarnLogging::put(const std::string& value) { append(value.data(), value.size()); }
-
-void VarnLogging::put(const ci_string& value) { append(value.data(), value.size()); }
-
-void VarnLogging::put(const std::wstring& value) {
-  const CancellationGuard closed;
-  try {
-    put(VarnStringUtilities::narrow(value, VarnLocaleFactory::getDefaultLocale(true)));
-  } catch (const VarnException&) {
-    // A text that cannot be converted is dropped: no exception leaves the log.
-  } catch (const std::bad_alloc&) {
-    // So is one that there is no memory for.
-  }
-}
-
-void VarnLogging::put(const ci_wstring& value) {
-  const CancellationGuard closed;
-  try {
-    put(std::wstring(value.data(), value.size()));
-  } catch (const std::bad_alloc&) {
-    // As above.
-  }
-}
-
-void VarnLogging::put(bool value) {
-  const std::string_view text = value ? "true" : "false";
-  append(text.data(), text.size());
-}
-
-template <typename T>
-void VarnLogging::putNumber(T value) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value);
-  append(digits, static_cast<std::size_t>(end.ptr - digits));
-}
-
-void VarnLogging::put(long value) { putNumber(value); }
-
-void VarnLogging::put(unsigned long value) { putNumber(value); }
-
-void VarnLogging::put(int value) { putNumber(value); }
-
-void VarnLogging::put(short value) { putNumber(value); }
-
-void VarnLogging::put(unsigned int value) { putNumber(value); }
-
-void VarnLogging::put(unsigned short value) { putNumber(value); }
-
-// As "%c" does into a text: a NUL adds nothing.
-void VarnLogging::put(char value) { append(&value, value != '\0' ? 1 : 0); }
-
-void VarnLogging::put(const void* value) {
-  const CancellationGuard closed;
-  char text[32];
-  append(text, static_cast<std::size_t>(std::snprintf(text, sizeof text, "%p", value)));
-}
-
-// The longest "%f" has 309 digits before the point.
-void VarnLogging::put(double value) {
-  const CancellationGuard closed;
-  char text[400];
-  append(text, static_cast<std::size_t>(std::snprintf(text, sizeof text, "%f", value)));
-}
-
-void VarnLogging::put(float value) { put(static_cast<double>(value)); }
-
-void VarnLogging::put(const char* value) {
-  if (value != nullptr)
-    append(value, std::strlen(value));
-  else
-    m_pRecord->setstate(std::ios_base::badbit);  // for good; callers rely on it
-}
-
 void VarnLogging::endrecord() {
-  const CancellationGuard closed;
-  if (!m_oRecordLock.testAndSet())
-    return;
-  finishRecord();
-  m_oRecordLock.unwind();
+  const QuietCancellationGuard closed;
+  if (m_oRecordLock.testAndSet())
+    m_pState->endOlder(*this);
 }
 
 void VarnLogging::cancelTimer() {
@@ -357,158 +205,79 @@ void VarnLogging::resetTimer() {
   }
 }
 
-void VarnLogging::timerElapsed() {
-  endrecord();
-  if (isAccessAllowed() && m_nLogLevel > 8)
-    noteExpiry();
-}
+void VarnLogging::timerElapsed() { State::flush(this); }
 
-// The destructor of the log waits for this, so it must not wait for ever for an open record.
-void VarnLogging::noteExpiry() {
-  const CancellationGuard closed;
-  while (!m_oRecordLock.testAndSet()) {
-    if (m_bEnding)
-      return;
-    usleep(kLookMicroseconds);
-  }
-  m_nCurrentLevel = kDefaultRecordLevel;
-  m_sComponent.clear();
-  put("VarnLogging::timerElapsed: called (NOTE: This message only appears and repeats when "
-      "LogLevel = 9)");
-  finishRecord();
-  m_oRecordLock.unwind();
-}
-
-// Everything of endrecord() but the lock.
-void VarnLogging::finishRecord() {
-  cancelTimer();
+// Makes the line of what was collected, if the level of the component admits it; else that stays,
+// as it does when there is no memory for the line.
+bool VarnLogging::State::composeOlder(VarnLogging& log) {
+  const int threshold =
+      log.m_sComponent.empty() ? log.getLogLevel() : log.getLogLevel(log.m_sComponent);
+  if (log.m_nCurrentLevel > threshold && log.m_nCurrentLevel != 0)
+    return false;
   try {
-    writeRecord();
+    return compose(building->older, log.m_bHeader ? log.m_nCurrentLevel : 0, log.m_sComponent);
   } catch (const std::bad_alloc&) {
-    // Without memory for the line the record stays for the next one to lead.
+    return false;
   }
-  m_nCurrentLevel = kDefaultRecordLevel;
-  m_sComponent.clear();
 }
 
-// Writes what was collected, if the level of the component admits it; else it stays.
-void VarnLogging::writeRecord() {
-  const std::string_view text = m_pRecord->view();
-  if (text.empty())
+// The log may be gone as soon as the visit has ended.
+void VarnLogging::State::endOlder(VarnLogging& log, Visit* visit) {
+  setAside(log);
+  log.cancelTimer();
+  const bool passes = composeOlder(log);
+  log.m_nCurrentLevel = kDefaultRecordLevel;
+  log.m_sComponent.clear();
+  if (visit != nullptr)
+    visit->end();
+  if (passes)
+    write(building->older, 0);
+  const VarnLogRecord::Content* const around = openContent();
+  if (around == nullptr)
+    lock.unwind();
+  while (around != nullptr && lock.lockCount() > around->holds)
+    lock.unlock();
+}
+
+void VarnLogging::State::flush(VarnLogging* log) {
+  const CancellationGuard closed;
+  Visit visit(log);
+  State* const state = visit.state();
+  if (state == nullptr)
     return;
-  {
-    const std::lock_guard guard(sink.mutex);
-    const int threshold = m_sComponent.empty() ? m_nLogLevel.load() : levelOfLocked(m_sComponent);
-    if (m_nCurrentLevel > threshold && m_nCurrentLevel != 0)
-      return;
-    sink.line.clear();
-    if (m_bHeader && m_nCurrentLevel != 0)
-      appendHeader(sink.line, m_nCurrentLevel,
-                   m_sComponent.empty() ? "Global" : m_sComponent.c_str());
-    sink.line += text.substr(0, text.find('\0'));
-    sink.line += '\n';
-    const NoCancellation writing;
-    if ((m_nTarget & kToFile) != 0 && m_pFile != nullptr)
-      writeAll(fileno_unlocked(m_pFile), sink.line);
-    if ((m_nTarget & kToStandardOutput) != 0)
-      writeToStandardOutput(sink.line);
-  }
-  m_pRecord->str(sink.nothing);  // keeps its memory
+  const bool isNoted = isAccessAllowed() && log->m_nLogLevel > 8;
+  if (state->lock.testAndSet())
+    state->endOlder(*log, &visit);
+  visit.end();
+  if (isNoted)
+    state->noteExpiry(log);
 }
 
-// The registered log if it admits `level`; it cannot be destroyed before the record ends.
-VarnLogging* VarnLogging::pin(int level) {
-  const std::lock_guard guard(sink.mutex);
-  VarnLogging* const log = m_pInstance;
-  if (log == nullptr || log->m_nLogLevel < level)
-    return nullptr;
-  log->addUser();
-  ++t_nOwnRecords;
-  return log;
+// Waits for an open record without a visit, so that the end of the log does not wait for this.
+void VarnLogging::State::noteExpiry(VarnLogging* log) {
+  lock.lock();
+  Visit visit(log);
+  if (visit.state() != this) {
+    lock.unlock();
+    return;
+  }
+  setAside(*log);
+  log->m_nCurrentLevel = kDefaultRecordLevel;
+  log->m_sComponent.clear();
+  append(building->older,
+         "VarnLogging::timerElapsed: called (NOTE: This message only appears and repeats when "
+         "LogLevel = 9)");
+  endOlder(*log, &visit);
 }
 
 // Of the registered log: other threads cannot log then.
 bool VarnLogging::isRecordOpenOnThisThread() {
-  const std::lock_guard guard(sink.mutex);
-  VarnLogging* const log = m_pInstance;
-  if (log == nullptr || log->m_oRecordLock.lockCount() == 0 || !log->m_oRecordLock.testAndSet())
+  State* const state = State::m_pRegistered;
+  if (state == nullptr || state->lock.lockCount() == 0 || !state->lock.testAndSet())
     return false;
-  const bool isOpen = log->m_oRecordLock.lockCount() > 1;
-  log->m_oRecordLock.unlock();
+  const bool isOpen = state->lock.lockCount() > 1;
+  state->lock.unlock();
   return isOpen;
-}
-
-void VarnLogging::addUser() { m_nUsers.fetch_add(1); }
-
-// After the decrement the log may be gone: notify_all() takes an address and nothing else.
-void VarnLogging::dropUser() {
-  m_nUsers.fetch_sub(1);
-  m_nUsers.notify_all();
-}
-
-// What a record had collected when another one of the same thread began.
-struct VarnLogRecord::Outer {
-  std::string text;
-  std::string component;
-  int level;
-};
-
-VarnLogRecord::VarnLogRecord(int level) { begin(std::string(), level); }
-
-VarnLogRecord::VarnLogRecord(const std::string& component, int level) { begin(component, level); }
-
-void VarnLogRecord::begin(const std::string& component, int level) {
-  if (level < kLevelOff || !VarnLogging::admits(level))
-    return;
-  closeCancellation();
-  m_pLog = VarnLogging::pin(level);
-  if (m_pLog == nullptr) {
-    openCancellation();
-    return;
-  }
-  m_pLog->m_oRecordLock.lock();
-  try {
-    takeOver(component, level);
-  } catch (const std::bad_alloc&) {
-    // A record that there is no memory for is not admitted.
-    m_pLog->m_oRecordLock.unlock();
-    leave();
-    m_pLog = nullptr;
-  }
-}
-
-// Changes nothing when it throws.
-void VarnLogRecord::takeOver(const std::string& component, int level) {
-  std::string ownComponent(component);
-  if (m_pLog->m_oRecordLock.lockCount() > 1) {
-    m_pOuter = new Outer{m_pLog->m_pRecord->str(), std::string(), m_pLog->m_nCurrentLevel};
-    m_pOuter->component.swap(m_pLog->m_sComponent);
-    m_pLog->m_pRecord->str(std::string());
-  }
-  m_pLog->m_sComponent.swap(ownComponent);
-  m_pLog->m_nCurrentLevel = level;
-}
-
-VarnLogRecord::~VarnLogRecord() {
-  if (m_pLog == nullptr)
-    return;
-  m_pLog->finishRecord();
-  if (m_pOuter != nullptr) {
-    m_pLog->append(m_pOuter->text.data(), m_pOuter->text.size());
-    m_pLog->m_sComponent.swap(m_pOuter->component);
-    m_pLog->m_nCurrentLevel = m_pOuter->level;
-    delete m_pOuter;
-    m_pLog->m_oRecordLock.unlock();
-  } else {
-    m_pLog->m_oRecordLock.unwind();
-  }
-  leave();
-}
-
-void VarnLogRecord::leave() {
-  --t_nOwnRecords;
-  m_pLog->dropUser();
-  openCancellation();
 }
 
 VarnLogging& operator<<(VarnLogging& log, const VarnSetLogLevelManipulator& manipulator) {
@@ -534,14 +303,13 @@ VarnLogging& endrecord(VarnLogging& log) {
 }
 
 VarnLoggingEventTimerThread::VarnLoggingEventTimerThread(VarnLogging& log)
-    : VarnThread("VarnLoggingEventTimerThread"), m_pLog(&log) {
-  m_pLog->addUser();
-}
+    : VarnThread("VarnLoggingEventTimerThread"), m_pLog(&log) {}
 
-VarnLoggingEventTimerThread::~VarnLoggingEventTimerThread() { m_pLog->dropUser(); }
+VarnLoggingEventTimerThread::~VarnLoggingEventTimerThread() = default;
 
+// The log may be gone by now.
 int VarnLoggingEventTimerThread::run() {
-  m_pLog->timerElapsed();
+  VarnLogging::State::flush(m_pLog);
   return 0;
 }
 
@@ -555,29 +323,5 @@ void VarnLoggingEventTimerThread::launchFor(VarnLogging& log) {
     // The next expiry of the idle timer tries again.
   }
 }
-
-struct VarnLogging::Fork {
-  static void prepare() { sink.mutex.lock(); }
-  static void release(ForkSide side) {
-    VarnLogging* const log = m_pInstance;
-    if (side == ForkSide::CHILD && log != nullptr)
-      renew(*log);
-    sink.mutex.unlock();
-  }
-
- private:
-  // A record that another thread had open is the parent's; its text may be half changed.
-  static void renew(VarnLogging& log) VSUPT_UNCHECKED {
-    if (BriefHold::renewIfLost(log.m_oRecordLock)) {
-      keepForever(log.m_pRecord.release());
-      log.m_pRecord = std::make_unique<std::ostringstream>();
-      log.m_nCurrentLevel = kDefaultRecordLevel;
-      log.m_sComponent.clear();
-    }
-    log.m_nUsers = t_nOwnRecords;
-  }
-};
-
-constinit const ForkPart logFork{&VarnLogging::Fork::prepare, &VarnLogging::Fork::release};
 
 }  // namespace VarnSupport

@@ -1,3 +1,6 @@
+#include <malloc.h>
+#include <sys/resource.h>
+
 #include <regex>
 
 #include "TestTools.h"
@@ -99,8 +102,9 @@ TEST(VarnLogging, GlobalAndComponentLevelsFilterAtTheirOwnTimes) {
   EXPECT_EQ(3, l.getLogLevel("quiet"));
   EXPECT_EQ(5, l.getLogLevel("unknown"));
   l << setloglevel("loud", 6) << "a component cannot raise the global level" << endrecord;
+  EXPECT_FALSE(VarnLogRecord("quiet", 5) << "is not left");
   l << setloglevel("quiet", 5) << "left " << endrecord;
-  l << setloglevel("quiet", 3) << "and led" << endrecord;
+  VarnLogRecord("quiet", 3) << "and led";
   l << setloglevel("quiet", 4) << endrecord;
   l << setloglevel("quiet", 0) << "level 0 passes" << endrecord;
   l.setLogLevel(-1);
@@ -139,6 +143,7 @@ TEST(VarnLogging, TargetsOpenAndCloseTheFile) {
   VarnLogging log(folder / "t", VarnLogging::kToFile, 9);
   log << "to file" << endrecord;
   const std::string first = filesIn(folder);
+  EXPECT_TRUE(log.isFileOpen());
   EXPECT_EQ("", printed([&] { log << "to file" << endrecord; }));
   log.setTarget(2);
   EXPECT_EQ("pending to output\n", printed([&] {
@@ -149,6 +154,7 @@ TEST(VarnLogging, TargetsOpenAndCloseTheFile) {
   EXPECT_NE(first, filesIn(folder));
   EXPECT_EQ("both\n", printed([&] { log << setloglevel(0) << "both" << endrecord; }));
   log.setTarget(0);
+  EXPECT_FALSE(log.isFileOpen());
   EXPECT_EQ("", printed([&] { log << setloglevel(0) << "nowhere" << endrecord; }));
   EXPECT_EQ(0, log.getTarget());
 }
@@ -161,7 +167,45 @@ TEST(VarnLogging, AFileThatCannotBeOpenedIsReportedAndSkipped) {
       report, std::regex("VarnLogging: Opening (/nonexistent/x[0-9]+\\.log) for "
                          "logging\\.\\.\\.\nVarnLogging: Cannot open log file \\1 \\(2\\)\n")))
       << report;
+  EXPECT_FALSE(log.isFileOpen());
   EXPECT_EQ("still\n", printed([&] { log << setloglevel(0) << "still" << endrecord; }));
+}
+
+TEST(VarnLogging, TheFileIsNoStandardStreamAndRecordsGoToItsEnd) {
+  EXPECT_EQ(0, runInBareChild([] {
+              close(STDIN_FILENO);
+              close(STDOUT_FILENO);
+              const FileLog log(5);
+              VarnLogRecord(5) << "before somebody empties the file";
+              std::filesystem::resize_file(log.file(), 0);
+              VarnLogRecord(5) << "after";
+              const bool streamsAreClosed =
+                  fcntl(STDIN_FILENO, F_GETFD) < 0 && fcntl(STDOUT_FILENO, F_GETFD) < 0;
+              return streamsAreClosed && log.texts() == Lines{"after"} ? 0 : 1;
+            }));
+}
+
+TEST(VarnLogging, ARecordThatATargetTookInPartKeepsItsLineToItself) {
+  const TempFolder folder;
+  const std::string output = folder / "output";
+  EXPECT_EQ(0, runInBareChild([&] {
+              signal(SIGXFSZ, SIG_IGN);
+              FileLog log(5);
+              log.log().setTarget(3);
+              dup2(::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDOUT_FILENO);
+              const auto writeWithin = [](rlim_t room, const char* text) {
+                rlimit limit{room, RLIM_INFINITY};
+                setrlimit(RLIMIT_FSIZE, &limit);
+                VarnLogRecord(0) << text;
+              };
+              writeWithin(3, "torn");
+              writeWithin(3, "lost");
+              writeWithin(4, "only its line feed is taken");
+              writeWithin(100, "there is room");
+              writeWithin(100, "again");
+              return linesOf(log.file()) == linesOf(output) ? 0 : 1;
+            }));
+  EXPECT_EQ((Lines{"tor", "there is room", "again"}), linesOf(output));
 }
 
 TEST(VarnLogging, AnOpenRecordExcludesOtherThreadsButNotTheTables) {
@@ -206,6 +250,115 @@ TEST(VarnLogRecord, MayStandInsideAnotherRecordOfItsThread) {
   VarnLogRecord("outer", 7) << "outer " << compute() << " end";
   expectHeaders(log, {" 2 inner ", " 7 outer "});
   EXPECT_EQ((Lines{"inner", "outer value end"}), log.texts());
+}
+
+TEST(VarnLogRecord, TheOlderFormInsideMakesRecordsOfItsOwn) {
+  FileLog log(5);
+  VarnLogging& l = log.log();
+  l.setLogLevel("quiet", 1);
+  const auto useOlderForm = [&] {
+    l << setloglevel("older", 3) << "a record" << endrecord << setloglevel("lost", 4);
+    l << endrecord << setloglevel("quiet", 2) << "rejected, " << endrecord;
+    l << setloglevel("older", 1) << "not ended";
+    return "value";
+  };
+  std::thread other;
+  {
+    VarnLogRecord whole("whole", 2);
+    whole << "begun, ";
+    other = std::thread([] { VarnLogRecord(4) << "another thread"; });
+    whole << useOlderForm() << ", ended";
+  }
+  other.join();
+  l << setloglevel("around", 4) << "around ";
+  VarnLogRecord("whole", 2) << useOlderForm();
+  l << "it all" << endrecord;
+  expectHeaders(log, {" 3 older ", " 1 older ", " 2 whole ", " 4 Global ", " 3 older ", " 1 older ",
+                      " 2 whole ", " 4 around "});
+  EXPECT_EQ((Lines{"a record", "rejected, not ended", "begun, value, ended", "another thread",
+                   "a record", "rejected, not ended", "value", "around it all"}),
+            log.texts());
+}
+
+TEST(VarnLogRecord, ANullPointerIsReadAndEndsNothing) {
+  FileLog log(5);
+  const char* const null = nullptr;
+  VarnLogRecord(5) << "a " << null << " pointer";
+  VarnLogRecord(5) << "and on";
+  EXPECT_EQ((Lines{"a (null) pointer", "and on"}), log.texts());
+}
+
+TEST(VarnLogging, ALargeRecordIsNoLastingCost) {
+  if (kInstrumented)
+    return;
+  FileLog log(5);
+  const auto inUse = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+  const auto before = inUse();
+  log.log() << setloglevel(5) << std::string(9000000, 'x') << endrecord;
+  VarnLogRecord(5) << std::string(9000000, 'x');
+  EXPECT_LT(inUse(), before + 1000000);
+}
+
+TEST(VarnLogging, AStoreIntoTheInstanceRegistersTheLog) {
+  VarnLogging log("unused", 0, 3);
+  EXPECT_TRUE(VarnLogging::m_pInstance == nullptr);
+  VarnLogging::m_pInstance = &log;
+  EXPECT_EQ(3, VarnLogging::m_pInstance->getLogLevel());
+  EXPECT_TRUE(VarnLogging::isAccessAllowed() && VarnLogRecord(3) && !VarnLogRecord(4));
+  VarnLogging::m_pInstance = nullptr;
+  EXPECT_EQ(nullptr, VarnLogging::getInstance());
+  EXPECT_FALSE(VarnLogging::isAccessAllowed() || VarnLogRecord(3));
+}
+
+// Of a log whose target takes nothing the records wait, and its end, for a while.
+TEST(VarnLogging, AStuckTargetHoldsUpNothingElse) {
+  const auto useStuckLog = [](int target) {
+    const TempFolder folder;
+    std::srand(7);
+    const std::string name = folder / std::to_string(std::rand()) + ".log";
+    std::srand(7);
+    mkfifo(name.c_str(), 0600);
+    const int reader = ::open(name.c_str(), O_RDWR | O_NONBLOCK);
+    dup2(::open(name.c_str(), O_WRONLY), STDOUT_FILENO);
+    auto log = std::make_unique<VarnLogging>(folder / ".x", target, 5);
+    VarnLogging::setInstance(*log);
+    const auto getStuck = [] {
+      VarnLogRecord(5) << std::string(100000, 'x');
+      return "never written";
+    };
+    std::atomic<pid_t> ids[2] = {0, 0};
+    std::thread writer([&] {
+      ids[0] = gettid();
+      VarnLogRecord(5) << getStuck();
+    });
+    const auto isWriting = [&] {
+      return contentsOf("/proc/self/task/" + std::to_string(ids[0]) + "/syscall")
+          .starts_with(std::to_string(SYS_write) + ' ');
+    };
+    bool good = eventually(isWriting);
+    std::thread next([&] {
+      ids[1] = gettid();
+      VarnLogRecord(5) << "goes to the other log";
+    });
+    good &= eventually([&] { return ids[1] != 0 && isAsleep(ids[1]); });
+
+    log->setLogLevel("part", 4);
+    log->setLogLevel(log->getLogLevel("part"));
+    FileLog other(5);
+    const pid_t child = fork();
+    log.reset();
+    if (child == 0)
+      _exit(0);
+    good &= outcomeOf(child) == 0;
+    std::string taken(110000, 'x');
+    good &= eventually([&] { return read(reader, taken.data(), taken.size()), !isWriting(); });
+    writer.join();
+    next.join();
+    return good && other.texts() == Lines{"goes to the other log"} ? 0 : 1;
+  };
+  const pid_t toFile = startBareChild([&] { return useStuckLog(VarnLogging::kToFile); });
+  EXPECT_EQ(0, runInBareChild([&] { return useStuckLog(VarnLogging::kToStandardOutput); }));
+  EXPECT_EQ(0, outcomeOf(toFile));
 }
 
 TEST(VarnLogging, ExpiryFlushesWhatNoLivingThreadHolds) {

@@ -8,11 +8,14 @@
 //
 // A VarnLogRecord is whole: no other thread's values come between. The older form streams
 // setloglevel(), values and endrecord into the log itself; there level and component belong to the
-// log, not to the thread, and setloglevel() holds the record lock only while it runs.
+// log, not to the thread, and setloglevel() holds the record lock only while it runs. Inside a
+// VarnLogRecord of the same thread the older form makes a record of its own.
 //
 // Levels: -1 off, 1 failures, 5 notable events, 9 tracing; level 0 is written without a header and
 // past any component's threshold. Any thread may log. No operation throws for what happens to the
-// file, and write errors are not reported.
+// file, and write errors are not reported; a record that a target took in part is followed by a
+// line feed. A target that does not take its data holds up the records of that log, and nothing
+// else.
 #ifndef VARNSUPPORT_VARNLOGGING_H
 #define VARNSUPPORT_VARNLOGGING_H
 
@@ -21,8 +24,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
-#include <memory>
-#include <sstream>
 #include <string>
 
 #include "VarnSupport/VarnCollaborator.h"
@@ -40,10 +41,27 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   static constexpr int kToFile = 1;
   static constexpr int kToStandardOutput = 2;
 
+  // The place of the registered log. A store into it registers, null registers none.
+  class VSUPT_EXPORT Registration {
+   public:
+    constexpr Registration() = default;
+    Registration(const Registration&) = delete;
+    Registration& operator=(const Registration&) = delete;
+
+    VarnLogging* operator=(VarnLogging* log);
+    operator VarnLogging*() const { return m_pLog.load(std::memory_order_acquire); }
+    VarnLogging* operator->() const { return *this; }
+
+   private:
+    friend class VarnLogging;
+
+    std::atomic<VarnLogging*> m_pLog{nullptr};
+  };
+
   // Registers the log of the process, which must outlive its use.
   static void setInstance(VarnLogging& log);
   // The registered log, or null.
-  static VarnLogging* getInstance();
+  VSUPT_EXPORT static VarnLogging* getInstance() { return m_pInstance; }
   // True when a log is registered and its global level is 0 or more.
   static bool isAccessAllowed() { return admits(0); }
   // True when a log is registered and its global level is at least `level`: one load and a compare.
@@ -58,6 +76,8 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   VarnLogging(const std::string& fileName, int target, int level);
   VarnLogging(const VarnLogging&) = delete;
   VarnLogging& operator=(const VarnLogging&) = delete;
+  // Waits for a VarnLogRecord that is open, and for the file to take what is being written, but no
+  // longer than a few seconds: such a record is left out, such a file left open.
   // Requires: no other thread uses the log, but through VarnLogRecord.
   ~VarnLogging() override;
 
@@ -73,15 +93,17 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   void setTarget(int target);
   int getTarget() const { return m_nTarget.load(std::memory_order_relaxed); }
   // Opens the file unless it is open, and says so on standard error. Without a file its records are
-  // skipped.
+  // skipped. Its descriptor is never that of a standard stream.
   void openLogFile();
+  // False after an open that failed, too. Never waits.
+  bool isFileOpen() const;
 
   // The global level. Values outside -1 to 9 are ignored.
   int getLogLevel() const { return m_nLogLevel.load(std::memory_order_relaxed); }
   void setLogLevel(int level);
-  // A component's threshold, which applies when its record ends: it can suppress records, not let
-  // more pass than the global level does. Without one the global level is returned. Neither waits
-  // for an open record.
+  // A component's threshold: it can suppress records, not let more pass than the global level does.
+  // It applies when a VarnLogRecord begins, and when a record of the older form ends. Without one
+  // the global level is returned. Neither waits for an open record.
   int getLogLevel(const std::string& component) const;
   void setLogLevel(const std::string& component, int level);
   // The level, and component, of the record being built; a level below -1 changes neither. Waits
@@ -111,18 +133,18 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
 
   // Takes the record lock; true, keeping it, when the global level admits the current level.
   bool getLogAccess() VSUPT_UNCHECKED;
-  // Writes the record, if its level passes, and gives up all the caller's holds of the record lock.
-  // Text that a component's threshold rejects leads the next record that passes. Does nothing while
-  // another thread has a record open.
+  // Writes the record, if its level passes, and gives up all the caller's holds of the record lock,
+  // but for those of a VarnLogRecord. Text that a component's threshold rejects leads the next
+  // record that passes. Does nothing while another thread has a record open.
   void endrecord();
   // The idle timer, which runs while a record is open.
   void cancelTimer();
   void resetTimer();
   void timerElapsed();
 
-  static std::atomic<VarnLogging*> m_pInstance;
+  static Registration m_pInstance;
 
-  struct Fork;  // of the library itself
+  struct State;  // of the library itself
 
  private:
   friend class VarnLogRecord;
@@ -154,17 +176,10 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   void put(const char* value) VSUPT_UNCHECKED;
   template <typename T>
   void putNumber(T value);
+  void append(const char* text, std::size_t length);
 
-  void publishLevelLocked();
-  void append(const char* text, std::size_t length) VSUPT_UNCHECKED;
-  void finishRecord() VSUPT_REQUIRES(m_oRecordLock);
   int levelOfLocked(const std::string& component) const;
-  void writeRecord() VSUPT_REQUIRES(m_oRecordLock);
-  void noteExpiry();
-  static VarnLogging* pin(int level);
   static bool isRecordOpenOnThisThread() VSUPT_UNCHECKED;
-  void addUser();
-  void dropUser();
 
   static constexpr int kDefaultRecordLevel = 9;
   static std::atomic<int> m_nAdmittedLevel;
@@ -173,29 +188,30 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   std::atomic<std::int32_t> m_nLogLevel;
   std::string m_sComponent VSUPT_GUARDED_BY(m_oRecordLock);
   std::int32_t m_nCurrentLevel VSUPT_GUARDED_BY(m_oRecordLock) = kDefaultRecordLevel;
-  std::unique_ptr<std::ostringstream> m_pRecord VSUPT_GUARDED_BY(m_oRecordLock);
-  std::FILE* m_pFile = nullptr;  // guarded by the sink lock, as is m_mapLevels
+  State* m_pState = nullptr;     // fixed after construction
+  std::FILE* m_pFile = nullptr;  // changed and used in turns that the state gives
   VarnCriticalSectionObject m_oRecordLock;
   VarnTimer m_oIdleTimer;
-  std::map<std::string, std::int32_t> m_mapLevels;
-  std::string m_sBaseName;  // fixed after construction
-  bool m_bHeader = true;    // fixed after construction
+  std::map<std::string, std::int32_t> m_mapLevels;  // guarded by the lock of the tables
+  std::string m_sBaseName;                          // fixed after construction
+  bool m_bHeader = true;                            // fixed after construction
   std::atomic<bool> m_bTimerStopped{true};
-  // Whole records and flush threads under way, for the destructor.
-  std::atomic<bool> m_bEnding{false};
-  std::atomic<int> m_nUsers{0};
+  std::atomic<bool> m_bFileOpen{false};
+  std::atomic<std::int32_t> m_nThresholds{0};  // how many m_mapLevels has
 };
 
 // A whole record of the registered log, for one statement or scope: holds the record lock from its
-// construction to its destruction, which ends the record, provided that the level is admitted.
-// Otherwise, and when there is no memory, it takes values and does nothing. May stand inside
-// another record of its thread.
+// construction to its destruction, which ends the record, provided that the level is admitted by
+// the log and by the component's threshold. Otherwise, and when there is no memory, it takes values
+// and does nothing. May stand inside another record of its thread. A null character pointer reads
+// "(null)".
 class VSUPT_EXPORT VarnLogRecord {
  public:
   explicit VarnLogRecord(int level);
   VarnLogRecord(const std::string& component, int level);
   VarnLogRecord(const VarnLogRecord&) = delete;
   VarnLogRecord& operator=(const VarnLogRecord&) = delete;
+  // Ends a record of the older form that was begun inside, too.
   ~VarnLogRecord();
 
   // True when the level was admitted.
@@ -210,14 +226,13 @@ class VSUPT_EXPORT VarnLogRecord {
   }
 
  private:
-  struct Outer;
+  friend class VarnLogging;
+  struct Content;
 
-  void begin(const std::string& component, int level) VSUPT_UNCHECKED;
-  void takeOver(const std::string& component, int level) VSUPT_UNCHECKED;
-  void leave();
+  void begin(const std::string& component, int level);
 
-  VarnLogging* m_pLog = nullptr;
-  Outer* m_pOuter = nullptr;  // the record of this thread that this one interrupts
+  VarnLogging* m_pLog = nullptr;  // what values go through, which is no log of the program
+  Content* m_pContent = nullptr;
 };
 
 // Sets level and component of the next record; what setloglevel() makes.

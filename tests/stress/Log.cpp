@@ -37,6 +37,27 @@ TEST(LogStress, RecordsOfManyThreadsAreWholeCompleteAndInOrder) {
   EXPECT_EQ(static_cast<std::size_t>(kThreads) * static_cast<std::size_t>(records), count);
 }
 
+TEST(LogStress, RecordsOfBothFormsInsideEachOtherAreWhole) {
+  constexpr int kThreads = 4;
+  const int records = kInstrumented ? 500 : 5000;
+  FileLog log(5);
+  onThreads(kThreads, [&](int) {
+    const auto useOlderForm = [&] {
+      log.log() << setloglevel("older", 3) << "inside " << 1 << endrecord;
+      return "value";
+    };
+    for (int i = 0; i < records; ++i)
+      VarnLogRecord("whole", 2) << "begun, " << useOlderForm() << ", ended";
+  });
+  std::map<std::string, int> counts;
+  for (const std::string& line : log.lines())
+    ++counts[line.substr(18, 13) + line.substr(line.find("] "))];
+  const int all = kThreads * records;
+  EXPECT_EQ((std::map<std::string, int>{{"3 older      ] inside 1", all},
+                                        {"2 whole      ] begun, value, ended", all}}),
+            counts);
+}
+
 TEST(LogStress, LogsComeAndGoWhileThreadsWriteRecords) {
   const auto end = Clock::now() + stressTime();
   const auto write = [] { VarnLogRecord(9) << "text " << 1; };

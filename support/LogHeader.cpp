@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <charconv>
 #include <cstddef>
 #include <cstring>
@@ -37,14 +38,16 @@ void LogHeader::putBefore(RecordText& text, int level, std::string_view label) {
                                    static_cast<std::size_t>(digitsEnd - digits.data()));
   const std::size_t padding = labelWidth - std::min(label.size(), labelWidth);
 
-  char* to = text.extendFront(second.size() + levelText.size() + label.size() + padding +
-                              m_sThread.size() + 5);
+  const std::size_t length = second.size() + levelText.size() + label.size() + padding +
+                             m_sThread.size() + 5;  // a line feed and four blanks
+  char* to = text.extendFront(length);
   *to++ = '\n';
   to = put(to, second);
   to = put(to, levelText);
   to = put(to, label);
   std::memset(to, ' ', padding);
-  put(to + padding, m_sThread);
+  to = put(to + padding, m_sThread);
+  assert(to == text.text().data() + length);
 }
 
 }  // namespace VarnSupport

@@ -1,6 +1,7 @@
 #include "LogState.h"
 
 #include <algorithm>
+#include <cassert>
 #include <climits>
 #include <condition_variable>
 #include <cstddef>
@@ -55,6 +56,7 @@ VarnLogging::State::Owner VarnLogging::State::attachTo(VarnLogging& log) {
 
 void VarnLogging::State::detach() {
   const std::lock_guard guard(m_oTables);
+  assert(owner != nullptr && m_pRegistered != this);
   owner = nullptr;
 }
 
@@ -93,6 +95,7 @@ bool VarnLogging::State::awaitUsers() {
 template <typename Condition>
 void VarnLogging::State::awaitLocked(std::unique_lock<std::mutex>& guard, Condition condition,
                                      std::chrono::seconds limit) {
+  assert(guard.owns_lock());
   const NoCancellation whole;
   ++waiters;
   word |= kAwaited;
@@ -129,6 +132,7 @@ void VarnLogging::State::Visit::end() {
   if (state == nullptr)
     return;
   const std::lock_guard guard(m_oTables);
+  assert(state->visits > 0);
   --state->visits;
   bitCleared.value.notify_all();
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <cstddef>
 
@@ -42,6 +43,7 @@ std::FILE* openForRecords(const std::string& name) {
 }
 
 void writeLine(int descriptor, std::string_view line, bool& torn) {
+  assert(line.size() > 1 && line.front() == '\n' && line.back() == '\n');
   std::size_t done = torn ? 0 : 1;
   while (done < line.size()) {
     const ssize_t written = ::write(descriptor, line.data() + done, line.size() - done);

@@ -2,6 +2,7 @@
 #ifndef SUPPORT_RECORDTEXT_H
 #define SUPPORT_RECORDTEXT_H
 
+#include <cassert>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -35,6 +36,7 @@ class RecordText {
       m_nBegin = length;
     }
     m_nBegin -= length;
+    assert(m_nBegin + length <= m_sBuffer.size());
     return &m_sBuffer[m_nBegin];
   }
 

@@ -3,6 +3,7 @@
 #define SUPPORT_SECONDTEXT_H
 
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -40,6 +41,7 @@ class SecondText {
     const int length = std::snprintf(m_aText.data(), m_aText.size(), "%04jd%02d%02d_%02d:%02d:%02d",
                                      std::intmax_t{year}, time.tm_mon, time.tm_mday, time.tm_hour,
                                      time.tm_min, time.tm_sec);
+    assert(length > 0 && static_cast<std::size_t>(length) < m_aText.size());
     m_nLength = static_cast<std::size_t>(length);
     return {m_aText.data(), m_nLength};
   }

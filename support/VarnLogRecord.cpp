@@ -68,6 +68,7 @@ VarnLogRecord::Content* VarnLogging::State::begin(const std::string& component, 
 
 VarnLogRecord::Content* VarnLogging::State::open(const std::string& component, int level,
                                                  bool isInner) {
+  assert(lock.lockCount() > 0 && (word & kRecord) != 0);
   VarnLogRecord::Content* content = &building->content;
   try {
     std::unique_ptr<VarnLogRecord::Content> inner;
@@ -90,7 +91,7 @@ VarnLogRecord::Content* VarnLogging::State::open(const std::string& component, i
 
 // Without memory the record is left out.
 void VarnLogging::State::finish(VarnLogRecord::Content& content) {
-  assert(lock.lockCount() >= content.holds);
+  assert(lock.lockCount() >= content.holds && &content == VarnLogRecord::Content::t_pInnermost);
   if (content.hasAside && (word & kLeft) == 0)
     bringBack(content);
   // What was rejected waits for a record that stands in no other.
@@ -135,6 +136,7 @@ void VarnLogging::State::setAside(VarnLogging& log) {
 
 // What a threshold rejected meanwhile leads the next record that passes, as always.
 void VarnLogging::State::bringBack(VarnLogRecord::Content& content) {
+  assert(owner != nullptr && content.hasAside);
   VarnLogging& log = *owner;
   if (lock.lockCount() > content.holds)
     endOlder(log);

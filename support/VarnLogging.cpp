@@ -2,6 +2,7 @@
 // how it is written, is in LogState.h; how values become text is in LogValues.cpp.
 #include "VarnSupport/VarnLogging.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
@@ -223,6 +224,7 @@ bool VarnLogging::State::composeOlder(VarnLogging& log) {
 
 // The log may be gone as soon as the visit has ended.
 void VarnLogging::State::endOlder(VarnLogging& log, Visit* visit) {
+  assert(lock.lockCount() > 0 && owner == &log);
   setAside(log);
   log.cancelTimer();
   const bool passes = composeOlder(log);

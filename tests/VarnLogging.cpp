@@ -346,9 +346,12 @@ TEST(VarnLogging, AStuckTargetHoldsUpNothingElse) {
     log->setLogLevel(log->getLogLevel("part"));
     FileLog other(5);
     const pid_t child = fork();
-    log.reset();
-    if (child == 0)
+    if (child == 0) {
+      log->setTarget(0);
+      *log << setloglevel(1) << "of a log that is free again" << endrecord;
       _exit(0);
+    }
+    log.reset();
     good &= outcomeOf(child) == 0;
     std::string taken(110000, 'x');
     good &= eventually([&] { return read(reader, taken.data(), taken.size()), !isWriting(); });

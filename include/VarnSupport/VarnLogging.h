@@ -41,7 +41,8 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   static constexpr int kToFile = 1;
   static constexpr int kToStandardOutput = 2;
 
-  // The place of the registered log. A store into it registers, null registers none.
+  // The place of the registered log, used like an atomic pointer. A store into it registers, null
+  // registers none.
   class VSUPT_EXPORT Registration {
    public:
     constexpr Registration() = default;
@@ -49,8 +50,10 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
     Registration& operator=(const Registration&) = delete;
 
     VarnLogging* operator=(VarnLogging* log);
-    operator VarnLogging*() const { return m_pLog.load(std::memory_order_acquire); }
-    VarnLogging* operator->() const { return *this; }
+    void store(VarnLogging* log) { *this = log; }
+    VarnLogging* load() const { return m_pLog.load(std::memory_order_acquire); }
+    operator VarnLogging*() const { return load(); }
+    VarnLogging* operator->() const { return load(); }
 
    private:
     friend class VarnLogging;

@@ -56,6 +56,11 @@ void giveUpStandardStreams() {
     close(nothing);
 }
 
+bool refuse(const std::string& reason) {
+  std::fprintf(stderr, "hostwatch: %s\n", reason.c_str());
+  return false;
+}
+
 HostService::HostService(const Settings& settings, const Texts& texts, bool asDaemon)
     : VarnService("", "hostwatch", "", "", false),
       m_oSettings(settings),
@@ -70,6 +75,8 @@ bool HostService::onStart(const std::string&) {
   const std::string file = m_oSettings.logFile();
   const int target = file.empty() ? VarnLogging::kToStandardOutput : VarnLogging::kToFile;
   m_pLog = std::make_unique<VarnLogging>(file, target, m_oSettings.logLevel());
+  if (!file.empty() && !m_pLog->isFileOpen())
+    return refuse("cannot write the log " + file);
   VarnLogging::setInstance(*m_pLog);
   const long interval = m_oSettings.intervalSeconds();
   VarnLogRecord("hostwatch", kEvent)
@@ -82,10 +89,8 @@ bool HostService::onStart(const std::string&) {
   m_pSampler->addDependent(*this);
   m_pSampler->onTimerEvent();
   m_pSampler->start();
-  if (!m_pJudge->isAlive() || !m_pSampler->isAlive()) {
-    std::fprintf(stderr, "hostwatch: the system refuses a thread\n");
-    return false;
-  }
+  if (!m_pJudge->isAlive() || !m_pSampler->isAlive())
+    return refuse("the system refuses a thread");
   m_oTimer.start(interval, 0, false);
   if (m_bDaemon)
     giveUpStandardStreams();

@@ -147,6 +147,8 @@ TEST(Hostwatch, SaysWhyItCannotStartOrGoOn) {
   EXPECT_TRUE(contains(speechless.output, "column.value")) << speechless.output;
   const std::tuple<std::string, std::string, int, std::string> rows[] = {
       {"starve", "", 1, "hostwatch: the system refuses a thread"},
+      {"nothing", "--log=" + (folder / std::string(255, 'x')), 1,
+       "hostwatch: cannot write the log /"},
       {"throw", "", 1, "stopping, as a thread has failed"},
       {"complain", "--once", 0, "odd cannot be measured: at <reason> and <name>"}};
   for (const auto& [trouble, mode, exitCode, said] : rows) {
@@ -192,7 +194,7 @@ TEST(Hostwatch, RunsAsADaemonUntilItIsTerminated) {
   sigaddset(&blocked, SIGTERM);
   sigprocmask(SIG_BLOCK, &blocked, nullptr);
   const Outcome start = hostwatch("-d -i 1 -L 5 -p " VSUPT_HOSTWATCH_PLUGIN " -c " +
-                                  (folder / "conf") + " -l " + (folder / "./log") + " 9>&1");
+                                  (folder / "conf") + " -l " + (folder / "./log") + " 9>&1 <&-");
   ASSERT_EQ(0, start.exitCode) << start.output;
   const std::string children = "/proc/self/task/" + std::to_string(getpid()) + "/children";
   const pid_t daemon = std::atoi(contentsOf(children).c_str());

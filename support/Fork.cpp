@@ -5,12 +5,10 @@
 #include <array>
 #include <mutex>
 #include <new>
-#include <vector>
 
 #include "BriefGate.h"
 #include "BriefHold.h"
 #include "Cancellation.h"
-#include "NeverDestroyed.h"
 #include "SignalRelay.h"
 
 namespace VarnSupport {
@@ -67,9 +65,11 @@ void installForkHandlers() {
   });
 }
 
+// Without allocating: more than a few forks in a row that lose something are not to be expected.
 void keepForever(const void* object) {
-  static constinit NeverDestroyed<std::vector<const void*>> kept;
-  kept.value.push_back(object);
+  static constinit std::array<const void*, 64> kept{};
+  static constinit std::size_t count = 0;
+  kept[count++ % kept.size()] = object;
 }
 
 }  // namespace VarnSupport

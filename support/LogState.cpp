@@ -230,10 +230,21 @@ void VarnLogging::State::renew() {
     std::construct_at(&log->m_sComponent);
   }
   keepForever(building.release());
-  building = std::make_unique<Building>();
+  building = spare != nullptr ? std::move(spare) : std::make_unique<Building>();
 }
 
-void VarnLogging::State::prepareFork() { m_oTables.lock(); }
+// What a child needs is made before, as far as there is memory: in the child the heap may be locked
+// for ever, by a thread that it has not.
+void VarnLogging::State::prepareFork() {
+  m_oTables.lock();
+  try {
+    for (State* state = m_pFirst; state != nullptr; state = state->next) {
+      if (state->spare == nullptr)
+        state->spare = std::make_unique<Building>();
+    }
+  } catch (const std::bad_alloc&) {
+  }
+}
 
 void VarnLogging::State::releaseFork(ForkSide side) {
   if (side == ForkSide::CHILD) {

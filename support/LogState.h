@@ -42,7 +42,7 @@ struct OlderRecord {
 };
 
 // What an open VarnLogRecord has collected. Used by the thread that holds the record lock.
-struct __attribute__((visibility("hidden"))) VarnLogRecord::Content {
+struct VSUPT_LOCAL VarnLogRecord::Content {
   // The innermost record that the calling thread has open.
   static constinit thread_local Content* t_pInnermost;
 
@@ -57,7 +57,7 @@ struct __attribute__((visibility("hidden"))) VarnLogRecord::Content {
   OlderRecord aside;
 };
 
-struct __attribute__((visibility("hidden"))) VarnLogging::State {
+struct VSUPT_LOCAL VarnLogging::State {
   static constexpr int kLevelOff = -1;
   static constexpr int kHighestLevel = 9;
 
@@ -134,9 +134,9 @@ struct __attribute__((visibility("hidden"))) VarnLogging::State {
   static bool isAboveThreshold(const std::string& component, int level);
 
   // Begins a VarnLogRecord of the registered log; null without a log, or without memory.
-  static VarnLogRecord::Content* begin(const std::string& component, int level);
+  static VarnLogRecord::Content* begin(const std::string& component, int level) VSUPT_UNCHECKED;
   VarnLogRecord::Content* open(const std::string& component, int level, bool isInner);
-  void finish(VarnLogRecord::Content& content);
+  void finish(VarnLogRecord::Content& content) VSUPT_UNCHECKED;
   // The innermost VarnLogRecord of this log that the calling thread has open, or null.
   VarnLogRecord::Content* openContent() const;
 
@@ -148,7 +148,7 @@ struct __attribute__((visibility("hidden"))) VarnLogging::State {
   void endOlder(VarnLogging& log, Visit* visit = nullptr) VSUPT_UNCHECKED;
   bool composeOlder(VarnLogging& log) VSUPT_UNCHECKED;
   // What timerElapsed() does, for a log that may be gone.
-  static void flush(VarnLogging* log);
+  static void flush(VarnLogging* log) VSUPT_UNCHECKED;
   void noteExpiry(VarnLogging* log) VSUPT_UNCHECKED;
 
   void append(RecordText& text, std::string_view value);
@@ -198,6 +198,7 @@ struct __attribute__((visibility("hidden"))) VarnLogging::State {
 
   VarnCriticalSectionObject lock;                                     // shared with the log
   std::unique_ptr<Building> building = std::make_unique<Building>();  // guarded by `lock`
+  std::unique_ptr<Building> spare;  // for a child, made before the fork
   std::atomic<std::uint32_t> word{0};
   std::atomic<std::int32_t> target{0};
   // Used by whoever has kWriting or kChanging.

@@ -28,7 +28,8 @@ constexpr bool kSignalsAreHeldBack = false;
 #endif
 constexpr int kLooksForOpening = 100;
 
-constinit thread_local ThreadControl* t_pControl = nullptr;
+// The calling thread's control; null on threads that the library does not run.
+ThreadControl* ownControl() { return static_cast<ThreadControl*>(t_pCancellation); }
 
 // Guards the objects' pointers to their controls.
 constinit std::mutex controlMutex;
@@ -53,16 +54,14 @@ class ThreadControl::Use {
   explicit Use(ThreadControl& control) : m_oControl(control) {
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
     letKillInterrupt();
-    t_pCancellation = &m_oControl.m_oCancellation;
-    t_pControl = &m_oControl;
+    t_pCancellation = &m_oControl;
   }
   Use(const Use&) = delete;
   Use& operator=(const Use&) = delete;
   ~Use() {
-    m_oControl.m_oCancellation.giveBackAll();
-    m_oControl.m_oCancellation.releaseCaughtExceptions();
+    m_oControl.giveBackAll();
+    m_oControl.releaseCaughtExceptions();
     VarnCriticalSectionRecoverFn(nullptr);
-    t_pControl = nullptr;
     t_pCancellation = nullptr;
     {
       const std::lock_guard guard(m_oControl.m_oMutex);
@@ -117,7 +116,8 @@ void ThreadControl::drop() {
 }
 
 ThreadControl* ThreadControl::of(const VarnThread& object) {
-  return t_pControl != nullptr && t_pControl->m_pIdentity == &object ? t_pControl : nullptr;
+  ThreadControl* const control = ownControl();
+  return control != nullptr && control->m_pIdentity == &object ? control : nullptr;
 }
 
 // When the system refuses, there may be waiters already, for whom this is the thread's end.
@@ -150,7 +150,7 @@ void* ThreadControl::routine(void* argument) {
 }
 
 void ThreadControl::join() {
-  if (!belongsToThisProcess() || t_pControl == this)
+  if (!belongsToThisProcess() || ownControl() == this)
     return;
   std::unique_lock guard(m_oMutex);
   if (!m_bJoinable) {
@@ -179,7 +179,7 @@ void ThreadControl::join() {
 }
 
 void ThreadControl::joinBefore(MonotonicTime deadline) {
-  if (!belongsToThisProcess() || t_pControl == this)
+  if (!belongsToThisProcess() || ownControl() == this)
     return;
   {
     const NoCancellation whole;
@@ -210,14 +210,14 @@ void ThreadControl::cancel() {
   std::unique_lock guard(m_oMutex);
   if (m_bEnded)
     return;
-  m_oCancellation.request();
-  if (t_pControl == this)
+  request();
+  if (ownControl() == this)
     return;
   const NoCancellation whole;
   const auto ends = [this] { return m_bEnded; };
   bool hasEnded = m_oChanged.wait_for(guard, kTimeToEnd, ends);
   for (int look = 0; kSignalsAreHeldBack && !hasEnded && look < kLooksForOpening; ++look) {
-    if (m_oCancellation.isOpen())
+    if (isOpen())
       pthread_cancel(m_hThread);
     hasEnded = m_oChanged.wait_for(guard, kTimeToEnd, ends);
   }
@@ -230,7 +230,7 @@ void ThreadControl::abandon() {
   if (!belongsToThisProcess())
     return;
   std::unique_lock guard(m_oMutex);
-  if (t_pControl != this) {
+  if (ownControl() != this) {
     const NoCancellation whole;
     const auto isToldOrGone = [this] { return m_ePhase != ANNOUNCING || m_bEnded; };
     if (ProcessExit::hasBegun())
@@ -239,7 +239,7 @@ void ThreadControl::abandon() {
       m_oChanged.wait(guard, isToldOrGone);
   }
   m_pObject = nullptr;
-  if (m_bJoinable && (t_pControl == this || m_oCancellation.isRequested())) {
+  if (m_bJoinable && (ownControl() == this || isRequested())) {
     pthread_detach(m_hThread);
     m_bJoinable = false;
   }
@@ -249,11 +249,11 @@ void ThreadControl::abandon() {
 // not run: the control keeps the work until it goes itself.
 ThreadControl::Body::Body(ThreadControl& control)
     : m_oControl(control), m_pWork(control.isAbandoned() ? nullptr : &control.m_oWork) {
-  m_oControl.m_oCancellation.enterBody();
+  m_oControl.enterBody();
 }
 
 ThreadControl::Body::~Body() {
-  m_oControl.m_oCancellation.leaveBody();
+  m_oControl.leaveBody();
   m_oControl.m_oWork = Work();
 }
 
@@ -285,12 +285,12 @@ struct ThreadControl::Fork {
   static void prepare() { controlMutex.lock(); }
   static void release(ForkSide side) {
     controlMutex.unlock();
-    if (side == ForkSide::PARENT || t_pControl == nullptr)
+    if (side == ForkSide::PARENT || ownControl() == nullptr)
       return;
-    std::construct_at(&t_pControl->m_oMutex);
-    std::construct_at(&t_pControl->m_oChanged);
-    t_pControl->m_nProcess = getpid();
-    t_pControl->m_oCancellation.forgetRequest();
+    std::construct_at(&ownControl()->m_oMutex);
+    std::construct_at(&ownControl()->m_oChanged);
+    ownControl()->m_nProcess = getpid();
+    ownControl()->forgetRequest();
   }
 };
 

@@ -20,7 +20,7 @@ namespace VarnSupport {
 // deletes the control. The thread touches its object only between beginBody() and the end of its
 // announcement, and abandon() makes sure that it does not even then: an object may be killed and
 // destroyed at any moment of its thread's life.
-class ThreadControl {
+class ThreadControl : public CancellationState {
  public:
   // What the thread runs; without a runnable it is the object's own body.
   struct Work {
@@ -121,7 +121,6 @@ class ThreadControl {
   const std::string m_sSystemName;
   const VarnThread* const m_pIdentity;  // the object's address, which may be another's by now
   Work m_oWork;                         // used by the thread alone
-  CancellationState m_oCancellation;
   std::mutex m_oMutex;
   std::condition_variable m_oChanged;
   // Guarded by m_oMutex.

@@ -34,10 +34,10 @@ class TimerUse : public ThreadScopeOf<TimerUse> {
 // A life of a timer: start() puts it into the schedule and has the interval timer armed, on the
 // relay: SIGUSR1 -> reset(true). SIGALRM -> timeout() starts a VarnTimerThread, whose pass calls
 // set() of what is due, round by round, and arms the interval timer for the rest.
-struct VarnTimerManager::State {
+struct VSUPT_LOCAL VarnTimerManager::State {
   explicit State(VarnTimerManager& owner) : manager(owner) {}
 
-  void insert(VarnTimer& timer);
+  void insert(VarnTimer& timer) VSUPT_UNCHECKED;
   void remove(VarnTimer& timer);
   // Takes the first timer that is due and was not taken in this round out of the schedule, or gives
   // a periodic one its next deadline; null when there is none.
@@ -46,13 +46,13 @@ struct VarnTimerManager::State {
 
   // Sees to it that the interval timer is armed for the first deadline: on the relay directly, else
   // by a signal, unless it is armed already. A deadline that has passed starts a pass.
-  void arm(bool inSignal);
+  void arm(bool inSignal) VSUPT_UNCHECKED;
   // Notes how far away the first deadline is; true when it has passed. Requires: there is one.
-  bool isOverdue();
-  void startPass();
+  bool isOverdue() VSUPT_UNCHECKED;
+  void startPass() VSUPT_UNCHECKED;
 
   // For the child of a fork, which has no interval timer.
-  void renew();
+  void renew() VSUPT_UNCHECKED;
 
   VarnTimerManager& manager;
   TimerSchedule schedule;
@@ -67,8 +67,8 @@ struct VarnTimerManager::State {
 
  private:
   std::time_t now();
-  void setIntervalTimer();
-  std::int64_t nextExpiry() const;
+  void setIntervalTimer() VSUPT_UNCHECKED;
+  std::int64_t nextExpiry() const VSUPT_UNCHECKED;
 
   // Wall-clock seconds minus monotonic seconds when they were last compared.
   std::time_t m_nClockOffset = 0;

@@ -101,7 +101,7 @@ void VarnCollaborator::notify(const VarnNotification& notification) {
 
 // The entries of the live list, by position. Reads several at a time: as long as the list has not
 // changed, they are what a look at it would find.
-class VarnCollaborator::Cursor {
+class VSUPT_LOCAL VarnCollaborator::Cursor {
  public:
   explicit Cursor(VarnCollaborator& collaborator) : m_oCollaborator(collaborator) {}
   Cursor(const Cursor&) = delete;

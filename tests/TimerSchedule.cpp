@@ -20,9 +20,8 @@ struct SortedList : std::list<Entry> {
            entry);
   }
   iterator firstDue(std::int64_t now) {
-    return std::find_if(begin(), end(), [&](const Entry& entry) {
-      return !entry.waits && entry.deadline <= now;
-    });
+    return std::find_if(begin(), end(),
+                        [&](const Entry& entry) { return !entry.waits && entry.deadline <= now; });
   }
 };
 

@@ -90,7 +90,7 @@ class VSUPT_EXPORT VarnCollaborator {
   friend class TrackedDependent;
   class Cursor;
 
-  void addEntry(VarnDependent* entry);
+  VSUPT_LOCAL void addEntry(VarnDependent* entry);
 
   VarnCriticalSectionObject m_oLock;
   std::vector<VarnDependent*> m_vDependents VSUPT_GUARDED_BY(m_oLock);

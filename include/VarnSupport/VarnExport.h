@@ -6,6 +6,8 @@
 #define VARNSUPPORT_VARNEXPORT_H
 
 #define VSUPT_EXPORT __attribute__((visibility("default")))
+// For members of exported classes that are of the library itself.
+#define VSUPT_LOCAL __attribute__((visibility("hidden")))
 
 #if defined(__clang__)
 #define VSUPT_THREAD_ANNOTATION(x) __attribute__((x))

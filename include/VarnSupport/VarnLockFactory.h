@@ -45,7 +45,7 @@ class VSUPT_EXPORT VarnLockFactory {
     m_mapLocks.swap(copy);
     return *this;
   }
-  virtual ~VarnLockFactory() = default;
+  virtual ~VarnLockFactory() {}  // NOLINT: the library would not export a defaulted one
 
   // Makes sure that a lock of that name exists; one that is there is kept.
   void createLock(const Key& key) {

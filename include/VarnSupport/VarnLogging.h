@@ -139,7 +139,7 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   // Writes the record, if its level passes, and gives up all the caller's holds of the record lock,
   // but for those of a VarnLogRecord. Text that a component's threshold rejects leads the next
   // record that passes. Does nothing while another thread has a record open.
-  void endrecord();
+  void endrecord() VSUPT_UNCHECKED;
   // The idle timer, which runs while a record is open.
   void cancelTimer();
   void resetTimer();

@@ -152,7 +152,7 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
   friend VSUPT_EXPORT void* VarnThreadFn(void* thread);
 
   int runBody(ThreadControl* control);
-  int callBody(VarnRunnable* runnable, VarnWorkInformation* workInformation);
+  VSUPT_LOCAL int callBody(VarnRunnable* runnable, VarnWorkInformation* workInformation);
   void giveUpHandle();
 
   std::atomic<void*> m_pHandle{nullptr};

@@ -81,7 +81,7 @@ class VSUPT_EXPORT VarnTreeNode : public VarnObjectBase, public VarnCollaborator
   void place(std::size_t position, VarnTreeNode* node);
   void remove(std::size_t position);
   template <typename Path>
-  VarnTreeNode* addPath(VarnTreeNode* node, Path path);
+  VSUPT_LOCAL VarnTreeNode* addPath(VarnTreeNode* node, Path path);
   VarnTreeNode* replace(VarnTreeNode* existing, VarnTreeNode* node);
   template <typename Path>
   VarnTreeNode* findPath(Path& path) const;

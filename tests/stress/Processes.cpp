@@ -415,25 +415,24 @@ TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
 
 // Static objects that are younger than the timers' manager, and wait for what never returns.
 TEST(ProcessStress, ExitWaitsOnlyForAWhileForCallbacksAndBodiesThatHang) {
-  const std::function<void()> hanging[] = {
-      [] {
-        VarnTimer(1000, true).reset();
-        static std::atomic<bool> hangs{false};
-        static VarnTimer timer(1, true);
-        static const Observer callback(timer, [] {
-          hangs = true;
-          pause();
-        });
-        timer.reset();
-        EXPECT_TRUE(eventually([] { return hangs.load(); }));
-      },
-      [] {
-        struct Worker : VarnThread {
-          int run() override { return pause(); }
-        };
-        static Worker worker;
-        worker.start();
-      }};
+  const std::function<void()> hanging[] = {[] {
+                                             VarnTimer(1000, true).reset();
+                                             static std::atomic<bool> hangs{false};
+                                             static VarnTimer timer(1, true);
+                                             static const Observer callback(timer, [] {
+                                               hangs = true;
+                                               pause();
+                                             });
+                                             timer.reset();
+                                             EXPECT_TRUE(eventually([] { return hangs.load(); }));
+                                           },
+                                           [] {
+                                             struct Worker : VarnThread {
+                                               int run() override { return pause(); }
+                                             };
+                                             static Worker worker;
+                                             worker.start();
+                                           }};
   for (const auto& hang : hanging) {
     const auto begin = Clock::now();
     EXPECT_EQ(7, runInChild([&] {

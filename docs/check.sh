@@ -26,6 +26,32 @@ anchorsOf() {
 }
 
 faults=0
+
+# The plan of the inside names every internal header, and is kept to: a folder includes folders of its
+# floor and below, and the lowest names no family.
+plan=docs/inside.md
+floors=$(sed -nE 's/^\| ([0-9]+) \| .([a-z]+). .*/\2 \1/p' $plan)
+floorOf() { awk -v folder="$1" '$1 == folder { print $2 }' <<<"$floors"; }
+for file in support/*/*; do
+  folder=$(basename "$(dirname "$file")")
+  name=$(basename "${file%.*}")
+  if [[ $file == *.h ]] && ! grep -qw "$name" $plan; then
+    echo "$file: not in $plan"
+    faults=1
+  fi
+  floor=$(floorOf "$folder")
+  while IFS= read -r included; do
+    below=$(floorOf "$included")
+    [ "${below:-9}" -gt "${floor:--1}" ] || continue
+    echo "$file: includes $included, which stands above $folder in $plan"
+    faults=1
+  done < <(sed -nE 's|^#include "([a-z]+)/.*|\1|p' "$file")
+done
+! sed -E 's|//.*||' support/runtime/* | grep -nE '\bVarn[A-Z]' | grep -vE 'namespace|VarnExport' || {
+  echo 'support/runtime: names a family'
+  faults=1
+}
+
 while IFS= read -r file; do
   while IFS= read -r link; do
     [[ $link != *:* ]] || continue

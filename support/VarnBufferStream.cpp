@@ -11,8 +11,8 @@
 #include <new>
 #include <utility>
 
-#include "BriefHold.h"
-#include "Cancellation.h"
+#include "locks/BriefHold.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <array>
 
-#include "BriefGate.h"
-#include "BriefHold.h"
-#include "Cancellation.h"
-#include "ThreadScope.h"
-#include "TrackedDependent.h"
+#include "locks/BriefHold.h"
+#include "runtime/BriefGate.h"
+#include "runtime/Cancellation.h"
+#include "runtime/ThreadScope.h"
+#include "threads/TrackedDependent.h"
 
 namespace VarnSupport {
 

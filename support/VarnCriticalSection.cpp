@@ -3,11 +3,12 @@
 #include <cerrno>
 #include <memory>
 
-#include "BriefGate.h"
-#include "BriefHold.h"
-#include "Cancellation.h"
-#include "NeverDestroyed.h"
 #include "VarnSupport/VarnModule.h"
+#include "locks/BriefHold.h"
+#include "runtime/BriefGate.h"
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
+#include "runtime/NeverDestroyed.h"
 
 namespace VarnSupport {
 
@@ -272,6 +273,10 @@ bool BriefHold::renewIfLost(VarnCriticalSectionObject& object) {
   state.m_nCount = 0;
   return true;
 }
+
+// The last lock that anything takes.
+constinit const ForkPart sectionFork{[]() VSUPT_UNCHECKED { globalSection().lock(); },
+                                     [](ForkSide) VSUPT_UNCHECKED { globalSection().unlock(); }};
 
 void VSUPTInitVarnObjectBase() {
   // While there is one thread: the second makes the key that all locks share.

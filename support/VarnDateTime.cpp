@@ -13,10 +13,10 @@
 #include <optional>
 #include <string_view>
 
-#include "Cancellation.h"
-#include "DateText.h"
-#include "LocalTime.h"
 #include "VarnSupport/VarnLocaleFactory.h"
+#include "runtime/Cancellation.h"
+#include "time/DateText.h"
+#include "time/LocalTime.h"
 
 namespace VarnSupport {
 

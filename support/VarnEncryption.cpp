@@ -15,8 +15,8 @@
 #include <string>
 #include <utility>
 
-#include "Cancellation.h"
 #include "VarnSupport/VarnException.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

@@ -7,10 +7,10 @@
 #include <new>
 #include <typeinfo>
 
-#include "Cancellation.h"
-#include "EventState.h"
-#include "EventTicket.h"
-#include "SpareMemory.h"
+#include "runtime/Cancellation.h"
+#include "runtime/SpareMemory.h"
+#include "threads/EventState.h"
+#include "threads/EventTicket.h"
 
 namespace VarnSupport {
 

@@ -2,9 +2,9 @@
 
 #include <new>
 
-#include "Cancellation.h"
-#include "EventTicket.h"
-#include "OwnRecords.h"
+#include "log/OwnRecords.h"
+#include "runtime/Cancellation.h"
+#include "threads/EventTicket.h"
 
 namespace VarnSupport {
 

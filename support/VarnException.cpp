@@ -2,8 +2,8 @@
 
 #include <cassert>
 
-#include "Cancellation.h"
 #include "VarnSupport/VarnLocaleFactory.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

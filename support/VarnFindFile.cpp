@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "Cancellation.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

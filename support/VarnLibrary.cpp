@@ -2,9 +2,9 @@
 
 #include <dlfcn.h>
 
-#include "Cancellation.h"
-#include "LibraryLoad.h"
 #include "VarnSupport/VarnException.h"
+#include "plugin/LibraryLoad.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

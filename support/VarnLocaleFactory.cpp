@@ -6,8 +6,8 @@
 
 #include <exception>
 
-#include "Cancellation.h"
-#include "NeverDestroyed.h"
+#include "runtime/Cancellation.h"
+#include "runtime/NeverDestroyed.h"
 
 namespace VarnSupport {
 

@@ -1,6 +1,6 @@
 #include "VarnSupport/VarnLockFactory.h"
 
-#include "Cancellation.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

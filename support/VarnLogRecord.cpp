@@ -5,9 +5,9 @@
 #include <new>
 #include <utility>
 
-#include "Cancellation.h"
-#include "LogState.h"
 #include "VarnSupport/VarnLogging.h"
+#include "log/LogState.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

@@ -10,9 +10,9 @@
 #include <string_view>
 #include <utility>
 
-#include "Cancellation.h"
-#include "LogState.h"
-#include "LogTarget.h"
+#include "log/LogState.h"
+#include "log/LogTarget.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

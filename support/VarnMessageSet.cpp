@@ -1,7 +1,7 @@
 #include "VarnSupport/VarnMessageSet.h"
 
-#include "Cancellation.h"
 #include "VarnSupport/VarnLocaleFactory.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

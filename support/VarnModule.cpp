@@ -1,7 +1,7 @@
 #include "VarnSupport/VarnModule.h"
 
-#include "Fork.h"
 #include "VarnSupport/VarnObjectFactory.h"
+#include "runtime/Fork.h"
 
 namespace VarnSupport {
 

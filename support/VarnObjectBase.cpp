@@ -6,8 +6,8 @@
 #include <typeinfo>
 #include <vector>
 
-#include "BriefHold.h"
-#include "Cancellation.h"
+#include "locks/BriefHold.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

@@ -12,11 +12,11 @@
 #include <atomic>
 #include <mutex>
 
-#include "CallUnderWay.h"
-#include "Cancellation.h"
-#include "Fork.h"
-#include "LibraryLoad.h"
-#include "ProcessExit.h"
+#include "plugin/LibraryLoad.h"
+#include "runtime/CallUnderWay.h"
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
+#include "runtime/ProcessExit.h"
 
 namespace VarnSupport {
 

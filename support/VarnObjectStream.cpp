@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "Cancellation.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

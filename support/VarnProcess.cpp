@@ -14,13 +14,13 @@
 #include <cwchar>
 #include <vector>
 
-#include "Cancellation.h"
-#include "Fork.h"
-#include "OwnRecords.h"
-#include "ReferenceExpansion.h"
 #include "VarnSupport/VarnLocaleFactory.h"
 #include "VarnSupport/VarnProgramOptions.h"
 #include "VarnSupport/VarnStringUtilities.h"
+#include "log/OwnRecords.h"
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
+#include "text/ReferenceExpansion.h"
 
 namespace VarnSupport {
 

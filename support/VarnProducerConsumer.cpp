@@ -5,9 +5,9 @@
 #include <atomic>
 #include <cstdint>
 
-#include "Cancellation.h"
-#include "Fork.h"
-#include "OwnRecords.h"
+#include "log/OwnRecords.h"
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
 
 namespace VarnSupport {
 

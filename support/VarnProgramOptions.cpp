@@ -9,9 +9,9 @@
 #include <string_view>
 #include <utility>
 
-#include "Cancellation.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnStringUtilities.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

@@ -8,13 +8,13 @@
 #include <cassert>
 #include <functional>
 
-#include "BriefHold.h"
-#include "Cancellation.h"
-#include "PropertyFile.h"
-#include "PropertyLine.h"
-#include "ReferenceExpansion.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLogging.h"
+#include "locks/BriefHold.h"
+#include "runtime/Cancellation.h"
+#include "text/PropertyFile.h"
+#include "text/PropertyLine.h"
+#include "text/ReferenceExpansion.h"
 
 namespace VarnSupport {
 

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 
-#include "Cancellation.h"
-#include "OwnRecords.h"
+#include "log/OwnRecords.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

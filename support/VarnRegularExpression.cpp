@@ -7,11 +7,11 @@
 #include <memory>
 #include <utility>
 
-#include "Cancellation.h"
-#include "PatternMatcher.h"
-#include "ProgramSlot.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLogging.h"
+#include "pattern/PatternMatcher.h"
+#include "pattern/ProgramSlot.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

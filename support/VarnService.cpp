@@ -13,13 +13,13 @@
 #include <initializer_list>
 #include <new>
 
-#include "CallUnderWay.h"
-#include "Cancellation.h"
-#include "EventTicket.h"
-#include "Fork.h"
-#include "OwnRecords.h"
-#include "SignalRelay.h"
-#include "System.h"
+#include "log/OwnRecords.h"
+#include "runtime/CallUnderWay.h"
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
+#include "runtime/SignalRelay.h"
+#include "runtime/System.h"
+#include "threads/EventTicket.h"
 
 namespace VarnSupport {
 

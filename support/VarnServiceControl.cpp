@@ -1,6 +1,6 @@
 #include "VarnSupport/VarnServiceControl.h"
 
-#include "Cancellation.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

@@ -12,9 +12,9 @@
 #include <typeinfo>
 #include <utility>
 
-#include "Cancellation.h"
-#include "DelimiterSet.h"
 #include "VarnSupport/VarnException.h"
+#include "runtime/Cancellation.h"
+#include "text/DelimiterSet.h"
 
 namespace VarnSupport {
 

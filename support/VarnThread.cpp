@@ -9,15 +9,15 @@
 #include <new>
 #include <typeinfo>
 
-#include "Cancellation.h"
-#include "Fork.h"
-#include "NeverDestroyed.h"
-#include "ProcessExit.h"
-#include "SignalRelay.h"
-#include "ThreadControl.h"
-#include "UnwindCheck.h"
 #include "VarnSupport/VarnModule.h"
-#include "WaitForSeveral.h"
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
+#include "runtime/NeverDestroyed.h"
+#include "runtime/ProcessExit.h"
+#include "runtime/SignalRelay.h"
+#include "runtime/UnwindCheck.h"
+#include "threads/ThreadControl.h"
+#include "threads/WaitForSeveral.h"
 
 namespace VarnSupport {
 

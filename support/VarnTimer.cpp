@@ -15,16 +15,16 @@
 #include <new>
 #include <optional>
 
-#include "BriefHold.h"
-#include "Cancellation.h"
-#include "EventState.h"
-#include "Fork.h"
-#include "ProcessExit.h"
-#include "SignalRelay.h"
-#include "StackTimers.h"
-#include "TimerState.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnModule.h"
+#include "locks/BriefHold.h"
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
+#include "runtime/ProcessExit.h"
+#include "runtime/SignalRelay.h"
+#include "threads/EventState.h"
+#include "time/StackTimers.h"
+#include "time/TimerState.h"
 
 namespace VarnSupport {
 

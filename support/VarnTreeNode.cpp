@@ -16,12 +16,12 @@
 #include <typeinfo>
 #include <utility>
 
-#include "Cancellation.h"
-#include "ThreadScope.h"
-#include "TreePath.h"
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLogging.h"
 #include "VarnSupport/VarnStringUtilities.h"
+#include "runtime/Cancellation.h"
+#include "runtime/ThreadScope.h"
+#include "text/TreePath.h"
 
 namespace VarnSupport {
 

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <system_error>
 
-#include "Cancellation.h"
 #include "VarnSupport/VarnStringUtilities.h"
+#include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 

@@ -1,5 +1,5 @@
 // The schedule of the timers beside a sorted list, on a clock of its own.
-#include "TimerSchedule.h"
+#include "time/TimerSchedule.h"
 
 #include "TestTools.h"
 

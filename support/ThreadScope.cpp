@@ -1,7 +1,0 @@
-#include "ThreadScope.h"
-
-namespace VarnSupport {
-
-constinit thread_local ThreadScope* ThreadScope::t_pInnermost = nullptr;
-
-}  // namespace VarnSupport

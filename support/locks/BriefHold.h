@@ -1,0 +1,63 @@
+// The library's own way to hold a critical section for a few instructions.
+#ifndef SUPPORT_LOCKS_BRIEFHOLD_H
+#define SUPPORT_LOCKS_BRIEFHOLD_H
+
+#include "VarnSupport/VarnCriticalSection.h"
+#include "runtime/NeverDestroyed.h"
+
+namespace VarnSupport {
+
+// The section behind g_pCriticalSection. It is never destroyed: threads that outlive main() still
+// count references and make locks.
+extern constinit NeverDestroyed<VarnCriticalSectionObject> theGlobalSection;
+inline VarnCriticalSectionObject& globalSection() noexcept { return theGlobalSection.value; }
+
+// pthread_self(), without a call where the platform names a thread by its pointer.
+inline pthread_t callingThread() {
+#ifdef __x86_64__
+  return reinterpret_cast<pthread_t>(__builtin_thread_pointer());
+#else
+  return pthread_self();
+#endif
+}
+
+// Only the calling thread can make the owner equal to itself, so the test needs no lock.
+inline bool LockImplementation::isHeldByCaller() const {
+  return m_hOwner.load(std::memory_order_relaxed) == callingThread();
+}
+
+// Excludes other threads from a critical section without entering it on the caller's list of held
+// locks: half the price of lock() and unlock().
+// Requires: cancellation is closed, so that no recovery can need the entry; nothing but plain data
+// access and allocation inside, no call-out and no other lock.
+class VSUPT_SCOPED_CAPABILITY BriefHold {
+ public:
+  explicit BriefHold(VarnCriticalSectionObject& object) VSUPT_ACQUIRE(object)
+      : m_pLock(&object.state()) {
+    if (m_pLock->isHeldByCaller())
+      m_pLock = nullptr;
+    else
+      pthread_mutex_lock(&m_pLock->m_oMutex);
+  }
+  BriefHold(const BriefHold&) = delete;
+  BriefHold& operator=(const BriefHold&) = delete;
+  ~BriefHold() VSUPT_RELEASE() {
+    if (m_pLock != nullptr)
+      pthread_mutex_unlock(&m_pLock->m_oMutex);
+  }
+
+  // True until the lock is used for the first time, which allocates and can fail.
+  static bool isUnused(const VarnCriticalSectionObject& object) {
+    return object.m_pState.load(std::memory_order_acquire) == nullptr;
+  }
+
+  // For the child of a fork: frees a section that another thread held. True when that was so.
+  static bool renewIfLost(VarnCriticalSectionObject& object);
+
+ private:
+  LockImplementation* m_pLock;  // null when the caller held the lock already
+};
+
+}  // namespace VarnSupport
+
+#endif

@@ -1,0 +1,261 @@
+#include "log/LogState.h"
+
+#include <algorithm>
+#include <cassert>
+#include <climits>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "locks/BriefHold.h"
+#include "log/LogTarget.h"
+#include "runtime/Cancellation.h"
+#include "runtime/NeverDestroyed.h"
+#include "runtime/ProcessExit.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr int kNoLog = INT_MIN;
+constexpr std::chrono::hours kForEver{std::chrono::hours(24) * 365 * 100};
+
+// Waited for under the tables, by whoever has set kAwaited.
+NeverDestroyed<std::condition_variable> bitCleared;
+
+}  // namespace
+
+constinit std::mutex VarnLogging::State::m_oTables;
+constinit VarnLogging::State* VarnLogging::State::m_pFirst = nullptr;
+constinit std::atomic<VarnLogging*> VarnLogging::State::m_pValueLog{nullptr};
+constinit std::atomic<VarnLogging::State*> VarnLogging::State::m_pRegistered{nullptr};
+constinit std::atomic<bool> VarnLogging::State::m_bThresholds{false};
+constinit thread_local VarnLogging::State* VarnLogging::State::t_pValueOf = nullptr;
+constinit VarnLogging::Registration VarnLogging::m_pInstance;
+constinit std::atomic<int> VarnLogging::m_nAdmittedLevel{kNoLog};
+
+VarnLogging::State::State() { lock.init(); }
+
+VarnLogging::State::Owner VarnLogging::State::attachTo(VarnLogging& log) {
+  std::unique_lock guard(m_oTables);
+  State* state = m_pFirst;
+  while (state != nullptr && (state->owner != nullptr || !state->resetLocked()))
+    state = state->next;
+  if (state == nullptr) {
+    guard.unlock();
+    state = new State;
+    guard.lock();
+    state->next = m_pFirst;
+    m_pFirst = state;
+  }
+  state->owner = &log;
+  return Owner(state);
+}
+
+void VarnLogging::State::detach() {
+  const std::lock_guard guard(m_oTables);
+  assert(owner != nullptr && m_pRegistered != this);
+  owner = nullptr;
+}
+
+// A thread may still have a record of the log that is gone open, or the record lock for ever.
+bool VarnLogging::State::resetLocked() {
+  if (!lock.testAndSet())
+    return false;
+  const bool isFree = lock.lockCount() == 1 && (word & (kRecord | kWriting | kChanging)) == 0;
+  if (isFree) {
+    building->older.clear();
+    building->silenced = false;
+    building->content.hasAside = false;
+    building->content.aside.text.clear();
+    target = 0;
+    descriptor = -1;
+    torn = false;
+    word = 0;
+  }
+  lock.unlock();
+  return isFree;
+}
+
+bool VarnLogging::State::awaitUsers() {
+  std::unique_lock guard(m_oTables);
+  word |= kEnding;
+  awaitLocked(
+      guard, [this] { return visits == 0; }, kForEver);
+  // A thread that ends the process inside a record of its own does not come back to it.
+  const std::uint32_t others = openContent() != nullptr ? kWriting : kWriting | kRecord;
+  awaitLocked(
+      guard, [&] { return (word & others) == 0; }, ProcessExit::kPatience);
+  target = 0;
+  return (word.fetch_or(kLeft) & kWriting) == 0;
+}
+
+template <typename Condition>
+void VarnLogging::State::awaitLocked(std::unique_lock<std::mutex>& guard, Condition condition,
+                                     std::chrono::seconds limit) {
+  assert(guard.owns_lock());
+  const NoCancellation whole;
+  ++waiters;
+  word |= kAwaited;
+  bitCleared.value.wait_for(guard, limit, condition);
+  if (--waiters == 0)
+    word &= ~kAwaited;
+}
+
+void VarnLogging::State::wakeWaiters() {
+  const std::lock_guard guard(m_oTables);
+  bitCleared.value.notify_all();
+}
+
+VarnLogging::State::FileChange::FileChange(State& state) : m_oState(state) {
+  const auto begin = [&] { return state.trySet(kChanging, kChanging | kWriting); };
+  if (begin())
+    return;
+  std::unique_lock guard(m_oTables);
+  state.awaitLocked(guard, begin, kForEver);
+}
+
+VarnLogging::State::Visit::Visit(const VarnLogging* log) {
+  const std::lock_guard guard(m_oTables);
+  State* state = m_pFirst;
+  while (state != nullptr && (state->owner != log || (state->word & kEnding) != 0))
+    state = state->next;
+  if (state != nullptr)
+    ++state->visits;
+  m_pState = state;
+}
+
+void VarnLogging::State::Visit::end() {
+  State* const state = std::exchange(m_pState, nullptr);
+  if (state == nullptr)
+    return;
+  const std::lock_guard guard(m_oTables);
+  assert(state->visits > 0);
+  --state->visits;
+  bitCleared.value.notify_all();
+}
+
+// Of threads that race one sets it.
+void VarnLogging::State::makeValueLog() {
+  if (m_pValueLog != nullptr)
+    return;
+  auto made = std::make_unique<VarnLogging>(std::string(), 0, kLevelOff);
+  VarnLogging* none = nullptr;
+  if (m_pValueLog.compare_exchange_strong(none, made.get()))
+    static_cast<void>(made.release());
+}
+
+// Whoever is told that a log admits a level finds that log.
+void VarnLogging::State::registerLocked(VarnLogging* log) {
+  if (log == nullptr)
+    m_nAdmittedLevel = kNoLog;
+  m_pInstance.m_pLog = log;
+  m_pRegistered = log != nullptr ? log->m_pState : nullptr;
+  if (log != nullptr)
+    publishLevelsLocked(*log);
+}
+
+// What callers ask without a lock.
+void VarnLogging::State::publishLevelsLocked(const VarnLogging& log) {
+  if (m_pInstance != &log)
+    return;
+  m_bThresholds = log.m_nThresholds > 0;
+  m_nAdmittedLevel = log.m_nLogLevel.load();
+}
+
+bool VarnLogging::State::isAboveThreshold(const std::string& component, int level) {
+  const std::lock_guard guard(m_oTables);
+  const VarnLogging* const log = m_pInstance;
+  return log == nullptr || level > log->levelOfLocked(component);
+}
+
+// Changes nothing but the end of the text when it throws.
+bool VarnLogging::State::compose(RecordText& text, int level, const std::string& component) {
+  if (text.isEmpty())
+    return false;
+  const std::string_view label = component.empty() ? "Global" : std::string_view(component);
+  text.finish(label);
+  if (level != 0)
+    building->header.putBefore(text, level, label);
+  else
+    *text.extendFront(1) = '\n';
+  text.append("\n");
+  return true;
+}
+
+// Waits while the file is being opened or closed. False when the log is gone.
+bool VarnLogging::State::beginWriting() {
+  if (trySet(kWriting, kChanging | kLeft))
+    return true;
+  std::unique_lock guard(m_oTables);
+  awaitLocked(
+      guard, [&] { return trySet(kWriting, kChanging | kLeft) || (word & kLeft) != 0; }, kForEver);
+  return (word & kWriting) != 0;
+}
+
+void VarnLogging::State::write(RecordText& line, std::uint32_t bits) {
+  {
+    const NoCancellation whole;
+    const int to = target.load(std::memory_order_relaxed);
+    if ((to & kToFile) != 0 && beginWriting()) {
+      if (descriptor >= 0)
+        writeLine(descriptor, line.text(), torn);
+      bits |= kWriting;
+    }
+    if ((to & kToStandardOutput) != 0) {
+      // Whoever closes the file does not wait for standard output.
+      if ((bits & kWriting) != 0)
+        clear(kWriting);
+      bits &= ~kWriting;
+      writeLineToStandardOutput(line.text());
+    }
+  }
+  line.clear();
+  if (bits != 0)
+    clear(bits);
+}
+
+// The file's turn of a thread that is gone is over. Text that it was changing stays where it is.
+void VarnLogging::State::renew() {
+  const bool lockWasLost = BriefHold::renewIfLost(lock);
+  word &= lock.lockCount() > 0 ? kRecord | kEnding | kLeft : kEnding | kLeft;
+  visits = 0;
+  waiters = 0;
+  if (!lockWasLost)
+    return;
+  if (VarnLogging* const log = owner) {
+    log->m_nCurrentLevel = kDefaultRecordLevel;
+    std::construct_at(&log->m_sComponent);
+  }
+  keepForever(building.release());
+  building = spare != nullptr ? std::move(spare) : std::make_unique<Building>();
+}
+
+// What a child needs is made before, as far as there is memory: in the child the heap may be locked
+// for ever, by a thread that it has not.
+void VarnLogging::State::prepareFork() {
+  m_oTables.lock();
+  try {
+    for (State* state = m_pFirst; state != nullptr; state = state->next) {
+      if (state->spare == nullptr)
+        state->spare = std::make_unique<Building>();
+    }
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+void VarnLogging::State::releaseFork(ForkSide side) {
+  if (side == ForkSide::CHILD) {
+    std::construct_at(&bitCleared.value);
+    for (State* state = m_pFirst; state != nullptr; state = state->next)
+      state->renew();
+  }
+  m_oTables.unlock();
+}
+
+constinit const ForkPart logFork{&VarnLogging::State::prepareFork,
+                                 &VarnLogging::State::releaseFork};
+
+}  // namespace VarnSupport

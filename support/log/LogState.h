@@ -1,0 +1,216 @@
+// What a log needs beyond the fields of its class, and what all logs of the process share.
+//
+// The idea: a state outlives its log. It is handed to a later log and never freed. So a thread may
+// wait for the record lock of a log, or for a disk or a pipe, while the log is destroyed: what it
+// does afterwards concerns the state alone, which says that the log is gone. That spares records a
+// lock around the registration, and lets a process end whose log is stuck in a write.
+//
+// The invariant: once a VarnLogRecord has begun it touches the state and not the log, and so does
+// whoever is inside a write. The log itself is touched by the older form, whose callers must not
+// outlive it, and by flush threads, whose visits the destructor waits for: these are short.
+//
+// Locks, in the order in which they are taken:
+//   the record lock of a log   while a record is built and written, across calls of user code
+//   the list of timers         as the first value of the older form starts the idle timer
+//   kWriting, kChanging        bits of the state's word: the file is written to, opened or closed
+//   the tables                 the registration, the states, the components' levels of all logs
+// The tables are never locked across a call that can block. A fork takes them and nothing else of
+// the log: what a thread of the parent was building or writing is dropped in the child.
+#ifndef SUPPORT_LOG_LOGSTATE_H
+#define SUPPORT_LOG_LOGSTATE_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "VarnSupport/VarnLogging.h"
+#include "log/LogHeader.h"
+#include "log/RecordText.h"
+#include "runtime/Fork.h"
+
+namespace VarnSupport {
+
+// What the older form has under way.
+struct OlderRecord {
+  RecordText text;
+  std::string component;
+  std::int32_t level = 9;
+};
+
+// What an open VarnLogRecord has collected. Used by the thread that holds the record lock.
+struct VSUPT_LOCAL VarnLogRecord::Content {
+  // The innermost record that the calling thread has open.
+  static constinit thread_local Content* t_pInnermost;
+
+  VarnLogging::State* state = nullptr;
+  RecordText text;
+  std::string component;
+  std::int32_t level = 0;
+  int holds = 0;  // how often its thread had the record lock when it began, itself included
+  Content* outer = nullptr;  // the record of the same thread that it stands in
+  // What the older form had under way outside, while it is used inside.
+  bool hasAside = false;
+  OlderRecord aside;
+};
+
+struct VSUPT_LOCAL VarnLogging::State {
+  static constexpr int kLevelOff = -1;
+  static constexpr int kHighestLevel = 9;
+
+  // Bits of the word.
+  static constexpr std::uint32_t kRecord = 1;    // a VarnLogRecord is open
+  static constexpr std::uint32_t kWriting = 2;   // a record is being written to the file
+  static constexpr std::uint32_t kChanging = 4;  // the file is being opened or closed
+  static constexpr std::uint32_t kEnding = 8;    // the log is being destroyed, or is gone
+  static constexpr std::uint32_t kLeft = 16;     // the log is gone
+  static constexpr std::uint32_t kAwaited = 32;  // a thread waits for another bit to go
+
+  // What records are built in. When a fork leaves behind the thread that was at it, the child takes
+  // a new one.
+  struct Building {
+    RecordText older;       // the text of the older form, and what a threshold has rejected
+    bool silenced = false;  // no text is taken any more
+    VarnLogRecord::Content content;  // of a VarnLogRecord that stands in no other
+    LogHeader header;
+  };
+
+  // Has the file for itself: no record is written to it, and nobody else opens or closes it.
+  class FileChange {
+   public:
+    explicit FileChange(State& state);
+    FileChange(const FileChange&) = delete;
+    FileChange& operator=(const FileChange&) = delete;
+    ~FileChange() { m_oState.clear(kChanging); }
+
+   private:
+    State& m_oState;
+  };
+
+  // Keeps a log from being destroyed, for a moment.
+  class Visit {
+   public:
+    explicit Visit(const VarnLogging* log);
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+    ~Visit() { end(); }
+
+    // Null when the log is being destroyed, or is gone.
+    State* state() const { return m_pState; }
+    void end();
+
+   private:
+    State* m_pState = nullptr;
+  };
+
+  struct Detach {
+    void operator()(State* state) const { state->detach(); }
+  };
+  using Owner = std::unique_ptr<State, Detach>;
+
+  State();
+
+  // The state of a new log, to which it belongs until detach().
+  static Owner attachTo(VarnLogging& log);
+  void detach();
+  // Waits for those who use the log, no longer than a few seconds for what may take for ever. From
+  // then on nobody uses it. False when its file is still being written to.
+  bool awaitUsers();
+
+  // Sees that there is a log which is never destroyed: the values of every VarnLogRecord go through
+  // it, as their own log may be gone.
+  static void makeValueLog();
+  // Registers a log, or null. Requires: the tables are locked, here and where a name says so.
+  static void registerLocked(VarnLogging* log);
+  static void publishLevelsLocked(const VarnLogging& log);
+  // Whether the threshold of a component of the registered log rejects the level.
+  static bool isRejected(const std::string& component, int level) {
+    return m_bThresholds.load(std::memory_order_relaxed) && !component.empty() && level != 0 &&
+           isAboveThreshold(component, level);
+  }
+  static bool isAboveThreshold(const std::string& component, int level);
+
+  // Begins a VarnLogRecord of the registered log; null without a log, or without memory.
+  static VarnLogRecord::Content* begin(const std::string& component, int level) VSUPT_UNCHECKED;
+  VarnLogRecord::Content* open(const std::string& component, int level, bool isInner);
+  void finish(VarnLogRecord::Content& content) VSUPT_UNCHECKED;
+  // The innermost VarnLogRecord of this log that the calling thread has open, or null.
+  VarnLogRecord::Content* openContent() const;
+
+  // The older form stands aside, with what it has under way, while it is used inside a
+  // VarnLogRecord, and comes back when that ends.
+  void setAside(VarnLogging& log) VSUPT_UNCHECKED;
+  void bringBack(VarnLogRecord::Content& content) VSUPT_UNCHECKED;
+  // What endrecord() does once it has the record lock. Ends the visit before it writes.
+  void endOlder(VarnLogging& log, Visit* visit = nullptr) VSUPT_UNCHECKED;
+  bool composeOlder(VarnLogging& log) VSUPT_UNCHECKED;
+  // What timerElapsed() does, for a log that may be gone.
+  static void flush(VarnLogging* log) VSUPT_UNCHECKED;
+  void noteExpiry(VarnLogging* log) VSUPT_UNCHECKED;
+
+  void append(RecordText& text, std::string_view value);
+  // Makes the line of a record; false for one without text.
+  bool compose(RecordText& text, int level, const std::string& component);
+  // Writes the line and empties the text, then clears `bits`.
+  void write(RecordText& line, std::uint32_t bits);
+  bool beginWriting();
+
+  // Sets the bit unless one of `excluded` is set.
+  bool trySet(std::uint32_t bit, std::uint32_t excluded) {
+    std::uint32_t seen = word.load(std::memory_order_relaxed);
+    do {
+      if ((seen & excluded) != 0)
+        return false;
+    } while (!word.compare_exchange_weak(seen, seen | bit));
+    return true;
+  }
+  // Clears the bits. The state may serve another log at once, so this does not look at it again.
+  void clear(std::uint32_t bits) {
+    if ((word.fetch_and(~bits) & kAwaited) != 0)
+      wakeWaiters();
+  }
+  static void wakeWaiters();
+  // Waits until `condition` holds, or for the limit. Requires: `guard` holds the tables.
+  template <typename Condition>
+  void awaitLocked(std::unique_lock<std::mutex>& guard, Condition condition,
+                   std::chrono::seconds limit);
+  // Closes the file of the log. Requires: nobody else uses it.
+  void closeFile(VarnLogging& log);
+  // Makes a state that has no log as good as new, if nobody is at it.
+  bool resetLocked();
+
+  static void prepareFork() VSUPT_UNCHECKED;
+  static void releaseFork(ForkSide side) VSUPT_UNCHECKED;
+  // Makes what other threads held or changed anew, in the child of a fork.
+  void renew() VSUPT_UNCHECKED;
+
+  static constinit std::mutex m_oTables;
+  static constinit State* m_pFirst;  // of all states
+  static constinit std::atomic<VarnLogging*> m_pValueLog;
+  // Of the registered log.
+  static constinit std::atomic<State*> m_pRegistered;
+  static constinit std::atomic<bool> m_bThresholds;
+  // Set by getLogAccess() for the value that follows.
+  static constinit thread_local State* t_pValueOf;
+
+  VarnCriticalSectionObject lock;                                     // shared with the log
+  std::unique_ptr<Building> building = std::make_unique<Building>();  // guarded by `lock`
+  std::unique_ptr<Building> spare;  // for a child, made before the fork
+  std::atomic<std::uint32_t> word{0};
+  std::atomic<std::int32_t> target{0};
+  // Used by whoever has kWriting or kChanging.
+  int descriptor = -1;
+  bool torn = false;
+  // Guarded by the tables.
+  std::atomic<VarnLogging*> owner{nullptr};
+  int visits = 0;
+  int waiters = 0;
+  State* next = nullptr;
+};
+
+}  // namespace VarnSupport
+
+#endif

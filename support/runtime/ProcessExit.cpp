@@ -1,0 +1,51 @@
+#include "runtime/ProcessExit.h"
+
+#include <mutex>
+
+#include "runtime/Fork.h"
+
+// As the C++ binary interface has them. std::atexit() cannot take a handler back.
+extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* handle);
+extern "C" void __cxa_finalize(void* handle);
+
+namespace VarnSupport {
+
+namespace {
+
+constinit std::atomic<MonotonicTime> begin{MonotonicTime::min()};
+constinit std::mutex renewing;
+constinit std::atomic<bool> isRenewed{false};
+constinit char handle = 0;  // its address is the name of the handler
+
+void noteBegin(void*) {
+  if (isRenewed)
+    return;
+  MonotonicTime never = MonotonicTime::min();
+  begin.compare_exchange_strong(never, monotonicNow());
+}
+
+}  // namespace
+
+constinit std::atomic<bool> ProcessExit::m_bOutdated{true};
+
+// Takes the older handler out, which calls it: the list of handlers must not grow.
+void ProcessExit::renewHandler() {
+  const std::lock_guard guard(renewing);
+  if (!m_bOutdated.exchange(false) || hasBegun())
+    return;
+  isRenewed = true;
+  __cxa_finalize(&handle);
+  isRenewed = false;
+  static_cast<void>(__cxa_atexit(&noteBegin, nullptr, &handle));
+}
+
+bool ProcessExit::hasBegun() { return begin.load() != MonotonicTime::min(); }
+
+MonotonicTime ProcessExit::latestEnd() {
+  return (hasBegun() ? begin.load() : monotonicNow()) + kPatience;
+}
+
+// The platform's list of handlers is whole in the child.
+constinit const ForkPart exitFork{[] { renewing.lock(); }, [](ForkSide) { renewing.unlock(); }};
+
+}  // namespace VarnSupport

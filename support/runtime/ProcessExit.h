@@ -1,0 +1,42 @@
+// Whether the process is on its way out.
+#ifndef SUPPORT_RUNTIME_PROCESSEXIT_H
+#define SUPPORT_RUNTIME_PROCESSEXIT_H
+
+#include <atomic>
+#include <chrono>
+
+#include "runtime/System.h"
+
+namespace VarnSupport {
+
+// While a process exits, the destructors of its static objects must not wait for ever: who could
+// end what they wait for may be gone. exit() runs handlers and the destructors of static objects in
+// the reverse order of their beginnings, so that a handler tells of the exit only to objects that
+// are older than itself.
+class ProcessExit {
+ public:
+  // How long all such destructors together may hold up the end of the process.
+  static constexpr std::chrono::seconds kPatience{3};
+
+  // For the constructor of an object whose destructor asks whether the exit has begun.
+  static void noteObject() { m_bOutdated.store(true, std::memory_order_release); }
+  // Called before anything begins that such a destructor waits for: the objects that were noted
+  // until now will be told of the exit.
+  static void watch() {
+    if (m_bOutdated.load(std::memory_order_acquire))
+      renewHandler();
+  }
+
+  static bool hasBegun();
+  // Until when a destructor may wait that begins to do so now.
+  static MonotonicTime latestEnd();
+
+ private:
+  static void renewHandler();
+
+  static std::atomic<bool> m_bOutdated;
+};
+
+}  // namespace VarnSupport
+
+#endif

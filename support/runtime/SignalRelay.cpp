@@ -1,0 +1,325 @@
+#include "runtime/SignalRelay.h"
+
+#include <dirent.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <mutex>
+
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
+
+namespace VarnSupport {
+
+namespace {
+
+struct Route {
+  std::atomic<SignalRelay::Routine> routine{nullptr};
+  std::atomic<bool> pending{false};
+  std::int64_t expectedUntil = 0;  // monotonic milliseconds; 0: not expected; guarded by the mutex
+};
+
+static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler uses it");
+
+constexpr std::size_t kSignals = 32;  // real-time signals are not routed
+
+constexpr std::int64_t kLooksAloneMilliseconds = 100;
+constexpr int kLooksToSettle = 100;
+constexpr useconds_t kLookMicroseconds = 50;
+
+// Constant-initialised and trivially destroyed: threads may use it while the process exits.
+struct RelayState {
+  std::array<Route, kSignals> routes;
+  std::atomic<bool> busy{false};
+  std::atomic<bool> mainHasEnded{false};
+  sem_t semaphore{};
+  std::mutex mutex;
+  // Guarded by mutex.
+  bool prepared = false;
+  bool running = false;
+  bool ranInParent = false;  // when this process was forked
+  pthread_t thread{};
+  sigset_t callersMask{};
+};
+
+constinit RelayState relay;
+
+Route& routeOf(int signal) { return relay.routes[static_cast<std::size_t>(signal)]; }
+
+// SIGUSR2 also interrupts threads that are killed.
+void onSignal(int signal) {
+  const int savedErrno = errno;
+  if (signal != SIGUSR2 || t_pCancellation == nullptr || !t_pCancellation->handleSignal())
+    SignalRelay::post(signal);
+  errno = savedErrno;
+}
+
+std::int64_t monotonicMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// When the first signal that is expected counts as lost; 0 while none is expected.
+std::int64_t firstExpectation() {
+  const std::lock_guard guard(relay.mutex);
+  std::int64_t first = 0;
+  for (const Route& route : relay.routes) {
+    if (route.expectedUntil != 0 && (first == 0 || route.expectedUntil < first))
+      first = route.expectedUntil;
+  }
+  return first;
+}
+
+// Waits for a signal, or until one that is expected counts as lost, or for a moment once the main
+// thread has ended.
+void awaitWork() {
+  std::int64_t until = firstExpectation();
+  if (relay.mainHasEnded) {
+    const std::int64_t soon = monotonicMilliseconds() + kLooksAloneMilliseconds;
+    until = until == 0 ? soon : std::min(until, soon);
+  }
+  const timespec time{until / 1000, until % 1000 * 1000000};
+  int result = 0;
+  do {
+    result = until == 0 ? sem_wait(&relay.semaphore)
+                        : sem_clockwait(&relay.semaphore, CLOCK_MONOTONIC, &time);
+  } while (result != 0 && errno == EINTR);
+}
+
+// The signals, as bits, that have come, or have not come in time.
+std::uint32_t takeDue() {
+  const std::lock_guard guard(relay.mutex);
+  const std::int64_t now = monotonicMilliseconds();
+  std::uint32_t due = 0;
+  for (std::size_t signal = 0; signal < kSignals; ++signal) {
+    Route& route = relay.routes[signal];
+    const bool isLost = route.expectedUntil != 0 && route.expectedUntil <= now;
+    if (!route.pending.exchange(false) && !isLost)
+      continue;
+    route.expectedUntil = 0;
+    due |= std::uint32_t{1} << signal;
+  }
+  return due;
+}
+
+void runDue() {
+  const std::uint32_t due = takeDue();
+  for (int signal = 1; signal < static_cast<int>(kSignals); ++signal) {
+    if ((due >> signal & 1) != 0)
+      routeOf(signal).routine.load()(signal);
+  }
+}
+
+// Whether the calling thread is the last: the system lists a main thread that has ended, too.
+bool isAlone() {
+  int tasks = 0;
+  DIR* const folder = opendir("/proc/self/task");
+  if (folder == nullptr)
+    return false;
+  while (const dirent* const entry = readdir(folder)) {
+    if (entry->d_name[0] != '.')
+      ++tasks;
+  }
+  closedir(folder);
+  return tasks <= 2;
+}
+
+// True when the relay is to end, and the process with it.
+bool isLast() {
+  if (!relay.mainHasEnded || !isAlone())
+    return false;
+  const std::lock_guard guard(relay.mutex);
+  relay.running = false;
+  return true;
+}
+
+void* runRelay(void*) {
+  pthread_setname_np(pthread_self(), "vsupt-signals");
+  sigset_t ours;
+  sigemptyset(&ours);
+  for (const int signal : {SIGALRM, SIGUSR1, SIGUSR2})
+    sigaddset(&ours, signal);
+  pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
+  while (!isLast()) {
+    awaitWork();
+    relay.busy = true;
+    runDue();
+    relay.busy = false;
+  }
+  return nullptr;
+}
+
+// Has the relay told when the calling thread, the main one, ends by pthread_exit().
+void watchMainThread() {
+  static pthread_key_t key;
+  static const bool hasKey = pthread_key_create(&key, [](void*) {
+                               relay.mainHasEnded = true;
+                               sem_post(&relay.semaphore);
+                             }) == 0;
+  if (hasKey)
+    pthread_setspecific(key, &relay);
+}
+
+// Starts the relay on a stack of its own: in the child of a fork, a new thread would otherwise
+// stand on the stack of a vanished one, where objects may still be registered.
+bool createRelay(pthread_attr_t& attributes) {
+  constexpr std::size_t kGuardBytes = std::size_t{1} << 16;  // a page at least
+  constexpr std::size_t kStackBytes = std::size_t{1} << 20;
+  void* const memory = mmap(nullptr, kGuardBytes + kStackBytes, PROT_NONE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+  if (memory == MAP_FAILED)
+    return false;
+  void* const stack = static_cast<char*>(memory) + kGuardBytes;
+  if (mprotect(stack, kStackBytes, PROT_READ | PROT_WRITE) == 0 &&
+      pthread_attr_setstack(&attributes, stack, kStackBytes) == 0 &&
+      pthread_create(&relay.thread, &attributes, runRelay, nullptr) == 0)
+    return true;
+  munmap(memory, kGuardBytes + kStackBytes);
+  return false;
+}
+
+// Starts the relay with every signal blocked, so that none of the program's handlers runs on it.
+void startLocked() {
+  if (relay.running)
+    return;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  relay.running = createRelay(attributes);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  pthread_attr_destroy(&attributes);
+}
+
+bool hasWork() {
+  return relay.busy || std::any_of(relay.routes.begin(), relay.routes.end(),
+                                   [](const Route& route) { return route.pending.load(); });
+}
+
+bool isRelayLocked() { return relay.running && pthread_equal(relay.thread, pthread_self()) != 0; }
+
+}  // namespace
+
+void SignalRelay::route(int number, Routine routine) {
+  {
+    const std::lock_guard guard(relay.mutex);
+    if (!relay.prepared) {
+      sem_init(&relay.semaphore, 0, 0);
+      relay.prepared = true;
+      if (gettid() == getpid())
+        watchMainThread();
+    }
+    routeOf(number).routine.store(routine);
+  }
+  ::signal(number, onSignal);
+}
+
+bool SignalRelay::ensureRunning() {
+  const std::lock_guard guard(relay.mutex);
+  startLocked();
+  return relay.running;
+}
+
+void SignalRelay::post(int signal) {
+  if (!routeOf(signal).pending.exchange(true))
+    sem_post(&relay.semaphore);
+}
+
+void SignalRelay::raise(int signal) {
+  {
+    const std::lock_guard guard(relay.mutex);
+    startLocked();
+    if (relay.running)
+      pthread_kill(relay.thread, signal);
+    else
+      kill(getpid(), signal);
+  }
+  post(signal);
+}
+
+bool SignalRelay::isRelay() {
+  const std::lock_guard guard(relay.mutex);
+  return isRelayLocked();
+}
+
+void SignalRelay::runPending() {
+  while (sem_trywait(&relay.semaphore) == 0) {
+  }
+  runDue();
+}
+
+void SignalRelay::expectWithin(int signal, long milliseconds) {
+  const std::lock_guard guard(relay.mutex);
+  routeOf(signal).expectedUntil = monotonicMilliseconds() + milliseconds;
+  startLocked();
+  if (!isRelayLocked())
+    sem_post(&relay.semaphore);  // it may be waiting for longer
+}
+
+void SignalRelay::rememberCallersMask() {
+  const std::lock_guard guard(relay.mutex);
+  if (!isRelayLocked())
+    pthread_sigmask(SIG_BLOCK, nullptr, &relay.callersMask);
+}
+
+void SignalRelay::adoptCallersMask() {
+  const std::lock_guard guard(relay.mutex);
+  pthread_sigmask(SIG_SETMASK, &relay.callersMask, nullptr);
+}
+
+void SignalRelay::settle() {
+  {
+    const std::lock_guard guard(relay.mutex);
+    if (!relay.running || isRelayLocked())
+      return;
+  }
+  const NoCancellation settling;
+  for (int look = 0; look < kLooksToSettle && hasWork(); ++look)
+    usleep(kLookMicroseconds);
+}
+
+void SignalRelay::resumeInChild() {
+  const auto isRouted = [](int signal) { return routeOf(signal).routine.load() != nullptr; };
+  if (relay.ranInParent && (isRouted(SIGTERM) || isRouted(SIGINT)))
+    ensureRunning();
+}
+
+namespace {
+
+void prepareRelay() { relay.mutex.lock(); }
+
+// A signal that the parent has noted is the parent's. The semaphore is made anew first: what is
+// noted from then on is posted again.
+void releaseRelay(ForkSide side) {
+  if (side == ForkSide::CHILD) {
+    relay.ranInParent = relay.running;
+    relay.running = isRelayLocked();
+    relay.busy = relay.running;
+    relay.mainHasEnded = false;
+    sem_init(&relay.semaphore, 0, 0);
+    for (Route& route : relay.routes) {
+      route.pending.store(false);
+      route.expectedUntil = 0;
+    }
+    watchMainThread();
+  }
+  relay.mutex.unlock();
+}
+
+}  // namespace
+
+constinit const ForkPart relayFork{&prepareRelay, &releaseRelay};
+
+}  // namespace VarnSupport

@@ -1,0 +1,7 @@
+#include "runtime/ThreadScope.h"
+
+namespace VarnSupport {
+
+constinit thread_local ThreadScope* ThreadScope::t_pInnermost = nullptr;
+
+}  // namespace VarnSupport

@@ -1,0 +1,126 @@
+// The text files behind property sets: a reader of lines and a writer.
+#ifndef SUPPORT_TEXT_PROPERTYFILE_H
+#define SUPPORT_TEXT_PROPERTYFILE_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cwchar>
+#include <locale>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace VarnSupport {
+
+// An open file, closed with its owner.
+class FileDescriptor {
+ public:
+  // As open(), with the file closed on exec. A folder counts as a file that cannot be opened.
+  FileDescriptor(const std::string& fileName, int flags, mode_t mode);
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor();
+
+  bool isOpen() const { return m_nDescriptor >= 0; }
+  int get() const { return m_nDescriptor; }
+  // Behind anything but a regular file there may be somebody who writes, or waits for, one line at
+  // a time.
+  bool isRegular() const { return m_bRegular; }
+  // The length at the time of opening.
+  std::size_t length() const { return m_nLength; }
+
+ private:
+  int m_nDescriptor;
+  bool m_bRegular = false;
+  std::size_t m_nLength = 0;
+};
+
+// The characters of a file: narrow ones are its bytes.
+template <typename CharT>
+class CharacterSource {
+ public:
+  explicit CharacterSource(const std::string& fileName);
+
+  const FileDescriptor& file() const { return m_oFile; }
+  // Reads up to `room` characters and returns their number: 0 at the end, which is where a read or
+  // a conversion fails. Requires: room > 0.
+  std::size_t read(CharT* to, std::size_t room);
+
+ private:
+  FileDescriptor m_oFile;
+};
+
+// Wide characters come out of the global locale's conversion, that of the time of opening.
+template <>
+class CharacterSource<wchar_t> {
+ public:
+  explicit CharacterSource(const std::string& fileName);
+
+  const FileDescriptor& file() const { return m_oBytes.file(); }
+  std::size_t read(wchar_t* to, std::size_t room);
+
+ private:
+  bool fetchBytes();
+
+  CharacterSource<char> m_oBytes;
+  std::locale m_oLocale;
+  std::mbstate_t m_oState{};
+  std::vector<char> m_vBytes;
+  std::size_t m_nBegin = 0;  // what is read and not converted yet
+  std::size_t m_nEnd = 0;
+};
+
+// Reads the lines of a file: in large blocks, or as they come when it is not regular.
+template <typename CharT>
+class PropertyFileReader {
+ public:
+  using tLine = std::basic_string_view<CharT>;
+
+  explicit PropertyFileReader(const std::string& fileName);
+
+  bool isOpen() const { return m_oSource.file().isOpen(); }
+  // Replaces `lines` by the lines of the next block, without their line feeds and without those
+  // that are empty; they are valid until the next call. False at the end.
+  bool nextLines(std::vector<tLine>& lines);
+
+ private:
+  bool fetchBlock();
+  void skipByteOrderMark();
+  std::size_t keepLowHalves(std::size_t begin, std::size_t end);
+  void takeLines(std::vector<tLine>& lines);
+
+  CharacterSource<CharT> m_oSource;
+  std::vector<CharT> m_vText;
+  std::size_t m_nBegin = 0;     // what is read and not handed out yet
+  std::size_t m_nSearched = 0;  // no line ends before
+  std::size_t m_nEnd = 0;
+  bool m_bEnded = false;
+  bool m_bUtf16 = false;
+  bool m_bHasLowHalf = false;  // a character whose high half is still to come
+  CharT m_cLowHalf{};
+};
+
+// Writes a file anew, wide characters through the conversion of the global locale.
+class PropertyFileWriter {
+ public:
+  explicit PropertyFileWriter(const std::string& fileName);
+
+  bool isOpen() const { return m_oFile.isOpen(); }
+  // Writes whole lines, each with its line feed: at once, or one by one when the file is not
+  // regular. False when one cannot be converted or written, which ends the file.
+  bool write(std::string_view lines);
+  bool write(std::wstring_view lines);
+
+ private:
+  bool writeBytes(std::string_view bytes);
+  bool encode(std::wstring_view line, std::string& bytes);
+
+  FileDescriptor m_oFile;
+  std::locale m_oLocale;
+  std::mbstate_t m_oState{};
+};
+
+}  // namespace VarnSupport
+
+#endif

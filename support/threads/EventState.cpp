@@ -1,0 +1,166 @@
+#include "threads/EventState.h"
+
+#include <linux/futex.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <bit>
+#include <climits>
+#include <ctime>
+
+#include "runtime/BriefGate.h"
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
+
+namespace VarnSupport {
+
+namespace {
+
+// A set() that comes soon is cheaper to wait for than to sleep for. Between two looks the processor
+// is given up, as whoever is about to call set() may need just this one.
+constexpr int kLooksBeforeSleeping = 40;
+// After a wait that looked in vain only one of so many looks before it sleeps.
+constexpr std::uint32_t kWaitsBetweenTrials = 32;
+
+// The half of the word that holds the number: the system waits on 32 bits.
+std::uint32_t* numberIn(std::atomic<std::uint64_t>& word) {
+  constexpr std::size_t kUpperHalf = std::endian::native == std::endian::little ? 1 : 0;
+  return reinterpret_cast<std::uint32_t*>(&word) + kUpperHalf;
+}
+
+void wakeAll(std::uint32_t* number) {
+  syscall(SYS_futex, number, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// Returns when the number may have changed, or the deadline passed. A cancellation point, which
+// syscall() is not; there is nothing to destroy in this frame.
+[[gnu::noinline]] void waitForChange(std::uint32_t* number, std::uint32_t from,
+                                     const timespec* deadline) {
+  int type = PTHREAD_CANCEL_DEFERRED;
+  pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &type);
+  syscall(SYS_futex, number, FUTEX_WAIT_BITSET_PRIVATE, from, deadline, nullptr,
+          FUTEX_BITSET_MATCH_ANY);
+  pthread_setcanceltype(type, nullptr);
+}
+
+timespec toTimespec(MonotonicTime time) {
+  const auto sinceStart = time.time_since_epoch();
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceStart);
+  const std::chrono::nanoseconds rest = sinceStart - seconds;
+  return {static_cast<std::time_t>(seconds.count()), static_cast<long>(rest.count())};
+}
+
+}  // namespace
+
+// Counts a waiting thread for a scope, which a cancellation may end.
+class EventState::Waiter {
+ public:
+  explicit Waiter(EventState& state) : m_oState(state) {
+    m_oState.renewAfterFork();
+    m_oState.m_nWord.fetch_add(1, std::memory_order_acquire);
+  }
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+  ~Waiter() { m_oState.m_nWord.fetch_sub(1, std::memory_order_release); }
+
+ private:
+  EventState& m_oState;
+};
+
+EventState::EventState() : m_nOwner(g_nForks * 2) {}
+
+EventState::~EventState() {
+  pthread_cond_destroy(&condition);
+  pthread_mutex_destroy(&mutex);
+}
+
+// A raise() that has not seen the flag is over for the caller: what its thread did before is seen
+// from here on.
+void EventState::handOut() {
+  if ((m_nWord.fetch_or(kHandedOut) & kHandedOut) == 0)
+    BriefGate::synchronize();
+}
+
+void EventState::raise() {
+  if ((m_nWord.load(std::memory_order_relaxed) & kHandedOut) != 0)
+    broadcast();
+  std::uint32_t* const number = numberIn(m_nWord);
+  if ((m_nWord.fetch_add(kOneSet, std::memory_order_acq_rel) & kWaiters) != 0)
+    wakeAll(number);
+}
+
+void EventState::broadcast() {
+  renewAfterFork();
+  pthread_mutex_lock(&mutex);
+  pthread_cond_broadcast(&condition);
+  pthread_mutex_unlock(&mutex);
+}
+
+bool EventState::waitSince(std::uint32_t ticket, const MonotonicTime* deadline) {
+  if (comesSoon(ticket))
+    return true;
+  const Waiter waiter(*this);
+  const timespec until = deadline != nullptr ? toTimespec(*deadline) : timespec{};
+  while (number() == ticket) {
+    if (deadline != nullptr && monotonicNow() >= *deadline)
+      return false;
+    const BlockingCall cancellable;
+    waitForChange(numberIn(m_nWord), ticket, deadline != nullptr ? &until : nullptr);
+  }
+  return true;
+}
+
+// Looks at the number for a while, unless it was in vain the last times.
+bool EventState::comesSoon(std::uint32_t ticket) {
+  const std::uint32_t late = m_nLateWaits.load(std::memory_order_relaxed);
+  m_nLateWaits.store(late + 1, std::memory_order_relaxed);
+  if (late % kWaitsBetweenTrials != 0)
+    return number() != ticket;
+  m_nLooking.fetch_add(1, std::memory_order_relaxed);
+  bool has = number() != ticket;
+  for (int looks = 0; !has && looks < kLooksBeforeSleeping; ++looks) {
+    sched_yield();
+    has = number() != ticket;
+  }
+  if (has)
+    m_nLateWaits.store(0, std::memory_order_relaxed);
+  m_nLooking.fetch_sub(1, std::memory_order_release);
+  return has;
+}
+
+bool EventState::isWaitedFor() {
+  renewAfterFork();
+  return (m_nWord.load(std::memory_order_acquire) & kWaiters) != 0 ||
+         m_nLooking.load(std::memory_order_acquire) != 0;
+}
+
+void EventState::resetCondition() {
+  if ((m_nWord.load(std::memory_order_relaxed) & kHandedOut) != 0)
+    return;
+  renewAfterFork();
+  pthread_mutex_lock(&mutex);
+  pthread_cond_init(&condition, nullptr);
+  pthread_mutex_unlock(&mutex);
+}
+
+// Waiters that a fork left behind would hold up the broadcasts of the child, for good. Tickets stay
+// good: the number goes on.
+void EventState::renewAfterFork() {
+  const std::uint32_t own = g_nForks * 2;
+  std::uint32_t seen = m_nOwner.load(std::memory_order_acquire);
+  while (seen != own) {
+    if (seen == own + 1) {
+      sched_yield();
+      seen = m_nOwner.load(std::memory_order_acquire);
+    } else if (m_nOwner.compare_exchange_weak(seen, own + 1, std::memory_order_acquire)) {
+      pthread_cond_init(&condition, nullptr);
+      pthread_mutex_init(&mutex, nullptr);
+      m_nWord.fetch_and(~kWaiters, std::memory_order_relaxed);
+      m_nLooking.store(0, std::memory_order_relaxed);
+      m_nOwner.store(seen = own, std::memory_order_release);
+    }
+  }
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,70 @@
+// What an event keeps: a number that each set() raises, and the condition that it hands out.
+#ifndef SUPPORT_THREADS_EVENTSTATE_H
+#define SUPPORT_THREADS_EVENTSTATE_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "runtime/System.h"
+
+namespace VarnSupport {
+
+// Threads wait for the number, by futex(2). The number, the threads that wait and whether the
+// condition was handed out are one word, so that a set() for which nobody waits is one operation;
+// and as soon as the number has moved nothing of the state is touched any more, because a waiter
+// that sees it move may destroy the event at once. (Waking those who wait at an address that is
+// gone does no harm: the system only compares the address.)
+//
+// The condition and the mutex come first: getHandle() hands out their address. Who waits on them is
+// not counted, and the library itself never does.
+class EventState {
+ public:
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+
+  EventState();
+  EventState(const EventState&) = delete;
+  EventState& operator=(const EventState&) = delete;
+  // Requires: nobody waits, and nobody will.
+  ~EventState();
+
+  std::uint32_t number() const {
+    return static_cast<std::uint32_t>(m_nWord.load(std::memory_order_acquire) >> kNumberBits);
+  }
+  void raise();
+  // False when `deadline`, if there is one, has passed before the number left `ticket`.
+  bool waitSince(std::uint32_t ticket, const MonotonicTime* deadline);
+
+  // From here on raise() signals the condition, too.
+  void handOut();
+  bool isWaitedFor();
+  // Makes the condition anew unless somebody may be waiting for it.
+  void resetCondition();
+
+ private:
+  class Waiter;
+
+  static constexpr unsigned kNumberBits = 32;
+  static constexpr std::uint64_t kOneSet = std::uint64_t{1} << kNumberBits;
+  static constexpr std::uint64_t kHandedOut = std::uint64_t{1} << 31;
+  static constexpr std::uint64_t kWaiters = kHandedOut - 1;
+
+  bool comesSoon(std::uint32_t ticket);
+  void renewAfterFork();
+  void broadcast();
+
+  std::atomic<std::uint64_t> m_nWord{0};
+  // The process that the rest belongs to, by how often it came of a fork: twice that, one more
+  // while it is being renewed.
+  std::atomic<std::uint32_t> m_nOwner;
+  // Threads that look at the number for a while before they sleep, and waits in a row that in the
+  // end had to sleep.
+  std::atomic<std::uint32_t> m_nLooking{0};
+  std::atomic<std::uint32_t> m_nLateWaits{0};
+};
+
+}  // namespace VarnSupport
+
+#endif

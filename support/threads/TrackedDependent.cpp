@@ -1,0 +1,101 @@
+#include "threads/TrackedDependent.h"
+
+#include <cstdint>
+#include <mutex>
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr std::uintptr_t kTracked = 1;
+
+static_assert(alignof(TrackedDependent) > kTracked && alignof(VarnDependent) > kTracked,
+              "the lowest bit of an address is free");
+
+constinit std::mutex listMutex;
+
+std::uintptr_t bitsOf(const VarnDependent* entry) {
+  return reinterpret_cast<std::uintptr_t>(entry);
+}
+
+}  // namespace
+
+constinit std::atomic<int> TrackedDependent::m_nCount{0};
+constinit TrackedDependent* TrackedDependent::m_pFirst = nullptr;
+
+TrackedDependent::TrackedDependent() : m_hOwner(pthread_self()) { m_nCount.fetch_add(1); }
+
+TrackedDependent::~TrackedDependent() { m_nCount.fetch_sub(1); }
+
+void TrackedDependent::enlist() {
+  const std::lock_guard guard(listMutex);
+  m_pNext = m_pFirst;
+  m_pFirst = this;
+}
+
+void TrackedDependent::addTo(VarnCollaborator& collaborator) {
+  collaborator.addEntry(entryOf(*this));
+}
+
+void TrackedDependent::strikeOff() {
+  const std::lock_guard guard(listMutex);
+  TrackedDependent** link = &m_pFirst;
+  while (*link != this)
+    link = &(*link)->m_pNext;
+  *link = m_pNext;
+}
+
+void TrackedDependent::awaitCalls() {
+  while (const int calls = m_nCalls.load(std::memory_order_acquire))
+    m_nCalls.wait(calls, std::memory_order_acquire);
+}
+
+VarnDependent* TrackedDependent::entryOf(TrackedDependent& dependent) {
+  return reinterpret_cast<VarnDependent*>(bitsOf(&dependent) | kTracked);
+}
+
+TrackedDependent* TrackedDependent::findIn(VarnDependent* entry) {
+  if ((bitsOf(entry) & kTracked) == 0)
+    return nullptr;
+  auto* const dependent = reinterpret_cast<VarnDependent*>(bitsOf(entry) - kTracked);
+  return static_cast<TrackedDependent*>(dependent);
+}
+
+bool TrackedDependent::isEntryOf(VarnDependent* entry, const VarnDependent& dependent) {
+  return (bitsOf(entry) & ~kTracked) == bitsOf(&dependent);
+}
+
+void TrackedDependent::Call::begin(TrackedDependent& dependent) {
+  m_pDependent = &dependent;
+  m_pDependent->m_nCalls.fetch_add(1, std::memory_order_relaxed);
+}
+
+// After the decrement the dependent may be gone: notify_all() takes its address and nothing else.
+TrackedDependent::Call::~Call() {
+  if (m_pDependent == nullptr)
+    return;
+  std::atomic<int>& calls = m_pDependent->m_nCalls;
+  if (calls.fetch_sub(1, std::memory_order_release) == 1)
+    calls.notify_all();
+}
+
+void TrackedDependent::prepareFork() { listMutex.lock(); }
+
+void TrackedDependent::parentAfterFork() { listMutex.unlock(); }
+
+// Calls that vanished threads had begun never return, and nobody waits for them.
+void TrackedDependent::childAfterFork() {
+  TrackedDependent** link = &m_pFirst;
+  while (*link != nullptr) {
+    TrackedDependent& dependent = **link;
+    if (pthread_equal(dependent.m_hOwner, pthread_self()) != 0) {
+      link = &dependent.m_pNext;
+      continue;
+    }
+    *link = dependent.m_pNext;
+    dependent.removeEverywhere();
+  }
+  listMutex.unlock();
+}
+
+}  // namespace VarnSupport

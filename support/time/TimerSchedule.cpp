@@ -1,0 +1,106 @@
+#include "time/TimerSchedule.h"
+
+#include <cassert>
+
+namespace VarnSupport {
+
+TimerSchedule::Slot TimerSchedule::insert(VarnTimer& timer, std::int64_t deadline, bool waits) {
+  const Slot slot = newSlot();
+  push(waits, {deadline - m_nMoved, ++m_nInserted, &timer, slot});
+  return slot;
+}
+
+// With its slot a timer gets all the memory that it may need later: in either heap, and to give the
+// slot back.
+TimerSchedule::Slot TimerSchedule::newSlot() {
+  if (m_vFreeSlots.empty()) {
+    const auto slot = static_cast<Slot>(m_vPlaces.size());
+    m_vPlaces.push_back({});
+    const std::size_t room = m_vPlaces.capacity();
+    try {
+      m_vReady.reserve(room);
+      m_vWaiting.reserve(room);
+      m_vFreeSlots.reserve(room);
+    } catch (...) {
+      m_vPlaces.pop_back();
+      throw;
+    }
+    return slot;
+  }
+  const Slot slot = m_vFreeSlots.back();
+  m_vFreeSlots.pop_back();
+  return slot;
+}
+
+void TimerSchedule::remove(Slot slot) {
+  take(slot);
+  m_vFreeSlots.push_back(slot);
+}
+
+void TimerSchedule::clear() {
+  m_vReady.clear();
+  m_vWaiting.clear();
+  m_vPlaces.clear();
+  m_vFreeSlots.clear();
+}
+
+VarnTimer* TimerSchedule::firstDue(std::int64_t now) const {
+  return !m_vReady.empty() && firstDeadline() <= now ? &first() : nullptr;
+}
+
+void TimerSchedule::repeat(Slot slot, std::int64_t deadline) {
+  Entry entry = take(slot);
+  entry.deadline = deadline - m_nMoved;
+  entry.order = ++m_nInserted;
+  push(true, entry);
+}
+
+void TimerSchedule::releaseAll() {
+  for (const Entry& entry : m_vWaiting)
+    push(false, entry);
+  m_vWaiting.clear();
+}
+
+void TimerSchedule::push(bool waits, const Entry& entry) {
+  heap(waits).push_back(entry);
+  sift(waits, heap(waits).size() - 1);
+}
+
+// The last entry of the heap takes the place of the one that leaves.
+TimerSchedule::Entry TimerSchedule::take(Slot slot) {
+  const auto [waits, index] = m_vPlaces[static_cast<std::size_t>(slot)];
+  Heap& entries = heap(waits);
+  assert(index < entries.size() && entries[index].slot == slot);
+  const Entry taken = entries[index];
+  entries[index] = entries.back();
+  entries.pop_back();
+  if (index < entries.size())
+    sift(waits, index);
+  return taken;
+}
+
+// Moves one entry up or down to where it belongs, and notes the places of all that change theirs.
+void TimerSchedule::sift(bool waits, std::size_t index) {
+  const Heap& entries = heap(waits);
+  const Entry moving = entries[index];
+  while (index > 0 && moving.isBefore(entries[(index - 1) / 2])) {
+    store(waits, index, entries[(index - 1) / 2]);
+    index = (index - 1) / 2;
+  }
+  for (std::size_t child = 2 * index + 1; child < entries.size(); child = 2 * index + 1) {
+    if (child + 1 < entries.size() && entries[child + 1].isBefore(entries[child]))
+      ++child;
+    if (!entries[child].isBefore(moving))
+      break;
+    store(waits, index, entries[child]);
+    index = child;
+  }
+  store(waits, index, moving);
+}
+
+void TimerSchedule::store(bool waits, std::size_t index, const Entry& entry) {
+  heap(waits)[index] = entry;
+  m_vPlaces[static_cast<std::size_t>(entry.slot)] = {waits, index};
+}
+
+}  // namespace VarnSupport

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 
 #include "locks/BriefHold.h"
 #include "runtime/BriefGate.h"
@@ -136,6 +137,7 @@ class VSUPT_LOCAL VarnCollaborator::Cursor {
 };
 
 TrackedDependent* VarnCollaborator::Cursor::read(TrackedDependent::Call& call) {
+  assert(m_nBegin <= m_nPosition && m_nPosition <= m_nEnd && m_nEnd <= m_nSize);
   const ListHold hold(m_oCollaborator.m_oLock);
   std::vector<VarnDependent*>& list = m_oCollaborator.m_vDependents;
   m_nPosition = m_nBegin = std::min(m_nPosition, list.size());

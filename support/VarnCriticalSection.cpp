@@ -1,5 +1,17 @@
+// A critical section shares its state with its copies, and makes it when it is first used: those
+// that are static or never used cost nothing. The state is a mutex, its owner, and how often that
+// holds it.
+//
+// The locks that a thread holds form a list, newest first, so that the end of a thread can give
+// back what it still holds: VarnCriticalSectionRecoverFn. Only the owner changes the fields of a
+// held lock, and only the owner can find itself in m_hOwner, so that all of them are read without
+// the mutex.
+//
+// A thread of the library that waits for a lock may be killed meanwhile. It takes the lock, as
+// there is no other way to leave the mutex, then gives it back, and unwinds.
 #include "VarnSupport/VarnCriticalSection.h"
 
+#include <cassert>
 #include <cerrno>
 #include <memory>
 
@@ -54,6 +66,7 @@ LockImplementation::~LockImplementation() {
 
 // Books the first level of the mutex, just acquired, as the newest lock of the calling thread.
 void LockImplementation::take() {
+  assert(m_hOwner == 0 && m_nCount == 0);
   m_nCount.store(1, std::memory_order_relaxed);
   m_hOwner.store(callingThread(), std::memory_order_relaxed);
   LockImplementation* const newest = t_pNewestLock;
@@ -66,6 +79,7 @@ void LockImplementation::take() {
 
 // Takes the lock off the caller's list and frees the mutex.
 void LockImplementation::giveUp() {
+  assert(isHeldByCaller() && m_nCount == 0);
   m_hOwner.store(0, std::memory_order_relaxed);
   if (m_pOlder != nullptr)
     m_pOlder->m_pNewer = m_pNewer;

@@ -1,3 +1,5 @@
+// The text of an exception is wide. Narrow texts are converted as they come and go, by the default
+// locale; a character that it lacks becomes a blank.
 #include "VarnSupport/VarnException.h"
 
 #include <cassert>

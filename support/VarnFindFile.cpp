@@ -1,3 +1,6 @@
+// A search reads one entry ahead: whether there is more is known before it is asked for. The folder
+// stays open as long as the search exists. What follows the last separator is the pattern; what
+// stands before it is taken as it is, and leads each name that is found.
 #include "VarnSupport/VarnFindFile.h"
 
 #include <unistd.h>

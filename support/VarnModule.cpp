@@ -1,3 +1,6 @@
+// The registry of modules, and the library's own module, whose static object starts the families in
+// the order of their needs: locks, threads, the log, timers. They are shut down in the reverse
+// order. VSUPTInit... of a family stands in the source of that family, beside what it starts.
 #include "VarnSupport/VarnModule.h"
 
 #include "VarnSupport/VarnObjectFactory.h"

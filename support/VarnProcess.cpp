@@ -1,3 +1,8 @@
+// Programs, folders, the environment and the texts of errors.
+//
+// A program is started by fork(), with every signal blocked until the child has given up the
+// handlers of this process: none of them may run in the child. All that allocates is made before
+// the fork, as the child has the heap of a process with other threads, and does nothing but exec.
 #include "VarnSupport/VarnProcess.h"
 
 #include <fcntl.h>

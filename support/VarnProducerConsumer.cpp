@@ -1,3 +1,7 @@
+// The rendezvous of producers and consumers: a mutex that callers hold between two operations, and
+// a condition. Who holds the mutex may be killed, so the holder notes it with its cancellation,
+// which gives it back when the thread ends. What a fork leaves behind is made anew at the first
+// use.
 #include "VarnSupport/VarnProducerConsumer.h"
 
 #include <pthread.h>

@@ -71,7 +71,10 @@ VarnReadWriteLock::VarnReadWriteLock(const VarnReadWriteLock& source) {
 }
 
 // Keeps the lock that the object has: nobody may look at the object any more.
-VarnReadWriteLock& VarnReadWriteLock::operator=(const VarnReadWriteLock&) { return *this; }
+VarnReadWriteLock& VarnReadWriteLock::operator=(  // NOLINT(bugprone-unhandled-self-assignment)
+    const VarnReadWriteLock&) {
+  return *this;
+}
 
 VarnReadWriteLock::~VarnReadWriteLock() {
   const QuietCancellationGuard closed;

@@ -1,3 +1,11 @@
+// A service runs its start hook, waits for its stop event, and runs its stop hook, all on the
+// thread of start(). A handler of a stop signal only posts (SignalRelay); the relay starts a thread
+// that calls stop(), since the dependents of the event take as long as they like.
+//
+// A daemon reports on a pipe whether its start hook has succeeded, and the launching process waits
+// for that, or for the end of the pipe, before it exits. The descriptors of the pipe are above the
+// standard streams, and are looked at again before they are used: a start hook may close what it
+// does not know.
 #include "VarnSupport/VarnService.h"
 
 #include <fcntl.h>

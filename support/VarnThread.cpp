@@ -1,3 +1,11 @@
+// An object and its POSIX thread share a ThreadControl, which outlives whichever goes first: a
+// thread may delete its object, an object may be killed and destroyed while its thread runs, and
+// others may be waiting for either. All that one of them must know of the other goes through the
+// control.
+//
+// A thread that deletes itself has nobody to join it. It writes itself into g_vExitThreads as the
+// last of its acts and sends SIGUSR2, on which the relay joins all those of the list that have
+// ended.
 #include "VarnSupport/VarnThread.h"
 
 #include <pthread.h>

@@ -1,3 +1,7 @@
+// What a log does apart from its object: states outlive their logs and serve others later, so that
+// a thread which is late finds memory that is still a state. Bits of one word say what is under
+// way; a bit is set by whoever begins and cleared by whoever ends, without a lock unless somebody
+// waits.
 #include "log/LogState.h"
 
 #include <algorithm>

@@ -1,3 +1,7 @@
+// How a thread enters a section is in the header, as it is a store and a load. Here is what is
+// rare: a thread's first section, the closing of the gate, and those who come to a closed gate. A
+// thread that finds the gate closed takes back its mark before it waits, as the closer waits for
+// the marks.
 #include "runtime/BriefGate.h"
 
 #include <linux/membarrier.h>
@@ -6,6 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -91,6 +96,7 @@ void BriefGate::leaveCrowd() { crowding.value.unlock(); }
 void BriefGate::close() {
   closing.lock();
   m_pCloser = t_pVisitor != nullptr ? t_pVisitor : newVisitor();
+  assert((m_nState & CLOSED) == 0 && m_pCloser->depth == 0);
   m_nState.fetch_or(CLOSED);
   if ((m_nState & FENCED) == 0)
     membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
@@ -104,6 +110,7 @@ void BriefGate::close() {
 }
 
 void BriefGate::open() {
+  assert((m_nState & CLOSED) != 0 && m_pCloser != nullptr);
   m_nState.fetch_and(~CLOSED);
   if (m_pCloser == &m_oCrowd)
     leaveCrowd();

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <csignal>
 #include <exception>
 #include <utility>
@@ -108,6 +109,7 @@ void CancellationState::leaveBlockingCall() {
 }
 
 void CancellationState::enterBody() {
+  assert(!m_bInBody && m_nDepth == 1);
   m_nThread = gettid();
   m_bInBody = true;
   if (m_bRequested)

@@ -17,6 +17,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cassert>
 #include <ctime>
 #include <exception>
 
@@ -44,7 +45,10 @@ class CancellationState {
     if (addToDepth(1) == 1 && m_bRequested.load(std::memory_order_relaxed))
       unwindIfPossible();
   }
-  void leave() { addToDepth(-1); }
+  void leave() {
+    assert(m_nDepth > 0);
+    addToDepth(-1);
+  }
 
   // Around an operation that gives something back: no request is acted on inside.
   void enterQuietly() {
@@ -52,6 +56,7 @@ class CancellationState {
     ++m_nQuiet;
   }
   void leaveQuietly() {
+    assert(m_nQuiet > 0 && m_nDepth >= m_nQuiet);
     --m_nQuiet;
     addToDepth(-1);
   }

@@ -1,3 +1,9 @@
+// A handler sets the flag of its signal and posts the semaphore on which the relay waits; a signal
+// that comes again before its flag was taken adds nothing. The relay takes all flags that are set,
+// and the signals that were expected and have not come, and runs their routines.
+//
+// What the handlers use is constant-initialised and never destroyed, and has no lock. The rest is
+// guarded by a mutex that is held for a few instructions, and across a fork.
 #include "runtime/SignalRelay.h"
 
 #include <dirent.h>
@@ -9,6 +15,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
@@ -52,7 +59,10 @@ struct RelayState {
 
 constinit RelayState relay;
 
-Route& routeOf(int signal) { return relay.routes[static_cast<std::size_t>(signal)]; }
+Route& routeOf(int signal) {
+  assert(signal > 0 && static_cast<std::size_t>(signal) < kSignals);
+  return relay.routes[static_cast<std::size_t>(signal)];
+}
 
 // SIGUSR2 also interrupts threads that are killed.
 void onSignal(int signal) {
@@ -261,6 +271,7 @@ void SignalRelay::runPending() {
 }
 
 void SignalRelay::expectWithin(int signal, long milliseconds) {
+  assert(milliseconds >= 0);
   const std::lock_guard guard(relay.mutex);
   routeOf(signal).expectedUntil = monotonicMilliseconds() + milliseconds;
   startLocked();

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <bit>
+#include <cassert>
 #include <climits>
 #include <ctime>
 
@@ -59,6 +60,7 @@ class EventState::Waiter {
   explicit Waiter(EventState& state) : m_oState(state) {
     m_oState.renewAfterFork();
     m_oState.m_nWord.fetch_add(1, std::memory_order_acquire);
+    assert((m_oState.m_nWord & kWaiters) != 0 && "more waiters than there is room for");
   }
   Waiter(const Waiter&) = delete;
   Waiter& operator=(const Waiter&) = delete;
@@ -71,6 +73,7 @@ class EventState::Waiter {
 EventState::EventState() : m_nOwner(g_nForks * 2) {}
 
 EventState::~EventState() {
+  assert(m_nLooking == 0);
   pthread_cond_destroy(&condition);
   pthread_mutex_destroy(&mutex);
 }

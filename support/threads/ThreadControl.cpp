@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cassert>
 #include <chrono>
 #include <csignal>
 #include <memory>
@@ -94,6 +95,7 @@ ThreadControl& ThreadControl::make(VarnThread& object, const std::string& system
                                    const Work& work) {
   auto* const control = new ThreadControl(object, systemName, work);
   const std::lock_guard guard(controlMutex);
+  assert(object.m_pControl == nullptr);
   object.m_pControl = control;
   return *control;
 }
@@ -111,7 +113,9 @@ void ThreadControl::part(VarnThread& object) {
 }
 
 void ThreadControl::drop() {
-  if (m_nUses.fetch_sub(1) == 1)
+  const int uses = m_nUses.fetch_sub(1);
+  assert(uses > 0);
+  if (uses == 1)
     delete this;
 }
 
@@ -261,6 +265,7 @@ bool ThreadControl::beginAnnouncement() {
   const std::lock_guard guard(m_oMutex);
   if (m_pObject == nullptr)
     return false;
+  assert(m_ePhase == BODY);
   m_ePhase = ANNOUNCING;
   return true;
 }

@@ -1,5 +1,6 @@
 #include "threads/TrackedDependent.h"
 
+#include <cassert>
 #include <cstdint>
 #include <mutex>
 
@@ -25,10 +26,14 @@ constinit TrackedDependent* TrackedDependent::m_pFirst = nullptr;
 
 TrackedDependent::TrackedDependent() : m_hOwner(pthread_self()) { m_nCount.fetch_add(1); }
 
-TrackedDependent::~TrackedDependent() { m_nCount.fetch_sub(1); }
+TrackedDependent::~TrackedDependent() {
+  assert(m_nCalls == 0);
+  m_nCount.fetch_sub(1);
+}
 
 void TrackedDependent::enlist() {
   const std::lock_guard guard(listMutex);
+  assert(m_pNext == nullptr);
   m_pNext = m_pFirst;
   m_pFirst = this;
 }

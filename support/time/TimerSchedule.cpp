@@ -6,6 +6,7 @@ namespace VarnSupport {
 
 TimerSchedule::Slot TimerSchedule::insert(VarnTimer& timer, std::int64_t deadline, bool waits) {
   const Slot slot = newSlot();
+  assert(slot >= 0 && m_vReady.capacity() >= m_vPlaces.size());
   push(waits, {deadline - m_nMoved, ++m_nInserted, &timer, slot});
   return slot;
 }

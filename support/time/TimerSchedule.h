@@ -2,6 +2,7 @@
 #ifndef SUPPORT_TIME_TIMERSCHEDULE_H
 #define SUPPORT_TIME_TIMERSCHEDULE_H
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -41,8 +42,14 @@ class TimerSchedule {
   }
 
   // The first timer of all and its deadline. Requires: not empty; no timer waits.
-  VarnTimer& first() const { return *m_vReady.front().timer; }
-  std::int64_t firstDeadline() const { return m_vReady.front().deadline + m_nMoved; }
+  VarnTimer& first() const {
+    assert(!m_vReady.empty());
+    return *m_vReady.front().timer;
+  }
+  std::int64_t firstDeadline() const {
+    assert(!m_vReady.empty());
+    return m_vReady.front().deadline + m_nMoved;
+  }
 
   // Moves all deadlines: the clock was set by so many seconds.
   void moveBy(std::int64_t seconds) { m_nMoved += seconds; }

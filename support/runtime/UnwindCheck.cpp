@@ -6,7 +6,6 @@
 #include "runtime/UnwindCheck.h"
 
 #include <cxxabi.h>
-#include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
 #include <sys/auxv.h>
@@ -74,6 +73,14 @@ template <typename Function>
 Segment segmentOf(Function* function) {
   const Segment segment = segmentOf(reinterpret_cast<std::uintptr_t>(function));
   return segment.contains(getauxval(AT_ENTRY)) ? Segment{} : segment;
+}
+
+// The code of the dynamic loader, whose functions a sanitizer may stand in for; an empty one when
+// the loader was started as a program.
+Segment segmentOfLoader() {
+  const unsigned long base = getauxval(AT_BASE);
+  return base == 0 ? Segment{}
+                   : segmentOf(base + reinterpret_cast<const ElfW(Ehdr)*>(base)->e_entry);
 }
 
 // Reads the unsigned numbers of an exception table.
@@ -256,12 +263,9 @@ class Look {
 
 // The first walk makes the unwinder set itself up, which a signal handler could not have it do.
 void UnwindCheck::prepare() {
-  theSegments = {segmentOf(&UnwindCheck::prepare),
-                 segmentOf(&pthread_testcancel),
-                 segmentOf(dlsym(RTLD_DEFAULT, "__tls_get_addr")),
-                 segmentOf(&abi::__cxa_begin_catch),
-                 segmentOf(&_Unwind_Resume),
-                 segmentOf(&std::free)};
+  theSegments = {
+      segmentOf(&UnwindCheck::prepare),   segmentOf(&pthread_testcancel), segmentOfLoader(),
+      segmentOf(&abi::__cxa_begin_catch), segmentOf(&_Unwind_Resume),     segmentOf(&std::free)};
   isPossibleHere();
 }
 

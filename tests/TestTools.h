@@ -1,14 +1,9 @@
-// What the tests share: waiting for conditions, temporary folders, children with a time limit, and
-// a log that can be read back.
+// What all tests share: waiting for conditions, temporary folders, children with a time limit, and
+// the headers that most of them need.
 #ifndef TESTS_TESTTOOLS_H
 #define TESTS_TESTTOOLS_H
 
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,27 +11,25 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <latch>
-#include <list>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <random>
-#include <sstream>
+#include <string>
 #include <thread>
+#include <tuple>
+#include <vector>
 
-#include "VarnSupport/VarnSupport.h"
+#include "VarnSupport/VarnException.h"
 
 using namespace VarnSupport;
 
@@ -134,48 +127,6 @@ std::string resultOf(Call call) {
   }
 }
 
-// Does what the case wants, then counts the call.
-class Observer : public VarnDependent {
- public:
-  Observer() = default;
-  template <typename Source>
-  explicit Observer(Source& source) {
-    source.addDependent(*this);
-  }
-  template <typename Source, typename Action>
-  Observer(Source& source, Action action) : Observer(source) {
-    if constexpr (std::is_invocable_v<Action&>)
-      m_oAction = [action](const auto&...) mutable { action(); };
-    else
-      m_oAction = std::move(action);
-  }
-  void handleNotification(VarnCollaborator& source, const VarnNotification& notification) override {
-    if (m_oAction)
-      m_oAction(source, notification);
-    ++calls;
-  }
-
-  std::atomic<int> calls{0};
-
- private:
-  std::function<void(VarnCollaborator&, const VarnNotification&)> m_oAction;
-};
-
-// Kills a thread and looks at what it ended with.
-inline void killAndJoin(VarnThread& thread) {
-  const pthread_t identifier = *static_cast<pthread_t*>(thread.getHandle());
-  thread.kill();
-  void* result = nullptr;
-  EXPECT_EQ(0, pthread_join(identifier, &result));
-  EXPECT_EQ(PTHREAD_CANCELED, result);
-}
-
-// Whether no ended thread is left to be joined.
-inline bool areAllReaped() {
-  const VarnCriticalSection guard(g_exitThreadLock, true);
-  return g_vExitThreads.empty();
-}
-
 inline bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
@@ -217,10 +168,25 @@ inline int entriesIn(const std::string& folder) {
 // The threads of this process. ThreadSanitizer's own one starts with the first.
 inline int threadCount() { return entriesIn("/proc/self/task") + (kThreadSanitizer ? 1 : 0); }
 
-// Whether a thread of this process sleeps until another wakes it.
-inline bool isAsleep(pid_t thread) {
+// Whether a thread of this process is in that call of the system.
+inline bool isIn(pid_t thread, long call) {
   return contentsOf("/proc/self/task/" + std::to_string(thread) + "/syscall")
-      .starts_with(std::to_string(SYS_futex) + ' ');
+      .starts_with(std::to_string(call) + ' ');
+}
+
+// Whether a thread of this process sleeps until another wakes it.
+inline bool isAsleep(pid_t thread) { return isIn(thread, SYS_futex); }
+
+// Runs `body` on a thread of its own, which sleeps there when this returns.
+template <typename Body>
+std::jthread startSleeper(Body body) {
+  std::atomic<pid_t> id{0};
+  std::jthread sleeper([&id, body] {
+    id = gettid();
+    body();
+  });
+  EXPECT_TRUE(eventually([&] { return id != 0 && isAsleep(id); }));
+  return sleeper;
 }
 
 // Whether a process has ended, be it that nobody has waited for it yet.
@@ -265,35 +231,5 @@ inline pid_t startBareChild(const std::function<int()>& body) {
 inline int runInBareChild(const std::function<int()>& body) {
   return outcomeOf(startBareChild(body));
 }
-
-// A registered log that writes to a file of its own.
-class FileLog {
- public:
-  explicit FileLog(int level) : m_oLog(m_oFolder / "test", VarnLogging::kToFile, level) {
-    VarnLogging::setInstance(m_oLog);
-  }
-
-  VarnLogging& log() { return m_oLog; }
-
-  std::string file() const {
-    for (const auto& entry : std::filesystem::directory_iterator(m_oFolder.path()))
-      return entry.path().string();
-    return "";
-  }
-  std::vector<std::string> lines() const { return linesOf(file()); }
-  // The texts behind the headers.
-  std::vector<std::string> texts() const {
-    std::vector<std::string> found = lines();
-    for (std::string& line : found) {
-      const std::size_t header = line.find("] ");
-      line.erase(0, header == std::string::npos ? 0 : header + 2);
-    }
-    return found;
-  }
-
- private:
-  TempFolder m_oFolder;
-  VarnLogging m_oLog;
-};
 
 #endif

@@ -1,7 +1,10 @@
 // The schedule of the timers beside a sorted list, on a clock of its own.
 #include "time/TimerSchedule.h"
 
+#include <list>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnTimer.h"
 
 namespace {
 

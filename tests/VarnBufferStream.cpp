@@ -1,4 +1,9 @@
+#include <limits>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnBufferStream.h"
+#include "VarnSupport/VarnObjectStream.h"
+#include "VarnSupport/VarnStringUtilities.h"
 
 namespace {
 
@@ -132,7 +137,8 @@ TEST(VarnBufferStream, AShortReadLeavesTheRestOfTheTarget) {
   streamOf("010203") >> wide;
   streamOf("010203") >> unsignedWide;
   EXPECT_EQ(0x55550201, number);
-  EXPECT_TRUE(wide == -77 && unsignedWide == 77);
+  EXPECT_EQ(-77, wide);
+  EXPECT_EQ(77U, unsignedWide);
 }
 
 TEST(VarnBufferStream, StringsAreReadWithA16BitLength) {

@@ -1,4 +1,7 @@
-#include "TestTools.h"
+#include <map>
+
+#include "LibraryTools.h"
+#include "VarnSupport/VarnCollaborator.h"
 
 namespace {
 

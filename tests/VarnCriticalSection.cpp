@@ -1,4 +1,7 @@
+#include <pthread.h>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnCriticalSection.h"
 
 namespace {
 
@@ -93,7 +96,9 @@ TEST(VarnCriticalSection, TheThreadListFollowsLocksTakenAndGivenUpInAnyOrder) {
   a.unlock();
   VarnCriticalSectionRecoverFn(nullptr);
   EXPECT_EQ(nullptr, newest());
-  EXPECT_TRUE(otherThreadGets(a) && otherThreadGets(b) && otherThreadGets(c));
+  EXPECT_TRUE(otherThreadGets(a));
+  EXPECT_TRUE(otherThreadGets(b));
+  EXPECT_TRUE(otherThreadGets(c));
 }
 
 TEST(VarnCriticalSection, RacingFirstUsersMakeOneLock) {

@@ -1,4 +1,8 @@
+#include <stdexcept>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnEncryption.h"
+#include "VarnSupport/VarnStringUtilities.h"
 
 namespace {
 

@@ -1,4 +1,5 @@
-#include "TestTools.h"
+#include "VarnSupport/VarnEvent.h"
+#include "LibraryTools.h"
 
 namespace {
 

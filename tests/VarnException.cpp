@@ -1,4 +1,8 @@
+#include <deque>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnException.h"
+#include "VarnSupport/VarnStringUtilities.h"
 
 using Messages = std::deque<std::wstring>;
 

@@ -1,6 +1,9 @@
+#include <sys/stat.h>
+
 #include <set>
 
 #include "TestTools.h"
+#include "VarnSupport/VarnFindFile.h"
 
 namespace {
 
@@ -63,8 +66,10 @@ TEST(VarnFindFile, ReadsTheWorkingDirectoryWithoutAFolder) {
   EXPECT_EQ(Names(), found(""));
   // Deeper than any path may name.
   const std::string step(200, 'd');
-  for (int i = 0; i < 25; ++i)
-    ASSERT_TRUE(mkdir(step.c_str(), 0755) == 0 && chdir(step.c_str()) == 0);
+  for (int i = 0; i < 25; ++i) {
+    ASSERT_EQ(0, mkdir(step.c_str(), 0755));
+    ASSERT_EQ(0, chdir(step.c_str()));
+  }
   writeFile("deep.conf", "");
   EXPECT_EQ(Names{"deep.conf"}, found("*.conf"));
   std::filesystem::current_path(before);

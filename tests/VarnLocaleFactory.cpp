@@ -1,4 +1,9 @@
+#include <locale>
+#include <map>
+#include <sstream>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnLocaleFactory.h"
 
 namespace {
 

@@ -1,4 +1,8 @@
+#include <locale>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnLocaleFactory.h"
+#include "VarnSupport/VarnMessageSet.h"
 
 TEST(VarnMessageSet, LaterFilesOverwriteAndOnlyTheCountryMayBeMissing) {
   const TempFolder folder;

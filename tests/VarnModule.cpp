@@ -1,4 +1,12 @@
+#include <stdexcept>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnCriticalSection.h"
+#include "VarnSupport/VarnLibraryVersion.h"
+#include "VarnSupport/VarnModule.h"
+#include "VarnSupport/VarnObjectBase.h"
+#include "VarnSupport/VarnTimer.h"
+#include "VarnSupport/VarnWorkInformation.h"
 
 namespace {
 

@@ -1,4 +1,8 @@
+#include <stdexcept>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnObjectBase.h"
+#include "VarnSupport/VarnWorkInformation.h"
 
 namespace {
 
@@ -85,7 +89,9 @@ TEST(VarnObjectBase, NormalizesClassNames) {
 
 TEST(VarnSmartPointer, SharesAndReleases) {
   Pointer empty;
-  EXPECT_TRUE(empty == nullptr && !empty && empty.operator->() == nullptr);
+  EXPECT_TRUE(empty == nullptr);
+  EXPECT_FALSE(empty);
+  EXPECT_EQ(nullptr, empty.operator->());
   {
     auto* const raw = new Counted;
     Pointer first(raw);
@@ -94,8 +100,14 @@ TEST(VarnSmartPointer, SharesAndReleases) {
     first = second;
     first = raw;
     EXPECT_EQ(2, raw->refCount());
-    EXPECT_TRUE(first == second && first == raw && raw == first && first != nullptr);
-    EXPECT_FALSE(first < second || second < first || empty < first || first < empty);
+    EXPECT_TRUE(first == second);
+    EXPECT_TRUE(first == raw);
+    EXPECT_TRUE(raw == first);
+    EXPECT_TRUE(first != nullptr);
+    EXPECT_FALSE(first < second);
+    EXPECT_FALSE(second < first);
+    EXPECT_FALSE(empty < first);
+    EXPECT_FALSE(first < empty);
     Pointer moved(std::move(first));
     EXPECT_EQ(3, raw->refCount());
     second = nullptr;

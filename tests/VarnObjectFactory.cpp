@@ -1,4 +1,12 @@
+#include <dlfcn.h>
+
+#include <mutex>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnLibrary.h"
+#include "VarnSupport/VarnModule.h"
+#include "VarnSupport/VarnObjectBase.h"
+#include "VarnSupport/VarnObjectFactory.h"
 
 namespace {
 
@@ -63,7 +71,8 @@ TEST(VarnObjectFactory, RegistrationsWinOverFunctionsAndGoFirst) {
   EXPECT_TRUE(factory.construct("null") == nullptr);
   factory.remove("a");
   const VarnSmartPointer<VarnObjectBase> made = factory.construct("a");
-  ASSERT_TRUE(made != nullptr && made != special);
+  ASSERT_TRUE(made != nullptr);
+  EXPECT_TRUE(made != special);
   EXPECT_EQ(1, made->refCount());
   factory.remove("a");
   factory.remove("a");
@@ -189,7 +198,8 @@ TEST(VarnLibrary, CopiesHaveTheHandleAndCloseItOnceMore) {
     *assigned = library;
     EXPECT_EQ(1, assigned->refCount());
     void* const version = VarnLibrary(library).getProcAddr("greetingVersion");
-    EXPECT_TRUE(version != nullptr && version == assigned->getProcAddr("greetingVersion"));
+    EXPECT_NE(nullptr, version);
+    EXPECT_EQ(version, assigned->getProcAddr("greetingVersion"));
   }
   EXPECT_EQ(nullptr, dlopen(VSUPT_TEST_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
 }

@@ -1,4 +1,9 @@
-#include "TestTools.h"
+#include <deque>
+
+#include "LibraryTools.h"
+#include "VarnSupport/VarnEventTimerThread.h"
+#include "VarnSupport/VarnProducerConsumer.h"
+#include "VarnSupport/VarnTimer.h"
 
 namespace {
 
@@ -139,21 +144,16 @@ TEST(VarnEventTimerThread, TracesItsEnd) {
 TEST(VarnProducerConsumer, AConsumerThatIsKilledLeavesTheWorkToTheOthers) {
   Numbers numbers;
   Work work(numbers);
-  struct Consumer : VarnThread {
-    int run() override {
-      id = gettid();
-      int number = 0;
-      return work->consume(number) ? 1 : 2;
-    }
-    Work* work;
-    std::atomic<pid_t> id{0};
-  } consumer;
-  consumer.work = &work;
+  int number = 0;
+  std::atomic<pid_t> id{0};
+  Task consumer([&] {
+    id = gettid();
+    return work.consume(number) ? 1 : 2;
+  });
   consumer.start();
-  EXPECT_TRUE(eventually([&] { return consumer.id != 0 && isAsleep(consumer.id); }));
+  EXPECT_TRUE(eventually([&] { return id != 0 && isAsleep(id); }));
   killAndJoin(consumer);
   work.produce(7);
-  int number = 0;
   EXPECT_TRUE(work.consume(number));
   EXPECT_EQ(7, number);
 }
@@ -163,15 +163,12 @@ TEST(VarnProducerConsumer, TheSentinelComesThroughAlthoughTheQueueCannotBeCleare
     void clear() override { throw 1; }
   } queue;
   VarnBaseProducerConsumer rendezvous(queue);
-  std::atomic<pid_t> id{0};
-  const std::jthread consumer([&] {
-    id = gettid();
+  const auto consumer = startSleeper([&] {
     rendezvous.lockSyncMutex();
     while (!rendezvous.isSentinel())
       rendezvous.waitForSyncEvent();
     rendezvous.unlockSyncMutex();
   });
-  EXPECT_TRUE(eventually([&] { return id != 0 && isAsleep(id); }));
   EXPECT_THROW(rendezvous.produceSentinel(true), int);
 }
 

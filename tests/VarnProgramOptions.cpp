@@ -1,3 +1,4 @@
+#include "VarnSupport/VarnProgramOptions.h"
 #include "TestTools.h"
 
 namespace {

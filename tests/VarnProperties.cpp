@@ -1,4 +1,9 @@
+#include <pthread.h>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnObjectBase.h"
+#include "VarnSupport/VarnProperties.h"
+#include "VarnSupport/VarnStringUtilities.h"
 
 namespace {
 

@@ -1,4 +1,9 @@
-#include "TestTools.h"
+#include <sys/stat.h>
+
+#include <locale>
+
+#include "LibraryTools.h"
+#include "VarnSupport/VarnProperties.h"
 
 namespace {
 
@@ -144,30 +149,20 @@ TEST_F(VarnPropertyFile, APipeIsReadAsItsLinesCome) {
 }
 
 TEST_F(VarnPropertyFile, AThreadThatWaitsForThePartnerOfAPipeCanBeKilled) {
-  struct Waiter : VarnThread {
-    Waiter(std::string file, bool load)
-        : VarnThread("waiter"), name(std::move(file)), loads(load) {}
-    ~Waiter() override { waitForThreadExit(); }
-    int run() override {
-      thread = gettid();
-      return loads ? properties.loadProperties(name, '=') : properties.saveProperties(name);
-    }
-    const std::string name;
-    const bool loads;
-    Narrow properties;
-    std::atomic<pid_t> thread{0};
-  };
   ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
   for (const bool loads : {true, false}) {
     EXPECT_EQ(0, runInBareChild([&] {
-                Waiter waiter(path("pipe"), loads);
-                waiter.start();
-                eventually([&] {
-                  return contentsOf("/proc/self/task/" + std::to_string(waiter.thread) + "/syscall")
-                      .starts_with(std::to_string(SYS_openat) + ' ');
+                Narrow properties;
+                std::atomic<pid_t> id{0};
+                Task waiter([&] {
+                  id = gettid();
+                  return loads ? properties.loadProperties(path("pipe"), '=')
+                               : properties.saveProperties(path("pipe"));
                 });
+                waiter.start();
+                eventually([&] { return isIn(id, SYS_openat); });
                 killAndJoin(waiter);
-                waiter.properties.addProperty("key", "free");
+                properties.addProperty("key", "free");
                 return HasFailure() ? 1 : 0;
               }))
         << loads;

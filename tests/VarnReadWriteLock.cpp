@@ -1,4 +1,7 @@
-#include "TestTools.h"
+#include "VarnSupport/VarnReadWriteLock.h"
+#include "LibraryTools.h"
+#include "VarnSupport/VarnLockFactory.h"
+#include "VarnSupport/VarnObjectBase.h"
 
 namespace {
 
@@ -41,7 +44,8 @@ TEST(VarnReadWriteLock, AdmitsManyReadersOrOneWriterThroughAllCopies) {
   std::optional<VarnReadWriteLock> original(std::in_place);
   VarnReadWriteLock copy(*original);
   original->readLock();
-  EXPECT_TRUE(isOpenToReaders(copy) && !isFree(copy));
+  EXPECT_TRUE(isOpenToReaders(copy));
+  EXPECT_FALSE(isFree(copy));
   copy.writeUnLock();  // the same call as readUnLock()
   original->writeLock();
   EXPECT_FALSE(isOpenToReaders(copy));
@@ -85,7 +89,8 @@ TEST(VarnReadWriteLock, AssignmentLeavesTheSourceAndAllOtherCopiesUsable) {
   EXPECT_FALSE(isOpenToReaders(source));
   sourceCopy.writeUnLock();
   targetCopy.writeUnLock();
-  EXPECT_TRUE(isFree(source) && isFree(targetCopy));
+  EXPECT_TRUE(isFree(source));
+  EXPECT_TRUE(isFree(targetCopy));
 }
 
 TYPED_TEST(VarnLockFactoryOf, KeepsTheLockOfANameAndListsNamesInOrder) {
@@ -96,7 +101,8 @@ TYPED_TEST(VarnLockFactoryOf, KeepsTheLockOfANameAndListsNamesInOrder) {
   ASSERT_TRUE(take(lock));
   factory.createLock("a");
   EXPECT_EQ(&lock, &factory.get("a"));
-  EXPECT_TRUE(!isFree(lock) && isFree(factory.get("b")));
+  EXPECT_FALSE(isFree(lock));
+  EXPECT_TRUE(isFree(factory.get("b")));
   giveUp(lock);
   EXPECT_EQ((Names{"B", "a", "b", "\xC3\xA4"}), factory.getRegisteredLockNames());
 }
@@ -111,7 +117,8 @@ TYPED_TEST(VarnLockFactoryOf, CopiesShareTheLocksThatWereUsed) {
   assigned.createLock("gone");
   assigned = source;
   EXPECT_EQ((Names{"unused", "used"}), assigned.getRegisteredLockNames());
-  ASSERT_TRUE(take(source.get("used")) && take(source.get("unused")));
+  ASSERT_TRUE(take(source.get("used")));
+  ASSERT_TRUE(take(source.get("unused")));
   for (auto* const other : {&copy, &assigned}) {
     EXPECT_FALSE(isFree(other->get("used")));
     EXPECT_EQ((!std::is_same_v<TypeParam, VarnReadWriteLock>), isFree(other->get("unused")));
@@ -124,7 +131,8 @@ TEST(VarnLockFactory, ReportsAnUnknownName) {
   VarnLockFactory<std::string, VarnMutexObject> factory;
   VarnMutexObject other;
   VarnMutexObject* lock = &other;
-  EXPECT_FALSE(factory.exists("missing") || factory.getImpl("missing", lock));
+  EXPECT_FALSE(factory.exists("missing"));
+  EXPECT_FALSE(factory.getImpl("missing", lock));
   EXPECT_EQ(&other, lock);
   EXPECT_EQ("VarnNoSuchElementException - missing", resultOf([&] { factory.get("missing"); }));
 }

@@ -1,5 +1,6 @@
+#include "VarnSupport/VarnRegularExpression.h"
+#include "LibraryTools.h"
 #include "PlainMatcher.h"
-#include "TestTools.h"
 
 using namespace std::string_literals;
 

@@ -1,6 +1,10 @@
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
-#include "TestTools.h"
+#include "LibraryTools.h"
+#include "VarnSupport/VarnService.h"
+#include "VarnSupport/VarnServiceControl.h"
 
 namespace {
 
@@ -198,13 +202,7 @@ TEST(VarnService, ADaemonReportsThroughNoStandardStreamAndNoFileOfTheHook) {
 TEST(VarnService, DependentsOfItsEventMayTakeTheirTime) {
   EXPECT_EQ(0, runInChild([] {
               std::atomic<bool> mayEnd{false};
-              struct Worker : VarnThread {
-                int run() override {
-                  return eventually([this] { return mayEnd->load(); });
-                }
-                std::atomic<bool>* mayEnd;
-              } worker;
-              worker.mayEnd = &mayEnd;
+              Task worker([&] { return eventually([&] { return mayEnd.load(); }); });
               worker.start();
               Service service;
               int waited = 1;
@@ -218,7 +216,6 @@ TEST(VarnService, DependentsOfItsEventMayTakeTheirTime) {
                 kill(getpid(), SIGTERM);
               });
               service.start("", false);
-              worker.waitForThreadExit();
               return waited == -2 ? 0 : 1;
             }));
 }
@@ -257,7 +254,8 @@ TEST(VarnServiceControl, RefusesEveryOperation) {
       operation();
       ADD_FAILURE();
     } catch (const VarnServiceControlException& error) {
-      EXPECT_TRUE(error.getErrorCode() == 99 && error.getSecondValue() == 0);
+      EXPECT_EQ(99, error.getErrorCode());
+      EXPECT_EQ(0, error.getSecondValue());
     }
   }
 }

@@ -1,4 +1,10 @@
+#include <cctype>
+#include <cwctype>
+#include <locale>
+#include <stdexcept>
+
 #include "TestTools.h"
+#include "VarnSupport/VarnStringUtilities.h"
 
 using Tokens = std::vector<std::string>;
 

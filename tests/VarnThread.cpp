@@ -1,18 +1,17 @@
-#include "TestTools.h"
+#include <latch>
+
+#include "LibraryTools.h"
+#include "VarnSupport/VarnEvent.h"
+#include "VarnSupport/VarnThread.h"
+#include "VarnSupport/VarnTimer.h"
+#include "VarnSupport/VarnWorkInformation.h"
 
 namespace {
 
-// Runs a function; the derived part outlives the body.
-class Task : public VarnThread {
- public:
-  explicit Task(std::function<int()> body, const std::string& name = "task")
-      : VarnThread(name), m_oBody(std::move(body)) {}
-  ~Task() override { waitForThreadExit(); }
-  int run() override { return m_oBody(); }
-
- private:
-  std::function<int()> m_oBody;
-};
+int sleepForEver() {
+  for (;;)
+    pause();
+}
 
 // Keeps a body from returning until it is opened.
 class Gate : public std::latch {
@@ -44,12 +43,16 @@ TEST(VarnThread, RunsNotifiesGivesUpItsLocksAndKeepsItsExitCode) {
     EXPECT_EQ(3, done.getId());
     EXPECT_EQ(7, dynamic_cast<const VarnThread::ThreadDone&>(done).getExitCode());
   });
-  EXPECT_TRUE(task.getExitCode() == -1 && !task.isAlive() && task.wait(500) == 0);
+  EXPECT_EQ(-1, task.getExitCode());
+  EXPECT_FALSE(task.isAlive());
+  EXPECT_EQ(0, task.wait(500));
   task.start();
   task.start();
   EXPECT_EQ(0, task.waitForThreadExit());
-  EXPECT_TRUE(task.getExitCode() == 7 && task.isAlive());
-  EXPECT_TRUE(eventually([&] { return observer.calls == 1 && lock.testAndSet(); }));
+  EXPECT_EQ(7, task.getExitCode());
+  EXPECT_TRUE(task.isAlive());
+  EXPECT_TRUE(eventually([&] { return observer.calls == 1; }));
+  EXPECT_TRUE(eventually([&] { return lock.testAndSet(); }));
   EXPECT_EQ(0, task.setPriority(VarnThread::PRIORITY_HIGH));
 }
 
@@ -86,7 +89,8 @@ TEST(VarnThread, AFinishedThreadIsNotJoinedAnyMore) {
   const Observer observer(*thread);
   thread->start();
   const pthread_t identifier = *static_cast<pthread_t*>(thread->getHandle());
-  ASSERT_TRUE(eventually([&] { return observer.calls == 1 && thread->wait(1) == 0; }));
+  ASSERT_TRUE(eventually([&] { return observer.calls == 1; }));
+  ASSERT_TRUE(eventually([&] { return thread->wait(1) == 0; }));
   void* const address = thread.get();
   thread.reset();
   void* result = nullptr;
@@ -105,6 +109,7 @@ TEST(VarnThread, WaitsForAllOrTheFirstOrATimeOut) {
   }
   EXPECT_EQ(-2, threads[0]->wait(100));
   EXPECT_EQ(-2, VarnThread::wait(threads, true, 100));
+  EXPECT_EQ(-1, threads[1]->getExitCode());
   {
     const auto opener = gates[1].openedLater();
     EXPECT_EQ(1, VarnThread::wait(threads, false, -1));
@@ -121,15 +126,10 @@ TEST(VarnThread, AllWaitersAreToldOfTheEndOfAThreadThatDeletesItself) {
   task->setMarkForDeath();
   task->start();
   std::atomic<int> told{0};
-  std::atomic<pid_t> sleepers[7]{};
   std::vector<std::jthread> waiters;
-  for (int i = 0; i < 7; ++i) {
-    waiters.emplace_back([&, i] {
-      sleepers[i] = gettid();
-      told += task->wait(i % 3 == 2 ? -1 : 20000) == 0 ? 1 : 0;
-    });
-    EXPECT_TRUE(eventually([&] { return sleepers[i] != 0 && isAsleep(sleepers[i]); }));
-  }
+  for (int i = 0; i < 7; ++i)
+    waiters.push_back(
+        startSleeper([&, i] { told += task->wait(i % 3 == 2 ? -1 : 20000) == 0 ? 1 : 0; }));
   gate.count_down();
   waiters.clear();
   EXPECT_EQ(7, told);
@@ -152,39 +152,30 @@ TEST(VarnThread, ManualNotificationsCountForAWaitAndEmptySetsNeedNone) {
 
 // The list would keep an identifier that another thread may have by the time of the join.
 TEST(VarnThread, ADetachedThreadThatDeletesItselfIsNotListedToBeJoined) {
-  struct Mortal : VarnThread {
-    int run() override {
-      while (!marked)
-        std::this_thread::yield();
-      return 0;
-    }
-    std::atomic<bool> marked{false};
-  };
   const VarnCriticalSection guard(g_exitThreadLock, true);
   const int threads = threadCount();
-  auto* const thread = new Mortal;
+  Gate gate;
+  auto* const thread = new Task([&] { return gate.pass(0); });
   thread->setMarkForDeath();
   thread->start();
   thread->setMarkForKill();
-  thread->marked = true;
+  gate.count_down();
   EXPECT_TRUE(eventually([&] { return entriesIn("/proc/self/task") <= threads; }));
 }
 
 TEST(VarnThread, AThreadThatWaitsForAnEventCanBeKilled) {
-  struct Sleeper : VarnThread {
-    int run() override {
-      const VarnCriticalSection guard(lock, true);
-      started = true;
-      return event.wait(-1);
-    }
-    VarnEvent event;
-    VarnCriticalSectionObject lock;
-    std::atomic<bool> started{false};
-  } sleeper;
+  VarnEvent event;
+  VarnCriticalSectionObject lock;
+  std::atomic<bool> started{false};
+  Task sleeper([&] {
+    const VarnCriticalSection guard(lock, true);
+    started = true;
+    return event.wait(-1);
+  });
   sleeper.start();
-  ASSERT_TRUE(eventually([&] { return sleeper.started.load(); }));
+  ASSERT_TRUE(eventually([&] { return started.load(); }));
   killAndJoin(sleeper);
-  EXPECT_EQ(0, sleeper.lock.lockCount());
+  EXPECT_EQ(0, lock.lockCount());
 }
 
 TEST(VarnThread, AWaitInsideAnOpenRecordEnds) {
@@ -201,8 +192,7 @@ TEST(VarnThread, AWaitInsideAnOpenRecordEnds) {
 TEST(VarnThread, TracesWaitsAtLevelNine) {
   FileLog log(9);
   Gate gate;
-  Task task([&] { return gate.pass(0); });
-  task.setName("worker");
+  Task task([&] { return gate.pass(0); }, "worker");
   task.start();
   EXPECT_EQ(-2, task.wait(1));
   {
@@ -211,21 +201,18 @@ TEST(VarnThread, TracesWaitsAtLevelNine) {
   }
   std::vector<std::string> texts = log.texts();
   texts.erase(std::unique(texts.begin(), texts.end()), texts.end());  // it may expire again
-  const std::vector<std::string> expected{
-      "ThreadWaitTimer::set: timer expired",
-      "ThreadWaitDependent::handleNotification: thread worker departed",
-      "ThreadWaitTimer::setJustEvent: delay has not expired, just setting event",
-      "ThreadWaitDependent::handleNotification: returning"};
-  EXPECT_EQ(expected, texts);
+  EXPECT_EQ((std::vector<std::string>{
+                "ThreadWaitTimer::set: timer expired",
+                "ThreadWaitDependent::handleNotification: thread worker departed",
+                "ThreadWaitTimer::setJustEvent: delay has not expired, just setting event",
+                "ThreadWaitDependent::handleNotification: returning"}),
+            texts);
 }
 
 // An object may go at any moment of its thread's life, with what the thread is to run.
 TEST(VarnThread, AThreadThatIsKilledAsItStartsLeavesItsObjectAlone) {
   struct Endless : VarnThread::VarnRunnable {
-    int run() override {
-      for (;;)
-        pause();
-    }
+    int run() override { return sleepForEver(); }
   };
   for (int i = 0; i < 50; ++i) {
     auto* const thread = new VarnThread(new Endless, "victim");
@@ -237,19 +224,16 @@ TEST(VarnThread, AThreadThatIsKilledAsItStartsLeavesItsObjectAlone) {
 }
 
 TEST(VarnThread, WaitersSurviveThatTheThreadIsStartedAnew) {
-  struct Endless : VarnThread {
-    int run() override {
-      ++starts;
-      for (;;)
-        pause();
-    }
-    std::atomic<int> starts{0};
-  } thread;
+  std::atomic<int> starts{0};
+  Task thread([&] {
+    ++starts;
+    return sleepForEver();
+  });
   const std::jthread waiters[] = {repeating([&] { thread.wait(-1); }),
                                   repeating([&] { thread.wait(-1); })};
   for (int i = 1; i <= 300; ++i) {
     thread.start();
-    ASSERT_TRUE(eventually([&] { return thread.starts == i; }));
+    ASSERT_TRUE(eventually([&] { return starts == i; }));
     thread.kill();
   }
 }
@@ -260,10 +244,7 @@ TEST(VarnThread, ThreadsThatWereKilledOrDestroyedByThemselvesKeepNoMemory) {
     void handleNotification(VarnCollaborator&, const VarnNotification&) override { delete this; }
   };
   struct Endless : VarnThread {
-    int run() override {
-      for (;;)
-        pause();
-    }
+    int run() override { return sleepForEver(); }
   };
   const auto mappings = [] { return linesOf("/proc/self/maps").size(); };
   const auto threads = threadCount();
@@ -282,21 +263,6 @@ TEST(VarnThread, ThreadsThatWereKilledOrDestroyedByThemselvesKeepNoMemory) {
   EXPECT_LT(mappings(), before + 50);
 }
 
-TEST(VarnThread, HasNoExitCodeWhileItRunsAgain) {
-  Gate gate;
-  Task task([&] { return gate.pass(5); });
-  gate.count_down();
-  EXPECT_EQ(5, task._run());
-  Gate second;
-  Task again([&] { return second.pass(6); });
-  EXPECT_EQ(-1, again.getExitCode());
-  again.start();
-  EXPECT_EQ(-1, again.getExitCode());
-  second.count_down();
-  again.waitForThreadExit();
-  EXPECT_EQ(6, again.getExitCode());
-}
-
 TEST(VarnThread, ATimeOutPassesInsideTheCallbackOfATimer) {
   Gate gate;
   Task task([&] { return gate.pass(0); });
@@ -311,17 +277,13 @@ TEST(VarnThread, ATimeOutPassesInsideTheCallbackOfATimer) {
 }
 
 TEST(VarnThread, AThreadMayBeKilledInDestructorsAndItsChildrenLive) {
-  struct Sub : VarnThread {
-    int run() override {
-      sleepMs(200);
-      return 0;
-    }
-    ~Sub() override { waitForThreadExit(); }
-  };
   EXPECT_EQ(0, runInChild([] {
               std::atomic<int> entered{0};
               Task destroying([&] {
-                Sub sub;
+                Task sub([] {
+                  sleepMs(200);
+                  return 0;
+                });
                 sub.start();
                 entered = 1;
                 return 0;
@@ -367,25 +329,14 @@ TEST(VarnThread, TheProcessEndsWithItsLastThreadAlthoughTheLibraryHasOne) {
 
 TEST(VarnThread, SlowEndsOfThreadsHoldUpNeitherTimersNorForks) {
   struct Slow {
-    ~Slow() {
-      if (used)
-        eventually([&] { return mayEnd->load(); });
-    }
-    bool used = false;
-    std::atomic<bool>* mayEnd = nullptr;
-  };
-  static thread_local Slow slow;
-  struct Mortal : VarnThread {
-    int run() override {
-      slow.mayEnd = mayEnd;
-      slow.used = true;
-      return 0;
-    }
-    std::atomic<bool>* mayEnd;
+    ~Slow() { mayEnd.wait(false); }
+    std::atomic<bool>& mayEnd;
   };
   std::atomic<bool> mayEnd{false};
-  auto* const mortal = new Mortal;
-  mortal->mayEnd = &mayEnd;
+  auto* const mortal = new Task([&] {
+    thread_local const Slow slow{mayEnd};
+    return 0;
+  });
   mortal->setMarkForDeath();
   mortal->start();
   VarnTimer timer(1000, true);
@@ -394,5 +345,6 @@ TEST(VarnThread, SlowEndsOfThreadsHoldUpNeitherTimersNorForks) {
   EXPECT_TRUE(eventually([&] { return observer.calls == 1; }, std::chrono::seconds(5)));
   EXPECT_EQ(3, runInBareChild([] { return 3; }));
   mayEnd = true;
+  mayEnd.notify_all();
   EXPECT_TRUE(eventually(areAllReaped));
 }

@@ -1,4 +1,8 @@
-#include "TestTools.h"
+#include <sys/time.h>
+
+#include "LibraryTools.h"
+#include "VarnSupport/VarnModule.h"
+#include "VarnSupport/VarnTimer.h"
 
 using Interval = VarnTimer::TimeInterval;
 
@@ -17,15 +21,17 @@ TEST(VarnTimer, IntervalsNormalizeByTruncation) {
 }
 
 TEST(VarnTimer, IntervalsCompareAsymmetrically) {
-  const Interval longer(5, 900);
-  const Interval shorter(5, 1);
-  EXPECT_TRUE(Interval(1, 0) < Interval(2, 0));
-  EXPECT_FALSE(Interval(2, 0) < Interval(1, 0));
-  EXPECT_TRUE(shorter < longer && shorter <= longer && !(shorter == longer));
-  EXPECT_FALSE(longer < shorter || longer <= shorter);
-  EXPECT_TRUE(Interval(7, 7) == Interval(7, 1) && Interval(7, 7) <= Interval(7, 1));
-  EXPECT_FALSE(Interval(7, 1) == Interval(7, 7));
-  EXPECT_FALSE(Interval(0, 0) < Interval(0, 0));
+  struct {
+    Interval left, right;
+    bool less, lessOrEqual, equal;
+  } const rows[] = {{{1, 0}, {2, 0}, true, true, false},   {{2, 0}, {1, 0}, false, false, false},
+                    {{5, 1}, {5, 900}, true, true, false}, {{5, 900}, {5, 1}, false, false, false},
+                    {{7, 7}, {7, 1}, false, true, true},   {{7, 1}, {7, 7}, true, true, false},
+                    {{0, 0}, {0, 0}, false, true, true}};
+  for (const auto& [left, right, less, lessOrEqual, equal] : rows)
+    EXPECT_EQ(std::tuple(less, lessOrEqual, equal),
+              std::tuple(left < right, left <= right, left == right))
+        << left.seconds << ' ' << left.milliseconds;
 }
 
 TEST(VarnTimer, PeriodicTimersRepeatAndOneShotTimersDoNot) {

@@ -1,4 +1,6 @@
-#include "TestTools.h"
+#include "VarnSupport/VarnTreeNode.h"
+#include "LibraryTools.h"
+#include "VarnSupport/VarnObjectBase.h"
 
 namespace {
 
@@ -125,7 +127,8 @@ TEST(VarnTreeNode, PathsAreFoundKeyByKey) {
   }
   EXPECT_EQ("c", root.getNode("/a//b\t/c/", "/")->getKey());
   EXPECT_EQ("c", root.getNode("a, b\t/c", "/,")->getKey());
-  EXPECT_TRUE(root.getNode("///", "/") == nullptr && root.getNode("a/b\t", nullptr) == nullptr);
+  EXPECT_EQ(Node(), root.getNode("///", "/"));
+  EXPECT_EQ(Node(), root.getNode("a/b\t", nullptr));
 }
 
 TEST(VarnTreeNode, NothingIsAddedForNullAnEmptyPathOrAWrongIndex) {
@@ -135,8 +138,9 @@ TEST(VarnTreeNode, NothingIsAddedForNullAnEmptyPathOrAWrongIndex) {
   EXPECT_EQ(node, root.add(node, path));
   EXPECT_EQ(node, root.add(node, "/"));
   path = {"x", "y"};
-  EXPECT_TRUE(root.add(Node(), path) == nullptr && root.add(Node()) == nullptr &&
-              root.insert(0, Node()) == nullptr);
+  EXPECT_EQ(Node(), root.add(Node(), path));
+  EXPECT_EQ(Node(), root.add(Node()));
+  EXPECT_EQ(Node(), root.insert(0, Node()));
   for (const int index : {1, -1})
     EXPECT_THROW(root.insert(index, node), VarnException);
   EXPECT_THROW(root.erase(-1), VarnException);

@@ -1,3 +1,4 @@
+#include "VarnSupport/VarnVersion.h"
 #include "TestTools.h"
 
 namespace {
@@ -43,7 +44,9 @@ TEST(VarnVersion, ParsingAppendsAndAssigningReplaces) {
   EXPECT_EQ(version.toString(), "1.2.3.4.5");
   version = "6.rc";
   EXPECT_EQ(version.toString(), "6.rc");
-  EXPECT_TRUE(!VarnVersion("").isInit() && VarnVersion("0").isInit() && version.isInit());
+  EXPECT_FALSE(VarnVersion("").isInit());
+  EXPECT_TRUE(VarnVersion("0").isInit());
+  EXPECT_TRUE(version.isInit());
 }
 
 TEST(VarnVersion, OrdersByNumbersThenSuffixes) {

@@ -1,12 +1,16 @@
 // What happens all the time takes no memory from the heap once it has happened before, and few
 // calls of the system.
 #include <dlfcn.h>
+#include <malloc.h>
 
-#include <cstdlib>
 #include <ctime>
 #include <new>
 
-#include "TestTools.h"
+#include "LibraryTools.h"
+#include "VarnSupport/VarnDateTime.h"
+#include "VarnSupport/VarnEvent.h"
+#include "VarnSupport/VarnObjectBase.h"
+#include "VarnSupport/VarnRegularExpression.h"
 
 namespace {
 
@@ -75,6 +79,17 @@ TEST(Allocations, HotPathsMakeNone) {
   expression.setPattern("run: [a-z ]+x*[0-9]*$");
   const std::string text("20240131 [123] run: started all the jobs that were there at 1042");
   EXPECT_EQ(0, allocationsOf([&] { EXPECT_EQ(15U, expression.find(text, 0)); }));
+}
+
+TEST(Allocations, OfALargeRecordDoNotLast) {
+  if (kInstrumented)
+    return;
+  FileLog log(5);
+  const auto inUse = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+  const auto before = inUse();
+  log.log() << setloglevel(5) << std::string(9000000, 'x') << endrecord;
+  VarnLogRecord(5) << std::string(9000000, 'x');
+  EXPECT_LT(inUse(), before + 1000000);
 }
 
 TEST(LookUps, AreNoMoreThanTheTimesThatAreAskedForAndFewForTheSameTimes) {

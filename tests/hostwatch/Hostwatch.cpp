@@ -1,4 +1,6 @@
 // The example daemon, as its users run it.
+#include <sys/prctl.h>
+
 #include <regex>
 
 #include "TestTools.h"

@@ -1,8 +1,13 @@
 #include "Failures.h"
 
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
 #include <sys/select.h>
 
+#include <cerrno>
 #include <cstdarg>
+#include <new>
 
 #include "TestTools.h"
 

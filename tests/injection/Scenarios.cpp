@@ -2,7 +2,16 @@
 // runs in a process of its own: it must not crash, and afterwards another thread must find every
 // object usable and every lock free.
 #include "Failures.h"
-#include "TestTools.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+
+#include <deque>
+#include <locale>
+#include <new>
+
+#include "LibraryTools.h"
+#include "VarnSupport/VarnSupport.h"
 
 namespace {
 

@@ -1,5 +1,8 @@
 // Timers on a clock that is set, and in a process that is stopped for a while.
-#include "TestTools.h"
+#include <ctime>
+
+#include "LibraryTools.h"
+#include "VarnSupport/VarnTimer.h"
 
 namespace {
 

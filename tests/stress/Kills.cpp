@@ -1,5 +1,8 @@
 // Threads that are killed at any moment of what they do.
-#include "TestTools.h"
+#include <map>
+
+#include "LibraryTools.h"
+#include "VarnSupport/VarnSupport.h"
 
 namespace {
 

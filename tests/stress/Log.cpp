@@ -1,5 +1,8 @@
 // Whole records under load, while targets and levels change.
-#include "TestTools.h"
+#include <map>
+#include <sstream>
+
+#include "LibraryTools.h"
 
 TEST(LogStress, RecordsOfManyThreadsAreWholeCompleteAndInOrder) {
   constexpr int kThreads = 8;
@@ -29,7 +32,8 @@ TEST(LogStress, RecordsOfManyThreadsAreWholeCompleteAndInOrder) {
     int record = 0;
     int total = 0;
     text >> word >> thread >> word >> record >> word >> total;
-    ASSERT_TRUE(text && text.eof()) << line;
+    ASSERT_TRUE(text) << line;
+    ASSERT_TRUE(text.eof()) << line;
     ASSERT_EQ(records, total) << line;
     ASSERT_EQ(next[thread]++, record) << line;
     ++count;

@@ -1,5 +1,8 @@
 // Storms of the library's own signals, from inside and outside the process.
-#include "TestTools.h"
+#include "LibraryTools.h"
+#include "VarnSupport/VarnObjectBase.h"
+#include "VarnSupport/VarnTimer.h"
+#include "VarnSupport/VarnWorkInformation.h"
 
 namespace {
 

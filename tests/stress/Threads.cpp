@@ -1,5 +1,6 @@
 // Waits racing thread ends, self-deletion by the thousand, cancellation, observers.
-#include "TestTools.h"
+#include "LibraryTools.h"
+#include "VarnSupport/VarnEvent.h"
 
 namespace {
 
@@ -32,22 +33,6 @@ void runMortals(int count) {
   ASSERT_TRUE(eventually(areAllGone));
 }
 
-// Ends after a moment that differs from thread to thread.
-struct Brief : VarnThread {
-  Brief(unsigned turns, const std::atomic<bool>& gate)
-      : VarnThread("brief"), m_nTurns(turns), m_bGate(gate) {}
-  ~Brief() override { waitForThreadExit(); }
-  int run() override {
-    m_bGate.wait(false);
-    spin(m_nTurns);
-    return 0;
-  }
-
- private:
-  unsigned m_nTurns;
-  const std::atomic<bool>& m_bGate;
-};
-
 // Takes and gives up locks for ever; has nothing to destroy, so that it can be cancelled anywhere.
 struct Locker : VarnThread {
   VarnCriticalSectionObject* locks = nullptr;
@@ -69,9 +54,12 @@ struct Locker : VarnThread {
 
 TEST(ThreadStress, WaitsRacingTheEndsOfThreads) {
   std::mt19937 random(7);
-  const std::atomic<bool> gate{true};
   for (int round = 0; round < 1000; ++round) {
-    Brief thread(static_cast<unsigned>(random() % 20000), gate);
+    const auto turns = static_cast<unsigned>(random() % 20000);
+    Task thread([turns] {
+      spin(turns);
+      return 0;
+    });
     thread.start();
     const int result = thread.wait(1 + static_cast<int>(random() % 900));
     ASSERT_TRUE(result == 0 || result == -2) << result;
@@ -85,10 +73,14 @@ TEST(ThreadStress, WaitsForAllAndForTheFirstOfSixteen) {
   const pid_t self = gettid();
   for (unsigned round = 0; Clock::now() < end; ++round) {
     std::atomic<bool> gate{false};
-    std::vector<std::unique_ptr<Brief>> threads;
+    std::vector<std::unique_ptr<Task>> threads;
     std::vector<VarnThread*> pointers;
     for (unsigned i = 0; i < 16; ++i) {
-      threads.push_back(std::make_unique<Brief>(i * 100, gate));
+      threads.push_back(std::make_unique<Task>([&gate, i] {
+        gate.wait(false);
+        spin(i * 100);
+        return 0;
+      }));
       pointers.push_back(threads.back().get());
       pointers.back()->start();
     }
@@ -99,7 +91,8 @@ TEST(ThreadStress, WaitsForAllAndForTheFirstOfSixteen) {
     });
     const bool all = round % 2 == 0;
     const int result = VarnThread::wait(pointers, all, 20000);
-    ASSERT_TRUE(all ? result == 0 : result >= 0 && result < 16) << result;
+    ASSERT_GE(result, 0);
+    ASSERT_LE(result, all ? 0 : 15);
   }
 }
 
@@ -117,7 +110,8 @@ TEST(ThreadStress, WaitsOverEventsThatAreSetMeanwhile) {
     });
     EXPECT_EQ(0, VarnEvent::wait(pointers, true, -1));
     const int first = VarnEvent::wait(4, events.data(), false, -1);
-    EXPECT_TRUE(first >= 0 && first < 4) << first;
+    EXPECT_GE(first, 0);
+    EXPECT_LT(first, 4);
     EXPECT_GE(VarnEvent::wait(pointers, false, 20000), 0);  // ends at once
   }
 }
@@ -153,7 +147,9 @@ TEST(ThreadStress, ThreadsKilledWhileTheyLockLeaveEveryLockFree) {
     }
     spin(static_cast<unsigned>(round * 37 % 1000));
     killAndJoin(locker);
-    EXPECT_TRUE(!locker.isAlive() && locker.getExitCode() == -1 && locker.wait(-1) == 0);
+    EXPECT_FALSE(locker.isAlive());
+    EXPECT_EQ(-1, locker.getExitCode());
+    EXPECT_EQ(0, locker.wait(-1));
     ASSERT_FALSE(testing::Test::HasFailure());
     for (VarnCriticalSectionObject& lock : locks) {
       ASSERT_TRUE(lock.testAndSet());

@@ -1,5 +1,8 @@
 // Timers that are started, stopped and destroyed while they fire, on many threads.
-#include "TestTools.h"
+#include <list>
+
+#include "LibraryTools.h"
+#include "VarnSupport/VarnTimer.h"
 
 TEST(TimerStress, LivesThroughAnyOrderOfOperations) {
   const auto end = Clock::now() + stressTime();

@@ -1,5 +1,6 @@
-// Processes that split, stop and exit while everything else is under way.
-#include "TestTools.h"
+// Processes that split and stop while everything else is under way.
+#include "LibraryTools.h"
+#include "VarnSupport/VarnSupport.h"
 
 namespace {
 
@@ -30,10 +31,6 @@ class Service : public VarnService {
  protected:
   bool onStart(const std::string&) override { return ++starts == 1; }
   void onStop() override { ++stops; }
-};
-
-struct EmptyQueue : VarnBaseSynchronizedQueue {
-  void clear() override {}
 };
 
 // Logs, counts, locks, formats a date and lets a timer fire, as a process does that goes on after a
@@ -165,33 +162,22 @@ TEST(ForkStress, AChildLeavesTheStacksOfVanishedThreadsAlone) {
   };
   std::atomic<bool> mayEnd{false};
   std::atomic<int> fired{0};
-  struct Again : VarnDependent {
-    void handleNotification(VarnCollaborator&, const VarnNotification&) override {
-      ++*fired;
-      timer->start(1000, true);
-    }
-    VarnTimer* timer = nullptr;
-    std::atomic<int>* fired = nullptr;
-  } again;
   std::thread owner([&] {
     VarnTimer local(1000, true);
-    again.fired = &fired;
-    again.timer = &local;
-    local.addDependent(again);
+    Observer again(local, [&] {
+      ++fired;
+      local.start(1000, true);
+    });
     local.reset();
     eventually([&] { return mayEnd.load(); });
-    local.removeDependent(again);
+    local.stopAndWait();
   });
   EXPECT_TRUE(eventually([&] { return fired > 0; }));
 
-  struct Forking : VarnThread {
-    int run() override { return body(); }
-    std::function<int()> body;
-  } forking;
   std::atomic<bool> isWaitedFor{false};
   std::atomic<int> outcome{-1};
   // The child ends with the body, after that has told those who wait for the thread in the parent.
-  forking.body = [&] {
+  Task forking([&] {
     eventually([&] { return isWaitedFor.load(); });
     const pid_t child = fork();
     if (child != 0)
@@ -199,7 +185,7 @@ TEST(ForkStress, AChildLeavesTheStacksOfVanishedThreadsAlone) {
     else if (scribble(), useEverything() != 0)
       _exit(1);
     return 0;
-  };
+  });
   forking.start();
   std::thread waiter([&] { forking.wait(20000); });
   sleepMs(100);
@@ -216,30 +202,26 @@ TEST(ForkStress, AChildIsNotBoundToThreadsAndCallbacksThatItHasNot) {
   std::atomic<bool> mayEnd{false};
   const auto stay = [&] {
     ++entered;
-    eventually([&] { return mayEnd.load(); });
+    return eventually([&] { return mayEnd.load(); });
   };
-  struct Staying : VarnThread {
-    ~Staying() override { waitForThreadExit(); }
-    int run() override { return action(), 0; }
-    std::function<void()> action;
-  } staying, forking;
-  staying.action = stay;
+  Task staying(stay);
   staying.start();
   VarnTimer timer(1, true);
   const Observer callback(timer, stay);
   timer.reset();
   EXPECT_TRUE(eventually([&] { return entered == 2; }));
-  forking.action = [&] {
-    EXPECT_EQ(0, runInBareChild([&] {
-                timer.stopAndWait();
-                staying.waitForThreadExit();
-                staying.setMarkForKill();
-                staying.kill();
-                return useEverything();
-              }));
-  };
+  Task forking([&] {
+    return runInBareChild([&] {
+      timer.stopAndWait();
+      staying.waitForThreadExit();
+      staying.setMarkForKill();
+      staying.kill();
+      return useEverything();
+    });
+  });
   forking.start();
   forking.waitForThreadExit();
+  EXPECT_EQ(0, forking.getExitCode());
   mayEnd = true;
 }
 
@@ -313,7 +295,9 @@ TEST(ProcessStress, WhatAThreadSleepsOnWorksInAChild) {
   if (kThreadSanitizer)
     return;
   VarnEvent event;
-  EmptyQueue queue;
+  struct : VarnBaseSynchronizedQueue {
+    void clear() override {}
+  } queue;
   VarnBaseProducerConsumer consumers(queue);
   const std::pair<std::function<void()>, std::function<void()>> waitsAndWakes[] = {
       {[&] { event.wait(-1); }, [&] { event.set(); }},
@@ -324,27 +308,16 @@ TEST(ProcessStress, WhatAThreadSleepsOnWorksInAChild) {
        },
        [&] { consumers.produceSentinel(false); }}};
   for (const auto& [wait, wake] : waitsAndWakes) {
-    const auto startSleeper = [&wait = wait] {
-      std::atomic<pid_t> id{0};
-      std::thread sleeper([&] {
-        id = gettid();
-        wait();
-      });
-      eventually([&] { return id != 0 && isAsleep(id); });
-      return sleeper;
-    };
-    std::thread leftBehind = startSleeper();
-    EXPECT_EQ(0, runInBareChild([&, &wake = wake] {
+    const auto leftBehind = startSleeper(wait);
+    EXPECT_EQ(0, runInBareChild([&wait = wait, &wake = wake] {
                 wake();
                 for (int i = 0; i < 2; ++i) {
-                  std::thread sleeper = startSleeper();
+                  const auto sleeper = startSleeper(wait);
                   wake();
-                  sleeper.join();
                 }
                 return 0;
               }));
     wake();
-    leftBehind.join();
   }
 }
 
@@ -363,83 +336,5 @@ TEST(ProcessStress, SigtermAtAnyMomentEndsAServiceWithOneStop) {
     kill(child, SIGTERM);
     const int outcome = outcomeOf(child);
     EXPECT_TRUE(outcome == 3 || outcome == -SIGTERM) << outcome;
-  }
-}
-
-TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
-  const auto exitsAmongOthers = [](const std::function<void()>& exiting) {
-    static FileLog log(9);
-    static VarnTimer timer(1000, false);
-    timer.reset();
-    log.log() << "an open record";
-    log.log().endrecord();
-    static VarnEvent never;
-    static EmptyQueue queue;
-    static VarnBaseProducerConsumer consumers(queue);
-    static std::atomic<pid_t> waiters[2];
-    std::thread([] {
-      waiters[0] = gettid();
-      never.wait(-1);
-    }).detach();
-    std::thread([] {
-      waiters[1] = gettid();
-      consumers.lockSyncMutex();
-      while (true)
-        consumers.waitForSyncEvent();
-    }).detach();
-    for (const auto& waiter : waiters)
-      eventually([&] { return waiter != 0 && isAsleep(waiter); });
-    exiting();
-    sleepMs(30000);
-    return 1;
-  };
-  const std::function<void()> places[] = {
-      [] { std::exit(7); }, [] { std::thread([] { std::exit(7); }).detach(); },
-      [] {
-        static VarnTimer last(1, true);
-        static const Observer callback(last, [] { std::exit(7); });
-        last.reset();
-      },
-      [] {
-        struct Worker : VarnThread {
-          int run() override { std::exit(7); }
-        };
-        (new Worker)->start();
-      }};
-  const auto end = Clock::now() + stressTime(1);
-  do {
-    for (const auto& place : places)
-      EXPECT_EQ(7, runInChild([&] { return exitsAmongOthers(place); })) << &place - places;
-  } while (Clock::now() < end);
-}
-
-// Static objects that are younger than the timers' manager, and wait for what never returns.
-TEST(ProcessStress, ExitWaitsOnlyForAWhileForCallbacksAndBodiesThatHang) {
-  const std::function<void()> hanging[] = {[] {
-                                             VarnTimer(1000, true).reset();
-                                             static std::atomic<bool> hangs{false};
-                                             static VarnTimer timer(1, true);
-                                             static const Observer callback(timer, [] {
-                                               hangs = true;
-                                               pause();
-                                             });
-                                             timer.reset();
-                                             EXPECT_TRUE(eventually([] { return hangs.load(); }));
-                                           },
-                                           [] {
-                                             struct Worker : VarnThread {
-                                               int run() override { return pause(); }
-                                             };
-                                             static Worker worker;
-                                             worker.start();
-                                           }};
-  for (const auto& hang : hanging) {
-    const auto begin = Clock::now();
-    EXPECT_EQ(7, runInChild([&] {
-                hang();
-                std::exit(7);
-                return 0;
-              }));
-    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(8));
   }
 }

@@ -1,0 +1,78 @@
+// Processes that exit while everything else is under way.
+#include "LibraryTools.h"
+#include "VarnSupport/VarnEvent.h"
+#include "VarnSupport/VarnProducerConsumer.h"
+#include "VarnSupport/VarnTimer.h"
+
+TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
+  const auto exitsAmongOthers = [](const std::function<void()>& exiting) {
+    static FileLog log(9);
+    static VarnTimer timer(1000, false);
+    timer.reset();
+    log.log() << "an open record";
+    log.log().endrecord();
+    static VarnEvent never;
+    static struct : VarnBaseSynchronizedQueue {
+      void clear() override {}
+    } queue;
+    static VarnBaseProducerConsumer consumers(queue);
+    startSleeper([] { never.wait(-1); }).detach();
+    startSleeper([] {
+      consumers.lockSyncMutex();
+      while (true)
+        consumers.waitForSyncEvent();
+    }).detach();
+    exiting();
+    sleepMs(30000);
+    return 1;
+  };
+  const std::function<void()> places[] = {
+      [] { std::exit(7); }, [] { std::thread([] { std::exit(7); }).detach(); },
+      [] {
+        static VarnTimer last(1, true);
+        static const Observer callback(last, [] { std::exit(7); });
+        last.reset();
+      },
+      [] {
+        struct Worker : VarnThread {
+          int run() override { std::exit(7); }
+        };
+        (new Worker)->start();
+      }};
+  const auto end = Clock::now() + stressTime(1);
+  do {
+    for (const auto& place : places)
+      EXPECT_EQ(7, runInChild([&] { return exitsAmongOthers(place); })) << &place - places;
+  } while (Clock::now() < end);
+}
+
+// Static objects that are younger than the timers' manager, and wait for what never returns.
+TEST(ProcessStress, ExitWaitsOnlyForAWhileForCallbacksAndBodiesThatHang) {
+  const auto hangInACallback = [] {
+    VarnTimer(1000, true).reset();
+    static std::atomic<bool> hangs{false};
+    static VarnTimer timer(1, true);
+    static const Observer callback(timer, [] {
+      hangs = true;
+      pause();
+    });
+    timer.reset();
+    EXPECT_TRUE(eventually([] { return hangs.load(); }));
+  };
+  const auto hangInABody = [] {
+    struct Worker : VarnThread {
+      int run() override { return pause(); }
+    };
+    static Worker worker;
+    worker.start();
+  };
+  for (const std::function<void()> hang : {+hangInACallback, +hangInABody}) {
+    const auto begin = Clock::now();
+    EXPECT_EQ(7, runInChild([&] {
+                hang();
+                std::exit(7);
+                return 0;
+              }));
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(8));
+  }
+}

@@ -1,5 +1,7 @@
 // Does operations of the library in processes of their own, interferes at one instruction after the
 // other, and prints what came of it.
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/personality.h>
 #include <sys/prctl.h>

@@ -2,8 +2,10 @@
 #ifndef TESTS_STEPS_OPERATIONS_H
 #define TESTS_STEPS_OPERATIONS_H
 
+#include "LibraryTools.h"
 #include "Slot.h"
 #include "TestTools.h"
+#include "VarnSupport/VarnSupport.h"
 
 // What another thread does for an operation that sleeps: something before it, and something again
 // and again, for some also when the thread is killed, until it goes on.

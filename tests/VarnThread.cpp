@@ -154,12 +154,19 @@ TEST(VarnThread, ManualNotificationsCountForAWaitAndEmptySetsNeedNone) {
 TEST(VarnThread, ADetachedThreadThatDeletesItselfIsNotListedToBeJoined) {
   const VarnCriticalSection guard(g_exitThreadLock, true);
   const int threads = threadCount();
-  Gate gate;
-  auto* const thread = new Task([&] { return gate.pass(0); });
+  struct Mortal : VarnThread {
+    int run() override {
+      while (!marked)
+        std::this_thread::yield();
+      return 0;
+    }
+    std::atomic<bool> marked{false};
+  };
+  auto* const thread = new Mortal;
   thread->setMarkForDeath();
   thread->start();
   thread->setMarkForKill();
-  gate.count_down();
+  thread->marked = true;
   EXPECT_TRUE(eventually([&] { return entriesIn("/proc/self/task") <= threads; }));
 }
 
@@ -239,6 +246,8 @@ TEST(VarnThread, WaitersSurviveThatTheThreadIsStartedAnew) {
 }
 
 TEST(VarnThread, ThreadsThatWereKilledOrDestroyedByThemselvesKeepNoMemory) {
+  if (kThreadSanitizer)
+    return;  // takes the end of a killed thread for unordered
   struct Suicide : VarnThread, VarnDependent {
     Suicide() { addDependent(*this); }
     void handleNotification(VarnCollaborator&, const VarnNotification&) override { delete this; }
@@ -277,6 +286,8 @@ TEST(VarnThread, ATimeOutPassesInsideTheCallbackOfATimer) {
 }
 
 TEST(VarnThread, AThreadMayBeKilledInDestructorsAndItsChildrenLive) {
+  if (kThreadSanitizer)
+    return;  // the platform cancels threads there at any instruction
   EXPECT_EQ(0, runInChild([] {
               std::atomic<int> entered{0};
               Task destroying([&] {

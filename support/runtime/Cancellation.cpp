@@ -62,19 +62,20 @@ CancellationState::~CancellationState() {
   if (!canUnwindNow())
     return;
   addToDepth(1);  // so that destructors on the way do not look for a request again
-  unwind();
+  unwind(false);
   addToDepth(-1);
 }
 
 // Returns only when the thread has disabled cancellation: then it unwinds when it enables it again.
 // Handlers inside handlers must not meet the unwinding, or the C++ run-time ends the process; so
 // the exceptions that are being handled are set aside.
-void CancellationState::unwind() {
+void CancellationState::unwind(bool isInHandler) {
   if (&__asan_handle_no_return != nullptr)
     __asan_handle_no_return();
   m_pCaught = std::exchange(caughtExceptions(), nullptr);
   pthread_cancel(pthread_self());
-  pthread_testcancel();  // for a body that has made cancellation deferred
+  if (!isInHandler)
+    pthread_testcancel();  // for a body that has made cancellation deferred
   caughtExceptions() = std::exchange(m_pCaught, nullptr);
 }
 
@@ -156,7 +157,7 @@ void CancellationState::request() {
 bool CancellationState::handleSignal() {
   if (!m_bRequested)
     return false;
-  if (!m_bInBody)
+  if (!m_bInBody || kSignalsAreHeldBack)
     return true;
   const bool isFree = m_nDepth == 0 && UnwindCheck::isPossibleWhereInterrupted(
                                            m_nInterruptions < kPatientInterruptions);
@@ -164,7 +165,7 @@ bool CancellationState::handleSignal() {
                          UnwindCheck::isPossibleAroundCancellationPoint();
   if ((isFree || isWaiting) && std::uncaught_exceptions() == 0) {
     addToDepth(1);
-    unwind();
+    unwind(true);
     addToDepth(-1);
   }
   interruptAfter(++m_nInterruptions < kSoonInterruptions ? kSoonNanoseconds : kLaterNanoseconds);

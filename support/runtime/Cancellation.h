@@ -26,6 +26,15 @@ namespace VarnSupport {
 // The cancellation of one library thread. All but request() is for that thread.
 class CancellationState {
  public:
+  // ThreadSanitizer's run-time library delivers a signal when the thread calls into it, which may
+  // be never, and does not survive that the thread is unwound from there. The platform's own signal
+  // it lets through: there, who kills a thread has the platform cancel it.
+#if defined(__SANITIZE_THREAD__)
+  static constexpr bool kSignalsAreHeldBack = true;
+#else
+  static constexpr bool kSignalsAreHeldBack = false;
+#endif
+
   // Something that a thread holds between two operations of the library, and gives back when it
   // ends, however it ends.
   struct Held {
@@ -105,7 +114,7 @@ class CancellationState {
     return depth;
   }
   bool canUnwindNow() const;
-  void unwind();
+  void unwind(bool isInHandler);
   void interruptAfter(long nanoseconds);
 
   // Operations of the library that the thread is inside of, one more outside of the body.

@@ -6,6 +6,7 @@
 #include "runtime/UnwindCheck.h"
 
 #include <cxxabi.h>
+#include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
 #include <sys/auxv.h>
@@ -33,8 +34,9 @@ struct Segment {
 };
 
 // The code in which a signal finds nothing that can be unwound: the library's own first, then the C
-// library's, then that of the dynamic loader, the C++ run-time libraries and the heap.
-constinit std::array<Segment, 6> theSegments;
+// library's, then that of the dynamic loader, of what may stand in for it (a sanitizer), of the C++
+// run-time libraries and of the heap.
+constinit std::array<Segment, 7> theSegments;
 constexpr std::size_t kLibrary = 0;
 constexpr std::size_t kCLibrary = 1;
 constexpr std::size_t kLoader = 2;
@@ -75,8 +77,7 @@ Segment segmentOf(Function* function) {
   return segment.contains(getauxval(AT_ENTRY)) ? Segment{} : segment;
 }
 
-// The code of the dynamic loader, whose functions a sanitizer may stand in for; an empty one when
-// the loader was started as a program.
+// The code of the dynamic loader; an empty one when the loader was started as a program.
 Segment segmentOfLoader() {
   const unsigned long base = getauxval(AT_BASE);
   return base == 0 ? Segment{}
@@ -263,9 +264,13 @@ class Look {
 
 // The first walk makes the unwinder set itself up, which a signal handler could not have it do.
 void UnwindCheck::prepare() {
-  theSegments = {
-      segmentOf(&UnwindCheck::prepare),   segmentOf(&pthread_testcancel), segmentOfLoader(),
-      segmentOf(&abi::__cxa_begin_catch), segmentOf(&_Unwind_Resume),     segmentOf(&std::free)};
+  theSegments = {segmentOf(&UnwindCheck::prepare),
+                 segmentOf(&pthread_testcancel),
+                 segmentOfLoader(),
+                 segmentOf(dlsym(RTLD_DEFAULT, "__tls_get_addr")),
+                 segmentOf(&abi::__cxa_begin_catch),
+                 segmentOf(&_Unwind_Resume),
+                 segmentOf(&std::free)};
   isPossibleHere();
 }
 

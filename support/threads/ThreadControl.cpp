@@ -20,13 +20,6 @@ namespace {
 // it likes: its own code may keep it from being unwound.
 constexpr std::chrono::milliseconds kTimeToEnd{10};
 
-// ThreadSanitizer's run-time library delivers a signal when the thread calls into it, which may be
-// never. The platform's own signal it lets through.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kSignalsAreHeldBack = true;
-#else
-constexpr bool kSignalsAreHeldBack = false;
-#endif
 constexpr int kLooksForOpening = 100;
 
 // The calling thread's control; null on threads that the library does not run.
@@ -159,7 +152,7 @@ void ThreadControl::join() {
   std::unique_lock guard(m_oMutex);
   if (!m_bJoinable) {
     const BlockingCall cancellable;
-    m_oChanged.wait(guard, [this] { return m_bEnded; });
+    m_oChanged.wait(guard, [this] { return m_bEnded.load(); });
     return;
   }
   m_bJoinable = false;
@@ -188,7 +181,7 @@ void ThreadControl::joinBefore(MonotonicTime deadline) {
   {
     const NoCancellation whole;
     std::unique_lock guard(m_oMutex);
-    if (!m_oChanged.wait_until(guard, deadline, [this] { return m_bEnded; }))
+    if (!m_oChanged.wait_until(guard, deadline, [this] { return m_bEnded.load(); }))
       return;
   }
   join();
@@ -218,9 +211,10 @@ void ThreadControl::cancel() {
   if (ownControl() == this)
     return;
   const NoCancellation whole;
-  const auto ends = [this] { return m_bEnded; };
+  const auto ends = [this] { return m_bEnded.load(); };
   bool hasEnded = m_oChanged.wait_for(guard, kTimeToEnd, ends);
-  for (int look = 0; kSignalsAreHeldBack && !hasEnded && look < kLooksForOpening; ++look) {
+  for (int look = 0; CancellationState::kSignalsAreHeldBack && !hasEnded && look < kLooksForOpening;
+       ++look) {
     if (isOpen())
       pthread_cancel(m_hThread);
     hasEnded = m_oChanged.wait_for(guard, kTimeToEnd, ends);
@@ -236,7 +230,7 @@ void ThreadControl::abandon() {
   std::unique_lock guard(m_oMutex);
   if (ownControl() != this) {
     const NoCancellation whole;
-    const auto isToldOrGone = [this] { return m_ePhase != ANNOUNCING || m_bEnded; };
+    const auto isToldOrGone = [this] { return m_ePhase != ANNOUNCING || m_bEnded.load(); };
     if (ProcessExit::hasBegun())
       m_oChanged.wait_until(guard, ProcessExit::latestEnd(), isToldOrGone);
     else

@@ -128,7 +128,7 @@ class ThreadControl : public CancellationState {
   pthread_t m_hThread{};
   pid_t m_nProcess;
   tPhase m_ePhase = BODY;
-  bool m_bEnded = false;
+  std::atomic<bool> m_bEnded{false};
   bool m_bJoinable = false;
 };
 

@@ -218,6 +218,8 @@ TEST(VarnThread, TracesWaitsAtLevelNine) {
 
 // An object may go at any moment of its thread's life, with what the thread is to run.
 TEST(VarnThread, AThreadThatIsKilledAsItStartsLeavesItsObjectAlone) {
+  if (kThreadSanitizer)
+    return;  // takes the end of a killed thread for unordered
   struct Endless : VarnThread::VarnRunnable {
     int run() override { return sleepForEver(); }
   };

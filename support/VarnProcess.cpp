@@ -25,6 +25,7 @@
 #include "log/OwnRecords.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/System.h"
 #include "text/ReferenceExpansion.h"
 
 namespace VarnSupport {
@@ -97,11 +98,7 @@ pid_t forkProgram(BecomeProgram becomeProgram) {
 // False when the child's status cannot be had. The wait can be cancelled; the child goes on.
 bool waitFor(pid_t child, int& status) {
   const BlockingCall cancellable;
-  pid_t result = 0;
-  do {
-    result = waitpid(child, &status, 0);
-  } while (result == -1 && errno == EINTR);
-  return result != -1;
+  return retrying([&] { return waitpid(child, &status, 0); }) != -1;
 }
 
 bool isRedirected(int handle, int standardHandle) {
@@ -123,11 +120,7 @@ const char* redirectionFailure(int stdinHandle, int stdoutHandle) {
 }
 
 bool duplicate(int handle, int standardHandle) {
-  int result = 0;
-  do {
-    result = dup2(handle, standardHandle);
-  } while (result == -1 && errno == EINTR);
-  return result != -1;
+  return retrying([=] { return dup2(handle, standardHandle); }) != -1;
 }
 
 // What the child does. A program that cannot be started has exited with 0; callers rely on it.

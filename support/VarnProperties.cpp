@@ -9,8 +9,8 @@
 #include <functional>
 
 #include "VarnSupport/VarnException.h"
-#include "VarnSupport/VarnLogging.h"
 #include "locks/BriefHold.h"
+#include "log/OwnRecords.h"
 #include "runtime/Cancellation.h"
 #include "text/PropertyFile.h"
 #include "text/PropertyLine.h"
@@ -20,13 +20,10 @@ namespace VarnSupport {
 
 namespace {
 
-constexpr int kEventLevel = 5;
-constexpr int kTraceLevel = 9;
 constexpr std::size_t kBlockCharacters = 32768;
 
 void logFile(const char* step, const std::string& fileName) {
-  if (VarnLogging::admits(kEventLevel))
-    VarnLogRecord(kEventLevel) << "VarnProperties<StringType>::" << step << fileName;
+  OwnRecords::write(OwnRecords::EVENT, "VarnProperties<StringType>::", step, fileName);
 }
 
 [[noreturn]] void throwUnopened(const char* operation, const std::string& fileName) {
@@ -37,7 +34,7 @@ void logFile(const char* step, const std::string& fileName) {
 
 // The global level is exactly the trace level.
 bool isTracing() {
-  return VarnLogging::admits(kTraceLevel) && !VarnLogging::admits(kTraceLevel + 1);
+  return OwnRecords::areWanted(OwnRecords::TRACE) && !VarnLogging::admits(OwnRecords::TRACE + 1);
 }
 
 }  // namespace
@@ -215,8 +212,8 @@ bool VarnProperties<StringType>::loadPropertiesImpl(const std::string& fileName,
   // The list is of the whole set, not of what this file has brought.
   if (isTracing()) {
     for (const auto& [name, values] : getProperties())
-      VarnLogRecord(kTraceLevel) << "DebugPrintProperty: " << name << "=" << values.front() << " ("
-                                 << values.front().size() << ")";
+      OwnRecords::write(OwnRecords::TRACE, "DebugPrintProperty: ", name, "=", values.front(), " (",
+                        values.front().size(), ")");
   }
   return true;
 }

@@ -70,7 +70,8 @@ VarnReadWriteLock::VarnReadWriteLock(const VarnReadWriteLock& source) {
   m_pState = new VarnSmartPointer<RwLockImplementation>(*source.m_pState);
 }
 
-// Keeps the lock that the object has: nobody may look at the object any more.
+// Keeps the lock that the object has: nobody may look at the object any more. What assigns nothing
+// need not look whether it is assigned to itself, as the analyser would have it.
 VarnReadWriteLock& VarnReadWriteLock::operator=(  // NOLINT(bugprone-unhandled-self-assignment)
     const VarnReadWriteLock&) {
   return *this;

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
-#include "VarnSupport/VarnLogging.h"
+#include "log/OwnRecords.h"
 #include "pattern/PatternMatcher.h"
 #include "pattern/ProgramSlot.h"
 #include "runtime/Cancellation.h"
@@ -16,8 +16,6 @@
 namespace VarnSupport {
 
 namespace {
-
-constexpr int kTraceLevel = 9;
 
 constexpr unsigned int npos = VarnRegularExpressionImplementation<std::string>::npos;
 
@@ -34,8 +32,9 @@ unsigned int findWith(PatternMatcher<StringType>& matcher, unsigned int& length,
   if (!matcher.anchorsHold(start))
     return npos;
   if (matcher.isTraced())
-    VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::find: match found at "
-                               << matcher.position();
+    OwnRecords::write(OwnRecords::TRACE,
+                      "VarnRegularExpressionImplementation::find: match found at ",
+                      matcher.position());
   return static_cast<unsigned int>(matcher.position());
 }
 
@@ -98,7 +97,7 @@ unsigned int VarnRegularExpressionImplementation<StringType>::find(const StringT
   const ProgramUse<StringType> program(m_nProgram);
   if (program.isEmpty())
     return npos;
-  PatternMatcher<StringType> matcher(*program, text, VarnLogging::admits(kTraceLevel));
+  PatternMatcher<StringType> matcher(*program, text, OwnRecords::areWanted(OwnRecords::TRACE));
   return findWith(matcher, length, start);
 }
 
@@ -111,18 +110,18 @@ unsigned int VarnRegularExpressionImplementation<StringType>::find(const StringT
 
 template <typename StringType>
 void VarnRegularExpressionImplementation<StringType>::print() const {
-  if (!VarnLogging::admits(kTraceLevel))
+  if (!OwnRecords::areWanted(OwnRecords::TRACE))
     return;
   const CancellationGuard closed;
   const ProgramUse<StringType> program(m_nProgram);
-  VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::print: pattern "
-                             << (program.isEmpty() ? StringType() : program->pattern);
+  OwnRecords::write(OwnRecords::TRACE, "VarnRegularExpressionImplementation::print: pattern ",
+                    program.isEmpty() ? StringType() : program->pattern);
   if (program.isEmpty())
     return;
   for (const ExpressionToken& token : program->list())
-    VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::print: type "
-                               << static_cast<int>(token.type) << ", factor "
-                               << static_cast<int>(token.factor) << ", segment " << token.segment;
+    OwnRecords::write(OwnRecords::TRACE, "VarnRegularExpressionImplementation::print: type ",
+                      static_cast<int>(token.type), ", factor ", static_cast<int>(token.factor),
+                      ", segment ", token.segment);
 }
 
 template <typename StringType>
@@ -174,7 +173,7 @@ StringType VarnRegularExpression<StringType>::replace(const StringType& text,
   const ProgramUse<StringType> program(this->m_nProgram);
   if (program.isEmpty())
     return text;
-  PatternMatcher<StringType> matcher(*program, text, VarnLogging::admits(kTraceLevel));
+  PatternMatcher<StringType> matcher(*program, text, OwnRecords::areWanted(OwnRecords::TRACE));
   StringType result;
   std::size_t done = 0;
   std::size_t from = start;

@@ -40,7 +40,7 @@ constexpr std::int32_t kStarted = 0;
 constexpr std::int32_t kNotStarted = 1;
 constexpr std::int32_t kNoAnswer = -3;
 constexpr std::int32_t kWaitFailed = -4;
-constexpr std::time_t kAnswerSeconds = 60;
+constexpr std::chrono::seconds kAnswerTime{60};
 
 constexpr useconds_t kBeforeStopHookMicroseconds = 10000;
 constexpr useconds_t kBeforeAnotherTryMicroseconds = 10000;
@@ -102,17 +102,12 @@ bool openReportPipe(int (&ends)[2]) {
   return false;
 }
 
-timeval timeLeft(const timespec& deadline) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const long nanoseconds =
-      (deadline.tv_sec - now.tv_sec) * 1000000000L + deadline.tv_nsec - now.tv_nsec;
-  timeval left{};
-  if (nanoseconds > 0) {
-    left.tv_sec = nanoseconds / 1000000000L;
-    left.tv_usec = nanoseconds % 1000000000L / 1000;
-  }
-  return left;
+timeval timeUntil(MonotonicTime deadline) {
+  using std::chrono::microseconds;
+  const auto left = std::max(deadline - monotonicNow(), MonotonicTime::duration::zero());
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+  const auto rest = std::chrono::duration_cast<microseconds>(left - seconds);
+  return {static_cast<std::time_t>(seconds.count()), static_cast<suseconds_t>(rest.count())};
 }
 
 // Waits for the daemon's report in the launching process, which ends afterwards.
@@ -120,17 +115,14 @@ std::int32_t awaitReport(int descriptor) {
   // A set of descriptors has no place for high ones; standard input is not needed any more.
   if (descriptor >= FD_SETSIZE)
     descriptor = dup2(descriptor, STDIN_FILENO);
-  timespec deadline{};
-  clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += kAnswerSeconds;
-  int ready = 0;
-  do {
+  const MonotonicTime deadline = monotonicNow() + kAnswerTime;
+  const int ready = retrying([&] {
     fd_set descriptors;
     FD_ZERO(&descriptors);
     FD_SET(descriptor, &descriptors);
-    timeval left = timeLeft(deadline);
-    ready = select(descriptor + 1, &descriptors, nullptr, nullptr, &left);
-  } while (ready < 0 && errno == EINTR);
+    timeval left = timeUntil(deadline);
+    return select(descriptor + 1, &descriptors, nullptr, nullptr, &left);
+  });
   if (ready <= 0)
     return ready == 0 ? kNoAnswer : kWaitFailed;
   // A daemon that died without a report leaves nothing to read.

@@ -166,9 +166,7 @@ int VarnThread::wait(std::vector<VarnThread*>& threads, bool waitAll, int timeou
 
 int VarnThread::wait(int count, VarnThread* threads, bool waitAll, int timeoutMs) {
   const CancellationGuard closed;
-  std::vector<VarnThread*> addresses;
-  for (int i = 0; i < count; ++i)
-    addresses.push_back(&threads[i]);
+  std::vector<VarnThread*> addresses = WaitForSeveral::addressesOf(count, threads);
   return wait(addresses, waitAll, timeoutMs);
 }
 

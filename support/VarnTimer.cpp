@@ -22,8 +22,8 @@
 #include "runtime/Fork.h"
 #include "runtime/ProcessExit.h"
 #include "runtime/SignalRelay.h"
+#include "runtime/StackObjects.h"
 #include "threads/EventState.h"
-#include "time/StackTimers.h"
 #include "time/TimerState.h"
 
 namespace VarnSupport {
@@ -32,6 +32,8 @@ namespace {
 
 // The manager that getInstance() made; never freed, as threads may still be inside it.
 constinit VarnTimerManager* theManager = nullptr;
+using StackTimers = StackObjects<VarnTimer>;
+
 // The manager whose list lock a fork under way has taken.
 constinit VarnTimerManager* lockedForFork = nullptr;
 

@@ -45,7 +45,7 @@ class VSUPT_EXPORT VarnLockFactory {
     m_mapLocks.swap(copy);
     return *this;
   }
-  virtual ~VarnLockFactory() {}  // NOLINT: the library would not export a defaulted one
+  virtual ~VarnLockFactory();
 
   // Makes sure that a lock of that name exists; one that is there is kept.
   void createLock(const Key& key) {
@@ -103,6 +103,10 @@ class VSUPT_EXPORT VarnLockFactory {
   Registry m_mapLocks VSUPT_GUARDED_BY(m_oLock);
   mutable VarnCriticalSectionObject m_oLock;
 };
+
+// Defined here, as a library carries no destructor that is defaulted in its class.
+template <typename Key, typename LockType>
+VarnLockFactory<Key, LockType>::~VarnLockFactory() = default;
 
 extern template class VarnLockFactory<std::string, VarnCriticalSectionObject>;
 extern template class VarnLockFactory<std::string, VarnMutexObject>;

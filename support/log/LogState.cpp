@@ -24,7 +24,7 @@ namespace VarnSupport {
 namespace {
 
 constexpr int kNoLog = INT_MIN;
-constexpr std::chrono::hours kForEver{std::chrono::hours(24) * 365 * 100};
+constexpr MonotonicTime kForEver = MonotonicTime::max();
 
 // Waited for under the tables, by whoever has set kAwaited.
 NeverDestroyed<std::condition_variable> bitCleared;
@@ -91,19 +91,19 @@ bool VarnLogging::State::awaitUsers() {
   // A thread that ends the process inside a record of its own does not come back to it.
   const std::uint32_t others = openContent() != nullptr ? kWriting : kWriting | kRecord;
   awaitLocked(
-      guard, [&] { return (word & others) == 0; }, ProcessExit::kPatience);
+      guard, [&] { return (word & others) == 0; }, ProcessExit::latestEnd());
   target = 0;
   return (word.fetch_or(kLeft) & kWriting) == 0;
 }
 
 template <typename Condition>
 void VarnLogging::State::awaitLocked(std::unique_lock<std::mutex>& guard, Condition condition,
-                                     std::chrono::seconds limit) {
+                                     MonotonicTime deadline) {
   assert(guard.owns_lock());
   const NoCancellation whole;
   ++waiters;
   word |= kAwaited;
-  bitCleared.value.wait_for(guard, limit, condition);
+  bitCleared.value.wait_until(guard, deadline, condition);
   if (--waiters == 0)
     word &= ~kAwaited;
 }

@@ -20,7 +20,6 @@
 #define SUPPORT_LOG_LOGSTATE_H
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -31,6 +30,7 @@
 #include "log/LogHeader.h"
 #include "log/RecordText.h"
 #include "runtime/Fork.h"
+#include "runtime/System.h"
 
 namespace VarnSupport {
 
@@ -173,10 +173,10 @@ struct VSUPT_LOCAL VarnLogging::State {
       wakeWaiters();
   }
   static void wakeWaiters();
-  // Waits until `condition` holds, or for the limit. Requires: `guard` holds the tables.
+  // Waits until `condition` holds, or `deadline` has passed. Requires: `guard` holds the tables.
   template <typename Condition>
   void awaitLocked(std::unique_lock<std::mutex>& guard, Condition condition,
-                   std::chrono::seconds limit);
+                   MonotonicTime deadline);
   // Closes the file of the log. Requires: nobody else uses it.
   void closeFile(VarnLogging& log);
   // Makes a state that has no log as good as new, if nobody is at it.

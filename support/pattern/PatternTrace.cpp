@@ -1,22 +1,16 @@
 // What a search writes to the log at level 9. The match stack is kept as runs, but shown as the
 // list of single matches that it stands for.
-#include "VarnSupport/VarnLogging.h"
+#include "log/OwnRecords.h"
 #include "pattern/PatternMatcher.h"
 
 namespace VarnSupport {
 
-namespace {
-
-constexpr int kTraceLevel = 9;
-
-}  // namespace
-
 template <typename StringType>
 void PatternMatcher<StringType>::traceSearch(const Token& token, std::size_t from,
                                              std::size_t found) const {
-  VarnLogRecord(kTraceLevel) << StringType(m_sText) << ".find ("
-                             << StringType(m_oProgram.textOf(token)) << ", " << from
-                             << ") = " << static_cast<unsigned int>(found);
+  OwnRecords::write(OwnRecords::TRACE, StringType(m_sText), ".find (",
+                    StringType(m_oProgram.textOf(token)), ", ", from,
+                    ") = ", static_cast<unsigned int>(found));
 }
 
 // Lists the runs as the single entries they stand for. An entry links back to the index of the
@@ -24,7 +18,8 @@ void PatternMatcher<StringType>::traceSearch(const Token& token, std::size_t fro
 template <typename StringType>
 void PatternMatcher<StringType>::traceStack() const {
   const auto listed = m_oProgram.list();
-  VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::find: match stack begin";
+  OwnRecords::write(OwnRecords::TRACE,
+                    "VarnRegularExpressionImplementation::find: match stack begin");
   std::size_t index = 0;
   int previousLink = -1;
   for (std::size_t i = 0; i < m_nRuns; ++i) {
@@ -41,13 +36,14 @@ void PatternMatcher<StringType>::traceStack() const {
           StringType(m_sText.substr(run.begin + k, width)),
           static_cast<unsigned int>(run.begin + k), static_cast<unsigned int>(width), previousLink,
           listed[run.token]};
-      VarnLogRecord(kTraceLevel) << entry.text << " at " << entry.position << ", length "
-                                 << entry.length << ", back-link " << entry.backLink << ", type "
-                                 << static_cast<int>(entry.token.type) << ", factor "
-                                 << static_cast<int>(entry.token.factor);
+      OwnRecords::write(OwnRecords::TRACE, entry.text, " at ", entry.position, ", length ",
+                        entry.length, ", back-link ", entry.backLink, ", type ",
+                        static_cast<int>(entry.token.type), ", factor ",
+                        static_cast<int>(entry.token.factor));
     }
   }
-  VarnLogRecord(kTraceLevel) << "VarnRegularExpressionImplementation::find: match stack end";
+  OwnRecords::write(OwnRecords::TRACE,
+                    "VarnRegularExpressionImplementation::find: match stack end");
 }
 
 template void PatternMatcher<std::string>::traceSearch(const Token&, std::size_t,

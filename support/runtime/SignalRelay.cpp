@@ -23,22 +23,25 @@
 
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/System.h"
 
 namespace VarnSupport {
 
 namespace {
 
+constexpr MonotonicTime kNever = MonotonicTime::max();
+
 struct Route {
   std::atomic<SignalRelay::Routine> routine{nullptr};
   std::atomic<bool> pending{false};
-  std::int64_t expectedUntil = 0;  // monotonic milliseconds; 0: not expected; guarded by the mutex
+  MonotonicTime expectedUntil = kNever;  // guarded by the mutex
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler uses it");
 
 constexpr std::size_t kSignals = 32;  // real-time signals are not routed
 
-constexpr std::int64_t kLooksAloneMilliseconds = 100;
+constexpr std::chrono::milliseconds kLookAlone{100};
 constexpr int kLooksToSettle = 100;
 constexpr useconds_t kLookMicroseconds = 50;
 
@@ -72,50 +75,39 @@ void onSignal(int signal) {
   errno = savedErrno;
 }
 
-std::int64_t monotonicMilliseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-// When the first signal that is expected counts as lost; 0 while none is expected.
-std::int64_t firstExpectation() {
+// When the first signal that is expected counts as lost.
+MonotonicTime firstExpectation() {
   const std::lock_guard guard(relay.mutex);
-  std::int64_t first = 0;
-  for (const Route& route : relay.routes) {
-    if (route.expectedUntil != 0 && (first == 0 || route.expectedUntil < first))
-      first = route.expectedUntil;
-  }
+  MonotonicTime first = kNever;
+  for (const Route& route : relay.routes)
+    first = std::min(first, route.expectedUntil);
   return first;
 }
 
 // Waits for a signal, or until one that is expected counts as lost, or for a moment once the main
 // thread has ended.
 void awaitWork() {
-  std::int64_t until = firstExpectation();
-  if (relay.mainHasEnded) {
-    const std::int64_t soon = monotonicMilliseconds() + kLooksAloneMilliseconds;
-    until = until == 0 ? soon : std::min(until, soon);
-  }
-  const timespec time{until / 1000, until % 1000 * 1000000};
-  int result = 0;
-  do {
-    result = until == 0 ? sem_wait(&relay.semaphore)
-                        : sem_clockwait(&relay.semaphore, CLOCK_MONOTONIC, &time);
-  } while (result != 0 && errno == EINTR);
+  MonotonicTime until = firstExpectation();
+  if (relay.mainHasEnded)
+    until = std::min(until, monotonicNow() + kLookAlone);
+  const timespec time = toTimespec(until);
+  retrying([&] {
+    return until == kNever ? sem_wait(&relay.semaphore)
+                           : sem_clockwait(&relay.semaphore, CLOCK_MONOTONIC, &time);
+  });
 }
 
 // The signals, as bits, that have come, or have not come in time.
 std::uint32_t takeDue() {
   const std::lock_guard guard(relay.mutex);
-  const std::int64_t now = monotonicMilliseconds();
+  const MonotonicTime now = monotonicNow();
   std::uint32_t due = 0;
   for (std::size_t signal = 0; signal < kSignals; ++signal) {
     Route& route = relay.routes[signal];
-    const bool isLost = route.expectedUntil != 0 && route.expectedUntil <= now;
+    const bool isLost = route.expectedUntil <= now;
     if (!route.pending.exchange(false) && !isLost)
       continue;
-    route.expectedUntil = 0;
+    route.expectedUntil = kNever;
     due |= std::uint32_t{1} << signal;
   }
   return due;
@@ -273,7 +265,7 @@ void SignalRelay::runPending() {
 void SignalRelay::expectWithin(int signal, long milliseconds) {
   assert(milliseconds >= 0);
   const std::lock_guard guard(relay.mutex);
-  routeOf(signal).expectedUntil = monotonicMilliseconds() + milliseconds;
+  routeOf(signal).expectedUntil = monotonicNow() + std::chrono::milliseconds(milliseconds);
   startLocked();
   if (!isRelayLocked())
     sem_post(&relay.semaphore);  // it may be waiting for longer
@@ -322,7 +314,7 @@ void releaseRelay(ForkSide side) {
     sem_init(&relay.semaphore, 0, 0);
     for (Route& route : relay.routes) {
       route.pending.store(false);
-      route.expectedUntil = 0;
+      route.expectedUntil = kNever;
     }
     watchMainThread();
   }

@@ -1,42 +1,36 @@
 #include "runtime/SpareMemory.h"
 
 #include <new>
-#include <utility>
 
 namespace VarnSupport {
 
-namespace {
-
-// Events are set to the very end of a thread, beyond the destructors of its variables: these
-// variables have none.
-constinit thread_local void* t_pMemory = nullptr;
-constinit thread_local bool t_bThreadEnds = false;
+constinit thread_local void* SpareMemory::t_pMemory = nullptr;
+constinit thread_local SpareMemory::tState SpareMemory::t_eState = NEW;
 
 // Frees the block as the thread ends: the first use of a thread's owner registers the destructor.
-class Owner {
+class SpareMemory::Owner {
  public:
   Owner() = default;
   Owner(const Owner&) = delete;
   Owner& operator=(const Owner&) = delete;
   ~Owner() {
-    t_bThreadEnds = true;
-    ::operator delete(std::exchange(t_pMemory, nullptr));
+    t_eState = ENDED;
+    ::operator delete(take());
   }
 
-  void keep(void* memory) { t_pMemory = memory; }
+  void begin() { t_eState = OWNED; }
 };
 
-constinit thread_local Owner t_oOwner;
+// Not within keepSlowly(): there its guard would take eight bytes more of every thread's storage.
+constinit thread_local SpareMemory::Owner SpareMemory::t_oOwner;
 
-}  // namespace
-
-void* SpareMemory::take() noexcept { return std::exchange(t_pMemory, nullptr); }
-
-void SpareMemory::keep(void* memory) noexcept {
-  if (t_pMemory == nullptr && !t_bThreadEnds)
-    t_oOwner.keep(memory);
-  else
+[[gnu::cold]] void SpareMemory::keepSlowly(void* memory) noexcept {
+  if (t_eState == NEW) {
+    t_oOwner.begin();
+    t_pMemory = memory;
+  } else {
     ::operator delete(memory);
+  }
 }
 
 }  // namespace VarnSupport

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 
 namespace VarnSupport {
 
@@ -11,6 +12,13 @@ namespace VarnSupport {
 using MonotonicTime = std::chrono::steady_clock::time_point;
 
 inline MonotonicTime monotonicNow() { return std::chrono::steady_clock::now(); }
+
+inline timespec toTimespec(MonotonicTime time) {
+  const auto sinceStart = time.time_since_epoch();
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceStart);
+  const std::chrono::nanoseconds rest = sinceStart - seconds;
+  return {static_cast<std::time_t>(seconds.count()), static_cast<long>(rest.count())};
+}
 
 // Calls until a signal no longer interrupts, and returns the result.
 template <typename Call>

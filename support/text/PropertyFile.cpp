@@ -16,6 +16,7 @@
 #include <optional>
 
 #include "runtime/Cancellation.h"
+#include "runtime/System.h"
 
 namespace VarnSupport {
 
@@ -39,11 +40,7 @@ int openRetrying(const std::string& fileName, int flags, mode_t mode) {
   std::optional<BlockingCall> cancellable;
   if (isCancellable() && isPipe(fileName))
     cancellable.emplace();
-  int descriptor = -1;
-  do
-    descriptor = open(fileName.c_str(), flags | O_CLOEXEC, mode);
-  while (descriptor < 0 && errno == EINTR);
-  return descriptor;
+  return retrying([&] { return open(fileName.c_str(), flags | O_CLOEXEC, mode); });
 }
 
 }  // namespace
@@ -75,10 +72,7 @@ template <typename CharT>
 std::size_t CharacterSource<CharT>::read(CharT* to, std::size_t room) {
   assert(room > 0 && m_oFile.isOpen());
   const BlockingCall cancellable;
-  ssize_t count = 0;
-  do
-    count = ::read(m_oFile.get(), to, room);
-  while (count < 0 && errno == EINTR);
+  const ssize_t count = retrying([&] { return ::read(m_oFile.get(), to, room); });
   return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 

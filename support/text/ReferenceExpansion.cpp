@@ -10,18 +10,15 @@
 #include <cassert>
 #include <cstdlib>
 
-#include "VarnSupport/VarnLogging.h"
+#include "log/OwnRecords.h"
 #include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 
 namespace {
 
-constexpr int kTraceLevel = 9;
-
 void trace(const char* step, const std::string& value) {
-  if (VarnLogging::admits(kTraceLevel))
-    VarnLogRecord(kTraceLevel) << "VarnExpandString: " << step << value;
+  OwnRecords::write(OwnRecords::TRACE, "VarnExpandString: ", step, value);
 }
 
 // Replacements may bring references for ever: a thread that is killed leaves between two of them.

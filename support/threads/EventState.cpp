@@ -5,10 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <bit>
 #include <cassert>
 #include <climits>
-#include <ctime>
 
 #include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
@@ -24,16 +22,6 @@ constexpr int kLooksBeforeSleeping = 40;
 // After a wait that looked in vain only one of so many looks before it sleeps.
 constexpr std::uint32_t kWaitsBetweenTrials = 32;
 
-// The half of the word that holds the number: the system waits on 32 bits.
-std::uint32_t* numberIn(std::atomic<std::uint64_t>& word) {
-  constexpr std::size_t kUpperHalf = std::endian::native == std::endian::little ? 1 : 0;
-  return reinterpret_cast<std::uint32_t*>(&word) + kUpperHalf;
-}
-
-void wakeAll(std::uint32_t* number) {
-  syscall(SYS_futex, number, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
-}
-
 // Returns when the number may have changed, or the deadline passed. A cancellation point, which
 // syscall() is not; there is nothing to destroy in this frame.
 [[gnu::noinline]] void waitForChange(std::uint32_t* number, std::uint32_t from,
@@ -43,13 +31,6 @@ void wakeAll(std::uint32_t* number) {
   syscall(SYS_futex, number, FUTEX_WAIT_BITSET_PRIVATE, from, deadline, nullptr,
           FUTEX_BITSET_MATCH_ANY);
   pthread_setcanceltype(type, nullptr);
-}
-
-timespec toTimespec(MonotonicTime time) {
-  const auto sinceStart = time.time_since_epoch();
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceStart);
-  const std::chrono::nanoseconds rest = sinceStart - seconds;
-  return {static_cast<std::time_t>(seconds.count()), static_cast<long>(rest.count())};
 }
 
 }  // namespace
@@ -85,12 +66,8 @@ void EventState::handOut() {
     BriefGate::synchronize();
 }
 
-void EventState::raise() {
-  if ((m_nWord.load(std::memory_order_relaxed) & kHandedOut) != 0)
-    broadcast();
-  std::uint32_t* const number = numberIn(m_nWord);
-  if ((m_nWord.fetch_add(kOneSet, std::memory_order_acq_rel) & kWaiters) != 0)
-    wakeAll(number);
+void EventState::wakeAll(std::uint32_t* number) {
+  syscall(SYS_futex, number, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
 void EventState::broadcast() {
@@ -109,7 +86,7 @@ bool EventState::waitSince(std::uint32_t ticket, const MonotonicTime* deadline) 
     if (deadline != nullptr && monotonicNow() >= *deadline)
       return false;
     const BlockingCall cancellable;
-    waitForChange(numberIn(m_nWord), ticket, deadline != nullptr ? &until : nullptr);
+    waitForChange(numberHalf(), ticket, deadline != nullptr ? &until : nullptr);
   }
   return true;
 }

@@ -5,6 +5,8 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 
 #include "runtime/System.h"
@@ -33,7 +35,13 @@ class EventState {
   std::uint32_t number() const {
     return static_cast<std::uint32_t>(m_nWord.load(std::memory_order_acquire) >> kNumberBits);
   }
-  void raise();
+  void raise() {
+    if ((m_nWord.load(std::memory_order_relaxed) & kHandedOut) != 0)
+      broadcast();
+    std::uint32_t* const half = numberHalf();
+    if ((m_nWord.fetch_add(kOneSet, std::memory_order_acq_rel) & kWaiters) != 0)
+      wakeAll(half);
+  }
   // False when `deadline`, if there is one, has passed before the number left `ticket`.
   bool waitSince(std::uint32_t ticket, const MonotonicTime* deadline);
 
@@ -54,6 +62,12 @@ class EventState {
   bool comesSoon(std::uint32_t ticket);
   void renewAfterFork();
   void broadcast();
+  static void wakeAll(std::uint32_t* number);
+  // The half of the word that holds the number: the system waits on 32 bits.
+  std::uint32_t* numberHalf() {
+    constexpr std::size_t kUpperHalf = std::endian::native == std::endian::little ? 1 : 0;
+    return reinterpret_cast<std::uint32_t*>(&m_nWord) + kUpperHalf;
+  }
 
   std::atomic<std::uint64_t> m_nWord{0};
   // The process that the rest belongs to, by how often it came of a fork: twice that, one more

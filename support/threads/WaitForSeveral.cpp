@@ -169,9 +169,7 @@ int VarnEvent::wait(std::vector<VarnEvent*>& events, bool waitAll, int timeoutMs
 
 int VarnEvent::wait(int count, VarnEvent* events, bool waitAll, int timeoutMs) {
   const CancellationGuard closed;
-  std::vector<VarnEvent*> addresses;
-  for (int i = 0; i < count; ++i)
-    addresses.push_back(&events[i]);
+  std::vector<VarnEvent*> addresses = WaitForSeveral::addressesOf(count, events);
   return wait(addresses, waitAll, timeoutMs);
 }
 

@@ -17,6 +17,15 @@ class WaitForSeveral {
   // VarnThread::wait() for several.
   static int run(std::vector<VarnThread*>& threads, bool waitAll, int timeoutMs, tThreads known);
 
+  // The objects of an array; a count below 1 is none.
+  template <typename Object>
+  static std::vector<Object*> addressesOf(int count, Object* objects) {
+    std::vector<Object*> addresses;
+    for (int i = 0; i < count; ++i)
+      addresses.push_back(&objects[i]);
+    return addresses;
+  }
+
  private:
   static void watchEnd(VarnThread& thread, class ThreadWaitDependent& dependent, bool wasRunning);
 };

@@ -1,3 +1,13 @@
+// A walk goes over the live list by position: whoever is added during it is called too, and
+// callers rely on that. It holds the lock for no longer than it takes to copy a batch of entries
+// (Cursor), never during a call, so that a callback may add, remove and notify as it likes, from
+// any thread. The number of changes tells the walk that its batch is out of date.
+//
+// A callback may destroy the collaborator itself. The walks of a thread form a list (Walk), in
+// which the destructor marks those that must not touch it any more.
+//
+// Waiters put dependents on their stacks into lists. Their entries are tagged: a call of theirs is
+// counted, since the waiter goes as soon as it has been told (TrackedDependent.h).
 #include "VarnSupport/VarnCollaborator.h"
 
 #include <algorithm>

@@ -1,5 +1,10 @@
 // The two halves of an event know nothing of each other: the dependents are a collaborator's, and
 // those who wait are the state's (EventState.h).
+//
+// A set() tells the dependents first and raises the number last: a waiter that is woken may
+// destroy the event at once. A dependent may do so as well, in which case nobody can be waiting. A
+// wait that must not miss a set() takes a ticket before it looks at its condition (EventTicket);
+// the plain wait() takes its ticket when it begins, and misses what was set before.
 #include "VarnSupport/VarnEvent.h"
 
 #include <cstdint>

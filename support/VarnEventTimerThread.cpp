@@ -1,3 +1,6 @@
+// The thread waits on its timer as on any event. A stop sets that event, too, so the thread looks
+// at the flag again after each wait, and takes the ticket of the wait before: a stop that comes
+// between the two is not lost.
 #include "VarnSupport/VarnEventTimerThread.h"
 
 #include <new>

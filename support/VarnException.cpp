@@ -1,5 +1,8 @@
 // The text of an exception is wide. Narrow texts are converted as they come and go, by the default
 // locale; a character that it lacks becomes a blank.
+//
+// What cannot be converted costs characters, never the exception. The text is kept whole, and
+// every other form is made from it when it is asked for.
 #include "VarnSupport/VarnException.h"
 
 #include <cassert>

@@ -1,3 +1,5 @@
+// Registrations that a library's initialisers make are visible to other threads once the whole
+// library is loaded, not while it still initialises itself (LibraryLoad).
 #include "VarnSupport/VarnLibrary.h"
 
 #include <dlfcn.h>

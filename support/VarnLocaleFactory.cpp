@@ -2,6 +2,9 @@
 // from the tables only when an application asks for it. The default locale is that of the
 // environment at the time of loading: a later change of the environment, or of the global locale,
 // does not reach it.
+//
+// A locale that the system does not have is replaced by the classic one, never by a failure:
+// callers are about to write a text that matters more than its form.
 #include "VarnSupport/VarnLocaleFactory.h"
 
 #include <exception>

@@ -1,5 +1,11 @@
 // The log as its callers see it, and the older form of its records. What a record is built in, and
 // how it is written, is in LogState.h; how values become text is in LogValues.cpp.
+//
+// A log can go while threads are still writing, as the process exits or by mistake. Whatever a
+// writer needs is therefore in the state, not in the object; whoever needs the object itself
+// visits it, and the destructor waits for such visits and for the record under way. Levels are
+// asked for without a lock: the registered log's are kept in two static words, changed together
+// with the registration.
 #include "VarnSupport/VarnLogging.h"
 
 #include <cassert>

@@ -1,3 +1,5 @@
+// Three files by the names of base, language and country, each over the one before. Only the last
+// may be missing.
 #include "VarnSupport/VarnMessageSet.h"
 
 #include "VarnSupport/VarnLocaleFactory.h"

@@ -1,3 +1,5 @@
+// Counts change under the global critical section: whoever holds it sees them stand still. Names of
+// classes are taken apart by the rules of older compilers, of which callers still have names.
 #include "VarnSupport/VarnObjectBase.h"
 
 #include <algorithm>

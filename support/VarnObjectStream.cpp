@@ -1,3 +1,6 @@
+// Numbers travel as the bytes of the host; a type that is wider here than in the format travels as
+// its low bytes. Not every stream tells how much it has moved, which is why a value is read aside
+// and taken over only if something came.
 #include "VarnSupport/VarnObjectStream.h"
 
 #include <cstdint>

@@ -3,6 +3,10 @@
 // A program is started by fork(), with every signal blocked until the child has given up the
 // handlers of this process: none of them may run in the child. All that allocates is made before
 // the fork, as the child has the heap of a process with other threads, and does nothing but exec.
+//
+// Folders are made from the first parent that is missing; a folder that somebody else makes at the
+// same moment is no failure. To remove a folder with all it has is left to /bin/rm, which knows
+// what changes under it.
 #include "VarnSupport/VarnProcess.h"
 
 #include <fcntl.h>

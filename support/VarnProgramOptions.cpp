@@ -1,6 +1,10 @@
 // Both kinds of input, an argument vector and a command line, are walked by one parse(): a command
 // line is split into elements first. Options become properties. An option with two dashes is a long
 // one; with a single dash it is looked for among the long names first, and then as a letter.
+//
+// A long name is declared between colons, with a dot before the second one if it takes data, so a
+// name is looked for in that text as it is. Whatever precedes a fault on the command line has been
+// recorded when the fault is reported: callers rely on it.
 #include "VarnSupport/VarnProgramOptions.h"
 
 #include <algorithm>

@@ -2,6 +2,10 @@
 // a caller gives or gets is copied under that lock; logging, reading and writing files happen
 // outside of it, so that a slow disk holds nobody up. A file is read in blocks of lines: other
 // threads see a load that is under way block by block, as if each line had been added by itself.
+//
+// A reference that getProperty() gives is to a value inside of the set, and stays good until that
+// value is changed or removed: values are kept in vectors behind the nodes of a map, which do not
+// move. Everything else is given by copy.
 #include "VarnSupport/VarnProperties.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// Copies share the lock of the platform, which knows neither owners nor cancellation. What it
+// refuses goes to the log, as the operations return nothing. A thread can only be killed before it
+// waits, or once it has the lock and has given it back.
 #include "VarnSupport/VarnReadWriteLock.h"
 
 #include <cerrno>

@@ -1,3 +1,5 @@
+// Services are the system's service manager's here. The operations exist so that programs which
+// have a control part build and can report that it is not there.
 #include "VarnSupport/VarnServiceControl.h"
 
 #include "runtime/Cancellation.h"

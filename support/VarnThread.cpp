@@ -6,6 +6,14 @@
 // A thread that deletes itself has nobody to join it. It writes itself into g_vExitThreads as the
 // last of its acts and sends SIGUSR2, on which the relay joins all those of the list that have
 // ended.
+//
+// The exit code is there before the dependents are told of the end, and the end is told before the
+// thread counts as no longer running. What the body throws ends here and is not told to anybody.
+// Only the unwinding of a killed thread goes on, up to the platform's end of the thread; no end is
+// announced then.
+//
+// When the process exits, the destructor of a static thread object waits for its thread, but not
+// for ever (ProcessExit).
 #include "VarnSupport/VarnThread.h"
 
 #include <pthread.h>

@@ -2,6 +2,15 @@
 // not overlap, and the second whenever it looks at the schedule, but never while it calls set(). A
 // timer may therefore be started, stopped and destroyed in its own callback; on another thread its
 // destruction waits for the callback that is under way (TimerCall).
+//
+// stop() only takes the timer out of the schedule: a callback that has begun goes on, and may
+// start the timer again. The destructor, and whoever must be sure of the end, stops and waits
+// until neither is the case (stopAndWait()).
+//
+// The manager is made by the first timer that needs it and never freed, as a pass, or a thread
+// that starts a timer, may be inside it at any moment of the exit. In the child of a fork the
+// timers that were started go on; those on the stacks of vanished threads leave the schedule
+// first.
 #include "VarnSupport/VarnTimer.h"
 
 #include <pthread.h>

@@ -1,3 +1,6 @@
+// The parts of a header that need work, time and thread, are kept as text; a record puts them
+// together by copying. The room is made in front of the record's text, which exists before its
+// header does: the header has the time at which a record ends.
 #include "log/LogHeader.h"
 
 #include <algorithm>

@@ -2,6 +2,11 @@
 // a thread which is late finds memory that is still a state. Bits of one word say what is under
 // way; a bit is set by whoever begins and cleared by whoever ends, without a lock unless somebody
 // waits.
+//
+// A record's way: its text grows in a Building that the thread with the record lock owns;
+// compose() puts the header before it; write() takes the turn of the file (kWriting) and gives it
+// back before it goes on to standard output, where a reader that does not read may keep it for
+// good. Opening and closing the file (kChanging) excludes kWriting and waits for it.
 #include "log/LogState.h"
 
 #include <algorithm>

@@ -1,3 +1,7 @@
+// A target can take a part of a record: a full disk does, and a limit of the size. That record
+// stays torn, and what comes next is put on a line of its own by writing the line feed which every
+// record begins with but which is left out otherwise. Nothing is buffered, so that an end of the
+// process loses nothing and a copy of it writes nothing twice.
 #include "log/LogTarget.h"
 
 #include <fcntl.h>

@@ -1,3 +1,9 @@
+// The platform's own cancellation ends a thread at any system call it happens to be in, or not at
+// all while it computes. Here a request is a flag, and a signal to the thread. The handler looks
+// where the thread is: in a wait that a cancellation may end it unwinds at once; inside the
+// library it leaves the flag, which the next operation's guard sees; in code of the user it
+// unwinds when that can be done (UnwindCheck.h), and otherwise a timer of the thread tries again.
+// Unwinding is the platform's forced unwinding, so that destructors run and catch (...) sees it.
 #include "runtime/Cancellation.h"
 
 #include <cxxabi.h>

@@ -5,8 +5,7 @@
 //   - when it enters an operation that takes something (CancellationGuard), before it has taken it;
 //   - while it waits inside such an operation (BlockingCall), whose frames undo what they began;
 //   - in its own code, at an instruction from which it can be unwound (UnwindCheck.h): at once
-//   where
-//     that destroys nothing, else when it has done none of the above for 110 ms.
+//     where that destroys nothing, else when it has done none of the above for 110 ms.
 // It never does so at another instruction of the library, nor inside an operation that gives
 // something back (QuietCancellationGuard). What an operation has handed out therefore belongs to
 // its caller, and nothing of the library is left half done.

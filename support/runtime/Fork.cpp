@@ -1,3 +1,8 @@
+// The platform runs handlers of a fork in an order that depends on who registered when. All locks
+// of the library are therefore taken by one handler, in the order in which every thread takes
+// them, so that a fork cannot stop in the middle of them, and given back by one, in the reverse
+// order. Locks that callers hold while the library runs their code are not among them: the thread
+// that forks may hold such a lock itself, as may one that never gives it back.
 #include "runtime/Fork.h"
 
 #include <pthread.h>

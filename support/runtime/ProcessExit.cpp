@@ -1,3 +1,7 @@
+// Handlers of the exit run in the reverse order of their registration, and so do destructors of
+// static objects. To know of the exit before the destructor of an object runs, the handler must be
+// younger than that object: it is renewed when threads and timers have been made since, at the
+// next of their operations.
 #include "runtime/ProcessExit.h"
 
 #include <mutex>

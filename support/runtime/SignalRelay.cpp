@@ -4,6 +4,11 @@
 //
 // What the handlers use is constant-initialised and never destroyed, and has no lock. The rest is
 // guarded by a mutex that is held for a few instructions, and across a fork.
+//
+// Routines run on the relay one by one and must not wait: for a signal that is handled late,
+// timers and stops of the whole process are late. It has no cancellation and every other signal
+// blocked. When the main thread has ended by pthread_exit(), the relay must not keep the process
+// alive, and ends as soon as it is alone.
 #include "runtime/SignalRelay.h"
 
 #include <dirent.h>

@@ -1,3 +1,6 @@
+// The destructor that frees a thread's block is registered with the first block that is kept; a
+// thread that keeps none has none to run. After that destructor nothing is kept any more, since
+// nobody would free it.
 #include "runtime/SpareMemory.h"
 
 #include <new>

@@ -1,3 +1,10 @@
+// A set() moves the number first and wakes the sleepers afterwards, if the same operation has
+// shown that there are any; a waiter counts itself first and compares the number afterwards. In
+// every order of the two, the waiter sees the number moved or is woken.
+//
+// To sleep and to be woken costs a hundred times what a look costs. Waiters therefore look for a
+// while first, as long as that has paid off: waits that looked in vain make the next ones sleep at
+// once, but for one in a while that tries again.
 #include "threads/EventState.h"
 
 #include <linux/futex.h>

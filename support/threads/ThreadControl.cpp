@@ -1,3 +1,11 @@
+// The phases of a thread, in order: it is started, is in its body, announces its end, and has
+// ended. Its object may be touched in the body's frame and during the announcement, but only as
+// long as the owner has not abandoned it, which waits for an announcement under way. Everything is
+// guarded by the mutex of the control, which is held for moments only.
+//
+// Joining is somebody's task exactly once: of whoever turns m_bJoinable from true to false. A
+// waiter that is killed while it joins gives the task back. All others wait for the end to be
+// noted, which is before the thread has quite gone.
 #include "threads/ThreadControl.h"
 
 #include <unistd.h>
@@ -222,8 +230,7 @@ void ThreadControl::cancel() {
 }
 
 // Waits while the thread is telling the dependents, but not for ever when the process exits. Nobody
-// can join a thread any more that has been
-// killed, or that destroys its own object.
+// can join a thread any more that has been killed, or that destroys its own object.
 void ThreadControl::abandon() {
   if (!belongsToThisProcess())
     return;

@@ -1,3 +1,10 @@
+// The waiter waits for calls under way before it goes; a walk begins a call while it holds the
+// lock of the list, so that no call begins once the dependent has been removed. The tag in the
+// entry's address keeps lists of plain dependents as cheap as they were: a walk looks for tags
+// only while there is a tracked dependent anywhere in the process.
+//
+// The list of all tracked dependents is for forks alone: in the child the stacks of other threads
+// are gone, and with them whatever they had put into lists.
 #include "threads/TrackedDependent.h"
 
 #include <cassert>

@@ -1,6 +1,10 @@
 // A dependent on the waiter's stack is told by each thread that ends, counts and raises the event
 // that the waiter sleeps on. Before the waiter goes, the dependent leaves the threads that have not
 // told their end, and waits for those that are just telling it.
+//
+// Waiting for several events is waiting for threads of which each waits for one event, since an
+// event may wait in a way of its own. The threads that still wait when one has been enough are
+// killed in their destructors.
 #include "threads/WaitForSeveral.h"
 
 #include <algorithm>

@@ -1,3 +1,12 @@
+// Two binary heaps of entries, both by deadline and, among equals, by the order of insertion.
+// Timers that this round of a pass has set already are in the waiting heap, so that a timer with a
+// period of nothing is set once in a round. A slot is a number that stays with a timer and says
+// where its entry is, so that removing it needs no search: insertion, removal and repetition are
+// O(log n), the first is at hand. After an insertion no operation allocates: removal and
+// repetition cannot fail.
+//
+// A clock that was set moves all deadlines by the same amount. They are stored less a number that
+// counts these moves, so that a move costs the same for any number of timers.
 #include "time/TimerSchedule.h"
 
 #include <cassert>

@@ -1,3 +1,11 @@
+// There is one interval timer in a process, for the first deadline alone. Whoever changes the
+// schedule does not set it: the relay does, told by SIGUSR1, and only if it is not armed or armed
+// for later than needed. When it expires, SIGALRM has the relay start a thread for the pass, since
+// callbacks are code of users and take as long as they like. At the end of a pass the timer is
+// armed again.
+//
+// Signals get lost: programs block them, replace the handlers, or set the interval timer
+// themselves. The relay therefore also expects an expiry, and acts a second late without one.
 #include "time/TimerState.h"
 
 #include <sys/time.h>

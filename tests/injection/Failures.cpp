@@ -69,6 +69,8 @@ Failures::Failures(tKind kind, int every) {
 
 Failures::~Failures() { letCallsSucceed(); }
 
+std::atomic<void (*)()> Failures::beforeThreadFails{nullptr};
+
 int Failures::count() { return failed; }
 
 extern "C" {
@@ -91,7 +93,11 @@ int pipe(int* ends) noexcept { return fails(Failures::SYSTEM, EMFILE) ? -1 : rea
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
                    void* argument) noexcept {
-  return fails(Failures::SYSTEM, 0) ? EAGAIN : realCreate(thread, attributes, routine, argument);
+  if (!fails(Failures::SYSTEM, 0))
+    return realCreate(thread, attributes, routine, argument);
+  if (void (*const hook)() = Failures::beforeThreadFails)
+    hook();
+  return EAGAIN;
 }
 
 pid_t fork() noexcept { return fails(Failures::SYSTEM, EAGAIN) ? -1 : realFork(); }

@@ -3,6 +3,8 @@
 #ifndef TESTS_INJECTION_FAILURES_H
 #define TESTS_INJECTION_FAILURES_H
 
+#include <atomic>
+
 // While one exists, every n-th call of one kind fails, on whatever thread, until kMost have: a
 // shortage that never ends could be waited for for ever.
 class Failures {
@@ -17,6 +19,9 @@ class Failures {
 
   // How many calls have failed in this process.
   static int count();
+
+  // Called in place of a thread's creation before that fails; null, as at first, for nothing.
+  static std::atomic<void (*)()> beforeThreadFails;
 };
 
 #endif

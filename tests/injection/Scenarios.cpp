@@ -317,6 +317,28 @@ TEST(FailureInjection, LeavesAServiceThatStops) {
     runAll([=](Failures::tKind kind, int every) { return runService(daemonize, kind, every); });
 }
 
+TEST(FailureInjection, AStartThatIsRefusedEndsTheWaitsForTheThread) {
+  EXPECT_EQ(0, runInChild([] {
+              static std::atomic<bool> isAsked{false};
+              VarnThread refused;
+              std::thread waiter([&] {
+                while (!isAsked)
+                  sleepMs(1);
+                refused.wait(-1);
+              });
+              Failures::beforeThreadFails = [] {
+                isAsked = true;
+                sleepMs(50);  // the waiter comes meanwhile
+              };
+              {
+                const Failures failures(Failures::SYSTEM, 1);
+                refused.start();
+              }
+              waiter.join();
+              return refused.isAlive() ? 1 : 0;
+            }));
+}
+
 TEST(FailureInjection, AFullDiskDoesNotStopOtherTargets) {
   TempFolder folder;
   EXPECT_EQ(0, runInChild([&] {

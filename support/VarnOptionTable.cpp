@@ -69,6 +69,12 @@ std::string limitsText(const Range& range) {
   return range.hasHighest ? "at most " + numberText(range.highest) : std::string();
 }
 
+template <typename Range>
+std::string realNumber(const Range& range) {
+  const std::string limits = limitsText(range);
+  return limits.empty() ? "a number" : "a number of " + limits;
+}
+
 // A number's option, whose data is read twice: checked while it is parsed, and stored in the end.
 // Throws VarnException.
 template <typename Range, typename Number>
@@ -137,7 +143,7 @@ std::string VarnOptionTable::State::answer(Option::Answer answer) const {
     return usageText(program, list);
   if (answer == Option::Answer::COMPLETION)
     return completionText(program, list);
-  return program.name + ' ' + program.version + '\n';
+  return program.name + (program.version.empty() ? "" : ' ' + program.version) + '\n';
 }
 
 VarnOptionTable::VarnOptionTable(const std::string& name, const std::string& version,
@@ -185,12 +191,18 @@ VarnOptionTable& VarnOptionTable::addNumber(const std::string& names, const std:
 }
 
 VarnOptionTable& VarnOptionTable::addNumber(const std::string& names, const std::string& text,
+                                            const Range<float>& range,
+                                            const std::function<void(float)>& store) {
+  const CancellationGuard closed;
+  m_pState->list.add(numberOption(names, text, range, store, realNumber(range)));
+  return *this;
+}
+
+VarnOptionTable& VarnOptionTable::addNumber(const std::string& names, const std::string& text,
                                             const Range<double>& range,
                                             const std::function<void(double)>& store) {
   const CancellationGuard closed;
-  const std::string limits = limitsText(range);
-  m_pState->list.add(numberOption(names, text, range, store,
-                                  "a number" + (limits.empty() ? "" : " of " + limits)));
+  m_pState->list.add(numberOption(names, text, range, store, realNumber(range)));
   return *this;
 }
 

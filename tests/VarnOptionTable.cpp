@@ -177,19 +177,23 @@ TEST(VarnOptionTable, NumbersFitTheirVariables) {
     unsigned long size = 0;
     long long all = 0;
     float real = 0;
+    float fine = 0;
   } found;
   VarnOptionTable table("x", "1", "");
   table.number("-t N", "", found.tiny)
       .number("-p N", "", found.port, 1)
       .number("-s N", "", found.size)
       .number("-a N", "", found.all, -5)
-      .number("-r N", "", found.real);
-  parse(table, wordsOf("-t -128 -p 65535 -s 9223372036854775807 -a -5 -r -1e38"));
+      .number("-r N", "", found.real)
+      .number("-f N", "", found.fine, 0.1F);
+  parse(table, wordsOf("-t -128 -p 65535 -s 9223372036854775807 -a -5 -r -1e38 -f 0.1"));
   EXPECT_EQ(found.tiny, -128);
   EXPECT_EQ(found.port, 65535);
   EXPECT_EQ(found.size, static_cast<unsigned long>(LONG_MAX));
   EXPECT_EQ(found.all, -5);
   EXPECT_EQ(found.real, -1e38F);
+  EXPECT_EQ(found.fine, 0.1F) << "a limit is in its range, though 0.1 is less as a double";
+  EXPECT_EQ(refusal(table, wordsOf("-f 0")), "-f 0 is not a number of at least 0.1");
   for (const char* const line : {"-t 128", "-p 65536", "-p 0", "-s -1", "-s 9223372036854775808",
                                  "-a -6", "-r 1e39", "-r inf", "-t 1x", "-t  1"})
     EXPECT_NE(refusal(table, {std::string(line, 2), line + 3}), "none") << line;

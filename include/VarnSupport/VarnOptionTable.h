@@ -11,7 +11,7 @@
 //
 // An object belongs to one thread at a time. Variables must outlive the last parse. A declaration
 // that cannot be meant (two options of one name, no name for data) throws VarnException (code 0) at
-// once; a wrong command line throws VarnOptionError. Texts are UTF-8. Names count as bytes.
+// once; a wrong command line throws VarnOptionError. Texts are UTF-8, whatever the locale.
 #ifndef VARNSUPPORT_VARNOPTIONTABLE_H
 #define VARNSUPPORT_VARNOPTIONTABLE_H
 
@@ -164,6 +164,8 @@ class VSUPT_EXPORT VarnOptionTable {
                              const Range<std::int64_t>& range,
                              const std::function<void(std::int64_t)>& store);
   VarnOptionTable& addNumber(const std::string& names, const std::string& text,
+                             const Range<float>& range, const std::function<void(float)>& store);
+  VarnOptionTable& addNumber(const std::string& names, const std::string& text,
                              const Range<double>& range, const std::function<void(double)>& store);
 
   const std::unique_ptr<State> m_pState;
@@ -176,7 +178,7 @@ VarnOptionTable& VarnOptionTable::number(const std::string& names, const std::st
   static_assert(std::is_arithmetic_v<Number> && !std::is_same_v<Number, bool> &&
                 !std::is_same_v<Number, long double>);
   using Limits = std::numeric_limits<Number>;
-  using Wide = std::conditional_t<std::is_floating_point_v<Number>, double, std::int64_t>;
+  using Wide = std::conditional_t<std::is_floating_point_v<Number>, Number, std::int64_t>;
   constexpr bool isUnsigned64 = std::is_unsigned_v<Number> && sizeof(Number) == sizeof(Wide);
   constexpr Number most = isUnsigned64 ? Limits::max() / 2 : Limits::max();
   return addNumber(names, text,

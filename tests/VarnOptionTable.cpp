@@ -109,6 +109,7 @@ TEST(VarnOptionTable, RefusalsSayWhatIsWrongAndChangeNothing) {
   const std::pair<const char*, const char*> cases[] = {
       {"--confg", "unknown option --confg; did you mean --config?"},
       {"--CONIFG=x", "unknown option --CONIFG; did you mean --config?"},
+      {"--hlep", "unknown option --hlep; did you mean --help?"},
       {"--nothing", "unknown option --nothing"},
       {"-dx", "unknown option -x in -dx"},
       {"-deamon", "unknown option -e in -deamon; did you mean --daemon?"},

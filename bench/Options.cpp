@@ -61,6 +61,19 @@ Found ours() {
   return {found.getProperty("port") + " " + found.getProperty("o"), options.getArgumentCount()};
 }
 
+// Declared anew each time, as a program does when it starts.
+Found withTable() {
+  static const std::vector<char*> all = arguments();
+  VarnSupport::VarnOptionTable options("program", "1", "");
+  options.value("-o X", "").flag("-q", "").argument("[REST...]", "");
+  for (const char* const name : g_aWithData)
+    options.value("--" + std::string(name) + "=X", "");
+  for (const char* const name : g_aFlags)
+    options.flag("--" + std::string(name), "");
+  options.parse(kCount, all.data());
+  return {options.text("port") + " " + options.text("o"), options.count("REST")};
+}
+
 Found withGetopt() {
   static const std::vector<option> options = [] {
     std::vector<option> made;
@@ -157,6 +170,7 @@ void add(const std::string& side, Found (*takeApart)()) {
 
 const bool g_bAdded = [] {
   add("ours", ours);
+  add("ours, table", withTable);
   add("getopt_long", withGetopt);
 #ifdef PEER_CXXOPTS
   add("cxxopts", withCxxopts);

@@ -22,6 +22,7 @@
 #include "VarnSupport/VarnObjectBase.h"
 #include "VarnSupport/VarnObjectFactory.h"
 #include "VarnSupport/VarnObjectStream.h"
+#include "VarnSupport/VarnOptionTable.h"
 #include "VarnSupport/VarnProcess.h"
 #include "VarnSupport/VarnProducerConsumer.h"
 #include "VarnSupport/VarnProgramOptions.h"

@@ -1,0 +1,219 @@
+// The standard options are the first of the list, and the last for readers.
+#include "options/OptionList.h"
+
+#include <algorithm>
+#include <cassert>
+#include <utility>
+
+#include "VarnSupport/VarnException.h"
+#include "text/NearText.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr std::size_t kStandardOptions = 3;
+
+[[noreturn]] void refuse(const std::string& names, const char* problem) {
+  throw VarnException("VarnOptionTable: \"" + names + "\" " + problem, 0);
+}
+
+bool isGraphic(char c) { return static_cast<unsigned char>(c) > ' ' && c != '\x7f'; }
+
+// What neither the rules of a command line nor those of a declaration give another meaning.
+bool isOfName(char c) { return isGraphic(c) && c != '=' && c != ',' && c != '['; }
+
+bool isLetter(char c) {
+  return isOfName(c) && static_cast<unsigned char>(c) < 0x80 && c != '-' && c != ':' && c != ';';
+}
+
+bool isDataName(std::string_view name) {
+  return !name.empty() &&
+         std::all_of(name.begin(), name.end(), [](char c) { return isGraphic(c) || c == ' '; });
+}
+
+bool takePrefix(std::string_view& text, std::string_view prefix) {
+  const bool is = text.starts_with(prefix);
+  text.remove_prefix(is ? prefix.size() : 0);
+  return is;
+}
+
+bool takeSuffix(std::string_view& text, std::string_view suffix) {
+  const bool is = text.ends_with(suffix);
+  text.remove_suffix(is ? suffix.size() : 0);
+  return is;
+}
+
+// Reads what stands behind the last name: nothing, data behind `separator`, or both in brackets.
+bool readData(std::string_view rest, std::string_view separator, Option& option) {
+  if (rest.empty())
+    return true;
+  const bool isOptional = rest.front() == '[';
+  if (isOptional && (!takePrefix(rest, "[") || !takeSuffix(rest, "]")))
+    return false;
+  if (!takePrefix(rest, separator))
+    return false;
+  option.data = isOptional ? Option::Data::OPTIONAL : Option::Data::NEEDED;
+  option.dataName = rest;
+  return isDataName(rest);
+}
+
+bool readNames(std::string_view rest, Option& option) {
+  if (rest.size() > 1 && rest[0] == '-' && isLetter(rest[1])) {
+    option.letter = rest[1];
+    rest.remove_prefix(2);
+    if (!takePrefix(rest, ", "))
+      return readData(rest, rest.starts_with('[') ? "" : " ", option);
+  }
+  if (!takePrefix(rest, "--"))
+    return false;
+  const auto end = std::find_if_not(rest.begin(), rest.end(), isOfName);
+  option.name.assign(rest.begin(), end);
+  rest.remove_prefix(option.name.size());
+  return !option.name.empty() && option.name[0] != '-' && readData(rest, "=", option);
+}
+
+}  // namespace
+
+std::string Option::shown() const { return name.empty() ? std::string{'-', letter} : "--" + name; }
+
+Option readOption(const std::string& names) {
+  Option option;
+  if (!readNames(names, option))
+    refuse(names, "declares no option");
+  return option;
+}
+
+Argument readArgument(const std::string& name) {
+  Argument argument;
+  std::string_view rest = name;
+  argument.repeats = takeSuffix(rest, "...");
+  argument.isOptional = takePrefix(rest, "[");
+  const bool isClosed = !argument.isOptional || takeSuffix(rest, "]");
+  argument.repeats = takeSuffix(rest, "...") || argument.repeats;
+  argument.dataName = rest;
+  if (!isClosed || !isDataName(rest) || rest[0] == '-')
+    refuse(name, "declares no argument");
+  return argument;
+}
+
+OptionList::OptionList() {
+  const auto addStandard = [this](const char* names, const char* text, Option::Answer answer) {
+    Option option = readOption(names);
+    option.text = text;
+    option.answer = answer;
+    option.isStandard = true;
+    add(std::move(option));
+  };
+  addStandard("-h, --help", "print this text", Option::Answer::HELP);
+  addStandard("-V, --version", "print the version", Option::Answer::VERSION);
+  addStandard("--completion", "print a completion script for bash", Option::Answer::COMPLETION);
+  assert(m_vOptions.size() == kStandardOptions);
+}
+
+void OptionList::requireUnused(const Option& option) const {
+  const auto isTaken = [](const Option* other) { return other != nullptr && !other->isStandard; };
+  const auto isArgument = [this](const std::string& name) {
+    return std::any_of(m_vArguments.begin(), m_vArguments.end(),
+                       [&name](const Argument& argument) { return argument.dataName == name; });
+  };
+  // A letter that is alone and a long name of one letter would be one key.
+  const std::string key = option.key();
+  const Option* const other = key.size() == 1 ? byLetter(key[0]) : nullptr;
+  const bool isOfLetter = other != nullptr && other->name.empty();
+  if (isTaken(byName(key)) || isOfLetter || isArgument(key))
+    refuse(option.shown(), "is declared twice");
+  if (isTaken(byLetter(option.letter)))
+    refuse(std::string{'-', option.letter}, "is declared twice");
+}
+
+// The option where it stays.
+Option& OptionList::place(Option option) {
+  Option* const standard = byName(option.name);
+  if (standard == nullptr)
+    return m_vOptions.emplace_back(std::move(option));
+  if (standard->letter != '\0')
+    m_aLetters[static_cast<unsigned char>(standard->letter)] = nullptr;
+  m_mapNames.erase(standard->name);
+  if (option.data == Option::Data::NONE && !option.store)
+    option.answer = standard->answer;
+  *standard = std::move(option);
+  return *standard;
+}
+
+void OptionList::add(Option option) {
+  requireUnused(option);
+  Option& placed = place(std::move(option));
+  if (!placed.name.empty())
+    m_mapNames.emplace(placed.name, &placed);
+  if (placed.letter == '\0')
+    return;
+  Option*& owner = m_aLetters[static_cast<unsigned char>(placed.letter)];
+  if (owner != nullptr)
+    owner->letter = '\0';
+  owner = &placed;
+}
+
+void OptionList::add(Argument argument) {
+  const bool isSecond =
+      argument.repeats && std::any_of(m_vArguments.begin(), m_vArguments.end(),
+                                      [](const Argument& other) { return other.repeats; });
+  if (isSecond)
+    refuse(argument.dataName, "is the second argument that is repeated");
+  if (byKey(argument.dataName) != nullptr)
+    refuse(argument.dataName, "is declared twice");
+  m_vArguments.push_back(std::move(argument));
+}
+
+std::vector<const Option*> OptionList::inOrder() const {
+  std::vector<const Option*> all;
+  for (const Option& option : m_vOptions)
+    all.push_back(&option);
+  std::rotate(all.begin(), all.begin() + kStandardOptions, all.end());
+  return all;
+}
+
+Option* OptionList::byName(std::string_view name) const {
+  const auto found = m_mapNames.find(name);
+  return found != m_mapNames.end() ? found->second : nullptr;
+}
+
+const Declared* OptionList::byKey(const std::string& key) const {
+  if (const Option* const option = byName(key); option != nullptr)
+    return option;
+  if (const Option* const option = key.size() == 1 ? byLetter(key[0]) : nullptr; option != nullptr)
+    return option;
+  const auto argument =
+      std::find_if(m_vArguments.begin(), m_vArguments.end(),
+                   [&key](const Argument& other) { return other.dataName == key; });
+  return argument != m_vArguments.end() ? &*argument : nullptr;
+}
+
+std::vector<Option*> OptionList::byBeginning(std::string_view beginning, std::size_t most) const {
+  std::vector<Option*> found;
+  for (auto entry = m_mapNames.lower_bound(beginning); entry != m_mapNames.end(); ++entry) {
+    if (found.size() == most || !entry->first.starts_with(beginning))
+      break;
+    found.push_back(entry->second);
+  }
+  return found;
+}
+
+std::string OptionList::nearest(std::string_view name) const {
+  NearText wanted(name);
+  const Option* near = nullptr;
+  for (const Option& option : m_vOptions) {
+    if (!option.name.empty() && wanted.isNearer(option.name))
+      near = &option;
+  }
+  return near != nullptr ? near->shown() : std::string();
+}
+
+void OptionList::forgetGiven() {
+  for (Option& option : m_vOptions)
+    option.given.clear();
+  for (Argument& argument : m_vArguments)
+    argument.given.clear();
+}
+
+}  // namespace VarnSupport

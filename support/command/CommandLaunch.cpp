@@ -118,7 +118,7 @@ std::vector<std::string> environmentOf(const CommandSettings& settings) {
   for (const auto& [name, value] : settings.variables) {
     if (name.empty() || name.find('=') != std::string::npos || hasNul(name) || hasNul(value))
       throw Failure{EINVAL, "environment"};
-    environment.push_back(name + '=' + value);
+    environment.push_back(std::string(name).append(1, '=').append(value));
   }
   return environment;
 }
@@ -141,8 +141,8 @@ std::string findProgram(const std::string& name, const std::string& path, int fo
   int error = ENOENT;
   for (std::size_t begin = 0; begin <= path.size();) {
     const std::size_t end = std::min(path.find(':', begin), path.size());
-    const std::string place = path.substr(begin, end - begin);
-    const std::string candidate = place.empty() ? "./" + name : place + '/' + name;
+    std::string candidate = end > begin ? path.substr(begin, end - begin) : ".";
+    candidate.append(1, '/').append(name);
     begin = end + 1;
     struct stat file {};
     if (fstatat(folder, candidate.c_str(), &file, 0) != 0) {

@@ -1,3 +1,7 @@
+// The end of a process is seen in two steps: its status is looked at as soon as it is there, which
+// leaves the process a zombie, and taken when all else is done. As long as the zombie is there, its
+// number, which names the group, is nobody else's, and the group can be sent signals. Outputs are
+// read after the look, so that what the program has written is read whole.
 #include "command/CommandJob.h"
 
 #include <sys/wait.h>

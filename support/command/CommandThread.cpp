@@ -1,3 +1,6 @@
+// A turn collects what all tasks wait for, waits, lets every job advance, and calls who is to hear
+// of those that have finished, the lock being free meanwhile. A `done` that waits for another task
+// of the thread serves that one itself.
 #include "command/CommandThread.h"
 
 #include <pthread.h>

@@ -77,6 +77,8 @@ GOALS = [
     ('files, listed by wildcard, per entry', 0.87, {}),
     ('tree, path added', 0.45, {}),
     ('tree, path found', 0.80, {}),
+    ('command, run to its end', 2.0, {'of': 'posix_spawn'}),
+    ('command, run from 2 GiB', 2.0, {'of': 'posix_spawn'}),
     ('start-up, small program', 0.7, {'of': 'GLib', 'over': 'limit: empty program'}),
 ]
 

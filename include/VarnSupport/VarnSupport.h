@@ -4,6 +4,7 @@
 
 #include "VarnSupport/VarnBufferStream.h"
 #include "VarnSupport/VarnCollaborator.h"
+#include "VarnSupport/VarnCommand.h"
 #include "VarnSupport/VarnCriticalSection.h"
 #include "VarnSupport/VarnDateTime.h"
 #include "VarnSupport/VarnEncryption.h"

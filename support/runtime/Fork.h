@@ -32,6 +32,7 @@ extern const ForkPart waitFork;
 extern const ForkPart timerFork;
 extern const ForkPart controlFork;
 extern const ForkPart logFork;
+extern const ForkPart commandFork;
 extern const ForkPart zoneFork;
 extern const ForkPart relayFork;
 extern const ForkPart exitFork;

@@ -1,0 +1,308 @@
+// A command has settings and the task of its latest run. The task belongs to whoever serves it as
+// well: the thread of all commands, or the caller of run().
+#include "VarnSupport/VarnCommand.h"
+
+#include <cassert>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "VarnSupport/VarnException.h"
+#include "command/CommandSettings.h"
+#include "command/CommandThread.h"
+#include "runtime/Cancellation.h"
+#include "runtime/ProcessExit.h"
+
+namespace VarnSupport {
+
+namespace {
+
+const CommandOutcome& neverStarted() {
+  static const CommandOutcome* const outcome = [] {
+    auto* const made = new CommandOutcome;
+    made->outcome = VarnCommand::NOT_STARTED;
+    return made;
+  }();
+  return *outcome;
+}
+
+const CommandOutcome& of(const std::shared_ptr<const CommandOutcome>& outcome) {
+  return outcome != nullptr ? *outcome : neverStarted();
+}
+
+std::string describe(const CommandOutcome& outcome) {
+  switch (outcome.outcome) {
+    case VarnCommand::NOT_STARTED:
+      if (outcome.error == 0)
+        return "was never started";
+      return "could not be started: " + outcome.subject + ": " + std::strerror(outcome.error);
+    case VarnCommand::EXITED:
+      return "exited with " + std::to_string(outcome.exitCode);
+    case VarnCommand::SIGNALLED: {
+      const char* const name = sigdescr_np(outcome.signal);
+      return "was ended by signal " + std::to_string(outcome.signal) +
+             (name != nullptr ? std::string(" (") + name + ')' : std::string());
+    }
+    default:
+      return "ended in a way that is not known";
+  }
+}
+
+}  // namespace
+
+VarnCommand::tOutcome VarnCommand::Result::getOutcome() const { return of(m_pOutcome).outcome; }
+
+int VarnCommand::Result::getExitCode() const { return of(m_pOutcome).exitCode; }
+
+int VarnCommand::Result::getSignal() const { return of(m_pOutcome).signal; }
+
+int VarnCommand::Result::getError() const { return of(m_pOutcome).error; }
+
+bool VarnCommand::Result::isTimedOut() const { return of(m_pOutcome).isTimedOut; }
+
+bool VarnCommand::Result::isKilled() const { return of(m_pOutcome).isKilled; }
+
+const std::string& VarnCommand::Result::getOutput() const { return of(m_pOutcome).output.text; }
+
+const std::string& VarnCommand::Result::getErrors() const { return of(m_pOutcome).errors.text; }
+
+std::uint64_t VarnCommand::Result::getDroppedOutput() const {
+  return of(m_pOutcome).output.dropped;
+}
+
+std::uint64_t VarnCommand::Result::getDroppedErrors() const {
+  return of(m_pOutcome).errors.dropped;
+}
+
+std::string VarnCommand::Result::getText() const {
+  const CancellationGuard closed;
+  std::string text = describe(of(m_pOutcome));
+  if (isTimedOut())
+    text += ", as its time was over";
+  else if (isKilled())
+    text += ", as it was killed";
+  return text;
+}
+
+struct VarnCommand::State {
+  // A run that is about to begin: there can be one.
+  class Claim {
+   public:
+    explicit Claim(State& state) : m_pState(&state) {
+      const std::lock_guard guard(commandLock);
+      if (state.isClosed)
+        throw VarnException("VarnCommand: the command is being destroyed", ECANCELED);
+      if (state.isClaimed || (state.task != nullptr && !state.task->job.isFinished()))
+        throw VarnException("VarnCommand: the command is running", EBUSY);
+      state.isClaimed = true;
+    }
+    Claim(const Claim&) = delete;
+    Claim& operator=(const Claim&) = delete;
+    ~Claim() {
+      if (m_pState == nullptr)
+        return;
+      const std::lock_guard guard(commandLock);
+      m_pState->isClaimed = false;
+    }
+
+    // Makes `next` the latest task, and hands it to the thread of all commands. The next run may
+    // begin at once, in the `done` of this one.
+    void publish(std::shared_ptr<CommandTask> next, bool toThread) {
+      const std::lock_guard guard(commandLock);
+      if (toThread)
+        CommandThread::addLocked(next);
+      m_pState->task.swap(next);
+      m_pState->isClaimed = false;
+      m_pState = nullptr;
+    }
+
+   private:
+    State* m_pState;
+  };
+
+  std::shared_ptr<CommandTask> latest() const {
+    const std::lock_guard guard(commandLock);
+    return task;
+  }
+
+  std::shared_ptr<CommandTask> makeTask(Done done) const {
+    auto made = std::make_shared<CommandTask>(settings, std::move(done), this);
+    pthread_sigmask(SIG_BLOCK, nullptr, &made->callersMask);
+    return made;
+  }
+
+  void end();
+
+  CommandSettings settings;
+  // Guarded by commandLock.
+  std::shared_ptr<CommandTask> task;
+  bool isClaimed = false;
+  bool isClosed = false;
+};
+
+// A `done` that is under way may be starting the command anew. While the process exits, the time
+// may be over first, as when a `done` of another command keeps the thread.
+void VarnCommand::State::end() {
+  const QuietCancellationGuard quiet;
+  const NoCancellation whole;
+  std::shared_ptr<CommandTask> ended;
+  while (true) {
+    const bool isExit = ProcessExit::hasBegun();
+    const MonotonicTime deadline = isExit ? ProcessExit::latestEnd() : MonotonicTime::max();
+    {
+      const std::lock_guard guard(commandLock);
+      isClosed = true;
+      if (task == ended)
+        break;
+      const MonotonicTime now = monotonicNow();
+      if (task->job.terminate(now, isExit ? (deadline - now) / 2 : MonotonicTime::duration::max()))
+        CommandThread::wakeLocked(*task);
+    }
+    ended = latest();
+    CommandThread::await(*ended, deadline);
+    CommandCall::await(CommandKey{this});
+  }
+  CommandCall::forget(CommandKey{this});
+  Done dropped;
+  const std::lock_guard guard(commandLock);
+  if (ended == nullptr)
+    return;
+  ended->job.terminate(monotonicNow(), MonotonicTime::duration::zero());
+  if (ended->state == CommandTask::RUNNING)
+    dropped.swap(ended->done);
+}
+
+VarnCommand::VarnCommand(std::vector<std::string> arguments) : m_pState(std::make_unique<State>()) {
+  ProcessExit::noteObject();
+  m_pState->settings.arguments = std::move(arguments);
+}
+
+VarnCommand::VarnCommand(VarnCommand&& source) noexcept = default;
+
+VarnCommand& VarnCommand::operator=(VarnCommand&& source) noexcept {
+  if (this != &source) {
+    const VarnCommand old(std::move(*this));
+    m_pState = std::move(source.m_pState);
+  }
+  return *this;
+}
+
+VarnCommand::~VarnCommand() {
+  if (m_pState != nullptr)
+    m_pState->end();
+}
+
+void VarnCommand::setVariable(const std::string& name, const std::string& value) {
+  const CancellationGuard closed;
+  m_pState->settings.variables[name] = value;
+}
+
+void VarnCommand::setEnvironment(const std::map<std::string, std::string>& environment) {
+  const CancellationGuard closed;
+  m_pState->settings.variables = environment;
+  m_pState->settings.inheritsEnvironment = false;
+}
+
+void VarnCommand::setFolder(const std::string& path) {
+  const CancellationGuard closed;
+  m_pState->settings.folder = path;
+}
+
+void VarnCommand::setInput(const std::string& text) {
+  const CancellationGuard closed;
+  m_pState->settings.input = text;
+  m_pState->settings.inheritsInput = false;
+}
+
+void VarnCommand::inheritInput() { m_pState->settings.inheritsInput = true; }
+
+void VarnCommand::setOutput(tStream stream, std::size_t limitBytes) {
+  assert(stream != WITH_OUTPUT);
+  m_pState->settings.output = {stream, limitBytes};
+}
+
+void VarnCommand::setErrors(tStream stream, std::size_t limitBytes) {
+  m_pState->settings.errors = {stream, limitBytes};
+}
+
+void VarnCommand::setTimeLimit(std::chrono::milliseconds limit, std::chrono::milliseconds grace) {
+  m_pState->settings.limit = limit;
+  m_pState->settings.grace = grace;
+}
+
+VarnCommand::Result VarnCommand::run() {
+  const CancellationGuard closed;
+  // However this ends, the program has ended before.
+  struct Run {
+    std::shared_ptr<CommandTask> task;
+    ~Run() {
+      const QuietCancellationGuard quiet;
+      const NoCancellation whole;
+      {
+        const std::lock_guard guard(commandLock);
+        task->job.terminate(monotonicNow());
+      }
+      CommandThread::serve(*task);
+      CommandThread::conclude(*task);
+      if (!task->job.isReaped())
+        CommandThread::leave(task);
+    }
+  };
+  State::Claim claim(*m_pState);
+  const Run run{m_pState->makeTask(Done())};
+  {
+    const NoCancellation whole;
+    run.task->bell = makeBell();
+    if (run.task->bell.isOpen())
+      run.task->job.start(m_pState->settings);
+    else
+      run.task->job.fail(errno, "eventfd");
+    claim.publish(run.task, false);
+  }
+  CommandThread::serve(*run.task);
+  return run.task->job.result();
+}
+
+void VarnCommand::start(Done done) {
+  const CancellationGuard closed;
+  const NoCancellation whole;
+  State::Claim claim(*m_pState);
+  ProcessExit::watch();
+  const CommandThread::Expectation expectation;
+  const std::shared_ptr<CommandTask> task = m_pState->makeTask(std::move(done));
+  task->job.start(m_pState->settings);
+  claim.publish(task, true);
+}
+
+void VarnCommand::kill() {
+  const QuietCancellationGuard closed;
+  const NoCancellation whole;
+  const std::lock_guard guard(commandLock);
+  if (m_pState->task != nullptr && m_pState->task->job.terminate(monotonicNow()))
+    CommandThread::wakeLocked(*m_pState->task);
+}
+
+VarnCommand::Result VarnCommand::wait() const {
+  const CancellationGuard closed;
+  const std::shared_ptr<CommandTask> task = m_pState->latest();
+  if (task == nullptr)
+    return Result();
+  CommandThread::await(*task);
+  return task->job.result();
+}
+
+bool VarnCommand::isRunning() const {
+  const std::lock_guard guard(commandLock);
+  return m_pState->task != nullptr && !m_pState->task->job.isFinished();
+}
+
+pid_t VarnCommand::getProcessId() const {
+  const std::lock_guard guard(commandLock);
+  return m_pState->task != nullptr && !m_pState->task->job.isFinished()
+             ? m_pState->task->job.process()
+             : -1;
+}
+
+}  // namespace VarnSupport

@@ -23,8 +23,8 @@ namespace {
 // anything takes; the gate is closed when there is nothing left to wait for.
 constexpr std::array kParts{&serviceFork,    &factoryFork, &threadFork,  &waitFork,
                             &connectionFork, &timerFork,   &controlFork, &logFork,
-                            &commandFork,    &zoneFork,    &relayFork,   &exitFork,
-                            &sectionFork};
+                            &commandFork,    &zoneFork,    &signalEventFork, &pidFileFork,
+                            &relayFork,   &exitFork,    &sectionFork};
 
 void prepare() {
   if (ForkToExec::innermost() != nullptr)

@@ -46,13 +46,14 @@ int openRetrying(const std::string& fileName, int flags, mode_t mode) {
 }  // namespace
 
 FileDescriptor::FileDescriptor(const std::string& fileName, int flags, mode_t mode)
-    : m_nDescriptor(openRetrying(fileName, flags, mode)) {
+    : m_nDescriptor(openRetrying(fileName, flags, mode)), m_nError(m_nDescriptor < 0 ? errno : 0) {
   struct stat status {};
   if (m_nDescriptor < 0 || fstat(m_nDescriptor, &status) != 0)
     return;
   if (S_ISDIR(status.st_mode)) {
     close(m_nDescriptor);
     m_nDescriptor = -1;
+    m_nError = EISDIR;
   }
   m_bRegular = S_ISREG(status.st_mode);
   m_nLength = static_cast<std::size_t>(std::max<off_t>(status.st_size, 0));
@@ -65,19 +66,21 @@ FileDescriptor::~FileDescriptor() {
 }
 
 template <typename CharT>
-CharacterSource<CharT>::CharacterSource(const std::string& fileName)
-    : m_oFile(fileName, O_RDONLY, 0) {}
+CharacterSource<CharT>::CharacterSource(const std::string& fileName, int moreFlags)
+    : m_oFile(fileName, O_RDONLY | moreFlags, 0), m_nError(m_oFile.error()) {}
 
 template <typename CharT>
 std::size_t CharacterSource<CharT>::read(CharT* to, std::size_t room) {
   assert(room > 0 && m_oFile.isOpen());
   const BlockingCall cancellable;
   const ssize_t count = retrying([&] { return ::read(m_oFile.get(), to, room); });
+  if (count < 0)
+    m_nError = errno;
   return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
-CharacterSource<wchar_t>::CharacterSource(const std::string& fileName)
-    : m_oBytes(fileName), m_vBytes(kBytesConvertedAtOnce) {}
+CharacterSource<wchar_t>::CharacterSource(const std::string& fileName, int moreFlags)
+    : m_oBytes(fileName, moreFlags), m_vBytes(kBytesConvertedAtOnce) {}
 
 // Characters before one that cannot be converted are handed out first; the next call fails.
 std::size_t CharacterSource<wchar_t>::read(wchar_t* to, std::size_t room) {
@@ -113,8 +116,10 @@ bool CharacterSource<wchar_t>::fetchBytes() {
 }
 
 template <typename CharT>
-PropertyFileReader<CharT>::PropertyFileReader(const std::string& fileName)
-    : m_oSource(fileName),
+PropertyFileReader<CharT>::PropertyFileReader(const std::string& fileName, int moreFlags,
+                                              bool withEmptyLines)
+    : m_oSource(fileName, moreFlags),
+      m_bWithEmptyLines(withEmptyLines),
       m_vText(std::clamp(m_oSource.file().length() + 1, kSmallestBlock, kLargestBlock)) {
   if (isOpen())
     skipByteOrderMark();
@@ -197,7 +202,7 @@ void PropertyFileReader<CharT>::takeLines(std::vector<tLine>& lines) {
     tLine line = text.substr(m_nBegin, end - m_nBegin);
     if (m_bUtf16 && !line.empty() && line.back() == CharT('\r'))
       line.remove_suffix(1);
-    if (!line.empty())
+    if (!line.empty() || m_bWithEmptyLines)
       lines.push_back(line);
     m_nBegin = end + 1;
   }

@@ -24,6 +24,8 @@ class FileDescriptor {
 
   bool isOpen() const { return m_nDescriptor >= 0; }
   int get() const { return m_nDescriptor; }
+  // Why it could not be opened.
+  int error() const { return m_nError; }
   // Behind anything but a regular file there may be somebody who writes, or waits for, one line at
   // a time.
   bool isRegular() const { return m_bRegular; }
@@ -32,6 +34,7 @@ class FileDescriptor {
 
  private:
   int m_nDescriptor;
+  int m_nError;
   bool m_bRegular = false;
   std::size_t m_nLength = 0;
 };
@@ -40,22 +43,26 @@ class FileDescriptor {
 template <typename CharT>
 class CharacterSource {
  public:
-  explicit CharacterSource(const std::string& fileName);
+  // With more flags of open(), as O_NONBLOCK, which keeps pipes from being waited for.
+  explicit CharacterSource(const std::string& fileName, int moreFlags = 0);
 
   const FileDescriptor& file() const { return m_oFile; }
   // Reads up to `room` characters and returns their number: 0 at the end, which is where a read or
   // a conversion fails. Requires: room > 0.
   std::size_t read(CharT* to, std::size_t room);
+  // Why the file could not be opened or read to its end; 0 when it could.
+  int error() const { return m_nError; }
 
  private:
   FileDescriptor m_oFile;
+  int m_nError;
 };
 
 // Wide characters come out of the global locale's conversion, that of the time of opening.
 template <>
 class CharacterSource<wchar_t> {
  public:
-  explicit CharacterSource(const std::string& fileName);
+  explicit CharacterSource(const std::string& fileName, int moreFlags = 0);
 
   const FileDescriptor& file() const { return m_oBytes.file(); }
   std::size_t read(wchar_t* to, std::size_t room);
@@ -77,9 +84,13 @@ class PropertyFileReader {
  public:
   using tLine = std::basic_string_view<CharT>;
 
-  explicit PropertyFileReader(const std::string& fileName);
+  explicit PropertyFileReader(const std::string& fileName)
+      : PropertyFileReader(fileName, 0, false) {}
+  // Hands out empty lines, too, when these count.
+  PropertyFileReader(const std::string& fileName, int moreFlags, bool withEmptyLines);
 
   bool isOpen() const { return m_oSource.file().isOpen(); }
+  const CharacterSource<CharT>& source() const { return m_oSource; }
   // Replaces `lines` by the lines of the next block, without their line feeds and without those
   // that are empty; they are valid until the next call. False at the end.
   bool nextLines(std::vector<tLine>& lines);
@@ -91,6 +102,7 @@ class PropertyFileReader {
   void takeLines(std::vector<tLine>& lines);
 
   CharacterSource<CharT> m_oSource;
+  const bool m_bWithEmptyLines;
   std::vector<CharT> m_vText;
   std::size_t m_nBegin = 0;     // what is read and not handed out yet
   std::size_t m_nSearched = 0;  // no line ends before

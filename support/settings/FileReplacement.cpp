@@ -1,0 +1,171 @@
+// The new contents get a file of a fixed name: under the lock of the folder nobody else has one,
+// and what a killed process has left there goes with the next replacement. Nothing between the lock
+// and the end of a replacement can be cancelled.
+#include "settings/FileReplacement.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <array>
+#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <system_error>
+
+#include "VarnSupport/VarnException.h"
+#include "runtime/Cancellation.h"
+#include "runtime/System.h"
+#include "settings/ValueText.h"
+#include "text/PropertyFile.h"
+
+namespace VarnSupport {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr mode_t kModeOfNewFiles = 0644;
+constexpr mode_t kModeMeanwhile = 0600;
+constexpr timespec kPause{0, 1000000};
+constexpr std::size_t kBlock = 65536;
+
+// What a name leads to; a name that leads nowhere stays.
+std::string behindLinks(const std::string& fileName) {
+  std::error_code error;
+  const fs::path found = fs::canonical(fileName, error);
+  return error ? fs::absolute(fileName, error).string() : found.string();
+}
+
+std::string folderOf(const std::string& file) { return fs::path(file).parent_path().string(); }
+
+bool isLink(const std::string& file) {
+  std::error_code error;
+  return fs::is_symlink(fs::symlink_status(file, error));
+}
+
+int resultOf(int returned) { return returned == 0 ? 0 : errno; }
+
+}  // namespace
+
+LockedFolder::LockedFolder(const std::string& folder)
+    : m_nDescriptor(
+          retrying([&] { return open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })),
+      m_nError(m_nDescriptor < 0 ? errno : 0) {}
+
+// A child of a fork may have the descriptor, too: the lock would stay with it.
+LockedFolder::~LockedFolder() {
+  const NoCancellation closing;
+  if (m_nDescriptor < 0)
+    return;
+  flock(m_nDescriptor, LOCK_UN);
+  close(m_nDescriptor);
+}
+
+// The system's own wait for such a lock cannot be cancelled.
+int LockedFolder::lock() const {
+  int error = m_nError;
+  while (error == 0 && flock(m_nDescriptor, LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) {
+      error = errno;
+    } else {
+      const BlockingCall cancellable;
+      nanosleep(&kPause, nullptr);
+    }
+  }
+  return error;
+}
+
+// Some file systems have nothing to synchronize in folders.
+int LockedFolder::synchronize() const {
+  const int error = resultOf(retrying([&] { return fsync(m_nDescriptor); }));
+  return error == EINVAL || error == ENOTSUP ? 0 : error;
+}
+
+FileReplacement::FileReplacement(const std::string& fileName)
+    : m_sName(fileName),
+      m_sFile(behindLinks(fileName)),
+      m_oFolder(folderOf(m_sFile)),
+      m_sNewFile(folderOf(m_sFile) + "/." + fs::path(m_sFile).filename().string() + ".new") {
+  if (const int error = m_oFolder.lock(); error != 0)
+    fail("its folder cannot be locked", error);
+}
+
+std::string FileReplacement::read() {
+  std::string contents;
+  CharacterSource<char> source(m_sFile, O_NONBLOCK | O_NOCTTY);
+  if (source.error() == ENOENT && !isLink(m_sFile))
+    return contents;
+  if (source.error() != 0 || fstat(source.file().get(), &m_oStatus) != 0)
+    fail("cannot be read", source.error() != 0 ? source.error() : errno);
+  if (!source.file().isRegular())
+    refuse("is not a regular file");
+  m_bExists = true;
+  std::array<char, kBlock> block;
+  while (const std::size_t count = source.read(block.data(), block.size()))
+    contents.append(block.data(), count);
+  if (source.error() != 0)
+    fail("cannot be read", source.error());
+  return contents;
+}
+
+void FileReplacement::replace(std::string_view contents) const {
+  const NoCancellation replacing;
+  int error = writeNewFile(contents);
+  if (error == 0)
+    error = resultOf(rename(m_sNewFile.c_str(), m_sFile.c_str()));
+  if (error != 0) {
+    unlink(m_sNewFile.c_str());
+    fail("cannot be replaced", error);
+  }
+  error = m_oFolder.synchronize();
+  if (error != 0)
+    fail("is replaced, but its folder cannot be synchronized", error);
+}
+
+int FileReplacement::writeNewFile(std::string_view contents) const {
+  unlink(m_sNewFile.c_str());
+  const mode_t mode = m_bExists ? kModeMeanwhile : kModeOfNewFiles;
+  const int descriptor = retrying([&] {
+    return open(m_sNewFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+  });
+  if (descriptor < 0)
+    return errno;
+  const int error = fill(descriptor, contents);
+  const int closing = resultOf(close(descriptor));
+  return error != 0 ? error : closing == EINTR ? 0 : closing;
+}
+
+// Rights of the owner and group are worth nothing on a file of another owner and group.
+int FileReplacement::fill(int descriptor, std::string_view contents) const {
+  while (!contents.empty()) {
+    const ssize_t count =
+        retrying([&] { return write(descriptor, contents.data(), contents.size()); });
+    if (count <= 0)
+      return count < 0 ? errno : EIO;
+    contents.remove_prefix(static_cast<std::size_t>(count));
+  }
+  if (m_bExists) {
+    mode_t mode = m_oStatus.st_mode & 07777;
+    if (fchown(descriptor, m_oStatus.st_uid, m_oStatus.st_gid) != 0) {
+      mode &= 0777;
+      if (fchown(descriptor, static_cast<uid_t>(-1), m_oStatus.st_gid) != 0)
+        mode &= ~static_cast<mode_t>(070);
+    }
+    if (fchmod(descriptor, mode) != 0)
+      return errno;
+  }
+  return resultOf(retrying([&] { return fsync(descriptor); }));
+}
+
+void FileReplacement::refuse(const std::string& reason) const {
+  throw VarnException(escaped(m_sName) + ": " + reason, 0);
+}
+
+void FileReplacement::fail(const std::string& what, int error) const {
+  refuse(what + ": " + std::system_category().message(error));
+}
+
+}  // namespace VarnSupport

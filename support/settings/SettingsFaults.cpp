@@ -1,0 +1,44 @@
+#include "settings/SettingsFaults.h"
+
+#include <algorithm>
+
+#include "settings/ValueText.h"
+
+namespace VarnSupport {
+
+void SettingsFaults::add(const SettingsPlace& place, const std::string& key,
+                         const std::string& reason) {
+  if (isFull()) {
+    ++m_nMore;
+    return;
+  }
+  std::string text;
+  if (place.layer == SettingsPlace::COMMAND_LINE)
+    text = "command line: ";
+  else if (place.layer == SettingsPlace::ENVIRONMENT)
+    text = "environment: ";
+  else if (place.line > 0)
+    text = escaped(m_sFileName) + ':' + std::to_string(place.line) + ": ";
+  else if (!m_sFileName.empty())
+    text = escaped(m_sFileName) + ": ";
+  if (!key.empty())
+    text += escaped(key) + ": ";
+  Fault fault{place, text + reason};
+  if (std::find(m_vFaults.begin(), m_vFaults.end(), fault) == m_vFaults.end())
+    m_vFaults.push_back(std::move(fault));
+}
+
+std::vector<std::string> SettingsFaults::texts() const {
+  std::vector<Fault> faults = m_vFaults;
+  std::stable_sort(faults.begin(), faults.end(),
+                   [](const Fault& left, const Fault& right) { return left.place < right.place; });
+  std::vector<std::string> texts;
+  texts.reserve(faults.size() + 1);
+  for (Fault& fault : faults)
+    texts.push_back(std::move(fault.text));
+  if (m_nMore > 0)
+    texts.push_back("and " + std::to_string(m_nMore) + " more");
+  return texts;
+}
+
+}  // namespace VarnSupport

@@ -24,6 +24,7 @@ namespace {
 
 constexpr std::size_t kLargestFile = 16777216;
 constexpr std::size_t kMostReplaced = 16777216;
+constexpr std::size_t kCostOfReference = 64;  // in characters, about what both take
 constexpr std::size_t kDeepest = 32;
 constexpr const char* kByteOrderMark = "\xEF\xBB\xBF";
 
@@ -202,7 +203,7 @@ void VarnSettings::State::Expansion::addReference(std::string_view reference) {
   const std::string name(reference);
   if (later != nullptr && std::find(later->begin(), later->end(), name) != later->end())
     return add('<' + name + '>');
-  ++state.replaced;
+  state.replaced += kCostOfReference;
   if (std::find(chain.begin(), chain.end(), name) != chain.end()) {
     refusal = "refers to " + shownValue(name) + ", which leads back to itself";
   } else if (chain.size() == kDeepest || state.replaced > kMostReplaced) {

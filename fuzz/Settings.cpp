@@ -61,7 +61,7 @@ void readAll() {
   settings.flag("f");
   const auto duration = settings.duration("d");
   require(duration >= std::chrono::milliseconds(0), "a duration is not negative");
-  require(settings.bytes("b", {5}) >= 5, "a size is in its range");
+  require(settings.bytes("b", VarnNumberRange{5}) >= 5, "a size is in its range");
   settings.oneOf("o", {"x", "y"});
   settings.pattern("p").find("abc", 0);
   const std::string path = settings.path("l", "x");

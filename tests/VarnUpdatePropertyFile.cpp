@@ -41,6 +41,8 @@ TEST_F(VarnUpdatePropertyFile, ValuesChangeWhereTheyStandAndAllElseStays) {
       {"a=1\nb=\n", setOf({{"a", "1"}, {"a", "2"}}), "a=1\na=2\nb=\n"},
       {"a=1", setOf({{"a", "1"}, {"a", "2"}}), "a=1\na=2\n"},
       {"a\n", setOf({{"a", ""}}), "a\n"},
+      {"a\r\n", setOf({{"a", ""}}), "a=\r\n"},
+      {"x\r\na", setOf({{"a", ""}, {"b", "1"}}), "x\r\na\nb=1\r\n"},
       {"", setOf({{"a", "x = y "}}), "a=x = y \n"}};
   for (const auto& [before, set, after] : rows) {
     writeFile(m_sFile, before);

@@ -63,9 +63,9 @@ class VarnReloaded : public VarnCollaborator {
   using tMake = std::function<std::shared_ptr<const T>(VarnSettings& settings)>;
 
   // Makes the first value. Throws what reload() throws. The file and the working directory are
-  // those of this moment, wherever the process goes later. Without `make`, T is constructed from
-  // the settings. T need not call VarnSettings::finish(), which follows, unless it acts on them
-  // itself.
+  // those of this moment, wherever the process goes later. Without `make`, which may be called by
+  // several threads at once, T is constructed from the settings. T need not call
+  // VarnSettings::finish(), which follows, unless it acts on them itself.
   explicit VarnReloaded(
       const std::string& fileName,
       const VarnProperties<std::string>& commandLine = VarnProperties<std::string>(),

@@ -54,7 +54,8 @@ class VSUPT_EXPORT VarnSettingsError : public VarnException {
   std::vector<std::string> m_vFaults;
 };
 
-// Both ends belong to a range. Requires of each: lowest <= highest.
+// Both ends belong to a range. A lone number in braces would be a preset, not a range. Requires of
+// each: lowest <= highest.
 struct VarnNumberRange {
   long long lowest = std::numeric_limits<long long>::lowest();
   long long highest = std::numeric_limits<long long>::max();
@@ -78,7 +79,8 @@ struct VarnDurationRange {
 // <name> in a value stands for the first value of that setting, whose own references are replaced
 // in turn, or else for what define() says, or else for the environment variable `name`. A name is
 // one or more characters other than '<' and '>'; a '<' that begins none stands for itself. A name
-// that stands for nothing, leads back to itself or is more than 32 references deep is a fault.
+// that stands for nothing, leads back to itself or is more than 32 references deep is a fault, and
+// so are more references, or text in their place, than a file of 16 MiB has room for.
 //
 // A fault reads "FILE:LINE: KEY: REASON", with "command line" or "environment" in place of the file
 // and its line. Control characters in it are escaped, long values cut; behind 100 faults the rest

@@ -1,6 +1,7 @@
 #include "settings/SettingsFaults.h"
 
 #include <algorithm>
+#include <tuple>
 
 #include "settings/ValueText.h"
 
@@ -30,8 +31,10 @@ void SettingsFaults::add(const SettingsPlace& place, const std::string& key,
 
 std::vector<std::string> SettingsFaults::texts() const {
   std::vector<Fault> faults = m_vFaults;
-  std::stable_sort(faults.begin(), faults.end(),
-                   [](const Fault& left, const Fault& right) { return left.place < right.place; });
+  std::stable_sort(faults.begin(), faults.end(), [](const Fault& left, const Fault& right) {
+    return std::tie(left.place.layer, left.place.line) <
+           std::tie(right.place.layer, right.place.line);
+  });
   std::vector<std::string> texts;
   texts.reserve(faults.size() + 1);
   for (Fault& fault : faults)

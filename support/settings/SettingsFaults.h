@@ -2,7 +2,6 @@
 #ifndef SUPPORT_SETTINGS_SETTINGSFAULTS_H
 #define SUPPORT_SETTINGS_SETTINGSFAULTS_H
 
-#include <compare>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -16,7 +15,7 @@ struct SettingsPlace {
   tLayer layer = FILE;
   std::size_t line = 0;
 
-  auto operator<=>(const SettingsPlace&) const = default;
+  bool operator==(const SettingsPlace&) const = default;
 };
 
 // The first hundred faults, each once; of the others there is a number.

@@ -206,8 +206,10 @@ void VarnSettings::State::Expansion::addReference(std::string_view reference) {
   state.replaced += kCostOfReference;
   if (std::find(chain.begin(), chain.end(), name) != chain.end()) {
     refusal = "refers to " + shownValue(name) + ", which leads back to itself";
-  } else if (chain.size() == kDeepest || state.replaced > kMostReplaced) {
-    refusal = "refers to " + shownValue(name) + " and so on: too much";
+  } else if (chain.size() == kDeepest) {
+    refusal = "refers to " + shownValue(name) + ", which is too many references deep";
+  } else if (state.replaced > kMostReplaced) {
+    refusal = "refers to " + shownValue(name) + ", where references stand for too much text";
   } else if (const std::optional<GivenValue> value = state.chosen(name)) {
     state.replaced += value->text.size();
     chain.push_back(name);

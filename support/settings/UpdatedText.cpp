@@ -92,7 +92,9 @@ void Update::add(std::string_view line) {
   if (key->next < key->values->size()) {
     const std::string& value = (*key->values)[key->next++];
     const bool hasValue = property.key.size() < body.size();
-    if (property.value == value) {
+    // VarnProperties takes the carriage return behind a lone key for a part of it.
+    const bool isPlain = hasValue || line.find('\r') == line.npos;
+    if (property.value == value && isPlain) {
       m_sResult.append(line);
     } else if (hasValue) {
       const auto begin = static_cast<std::size_t>(property.value.data() - line.data());
@@ -110,7 +112,7 @@ void Update::add(std::string_view line) {
 void Update::addRest(std::string_view name, Key& key) {
   for (; key.next < key.values->size(); ++key.next) {
     if (!m_sResult.empty() && m_sResult.back() != '\n')
-      m_sResult.append(m_sEnd);
+      m_sResult += '\n';  // a carriage return would become part of a lone key
     m_sResult.append(name).append("=").append((*key.values)[key.next]).append(m_sEnd);
   }
 }
@@ -120,7 +122,8 @@ void Update::addRest(std::string_view name, Key& key) {
 void checkThatLinesHold(const PropertyValues& values) {
   for (const auto& [key, list] : values) {
     for (const std::string& value : list) {
-      const std::string line = key + '=' + value;
+      std::string line = key;
+      line.append("=").append(value);
       const PropertyLine<std::string> property(line, '=');
       if (property.key != key || property.value != value ||
           line.find_first_of(std::string_view("\n\r\0", 3)) != line.npos)

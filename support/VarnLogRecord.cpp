@@ -7,6 +7,7 @@
 
 #include "VarnSupport/VarnLogging.h"
 #include "log/LogState.h"
+#include "log/Observation.h"
 #include "runtime/Cancellation.h"
 
 namespace VarnSupport {
@@ -109,12 +110,13 @@ void VarnLogging::State::finish(VarnLogRecord::Content& content) {
   VarnLogRecord::Content::t_pInnermost = content.outer;
   const bool isInner = &content != &building->content;
   if (passes)
-    write(content.text, isInner ? 0 : kRecord);
+    write(content.text, content.level, isInner ? 0 : kRecord);
   else if (!isInner)
     clear(kRecord);
   if (isInner)
     delete &content;
   lock.unlock();
+  Observation::tell();
 }
 
 VarnLogRecord::Content* VarnLogging::State::openContent() const {

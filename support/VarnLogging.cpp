@@ -18,6 +18,7 @@
 
 #include "log/LogState.h"
 #include "log/LogTarget.h"
+#include "log/Observation.h"
 #include "runtime/Cancellation.h"
 
 namespace VarnSupport {
@@ -105,8 +106,12 @@ void VarnLogging::setTarget(int target) {
 void VarnLogging::openLogFile() {
   const CancellationGuard closed;
   const State::FileChange change(*m_pState);
-  if (m_pFile != nullptr)
+  if (m_pFile != nullptr || m_bFileOpen)
     return;
+  if (m_pState->file != nullptr) {
+    m_bFileOpen = m_pState->file->open();
+    return;
+  }
   std::string name = m_sBaseName.substr(0, m_sBaseName.rfind('.'));
   name += std::to_string(std::rand());
   name += ".log";
@@ -127,6 +132,8 @@ void VarnLogging::openLogFile() {
 void VarnLogging::State::closeFile(VarnLogging& log) {
   log.m_bFileOpen = false;
   descriptor = -1;
+  if (file != nullptr)
+    file->close();
   if (log.m_pFile != nullptr)
     std::fclose(std::exchange(log.m_pFile, nullptr));
 }
@@ -139,12 +146,13 @@ void VarnLogging::setLogLevel(int level) {
   const CancellationGuard closed;
   const std::lock_guard guard(State::m_oTables);
   m_nLogLevel = level;
+  m_pState->rest = State::kNoRest;
   State::publishLevelsLocked(*this);
 }
 
 int VarnLogging::getLogLevel(const std::string& component) const {
   if (m_nThresholds.load(std::memory_order_relaxed) == 0)
-    return m_nLogLevel;
+    return restLevel();
   const CancellationGuard closed;
   const std::lock_guard guard(State::m_oTables);
   return levelOfLocked(component);
@@ -152,7 +160,13 @@ int VarnLogging::getLogLevel(const std::string& component) const {
 
 int VarnLogging::levelOfLocked(const std::string& component) const {
   const auto found = m_mapLevels.find(component);
-  return found != m_mapLevels.end() ? found->second : m_nLogLevel.load();
+  return found != m_mapLevels.end() ? found->second : restLevel();
+}
+
+// Of what has no threshold of its own.
+int VarnLogging::restLevel() const {
+  const int rest = m_pState->rest.load(std::memory_order_relaxed);
+  return rest != State::kNoRest ? rest : m_nLogLevel.load();
 }
 
 void VarnLogging::setLogLevel(const std::string& component, int level) {
@@ -218,9 +232,12 @@ void VarnLogging::timerElapsed() { State::flush(this); }
 // as it does when there is no memory for the line.
 bool VarnLogging::State::composeOlder(VarnLogging& log) {
   const int threshold =
-      log.m_sComponent.empty() ? log.getLogLevel() : log.getLogLevel(log.m_sComponent);
-  if (log.m_nCurrentLevel > threshold && log.m_nCurrentLevel != 0)
+      log.m_sComponent.empty() ? log.restLevel() : log.getLogLevel(log.m_sComponent);
+  if (log.m_nCurrentLevel > threshold && log.m_nCurrentLevel != 0) {
+    if (rest != kNoRest)
+      building->older.clear();
     return false;
+  }
   try {
     return compose(building->older, log.m_bHeader ? log.m_nCurrentLevel : 0, log.m_sComponent);
   } catch (const std::bad_alloc&) {
@@ -234,17 +251,19 @@ void VarnLogging::State::endOlder(VarnLogging& log, Visit* visit) {
   setAside(log);
   log.cancelTimer();
   const bool passes = composeOlder(log);
+  const int level = log.m_nCurrentLevel;
   log.m_nCurrentLevel = kDefaultRecordLevel;
   log.m_sComponent.clear();
   if (visit != nullptr)
     visit->end();
   if (passes)
-    write(building->older, 0);
+    write(building->older, level, 0);
   const VarnLogRecord::Content* const around = openContent();
   if (around == nullptr)
     lock.unwind();
   while (around != nullptr && lock.lockCount() > around->holds)
     lock.unlock();
+  Observation::tell();
 }
 
 void VarnLogging::State::flush(VarnLogging* log) {

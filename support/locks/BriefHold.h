@@ -51,6 +51,12 @@ class VSUPT_SCOPED_CAPABILITY BriefHold {
     return object.m_pState.load(std::memory_order_acquire) == nullptr;
   }
 
+  // Whether the calling thread holds the section.
+  static bool isHeldByCaller(const VarnCriticalSectionObject& object) {
+    const auto* const state = object.m_pState.load(std::memory_order_acquire);
+    return state != nullptr && (*state)->isHeldByCaller();
+  }
+
   // For the child of a fork: frees a section that another thread held. True when that was so.
   static bool renewIfLost(VarnCriticalSectionObject& object);
 

@@ -17,9 +17,11 @@
 #include <memory>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "locks/BriefHold.h"
 #include "log/LogTarget.h"
+#include "log/Observation.h"
 #include "runtime/Cancellation.h"
 #include "runtime/NeverDestroyed.h"
 #include "runtime/ProcessExit.h"
@@ -41,6 +43,7 @@ constinit VarnLogging::State* VarnLogging::State::m_pFirst = nullptr;
 constinit std::atomic<VarnLogging*> VarnLogging::State::m_pValueLog{nullptr};
 constinit std::atomic<VarnLogging::State*> VarnLogging::State::m_pRegistered{nullptr};
 constinit std::atomic<bool> VarnLogging::State::m_bThresholds{false};
+constinit std::atomic<std::int32_t> VarnLogging::State::m_nRest{VarnLogging::State::kNoRest};
 constinit thread_local VarnLogging::State* VarnLogging::State::t_pValueOf = nullptr;
 constinit VarnLogging::Registration VarnLogging::m_pInstance;
 constinit std::atomic<int> VarnLogging::m_nAdmittedLevel{kNoLog};
@@ -64,9 +67,15 @@ VarnLogging::State::Owner VarnLogging::State::attachTo(VarnLogging& log) {
 }
 
 void VarnLogging::State::detach() {
+  std::shared_ptr<LogFile> unused;
   const std::lock_guard guard(m_oTables);
   assert(owner != nullptr && m_pRegistered != this);
   owner = nullptr;
+  // Whoever has the record lock may be late, and still use the file.
+  if (lock.testAndSet()) {
+    unused.swap(file);
+    lock.unlock();
+  }
 }
 
 // A thread may still have a record of the log that is gone open, or the record lock for ever.
@@ -80,6 +89,8 @@ bool VarnLogging::State::resetLocked() {
     building->content.hasAside = false;
     building->content.aside.text.clear();
     target = 0;
+    rest = kNoRest;
+    file.reset();
     descriptor = -1;
     torn = false;
     word = 0;
@@ -94,11 +105,34 @@ bool VarnLogging::State::awaitUsers() {
   awaitLocked(
       guard, [this] { return visits == 0; }, kForEver);
   // A thread that ends the process inside a record of its own does not come back to it.
-  const std::uint32_t others = openContent() != nullptr ? kWriting : kWriting | kRecord;
+  const std::uint32_t others = openContent() != nullptr ? 0 : kRecord;
+  const MonotonicTime deadline = ProcessExit::latestEnd();
   awaitLocked(
-      guard, [&] { return (word & others) == 0; }, ProcessExit::latestEnd());
+      guard, [&] { return (word & others) == 0; }, deadline);
+  if (file != nullptr) {
+    guard.unlock();
+    file->finish(deadline);
+    guard.lock();
+  }
+  awaitLocked(
+      guard, [&] { return (word & (others | kWriting)) == 0; }, deadline);
   target = 0;
   return (word.fetch_or(kLeft) & kWriting) == 0;
+}
+
+// At the exit, for logs that nobody destroys. What is written later is written at once.
+void VarnLogging::State::finishFiles() {
+  std::vector<std::shared_ptr<LogFile>> files;
+  {
+    const std::lock_guard guard(m_oTables);
+    for (const State* state = m_pFirst; state != nullptr; state = state->next) {
+      if (state->file != nullptr)
+        files.push_back(state->file);
+    }
+  }
+  const MonotonicTime deadline = ProcessExit::latestEnd();
+  for (const std::shared_ptr<LogFile>& file : files)
+    file->finish(deadline);
 }
 
 template <typename Condition>
@@ -170,7 +204,8 @@ void VarnLogging::State::registerLocked(VarnLogging* log) {
 void VarnLogging::State::publishLevelsLocked(const VarnLogging& log) {
   if (m_pInstance != &log)
     return;
-  m_bThresholds = log.m_nThresholds > 0;
+  m_nRest = log.m_pState->rest.load();
+  m_bThresholds = log.m_nThresholds > 0 || m_nRest != kNoRest;
   m_nAdmittedLevel = log.m_nLogLevel.load();
 }
 
@@ -180,12 +215,35 @@ bool VarnLogging::State::isAboveThreshold(const std::string& component, int leve
   return log == nullptr || level > log->levelOfLocked(component);
 }
 
+// The global level decides first: it becomes the highest, and what has no level of its own gets a
+// threshold in its place.
+bool VarnLogging::State::applyLevels(int restLevel, std::map<std::string, std::int32_t>& levels) {
+  const std::lock_guard guard(m_oTables);
+  VarnLogging* const log = m_pInstance;
+  if (log == nullptr)
+    return false;
+  State& state = *log->m_pState;
+  if (restLevel == kNoRest)
+    restLevel = std::min(state.rest.load(), log->m_nLogLevel.load());
+  std::int32_t highest = restLevel;
+  for (const auto& [component, level] : levels)
+    highest = std::max(highest, level);
+  state.rest = restLevel < highest ? restLevel : kNoRest;
+  log->m_nLogLevel = highest;
+  log->m_mapLevels.swap(levels);
+  log->m_nThresholds = static_cast<std::int32_t>(log->m_mapLevels.size());
+  publishLevelsLocked(*log);
+  return true;
+}
+
 // Changes nothing but the end of the text when it throws.
 bool VarnLogging::State::compose(RecordText& text, int level, const std::string& component) {
   if (text.isEmpty())
     return false;
   const std::string_view label = component.empty() ? "Global" : std::string_view(component);
   text.finish(label);
+  if (this == m_pRegistered && Observation::isWanted(level))
+    Observation::note(level, component, text.text());
   if (level != 0)
     building->header.putBefore(text, level, label);
   else
@@ -194,21 +252,26 @@ bool VarnLogging::State::compose(RecordText& text, int level, const std::string&
   return true;
 }
 
-// Waits while the file is being opened or closed. False when the log is gone.
 bool VarnLogging::State::beginWriting() {
-  if (trySet(kWriting, kChanging | kLeft))
-    return true;
+  bool hasBegun = false;
+  const auto begin = [&] {
+    hasBegun = trySet(kWriting, kWriting | kChanging | kLeft);
+    return hasBegun || (word & kLeft) != 0;
+  };
+  if (begin())
+    return hasBegun;
   std::unique_lock guard(m_oTables);
-  awaitLocked(
-      guard, [&] { return trySet(kWriting, kChanging | kLeft) || (word & kLeft) != 0; }, kForEver);
-  return (word & kWriting) != 0;
+  awaitLocked(guard, begin, kForEver);
+  return hasBegun;
 }
 
-void VarnLogging::State::write(RecordText& line, std::uint32_t bits) {
+void VarnLogging::State::write(RecordText& line, int level, std::uint32_t bits) {
   {
     const NoCancellation whole;
     const int to = target.load(std::memory_order_relaxed);
-    if ((to & kToFile) != 0 && beginWriting()) {
+    if ((to & kToFile) != 0 && file != nullptr) {
+      file->take(line.text().substr(1), level);
+    } else if ((to & kToFile) != 0 && beginWriting()) {
       if (descriptor >= 0)
         writeLine(descriptor, line.text(), torn);
       bits |= kWriting;
@@ -226,9 +289,26 @@ void VarnLogging::State::write(RecordText& line, std::uint32_t bits) {
     clear(bits);
 }
 
+void VarnLogging::State::writeAlone(std::string_view text, int level) {
+  const CancellationGuard closed;
+  lock.lock();
+  try {
+    RecordText line;
+    line.append(text);
+    if (compose(line, level, std::string()))
+      write(line, level, 0);
+  } catch (const std::bad_alloc&) {
+    // It is left out.
+  }
+  lock.unlock();
+  Observation::tell();
+}
+
 // The file's turn of a thread that is gone is over. Text that it was changing stays where it is.
 void VarnLogging::State::renew() {
   const bool lockWasLost = BriefHold::renewIfLost(lock);
+  if (file != nullptr)
+    file->renew();
   word &= lock.lockCount() > 0 ? kRecord | kEnding | kLeft : kEnding | kLeft;
   visits = 0;
   waiters = 0;
@@ -246,6 +326,7 @@ void VarnLogging::State::renew() {
 // for ever, by a thread that it has not.
 void VarnLogging::State::prepareFork() {
   m_oTables.lock();
+  Observation::prepareFork();
   try {
     for (State* state = m_pFirst; state != nullptr; state = state->next) {
       if (state->spare == nullptr)
@@ -261,6 +342,7 @@ void VarnLogging::State::releaseFork(ForkSide side) {
     for (State* state = m_pFirst; state != nullptr; state = state->next)
       state->renew();
   }
+  Observation::releaseFork(side);
   m_oTables.unlock();
 }
 

@@ -21,12 +21,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
 
 #include "VarnSupport/VarnLogging.h"
+#include "log/LogFile.h"
 #include "log/LogHeader.h"
 #include "log/RecordText.h"
 #include "runtime/Fork.h"
@@ -60,6 +62,8 @@ struct VSUPT_LOCAL VarnLogRecord::Content {
 struct VSUPT_LOCAL VarnLogging::State {
   static constexpr int kLevelOff = -1;
   static constexpr int kHighestLevel = 9;
+  static constexpr int kFailures = 1;
+  static constexpr std::int32_t kNoRest = 100;
 
   // Bits of the word.
   static constexpr std::uint32_t kRecord = 1;    // a VarnLogRecord is open
@@ -120,18 +124,27 @@ struct VSUPT_LOCAL VarnLogging::State {
   // then on nobody uses it. False when its file is still being written to.
   bool awaitUsers();
 
+  // What VarnLogFiles have not written yet is written, within a few seconds.
+  static void finishFiles();
+
   // Sees that there is a log which is never destroyed: the values of every VarnLogRecord go through
   // it, as their own log may be gone.
   static void makeValueLog();
   // Registers a log, or null. Requires: the tables are locked, here and where a name says so.
   static void registerLocked(VarnLogging* log);
   static void publishLevelsLocked(const VarnLogging& log);
-  // Whether the threshold of a component of the registered log rejects the level.
+  // Whether the registered log rejects the level by the threshold of a component, or of what has
+  // none of its own.
   static bool isRejected(const std::string& component, int level) {
-    return m_bThresholds.load(std::memory_order_relaxed) && !component.empty() && level != 0 &&
-           isAboveThreshold(component, level);
+    if (!m_bThresholds.load(std::memory_order_relaxed) || level == 0)
+      return false;
+    return component.empty() ? level > m_nRest.load(std::memory_order_relaxed)
+                             : isAboveThreshold(component, level);
   }
   static bool isAboveThreshold(const std::string& component, int level);
+  // Replaces all thresholds of the registered log; with `rest`, which may be kNoRest, that of what
+  // has none of its own. False without a log.
+  static bool applyLevels(int rest, std::map<std::string, std::int32_t>& levels);
 
   // Begins a VarnLogRecord of the registered log; null without a log, or without memory.
   static VarnLogRecord::Content* begin(const std::string& component, int level) VSUPT_UNCHECKED;
@@ -155,7 +168,10 @@ struct VSUPT_LOCAL VarnLogging::State {
   // Makes the line of a record; false for one without text.
   bool compose(RecordText& text, int level, const std::string& component);
   // Writes the line and empties the text, then clears `bits`.
-  void write(RecordText& line, std::uint32_t bits);
+  void write(RecordText& line, int level, std::uint32_t bits);
+  // Writes a whole line: with a header unless the level is 0.
+  void writeAlone(std::string_view text, int level) VSUPT_UNCHECKED;
+  // Takes kWriting, which others may have or wait for. False when the log is gone.
   bool beginWriting();
 
   // Sets the bit unless one of `excluded` is set.
@@ -177,7 +193,8 @@ struct VSUPT_LOCAL VarnLogging::State {
   template <typename Condition>
   void awaitLocked(std::unique_lock<std::mutex>& guard, Condition condition,
                    MonotonicTime deadline);
-  // Closes the file of the log. Requires: nobody else uses it.
+  // Opens the file of the log, and closes it. Requires: nobody else uses it.
+  bool openFile(VarnLogging& log);
   void closeFile(VarnLogging& log);
   // Makes a state that has no log as good as new, if nobody is at it.
   bool resetLocked();
@@ -193,6 +210,7 @@ struct VSUPT_LOCAL VarnLogging::State {
   // Of the registered log.
   static constinit std::atomic<State*> m_pRegistered;
   static constinit std::atomic<bool> m_bThresholds;
+  static constinit std::atomic<std::int32_t> m_nRest;
   // Set by getLogAccess() for the value that follows.
   static constinit thread_local State* t_pValueOf;
 
@@ -201,6 +219,10 @@ struct VSUPT_LOCAL VarnLogging::State {
   std::unique_ptr<Building> spare;  // for a child, made before the fork
   std::atomic<std::uint32_t> word{0};
   std::atomic<std::int32_t> target{0};
+  // The level of what has no threshold of its own; at kNoRest the log's.
+  std::atomic<std::int32_t> rest{kNoRest};
+  // Of a VarnLogFile, in place of the descriptor; fixed while the log is there.
+  std::shared_ptr<LogFile> file;
   // Used by whoever has kWriting or kChanging.
   int descriptor = -1;
   bool torn = false;

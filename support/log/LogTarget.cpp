@@ -5,12 +5,20 @@
 #include "log/LogTarget.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cassert>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
+
+#include "runtime/System.h"
 
 namespace VarnSupport {
 
@@ -30,6 +38,58 @@ int leaveStandardStreams(int descriptor) {
   return moved;
 }
 
+// Whether the file ends in the middle of a line, as one that was full does.
+bool isTorn(int descriptor, off_t size) {
+  if (size == 0)
+    return false;
+  const std::string name = "/proc/self/fd/" + std::to_string(descriptor);
+  const int reader = open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  if (reader < 0)
+    return false;
+  char last = '\n';
+  const bool isRead = pread(reader, &last, 1, size - 1) == 1;
+  close(reader);
+  return isRead && last != '\n';
+}
+
+// Keeps the signals by which a write tells of its failure from the calling thread. One that was
+// sent before, while the thread had it blocked, stays.
+class WithoutSignals {
+ public:
+  WithoutSignals() {
+    sigemptyset(&m_oOfWrites);
+    sigaddset(&m_oOfWrites, SIGPIPE);
+    sigaddset(&m_oOfWrites, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &m_oOfWrites, &m_oPrevious);
+    if (isBlocked(SIGPIPE) || isBlocked(SIGXFSZ))
+      sigpending(&m_oPending);
+  }
+  WithoutSignals(const WithoutSignals&) = delete;
+  WithoutSignals& operator=(const WithoutSignals&) = delete;
+  ~WithoutSignals() { pthread_sigmask(SIG_SETMASK, &m_oPrevious, nullptr); }
+
+  // After a failed write.
+  void take(int error) const {
+    const int signal = error == EPIPE ? SIGPIPE : SIGXFSZ;
+    if ((error != EPIPE && error != EFBIG) ||
+        (isBlocked(signal) && sigismember(&m_oPending, signal) == 1))
+      return;
+    sigset_t raised;
+    sigemptyset(&raised);
+    sigaddset(&raised, signal);
+    const timespec atOnce{};
+    retrying([&] { return sigtimedwait(&raised, nullptr, &atOnce); });
+    errno = error;
+  }
+
+ private:
+  bool isBlocked(int signal) const { return sigismember(&m_oPrevious, signal) == 1; }
+
+  sigset_t m_oOfWrites{};
+  sigset_t m_oPrevious{};
+  sigset_t m_oPending{};
+};
+
 }  // namespace
 
 std::FILE* openForRecords(const std::string& name) {
@@ -44,6 +104,56 @@ std::FILE* openForRecords(const std::string& name) {
     errno = error;
   }
   return file;
+}
+
+AppendedFile openForAppending(const std::string& name) {
+  constexpr int flags =
+      O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  AppendedFile file;
+  file.descriptor = leaveStandardStreams(retrying([&] { return open(name.c_str(), flags, 0640); }));
+  if (file.descriptor < 0) {
+    file.error = errno == ENXIO ? kNotForRecords : errno;  // a pipe without a reader, or a socket
+    return file;
+  }
+  struct stat status {};
+  fstat(file.descriptor, &status);
+  if (S_ISREG(status.st_mode) || S_ISCHR(status.st_mode)) {
+    fcntl(file.descriptor, F_SETFL, O_APPEND);
+    file.isTorn = S_ISREG(status.st_mode) && isTorn(file.descriptor, status.st_size);
+    return file;
+  }
+  close(file.descriptor);
+  return {-1, kNotForRecords, false};
+}
+
+std::size_t writeParts(int descriptor, const std::string_view* parts, std::size_t count,
+                       bool& torn) {
+  constexpr std::size_t partsAtOnce = 1024;
+  const WithoutSignals quiet;
+  std::array<iovec, partsAtOnce> pieces;
+  std::size_t done = 0;
+  std::size_t offset = 0;  // what is written of the next part
+  while (done < count) {
+    const std::size_t now = std::min(count - done, partsAtOnce);
+    for (std::size_t i = 0; i < now; ++i)
+      pieces[i] = {const_cast<char*>(parts[done + i].data()), parts[done + i].size()};
+    pieces[0].iov_base = const_cast<char*>(parts[done].data() + offset);
+    pieces[0].iov_len -= offset;
+    const ssize_t written =
+        retrying([&] { return writev(descriptor, pieces.data(), static_cast<int>(now)); });
+    if (written <= 0) {
+      quiet.take(errno);
+      return done;
+    }
+    offset += static_cast<std::size_t>(written);
+    for (; done < count && offset >= parts[done].size(); ++done) {
+      offset -= parts[done].size();
+      torn = parts[done].back() != '\n';
+    }
+    if (offset > 0)
+      torn = parts[done][offset - 1] != '\n';
+  }
+  return done;
 }
 
 void writeLine(int descriptor, std::string_view line, bool& torn) {

@@ -2,6 +2,7 @@
 #ifndef SUPPORT_LOG_LOGTARGET_H
 #define SUPPORT_LOG_LOGTARGET_H
 
+#include <cstddef>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -14,6 +15,28 @@ namespace VarnSupport {
 // the standard streams: a program that was started without these would write to the log, or close
 // it, by their numbers.
 std::FILE* openForRecords(const std::string& name);
+
+// A file that keeps what it has.
+struct AppendedFile {
+  int descriptor = -1;
+  int error = 0;        // why there is none: an errno, or kNotForRecords
+  bool isTorn = false;  // it does not end with a line feed
+};
+
+// The name is neither a regular file nor a character device. A pipe or a socket would not keep what
+// it takes, and hold up the process when its reader stops.
+constexpr int kNotForRecords = -1;
+
+// The same for such a file: never wider than 0640, no symbolic link is followed, and no wait for
+// what is at the other end of a name.
+AppendedFile openForAppending(const std::string& name);
+
+// Writes all parts, none of which is empty, as a rule by one call, and goes on after a signal.
+// Returns how many were written in whole; after an error, which is in errno, not all. `torn` says,
+// before and after, that the target's last line has no end. No signal comes of it: neither SIGPIPE
+// nor SIGXFSZ.
+std::size_t writeParts(int descriptor, const std::string_view* parts, std::size_t count,
+                       bool& torn);
 
 // Writes all but the first byte of `line`, as a rule with one write(). Goes on after a signal, and
 // gives up silently after any other error. `torn` says, before and after, that the target took only

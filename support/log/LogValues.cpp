@@ -6,7 +6,10 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <locale>
 #include <new>
+#include <sstream>
+#include <string>
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
@@ -113,6 +116,33 @@ void VarnLogging::put(const char* value) {
     state->building->silenced = true;
   else
     append("(null)", 6);
+}
+
+// The text is collected apart: the operator of a user's type may write records of its own.
+void VarnLogRecord::stream(Writer writer, const void* value) {
+  std::string text;
+  try {
+    std::ostringstream stream;
+    stream.imbue(std::locale::classic());
+    writer(stream, value);
+    text = stream.str();
+  } catch (const std::bad_alloc&) {
+  }
+  takeText(text);
+}
+
+void VarnLogRecord::takeWide(const wchar_t* text) {
+  if (text != nullptr)
+    takeWide(std::wstring_view(text));
+  else
+    takeText("(null)");
+}
+
+void VarnLogRecord::takeWide(std::wstring_view text) {
+  try {
+    m_pLog->put(std::wstring(text));
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 }  // namespace VarnSupport

@@ -1,0 +1,110 @@
+#include "VarnSupport/VarnLogHelpers.h"
+
+#include <array>
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "log/LogState.h"
+#include "log/Utf8.h"
+#include "runtime/Cancellation.h"
+
+namespace VarnSupport {
+
+namespace {
+
+void appendNumber(std::string& to, const char* format, unsigned number) {
+  std::array<char, 16> text;
+  std::snprintf(text.data(), text.size(), format, number);
+  to += text.data();
+}
+
+bool isControl(char32_t code) { return code < 0x20 || (code >= 0x7F && code < 0xA0); }
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(" \t");
+  if (first == std::string_view::npos)
+    return {};
+  return text.substr(first, text.find_last_not_of(" \t") + 1 - first);
+}
+
+// The levels of a text, or why it has none.
+class LevelReader {
+ public:
+  // Empty when all parts are right.
+  std::string read(std::string_view text) {
+    while (true) {
+      const std::size_t end = text.find(',');
+      const std::string error = readPart(trimmed(text.substr(0, end)));
+      if (!error.empty() || end == std::string_view::npos)
+        return error;
+      text.remove_prefix(end + 1);
+    }
+  }
+
+  int rest = VarnLogging::State::kNoRest;
+  std::map<std::string, std::int32_t> components;
+
+ private:
+  std::string readPart(std::string_view part) {
+    const std::size_t equal = part.rfind('=');
+    const bool hasName = equal != std::string_view::npos;
+    const std::string name(trimmed(part.substr(0, hasName ? equal : 0)));
+    int level = 0;
+    if (!toLevel(hasName ? trimmed(part.substr(equal + 1)) : part, level))
+      return "\"" + std::string(part) + "\": a level is a number from -1 to 9";
+    if (hasName && name.empty())
+      return "\"" + std::string(part) + "\": the component has no name";
+    if (hasName ? !components.emplace(name, level).second : rest != VarnLogging::State::kNoRest)
+      return "\"" + std::string(part) + "\": there is a level before";
+    if (!hasName)
+      rest = level;
+    return "";
+  }
+
+  static bool toLevel(std::string_view text, int& level) {
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, level);
+    return !text.empty() && result.ec == std::errc() && result.ptr == end &&
+           level >= VarnLogging::State::kLevelOff && level <= VarnLogging::State::kHighestLevel;
+  }
+};
+
+}  // namespace
+
+std::string VarnEscaped(std::string_view text) {
+  std::string escaped;
+  while (!text.empty()) {
+    const Utf8Character character = firstCharacter(text);
+    const std::size_t length = character.length > 0 ? character.length : 1;
+    if (character.length == 0 || (isControl(character.code) && length == 1)) {
+      const char byte = text.front();
+      if (byte == '\n' || byte == '\r' || byte == '\t')
+        escaped += byte == '\n' ? "\\n" : byte == '\r' ? "\\r" : "\\t";
+      else
+        appendNumber(escaped, "\\x%02x", static_cast<unsigned char>(byte));
+    } else if (isControl(character.code) || character.code == 0x2028 || character.code == 0x2029) {
+      appendNumber(escaped, "\\u%04x", static_cast<unsigned>(character.code));
+    } else if (character.code == '\\') {
+      escaped += "\\\\";
+    } else {
+      escaped += text.substr(0, length);
+    }
+    text.remove_prefix(length);
+  }
+  return escaped;
+}
+
+bool VarnApplyLogLevels(const std::string& levels, std::string& error) {
+  const CancellationGuard closed;
+  LevelReader reader;
+  std::string fault = reader.read(levels);
+  if (fault.empty() && !VarnLogging::State::applyLevels(reader.rest, reader.components))
+    fault = "there is no log";
+  error = fault;
+  return fault.empty();
+}
+
+}  // namespace VarnSupport

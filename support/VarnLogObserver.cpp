@@ -1,0 +1,83 @@
+#include "VarnSupport/VarnLogObserver.h"
+
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <utility>
+
+#include "log/Observation.h"
+#include "log/Utf8.h"
+#include "runtime/Cancellation.h"
+#include "runtime/ProcessExit.h"
+
+namespace VarnSupport {
+
+namespace {
+
+void appendText(std::string& to, std::string_view name, std::string_view text) {
+  to += name;
+  to += '"';
+  while (!text.empty()) {
+    const Utf8Character character = firstCharacter(text);
+    const char first = text.front();
+    if (character.length == 0) {
+      to += "\\ufffd";
+    } else if (first == '"' || first == '\\') {
+      to += '\\';
+      to += first;
+    } else if (character.code < 0x20 || character.code == 0x7F) {
+      std::array<char, 8> escape;
+      std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(character.code));
+      to += escape.data();
+    } else {
+      to += text.substr(0, character.length);
+    }
+    text.remove_prefix(character.length > 0 ? character.length : 1);
+  }
+  to += '"';
+}
+
+std::string timeText(
+    std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds> time) {
+  const auto second = std::chrono::floor<std::chrono::seconds>(time);
+  const std::time_t calendar = second.time_since_epoch().count();
+  std::tm utc{};
+  gmtime_r(&calendar, &utc);
+  std::array<char, 80> text;
+  const std::size_t length = std::strftime(text.data(), text.size(), "%FT%T", &utc);
+  std::array<char, 16> fraction;
+  std::snprintf(fraction.data(), fraction.size(), ".%09dZ",
+                static_cast<int>((time - second).count()));
+  return std::string(text.data(), length) + fraction.data();
+}
+
+}  // namespace
+
+VarnLogObserver::VarnLogObserver(int level, Function function) {
+  const QuietCancellationGuard closed;
+  ProcessExit::noteObject();
+  auto observer = std::make_shared<Observation::Observer>();
+  observer->level = level;
+  observer->function = std::move(function);
+  m_pObserver = observer.get();
+  Observation::add(std::move(observer));
+}
+
+VarnLogObserver::~VarnLogObserver() {
+  const QuietCancellationGuard closed;
+  Observation::remove(static_cast<const Observation::Observer*>(m_pObserver));
+}
+
+std::string VarnJsonLog::toJson(const VarnLogEntry& entry) {
+  std::string object = "{\"time\":\"" + timeText(entry.time);
+  object += "\",\"level\":" + std::to_string(entry.level);
+  appendText(object, ",\"component\":", entry.component);
+  appendText(object, ",\"thread\":", entry.threadName);
+  object += ",\"tid\":" + std::to_string(entry.threadId);
+  appendText(object, ",\"text\":", entry.text);
+  object += '}';
+  return object;
+}
+
+}  // namespace VarnSupport

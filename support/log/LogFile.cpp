@@ -1,0 +1,307 @@
+#include "log/LogFile.h"
+
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "log/LogState.h"
+#include "log/LogTarget.h"
+#include "log/RecordText.h"
+#include "runtime/Cancellation.h"
+
+namespace VarnSupport {
+
+namespace {
+
+// How long a record may wait for others, which are then written with it.
+constexpr std::chrono::milliseconds kGathering{20};
+// How long the thread waits for a record before it ends.
+constexpr std::chrono::seconds kIdle{5};
+constexpr std::size_t kRecordsAtOnce = 256;
+
+// Whether standard error is the journal's: it says so by device and inode, as descriptors are
+// handed on and redirected.
+bool isErrorStreamOfJournal() {
+  const char* const named = std::getenv("JOURNAL_STREAM");
+  struct stat status {};
+  return named != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+         std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == named;
+}
+
+// As the journal and syslog count, from 0, the worst, to 7.
+char priorityOf(int level) {
+  constexpr std::string_view priorities = "6344456667";
+  return priorities[static_cast<std::size_t>(std::clamp(level, 0, 9))];
+}
+
+}  // namespace
+
+LogFile::LogFile(VarnLogging::State& state, const std::string& name, std::size_t queueBytes)
+    : m_oState(state),
+      m_sName(name),
+      m_pQueue(queueBytes > 0 ? std::make_unique<Queue>(queueBytes) : nullptr) {}
+
+LogFile::~LogFile() {
+  if (m_nDescriptor > STDERR_FILENO)
+    ::close(m_nDescriptor);
+}
+
+bool LogFile::open() {
+  const NoCancellation whole;
+  AppendedFile opened;
+  if (m_sName.empty())
+    opened.descriptor = STDERR_FILENO;
+  else
+    opened = openForAppending(m_sName);
+  if (opened.descriptor < 0) {
+    m_nError = opened.error;
+    return false;
+  }
+  close();
+  m_bJournal = m_sName.empty() && isErrorStreamOfJournal();
+  m_nDescriptor = opened.descriptor;
+  m_bTorn = opened.isTorn;
+  return true;
+}
+
+// Writes what waits for the old file. Some file systems tell only now that there is no room.
+void LogFile::close() {
+  const NoCancellation whole;
+  writeQueued();
+  const int descriptor = m_nDescriptor.exchange(-1);
+  if (descriptor > STDERR_FILENO && ::close(descriptor) != 0 && errno != EINTR)
+    m_nError = errno;
+}
+
+std::string LogFile::lastError() const {
+  const int error = m_nError;
+  if (error == 0)
+    return "";
+  const std::string name = m_sName.empty() ? "standard error" : m_sName;
+  return name + ": " +
+         (error == kNotForRecords ? "is no regular file" : std::generic_category().message(error));
+}
+
+void LogFile::take(std::string_view record, int level) {
+  assert(!record.empty() && record.back() == '\n');
+  try {
+    record = withPriority(record, level, m_sRecord);
+    const bool canWait = m_pQueue != nullptr && level != VarnLogging::State::kFailures;
+    if ((!canWait || !push(record)) && !writeInTurn(record))
+      ++m_nLost;
+  } catch (const std::bad_alloc&) {
+    m_nError = ENOMEM;
+    ++m_nLost;
+  }
+}
+
+// False when the record cannot wait: it is too large for the queue, or nobody would write it.
+bool LogFile::push(std::string_view record) {
+  const std::lock_guard guard(m_oMutex);
+  RecordBlock& block = m_pQueue->blocks[m_pQueue->filling];
+  if (!block.hasEverRoomFor(record) || !hasThreadLocked())
+    return false;
+  const bool isFirst = block.isEmpty();
+  if (block.push(record)) {
+    if (isFirst || (!m_bUrgent && block.isHalfFull())) {
+      m_bUrgent = !isFirst;
+      m_oWake.notify_one();
+    }
+    return true;
+  }
+  ++m_pQueue->rejected;
+  ++m_nLost;
+  m_nError = ENOBUFS;
+  return true;
+}
+
+bool LogFile::writeInTurn(std::string_view record) {
+  if (m_bAbandoned || !m_oState.beginWriting())
+    return false;
+  writeQueued();
+  write(&record, 1);
+  m_oState.clear(VarnLogging::State::kWriting);
+  return true;
+}
+
+void LogFile::flush() {
+  const NoCancellation whole;
+  if (m_pQueue == nullptr || m_bAbandoned || !m_oState.beginWriting())
+    return;
+  writeQueued();
+  m_oState.clear(VarnLogging::State::kWriting);
+}
+
+// The thread has every signal blocked, so that none of the program's handlers runs on it.
+bool LogFile::hasThreadLocked() {
+  if (m_bRunning || m_bFinished)
+    return m_bRunning;
+  auto self = std::make_unique<std::shared_ptr<LogFile>>(shared_from_this());
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  pthread_t thread{};
+  m_bRunning = pthread_create(&thread, nullptr, &LogFile::threadRoutine, self.get()) == 0;
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (m_bRunning) {
+    static_cast<void>(self.release());
+    pthread_detach(thread);
+  }
+  return m_bRunning;
+}
+
+void* LogFile::threadRoutine(void* argument) {
+  pthread_setname_np(pthread_self(), "vsupt-log");
+  const std::unique_ptr<std::shared_ptr<LogFile>> file(
+      static_cast<std::shared_ptr<LogFile>*>(argument));
+  (*file)->run();
+  return nullptr;
+}
+
+// What is left when the state's log is gone is lost.
+void LogFile::run() {
+  std::unique_lock guard(m_oMutex);
+  const auto hasRecord = [&] { return !m_pQueue->blocks[m_pQueue->filling].isEmpty(); };
+  while (m_oWake.wait_for(guard, kIdle, [&] { return hasRecord() || m_bFinished; })) {
+    m_oWake.wait_for(guard, kGathering, [&] { return m_bUrgent || m_bFinished; });
+    m_bUrgent = false;
+    guard.unlock();
+    const bool hasTurn = m_oState.beginWriting();
+    if (hasTurn) {
+      writeQueued();
+      m_oState.clear(VarnLogging::State::kWriting);
+    }
+    guard.lock();
+    if (!hasTurn || (m_bFinished && !hasRecord()))
+      break;
+  }
+  m_bRunning = false;
+  m_oEnded.notify_all();
+}
+
+void LogFile::finish(MonotonicTime deadline) {
+  const NoCancellation waiting;
+  std::unique_lock guard(m_oMutex);
+  m_bFinished = true;
+  m_oWake.notify_one();
+  if (!m_oEnded.wait_until(guard, deadline, [this] { return !m_bRunning; }))
+    m_bAbandoned = true;
+}
+
+void LogFile::renew() {
+  std::construct_at(&m_oMutex);
+  std::construct_at(&m_oWake);
+  std::construct_at(&m_oEnded);
+  std::construct_at(&m_sRecord);
+  std::construct_at(&m_oHeader);
+  m_bRunning = false;
+  m_bUrgent = false;
+  m_nUntold = 0;
+  if (m_pQueue == nullptr)
+    return;
+  for (RecordBlock& block : m_pQueue->blocks)
+    block.clear();
+  m_pQueue->rejected = 0;
+}
+
+// Of what did not fit the file tells at once, as there may be no later record for long. One
+// exchange is enough for all that was pushed before: the other block is empty between two turns.
+void LogFile::writeQueued() {
+  if (m_pQueue == nullptr)
+    return;
+  std::size_t full = 0;
+  std::uint64_t rejected = 0;
+  {
+    const std::lock_guard guard(m_oMutex);
+    full = std::exchange(m_pQueue->filling, 1 - m_pQueue->filling);
+    rejected = std::exchange(m_pQueue->rejected, 0);
+  }
+  RecordBlock& block = m_pQueue->blocks[full];
+  std::array<std::string_view, kRecordsAtOnce> records;
+  std::size_t position = 0;
+  while (const std::size_t count = block.read(position, records.data(), records.size()))
+    write(records.data(), count);
+  block.clear();
+  m_nUntold += rejected;
+  if (rejected > 0)
+    tellOfLost();
+}
+
+// A record that is not taken is lost; the next one may be shorter.
+void LogFile::write(const std::string_view* records, std::size_t count) {
+  std::size_t done = 0;
+  while (done < count) {
+    if (m_nUntold == 0 || tellOfLost())
+      done += writeSome(records + done, count - done);
+    if (done == count)
+      return;
+    ++done;
+    ++m_nLost;
+    ++m_nUntold;
+  }
+}
+
+// Returns how many records the file has taken in whole. The rest of a torn one is given up: the
+// next record begins with a line feed then.
+std::size_t LogFile::writeSome(const std::string_view* records, std::size_t count) {
+  assert(count <= kRecordsAtOnce);
+  const int descriptor = m_nDescriptor;
+  if (descriptor < 0)
+    return 0;
+  static constexpr std::string_view lineFeed = "\n";
+  std::array<std::string_view, kRecordsAtOnce + 1> parts;
+  const std::size_t lead = m_bTorn ? 1 : 0;
+  parts[0] = lineFeed;
+  std::copy_n(records, count, &parts[lead]);
+  const std::size_t done = writeParts(descriptor, parts.data(), count + lead, m_bTorn);
+  if (done < count + lead)
+    m_nError = errno;
+  return done - std::min(done, lead);
+}
+
+bool LogFile::tellOfLost() {
+  try {
+    RecordText text;
+    text.append(std::to_string(m_nUntold) + " records lost");
+    m_oHeader.putBefore(text, VarnLogging::State::kFailures, "Global");
+    text.append(std::string_view("\n"));
+    std::string place;
+    const std::string_view record =
+        withPriority(text.text().substr(1), VarnLogging::State::kFailures, place);
+    if (writeSome(&record, 1) == 0)
+      return false;
+    m_nUntold = 0;
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+// The journal takes each line for a record of its own.
+std::string_view LogFile::withPriority(std::string_view record, int level,
+                                       std::string& place) const {
+  if (!m_bJournal)
+    return record;
+  const std::string priority{'<', priorityOf(level), '>'};
+  place.clear();
+  while (!record.empty()) {
+    const std::string_view line = record.substr(0, record.find('\n') + 1);
+    place += priority;
+    place += line;
+    record.remove_prefix(line.size());
+  }
+  return place;
+}
+
+}  // namespace VarnSupport

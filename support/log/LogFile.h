@@ -1,0 +1,110 @@
+// What a VarnLogFile has behind its state: the file, which keeps its name, and the records that are
+// on their way there or were lost.
+//
+// Whoever has the state's turn at the file (kWriting, kChanging) uses the descriptor. Without a
+// queue that is who writes a record. With one a record is pushed under the mutex, which is held for
+// a moment, and a thread takes the turn now and then, exchanges the two blocks, and writes what is
+// in the full one, many records by one call. It starts with the first record, again after a pause
+// or a fork, and ends when there is nothing to do: a process may end by its main thread's
+// pthread_exit(). A record of level 1 does not wait for it: its own thread takes the turn.
+//
+// The file belongs to the state and to its thread in common, so that a thread which is stuck in a
+// write may come back when the log is gone.
+#ifndef SUPPORT_LOG_LOGFILE_H
+#define SUPPORT_LOG_LOGFILE_H
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "VarnSupport/VarnLogging.h"
+#include "log/LogHeader.h"
+#include "log/RecordBlock.h"
+#include "runtime/System.h"
+
+namespace VarnSupport {
+
+class LogFile : public std::enable_shared_from_this<LogFile> {
+ public:
+  // An empty name is standard error. Without `queueBytes` there is no queue.
+  LogFile(VarnLogging::State& state, const std::string& name, std::size_t queueBytes);
+  LogFile(const LogFile&) = delete;
+  LogFile& operator=(const LogFile&) = delete;
+  ~LogFile();
+
+  // Opens the file anew, and closes it. What cannot be opened leaves the old one in force.
+  // Requires: the caller has the turn at the file.
+  bool open();
+  void close();
+  bool isOpen() const { return m_nDescriptor >= 0; }
+
+  // Brings a record, which ends with a line feed, on its way, or counts it as lost.
+  // Requires: the caller has the record lock of the state.
+  void take(std::string_view record, int level);
+  // Returns when all records that were taken are written.
+  void flush();
+  // Ends the thread, when all is written, or gives up at the deadline. From then on each record is
+  // written at once.
+  void finish(MonotonicTime deadline);
+  // In the child of a fork: the records that wait are the parent's.
+  void renew();
+
+  const std::string& name() const { return m_sName; }
+  std::uint64_t lostCount() const { return m_nLost; }
+  std::string lastError() const;
+
+ private:
+  struct Queue {
+    explicit Queue(std::size_t capacity) : blocks{RecordBlock(capacity), RecordBlock(capacity)} {}
+
+    std::array<RecordBlock, 2> blocks;
+    std::size_t filling = 0;     // which of them; the other belongs to the turn
+    std::uint64_t rejected = 0;  // records, since the exchange, that there was no room for
+  };
+
+  bool push(std::string_view record);
+  bool hasThreadLocked();
+  static void* threadRoutine(void* argument);
+  void run();
+  bool writeInTurn(std::string_view record);
+
+  // For whoever has the turn.
+  void writeQueued();
+  void write(const std::string_view* records, std::size_t count);
+  std::size_t writeSome(const std::string_view* records, std::size_t count);
+  bool tellOfLost();
+  std::string_view withPriority(std::string_view record, int level, std::string& place) const;
+
+  VarnLogging::State& m_oState;
+  const std::string m_sName;
+  const std::unique_ptr<Queue> m_pQueue;  // guarded by the mutex, but for the block of the turn
+  std::atomic<std::uint64_t> m_nLost{0};
+  std::atomic<int> m_nError{0};  // of the last failure; kNotForRecords, or an errno
+  std::atomic<bool> m_bJournal{false};
+  std::atomic<bool> m_bAbandoned{false};
+  std::string m_sRecord;  // with priorities; guarded by the record lock
+
+  // For whoever has the turn.
+  std::atomic<int> m_nDescriptor{-1};
+  bool m_bTorn = false;
+  std::uint64_t m_nUntold = 0;  // records that were lost since they were last told of
+  LogHeader m_oHeader;
+
+  std::mutex m_oMutex;
+  std::condition_variable m_oWake;
+  std::condition_variable m_oEnded;
+  // Guarded by the mutex.
+  bool m_bRunning = false;
+  bool m_bUrgent = false;
+  bool m_bFinished = false;
+};
+
+}  // namespace VarnSupport
+
+#endif

@@ -1,0 +1,357 @@
+#include "VarnSupport/VarnLogFile.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <map>
+#include <regex>
+
+#include "LibraryTools.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using Background = VarnLogFile::Background;
+
+std::string textOf(const std::string& line) {
+  const std::size_t header = line.find("] ");
+  return header == std::string::npos ? line : line.substr(header + 2);
+}
+
+Lines textsOf(const std::string& file) {
+  Lines texts = linesOf(file);
+  std::transform(texts.begin(), texts.end(), texts.begin(), textOf);
+  return texts;
+}
+
+// How often each text stands in the files of a folder.
+std::map<std::string, int> countsIn(const TempFolder& folder) {
+  std::map<std::string, int> counts;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+    for (const std::string& text : textsOf(entry.path()))
+      ++counts[text];
+  }
+  return counts;
+}
+
+void limitFiles(rlim_t bytes) {
+  const rlimit limit{bytes, RLIM_INFINITY};
+  setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+// A registered VarnLogFile in a folder of its own.
+struct RegisteredFile {
+  template <typename... Options>
+  explicit RegisteredFile(Options... options) : log(folder / "app.log", 5, options...) {
+    VarnLogging::setInstance(log);
+  }
+  std::string path() const { return folder / "app.log"; }
+  Lines texts() const { return textsOf(path()); }
+
+  const TempFolder folder;
+  VarnLogFile log;
+};
+
+// Whether `result` has 4 times 500 records, each once, after 200 rotations.
+template <typename... Options>
+void rotateUnderLoad(Options... options) {
+  constexpr int kThreads = 4;
+  constexpr int kRecords = 500;
+  RegisteredFile file(options...);
+  std::atomic<int> written{0};
+  std::atomic<bool> rotated{false};
+  onThreads(kThreads + 2, [&](int thread) {
+    for (int i = 0; thread < kThreads && (i < kRecords || !rotated); ++i) {
+      VarnLogRecord(5) << thread << ":" << i;
+      ++written;
+    }
+    for (int i = 0; thread >= kThreads && i < 100; ++i) {
+      std::rename(file.path().c_str(),
+                  (file.path() + std::to_string(thread) + '.' + std::to_string(i)).c_str());
+      EXPECT_TRUE(file.log.reopen());
+    }
+    if (thread >= kThreads)
+      rotated = true;
+  });
+  file.log.flush();
+  EXPECT_EQ(0U, file.log.lostRecords()) << file.log.lastError();
+  const auto counts = countsIn(file.folder);
+  EXPECT_EQ(static_cast<std::size_t>(written), counts.size());
+  for (const auto& [text, count] : counts)
+    EXPECT_EQ(1, count) << text;
+}
+
+}  // namespace
+
+TEST(VarnLogFile, KeepsItsNameAndWhatIsThereAndIsForOwnerAndGroup) {
+  const TempFolder folder;
+  const std::string path = folder / "app.txt";
+  const mode_t previous = umask(0);
+  for (const char* const text : {"first run", "second run"}) {
+    VarnLogFile log(path, 5);
+    EXPECT_EQ(path, log.getName());
+    VarnLogging::setInstance(log);
+    VarnLogRecord("part", 3) << text;
+    *VarnLogging::getInstance() << setloglevel(6) << "above the level" << endrecord;
+    *VarnLogging::getInstance() << setloglevel("older", 5) << text << endrecord;
+  }
+  umask(previous);
+  EXPECT_EQ((Lines{"first run", "first run", "second run", "second run"}), textsOf(path));
+  EXPECT_TRUE(std::regex_match(
+      linesOf(path)[0], std::regex("[0-9]{8}_[0-9:]{8} 3 part       \\[-?[0-9]+\\] first run")));
+  EXPECT_EQ(std::filesystem::perms(0640), std::filesystem::status(path).permissions());
+}
+
+TEST(VarnLogFile, RotationUnderLoadWritesEachRecordOnce) { rotateUnderLoad(); }
+
+TEST(VarnLogFile, RotationUnderLoadWritesEachRecordOnceInTheBackground) {
+  rotateUnderLoad(Background{std::size_t{64} << 20});  // the load has no brake
+}
+
+TEST(VarnLogFile, ANameThatIsNoPlainFileIsRefusedAtOnce) {
+  const TempFolder folder;
+  writeFile(folder / "target", "");
+  std::filesystem::create_symlink(folder / "target", folder / "link");
+  std::filesystem::create_directory(folder / "folder");
+  mkfifo((folder / "fifo").c_str(), 0600);
+  mkfifo((folder / "read").c_str(), 0600);
+  const int reader = open((folder / "read").c_str(), O_RDONLY | O_NONBLOCK);
+  for (const auto& [name, reason] : {std::pair("link", "Too many levels of symbolic links"),
+                                     {"folder", "Is a directory"},
+                                     {"fifo", "is no regular file"},
+                                     {"read", "is no regular file"},
+                                     {"none/file", "No such file or directory"}}) {
+    testing::internal::CaptureStderr();
+    VarnLogFile log(folder / name, 5);
+    const std::string told = (folder / name) + ": " + reason;
+    EXPECT_EQ("VarnLogFile: Cannot open log file " + told + '\n',
+              testing::internal::GetCapturedStderr());
+    EXPECT_EQ(told, log.lastError());
+    log << "lost" << endrecord;
+    EXPECT_FALSE(log.isFileOpen() || log.reopen());
+    EXPECT_EQ(0U, log.lostRecords()) << "level 9 is above the level";
+    log << setloglevel(5) << "lost" << endrecord;
+    EXPECT_EQ(1U, log.lostRecords());
+  }
+  close(reader);
+  VarnLogFile log("/dev/null", 5);
+  EXPECT_TRUE(log.isFileOpen());
+}
+
+TEST(VarnLogFile, KeepsTheOldFileAndSaysSoWhenTheNewOneCannotBeOpened) {
+  RegisteredFile file;
+  std::filesystem::rename(file.path(), file.folder / "old");
+  std::filesystem::create_directory(file.path());
+  EXPECT_FALSE(file.log.reopen());
+  VarnLogRecord(5) << "still there";
+  EXPECT_EQ((Lines{"VarnLogFile::reopen: cannot open " + file.path() + ": Is a directory",
+                   "still there"}),
+            textsOf(file.folder / "old"));
+  std::filesystem::remove(file.path());
+  EXPECT_TRUE(file.log.reopen());
+  VarnLogRecord(5) << "new";
+  EXPECT_EQ(Lines{"new"}, file.texts());
+}
+
+TEST(VarnLogFile, ARelativeNameStaysThatOfItsFolder) {
+  EXPECT_EQ(0, runInBareChild([] {
+              const TempFolder folder;
+              std::filesystem::current_path(folder.path());
+              VarnLogFile log("app.log", 5);
+              std::filesystem::current_path("/");
+              log.setTarget(0);
+              log.setTarget(VarnLogging::kToFile);
+              return log.isFileOpen() && log.getName() == folder / "app.log" ? 0 : 1;
+            }));
+}
+
+TEST(VarnLogFile, WhatAFullFileDoesNotTakeIsCountedAndToldOf) {
+  for (const std::size_t queueBytes : {0, 4096}) {
+    const TempFolder folder;
+    const std::string path = folder / "app.log";
+    EXPECT_EQ(0, runInBareChild([&] {
+                VarnLogFile log(path, 5, Background{queueBytes});
+                VarnLogging::setInstance(log);
+                limitFiles(3);  // SIGXFSZ would end the process
+                VarnLogRecord(0) << "torn";
+                VarnLogRecord(0) << "lost";
+                log.flush();
+                const bool isCounted =
+                    log.lostRecords() == 2 && log.lastError() == path + ": File too large";
+                limitFiles(100000);
+                VarnLogRecord(0) << "there is room";
+                log.flush();
+                return isCounted && log.lostRecords() == 2 ? 0 : 1;
+              }));
+    VarnLogFile(path, 5).writeLine("next run");
+    EXPECT_EQ((Lines{"tor", "2 records lost", "there is room", "next run"}), textsOf(path));
+  }
+}
+
+TEST(VarnLogFile, ALineThatALastRunLeftTornIsEnded) {
+  const TempFolder folder;
+  writeFile(folder / "app.log", "killed in the mid");
+  VarnLogFile(folder / "app.log", 5).writeLine("next run");
+  EXPECT_EQ((Lines{"killed in the mid", "next run"}), linesOf(folder / "app.log"));
+}
+
+TEST(VarnLogFile, WithoutANameStandardErrorHasItWithPrioritiesForTheJournal) {
+  const TempFolder folder;
+  const std::string file = folder / "journal";
+  EXPECT_EQ(0, runInBareChild([&] {
+              dup2(open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
+              struct stat status {};
+              fstat(STDERR_FILENO, &status);
+              VarnLogFile log("", 9);
+              log.writeLine("plain");
+              const std::string name =
+                  std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino);
+              setenv("JOURNAL_STREAM", name.c_str(), 1);
+              log.reopen();
+              log << setloglevel(1) << "failure\n<0>forged" << endrecord;
+              log << setloglevel(9) << "trace" << endrecord;
+              log.writeLine("no header");
+              return 0;
+            }));
+  const Lines lines = linesOf(file);
+  ASSERT_EQ(5U, lines.size());
+  EXPECT_EQ("plain", lines[0]);
+  EXPECT_EQ("<3>2", lines[1].substr(0, 4));
+  EXPECT_EQ("<3><0>forged", lines[2]);
+  EXPECT_EQ("<7>2", lines[3].substr(0, 4));
+  EXPECT_EQ("<6>no header", lines[4]);
+}
+
+TEST(VarnLogFile, AClosedPipeRaisesNoSignal) {
+  EXPECT_EQ(0, runInBareChild([] {
+              int ends[2] = {};
+              if (pipe(ends) != 0)
+                return 2;
+              dup2(ends[1], STDERR_FILENO);
+              close(ends[0]);
+              VarnLogFile log("", 5);
+              log.writeLine("lost");
+              sigset_t pending;
+              sigpending(&pending);
+              return log.lostRecords() == 1 && sigismember(&pending, SIGPIPE) == 0 ? 0 : 1;
+            }));
+}
+
+TEST(VarnLogFile, InTheBackgroundLevel1DoesNotWait) {
+  RegisteredFile file(Background{});
+  VarnLogRecord(5) << "before";
+  VarnLogRecord(1) << "failure";
+  EXPECT_EQ((Lines{"before", "failure"}), file.texts());
+  VarnLogRecord(5) << "after";
+  EXPECT_TRUE(eventually([&] { return file.texts().size() == 3; }));
+}
+
+TEST(VarnLogFile, WhatDoesNotFitTheQueueIsCountedAndToldOf) {
+  RegisteredFile file(Background{1000});
+  const std::string large(2000, 'x');
+  VarnLogRecord(5) << large;
+  EXPECT_EQ(Lines{large}, file.texts()) << "what never fits is written at once";
+  std::uint64_t written = 1;
+  for (; file.log.lostRecords() == 0; ++written)
+    VarnLogRecord(5) << std::string(300, 'y');
+  file.log.flush();
+  const Lines texts = file.texts();
+  EXPECT_EQ("1 records lost", texts.back());
+  EXPECT_EQ(written, texts.size());
+  EXPECT_EQ(file.path() + ": No buffer space available", file.log.lastError());
+}
+
+TEST(VarnLogFile, EverythingIsOutAtTheEndOfTheProcess) {
+  struct AtExit {
+    ~AtExit() { VarnLogRecord(5) << "from a destructor"; }
+  };
+  for (const bool isReturn : {true, false}) {
+    const TempFolder folder;
+    EXPECT_EQ(3, runInChild([&] {
+                static const AtExit older;
+                auto* const log = new VarnLogFile(folder / "app.log", 5, Background{});
+                VarnLogging::setInstance(*log);
+                for (int i = 0; i < 1000; ++i)
+                  VarnLogRecord(5) << i;
+                if (!isReturn)
+                  std::thread([] { std::exit(3); }).join();
+                return 3;
+              }));
+    const Lines texts = textsOf(folder / "app.log");
+    ASSERT_EQ(1001U, texts.size());
+    EXPECT_EQ("999", texts[999]);
+    EXPECT_EQ("from a destructor", texts[1000]);
+  }
+}
+
+TEST(VarnLogFile, ATargetThatTakesNothingHoldsUpTheExitForAFewSecondsOnly) {
+  std::vector<pid_t> children;
+  for (const bool isDestroyed : {true, false}) {
+    children.push_back(startChild([&] {
+      int ends[2] = {};
+      if (pipe(ends) != 0)
+        return 2;
+      dup2(ends[1], STDERR_FILENO);
+      auto* const log = new VarnLogFile("", 5, Background{});
+      VarnLogging::setInstance(*log);
+      for (int i = 0; i < 2000; ++i)
+        VarnLogRecord(5) << std::string(100, 'x');
+      if (isDestroyed)
+        delete log;
+      return 3;
+    }));
+  }
+  for (const pid_t child : children)
+    EXPECT_EQ(3, outcomeOf(child));
+}
+
+TEST(VarnLogFile, AChildHasNoneOfTheRecordsThatWaitAndWritesItsOwn) {
+  if (kThreadSanitizer)
+    GTEST_SKIP() << "no threads in the child of a process that had some";
+  RegisteredFile file(Background{});
+  const std::jthread load = repeating([] { VarnLogRecord(9) << "rejected"; });
+  for (int i = 0; i < 50; ++i) {
+    VarnLogRecord(5) << "parent " << i;
+    EXPECT_EQ(0, runInChild([&] {
+                VarnLogRecord(5) << "child " << i;
+                return 0;
+              }));
+  }
+  file.log.flush();
+  const auto counts = countsIn(file.folder);
+  EXPECT_EQ(100U, counts.size());
+  for (const auto& [text, count] : counts)
+    EXPECT_EQ(1, count) << text;
+}
+
+TEST(VarnLogFile, AThreadThatIsKilledWhileItWritesLeavesWholeRecords) {
+  for (const std::size_t queueBytes : {0, 4096}) {
+    RegisteredFile file(Background{queueBytes});
+    for (int i = 0; i < 20; ++i) {
+      std::atomic<int> turns{0};
+      Task task([&]() -> int {
+        while (true) {
+          VarnLogRecord(turns % 2 + 1) << "whole";
+          ++turns;
+        }
+      });
+      task.start();
+      EXPECT_TRUE(eventually([&] { return turns > 10; }));
+      killAndJoin(task);
+      EXPECT_TRUE(file.log.reopen());
+    }
+    file.log.flush();
+    for (const std::string& text : file.texts())
+      EXPECT_TRUE(text == "whole" || contains(text, "records lost")) << text;
+  }
+}
+
+TEST(VarnLogFile, MayEndWhileOthersLog) {
+  const std::jthread load = repeating([] { VarnLogRecord(5) << "record"; });
+  const std::jthread urgent = repeating([] { VarnLogRecord(1) << "record"; });
+  for (int i = 0; i < 50; ++i) {
+    RegisteredFile file(Background{static_cast<std::size_t>(i % 2) * 4096});
+    EXPECT_TRUE(eventually([&] { return !file.texts().empty(); }));
+  }
+}

@@ -13,6 +13,7 @@
 #include "Workload.h"
 
 #ifdef PEER_SPDLOG
+#include <spdlog/async.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
 #endif
@@ -37,6 +38,7 @@
 namespace {
 
 using Bench::Workload;
+using VarnSupport::VarnLogFile;
 using VarnSupport::VarnLogging;
 using VarnSupport::VarnLogRecord;
 
@@ -44,6 +46,7 @@ const Bench::TemporaryFolder g_oFolder;
 const Workload g_oOneThread("log, record by 1 thread");
 const Workload g_oTwoThreads("log, record by 2 threads");
 const Workload g_oSuppressed("log, suppressed record");
+const Workload g_oBackground("log, record for a thread to write");
 
 // Whether a file whose name begins with `side` has the record.
 bool hasRecord(const std::string& side) {
@@ -75,6 +78,24 @@ void addRecord(const std::string& side, const std::function<void(int)>& writeRec
   g_oTwoThreads.side(side, body)->Threads(2)->UseRealTime();
 }
 
+// What a record costs its caller. The thread writes while the clock stands: `settle` returns when
+// it has, and whether nothing was lost.
+void addBackground(const std::string& side, const std::function<void(int)>& writeRecord,
+                   const std::function<bool()>& settle) {
+  g_oBackground.side(side, [side, writeRecord, settle](benchmark::State& state) {
+    constexpr int kRecords = 1000;
+    for (auto _ : state) {
+      for (int i = 0; i < kRecords; ++i)
+        writeRecord(42);
+      state.PauseTiming();
+      Bench::require(state, settle());
+      state.ResumeTiming();
+    }
+    Bench::require(state, hasRecord(side));
+    state.SetItemsProcessed(state.iterations() * kRecords);
+  });
+}
+
 // A hundred records per turn, so that the clock's own loop does not count.
 template <typename Record>
 void addSuppressed(const std::string& side, Record writeRecord) {
@@ -93,10 +114,26 @@ void addSuppressed(const std::string& side, Record writeRecord) {
 void addOurs() {
   static VarnLogging log(g_oFolder / "ours", VarnLogging::kToFile, 5);
   VarnLogging::setInstance(log);
-  addRecord("ours", [](int count) {
+  static const auto write = [](int count) {
     if (VarnLogging::admits(5))
       VarnLogRecord("Worker", 5) << "run: started " << count << " jobs, all of them on time";
-  });
+  };
+  addRecord("ours", write);
+  static VarnLogFile background(g_oFolder / "ours, later", 5, VarnLogFile::Background{});
+  static VarnLogFile atOnce(g_oFolder / "ours, at once", 5);
+  for (VarnLogFile* const file : {&background, &atOnce})
+    addBackground(
+        file == &atOnce ? "ours, at once" : "ours",
+        [file](int count) {
+          if (VarnLogging::getInstance() != file)
+            VarnLogging::setInstance(*file);
+          write(count);
+        },
+        [file] {
+          file->flush();
+          VarnLogging::setInstance(log);
+          return file->lostRecords() == 0;
+        });
   addSuppressed("ours, older form", [](int count) {
     if (VarnLogging::isAccessAllowed() && VarnLogging::getInstance()->getLogLevel() >= 9)
       *VarnLogging::getInstance() << VarnSupport::setloglevel("Worker", 9) << "run: started "
@@ -144,6 +181,18 @@ void addSpdlog() {
   log->flush_on(spdlog::level::trace);
   addRecord("spdlog",
             [](int count) { log->info("run: started {} jobs, all of them on time", count); });
+  static const auto background = spdlog::create_async<spdlog::sinks::basic_file_sink_mt>(
+      "Worker ", g_oFolder / "spdlog async");
+  background->set_pattern("%Y%m%d_%H:%M:%S %l %n [%t] %v");
+  addBackground(
+      "spdlog async",
+      [](int count) { background->info("run: started {} jobs, all of them on time", count); },
+      [] {
+        background->flush();
+        while (spdlog::thread_pool()->queue_size() > 0)
+          usleep(100);
+        return true;
+      });
   addSuppressed("spdlog",
                 [](int count) { log->trace("run: started {} jobs, all of them on time", count); });
 }

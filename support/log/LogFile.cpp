@@ -26,7 +26,7 @@ namespace {
 // How long a record may wait for others, which are then written with it.
 constexpr std::chrono::milliseconds kGathering{20};
 // How long the thread waits for a record before it ends.
-constexpr std::chrono::seconds kIdle{5};
+constexpr std::chrono::seconds kIdle{1};
 constexpr std::size_t kRecordsAtOnce = 256;
 
 // Whether standard error is the journal's: it says so by device and inode, as descriptors are
@@ -36,6 +36,13 @@ bool isErrorStreamOfJournal() {
   struct stat status {};
   return named != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
          std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == named;
+}
+
+bool isSameFile(int one, int other) {
+  struct stat first {};
+  struct stat second {};
+  return one >= 0 && fstat(one, &first) == 0 && fstat(other, &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
 // As the journal and syslog count, from 0, the worst, to 7.
@@ -67,10 +74,12 @@ bool LogFile::open() {
     m_nError = opened.error;
     return false;
   }
+  // Other processes may be in the middle of a record in the same file.
+  const bool isTorn = isSameFile(m_nDescriptor, opened.descriptor) ? m_bTorn : opened.isTorn;
   close();
   m_bJournal = m_sName.empty() && isErrorStreamOfJournal();
   m_nDescriptor = opened.descriptor;
-  m_bTorn = opened.isTorn;
+  m_bTorn = isTorn;
   return true;
 }
 

@@ -37,7 +37,7 @@ class LevelReader {
   std::string read(std::string_view text) {
     while (true) {
       const std::size_t end = text.find(',');
-      const std::string error = readPart(trimmed(text.substr(0, end)));
+      std::string error = readPart(trimmed(text.substr(0, end)));
       if (!error.empty() || end == std::string_view::npos)
         return error;
       text.remove_prefix(end + 1);

@@ -1,32 +1,27 @@
 // A service runs its start hook, waits for its stop event, and runs its stop hook, all on the
 // thread of start(). A handler of a stop signal only posts (SignalRelay); the relay starts a thread
 // that calls stop(), since the dependents of the event take as long as they like.
-//
-// A daemon reports on a pipe whether its start hook has succeeded, and the launching process waits
-// for that, or for the end of the pipe, before it exits. The descriptors of the pipe are above the
-// standard streams, and are looked at again before they are used: a start hook may close what it
-// does not know.
 #include "VarnSupport/VarnService.h"
 
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <ctime>
 #include <initializer_list>
 #include <new>
 
+#include "VarnSupport/VarnPidFile.h"
+#include "VarnSupport/VarnServiceManager.h"
 #include "log/OwnRecords.h"
 #include "runtime/CallUnderWay.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/SignalRelay.h"
 #include "runtime/System.h"
+#include "runtime/SystemThreads.h"
+#include "service/DaemonLaunch.h"
 #include "threads/EventTicket.h"
 
 namespace VarnSupport {
@@ -34,13 +29,6 @@ namespace VarnSupport {
 namespace {
 
 enum tState : std::int32_t { RUNNING = 0, IDLE = 1, STOP_REQUESTED = 2 };
-
-// What the daemon reports to the launching process, and what that makes of silence.
-constexpr std::int32_t kStarted = 0;
-constexpr std::int32_t kNotStarted = 1;
-constexpr std::int32_t kNoAnswer = -3;
-constexpr std::int32_t kWaitFailed = -4;
-constexpr std::chrono::seconds kAnswerTime{60};
 
 constexpr useconds_t kBeforeStopHookMicroseconds = 10000;
 constexpr useconds_t kBeforeAnotherTryMicroseconds = 10000;
@@ -57,21 +45,10 @@ void trace(const char* text) { OwnRecords::write(OwnRecords::TRACE, text); }
 void handOver(int signal) {
   if (signal != SIGINT && signal != SIGTERM)
     return;
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_t thread{};
-  const int result = pthread_create(
-      &thread, &attributes,
-      [](void* number) -> void* {
-        pthread_setname_np(pthread_self(), "vsupt-stop");
-        SignalRelay::adoptCallersMask();
-        ControlHandler(static_cast<int>(reinterpret_cast<std::intptr_t>(number)));
-        return nullptr;
-      },
-      reinterpret_cast<void*>(std::intptr_t{signal}));
-  pthread_attr_destroy(&attributes);
-  if (result == 0)
+  const auto stop = [](void* number) {
+    ControlHandler(static_cast<int>(reinterpret_cast<std::intptr_t>(number)));
+  };
+  if (startDetached("vsupt-stop", stop, reinterpret_cast<void*>(std::intptr_t{signal})))
     return;
   if (SignalRelay::isRelay())
     SignalRelay::expectWithin(signal, kBeforeAnotherTryMicroseconds / 1000);
@@ -86,70 +63,12 @@ void routeSignals(std::initializer_list<int> signals) {
   SignalRelay::ensureRunning();
 }
 
-// A pipe that takes no place of a standard stream, which the program may open, or write to, later.
-bool openReportPipe(int (&ends)[2]) {
-  int low[2];
-  if (pipe2(low, O_CLOEXEC) != 0)
-    return false;
-  for (int i = 0; i < 2; ++i) {
-    ends[i] = fcntl(low[i], F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    close(low[i]);
-  }
-  if (ends[0] >= 0 && ends[1] >= 0)
-    return true;
-  close(ends[0]);
-  close(ends[1]);
-  return false;
+// The reason why a service does not start, for whoever sits at the terminal.
+void tellRefusal(const std::string& service, const std::string& reason) {
+  const std::string name = service.empty() ? program_invocation_short_name : service;
+  const std::string line = name + ": " + reason + '\n';
+  retrying([&] { return write(STDERR_FILENO, line.data(), line.size()); });
 }
-
-timeval timeUntil(MonotonicTime deadline) {
-  using std::chrono::microseconds;
-  const auto left = std::max(deadline - monotonicNow(), MonotonicTime::duration::zero());
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-  const auto rest = std::chrono::duration_cast<microseconds>(left - seconds);
-  return {static_cast<std::time_t>(seconds.count()), static_cast<suseconds_t>(rest.count())};
-}
-
-// Waits for the daemon's report in the launching process, which ends afterwards.
-std::int32_t awaitReport(int descriptor) {
-  // A set of descriptors has no place for high ones; standard input is not needed any more.
-  if (descriptor >= FD_SETSIZE)
-    descriptor = dup2(descriptor, STDIN_FILENO);
-  const MonotonicTime deadline = monotonicNow() + kAnswerTime;
-  const int ready = retrying([&] {
-    fd_set descriptors;
-    FD_ZERO(&descriptors);
-    FD_SET(descriptor, &descriptors);
-    timeval left = timeUntil(deadline);
-    return select(descriptor + 1, &descriptors, nullptr, nullptr, &left);
-  });
-  if (ready <= 0)
-    return ready == 0 ? kNoAnswer : kWaitFailed;
-  // A daemon that died without a report leaves nothing to read.
-  std::int32_t status = kNotStarted;
-  const ssize_t length = retrying([&] { return read(descriptor, &status, sizeof status); });
-  return length == sizeof status ? status : kNotStarted;
-}
-
-// The daemon's end of the pipe. The start hook may close descriptors that it does not own, and open
-// files that get their numbers: what is not the pipe any more is left alone.
-class Report {
- public:
-  explicit Report(int descriptor) : m_nDescriptor(descriptor) { fstat(descriptor, &m_oStatus); }
-
-  void send(std::int32_t status) {
-    struct stat now {};
-    if (fstat(m_nDescriptor, &now) != 0 || now.st_dev != m_oStatus.st_dev ||
-        now.st_ino != m_oStatus.st_ino)
-      return;
-    retrying([&] { return write(m_nDescriptor, &status, sizeof status); });
-    close(m_nDescriptor);
-  }
-
- private:
-  int m_nDescriptor;
-  struct stat m_oStatus {};
-};
 
 }  // namespace
 
@@ -184,12 +103,14 @@ bool VarnService::start(const std::string& arguments, bool daemonize) {
 }
 
 bool VarnService::startHere(const std::string& arguments) {
-  if (!onStart(arguments))
+  if (!runStartHook(arguments))
     return false;
   beginRunning();
   routeSignals({SIGINT, SIGTERM, SIGPIPE});
+  VarnServiceManager::ready();
   trace("VarnService::start: waiting for service to exit");
   awaitStop();
+  VarnServiceManager::stopping();
   trace("VarnService::start: service completed.");
   onStop();
   m_nState = IDLE;
@@ -199,21 +120,8 @@ bool VarnService::startHere(const std::string& arguments) {
 
 bool VarnService::startDaemon(const std::string& arguments) {
   m_bDaemon = true;
-  int ends[2];
-  if (!openReportPipe(ends))
-    return false;
-  const pid_t child = fork();
-  if (child < 0) {
-    close(ends[0]);
-    close(ends[1]);
-    return false;
-  }
-  if (child > 0) {
-    close(ends[1]);
-    _exit(awaitReport(ends[0]));
-  }
-  close(ends[0]);
-  return runDaemon(arguments, ends[1]);
+  const int reportTo = launchDaemon();
+  return reportTo >= 0 && runDaemon(arguments, reportTo);
 }
 
 bool VarnService::runDaemon(const std::string& arguments, int reportTo) {
@@ -224,25 +132,37 @@ bool VarnService::runDaemon(const std::string& arguments, int reportTo) {
   routeSignals({SIGINT, SIGTERM, SIGCHLD, SIGPIPE});
   trace("VarnService::start: waiting for service to exit");
   beginRunning();
-  Report report(reportTo);
+  DaemonReport report(reportTo);
   bool started = false;
   try {
-    started = onStart(arguments);
+    started = runStartHook(arguments);
   } catch (...) {
-    report.send(kNotStarted);
+    report.send(false);
     m_nState = IDLE;
     throw;
   }
-  report.send(started ? kStarted : kNotStarted);
+  if (started)
+    VarnServiceManager::ready();
+  report.send(started);
   if (!started) {
     m_nState = IDLE;
     return false;
   }
   awaitStop();
+  VarnServiceManager::stopping();
   usleep(kBeforeStopHookMicroseconds);
   onStop();
   m_nState = IDLE;
   return true;
+}
+
+bool VarnService::runStartHook(const std::string& arguments) {
+  try {
+    return onStart(arguments);
+  } catch (const VarnStartRefused& refusal) {
+    tellRefusal(serviceName(), refusal.getText());
+    return false;
+  }
 }
 
 // A stop that has been requested since start() began is not forgotten.

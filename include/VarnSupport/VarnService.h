@@ -4,6 +4,9 @@
 // stop is requested by stop(), SIGINT or SIGTERM, and runs the second. Signals act through
 // ControlHandler(), on a library thread. One service per process answers to signals, the one that
 // was built last. stop() and the queries are safe from any thread.
+//
+// A service manager is told when the start hook has succeeded, and before the stop hook runs; see
+// VarnServiceManager.h. Without one nothing of that happens.
 #ifndef VARNSUPPORT_VARNSERVICE_H
 #define VARNSUPPORT_VARNSERVICE_H
 
@@ -33,7 +36,8 @@ class VSUPT_EXPORT VarnService {
   //
   // The signals are routed before a daemon's start hook runs, and after it in the foreground. From
   // then on SIGPIPE is ignored, in a daemon also SIGCHLD, for the rest of the process. What a hook
-  // throws passes through; a daemon then is to end, as its starter waits for that.
+  // throws passes through, but for a VarnStartRefused (VarnPidFile.h) of the start hook, which
+  // refuses; a daemon then is to end, as its starter waits for that.
   //
   // With `daemonize` the caller's process ends here, at once and without clean-up; its exit code is
   // 0 when the hook succeeded, 1 when it refused or threw, or the daemon died before, 253 (-3) when
@@ -69,6 +73,7 @@ class VSUPT_EXPORT VarnService {
   bool startHere(const std::string& arguments);
   bool startDaemon(const std::string& arguments);
   bool runDaemon(const std::string& arguments, int reportTo);
+  VSUPT_LOCAL bool runStartHook(const std::string& arguments);
   void beginRunning();
   void awaitStop();
 

@@ -21,8 +21,8 @@ namespace {
 
 // In lock order: what is taken first stands first. The global section is the last lock that
 // anything takes; the gate is closed when there is nothing left to wait for.
-constexpr std::array kParts{&serviceFork, &factoryFork, &threadFork, &waitFork,
-                            &timerFork,   &controlFork, &logFork,    &zoneFork,
+constexpr std::array kParts{&serviceFork, &factoryFork, &threadFork, &waitFork,        &timerFork,
+                            &controlFork, &logFork,     &zoneFork,   &signalEventFork, &pidFileFork,
                             &relayFork,   &exitFork,    &sectionFork};
 
 void prepare() {

@@ -33,12 +33,17 @@ extern const ForkPart timerFork;
 extern const ForkPart controlFork;
 extern const ForkPart logFork;
 extern const ForkPart zoneFork;
+extern const ForkPart signalEventFork;
+extern const ForkPart pidFileFork;
 extern const ForkPart relayFork;
 extern const ForkPart exitFork;
 extern const ForkPart sectionFork;
 
 // Around a fork() whose child does nothing but exec: nothing is prepared then.
 class ForkToExec : public ThreadScopeOf<ForkToExec> {};
+
+// Around a fork() whose parent ends: what is one process's alone goes over to the child.
+class ForkToGoOn : public ThreadScopeOf<ForkToGoOn> {};
 
 // How many forks, without an exec, led to this process since the library was loaded. It does not
 // change while a process has a second thread.

@@ -11,15 +11,14 @@
 // alive, and ends as soon as it is alone.
 #include "runtime/SignalRelay.h"
 
-#include <dirent.h>
 #include <pthread.h>
 #include <semaphore.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bitset>
 #include <cassert>
 #include <cerrno>
 #include <cstdint>
@@ -29,6 +28,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/System.h"
+#include "runtime/SystemThreads.h"
 
 namespace VarnSupport {
 
@@ -38,13 +38,17 @@ constexpr MonotonicTime kNever = MonotonicTime::max();
 
 struct Route {
   std::atomic<SignalRelay::Routine> routine{nullptr};
+  std::atomic<SignalRelay::Routine> listener{nullptr};
   std::atomic<bool> pending{false};
-  MonotonicTime expectedUntil = kNever;  // guarded by the mutex
+  std::atomic<std::uint64_t> deliveries{0};
+  // Guarded by the mutex.
+  MonotonicTime expectedUntil = kNever;
+  struct sigaction previous {};  // what the listener displaced
 };
 
-static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler uses it");
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "the signal handler uses it");
 
-constexpr std::size_t kSignals = 32;  // real-time signals are not routed
+constexpr std::size_t kSignals = 65;  // with the real-time ones
 
 constexpr std::chrono::milliseconds kLookAlone{100};
 constexpr int kLooksToSettle = 100;
@@ -75,6 +79,7 @@ Route& routeOf(int signal) {
 // SIGUSR2 also interrupts threads that are killed.
 void onSignal(int signal) {
   const int savedErrno = errno;
+  routeOf(signal).deliveries.fetch_add(1);
   if (signal != SIGUSR2 || t_pCancellation == nullptr || !t_pCancellation->handleSignal())
     SignalRelay::post(signal);
   errno = savedErrno;
@@ -102,42 +107,33 @@ void awaitWork() {
   });
 }
 
-// The signals, as bits, that have come, or have not come in time.
-std::uint32_t takeDue() {
+// The signals that have come, or have not come in time.
+std::bitset<kSignals> takeDue() {
   const std::lock_guard guard(relay.mutex);
   const MonotonicTime now = monotonicNow();
-  std::uint32_t due = 0;
+  std::bitset<kSignals> due;
   for (std::size_t signal = 0; signal < kSignals; ++signal) {
     Route& route = relay.routes[signal];
     const bool isLost = route.expectedUntil <= now;
     if (!route.pending.exchange(false) && !isLost)
       continue;
     route.expectedUntil = kNever;
-    due |= std::uint32_t{1} << signal;
+    due.set(signal);
   }
   return due;
 }
 
 void runDue() {
-  const std::uint32_t due = takeDue();
-  for (int signal = 1; signal < static_cast<int>(kSignals); ++signal) {
-    if ((due >> signal & 1) != 0)
-      routeOf(signal).routine.load()(signal);
+  const std::bitset<kSignals> due = takeDue();
+  for (std::size_t signal = 1; signal < kSignals; ++signal) {
+    if (!due.test(signal))
+      continue;
+    for (const auto* const action :
+         {&relay.routes[signal].routine, &relay.routes[signal].listener}) {
+      if (const SignalRelay::Routine routine = *action)
+        routine(static_cast<int>(signal));
+    }
   }
-}
-
-// Whether the calling thread is the last: the system lists a main thread that has ended, too.
-bool isAlone() {
-  int tasks = 0;
-  DIR* const folder = opendir("/proc/self/task");
-  if (folder == nullptr)
-    return false;
-  while (const dirent* const entry = readdir(folder)) {
-    if (entry->d_name[0] != '.')
-      ++tasks;
-  }
-  closedir(folder);
-  return tasks <= 2;
 }
 
 // True when the relay is to end, and the process with it.
@@ -176,43 +172,31 @@ void watchMainThread() {
     pthread_setspecific(key, &relay);
 }
 
-// Starts the relay on a stack of its own: in the child of a fork, a new thread would otherwise
-// stand on the stack of a vanished one, where objects may still be registered.
-bool createRelay(pthread_attr_t& attributes) {
-  constexpr std::size_t kGuardBytes = std::size_t{1} << 16;  // a page at least
-  constexpr std::size_t kStackBytes = std::size_t{1} << 20;
-  void* const memory = mmap(nullptr, kGuardBytes + kStackBytes, PROT_NONE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-  if (memory == MAP_FAILED)
-    return false;
-  void* const stack = static_cast<char*>(memory) + kGuardBytes;
-  if (mprotect(stack, kStackBytes, PROT_READ | PROT_WRITE) == 0 &&
-      pthread_attr_setstack(&attributes, stack, kStackBytes) == 0 &&
-      pthread_create(&relay.thread, &attributes, runRelay, nullptr) == 0)
-    return true;
-  munmap(memory, kGuardBytes + kStackBytes);
-  return false;
-}
-
 // Starts the relay with every signal blocked, so that none of the program's handlers runs on it.
 void startLocked() {
   if (relay.running)
     return;
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   sigset_t all;
   sigset_t previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
-  relay.running = createRelay(attributes);
+  relay.running = startOnOwnStack(relay.thread, runRelay);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  pthread_attr_destroy(&attributes);
 }
 
 bool hasWork() {
   return relay.busy || std::any_of(relay.routes.begin(), relay.routes.end(),
                                    [](const Route& route) { return route.pending.load(); });
+}
+
+// What is needed before a handler is installed.
+void prepareLocked() {
+  if (relay.prepared)
+    return;
+  sem_init(&relay.semaphore, 0, 0);
+  relay.prepared = true;
+  if (gettid() == getpid())
+    watchMainThread();
 }
 
 bool isRelayLocked() { return relay.running && pthread_equal(relay.thread, pthread_self()) != 0; }
@@ -222,16 +206,37 @@ bool isRelayLocked() { return relay.running && pthread_equal(relay.thread, pthre
 void SignalRelay::route(int number, Routine routine) {
   {
     const std::lock_guard guard(relay.mutex);
-    if (!relay.prepared) {
-      sem_init(&relay.semaphore, 0, 0);
-      relay.prepared = true;
-      if (gettid() == getpid())
-        watchMainThread();
-    }
+    prepareLocked();
     routeOf(number).routine.store(routine);
   }
   ::signal(number, onSignal);
 }
+
+bool SignalRelay::listen(int number, Routine listener) {
+  const std::lock_guard guard(relay.mutex);
+  prepareLocked();
+  Route& route = routeOf(number);
+  route.listener.store(listener);
+  struct sigaction ours {};
+  ours.sa_handler = onSignal;
+  ours.sa_flags = SA_RESTART;
+  if (sigaction(number, &ours, &route.previous) == 0)
+    return true;
+  route.listener.store(nullptr);
+  return false;
+}
+
+void SignalRelay::stopListening(int number) {
+  const std::lock_guard guard(relay.mutex);
+  Route& route = routeOf(number);
+  route.listener.store(nullptr);
+  struct sigaction now {};
+  if (route.routine == nullptr && sigaction(number, nullptr, &now) == 0 &&
+      now.sa_handler == onSignal)
+    sigaction(number, &route.previous, nullptr);
+}
+
+std::uint64_t SignalRelay::deliveries(int signal) { return routeOf(signal).deliveries; }
 
 bool SignalRelay::ensureRunning() {
   const std::lock_guard guard(relay.mutex);
@@ -299,8 +304,10 @@ void SignalRelay::settle() {
 }
 
 void SignalRelay::resumeInChild() {
+  const auto isListenedFor = [](const Route& route) { return route.listener.load() != nullptr; };
   const auto isRouted = [](int signal) { return routeOf(signal).routine.load() != nullptr; };
-  if (relay.ranInParent && (isRouted(SIGTERM) || isRouted(SIGINT)))
+  if (relay.ranInParent && (isRouted(SIGTERM) || isRouted(SIGINT) ||
+                            std::any_of(relay.routes.begin(), relay.routes.end(), isListenedFor)))
     ensureRunning();
 }
 

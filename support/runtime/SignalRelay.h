@@ -11,6 +11,7 @@
 #define SUPPORT_RUNTIME_SIGNALRELAY_H
 
 #include <csignal>
+#include <cstdint>
 
 namespace VarnSupport {
 
@@ -21,6 +22,16 @@ class SignalRelay {
   // Installs the handler of `signal`, with signal(); from then on `routine` runs on the relay after
   // each delivery. Several deliveries may be answered by one call.
   static void route(int signal, Routine routine);
+
+  // Has `listener` run, too, until stopListening(): for whoever wants the signal for a while,
+  // beside what the library routes. Each signal has one listener. False when the system refuses the
+  // handler.
+  static bool listen(int signal, Routine listener);
+  // Puts back what listen() displaced, unless the signal has been routed since, or somebody else
+  // has installed a handler.
+  static void stopListening(int signal);
+  // How often the handler of `signal` has run.
+  static std::uint64_t deliveries(int signal);
 
   // Starts the relay unless it runs; called by whoever is about to depend on it, not in signal
   // context. False when the system refuses a thread: signals are kept until a later call succeeds.
@@ -44,7 +55,8 @@ class SignalRelay {
   static void expectWithin(int signal, long milliseconds);
 
   // The relay's own mask blocks all but the library's signals. Threads that it starts for user code
-  // adopt a mask that a user's thread had: that of the last caller of rememberCallersMask().
+  // adopt a mask that a user's thread had: that of the last caller of rememberCallersMask();
+  // startDetached() does so.
   static void rememberCallersMask();
   static void adoptCallersMask();
 
@@ -52,7 +64,7 @@ class SignalRelay {
   // the middle of, the child would find half done, and not every heap is whole in a child then.
   static void settle();
   // In the child of a fork, when all is whole: starts the relay again if it ran and others than the
-  // library may send the signals that are routed.
+  // library may send the signals that are routed or listened for.
   static void resumeInChild();
 };
 

@@ -1,0 +1,165 @@
+#include "VarnSupport/VarnServiceManager.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+#include "runtime/Cancellation.h"
+#include "runtime/System.h"
+
+namespace VarnSupport {
+
+namespace {
+
+using std::chrono::microseconds;
+
+constexpr std::chrono::milliseconds kPatience{1000};
+constexpr std::size_t kMostStatusBytes = 1000;  // a manager reads no more than 4,096 in all
+
+struct Address {
+  sockaddr_un address{};
+  socklen_t length = 0;
+};
+
+std::string_view environmentText(const char* name) {
+  const char* const text = std::getenv(name);
+  return text != nullptr ? text : "";
+}
+
+// Nothing for a socket of a kind that is not known here, such as one of a virtual machine's host.
+std::optional<Address> addressOf(std::string_view name) {
+  Address result;
+  if (name.size() < 2 || name.size() >= sizeof result.address.sun_path ||
+      (name.front() != '/' && name.front() != '@'))
+    return std::nullopt;
+  result.address.sun_family = AF_UNIX;
+  name.copy(result.address.sun_path, name.size());
+  if (name.front() == '@')
+    result.address.sun_path[0] = '\0';
+  // The name of an abstract socket is as long as the address says, without a closing NUL.
+  const std::size_t closing = name.front() == '@' ? 0 : 1;
+  result.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + closing);
+  return result;
+}
+
+// A socket to the manager for the time of one message: a program may close all descriptors that it
+// does not know.
+class Connection {
+ public:
+  explicit Connection(const Address& manager)
+      : m_nSocket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    m_bConnected =
+        m_nSocket >= 0 && connect(m_nSocket, reinterpret_cast<const sockaddr*>(&manager.address),
+                                  manager.length) == 0;
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection() {
+    if (m_nSocket >= 0)
+      close(m_nSocket);
+  }
+
+  bool send(std::string_view message) const {
+    const MonotonicTime deadline = monotonicNow() + kPatience;
+    while (m_bConnected) {
+      const ssize_t sent =
+          retrying([&] { return ::send(m_nSocket, message.data(), message.size(), MSG_NOSIGNAL); });
+      if (sent >= 0)
+        return true;
+      if ((errno != EAGAIN && errno != ENOBUFS) || !awaitRoom(deadline))
+        return false;
+    }
+    return false;
+  }
+
+ private:
+  // False when the time is over.
+  bool awaitRoom(MonotonicTime deadline) const {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - monotonicNow()).count();
+    if (left <= 0)
+      return false;
+    // Room in a queue that is short of memory is not announced.
+    constexpr long kLookMilliseconds = 20;
+    pollfd descriptor{m_nSocket, POLLOUT, 0};
+    poll(&descriptor, 1, static_cast<int>(std::min<long>(left, kLookMilliseconds)));
+    return true;
+  }
+
+  int m_nSocket;
+  bool m_bConnected = false;
+};
+
+bool tell(const std::string& message) {
+  const CancellationGuard closed;
+  const std::string_view name = environmentText("NOTIFY_SOCKET");
+  if (name.empty())
+    return false;
+  const std::optional<Address> manager = addressOf(name);
+  const NoCancellation telling;
+  return manager && Connection(*manager).send(message);
+}
+
+template <typename Number>
+std::optional<Number> numberIn(std::string_view text) {
+  Number number{};
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size())
+    return std::nullopt;
+  return number;
+}
+
+}  // namespace
+
+bool VarnServiceManager::isPresent() { return !environmentText("NOTIFY_SOCKET").empty(); }
+
+bool VarnServiceManager::ready() { return tell("READY=1"); }
+
+bool VarnServiceManager::reloading() {
+  const auto now = std::chrono::duration_cast<microseconds>(monotonicNow().time_since_epoch());
+  return tell("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(now.count()));
+}
+
+bool VarnServiceManager::stopping() { return tell("STOPPING=1"); }
+
+// Cut between two characters of UTF-8: a manager takes no broken text.
+bool VarnServiceManager::status(const std::string& text) {
+  std::size_t length = std::min(text.size(), kMostStatusBytes);
+  while (length < text.size() && length > 0 && (text[length] & 0xC0) == 0x80)
+    --length;
+  std::string line = text.substr(0, length);
+  std::replace_if(
+      line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7F'; }, ' ');
+  return tell("STATUS=" + line);
+}
+
+bool VarnServiceManager::watchdog() { return tell("WATCHDOG=1"); }
+
+microseconds VarnServiceManager::watchdogInterval() {
+  const auto interval = numberIn<microseconds::rep>(environmentText("WATCHDOG_USEC"));
+  const std::string_view process = environmentText("WATCHDOG_PID");
+  if (!interval || *interval <= 0 || (!process.empty() && numberIn<pid_t>(process) != getpid()))
+    return microseconds::zero();
+  return microseconds(*interval);
+}
+
+bool VarnServiceManager::extendTimeout(microseconds time) {
+  return time.count() >= 0 && tell("EXTEND_TIMEOUT_USEC=" + std::to_string(time.count()));
+}
+
+bool VarnServiceManager::mainProcess(pid_t process) {
+  return tell("MAINPID=" + std::to_string(process));
+}
+
+}  // namespace VarnSupport

@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -34,7 +33,8 @@ namespace {
 
 constexpr mode_t kFileMode = 0644;
 
-// For a process that has the lock and not yet written its identifier, or that is just dying.
+// A process that has been killed keeps the lock until it has ended, and one that has just got it
+// has yet to write its identifier.
 constexpr int kLooks = 100;
 constexpr useconds_t kBetweenLooksMicroseconds = 1000;
 
@@ -83,8 +83,6 @@ pid_t identifierIn(std::string_view text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), process);
   return error == std::errc() && end == text.data() + text.size() && process > 0 ? process : 0;
 }
-
-bool isAlive(pid_t process) { return process > 0 && (kill(process, 0) == 0 || errno == EPERM); }
 
 [[noreturn]] void refuseHeld(const std::string& path, pid_t process) {
   if (process == 0)
@@ -180,9 +178,8 @@ void PidFileState::lock() {
       return;
     if (held.get() < 0)
       continue;
-    const pid_t process = identifierIn(contentsOf(held.get()));
-    if (isAlive(process) || look >= kLooks)
-      refuseHeld(m_sPath, process);
+    if (look >= kLooks)
+      refuseHeld(m_sPath, identifierIn(contentsOf(held.get())));
     usleep(kBetweenLooksMicroseconds);
   }
 }

@@ -48,6 +48,9 @@ class VSUPT_EXPORT VarnPidFile {
   // that has one name and contains nothing or a number, so that no other file is overwritten by
   // mistake.
   //
+  // A file that is held is waited for a tenth of a second, as a killed process has it until it has
+  // ended.
+  //
   // Throws VarnStartRefused: "PATH is held by process N" with the code N, or "PATH is held by
   // another process" with -1 if that does not tell its identifier; with the code 0 a reason of the
   // system or one of the above.

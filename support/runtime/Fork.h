@@ -30,6 +30,7 @@ extern const ForkPart factoryFork;
 extern const ForkPart threadFork;
 extern const ForkPart waitFork;
 extern const ForkPart timerFork;
+extern const ForkPart loopFork;
 extern const ForkPart controlFork;
 extern const ForkPart logFork;
 extern const ForkPart zoneFork;

@@ -161,25 +161,24 @@ TEST(VarnDescriptorEvent, IsDestroyedWhileItFires) {
   onThreads(3, [&](int thread) {
     const Pair pair;
     pair.send();
-    Random random(static_cast<unsigned long>(thread));
     while (Clock::now() < end) {
       std::atomic<bool> alive{true};
-      std::unique_ptr<Event> event;
       std::atomic<bool> isReady{false};
-      std::atomic<bool> isOwn{false};
+      std::atomic<bool> isGone{false};
+      std::unique_ptr<Event> event;
       event = std::make_unique<Event>(
           pair.ends[0], Event::READABLE,
           [&](unsigned) {
-            EXPECT_TRUE(alive);
-            if (isReady && random() % 2 == 0 && !isOwn.exchange(true))
+            EXPECT_TRUE(alive && !isGone);
+            if (isReady) {
               event.reset();
+              isGone = true;
+            }
           },
           thread == 0 ? nullptr : &pool);
       if (thread == 1) {
         isReady = true;
-        ASSERT_TRUE(eventually([&] { return isOwn.load(); }));
-        while (event != nullptr) {
-        }
+        ASSERT_TRUE(eventually([&] { return isGone.load(); }));
         sleepMs(1);
       } else {
         spin(static_cast<unsigned>(thread) * 1000);

@@ -249,15 +249,19 @@ TEST(VarnMonotonicTimer, AChildOfAForkHasNoneUntilItStartsOne) {
 }
 
 TEST(VarnMonotonicTimer, AChildThatIsForkedInACallEndsWithIt) {
+  if (kThreadSanitizer)
+    GTEST_SKIP() << "its run-time library does not survive the end of such a thread";
   std::atomic<int> calls{0};
   std::atomic<pid_t> child{0};
   VarnMonotonicTimer timer(1ms, [&] {
-    if (calls++ == 0)
-      child = fork();
+    if (calls++ > 0)
+      return;
+    child = fork();
+    leaksCanBeFound = child != 0;
   });
   timer.start();
   ASSERT_TRUE(eventually([&] { return calls > 3; }));
-  EXPECT_NE(kHung, outcomeOf(child));
+  EXPECT_EQ(0, outcomeOf(child));
 }
 
 TEST(VarnMonotonicTimer, ExitWithActiveTimersEndsInOrder) {

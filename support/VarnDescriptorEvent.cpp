@@ -22,7 +22,10 @@ struct VSUPT_LOCAL VarnDescriptorEvent::State final : DescriptorCallee {
   std::string describe() const override {
     return std::string(kind()) + " of descriptor " + std::to_string(descriptor());
   }
-  void beginCall(MonotonicTime) override { coming = std::exchange(m_nCome, 0); }
+  void beginCall(MonotonicTime) override {
+    noteFirstCall();
+    coming = std::exchange(m_nCome, 0);
+  }
   void makeCall() override {
     guarded([this] { function(coming); });
   }
@@ -66,6 +69,7 @@ VarnDescriptorEvent::VarnDescriptorEvent(int descriptor, unsigned events, Functi
     m_pState->withdraw();
     throw;
   }
+  ProcessExit::noteObject();
 }
 
 VarnDescriptorEvent::~VarnDescriptorEvent() {

@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <set>
+#include <system_error>
 
 #include "VarnSupport/VarnException.h"
 #include "loop/EventLoop.h"
@@ -33,12 +34,18 @@ FileWatchPlace::FileWatchPlace(const std::string& path) : given(path) {
   const std::size_t behind = path.rfind('/') + 1;
   shown = path.substr(0, behind);
   pattern = behind < path.size() ? path.substr(behind) : "*";
-  folder = std::filesystem::absolute(shown.empty() ? "." : shown).string();
+  std::error_code error;
+  folder = std::filesystem::absolute(shown.empty() ? "." : shown, error).string();
+  if (error)
+    throwSystemError("VarnFileWatch of " + given, error.value());
   while (folder.size() > 1 && (folder.back() == '/' || folder.ends_with("/.")))
     folder.pop_back();
 }
 
-void VarnFileWatch::State::beginCall(MonotonicTime) { std::swap(m_oWork, m_oTaken); }
+void VarnFileWatch::State::beginCall(MonotonicTime) {
+  noteFirstCall();
+  std::swap(m_oWork, m_oTaken);
+}
 
 void VarnFileWatch::State::makeCall() {
   guarded([this] {
@@ -172,6 +179,7 @@ VarnFileWatch::VarnFileWatch(const std::string& path, Function function, VarnCal
     m_pState->withdraw();
     throw;
   }
+  ProcessExit::noteObject();
 }
 
 VarnFileWatch::~VarnFileWatch() {

@@ -1,10 +1,12 @@
 #include "VarnSupport/VarnMonotonicTimer.h"
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 
 #include <map>
 
 #include "LibraryTools.h"
+#include "VarnSupport/VarnDescriptorEvent.h"
 #include "loop/DeadlineHeap.h"
 
 using namespace std::chrono_literals;
@@ -288,6 +290,27 @@ TEST(VarnMonotonicTimer, ExitWithActiveTimersEndsInOrder) {
                 return inCall ? (sleepMs(5000), 1) : 7;
               }));
   }
+}
+
+TEST(VarnMonotonicTimer, ExitDoesNotWaitForEverForFunctionsThatHang) {
+  EXPECT_EQ(7, runInChild([] {
+              leaksCanBeFound = false;
+              static std::atomic<int> hanging{0};
+              static int ends[2];
+              if (pipe2(ends, O_CLOEXEC) != 0)
+                return 1;
+              static const auto hang = [] {
+                ++hanging;
+                while (true)
+                  pause();
+              };
+              static VarnCallbackPool pool(2);
+              static VarnMonotonicTimer timer(std::chrono::milliseconds(1), hang, &pool);
+              static const VarnDescriptorEvent event(
+                  ends[1], VarnDescriptorEvent::WRITABLE, [](unsigned) { hang(); }, &pool);
+              timer.start();
+              return eventually([] { return hanging == 2; }) ? 7 : 2;
+            }));
 }
 
 TEST(VarnMonotonicTimer, TheThreadsEndWhenNothingIsLeft) {

@@ -86,6 +86,7 @@ void CallQueue::end() {
 }
 
 bool CallQueue::callFirst(StallWatch::Worker& worker) {
+  ProcessExit::watch();
   EventLoop::Lock lock;
   if (m_pFirst == nullptr || ProcessExit::hasBegun() || !EventLoop::isCurrent(&m_oLoop))
     return false;

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "VarnSupport/VarnCallbackPool.h"
 #include "loop/DeadlineHeap.h"
@@ -68,6 +69,14 @@ class Callee : public std::enable_shared_from_this<Callee> {
   void setDeadline(MonotonicTime deadline);
   void clearDeadline();
 
+  // For objects that are active once they are made: the first call may begin before the destructor
+  // of a static object is known to the system. The exit is watched anew after that, lest such a
+  // destructor waits for a function that hangs.
+  void noteFirstCall() {
+    if (!std::exchange(m_bCalled, true))
+      ProcessExit::noteObject();
+  }
+
   // Whether no call may begin. Needs no lock.
   bool isOver() const { return m_bWithdrawn || ProcessExit::hasBegun(); }
   // Calls user code. What it throws goes to the log.
@@ -105,6 +114,7 @@ class Callee : public std::enable_shared_from_this<Callee> {
   bool m_bPending = false;
   bool m_bQueued = false;
   bool m_bRunning = false;
+  bool m_bCalled = false;
 };
 
 }  // namespace VarnSupport

@@ -77,6 +77,7 @@ void VarnFileWatch::State::hear(int watch, std::uint32_t events, std::string_vie
 
 void VarnFileWatch::State::hearLoss() {
   noteLoss();
+  m_oWork.isRenewed = true;
   pend();
 }
 

@@ -112,6 +112,8 @@ void StallWatch::run() {
       }
       stalled = takeStalled();
     }
+    if (!stalled.empty())
+      ProcessExit::watch();
     for (const std::string& callee : stalled)
       OwnRecords::write(OwnRecords::FAILURE, callee,
                         ": the function runs for more than a second; others wait for its thread");

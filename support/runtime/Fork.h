@@ -31,6 +31,7 @@ extern const ForkPart threadFork;
 extern const ForkPart waitFork;
 extern const ForkPart connectionFork;
 extern const ForkPart timerFork;
+extern const ForkPart loopFork;
 extern const ForkPart controlFork;
 extern const ForkPart logFork;
 extern const ForkPart commandFork;

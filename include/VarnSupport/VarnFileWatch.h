@@ -1,0 +1,70 @@
+// Tells when a file of a given name, or of a name that matches a wildcard, is made, changed, moved
+// or gone.
+//
+//   VarnFileWatch watch("/var/log/app/*.log", [&](const VarnFileWatch::Change& change) {
+//     tails.follow(change);
+//   });
+//
+// A name is followed, not a file: a rotation by rename tells MOVED and then MADE, one that copies
+// and cuts tells CUT. Changes that come together are told as one, and what was made and is gone
+// again not at all. The folder may be missing, vanish and come back. A name that is a symbolic link
+// stands for the file that it leads to. The system tells (inotify), not of what other hosts do to a
+// network file system, nor of writes through a mapping.
+//
+// Calls are made by the thread of the loop ("vsupt-loop") or by a VarnCallbackPool, never two of
+// one object at once. Safe from any thread, from their own functions too. What a function throws is
+// written to the log at level 1, and a call that takes more than a second is told there as well. In
+// the child of a fork an object is inert; a new one works. When the process exits, no call begins.
+#ifndef VARNSUPPORT_VARNFILEWATCH_H
+#define VARNSUPPORT_VARNFILEWATCH_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "VarnSupport/VarnCallbackPool.h"
+#include "VarnSupport/VarnExport.h"
+
+namespace VarnSupport {
+
+class VSUPT_EXPORT VarnFileWatch {
+ public:
+  enum tChange {
+    FOUND,    // was there when the object was made
+    MADE,     // has come to be there since: under this name there is a file not known before
+    CHANGED,  // was written to
+    CUT,      // has become shorter than it was known to be
+    MOVED,    // the file has left the name for another one
+    GONE,     // there is no file of the name any more, or another one
+    LOST      // the system dropped events; what is found now is told as the changes that follow
+  };
+  struct Change {
+    tChange what = FOUND;
+    std::string path;        // as the object was given it, with the name in place of the wildcard
+    std::string newPath;     // of a file that was moved within its folder, if that is known
+    std::uint64_t size = 0;  // of a file that is there
+  };
+  using Function = std::function<void(const Change& change)>;
+
+  // What is behind the last "/" is the name: "*" and "?" are wildcards as VarnFindFile has them, no
+  // name is "*". A relative path begins at the working directory of this moment. Whatever changes
+  // after the constructor has begun is told. `pool` must outlive the object; null is the thread of
+  // the loop. Throws VarnException, with the system's code, when the system has no more watches to
+  // give, and with code 0 when there is no function or no path.
+  VarnFileWatch(const std::string& path, Function function, VarnCallbackPool* pool = nullptr);
+  VarnFileWatch(const VarnFileWatch&) = delete;
+  VarnFileWatch& operator=(const VarnFileWatch&) = delete;
+  // Waits for a call that is under way on another thread. No call runs afterwards, but for one that
+  // it is called from.
+  ~VarnFileWatch();
+
+ private:
+  struct State;
+
+  const std::shared_ptr<State> m_pState;
+};
+
+}  // namespace VarnSupport
+
+#endif

@@ -1,0 +1,190 @@
+// Events only say where to look. The loop notes the names that they are about, and a call looks at
+// these names and compares what is there with what was known: who is told of changes is told of
+// what is so, however many events there were and in whatever order the looks fell between them.
+// Lost events, and a folder that is another one now, have all names looked at.
+//
+// The folder is watched for what happens to its names. Each folder above it is watched for being
+// moved or removed itself, and each symbolic link on the way for being replaced; of all these the
+// system says nothing in quiet times. As long as the folder is missing, or a name is a link that
+// leads nowhere, the path is tried every second.
+#include "VarnSupport/VarnFileWatch.h"
+
+#include <filesystem>
+#include <set>
+#include <system_error>
+
+#include "VarnSupport/VarnException.h"
+#include "loop/EventLoop.h"
+#include "loop/FileWatchState.h"
+#include "loop/LoopThread.h"
+#include "runtime/Cancellation.h"
+#include "runtime/ProcessExit.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr std::chrono::seconds kBetweenTries{1};
+
+}  // namespace
+
+FileWatchPlace::FileWatchPlace(const std::string& path) : given(path) {
+  if (path.empty())
+    throw VarnException("VarnFileWatch: there is no path", 0);
+  const std::size_t behind = path.rfind('/') + 1;
+  shown = path.substr(0, behind);
+  pattern = behind < path.size() ? path.substr(behind) : "*";
+  std::error_code error;
+  folder = std::filesystem::absolute(shown.empty() ? "." : shown, error).string();
+  if (error)
+    throwSystemError("VarnFileWatch of " + given, error.value());
+  while (folder.size() > 1 && (folder.back() == '/' || folder.ends_with("/.")))
+    folder.pop_back();
+}
+
+void VarnFileWatch::State::beginCall(MonotonicTime) {
+  noteFirstCall();
+  std::swap(m_oWork, m_oTaken);
+}
+
+void VarnFileWatch::State::makeCall() {
+  guarded([this] {
+    for (const Change& change : std::exchange(m_vFound, {})) {
+      if (!isOver())
+        guarded([&] { function(change); });
+    }
+    const FileWork work = std::exchange(m_oTaken, {});
+    if (work.isLost)
+      tell(LOST, {});
+    if (work.isRenewed)
+      attach();
+    if (work.isRenewed || work.isLost || work.isForAll) {
+      lookAtAll(work);
+    } else {
+      for (const auto& [name, hint] : work.names)
+        lookAt(name, hint);
+    }
+  });
+}
+
+void VarnFileWatch::State::endCall() {
+  if (m_bIncomplete && !std::exchange(m_bRetrySet, true))
+    setDeadline(monotonicNow() + kBetweenTries);
+}
+
+void VarnFileWatch::State::tell(tChange what, const std::string& name, std::uint64_t size,
+                                const std::string& newName) {
+  if (isOver())
+    return;
+  const std::string path = what == LOST ? place.given : place.shown + name;
+  const Change change{what, path, newName.empty() ? newName : place.shown + newName, size};
+  if (m_bBeginning)
+    m_vFound.push_back(change);
+  else
+    guarded([&] { function(change); });
+}
+
+void VarnFileWatch::State::lookAtAll(const FileWork& work) {
+  std::set<std::string> names;
+  if (place.pattern.find_first_of("*?") == std::string::npos) {
+    names.insert(place.pattern);
+  } else {
+    for (std::string& name : namesIn(place.folder, place.pattern))
+      names.insert(std::move(name));
+    for (const auto& [name, known] : m_mapKnown)
+      names.insert(name);
+  }
+  m_bIncomplete = m_bMissing;
+  for (const std::string& name : names) {
+    const auto hint = work.names.find(name);
+    lookAt(name, hint != work.names.end() ? hint->second : FileHint());
+  }
+}
+
+void VarnFileWatch::State::forget(const std::string& name, const FileHint& hint) {
+  const auto found = m_mapKnown.find(name);
+  if (found->second.target >= 0)
+    removeTargetWatch(found->second.target, name);
+  m_mapKnown.erase(found);
+  tell(hint.isMoved ? MOVED : GONE, name, 0, hint.isMoved ? hint.newName : std::string());
+}
+
+// The link may lead elsewhere by the time that its file is watched.
+void VarnFileWatch::State::watchTarget(const std::string& name, const std::string& path,
+                                       Known& known) {
+  if (!known.status.isLink || known.status.isFolder)
+    return;
+  known.target = addTargetWatch(path, name);
+  if (known.target < 0 || !FileStatus::of(path).isSameFile(known.status))
+    m_bIncomplete = true;
+}
+
+void VarnFileWatch::State::lookAt(const std::string& name, const FileHint& hint) {
+  const std::string path = place.folder + '/' + name;
+  const FileStatus now = FileStatus::of(path);
+  auto found = m_mapKnown.find(name);
+  if (found != m_mapKnown.end()) {
+    const bool isReplaced = hint.isRemoved && !now.isSure();
+    if (!now.exists || isReplaced || !now.isSameFile(found->second.status)) {
+      forget(name, hint);
+      found = m_mapKnown.end();
+    }
+  }
+  if (!now.exists) {
+    m_bIncomplete |= now.isLink;
+    return;
+  }
+  if (found == m_mapKnown.end()) {
+    Known& known = m_mapKnown[name];
+    known.status = now;
+    watchTarget(name, path, known);
+    tell(m_bBeginning ? FOUND : MADE, name, now.size);
+    return;
+  }
+  const FileStatus before = std::exchange(found->second.status, now);
+  if (now.isFolder)
+    return;
+  if (now.size < before.size)
+    tell(CUT, name, now.size);
+  else if (hint.isModified || now.size != before.size || now.changed != before.changed)
+    tell(CHANGED, name, now.size);
+}
+
+void VarnFileWatch::State::begin() {
+  {
+    const EventLoop::Lock lock;
+    enlist();
+    holdCalls();
+    loop().openFolders();
+  }
+  attach();
+  if (m_nRefusal != 0)
+    throwSystemError(describe(), m_nRefusal);
+  lookAtAll({});
+  m_bBeginning = false;
+  const EventLoop::Lock lock;
+  if (!m_vFound.empty())
+    pend();
+  endCall();
+  letCalls();
+}
+
+VarnFileWatch::VarnFileWatch(const std::string& path, Function function, VarnCallbackPool* pool)
+    : m_pState(std::make_shared<State>(path, std::move(function), pool)) {
+  const CancellationGuard closed;
+  ProcessExit::watch();
+  try {
+    m_pState->begin();
+  } catch (...) {
+    m_pState->withdraw();
+    throw;
+  }
+  ProcessExit::noteObject();
+}
+
+VarnFileWatch::~VarnFileWatch() {
+  const QuietCancellationGuard closed;
+  m_pState->withdraw();
+}
+
+}  // namespace VarnSupport

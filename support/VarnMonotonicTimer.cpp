@@ -1,0 +1,153 @@
+// An active timer has a deadline in the heap of the loop, but while it is being called, or waits
+// for that: it goes back when the call has ended, with the next deadline of its row. Deadlines that
+// passed meanwhile make one call, which is told their number.
+#include "VarnSupport/VarnMonotonicTimer.h"
+
+#include <utility>
+
+#include "VarnSupport/VarnException.h"
+#include "loop/Callee.h"
+#include "loop/EventLoop.h"
+#include "runtime/Cancellation.h"
+#include "runtime/ProcessExit.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr const char* kKind = "VarnMonotonicTimer";
+
+using std::chrono::nanoseconds;
+
+MonotonicTime sumOf(MonotonicTime time, nanoseconds interval) {
+  return interval < MonotonicTime::max() - time ? time + interval : MonotonicTime::max();
+}
+
+}  // namespace
+
+struct VSUPT_LOCAL VarnMonotonicTimer::State final : Callee {
+  State(nanoseconds itsInterval, Function itsFunction, const VarnCallbackPool* pool)
+      : Callee(kKind, itsFunction != nullptr, pool),
+        interval(itsInterval),
+        function(std::move(itsFunction)) {}
+
+  void startLocked(nanoseconds first, bool once, MonotonicTime now);
+  void stopLocked();
+
+  void beginCall(MonotonicTime now) override;
+  void makeCall() override;
+  void endCall() override;
+
+  bool isOneShot = false;
+  bool isActive = false;  // means nothing while it is not enlisted
+  MonotonicTime deadline{};
+  nanoseconds interval;
+  const Function function;
+  std::uint64_t missed = 0;  // of the call that is under way
+};
+
+void VarnMonotonicTimer::State::startLocked(nanoseconds first, bool once, MonotonicTime now) {
+  enlist();
+  unpend();
+  isOneShot = once;
+  isActive = true;
+  deadline = sumOf(now, first);
+  if (!isRunning())
+    setDeadline(deadline);
+}
+
+void VarnMonotonicTimer::State::stopLocked() {
+  if (!isEnlisted())
+    return;
+  unpend();
+  clearDeadline();
+  isActive = false;
+}
+
+void VarnMonotonicTimer::State::beginCall(MonotonicTime now) {
+  missed = 0;
+  if (isOneShot) {
+    isActive = false;
+    return;
+  }
+  if (now > deadline)
+    missed = static_cast<std::uint64_t>((now - deadline) / interval);
+  deadline = sumOf(deadline + interval * static_cast<std::int64_t>(missed), interval);
+}
+
+void VarnMonotonicTimer::State::makeCall() {
+  guarded([this] { function(missed); });
+}
+
+void VarnMonotonicTimer::State::endCall() {
+  if (isActive)
+    setDeadline(deadline);
+}
+
+VarnMonotonicTimer::VarnMonotonicTimer(Interval interval, Function function, VarnCallbackPool* pool)
+    : m_pState(std::make_shared<State>(interval.get(), std::move(function), pool)) {}
+
+VarnMonotonicTimer::~VarnMonotonicTimer() {
+  const QuietCancellationGuard closed;
+  m_pState->withdraw();
+}
+
+void VarnMonotonicTimer::start() {
+  const CancellationGuard closed;
+  ProcessExit::watch();
+  const MonotonicTime now = monotonicNow();
+  const EventLoop::Lock lock;
+  if (m_pState->interval <= nanoseconds::zero())
+    throw VarnException("VarnMonotonicTimer::start: the interval is not above 0", 0);
+  m_pState->startLocked(m_pState->interval, false, now);
+}
+
+void VarnMonotonicTimer::start(Interval interval) {
+  const CancellationGuard closed;
+  ProcessExit::watch();
+  const MonotonicTime now = monotonicNow();
+  const EventLoop::Lock lock;
+  if (interval.get() <= nanoseconds::zero())
+    throw VarnException("VarnMonotonicTimer::start: the interval is not above 0", 0);
+  m_pState->startLocked(interval.get(), false, now);
+  m_pState->interval = interval.get();
+}
+
+void VarnMonotonicTimer::startOnce() {
+  const CancellationGuard closed;
+  ProcessExit::watch();
+  const MonotonicTime now = monotonicNow();
+  const EventLoop::Lock lock;
+  m_pState->startLocked(m_pState->interval, true, now);
+}
+
+void VarnMonotonicTimer::startOnce(Interval delay) {
+  const CancellationGuard closed;
+  ProcessExit::watch();
+  const MonotonicTime now = monotonicNow();
+  const EventLoop::Lock lock;
+  m_pState->startLocked(delay.get(), true, now);
+}
+
+void VarnMonotonicTimer::stop() {
+  const QuietCancellationGuard closed;
+  const EventLoop::Lock lock;
+  m_pState->stopLocked();
+}
+
+// A call may start the timer again.
+void VarnMonotonicTimer::stopAndWait() {
+  const QuietCancellationGuard closed;
+  do {
+    stop();
+    m_pState->awaitCalls();
+  } while (!ProcessExit::hasBegun() && isActive());
+}
+
+bool VarnMonotonicTimer::isActive() const {
+  const QuietCancellationGuard closed;
+  const EventLoop::Lock lock;
+  return m_pState->isEnlisted() && m_pState->isActive;
+}
+
+}  // namespace VarnSupport

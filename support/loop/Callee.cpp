@@ -1,0 +1,112 @@
+// A call is one turn of a small machine. Pending: there is something to call for. Queued: in line
+// for a thread. Running: a thread is at it. An object is queued when it is pending and not running,
+// so that its calls never overlap, whatever comes meanwhile.
+#include "loop/Callee.h"
+
+#include <cxxabi.h>
+
+#include <cassert>
+#include <cstdlib>
+#include <exception>
+#include <typeinfo>
+
+#include "VarnSupport/VarnException.h"
+#include "log/OwnRecords.h"
+#include "loop/CallQueue.h"
+#include "loop/EventLoop.h"
+
+namespace VarnSupport {
+
+namespace {
+
+std::string nameOf(const std::type_info* type) {
+  if (type == nullptr)
+    return "unknown";
+  int status = 0;
+  const std::unique_ptr<char, void (*)(void*)> name(
+      abi::__cxa_demangle(type->name(), nullptr, nullptr, &status), std::free);
+  return name != nullptr ? name.get() : type->name();
+}
+
+// What is being handled.
+std::string describeException() {
+  try {
+    throw;
+  } catch (const VarnException& thrown) {
+    return "VarnException " + std::to_string(thrown.getCode()) + ": " + thrown.getText();
+  } catch (const std::exception& thrown) {
+    return nameOf(&typeid(thrown)) + ": " + thrown.what();
+  } catch (...) {
+    return "an object of type " + nameOf(abi::__cxa_current_exception_type());
+  }
+}
+
+}  // namespace
+
+Callee::Callee(const char* kind, bool hasFunction, const VarnCallbackPool* pool)
+    : m_pKind(kind), m_pPool(pool != nullptr ? pool->m_pState : nullptr) {
+  if (!hasFunction)
+    throw VarnException(std::string(kind) + ": there is no function to call", 0);
+  ProcessExit::noteObject();
+}
+
+bool Callee::isEnlisted() const { return EventLoop::isCurrent(m_pLoop); }
+
+void Callee::enlist() {
+  if (isEnlisted())
+    return;
+  EventLoop& loop = EventLoop::current();
+  CallQueue& queue = hasPool() ? m_pPool->queueIn(loop) : loop.ownQueue();
+  m_nSlot = loop.addObject(*this);
+  m_pLoop = &loop;
+  m_pQueue = &queue;
+  m_bPending = m_bQueued = m_bRunning = false;
+}
+
+void Callee::withdraw() noexcept {
+  {
+    const EventLoop::Lock lock;
+    m_bWithdrawn = true;
+    if (isEnlisted()) {
+      leaveLoop();
+      unpend();
+      m_pLoop->removeObject(m_nSlot);
+      m_pLoop = nullptr;
+    }
+  }
+  awaitCalls();
+}
+
+void Callee::pend() {
+  assert(isEnlisted());
+  m_bPending = true;
+  if (!m_bQueued && !m_bRunning)
+    m_pQueue->push(*this);
+}
+
+void Callee::unpend() {
+  m_bPending = false;
+  if (m_bQueued)
+    m_pQueue->remove(*this);
+}
+
+void Callee::letCalls() {
+  m_bRunning = false;
+  if (m_bPending && !m_bQueued)
+    m_pQueue->push(*this);
+}
+
+void Callee::setDeadline(MonotonicTime deadline) { m_pLoop->setDeadline(m_nSlot, deadline); }
+
+void Callee::clearDeadline() { m_pLoop->clearDeadline(m_nSlot); }
+
+void Callee::tellException() const noexcept {
+  try {
+    OwnRecords::write(OwnRecords::FAILURE, describe(), ": the function threw ",
+                      describeException());
+  } catch (...) {
+    // There is no memory to say so.
+  }
+}
+
+}  // namespace VarnSupport

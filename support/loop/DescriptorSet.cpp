@@ -1,0 +1,270 @@
+// A descriptor is registered once with epoll, for all that its objects want. If one of them has a
+// pool, the system tells once and then nothing until the calls have ended (EPOLLONESHOT): a level
+// that lasts would keep the loop busy while a thread of the pool is at it.
+//
+// The system ties a registration to the open file, not to the number. A descriptor that is closed
+// takes its registration along, and the number comes back for something else; or another process or
+// a duplicate keeps the file open, and events go on to come for a number that is closed, which
+// nothing can take out. Registrations therefore carry a number of their own. Who finds that a
+// registration has gone leaves its objects alone from then on. For an event that belongs to nobody,
+// twice, the whole epoll object is made anew.
+#include "loop/DescriptorSet.h"
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include "VarnSupport/VarnDescriptorEvent.h"
+#include "VarnSupport/VarnException.h"
+#include "loop/LoopThread.h"
+
+namespace VarnSupport {
+
+namespace {
+
+using Event = VarnDescriptorEvent;
+
+constexpr unsigned kAll = Event::READABLE | Event::WRITABLE | Event::HUNG_UP;
+constexpr std::size_t kMostSuspects = 64;
+
+unsigned toSystem(unsigned wanted) {
+  unsigned events = 0;
+  if ((wanted & Event::READABLE) != 0)
+    events |= EPOLLIN;
+  if ((wanted & Event::WRITABLE) != 0)
+    events |= EPOLLOUT;
+  if ((wanted & Event::HUNG_UP) != 0)
+    events |= EPOLLRDHUP;
+  return events;
+}
+
+// What of the system's events is for an object that wants `wanted`.
+unsigned fromSystem(unsigned events, unsigned wanted) {
+  unsigned come = 0;
+  if ((events & EPOLLIN) != 0)
+    come |= Event::READABLE;
+  if ((events & EPOLLOUT) != 0)
+    come |= Event::WRITABLE;
+  if ((events & EPOLLRDHUP) != 0)
+    come |= Event::HUNG_UP;
+  come &= wanted;
+  if (wanted != 0 && (events & (EPOLLHUP | EPOLLERR)) != 0)
+    come |= Event::HUNG_UP;
+  return come;
+}
+
+std::uint64_t keyOf(int descriptor, std::uint32_t number) {
+  return std::uint64_t{number} << 32 | static_cast<std::uint32_t>(descriptor);
+}
+
+}  // namespace
+
+DescriptorCallee::DescriptorCallee(const char* kind, bool hasFunction, const VarnCallbackPool* pool,
+                                   int descriptor, unsigned events)
+    : Callee(kind, hasFunction, pool),
+      m_nWanted(events & kAll),
+      m_nDescriptor(descriptor),
+      m_bEdge((events & Event::EDGE) != 0) {}
+
+// A write to the wake descriptor is an edge: nobody has to read it.
+void DescriptorSet::open() {
+  const int epoll = aboveStandardStreams(epoll_create1(EPOLL_CLOEXEC));
+  const int wake = epoll >= 0 ? aboveStandardStreams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) : -1;
+  if (wake < 0) {
+    const int code = errno;
+    if (epoll >= 0)
+      close(epoll);
+    throwSystemError("vsupt-loop", code);
+  }
+  m_nEpoll = epoll;
+  m_nWake = wake;
+  addOwn(wake, kWakeKey);
+}
+
+void DescriptorSet::closeInChild() {
+  close(m_nEpoll);
+  close(m_nWake);
+  m_nEpoll = m_nWake = -1;
+}
+
+bool DescriptorSet::addOwn(int descriptor, std::uint64_t key) {
+  if (key == kFoldersKey)
+    m_nFolders = descriptor;
+  return control(EPOLL_CTL_ADD, descriptor, EPOLLIN | (key == kWakeKey ? EPOLLET : 0U), key) == 0;
+}
+
+// The system's code, or 0.
+int DescriptorSet::control(int operation, int descriptor, unsigned events,
+                           std::uint64_t key) const {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = key;
+  return epoll_ctl(m_nEpoll, operation, descriptor, &event) == 0 ? 0 : errno;
+}
+
+// Registers the descriptor for what its objects want now, unless one of them is at it.
+int DescriptorSet::arm(int descriptor, Entry& entry) {
+  if (entry.busy > 0)
+    return 0;
+  unsigned wanted = 0;
+  unsigned mode = 0;
+  for (const DescriptorCallee* const object : entry.objects) {
+    wanted |= object->m_nWanted;
+    mode |= (object->m_bEdge ? static_cast<unsigned>(EPOLLET) : 0U) |
+            (object->hasPool() ? static_cast<unsigned>(EPOLLONESHOT) : 0U);
+  }
+  if (wanted == 0) {
+    if (std::exchange(entry.isRegistered, false))
+      control(EPOLL_CTL_DEL, descriptor, 0, 0);
+    return 0;
+  }
+  const int operation = entry.isRegistered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+  const int code =
+      control(operation, descriptor, toSystem(wanted) | mode, keyOf(descriptor, entry.number));
+  if (code == 0)
+    entry.isRegistered = true;
+  return code;
+}
+
+// If the registration has gone, the number stands for another file, which the call registers.
+bool DescriptorSet::isStillThere(int descriptor, const Entry& entry) const {
+  return !entry.isRegistered ||
+         control(EPOLL_CTL_ADD, descriptor, EPOLLET | EPOLLONESHOT, kWakeKey) != 0;
+}
+
+void DescriptorSet::add(DescriptorCallee& object) {
+  const int descriptor = object.m_nDescriptor;
+  auto [found, isNew] = m_mapEntries.try_emplace(descriptor);
+  if (!isNew && !isStillThere(descriptor, found->second)) {
+    noteClosed(found);
+    control(EPOLL_CTL_DEL, descriptor, 0, 0);
+    std::tie(found, isNew) = m_mapEntries.try_emplace(descriptor);
+  }
+  Entry& entry = found->second;
+  if (isNew)
+    entry.number = ++m_nEntries;
+  const std::string what = "VarnDescriptorEvent of descriptor " + std::to_string(descriptor);
+  if (!entry.objects.empty() && entry.objects.front()->m_bEdge != object.m_bEdge)
+    throw VarnException(what + ": others wait for it with EDGE, or all without", 0);
+  entry.objects.push_back(&object);
+  const int code = arm(descriptor, entry);
+  if (code == 0)
+    return;
+  entry.objects.pop_back();
+  if (entry.objects.empty())
+    m_mapEntries.erase(found);
+  throwSystemError(what, code);
+}
+
+void DescriptorSet::remove(DescriptorCallee& object) {
+  release(object);
+  const auto found = m_mapEntries.find(object.m_nDescriptor);
+  if (found == m_mapEntries.end() || std::erase(found->second.objects, &object) == 0)
+    return;
+  if (arm(found->first, found->second) != 0)
+    noteClosed(found);
+  else if (found->second.objects.empty())
+    m_mapEntries.erase(found);
+}
+
+void DescriptorSet::update(DescriptorCallee& object) {
+  const auto found = m_mapEntries.find(object.m_nDescriptor);
+  if (found == m_mapEntries.end() ||
+      std::count(found->second.objects.begin(), found->second.objects.end(), &object) == 0)
+    return;
+  if (arm(found->first, found->second) != 0)
+    noteClosed(found);
+}
+
+void DescriptorSet::release(DescriptorCallee& object) {
+  if (!std::exchange(object.m_bBusy, false))
+    return;
+  const auto found = m_mapEntries.find(object.m_nDescriptor);
+  if (found != m_mapEntries.end() && --found->second.busy == 0 &&
+      arm(found->first, found->second) != 0)
+    noteClosed(found);
+}
+
+// Its objects are left alone from here on.
+void DescriptorSet::noteClosed(Entries::iterator entry) {
+  for (DescriptorCallee* const object : entry->second.objects)
+    object->m_bBusy = false;
+  if (!entry->second.objects.empty())
+    m_vClosed.push_back(entry->first);
+  m_mapEntries.erase(entry);
+}
+
+void DescriptorSet::deliver(const epoll_event& event) {
+  const int descriptor = static_cast<int>(event.data.u64 & 0xffffffffU);
+  const auto found = m_mapEntries.find(descriptor);
+  if (found == m_mapEntries.end() || keyOf(descriptor, found->second.number) != event.data.u64) {
+    suspect(event.data.u64);
+    return;
+  }
+  if (fcntl(descriptor, F_GETFD) < 0) {
+    noteClosed(found);
+    m_bHasGhosts = true;
+    return;
+  }
+  Entry& entry = found->second;
+  const bool isTakenOnce = std::any_of(entry.objects.begin(), entry.objects.end(),
+                                       [](const auto* object) { return object->hasPool(); });
+  for (DescriptorCallee* const object : entry.objects) {
+    const unsigned come = fromSystem(event.events, object->m_nWanted);
+    if (come == 0)
+      continue;
+    object->m_nCome |= come;
+    if (isTakenOnce && !std::exchange(object->m_bBusy, true))
+      ++entry.busy;
+    object->pend();
+  }
+  if (isTakenOnce && entry.busy == 0 && arm(descriptor, entry) != 0)
+    noteClosed(found);
+}
+
+// An event may have been on its way when its object left. A second one cannot.
+void DescriptorSet::suspect(std::uint64_t key) {
+  if (std::find(m_vSuspects.begin(), m_vSuspects.end(), key) != m_vSuspects.end())
+    m_bHasGhosts = true;
+  else if (m_vSuspects.size() < kMostSuspects)
+    m_vSuspects.push_back(key);
+  else
+    m_vSuspects.assign(1, key);
+}
+
+std::vector<int> DescriptorSet::repair(bool isBroken) {
+  if (!m_bHasGhosts && !isBroken)
+    return std::exchange(m_vClosed, {});
+  const int epoll = aboveStandardStreams(epoll_create1(EPOLL_CLOEXEC));
+  if (epoll < 0) {
+    usleep(kBeforeAnotherTryMicroseconds);
+    return {};
+  }
+  // What is no epoll object any more is not the loop's to close.
+  if (!isBroken)
+    close(m_nEpoll);
+  m_nEpoll = epoll;
+  m_bHasGhosts = false;
+  m_vSuspects.clear();
+  if (!addOwn(m_nWake, kWakeKey)) {
+    m_nWake = aboveStandardStreams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    addOwn(m_nWake, kWakeKey);
+  }
+  if (m_nFolders >= 0)
+    addOwn(m_nFolders, kFoldersKey);
+  for (auto entry = m_mapEntries.begin(); entry != m_mapEntries.end();) {
+    const auto present = entry++;
+    present->second.isRegistered = false;
+    if (arm(present->first, present->second) != 0)
+      noteClosed(present);
+  }
+  return std::exchange(m_vClosed, {});
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,96 @@
+// The descriptors that the loop waits for.
+#ifndef SUPPORT_LOOP_DESCRIPTORSET_H
+#define SUPPORT_LOOP_DESCRIPTORSET_H
+
+#include <sys/epoll.h>
+
+#include <cstdint>
+#include <unordered_map>
+#include <vector>
+
+#include "loop/Callee.h"
+
+namespace VarnSupport {
+
+// An object that waits for a descriptor. Guarded by the lock of the loop.
+class DescriptorCallee : public Callee {
+ public:
+  DescriptorCallee(const char* kind, bool hasFunction, const VarnCallbackPool* pool, int descriptor,
+                   unsigned events);
+
+  int descriptor() const { return m_nDescriptor; }
+
+ protected:
+  unsigned m_nWanted;    // without EDGE
+  unsigned m_nCome = 0;  // since the last call
+
+ private:
+  friend class DescriptorSet;
+
+  const int m_nDescriptor;
+  const bool m_bEdge;
+  bool m_bBusy = false;  // its descriptor is not looked at until its call has ended
+};
+
+// The descriptors of an epoll object, each with the objects that wait for it. Guarded by the lock
+// of the loop.
+class DescriptorSet {
+ public:
+  DescriptorSet() = default;
+  DescriptorSet(const DescriptorSet&) = delete;
+  DescriptorSet& operator=(const DescriptorSet&) = delete;
+
+  // Throws VarnException.
+  void open();
+  void closeInChild();
+  int epoll() const { return m_nEpoll; }
+  int wakeDescriptor() const { return m_nWake; }
+  // A descriptor of the loop's own, under the key that is told then. False when that fails.
+  bool addOwn(int descriptor, std::uint64_t key);
+
+  // Throws VarnException, and changes nothing then.
+  void add(DescriptorCallee& object);
+  void remove(DescriptorCallee& object);
+  // What the object waits for was changed, or its call has ended.
+  void update(DescriptorCallee& object);
+  void release(DescriptorCallee& object);
+
+  // Has the objects called for which an event has come.
+  void deliver(const epoll_event& event);
+  // Makes the epoll object anew if it holds what can be taken out of it in no other way, or
+  // `isBroken`. Returns the descriptors that were found to be closed since the last time.
+  std::vector<int> repair(bool isBroken);
+
+  static constexpr std::uint64_t kWakeKey = ~std::uint64_t{0};
+  static constexpr std::uint64_t kFoldersKey = kWakeKey - 1;
+
+ private:
+  static constexpr unsigned kBeforeAnotherTryMicroseconds = 10000;
+
+  struct Entry {
+    std::vector<DescriptorCallee*> objects;
+    std::uint32_t number = 0;  // tells it from earlier ones of the same descriptor
+    int busy = 0;              // objects that are
+    bool isRegistered = false;
+  };
+  using Entries = std::unordered_map<int, Entry>;
+
+  int control(int operation, int descriptor, unsigned events, std::uint64_t key) const;
+  bool isStillThere(int descriptor, const Entry& entry) const;
+  int arm(int descriptor, Entry& entry);
+  void noteClosed(Entries::iterator entry);
+  void suspect(std::uint64_t key);
+
+  int m_nEpoll = -1;
+  int m_nWake = -1;
+  int m_nFolders = -1;
+  Entries m_mapEntries;
+  std::uint32_t m_nEntries = 0;
+  std::vector<std::uint64_t> m_vSuspects;  // keys of events for nobody
+  bool m_bHasGhosts = false;               // registrations that cannot be taken out
+  std::vector<int> m_vClosed;
+};
+
+}  // namespace VarnSupport
+
+#endif

@@ -1,0 +1,55 @@
+#include "loop/FileStatus.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <memory>
+#include <string_view>
+
+#include "VarnSupport/VarnFindFile.h"
+
+namespace VarnSupport {
+
+namespace {
+
+std::int64_t nanosecondsOf(const statx_timestamp& time) {
+  return std::int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
+}
+
+}  // namespace
+
+FileStatus FileStatus::of(const std::string& path) {
+  FileStatus status;
+  struct statx found {};
+  constexpr unsigned wanted = STATX_BASIC_STATS | STATX_BTIME;
+  if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, wanted, &found) != 0)
+    return status;
+  status.isLink = S_ISLNK(found.stx_mode);
+  if (status.isLink && statx(AT_FDCWD, path.c_str(), 0, wanted, &found) != 0)
+    return status;
+  status.exists = true;
+  status.isFolder = S_ISDIR(found.stx_mode);
+  status.device = std::uint64_t{found.stx_dev_major} << 32 | found.stx_dev_minor;
+  status.number = found.stx_ino;
+  status.birth = (found.stx_mask & STATX_BTIME) != 0 ? nanosecondsOf(found.stx_btime) : 0;
+  status.size = found.stx_size;
+  status.changed = nanosecondsOf(found.stx_mtime);
+  return status;
+}
+
+std::vector<std::string> namesIn(const std::string& folder, const std::string& wildcard) {
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(folder.c_str()), closedir);
+  if (stream == nullptr)
+    return names;
+  while (const dirent* const entry = readdir(stream.get())) {
+    const std::string_view name(entry->d_name);
+    if (name != "." && name != ".." &&
+        FindFileImplementation::IsPatternMatch(wildcard.c_str(), entry->d_name))
+      names.emplace_back(name);
+  }
+  return names;
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,178 @@
+// What the loop tells a watch of files, and the watches that it has with the system.
+#include "loop/FileWatchState.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <system_error>
+
+#include "VarnSupport/VarnFindFile.h"
+#include "log/OwnRecords.h"
+#include "loop/EventLoop.h"
+
+namespace VarnSupport {
+
+namespace {
+
+// Names that are noted until the next look; more of them count as lost.
+constexpr std::size_t kMostNames = 16384;
+
+constexpr std::uint32_t kOfFolder = IN_CREATE | IN_DELETE | IN_MODIFY | IN_MOVED_FROM | IN_MOVED_TO;
+constexpr std::uint32_t kOfItself = IN_MOVE_SELF | IN_DELETE_SELF;
+constexpr std::uint32_t kOfTarget = kOfItself | IN_MODIFY | IN_ATTRIB;
+constexpr std::uint32_t kGoneItself = kOfItself | IN_IGNORED | IN_UNMOUNT;
+
+}  // namespace
+
+FileHint* VarnFileWatch::State::hintFor(std::string_view name) {
+  if (m_oWork.isLost)
+    return nullptr;
+  if (m_oWork.names.size() >= kMostNames) {
+    noteLoss();
+    return nullptr;
+  }
+  try {
+    return &m_oWork.names[std::string(name)];
+  } catch (const std::bad_alloc&) {
+    noteLoss();
+    return nullptr;
+  }
+}
+
+void VarnFileWatch::State::noteLoss() {
+  m_oWork.isLost = true;
+  m_oWork.names.clear();
+}
+
+void VarnFileWatch::State::hear(int watch, std::uint32_t events, std::string_view name,
+                                std::string_view newName) {
+  bool isMine = false;
+  for (const auto& [target, itsName] : m_vTargets) {
+    if (target != watch)
+      continue;
+    isMine = true;
+    if (FileHint* const hint = hintFor(itsName)) {
+      hint->isModified |= (events & IN_MODIFY) != 0;
+      hint->isMoved |= (events & IN_MOVE_SELF) != 0;
+    }
+  }
+  if (watch == m_nFolder && (events & kOfFolder) != 0 &&
+      FindFileImplementation::IsPatternMatch(place.pattern.c_str(), name.data())) {
+    isMine = true;
+    if (FileHint* const hint = hintFor(name)) {
+      hint->isModified |= (events & IN_MODIFY) != 0;
+      hint->isRemoved |= (events & (IN_DELETE | IN_MOVED_FROM)) != 0;
+      hint->isMoved |= (events & IN_MOVED_FROM) != 0;
+      if (!newName.empty())
+        hint->newName = newName;
+    }
+  }
+  const bool isOnWay =
+      watch == m_nFolder || std::find(m_vWay.begin(), m_vWay.end(), watch) != m_vWay.end();
+  if (isOnWay && (events & kGoneItself) != 0)
+    isMine = m_oWork.isRenewed = true;
+  if (isMine)
+    pend();
+}
+
+void VarnFileWatch::State::hearLoss() {
+  noteLoss();
+  m_oWork.isRenewed = true;
+  pend();
+}
+
+void VarnFileWatch::State::onDeadline() {
+  m_bRetrySet = false;
+  (m_nFolder < 0 ? m_oWork.isRenewed : m_oWork.isForAll) = true;
+  pend();
+}
+
+void VarnFileWatch::State::leaveLoop() {
+  detach();
+  for (const auto& [target, name] : m_vTargets)
+    loop().folders().remove(target, *this);
+  m_vTargets.clear();
+}
+
+// Requires: the lock is held.
+void VarnFileWatch::State::detach() {
+  for (const int watch : m_vWay)
+    loop().folders().remove(watch, *this);
+  m_vWay.clear();
+  if (m_nFolder >= 0)
+    loop().folders().remove(m_nFolder, *this);
+  m_nFolder = -1;
+}
+
+// Returns the watch, or minus the system's code. What it is for is noted before the lock, which the
+// caller holds, is given back: so nothing is heard of it before.
+int VarnFileWatch::State::addWatch(EventLoop::Lock& lock, const std::string& path,
+                                   std::uint32_t events) {
+  if (!isEnlisted())
+    return -ECANCELED;
+  FolderWatches& folders = loop().folders();
+  const int watch = folders.add(lock, *this, path.c_str(), events);
+  if (watch < 0 || isEnlisted())
+    return watch;
+  folders.remove(watch, *this);  // the object was withdrawn meanwhile
+  return -ECANCELED;
+}
+
+void VarnFileWatch::State::addWayWatch(const std::string& path, std::uint32_t events) {
+  EventLoop::Lock lock;
+  m_vWay.reserve(m_vWay.size() + 1);
+  const int watch = addWatch(lock, path, events | kOfItself);
+  if (watch >= 0)
+    m_vWay.push_back(watch);
+}
+
+int VarnFileWatch::State::addFolderWatch() {
+  EventLoop::Lock lock;
+  const int watch = addWatch(lock, place.folder, kOfFolder | kOfItself | IN_ONLYDIR);
+  m_nFolder = std::max(watch, -1);
+  return watch;
+}
+
+int VarnFileWatch::State::addTargetWatch(const std::string& path, const std::string& name) {
+  std::pair<int, std::string> target(-1, name);
+  EventLoop::Lock lock;
+  m_vTargets.reserve(m_vTargets.size() + 1);
+  target.first = addWatch(lock, path, kOfTarget);
+  const int watch = target.first;
+  if (watch >= 0)
+    m_vTargets.push_back(std::move(target));
+  return watch;
+}
+
+void VarnFileWatch::State::removeTargetWatch(int watch, const std::string& name) {
+  const EventLoop::Lock lock;
+  if (isEnlisted() && std::erase(m_vTargets, std::pair(watch, name)) > 0)
+    loop().folders().remove(watch, *this);
+}
+
+// From the root downwards: what changes below a folder once it is watched is told.
+void VarnFileWatch::State::attach() {
+  {
+    const EventLoop::Lock lock;
+    if (!isEnlisted())
+      return;
+    detach();
+  }
+  for (std::size_t end = 1; end < place.folder.size(); ++end) {
+    end = std::min(place.folder.find('/', end), place.folder.size());
+    const std::string path = place.folder.substr(0, end);
+    addWayWatch(path, IN_ONLYDIR);
+    if (FileStatus::of(path).isLink)
+      addWayWatch(path, IN_DONT_FOLLOW);
+  }
+  const int code = -std::min(addFolderWatch(), 0);
+  m_bMissing = code != 0;
+  const bool isMissing = code == ENOENT || code == ENOTDIR || code == ECANCELED;
+  const int refusal = isMissing ? 0 : code;
+  if (std::exchange(m_nRefusal, refusal) == refusal || refusal == 0 || m_bBeginning)
+    return;
+  OwnRecords::write(OwnRecords::FAILURE, describe(),
+                    ": the folder cannot be watched: ", std::generic_category().message(refusal));
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,114 @@
+// What a watch of files knows and does; VarnFileWatch.cpp says how.
+#ifndef SUPPORT_LOOP_FILEWATCHSTATE_H
+#define SUPPORT_LOOP_FILEWATCHSTATE_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "VarnSupport/VarnFileWatch.h"
+#include "loop/Callee.h"
+#include "loop/EventLoop.h"
+#include "loop/FileStatus.h"
+#include "loop/FolderWatches.h"
+
+namespace VarnSupport {
+
+// Which names are watched.
+struct FileWatchPlace {
+  // Throws VarnException when there is no path.
+  explicit FileWatchPlace(const std::string& path);
+
+  std::string given;
+  std::string shown;   // the folder as it was given, with its "/"
+  std::string folder;  // absolute
+  std::string pattern;
+};
+
+// What is known of a name from its events.
+struct FileHint {
+  bool isModified = false;
+  bool isRemoved = false;
+  bool isMoved = false;
+  std::string newName;
+};
+
+// What a call is to do.
+struct FileWork {
+  std::map<std::string, FileHint, std::less<>> names;
+  bool isLost = false;
+  bool isRenewed = false;  // the folder has to be found again
+  bool isForAll = false;
+};
+
+struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
+  State(const std::string& path, Function itsFunction, const VarnCallbackPool* pool)
+      : Callee("VarnFileWatch", itsFunction != nullptr, pool),
+        place(path),
+        function(std::move(itsFunction)) {}
+
+  // For the constructor of the public object. Throws VarnException.
+  void begin();
+
+  std::string describe() const override { return std::string(kind()) + " of " + place.given; }
+  // The loop tells.
+  void hear(int watch, std::uint32_t events, std::string_view name,
+            std::string_view newName) override;
+  void hearLoss() override;
+  void onDeadline() override;
+  // A call looks.
+  void beginCall(MonotonicTime now) override;
+  void makeCall() override;
+  void endCall() override;
+  void leaveLoop() override;
+
+ private:
+  struct Known {
+    FileStatus status;
+    int target = -1;  // watch of the file that a link leads to
+  };
+
+  FileHint* hintFor(std::string_view name);
+  void noteLoss();
+
+  int addWatch(EventLoop::Lock& lock, const std::string& path, std::uint32_t events);
+  void addWayWatch(const std::string& path, std::uint32_t events);
+  int addTargetWatch(const std::string& path, const std::string& name);
+  int addFolderWatch();
+  void removeTargetWatch(int watch, const std::string& name);
+  void attach();
+  void detach();
+  void lookAtAll(const FileWork& work);
+  void lookAt(const std::string& name, const FileHint& hint);
+  void forget(const std::string& name, const FileHint& hint);
+  void watchTarget(const std::string& name, const std::string& path, Known& known);
+  void tell(tChange what, const std::string& name, std::uint64_t size = 0,
+            const std::string& newName = {});
+
+  const FileWatchPlace place;
+  const Function function;
+
+  // Guarded by the lock of the loop.
+  FileWork m_oWork;
+  int m_nFolder = -1;                                   // the watch
+  std::vector<int> m_vWay;                              // watches of what leads to it
+  std::vector<std::pair<int, std::string>> m_vTargets;  // watches of what links lead to, by name
+  bool m_bRetrySet = false;
+
+  // Of the call that is under way, and of the constructor before the first.
+  FileWork m_oTaken;
+  std::map<std::string, Known> m_mapKnown;
+  std::vector<Change> m_vFound;  // not told yet
+  bool m_bBeginning = true;      // in the constructor
+  bool m_bMissing = false;       // the folder is
+  bool m_bIncomplete = false;    // to be tried again
+  int m_nRefusal = 0;            // the system's code that is in the log
+};
+
+}  // namespace VarnSupport
+
+#endif

@@ -1,0 +1,82 @@
+// What inotify tells, and to whom.
+#ifndef SUPPORT_LOOP_FOLDERWATCHES_H
+#define SUPPORT_LOOP_FOLDERWATCHES_H
+
+#include <sys/inotify.h>
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace VarnSupport {
+
+// Who is told of events. Both are called under the lock of the loop.
+class FolderListener {
+ public:
+  // `newName` is where a name of the folder was moved to within it, if that is known.
+  virtual void hear(int watch, std::uint32_t events, std::string_view name,
+                    std::string_view newName) = 0;
+  virtual void hearLoss() = 0;
+
+ protected:
+  ~FolderListener() = default;
+};
+
+// One inotify object for all: the system gives few of them to a user. A file or folder has one
+// watch, whoever asks for it. Guarded by the lock of the loop.
+class FolderWatches {
+ public:
+  FolderWatches() = default;
+  FolderWatches(const FolderWatches&) = delete;
+  FolderWatches& operator=(const FolderWatches&) = delete;
+
+  // Throws VarnException. Opened on first need; closed by a program that closes what it does not
+  // know, it is made anew.
+  void open();
+  void closeInChild();
+  bool isOpen() const { return m_nDescriptor >= 0; }
+  int descriptor() const { return m_nDescriptor; }
+
+  // Returns the watch, or minus the system's code. The lock is given back while the system looks
+  // for the file, which may take long; what comes before this returns may not be told.
+  template <typename Lock>
+  int add(Lock& lock, FolderListener& listener, const char* path, std::uint32_t events) {
+    while (true) {
+      const std::uint64_t changes = m_nChanges;
+      lock.unlock();
+      const int watch = addToSystem(path, events);
+      lock.lock();
+      if (watch < 0)
+        return watch;
+      if (changes == m_nChanges) {
+        m_mapListeners[watch].push_back(&listener);
+        return watch;
+      }
+      removeUnused(watch);
+    }
+  }
+  void remove(int watch, FolderListener& listener);
+
+  // Tells the listeners of what has come.
+  void read();
+
+ private:
+  void removeUnused(int watch);
+  int addToSystem(const char* path, std::uint32_t events) const;
+  std::size_t tell(const char* begin, const char* end);
+  void tellLoss();
+  void tellOne(const inotify_event& event, std::string_view newName);
+
+  int m_nDescriptor = -1;
+  std::unordered_map<int, std::vector<FolderListener*>> m_mapListeners;
+  // Removed watches, and events of watches that had no listener: while a watch is being added,
+  // another thread may remove it, and what is told of it reaches nobody. It is added again then.
+  std::uint64_t m_nChanges = 0;
+  alignas(inotify_event) std::array<char, 65536> m_aBuffer;
+};
+
+}  // namespace VarnSupport
+
+#endif

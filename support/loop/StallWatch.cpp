@@ -1,0 +1,123 @@
+// A timer of the system (timerfd) wakes the thread a second after the first of the calls began that
+// are under way; those that began later it is set for then. When a thread that makes calls has
+// nothing more to do and no other is at work, the timer is taken back: two calls of the system for
+// a series of calls, and no wake-up.
+#include "loop/StallWatch.h"
+
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <utility>
+
+#include "log/OwnRecords.h"
+#include "loop/Callee.h"
+#include "loop/EventLoop.h"
+#include "loop/LoopThread.h"
+
+namespace VarnSupport {
+
+StallWatch::Worker::Worker(StallWatch& watch) : m_oWatch(watch) {
+  const EventLoop::Lock lock;
+  m_pNext = watch.m_pWorkers;
+  watch.m_pWorkers = this;
+}
+
+StallWatch::Worker::~Worker() {
+  const EventLoop::Lock lock;
+  Worker** link = &m_oWatch.m_pWorkers;
+  while (*link != this)
+    link = &(*link)->m_pNext;
+  *link = m_pNext;
+}
+
+void StallWatch::Worker::begin(const Callee& callee, MonotonicTime now) {
+  m_pCallee = &callee;
+  m_oBegin = now;
+  m_bTold = false;
+  if (!m_oWatch.m_bArmed)
+    m_oWatch.arm(now + kPatience);
+}
+
+void StallWatch::ensureRunning() {
+  m_bStopping = false;
+  if (m_bRunning)
+    return;
+  if (m_nTimer < 0)
+    m_nTimer = aboveStandardStreams(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
+  m_bRunning = m_nTimer >= 0 && startLoopThread("vsupt-stalls", [this] { run(); });
+}
+
+void StallWatch::stop() {
+  m_bStopping = true;
+  arm(monotonicNow());
+}
+
+void StallWatch::closeInChild() {
+  if (m_nTimer >= 0)
+    close(m_nTimer);
+  m_nTimer = -1;
+}
+
+void StallWatch::arm(MonotonicTime time) {
+  itimerspec value{};
+  value.it_value = toTimespec(time);
+  m_bArmed = m_nTimer >= 0 && timerfd_settime(m_nTimer, TFD_TIMER_ABSTIME, &value, nullptr) == 0;
+}
+
+void StallWatch::disarmIfIdle() {
+  if (!m_bArmed || m_bStopping)
+    return;
+  for (const Worker* worker = m_pWorkers; worker != nullptr; worker = worker->m_pNext) {
+    if (worker->m_pCallee != nullptr)
+      return;
+  }
+  const itimerspec none{};
+  timerfd_settime(m_nTimer, 0, &none, nullptr);
+  m_bArmed = false;
+}
+
+// Sets the timer for the calls that are not stalled yet.
+std::vector<std::string> StallWatch::takeStalled() {
+  std::vector<std::string> stalled;
+  const MonotonicTime now = monotonicNow();
+  MonotonicTime next = MonotonicTime::max();
+  m_bArmed = false;
+  for (Worker* worker = m_pWorkers; worker != nullptr; worker = worker->m_pNext) {
+    if (worker->m_pCallee == nullptr || worker->m_bTold)
+      continue;
+    if (worker->m_oBegin + kPatience > now) {
+      next = std::min(next, worker->m_oBegin + kPatience);
+    } else {
+      worker->m_bTold = true;
+      stalled.push_back(worker->m_pCallee->describe());
+    }
+  }
+  if (next != MonotonicTime::max())
+    arm(next);
+  return stalled;
+}
+
+void StallWatch::run() {
+  while (true) {
+    std::uint64_t expiries = 0;
+    const ssize_t length = retrying([&] { return read(m_nTimer, &expiries, sizeof expiries); });
+    std::vector<std::string> stalled;
+    {
+      const EventLoop::Lock lock;
+      if (std::exchange(m_bStopping, false) || length < 0) {
+        m_bRunning = m_bArmed = false;
+        return;
+      }
+      stalled = takeStalled();
+    }
+    if (!stalled.empty())
+      ProcessExit::watch();
+    for (const std::string& callee : stalled)
+      OwnRecords::write(OwnRecords::FAILURE, callee,
+                        ": the function runs for more than a second; others wait for its thread");
+  }
+}
+
+}  // namespace VarnSupport

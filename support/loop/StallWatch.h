@@ -1,0 +1,68 @@
+// Tells in the log when a call takes longer than a second.
+#ifndef SUPPORT_LOOP_STALLWATCH_H
+#define SUPPORT_LOOP_STALLWATCH_H
+
+#include <string>
+#include <vector>
+
+#include "runtime/System.h"
+
+namespace VarnSupport {
+
+class Callee;
+
+// Its thread sleeps at a timer of the system, which is set while calls are made and no longer: a
+// process whose calls are short never wakes it. Guarded by the lock of the loop.
+class StallWatch {
+ public:
+  // A thread that makes calls, for as long as it does; stands on its stack. Making and destroying
+  // it takes the lock.
+  class Worker {
+   public:
+    explicit Worker(StallWatch& watch);
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+    ~Worker();
+
+    void begin(const Callee& callee, MonotonicTime now);
+    void end() { m_pCallee = nullptr; }
+    // The thread is about to wait.
+    void rest() { m_oWatch.disarmIfIdle(); }
+
+   private:
+    friend class StallWatch;
+
+    StallWatch& m_oWatch;
+    Worker* m_pNext = nullptr;
+    const Callee* m_pCallee = nullptr;  // of the call that is under way
+    MonotonicTime m_oBegin{};
+    bool m_bTold = false;
+  };
+
+  StallWatch() = default;
+  StallWatch(const StallWatch&) = delete;
+  StallWatch& operator=(const StallWatch&) = delete;
+
+  // Without a thread nothing is told.
+  void ensureRunning();
+  void stop();
+  void closeInChild();
+
+ private:
+  static constexpr std::chrono::seconds kPatience{1};
+
+  void run();
+  std::vector<std::string> takeStalled();
+  void arm(MonotonicTime time);
+  void disarmIfIdle();
+
+  Worker* m_pWorkers = nullptr;
+  int m_nTimer = -1;
+  bool m_bArmed = false;
+  bool m_bRunning = false;
+  bool m_bStopping = false;
+};
+
+}  // namespace VarnSupport
+
+#endif

@@ -1,0 +1,274 @@
+#include "VarnSupport/VarnFileWatch.h"
+
+#include <sys/stat.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "LibraryTools.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Watch = VarnFileWatch;
+using Change = Watch::Change;
+
+// Keeps what it is told, as text: "MADE b.log 3".
+class Told {
+ public:
+  Watch::Function function() {
+    return [this](const Change& change) { note(change); };
+  }
+  void note(const Change& change) {
+    static constexpr const char* names[] = {"FOUND", "MADE", "CHANGED", "CUT",
+                                            "MOVED", "GONE", "LOST"};
+    std::string text =
+        std::string(names[change.what]) + ' ' + fs::path(change.path).filename().string();
+    if (!change.newPath.empty())
+      text += " to " + fs::path(change.newPath).filename().string();
+    const std::lock_guard guard(m_oMutex);
+    m_vTexts.push_back(text);
+    m_nSize = change.size;
+  }
+  std::vector<std::string> texts() const {
+    const std::lock_guard guard(m_oMutex);
+    return m_vTexts;
+  }
+  std::uint64_t size() const {
+    const std::lock_guard guard(m_oMutex);
+    return m_nSize;
+  }
+  // Waits until these were told, in this order and since the last time, other changes apart.
+  bool tells(const std::vector<std::string>& expected) {
+    return eventually(
+               [&] {
+                 const std::lock_guard guard(m_oMutex);
+                 std::size_t next = m_nSeen;
+                 for (const std::string& text : expected) {
+                   while (next < m_vTexts.size() && m_vTexts[next] != text)
+                     ++next;
+                   if (next++ >= m_vTexts.size())
+                     return false;
+                 }
+                 m_nSeen = next;
+                 return true;
+               },
+               std::chrono::seconds(10)) ||
+           (ADD_FAILURE() << testing::PrintToString(texts()), false);
+  }
+  bool hasTold(const std::string& text) const {
+    const std::vector<std::string> all = texts();
+    return std::find(all.begin(), all.end(), text) != all.end();
+  }
+
+ private:
+  mutable std::mutex m_oMutex;
+  std::vector<std::string> m_vTexts;
+  std::uint64_t m_nSize = 0;
+  std::size_t m_nSeen = 0;
+};
+
+void append(const std::string& file, const std::string& text) {
+  std::ofstream(file, std::ios::app) << text;
+}
+
+}  // namespace
+
+TEST(VarnFileWatch, TellsWhatBecomesOfTheNamesThatMatch) {
+  const TempFolder folder;
+  writeFile(folder / "a.log", "old");
+  writeFile(folder / "other.txt", "old");
+  Told told;
+  const Watch watch(folder / "?*.log", told.function());
+  EXPECT_TRUE(told.tells({"FOUND a.log"}));
+  writeFile(folder / "b.log", "");
+  EXPECT_TRUE(told.tells({"MADE b.log"}));
+  append(folder / "b.log", "text");
+  append(folder / "other.txt", "text");
+  EXPECT_TRUE(told.tells({"CHANGED b.log"}));
+  fs::rename(folder / "a.log", folder / "c.log");
+  EXPECT_TRUE(told.tells({"MOVED a.log to c.log", "MADE c.log"}));
+  fs::rename(folder / "b.log", folder / "other.txt");
+  EXPECT_TRUE(told.tells({"MOVED b.log to other.txt"}));
+  fs::remove(folder / "c.log");
+  EXPECT_TRUE(told.tells({"GONE c.log"}));
+  for (const std::string& text : told.texts())
+    EXPECT_FALSE(text.ends_with(" other.txt") && !contains(text, " to ")) << text;
+}
+
+TEST(VarnFileWatch, FollowsANameThroughRotations) {
+  const TempFolder folder;
+  const std::string file = folder / "app.log";
+  writeFile(file, "first line\n");
+  Told told;
+  const Watch watch(file, told.function());
+  EXPECT_TRUE(told.tells({"FOUND app.log"}));
+  for (int rotation = 0; rotation < 20; ++rotation) {
+    fs::rename(file, folder / "app.log.1");
+    writeFile(file, "second line of text\n");
+    ASSERT_TRUE(told.tells({"MOVED app.log to app.log.1", "MADE app.log"}));
+  }
+  // By copy and cut.
+  ASSERT_TRUE(eventually([&] { return told.size() == 20; }));
+  fs::copy_file(file, folder / "app.log.2");
+  fs::resize_file(file, 0);
+  EXPECT_TRUE(told.tells({"CUT app.log"}));
+  append(file, "x");
+  EXPECT_TRUE(told.tells({"CHANGED app.log"}));
+  EXPECT_EQ(1U, told.size());
+  // By a new file that takes the place, and by removal.
+  writeFile(folder / "new", "n");
+  fs::rename(folder / "new", file);
+  EXPECT_TRUE(told.tells({"GONE app.log", "MADE app.log"}));
+  fs::remove(file);
+  writeFile(file, "");
+  EXPECT_TRUE(told.tells({"GONE app.log", "MADE app.log"}));
+}
+
+TEST(VarnFileWatch, TheFolderMayBeMissingVanishBeMovedAndBeALink) {
+  const TempFolder folder;
+  const std::string inner = folder / "a/b";
+  Told told;
+  const Watch watch(inner + "/x.log", told.function());
+  fs::create_directories(inner);
+  writeFile(inner + "/x.log", "");
+  EXPECT_TRUE(told.tells({"MADE x.log"}));
+  fs::remove_all(folder / "a");
+  EXPECT_TRUE(told.tells({"GONE x.log"}));
+  fs::create_directories(inner);
+  writeFile(inner + "/x.log", "");
+  EXPECT_TRUE(told.tells({"MADE x.log"}));
+  fs::rename(folder / "a", folder / "elsewhere");
+  EXPECT_TRUE(told.tells({"GONE x.log"}));
+  fs::create_directory_symlink(folder / "elsewhere", folder / "a");
+  EXPECT_TRUE(told.tells({"MADE x.log"}));
+  fs::create_directories(folder / "third/b");
+  fs::create_directory_symlink(folder / "third", folder / "new");
+  fs::rename(folder / "new", folder / "a");
+  EXPECT_TRUE(told.tells({"GONE x.log"}));
+  append(folder / "third/b/x.log", "");
+  EXPECT_TRUE(told.tells({"MADE x.log"}));
+}
+
+TEST(VarnFileWatch, ALinkStandsForItsFile) {
+  const TempFolder folder;
+  fs::create_directory(folder / "data");
+  writeFile(folder / "data/one", "1");
+  fs::create_symlink("data/one", folder / "current");
+  fs::create_symlink("data/none", folder / "dangling");
+  Told told;
+  const Watch watch(folder / "*", told.function());
+  EXPECT_TRUE(told.tells({"FOUND current"}));
+  append(folder / "data/one", "2");
+  EXPECT_TRUE(told.tells({"CHANGED current"}));
+  fs::rename(folder / "data/one", folder / "data/two");
+  writeFile(folder / "data/one", "3");
+  EXPECT_TRUE(told.tells({"MOVED current", "MADE current"}));
+  fs::create_symlink("data/two", folder / "next");
+  fs::rename(folder / "next", folder / "current");
+  EXPECT_TRUE(told.tells({"GONE current", "MADE current"}));
+  append(folder / "data/two", "4");
+  EXPECT_TRUE(told.tells({"CHANGED current"}));
+  EXPECT_FALSE(told.hasTold("FOUND dangling"));
+  writeFile(folder / "data/none", "");
+  EXPECT_TRUE(told.tells({"MADE dangling"}));
+}
+
+// The queue of the system takes so many events; a call that blocks the loop lets it run over.
+TEST(VarnFileWatch, LostEventsAreToldAndMadeGood) {
+  const int most = std::atoi(contentsOf("/proc/sys/fs/inotify/max_queued_events").c_str());
+  ASSERT_GT(most, 0);
+  const TempFolder folder;
+  const TempFolder noise;
+  writeFile(folder / "kept", "");
+  writeFile(folder / "gone", "");
+  Told told;
+  std::atomic<bool> isBlocking{false};
+  std::atomic<bool> isFlooded{false};
+  const Watch watch(folder / "*", [&](const Change& change) {
+    told.note(change);
+    if (fs::path(change.path).filename() == "block") {
+      isBlocking = true;
+      eventually([&] { return isFlooded.load(); });
+    }
+  });
+  const Watch flooded(noise / "none", [](const Change&) {});
+  EXPECT_TRUE(told.tells({"FOUND gone"}));
+  writeFile(folder / "block", "");
+  ASSERT_TRUE(eventually([&] { return isBlocking.load(); }));
+  for (int i = 0; i < most / 2 + 10; ++i) {
+    const std::string name = noise / std::to_string(i % 2);
+    writeFile(name, "");
+    fs::remove(name);
+  }
+  fs::remove(folder / "gone");
+  writeFile(folder / "made", "");
+  isFlooded = true;
+  EXPECT_TRUE(told.tells({"LOST *"}));
+  EXPECT_TRUE(eventually([&] { return told.hasTold("GONE gone") && told.hasTold("MADE made"); }));
+  append(folder / "kept", "x");
+  EXPECT_TRUE(told.tells({"CHANGED kept"}));
+}
+
+TEST(VarnFileWatch, IsDestroyedWhileItFires) {
+  const TempFolder folder;
+  VarnCallbackPool pool(2);
+  const auto writer = repeating([&] {
+    writeFile(folder / "a", "x");
+    fs::remove(folder / "a");
+  });
+  const auto end = Clock::now() + stressTime(1);
+  onThreads(3, [&](int thread) {
+    while (Clock::now() < end) {
+      std::atomic<bool> alive{true};
+      std::atomic<int> calls{0};
+      std::unique_ptr<Watch> watch;
+      std::atomic<bool> isReady{false};
+      std::atomic<bool> isGone{false};
+      watch = std::make_unique<Watch>(
+          folder / "*",
+          [&](const Change&) {
+            EXPECT_TRUE(alive);
+            ++calls;
+            if (isReady && thread == 1 && !isGone) {
+              watch.reset();
+              isGone = true;
+            }
+          },
+          thread == 0 ? nullptr : &pool);
+      isReady = true;
+      ASSERT_TRUE(eventually([&] { return thread == 1 ? isGone.load() : calls > 1; }));
+      if (thread == 1)
+        sleepMs(1);
+      else
+        watch.reset();
+      alive = false;
+    }
+  });
+}
+
+TEST(VarnFileWatch, AChildOfAForkLeavesTheParentsAlone) {
+  const TempFolder folder;
+  Told told;
+  auto watch = std::make_unique<Watch>(folder / "*", told.function());
+  writeFile(folder / "a", "");
+  ASSERT_TRUE(told.tells({"MADE a"}));
+  EXPECT_EQ(0, runInBareChild([&] {
+              leaksCanBeFound = false;
+              watch.reset();
+              Told mine;
+              const Watch another(folder / "*", mine.function());
+              if (!mine.tells({"FOUND a"}))
+                return 1;
+              writeFile(folder / "b", "");
+              return mine.tells({"MADE b"}) ? 0 : 2;
+            }));
+  EXPECT_TRUE(told.tells({"MADE b"}));
+  append(folder / "a", "x");
+  EXPECT_TRUE(told.tells({"CHANGED a"}));
+}
+
+TEST(VarnFileWatch, RefusesWhatIsNoPath) {
+  EXPECT_TRUE(contains(resultOf([] { Watch("", [](const Change&) {}); }), "no path"));
+  EXPECT_TRUE(contains(resultOf([] { Watch("x", Watch::Function()); }), "no function"));
+}

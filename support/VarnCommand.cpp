@@ -28,10 +28,6 @@ const CommandOutcome& neverStarted() {
   return *outcome;
 }
 
-const CommandOutcome& of(const std::shared_ptr<const CommandOutcome>& outcome) {
-  return outcome != nullptr ? *outcome : neverStarted();
-}
-
 std::string describe(const CommandOutcome& outcome) {
   switch (outcome.outcome) {
     case VarnCommand::NOT_STARTED:
@@ -52,33 +48,13 @@ std::string describe(const CommandOutcome& outcome) {
 
 }  // namespace
 
-VarnCommand::tOutcome VarnCommand::Result::getOutcome() const { return of(m_pOutcome).outcome; }
-
-int VarnCommand::Result::getExitCode() const { return of(m_pOutcome).exitCode; }
-
-int VarnCommand::Result::getSignal() const { return of(m_pOutcome).signal; }
-
-int VarnCommand::Result::getError() const { return of(m_pOutcome).error; }
-
-bool VarnCommand::Result::isTimedOut() const { return of(m_pOutcome).isTimedOut; }
-
-bool VarnCommand::Result::isKilled() const { return of(m_pOutcome).isKilled; }
-
-const std::string& VarnCommand::Result::getOutput() const { return of(m_pOutcome).output.text; }
-
-const std::string& VarnCommand::Result::getErrors() const { return of(m_pOutcome).errors.text; }
-
-std::uint64_t VarnCommand::Result::getDroppedOutput() const {
-  return of(m_pOutcome).output.dropped;
-}
-
-std::uint64_t VarnCommand::Result::getDroppedErrors() const {
-  return of(m_pOutcome).errors.dropped;
+const VarnCommand::Outcome& VarnCommand::Result::outcome() const {
+  return m_pOutcome != nullptr ? *m_pOutcome : neverStarted();
 }
 
 std::string VarnCommand::Result::getText() const {
   const CancellationGuard closed;
-  std::string text = describe(of(m_pOutcome));
+  std::string text = describe(outcome());
   if (isTimedOut())
     text += ", as its time was over";
   else if (isKilled())

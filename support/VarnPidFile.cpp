@@ -240,9 +240,6 @@ struct PidFileState::Fork {
 
 constinit const ForkPart pidFileFork{&PidFileState::Fork::prepare, &PidFileState::Fork::release};
 
-VarnStartRefused::VarnStartRefused(const std::string& reason, int code)
-    : VarnException(reason, code) {}
-
 VarnStartRefused::~VarnStartRefused() = default;
 
 VarnPidFile::VarnPidFile(const std::string& path) {

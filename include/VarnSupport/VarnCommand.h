@@ -28,13 +28,12 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "VarnSupport/VarnExport.h"
 
 namespace VarnSupport {
-
-struct CommandOutcome;
 
 class VSUPT_EXPORT VarnCommand {
  public:
@@ -49,41 +48,60 @@ class VSUPT_EXPORT VarnCommand {
   static constexpr std::size_t kCaptureBytes = std::size_t{1} << 20;
   static constexpr std::chrono::seconds kGrace{5};
 
+  // What a result is made of; for the library.
+  struct Outcome {
+    struct Captured {
+      std::string text;
+      std::uint64_t dropped = 0;
+    };
+
+    tOutcome outcome = UNKNOWN;
+    int exitCode = -1;
+    int signal = 0;
+    int error = 0;
+    std::string subject;  // of the error
+    bool isTimedOut = false;
+    bool isKilled = false;
+    Captured output;
+    Captured errors;
+  };
+
   // How a run has ended. Copies share what they hold, which never changes.
   class VSUPT_EXPORT Result {
    public:
     // Of a command that was never started.
     Result() = default;
     // For the library.
-    explicit Result(std::shared_ptr<const CommandOutcome> outcome)
-        : m_pOutcome(std::move(outcome)) {}
+    explicit Result(std::shared_ptr<const Outcome> outcome) : m_pOutcome(std::move(outcome)) {}
 
-    tOutcome getOutcome() const;
+    tOutcome getOutcome() const { return outcome().outcome; }
     // Exited with 0.
     bool succeeded() const { return getExitCode() == 0; }
     // -1 unless it has exited.
-    int getExitCode() const;
+    int getExitCode() const { return outcome().exitCode; }
     // The signal that ended it, else 0.
-    int getSignal() const;
+    int getSignal() const { return outcome().signal; }
     // Why it could not be started, an error number, else 0. EINVAL: there is no argument, a text
     // contains a NUL, or the name of a variable is empty or contains a '='.
-    int getError() const;
+    int getError() const { return outcome().error; }
     // Whether the time limit, or kill() and its kind, came before the end of the program.
-    bool isTimedOut() const;
-    bool isKilled() const;
+    bool isTimedOut() const { return outcome().isTimedOut; }
+    bool isKilled() const { return outcome().isKilled; }
 
     // What it has written, up to the limit, and how many bytes beyond were dropped.
-    const std::string& getOutput() const;
-    const std::string& getErrors() const;
-    std::uint64_t getDroppedOutput() const;
-    std::uint64_t getDroppedErrors() const;
+    const std::string& getOutput() const { return outcome().output.text; }
+    const std::string& getErrors() const { return outcome().errors.text; }
+    std::uint64_t getDroppedOutput() const { return outcome().output.dropped; }
+    std::uint64_t getDroppedErrors() const { return outcome().errors.dropped; }
 
     // In words, such as "exited with 3", "was ended by signal 15 (Terminated), as its time was
     // over", "could not be started: /bin/nothing: No such file or directory".
     std::string getText() const;
 
    private:
-    std::shared_ptr<const CommandOutcome> m_pOutcome;
+    const Outcome& outcome() const;
+
+    std::shared_ptr<const Outcome> m_pOutcome;
   };
 
   using Done = std::function<void(const Result& result)>;

@@ -27,7 +27,8 @@ class PidFileState;
 // ends, with 1, and returns false as for a hook that refuses.
 class VSUPT_EXPORT VarnStartRefused : public VarnException {
  public:
-  explicit VarnStartRefused(const std::string& reason, int code = 0);
+  explicit VarnStartRefused(const std::string& reason, int code = 0)
+      : VarnException(reason, code) {}
   VarnStartRefused(const VarnStartRefused&) = default;
   VarnStartRefused& operator=(const VarnStartRefused&) = default;
   ~VarnStartRefused() override;

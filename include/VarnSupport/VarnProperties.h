@@ -100,7 +100,12 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
   // value in the set is valid until that key is changed.
   const StringType& getProperty(const StringType& key, const StringType& defaultValue) const;
   // A default that is a temporary yields a text of its own.
-  StringType getProperty(const StringType& key, const StringType&& defaultValue) const;
+  template <typename Text = StringType>
+  Text getProperty(const StringType& key, const StringType&& defaultValue) const {
+    Text value(defaultValue);
+    getPropertyValue(key, value);
+    return value;
+  }
   // False, and `value` as it was, when there is no such key.
   bool getPropertyValue(const StringType& key, StringType& value) const;
   // All values in the order in which they were added; none for an unknown key.

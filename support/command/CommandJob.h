@@ -19,22 +19,7 @@
 
 namespace VarnSupport {
 
-struct CommandOutcome {
-  struct Captured {
-    std::string text;
-    std::uint64_t dropped = 0;
-  };
-
-  VarnCommand::tOutcome outcome = VarnCommand::UNKNOWN;
-  int exitCode = -1;
-  int signal = 0;
-  int error = 0;
-  std::string subject;  // of the error
-  bool isTimedOut = false;
-  bool isKilled = false;
-  Captured output;
-  Captured errors;
-};
+using CommandOutcome = VarnCommand::Outcome;
 
 // Guards all jobs, and who serves them. Held for moments, and across a fork: what it guards is
 // whole in the child.

@@ -1,3 +1,5 @@
+// One message is one datagram, sent from a socket of its own that does not block. A full queue is
+// waited for by poll(), within a time limit.
 #include "VarnSupport/VarnServiceManager.h"
 
 #include <poll.h>

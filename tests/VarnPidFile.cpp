@@ -219,8 +219,11 @@ TEST(VarnPidFile, IsTheDaemonsAndRefusesASecondOneOnTheTerminal) {
     const std::string daemon = contentsOf(path).substr(0, contentsOf(path).find('\n'));
     for (const bool asDaemon : {true, false}) {
       EXPECT_EQ(1, start(folder / "second", asDaemon));
-      EXPECT_EQ("named: " + path + " is held by process " + daemon + '\n',
-                contentsOf(folder / "second"));
+      std::string text = "named: ";
+      text += path;
+      text += " is held by process ";
+      text += daemon;
+      EXPECT_EQ(std::vector<std::string>{text}, linesOf(folder / "second"));
     }
     kill(std::stoi(daemon), SIGKILL);
     EXPECT_TRUE(eventually([&] { return attempt(path, std::stoi(daemon)) == "held"; }));

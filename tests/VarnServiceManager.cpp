@@ -51,7 +51,11 @@ class Manager {
     const ssize_t length = recvmsg(m_nSocket, &message, 0);
     if (length < 0)
       return "none";
-    sender = reinterpret_cast<const ucred*>(CMSG_DATA(CMSG_FIRSTHDR(&message)))->pid;
+    if (const cmsghdr* const header = CMSG_FIRSTHDR(&message); header != nullptr) {
+      ucred credentials{};
+      std::memcpy(&credentials, CMSG_DATA(header), sizeof credentials);
+      sender = credentials.pid;
+    }
     return {text, static_cast<std::size_t>(length)};
   }
 
@@ -181,7 +185,7 @@ TEST(VarnServiceManager, HearsOfEveryServiceByItself) {
       EXPECT_EQ(0, outcomeOf(started));
     }
     const auto next = [&] {
-      const std::string text = manager.next();
+      std::string text = manager.next();
       EXPECT_EQ(process, manager.sender);
       return text;
     };

@@ -1,3 +1,5 @@
+// Two pipes: on one the daemon reports, on the other, where there is a manager, the launching
+// process lets the daemon go on once the manager knows of it.
 #include "service/DaemonLaunch.h"
 
 #include <fcntl.h>

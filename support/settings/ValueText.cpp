@@ -161,7 +161,10 @@ std::string shownValue(std::string_view text) {
     while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80)
       --length;
   }
-  return "'" + escaped(text.substr(0, length)) + (length < text.size() ? "...'" : "'");
+  std::string shown(1, '\'');
+  shown += escaped(text.substr(0, length));
+  shown += length < text.size() ? "...'" : "'";
+  return shown;
 }
 
 }  // namespace VarnSupport

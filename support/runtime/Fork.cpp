@@ -26,8 +26,6 @@ constexpr std::array kParts{&serviceFork, &factoryFork, &threadFork, &waitFork,
                             &relayFork,   &exitFork,    &sectionFork};
 
 void prepare() {
-  if (ForkToExec::innermost() != nullptr)
-    return;
   closeCancellationQuietly();
   SignalRelay::settle();
   for (const ForkPart* const part : kParts)
@@ -36,8 +34,6 @@ void prepare() {
 }
 
 void release(ForkSide side) {
-  if (ForkToExec::innermost() != nullptr)
-    return;
   if (side == ForkSide::CHILD) {
     ++g_nForks;
     BriefGate::forgetOthers();

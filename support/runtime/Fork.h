@@ -12,8 +12,6 @@
 #include <atomic>
 #include <cstdint>
 
-#include "runtime/ThreadScope.h"
-
 namespace VarnSupport {
 
 enum class ForkSide { PARENT, CHILD };
@@ -36,9 +34,6 @@ extern const ForkPart zoneFork;
 extern const ForkPart relayFork;
 extern const ForkPart exitFork;
 extern const ForkPart sectionFork;
-
-// Around a fork() whose child does nothing but exec: nothing is prepared then.
-class ForkToExec : public ThreadScopeOf<ForkToExec> {};
 
 // How many forks, without an exec, led to this process since the library was loaded. It does not
 // change while a process has a second thread.

@@ -1,4 +1,4 @@
-// Blowfish with its key set-up, which our library does at every call, in both modes.
+// Blowfish with its key set-up, which our library does for each object or key, in both modes.
 #include <memory>
 #include <vector>
 

@@ -1,5 +1,4 @@
-// Values written to a stream in memory and read back, 100 at a time. A read of ours moves what is
-// left to the front, so its cost grows with that: the growth rows show how much.
+// Values written to a stream in memory and read back, 100 at a time and in the growth rows more.
 #include <cstring>
 #include <mutex>
 #include <sstream>

@@ -92,8 +92,6 @@ NOTES = {
     'stream': 'Every value is moved under the lock of the stream, by contract.',
     'text': 'A case-insensitive comparison folds character by character, as the locale says; '
             'narrow() and widen() take their locale by value and end at the first NUL.',
-    'growth of stream': 'A read moves all that is left to the front, by contract: its cost grows '
-                        'with what is left.',
     'start-up': 'Processor time of a program that does nothing; the ratio compares what it takes '
                 'beyond the empty one. By contract ours reads the locale that the environment '
                 'names.',

@@ -1,6 +1,8 @@
-// The buffer begins with room for a header, which buffer() fills in, and the unread bytes follow it
-// at a fixed place: what is read moves the rest to the front. size() reads the end, and reset()
-// moves it, without the lock.
+// The buffer begins with room for a header, which buffer() fills in. The unread bytes follow it
+// once somebody has the address of the buffer. Until then reading leaves them where they are, and a
+// write moves them to the front when it lacks room and reading has freed a quarter of what it
+// moves: each byte that is read pays for four. size() reads the end, and reset() moves it, without
+// the lock: the end therefore says how many bytes there are, wherever they begin.
 #include "VarnSupport/VarnBufferStream.h"
 
 #include <algorithm>
@@ -19,6 +21,8 @@ namespace VarnSupport {
 namespace {
 
 constexpr std::uint64_t kLargest = std::numeric_limits<std::uint32_t>::max();
+// Unread bytes are moved when reading has freed the room of this part of them.
+constexpr std::uint32_t kWorthMoving = 4;
 
 unsigned char* duplicate(const void* bytes, std::uint32_t size) {
   if (size == 0)
@@ -36,6 +40,20 @@ unsigned char* duplicate(const void* bytes, std::uint32_t size) {
   const auto first = reinterpret_cast<std::uintptr_t>(data);
   const auto begin = reinterpret_cast<std::uintptr_t>(buffer);
   return first >= begin + capacity || first + size <= begin;
+}
+
+// The sizes of numbers go without a call.
+void copyBytes(void* to, const void* from, std::size_t size) {
+  switch (size) {
+    case 4:
+      std::memcpy(to, from, 4);
+      break;
+    case 8:
+      std::memcpy(to, from, 8);
+      break;
+    default:
+      std::memcpy(to, from, size);
+  }
 }
 
 }  // namespace
@@ -61,6 +79,7 @@ VarnBufferStream::VarnBufferStream(const VarnBufferStream& source)
   const CancellationGuard closed;
   const BriefHold hold(source.m_oLock);
   m_pBuffer = duplicate(source.m_pBuffer, source.m_nCapacity);
+  m_nReadPosition = source.front();
   m_nEnd = source.m_nEnd.load();
   m_nGrowthStep = source.m_nGrowthStep;
   m_nCapacity = source.m_nCapacity;
@@ -75,6 +94,7 @@ VarnBufferStream& VarnBufferStream::operator=(const VarnBufferStream& source) {
   VarnBufferStream copy(source);
   const BriefHold hold(m_oLock);
   std::swap(m_pBuffer, copy.m_pBuffer);
+  m_nReadPosition = copy.m_nReadPosition;
   m_nEnd = copy.m_nEnd.load();
   m_nGrowthStep = copy.m_nGrowthStep;
   m_nCapacity = copy.m_nCapacity;
@@ -87,7 +107,7 @@ VarnBufferStream::~VarnBufferStream() {
 }
 
 // The buffer is kept for what comes next.
-void VarnBufferStream::reset() { m_nEnd.store(m_nReadPosition, std::memory_order_relaxed); }
+void VarnBufferStream::reset() { m_nEnd.store(kHeaderSize, std::memory_order_relaxed); }
 
 unsigned VarnBufferStream::read(void* data, unsigned elementSize, unsigned count) {
   const CancellationGuard closed;
@@ -108,19 +128,20 @@ unsigned VarnBufferStream::copyOut(void* data, unsigned elementSize, unsigned co
   const std::uint64_t wanted = std::uint64_t{elementSize} * count;
   const BriefHold hold(m_oLock);
   // One look at the end: reset() may move it meanwhile.
-  const std::uint32_t end = m_nEnd.load(std::memory_order_relaxed);
-  assert(end >= m_nReadPosition);
-  const std::uint32_t unread = end - m_nReadPosition;
+  const std::uint32_t unread = m_nEnd.load(std::memory_order_relaxed) - kHeaderSize;
   if (wanted > kLargest || wanted == 0 || unread == 0)
     return 0;
   const auto moved = static_cast<std::uint32_t>(std::min<std::uint64_t>(wanted, unread));
   assert(isApart(data, moved, m_pBuffer, m_nCapacity));
-  unsigned char* const front = m_pBuffer + m_nReadPosition;
-  std::memcpy(data, front, moved);
+  const std::uint32_t left = unread - moved;
+  unsigned char* const first = m_pBuffer + front();
+  copyBytes(data, first, moved);
   if (remove) {
-    if (moved < unread)
-      std::memmove(front, front + moved, unread - moved);
-    m_nEnd.store(end - moved, std::memory_order_relaxed);
+    if (m_nReadPosition != kHandedOut) [[likely]]
+      m_nReadPosition = left > 0 ? m_nReadPosition + moved : kHeaderSize;
+    else if (left > 0)
+      std::memmove(first, first + moved, left);
+    m_nEnd.store(kHeaderSize + left, std::memory_order_relaxed);
   }
   return moved;
 }
@@ -129,14 +150,47 @@ unsigned VarnBufferStream::copyOut(void* data, unsigned elementSize, unsigned co
 unsigned VarnBufferStream::append(const void* data, unsigned elementSize, unsigned count) {
   const std::uint64_t added = std::uint64_t{elementSize} * count;
   const BriefHold hold(m_oLock);
-  const std::uint32_t end = m_nEnd.load(std::memory_order_relaxed);
-  if (added > kLargest || (end + added > m_nCapacity && !growLocked(added, end + added)))
+  const std::uint32_t unread = m_nEnd.load(std::memory_order_relaxed) - kHeaderSize;
+  std::uint64_t end = std::uint64_t{front()} + unread;
+  if (added > kLargest)
     return 0;
+  if (end + added > m_nCapacity) [[unlikely]] {
+    if (!makeRoom(unread, added))
+      return 0;
+    end = front() + unread;
+  }
   assert(end + added <= m_nCapacity);
   if (added > 0)
-    std::memcpy(m_pBuffer + end, data, added);
-  m_nEnd.store(static_cast<std::uint32_t>(end + added), std::memory_order_relaxed);
+    copyBytes(m_pBuffer + end, data, added);
+  m_nEnd.store(static_cast<std::uint32_t>(kHeaderSize + unread + added), std::memory_order_relaxed);
   return static_cast<std::uint32_t>(added);
+}
+
+inline std::uint32_t VarnBufferStream::front() const {
+  if (m_nReadPosition == kHandedOut) [[unlikely]]
+    return kHeaderSize;
+  return m_nReadPosition;
+}
+
+inline void VarnBufferStream::moveToFront(std::uint32_t unread) const {
+  if (m_nReadPosition <= kHeaderSize)
+    return;
+  if (unread > 0)
+    std::memmove(m_pBuffer + kHeaderSize, m_pBuffer + m_nReadPosition, unread);
+  m_nReadPosition = kHeaderSize;
+}
+
+// Where too little was read for a move the buffer grows, by so much that a move pays next time.
+// Without memory for that the bytes move all the same.
+[[gnu::noinline]] bool VarnBufferStream::makeRoom(std::uint32_t unread, std::uint64_t added) {
+  const std::uint32_t worth = unread / kWorthMoving;
+  const std::uint32_t freed = front() - kHeaderSize;
+  if (freed > 0 && freed < worth &&
+      growLocked(std::max<std::uint64_t>(added, worth), front() + unread + added))
+    return true;
+  moveToFront(unread);
+  const std::uint64_t needed = kHeaderSize + unread + added;
+  return needed <= m_nCapacity || growLocked(added, needed);
 }
 
 // A whole number of steps, and more of them than the data alone needs: the first write also makes
@@ -153,18 +207,22 @@ bool VarnBufferStream::growLocked(std::uint64_t added, std::uint64_t needed) {
   if (grown == nullptr)
     return false;
   m_pBuffer = static_cast<unsigned char*>(grown);
+  m_nReadPosition = front();  // nobody has the new address
   m_nCapacity = static_cast<std::uint32_t>(capacity);
   return true;
 }
 
 unsigned VarnBufferStream::size() const {
-  return m_nEnd.load(std::memory_order_relaxed) - m_nReadPosition;
+  return m_nEnd.load(std::memory_order_relaxed) - kHeaderSize;
 }
 
 void* VarnBufferStream::buffer() const {
   const std::uint32_t unread = size();
-  if (m_pBuffer != nullptr)
-    std::memcpy(m_pBuffer, &unread, sizeof unread);
+  if (m_pBuffer == nullptr)
+    return nullptr;
+  moveToFront(unread);
+  m_nReadPosition = kHandedOut;
+  std::memcpy(m_pBuffer, &unread, sizeof unread);
   return m_pBuffer;
 }
 

@@ -104,9 +104,19 @@ void VarnCollaborator::removeDependent(VarnDependent& dependent) {
     return;
   const QuietCancellationGuard closed;
   const ListHold hold(m_oLock);
-  std::erase_if(m_vDependents, [&](VarnDependent* entry) {
+  const auto isEntry = [&](VarnDependent* entry) {
     return TrackedDependent::isEntryOf(entry, dependent);
-  });
+  };
+  // What lies between two entries of the dependent moves as a whole.
+  const auto end = m_vDependents.end();
+  auto found = std::find_if(m_vDependents.begin(), end, isEntry);
+  auto kept = found;
+  while (found != end) {
+    const auto begin = found + 1;
+    found = std::find_if(begin, end, isEntry);
+    kept = std::move(begin, found, kept);
+  }
+  m_vDependents.erase(kept, end);
   m_nChanges.fetch_add(1, std::memory_order_release);
 }
 

@@ -185,13 +185,26 @@ void VarnCriticalSectionObject::makeState() {
     static_cast<void>(made.release());
 }
 
-// Locks that have their state, on threads that cannot be cancelled, take the way without a frame.
+// Locks that have their state take the way without a frame, on threads that can be cancelled unless
+// somebody asks for that: a thread that is asked for while it waits gives the lock back.
 void VarnCriticalSectionObject::lock() {
   const auto* const shared = m_pState.load(std::memory_order_acquire);
-  if (shared == nullptr || isCancellable())
+  if (shared == nullptr) {
     lockGuarded();
-  else
+  } else if (!isCancellable()) {
     (*shared)->lock();
+  } else if (!MomentaryGuard::isPossible() || MomentaryGuard::isRequested()) {
+    lockGuarded();
+  } else {
+    {
+      const MomentaryGuard closed;
+      (*shared)->lock();
+    }
+    if (MomentaryGuard::isRequested()) [[unlikely]] {
+      unlockGuarded();
+      lockGuarded();
+    }
+  }
 }
 
 // A thread that is killed while it waits for the lock dies once it has it.
@@ -215,10 +228,16 @@ bool VarnCriticalSectionObject::testAndSet() {
 
 void VarnCriticalSectionObject::unlock() {
   const auto* const shared = m_pState.load(std::memory_order_acquire);
-  if (shared == nullptr || isCancellable())
+  if (shared == nullptr) {
     unlockGuarded();
-  else
+  } else if (!isCancellable()) {
     (*shared)->unlock();
+  } else if (MomentaryGuard::isPossible()) {
+    const MomentaryGuard closed;
+    (*shared)->unlock();
+  } else {
+    unlockGuarded();
+  }
 }
 
 [[gnu::noinline]] void VarnCriticalSectionObject::unlockGuarded() {

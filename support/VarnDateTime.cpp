@@ -240,8 +240,7 @@ bool VarnDateTime::operatorImpl(const std::tm& time, std::string& error) {
 
 std::time_t VarnDateTime::getTime() const {
   const CancellationGuard closed;
-  std::tm time = fields();
-  return fromLocalTime(time);
+  return timeOfLocal(fields());
 }
 
 int VarnDateTime::day() const { return localTime().tm_yday + 1; }

@@ -25,6 +25,8 @@ namespace {
 constexpr std::size_t kBlockSize = 8;
 constexpr std::size_t kLastSubkey = 17;
 constexpr std::uint32_t kKeyBuffer448 = 448;
+// Four for each subkey.
+constexpr std::size_t kMostKeyBytes = 72;
 constexpr std::uint32_t kKeyBuffer400 = 400;
 // Measured as the fastest; with more the halves no longer find registers.
 constexpr std::size_t kSideBySide = 5;
@@ -234,22 +236,30 @@ void VarnEncryption::setStrength(const Strength& strength) {
 void VarnEncryption::initialize(const std::string& key, const unsigned& keyLength,
                                 const tMode& mode, const SBlock& chaining) {
   const CancellationGuard closed;
-  // The key buffer itself is not needed: no more than its first 72 bytes are ever used.
+  // The key buffer itself is not needed: no more than its first bytes are ever used.
   if (keyLength == 0 || std::min(keyLength, m_nKeyBufferLength) > key.size())
     static_cast<void>(key.at(key.size()));  // throws
-  m_sKey = key;
   if (mode > MODE_CBC)
     throw VarnInvalidEncryptionException("The mode is not initialized properly");
+  const std::size_t used = std::min<std::size_t>(keyLength, kMostKeyBytes);
+  if (m_sKey.compare(0, std::string::npos, key, 0, used) != 0) {
+    std::string material(key, 0, used);
+    m_sKey.swap(material);
+    setUpSchedule();
+  }
   m_eMode = mode;
   m_oChaining = chaining;
+  m_bInitialized = true;
+}
+
+void VarnEncryption::setUpSchedule() {
   std::memcpy(m_aS, arrwSBoxInit, sizeof m_aS);
   std::size_t at = 0;
   for (std::size_t i = 0; i <= kLastSubkey; ++i) {
     std::uint32_t word = 0;
     for (int byte = 0; byte < 4; ++byte) {
-      assert(at < key.size());
-      word = word << 8 | static_cast<unsigned char>(key[at]);
-      at = at + 1 < keyLength ? at + 1 : 0;
+      word = word << 8 | static_cast<unsigned char>(m_sKey[at]);
+      at = at + 1 < m_sKey.size() ? at + 1 : 0;
     }
     m_aP[i] = arrwPBoxInit[i] ^ word;
   }
@@ -266,7 +276,6 @@ void VarnEncryption::initialize(const std::string& key, const unsigned& keyLengt
   replace(m_aP, kLastSubkey + 1);
   for (auto& box : m_aS)
     replace(box, 256);
-  m_bInitialized = true;
 }
 
 void VarnEncryption::setInit(const bool& initialized) { m_bInitialized = initialized; }
@@ -308,7 +317,7 @@ bool VarnEncryption::cryptData(std::string key, const std::string& input, std::s
     error = "The key passed is empty";
     return false;
   }
-  // The length has 32 bits; no more than 72 bytes of the key count anyway.
+  // The length has 32 bits; no more than the first bytes of the key count anyway.
   constexpr std::size_t longest = std::numeric_limits<unsigned>::max();
   initialize(key, static_cast<unsigned>(std::min(key.size(), longest)), m_eMode, m_oChaining);
   assert(m_bInitialized && m_eMode <= MODE_CBC);

@@ -3,7 +3,8 @@
 // one; with a single dash it is looked for among the long names first, and then as a letter.
 //
 // A long name is declared between colons, with a dot before the second one if it takes data, so a
-// name is looked for in that text as it is. Whatever precedes a fault on the command line has been
+// name is looked for in that text as it is; one parse that looks for many makes a table of the
+// names. Whatever precedes a fault on the command line has been
 // recorded when the fault is reported: callers rely on it.
 #include "VarnSupport/VarnProgramOptions.h"
 
@@ -11,6 +12,7 @@
 #include <cassert>
 #include <climits>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
@@ -53,6 +55,83 @@ Declaration declarationOf(std::string_view name, std::string_view longSpec) {
       declaration = Declaration::WithData;
   }
   return declaration;
+}
+
+// What a long specification declares, for one parse.
+class LongNames {
+ public:
+  // The specification must outlive the object.
+  explicit LongNames(std::string_view longSpec) : m_sLongSpec(longSpec) {}
+
+  // A name with a colon in it stands in no table, and yet is found in the text.
+  Declaration find(std::string_view name) {
+    if (m_nSearches < kMostSearches || name.find(':') != name.npos) {
+      ++m_nSearches;
+      return declarationOf(name, m_sLongSpec);
+    }
+    if (m_mapNames.empty())
+      fill();
+    const auto found = m_mapNames.find(name);
+    return found != m_mapNames.end() ? found->second : Declaration::None;
+  }
+
+ private:
+  // As many searches cost about what the table costs.
+  static constexpr int kMostSearches = 10;
+
+  void fill() {
+    std::size_t begin = m_sLongSpec.find(':') + 1;
+    for (std::size_t end = m_sLongSpec.find(':', begin); begin != 0 && end != m_sLongSpec.npos;
+         begin = end + 1, end = m_sLongSpec.find(':', begin)) {
+      const std::string_view name = m_sLongSpec.substr(begin, end - begin);
+      m_mapNames.insert_or_assign(name, Declaration::WithoutData);
+      if (name.ends_with('.'))
+        m_mapNames.try_emplace(name.substr(0, name.size() - 1), Declaration::WithData);
+    }
+  }
+
+  std::string_view m_sLongSpec;
+  int m_nSearches = 0;
+  std::unordered_map<std::string_view, Declaration> m_mapNames;
+};
+
+// Records a long option, unless it is declared with data: that would stand in an element of its
+// own, and is left out; callers rely on it. Returns whether it is recorded.
+bool recordLong(VarnProperties<std::string>& options, const std::string& option,
+                Declaration declaration) {
+  if (declaration == Declaration::None)
+    fail("Unrecognized option: --", nameOf(option));
+  if (declaration == Declaration::WithData)
+    return false;
+  options.addProperty(option, '=');
+  return true;
+}
+
+// Records an option with a single leading character, which is a long name or else a letter. True
+// when `next` is its data.
+bool recordSingle(VarnProperties<std::string>& options, const std::string& option, const char* next,
+                  const std::string& shortSpec, Declaration declaration) {
+  if (declaration == Declaration::WithoutData) {
+    options.addProperty(option, '=');
+    return false;
+  }
+  if (declaration == Declaration::WithData) {
+    options.addProperty(option, dataOf(option, next));
+    return true;
+  }
+  assert(declaration == Declaration::None);
+  const char letter = option.c_str()[0];
+  const std::string name(1, letter);
+  const std::size_t declared = shortSpec.find(letter);
+  if (declared == std::string::npos)
+    fail("Unrecognized option: -", name);
+  const bool takesData = shortSpec.compare(declared + 1, 1, ":") == 0;
+  if (!takesData || option.size() > 1) {
+    options.addProperty(name, takesData ? option.substr(1) : std::string());
+    return false;
+  }
+  options.addProperty(name, dataOf(name, next));
+  return true;
 }
 
 // The first element, which a program may be started without.
@@ -139,6 +218,7 @@ VarnProgramOptions& VarnProgramOptions::operator=(const VarnProgramOptions& sour
 void VarnProgramOptions::parse(int argc, char** argv, const std::string& shortSpec,
                                const std::string& longSpec, bool validate, bool allowSlash) {
   const CancellationGuard closed;
+  LongNames names(longSpec);
   std::string option;
   for (int i = 1; argv != nullptr && i < argc && argv[i] != nullptr; ++i) {
     const char* const element = argv[i];
@@ -149,11 +229,11 @@ void VarnProgramOptions::parse(int argc, char** argv, const std::string& shortSp
     }
     const bool isLong = element[1] == '-';
     option.assign(element + (isLong ? 2 : 1));
+    const Declaration declaration =
+        validate ? names.find(nameOf(option)) : Declaration::WithoutData;
     if (isLong)
-      longOption(option, longSpec, validate);
-    else if (!validate)
-      m_oOptions.addProperty(option, '=');
-    else if (singleOption(option, next, shortSpec, longSpec))
+      recordLong(m_oOptions, option, declaration);
+    else if (recordSingle(m_oOptions, option, next, shortSpec, declaration))
       ++i;
   }
   m_nCursor = 0;
@@ -175,21 +255,11 @@ void VarnProgramOptions::parse(const std::string& commandLine, const std::string
         allowSlash);
 }
 
-// An option that is declared with data does not get any here, as the data would stand in an element
-// of its own: it is left out; callers rely on it.
 bool VarnProgramOptions::longOption(const std::string& option, const std::string& longSpec,
                                     bool validate) {
   const CancellationGuard closed;
-  if (validate) {
-    const std::string_view name = nameOf(option);
-    const Declaration declaration = declarationOf(name, longSpec);
-    if (declaration == Declaration::None)
-      fail("Unrecognized option: --", name);
-    if (declaration == Declaration::WithData)
-      return false;
-  }
-  m_oOptions.addProperty(option, '=');
-  return true;
+  return recordLong(m_oOptions, option,
+                    validate ? declarationOf(nameOf(option), longSpec) : Declaration::WithoutData);
 }
 
 const std::string& VarnProgramOptions::getArgument(unsigned int index) const {
@@ -205,34 +275,6 @@ bool VarnProgramOptions::nextArgument(std::string& argument) {
     return false;
   argument = m_vArguments[m_nCursor];
   ++m_nCursor;
-  return true;
-}
-
-// Records an option with a single leading character, which is a long name or else a letter. True
-// when `next` is its data.
-bool VarnProgramOptions::singleOption(const std::string& option, const char* next,
-                                      const std::string& shortSpec, const std::string& longSpec) {
-  const Declaration declaration = declarationOf(nameOf(option), longSpec);
-  if (declaration == Declaration::WithoutData) {
-    m_oOptions.addProperty(option, '=');
-    return false;
-  }
-  if (declaration == Declaration::WithData) {
-    m_oOptions.addProperty(option, dataOf(option, next));
-    return true;
-  }
-  assert(declaration == Declaration::None);
-  const char letter = option.c_str()[0];
-  const std::string name(1, letter);
-  const std::size_t declared = shortSpec.find(letter);
-  if (declared == std::string::npos)
-    fail("Unrecognized option: -", name);
-  const bool takesData = shortSpec.compare(declared + 1, 1, ":") == 0;
-  if (!takesData || option.size() > 1) {
-    m_oOptions.addProperty(name, takesData ? option.substr(1) : std::string());
-    return false;
-  }
-  m_oOptions.addProperty(name, dataOf(name, next));
   return true;
 }
 

@@ -1,7 +1,9 @@
 // Children are searched by halves while they are in key order. insert() can break the order, and so
-// can a change of a child's key, which its parents do not hear of: each such change, in any tree,
-// raises one number, and a node looks at the order of its children again when that number has
-// moved. Children out of order are searched one by one.
+// can a change of a child's key, which its parents do not hear of: a child whose only parent is
+// known raises a number that is the parent's, another child one that is everybody's, and a node
+// looks at the order of its children again when one of the two has moved. The numbers of parents
+// stand in a table, where parents may share one by chance: a child's thread need not know whether
+// the parent still exists. Children out of order are searched one by one.
 //
 // The children are counted by hand. A smart pointer cannot be moved: shifting a list of them would
 // change every count under the global critical section.
@@ -9,7 +11,9 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <new>
 #include <optional>
@@ -27,7 +31,32 @@ namespace VarnSupport {
 
 namespace {
 
-constinit std::atomic<std::uint64_t> keyChanges{1};
+constexpr unsigned kChangesBits = 12;
+constinit std::atomic<std::uint64_t> changesOfParents[1U << kChangesBits];
+constinit std::atomic<std::uint64_t> changesOfAll{1};
+
+std::atomic<std::uint64_t>& changesOf(const VarnTreeNode* parent) {
+  constexpr std::uint64_t goldenRatio = 0x9e3779b97f4a7c15;
+  const std::uint64_t mixed = reinterpret_cast<std::uintptr_t>(parent) * goldenRatio;
+  return changesOfParents[mixed >> (64 - kChangesBits)];
+}
+
+// Returns how many there were. The largest value stays, as nobody knows how many it stands for.
+std::uint8_t addParents(std::atomic<std::uint8_t>& parents, int added) {
+  constexpr std::uint8_t many = std::numeric_limits<std::uint8_t>::max();
+  std::uint8_t before = parents.load(std::memory_order_relaxed);
+  while (before != many &&
+         !parents.compare_exchange_weak(before, static_cast<std::uint8_t>(before + added),
+                                        std::memory_order_relaxed)) {
+  }
+  return before;
+}
+
+// Changes whenever a child of the parent may have got another key; never 0.
+std::uint64_t changesAround(const VarnTreeNode* parent) {
+  return changesOf(parent).load(std::memory_order_relaxed) +
+         changesOfAll.load(std::memory_order_relaxed);
+}
 
 // The outermost of the nodes that die on this thread clears up what all of them leave behind.
 struct ClearingUp : ThreadScopeOf<ClearingUp> {
@@ -84,9 +113,10 @@ VarnTreeNode::VarnTreeNode(const VarnTreeNode& source)
   const CancellationGuard closed;
   m_sKey = source.m_sKey;
   m_vChildren = source.m_vChildren;
-  for (VarnTreeNode* const child : m_vChildren)
+  for (VarnTreeNode* const child : m_vChildren) {
     child->addRef();
-  m_nOrder.store(source.m_nOrder.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    child->gainParent(*this);
+  }
 }
 
 // By a copy, so that the children of before are released last: one of them may hold the source.
@@ -95,9 +125,8 @@ VarnTreeNode& VarnTreeNode::operator=(const VarnTreeNode& source) {
     return *this;
   const CancellationGuard closed;
   VarnTreeNode copy(source);
-  m_vChildren.swap(copy.m_vChildren);
+  exchangeChildren(copy);
   m_sKey.swap(copy.m_sKey);
-  m_nOrder.store(copy.m_nOrder.load(std::memory_order_relaxed), std::memory_order_relaxed);
   keyChanged();
   return *this;
 }
@@ -110,7 +139,37 @@ VarnTreeNode& VarnTreeNode::operator=(const std::string& key) {
 // A tree that goes by its root goes without recursion: see releaseAll().
 VarnTreeNode::~VarnTreeNode() {
   const QuietCancellationGuard closed;
-  releaseAll(std::move(m_vChildren));
+  releaseChildren();
+}
+
+void VarnTreeNode::releaseChildren() {
+  for (VarnTreeNode* const child : m_vChildren)
+    child->loseParent();
+  releaseAll(std::exchange(m_vChildren, {}));
+}
+
+// Threads may change trees that have a child in common. A parent that is noted, and is the only
+// one, is that for certain: its own entry was the first when it was noted, and it withdraws the
+// note before the entry is gone.
+void VarnTreeNode::gainParent(const VarnTreeNode& parent) {
+  const bool isFirst = addParents(m_nParents, 1) == 0;
+  m_pParent.store(isFirst ? &parent : nullptr, std::memory_order_relaxed);
+}
+
+void VarnTreeNode::loseParent() {
+  m_pParent.store(nullptr, std::memory_order_relaxed);
+  addParents(m_nParents, -1);
+}
+
+void VarnTreeNode::exchangeChildren(VarnTreeNode& other) {
+  m_vChildren.swap(other.m_vChildren);
+  for (const auto& [parent, former] : {std::pair(this, &other), std::pair(&other, this)}) {
+    for (VarnTreeNode* const child : parent->m_vChildren) {
+      const VarnTreeNode* noted = former;
+      child->m_pParent.compare_exchange_strong(noted, parent, std::memory_order_relaxed);
+    }
+    parent->m_nOrder.store(0, std::memory_order_relaxed);
+  }
 }
 
 void VarnTreeNode::setKey(const std::string& key) {
@@ -119,24 +178,37 @@ void VarnTreeNode::setKey(const std::string& key) {
   keyChanged();
 }
 
-// Nodes that never were children cannot break an order.
+// Nodes that are no children cannot break an order.
 void VarnTreeNode::keyChanged() {
-  if (m_bIsChild.load(std::memory_order_relaxed))
-    keyChanges.fetch_add(1, std::memory_order_relaxed);
+  const std::uint8_t parents = m_nParents.load(std::memory_order_relaxed);
+  const VarnTreeNode* const parent = m_pParent.load(std::memory_order_relaxed);
+  if (parents == 1 && parent != nullptr)
+    changesOf(parent).fetch_add(1, std::memory_order_relaxed);
+  else if (parents > 0)
+    changesOfAll.fetch_add(1, std::memory_order_relaxed);
 }
 
 // Threads that look things up at once may all find out the same; the last one's answer stays.
 bool VarnTreeNode::isSorted() const {
-  const std::uint64_t now = keyChanges.load(std::memory_order_relaxed);
-  std::uint64_t order = m_nOrder.load(std::memory_order_relaxed);
-  if (order >> 1 != now) {
-    const bool sorted = std::is_sorted(
-        m_vChildren.begin(), m_vChildren.end(),
-        [](const auto* left, const auto* right) { return left->m_sKey < right->m_sKey; });
-    order = now << 1 | (sorted ? 1 : 0);
-    m_nOrder.store(order, std::memory_order_relaxed);
+  const std::uint64_t now = changesAround(this);
+  const std::uint64_t order = m_nOrder.load(std::memory_order_relaxed);
+  return order >> 1 == now ? (order & 1) != 0 : findOrder(now);
+}
+
+// Children that have only one parent left get to know it, if the first of them does not: those of a
+// copy whose original is gone.
+[[gnu::noinline]] bool VarnTreeNode::findOrder(std::uint64_t now) const {
+  for (VarnTreeNode* const child : m_vChildren) {
+    if (child->m_pParent.load(std::memory_order_relaxed) != nullptr)
+      break;
+    if (child->m_nParents.load(std::memory_order_relaxed) == 1)
+      child->m_pParent.store(this, std::memory_order_relaxed);
   }
-  return (order & 1) != 0;
+  const bool sorted = std::is_sorted(
+      m_vChildren.begin(), m_vChildren.end(),
+      [](const auto* left, const auto* right) { return left->m_sKey < right->m_sKey; });
+  m_nOrder.store(now << 1 | (sorted ? 1 : 0), std::memory_order_relaxed);
+  return sorted;
 }
 
 // The position of the first child with this key, or the number of children.
@@ -173,7 +245,7 @@ void VarnTreeNode::place(std::size_t position, VarnTreeNode* node) {
   assert(position <= m_vChildren.size() && node != nullptr);
   m_vChildren.insert(m_vChildren.begin() + static_cast<std::ptrdiff_t>(position), node);
   node->addRef();
-  node->m_bIsChild.store(true, std::memory_order_relaxed);
+  node->gainParent(*this);
   const bool fits =
       (position == 0 || m_vChildren[position - 1]->m_sKey <= node->m_sKey) &&
       (position + 1 == m_vChildren.size() || node->m_sKey <= m_vChildren[position + 1]->m_sKey);
@@ -183,11 +255,15 @@ void VarnTreeNode::place(std::size_t position, VarnTreeNode* node) {
 }
 
 // The child leaves the list before it is released: the destructor of the child may use this node.
+// It may have been the only one that was out of order.
 void VarnTreeNode::remove(std::size_t position) {
   assert(position < m_vChildren.size());
   const auto entry = m_vChildren.begin() + static_cast<std::ptrdiff_t>(position);
   VarnTreeNode* const node = *entry;
   m_vChildren.erase(entry);
+  if ((m_nOrder.load(std::memory_order_relaxed) & 1) == 0)
+    m_nOrder.store(0, std::memory_order_relaxed);
+  node->loseParent();
   node->release();
 }
 
@@ -203,10 +279,8 @@ VarnSmartPointer<VarnTreeNode> VarnTreeNode::insert(int index,
   const CancellationGuard closed;
   if (index < 0 || static_cast<std::size_t>(index) > m_vChildren.size())
     throw VarnException("VarnTreeNode::insert: index out of range", 0);
-  if (node != nullptr) {
+  if (node != nullptr)
     place(static_cast<std::size_t>(index), node);
-    node->m_pParent = this;
-  }
   return node;
 }
 
@@ -287,13 +361,10 @@ VarnTreeNode* VarnTreeNode::replace(VarnTreeNode* existing, VarnTreeNode* node) 
   const VarnSmartPointer<VarnTreeNode> kept(existing);
   const std::string key(existing->m_sKey);
   node->setKey(key);
-  std::vector<VarnTreeNode*> dropped = std::exchange(node->m_vChildren, {});
-  node->m_vChildren.swap(existing->m_vChildren);
-  node->m_nOrder.store(existing->m_nOrder.load(std::memory_order_relaxed),
-                       std::memory_order_relaxed);
+  node->exchangeChildren(*existing);
   remove(find(key));
   place(findPlaceFor(key), node);
-  releaseAll(std::move(dropped));
+  existing->releaseChildren();
   return node;
 }
 

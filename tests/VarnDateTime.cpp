@@ -303,6 +303,22 @@ TEST(VarnDateTime, ShiftedSecondsElapse) {
   }
 }
 
+TEST(VarnDateTime, ZonesWithNamesThatBeginAlikeAreToldApart) {
+  const std::string zones[] = {"Etc/GMT-1",          "Etc/GMT-10",         "Etc/GMT-11", "Etc/GMT",
+                               std::string(63, 'x'), std::string(64, 'x'), "Etc/GMT-1"};
+  for (int i = 0; i < 100; ++i) {
+    for (const std::string& zone : zones) {
+      setZone(zone.c_str());
+      std::tm time{};
+      time.tm_year = 120;
+      const std::time_t expected = std::mktime(&time);
+      VarnDateTime date;
+      date = time;
+      ASSERT_EQ(expected, date.getTime()) << zone;
+    }
+  }
+}
+
 TEST(VarnDateTime, ZonesOfCallersMayChangeTwiceADay) {
   const TempFolder folder;
   writeFile(folder / "rules",

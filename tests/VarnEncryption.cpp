@@ -111,6 +111,32 @@ TEST(VarnEncryption, EverySizeGivesItsBlocksCutToTheInputsLength) {
   }
 }
 
+// An object that has had many keys, all alike, against a fresh one.
+TEST(VarnEncryption, AnObjectServesAnyNumberOfKeys) {
+  Random random;
+  VarnEncryption used;
+  for (int step = 0; step < 1000; ++step) {
+    string key(1 + random() % 90, 'k');
+    key[random() % key.size()] = random() % 2 == 0 ? 'k' : '\0';
+    const auto length = static_cast<unsigned>(1 + random() % key.size());
+    const auto between = random() % 8;
+    if (between == 0)
+      used = VarnEncryption();
+    else if (between == 1)
+      EXPECT_ANY_THROW(used.initialize("other", 5, static_cast<VarnEncryption::tMode>(2), {}));
+    else if (between == 2)
+      encrypted(used, "k", "text");
+    VarnEncryption fresh;
+    SBlock blocks[2];
+    for (int i = 0; i < 2; ++i) {
+      VarnEncryption& cipher = i == 0 ? used : fresh;
+      cipher.initialize(key, length, VarnEncryption::MODE_ECB, SBlock());
+      cipher.encryptInternal(blocks[i]);
+    }
+    ASSERT_EQ(blocks[1].m_nLeft, blocks[0].m_nLeft) << toHex(key) << ' ' << length;
+  }
+}
+
 TEST(VarnEncryption, ArgumentsMayBeTheSameString) {
   VarnEncryption cipher;
   const string plain(64, 'p');

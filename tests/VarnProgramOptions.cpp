@@ -73,6 +73,43 @@ TEST(VarnProgramOptions, CommandLinesBecomeOptionsAndArguments) {
   EXPECT_EQ(parsed("/v /-w=1 -x / a", {}, false, true), "v= w=1 x= | a");
 }
 
+// An option behind many, which is looked up otherwise than the first ones, against one on its own.
+TEST(VarnProgramOptions, AnyNumberOfOptionsIsFoundAsOneIs) {
+  const std::string longSpec = "x:a:bb.:bb:cc.:d.::dd..:!:e.f:.:g:h:::i.";
+  const char* const options[] = {"a",   "bb",    "bb.", "cc",  "cc.", "d",   "d.", "dd",
+                                 "dd.", "dd..",  "e",   ".",   "",    "g",   "h",  ":",
+                                 "g:h", "x",     "x:a", "e.f", "i",   "i.",  "::", "..",
+                                 "e.",  "a:bb.", "d.:", ":h",  "h:",  "a:bb"};
+  const auto parsedBehind = [&](int others, const std::string& option) {
+    std::string line;
+    for (int i = 0; i < others; ++i)
+      line += "-! ";
+    const std::string result =
+        parsed(line + option + " data", {"", "", longSpec.c_str(), ""}, true, false);
+    return result[0] == '!' ? result.substr(result.find(' ')) : result;
+  };
+  for (const std::string dash : {"-", "--"}) {
+    for (const char* const option : options)
+      EXPECT_EQ(parsedBehind(1, dash + option), parsedBehind(50, dash + option)) << option;
+  }
+}
+
+// A minute where each option is looked for in the text of them all.
+TEST(VarnProgramOptions, ManyDeclaredOptionsCostNoMoreEach) {
+  std::string longSpec = ":";
+  std::vector<std::string> words(1);
+  for (int i = 0; i < 100000; ++i) {
+    words.push_back("-an-option-of-the-many-that-are-declared-" + std::to_string(i));
+    longSpec += words.back().substr(1) + ":";
+  }
+  std::vector<char*> elements;
+  for (std::string& word : words)
+    elements.push_back(word.data());
+  const VarnProgramOptions options(static_cast<int>(words.size()), elements.data(), "", longSpec,
+                                   false);
+  EXPECT_EQ(100000U, options.getOptions().getProperties().size());
+}
+
 TEST(VarnProgramOptions, AnArgumentVectorGivesTheNameAndWhatWasReadBeforeAnErrorStays) {
   std::string words[] = {"-program", "-a", "x y", "-o", "-"};
   char* elements[] = {words[0].data(), words[1].data(), words[2].data(),

@@ -36,20 +36,26 @@ std::string print(VarnTreeNode& node, int indent = 0, int logLevel = 9) {
   return keys;
 }
 
-// One node against a plain list of its children: in key order at first, then in any, while keys
-// change.
+// Two nodes, which share children, against plain lists of these: in key order at first, then in
+// any, while keys change.
 TEST(VarnTreeNode, ChildrenStandAndAreFoundAsInAPlainList) {
   Random random;
   const char* const keys[] = {"", "a", "aa", "ab", "b", "\x80", "\xff"};
-  VarnTreeNode root;
-  std::vector<Node> model;
-  for (int step = 0; step < 10000; ++step) {
-    if (step % 200 == 0) {
+  VarnTreeNode roots[2];
+  std::vector<Node> models[2];
+  for (int step = 0; step < 20000; ++step) {
+    const auto side = random() % 2;
+    VarnTreeNode& root = roots[side];
+    std::vector<Node>& model = models[side];
+    const std::vector<Node>& others = models[1 - side];
+    if (step % 200 < 2) {
       model.clear();
       root = VarnTreeNode();
     }
-    const std::string key = keys[random() % std::size(keys)];
-    const Node node = make(key);
+    const bool isShared = random() % 4 == 0 && !others.empty();
+    const Node node =
+        isShared ? others[random() % others.size()] : make(keys[random() % std::size(keys)]);
+    const std::string key = node->getKey();
     const auto hasKey = [&](const Node& child) { return child->getKey() == key; };
     const auto isGreater = [&](const Node& child) { return child->getKey() > key; };
     const auto at = model.begin() + static_cast<std::ptrdiff_t>(random() % (model.size() + 1));
@@ -68,15 +74,37 @@ TEST(VarnTreeNode, ChildrenStandAndAreFoundAsInAPlainList) {
       ASSERT_EQ(node, root.insert(static_cast<int>(at - model.begin()), node));
       model.insert(at, node);
     } else if (choice == 6 && at != model.end()) {
-      (*at)->setKey(key);
+      (*at)->setKey(keys[random() % std::size(keys)]);
     } else if (choice == 7) {
-      root = VarnTreeNode(root);
+      const bool copiesOther = random() % 4 == 0;
+      root = VarnTreeNode(copiesOther ? roots[1 - side] : root);
+      if (copiesOther)
+        model = others;
     }
     for (std::size_t i = 0; i < model.size(); ++i)
       ASSERT_EQ(model[i], root[static_cast<int>(i)]);
     ASSERT_THROW(root.erase(static_cast<int>(model.size())), VarnException);
-    const auto found = std::find_if(model.begin(), model.end(), hasKey);
-    ASSERT_EQ(found != model.end() ? *found : Node(), root.getNode(key));
+    for (int i = 0; i < 2; ++i) {
+      const auto found = std::find_if(models[i].begin(), models[i].end(), hasKey);
+      ASSERT_EQ(found != models[i].end() ? *found : Node(), roots[i].getNode(key));
+    }
+  }
+}
+
+// Minutes where a changed key is looked for in every tree. Parents may share a number by chance,
+// which several of them hardly all do.
+TEST(VarnTreeNode, AChangedKeyCostsNothingElsewhere) {
+  constexpr int children = 100000;
+  VarnTreeNode wide("wide");
+  for (int i = 0; i < children; ++i)
+    wide.add(make(std::to_string(children + i)));
+  VarnTreeNode others[16];
+  for (VarnTreeNode& other : others)
+    other.add(make("child"));
+  const std::string key = std::to_string(children);
+  for (int i = 0; i < 20000; ++i) {
+    others[i % std::size(others)][0]->setKey(std::to_string(i));
+    ASSERT_EQ(wide[0], wide.getNode(key));
   }
 }
 

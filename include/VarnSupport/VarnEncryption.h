@@ -1,8 +1,8 @@
 // Blowfish encryption of byte strings, in electronic-codebook or cipher-block-chaining mode.
 //
 // Blocks have 8 bytes, rounds number 16, and the last block is padded with zero bytes; padding is
-// never removed. Every call sets the key schedule up anew from the key that it is given, which
-// costs 521 block encipherments: callers with many values keep them in one call where they can.
+// never removed. An object keeps the key schedule of its last key. Another key costs 521 block
+// encipherments: callers with several keys keep an object for each where they can.
 // Blowfish is offered for data that exists in it; new formats want a modern cipher.
 //
 // Failure is reported by a false result with a text (...Impl) or as VarnInvalidEncryptionException.
@@ -71,10 +71,10 @@ class VSUPT_EXPORT VarnEncryption {
   // the codebook and 400 bytes.
   virtual void setStrength(const Strength& strength);
 
-  // Sets the key schedule up from the first `keyLength` bytes of `key`, over and over, and stores
-  // mode and chaining value for later calls. Throws std::out_of_range when `keyLength` is 0, or is
-  // larger than a key that does not fill the key buffer alone; after that, and having stored the
-  // key, VarnInvalidEncryptionException for an unknown mode.
+  // Sets the key schedule up from the first `keyLength` bytes of `key`, over and over, unless it
+  // is that of these bytes already, and stores mode and chaining value for later calls. Throws
+  // std::out_of_range when `keyLength` is 0, or is larger than a key that does not fill the key
+  // buffer alone; after that, VarnInvalidEncryptionException for an unknown mode.
   void initialize(const std::string& key, const unsigned& keyLength, const tMode& mode,
                   const SBlock& chaining);
   // The mark that initialize() leaves. Each encipherment sets it anew, so that it has no effect.
@@ -93,12 +93,13 @@ class VSUPT_EXPORT VarnEncryption {
   bool cryptData(std::string key, const std::string& input, std::string& output, std::string& error,
                  bool encipher);
   void copyValues(const VarnEncryption& source);
+  VSUPT_LOCAL void setUpSchedule();
 
   Strength m_eStrength = STRENGTH_448;
   bool m_bInitialized = false;
   std::uint32_t m_nBlockSize = 8;
   std::uint32_t m_nKeyBufferLength = 0;
-  std::string m_sKey;
+  std::string m_sKey;  // what of the key the schedule is made from
   tMode m_eMode = MODE_CBC;
   SBlock m_oChaining;
   std::uint32_t m_aP[18] = {};

@@ -99,9 +99,6 @@ class VSUPT_EXPORT VarnProgramOptions {
   void rewindArguments() { m_nCursor = 0; }
 
  private:
-  bool singleOption(const std::string& option, const char* next, const std::string& shortSpec,
-                    const std::string& longSpec);
-
   std::string m_sName;
   VarnProperties<std::string> m_oOptions;
   std::deque<std::string> m_vArguments;

@@ -74,8 +74,13 @@ class VSUPT_EXPORT VarnTreeNode : public VarnObjectBase, public VarnCollaborator
   virtual void printGuts(int indent);
 
  private:
+  VSUPT_LOCAL void gainParent(const VarnTreeNode& parent);
+  VSUPT_LOCAL void loseParent();
+  VSUPT_LOCAL void exchangeChildren(VarnTreeNode& other);
+  VSUPT_LOCAL void releaseChildren();
   void keyChanged();
   bool isSorted() const;
+  VSUPT_LOCAL bool findOrder(std::uint64_t now) const;
   std::size_t find(std::string_view key) const;
   std::size_t findPlaceFor(const std::string& key) const;
   void place(std::size_t position, VarnTreeNode* node);
@@ -88,10 +93,12 @@ class VSUPT_EXPORT VarnTreeNode : public VarnObjectBase, public VarnCollaborator
 
   std::vector<VarnTreeNode*> m_vChildren;  // one reference each
   std::string m_sKey;
-  VarnTreeNode* m_pParent = nullptr;  // not owned
+  // The only parent, while that is known. Not owned, and never followed: it may be gone.
+  std::atomic<const VarnTreeNode*> m_pParent{nullptr};
   // What isSorted() found out, and as of which change of a key.
   mutable std::atomic<std::uint64_t> m_nOrder{0};
-  std::atomic<bool> m_bIsChild{false};  // or was one
+  // Entries in lists of children. The largest value stays.
+  std::atomic<std::uint8_t> m_nParents{0};
 };
 
 extern template class VarnSmartPointer<VarnTreeNode>;

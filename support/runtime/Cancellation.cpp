@@ -167,8 +167,9 @@ bool CancellationState::handleSignal() {
     return false;
   if (!m_bInBody || kSignalsAreHeldBack)
     return true;
-  const bool isFree = m_nDepth == 0 && UnwindCheck::isPossibleWhereInterrupted(
-                                           m_nInterruptions < kPatientInterruptions);
+  const bool isFree =
+      m_nDepth == 0 && !m_bInMoment &&
+      UnwindCheck::isPossibleWhereInterrupted(m_nInterruptions < kPatientInterruptions);
   const bool isWaiting = m_bBlocking && isInterruptedAtCancellationPoint() &&
                          UnwindCheck::isPossibleAroundCancellationPoint();
   if ((isFree || isWaiting) && std::uncaught_exceptions() == 0) {

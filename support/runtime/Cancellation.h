@@ -71,6 +71,10 @@ class CancellationState {
     addToDepth(-1);
   }
 
+  // Around a few instructions that call nothing that waits: half the price of the others.
+  void enterMoment() { m_bInMoment.store(true, std::memory_order_relaxed); }
+  void leaveMoment() { m_bInMoment.store(false, std::memory_order_relaxed); }
+
   bool isDue() const { return m_bRequested.load(std::memory_order_relaxed) && isOutermost(); }
   // Returns when the thread cannot be unwound from here, or has disabled cancellation itself.
   void unwindIfPossible();
@@ -121,6 +125,7 @@ class CancellationState {
   // Operations of the library that the thread is inside of, one more outside of the body.
   std::atomic<int> m_nDepth{1};
   int m_nQuiet = 0;
+  std::atomic<bool> m_bInMoment{false};
   bool m_bInBody = false;
   std::atomic<bool> m_bBlocking{false};
   int m_nCallersType = 0;  // of cancellation, around a blocking call
@@ -184,6 +189,28 @@ class QuietCancellationGuard {
 
 // Whether the calling thread is in a handler of exceptions, be it of the unwinding of a thread.
 bool isInHandlerOfExceptions();
+
+// Keeps the thread from being unwound by a signal, for an operation that calls no code but the
+// library's own and some of the platform's that does not wait. Does not look for a request, and
+// must not stand inside another of its kind.
+class MomentaryGuard {
+ public:
+  // ThreadSanitizer's platform cancels threads by other means, which look at the other guards.
+  static bool isPossible() {
+    return t_pCancellation != nullptr && !CancellationState::kSignalsAreHeldBack;
+  }
+  // Whether the thread is to be cancelled. Requires: isPossible(), as below.
+  static bool isRequested() { return t_pCancellation->isRequested(); }
+
+  MomentaryGuard() : m_oState(*t_pCancellation) { m_oState.enterMoment(); }
+  MomentaryGuard(const MomentaryGuard&) = delete;
+  MomentaryGuard& operator=(const MomentaryGuard&) = delete;
+  ~MomentaryGuard() { m_oState.leaveMoment(); }
+
+ private:
+  CancellationState& m_oState;
+};
+
 // For a handler of all exceptions: lets the unwinding of a cancelled thread go on.
 inline void passOnCancellation() {
   if (std::current_exception() == nullptr)

@@ -27,8 +27,6 @@ constexpr std::array kParts{&serviceFork,    &factoryFork, &threadFork, &waitFor
                             &pidFileFork,    &relayFork,   &exitFork,   &sectionFork};
 
 void prepare() {
-  if (ForkToExec::innermost() != nullptr)
-    return;
   closeCancellationQuietly();
   SignalRelay::settle();
   for (const ForkPart* const part : kParts)
@@ -37,8 +35,6 @@ void prepare() {
 }
 
 void release(ForkSide side) {
-  if (ForkToExec::innermost() != nullptr)
-    return;
   if (side == ForkSide::CHILD) {
     ++g_nForks;
     BriefGate::forgetOthers();

@@ -12,8 +12,6 @@
 #include <atomic>
 #include <cstdint>
 
-#include "runtime/ThreadScope.h"
-
 namespace VarnSupport {
 
 enum class ForkSide { PARENT, CHILD };
@@ -41,9 +39,6 @@ extern const ForkPart pidFileFork;
 extern const ForkPart relayFork;
 extern const ForkPart exitFork;
 extern const ForkPart sectionFork;
-
-// Around a fork() whose child does nothing but exec: nothing is prepared then.
-class ForkToExec : public ThreadScopeOf<ForkToExec> {};
 
 // Around a fork() whose parent ends: what is one process's alone goes over to the child.
 class ForkToGoOn : public ThreadScopeOf<ForkToGoOn> {};

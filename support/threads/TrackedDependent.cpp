@@ -8,30 +8,24 @@
 #include "threads/TrackedDependent.h"
 
 #include <cassert>
-#include <cstdint>
 #include <mutex>
 
 namespace VarnSupport {
 
 namespace {
 
-constexpr std::uintptr_t kTracked = 1;
-
-static_assert(alignof(TrackedDependent) > kTracked && alignof(VarnDependent) > kTracked,
-              "the lowest bit of an address is free");
-
 constinit std::mutex listMutex;
-
-std::uintptr_t bitsOf(const VarnDependent* entry) {
-  return reinterpret_cast<std::uintptr_t>(entry);
-}
 
 }  // namespace
 
 constinit std::atomic<int> TrackedDependent::m_nCount{0};
 constinit TrackedDependent* TrackedDependent::m_pFirst = nullptr;
 
-TrackedDependent::TrackedDependent() : m_hOwner(pthread_self()) { m_nCount.fetch_add(1); }
+TrackedDependent::TrackedDependent() : m_hOwner(pthread_self()) {
+  static_assert(alignof(TrackedDependent) > kTracked && alignof(VarnDependent) > kTracked,
+                "the lowest bit of an address is free");
+  m_nCount.fetch_add(1);
+}
 
 TrackedDependent::~TrackedDependent() {
   assert(m_nCalls == 0);
@@ -71,10 +65,6 @@ TrackedDependent* TrackedDependent::findIn(VarnDependent* entry) {
     return nullptr;
   auto* const dependent = reinterpret_cast<VarnDependent*>(bitsOf(entry) - kTracked);
   return static_cast<TrackedDependent*>(dependent);
-}
-
-bool TrackedDependent::isEntryOf(VarnDependent* entry, const VarnDependent& dependent) {
-  return (bitsOf(entry) & ~kTracked) == bitsOf(&dependent);
 }
 
 void TrackedDependent::Call::begin(TrackedDependent& dependent) {

@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdint>
 
 #include "VarnSupport/VarnCollaborator.h"
 
@@ -28,7 +29,9 @@ class TrackedDependent : public VarnDependent {
   // The entry of a tracked dependent in a list of dependents: its address with the lowest bit set.
   static VarnDependent* entryOf(TrackedDependent& dependent);
   static TrackedDependent* findIn(VarnDependent* entry);
-  static bool isEntryOf(VarnDependent* entry, const VarnDependent& dependent);
+  static bool isEntryOf(VarnDependent* entry, const VarnDependent& dependent) {
+    return (bitsOf(entry) & ~kTracked) == bitsOf(&dependent);
+  }
 
   // One call, counted while it lasts.
   class Call {
@@ -59,6 +62,11 @@ class TrackedDependent : public VarnDependent {
   void awaitCalls();
 
  private:
+  static constexpr std::uintptr_t kTracked = 1;
+  static std::uintptr_t bitsOf(const VarnDependent* entry) {
+    return reinterpret_cast<std::uintptr_t>(entry);
+  }
+
   // Removes the dependent from all collaborators that may still call it. Takes no lock of its own:
   // in a child a vanished thread may have it.
   virtual void removeEverywhere() = 0;

@@ -118,7 +118,7 @@ class Zone {
   std::uint64_t number();
 
  private:
-  bool isNamed(const ZoneName& name, std::uint64_t& number) const;
+  std::uint64_t numberOf(const char* text) const;
   std::uint64_t rename(const ZoneName& name);
   bool mayHaveChanged(std::time_t now);
 
@@ -133,11 +133,12 @@ class Zone {
 
 constinit Zone zone;
 
-// Packs the text of TZ into words; false when it is too long.
+// Packs the text of TZ into words, the first byte lowest; false when it is too long.
 bool readName(const char* text, ZoneName& name) {
   const std::size_t length = strnlen(text, sizeof(name));
   name = {};
-  std::memcpy(name.data(), text, length);
+  for (std::size_t i = 0; i < length; ++i)
+    name[i / 8] |= std::uint64_t{static_cast<unsigned char>(text[i])} << i % 8 * 8;
   return length < sizeof(name);
 }
 
@@ -148,30 +149,40 @@ bool isOfSystem(const char* text) {
 }
 
 std::uint64_t Zone::number() {
-  ZoneName name = kNoName;
   const char* const text = std::getenv("TZ");
-  if (text != nullptr && !readName(text, name))
-    return 0;
-  std::uint64_t number = 0;
-  if (!isNamed(name, number))
-    return text == nullptr || isOfSystem(text) ? rename(name) : 0;
+  const std::uint64_t number = numberOf(text);
+  if (number == 0) {
+    ZoneName name = kNoName;
+    const bool canBeKnown = text == nullptr || (readName(text, name) && isOfSystem(text));
+    return canBeKnown ? rename(name) : 0;
+  }
   if (text != nullptr)
     return number;
   std::timespec now{};
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return now.tv_sec == m_nLookedAt.load(std::memory_order_relaxed) || !mayHaveChanged(now.tv_sec)
              ? number
-             : rename(name);
+             : rename(kNoName);
 }
 
-// Reads the number before and after the words: they belong together when it is the same.
-bool Zone::isNamed(const ZoneName& name, std::uint64_t& number) const {
-  number = m_nNumber.load(std::memory_order_acquire);
-  for (std::size_t i = 0; i < name.size(); ++i) {
-    if (m_aName[i].load(std::memory_order_acquire) != name[i])
-      return false;
+// The number of the zone that is in force if this is its name, else 0. Reads the number before and
+// after the words: they belong together when it is the same. Behind the word in which the text ends
+// there are zeros alone.
+std::uint64_t Zone::numberOf(const char* text) const {
+  const std::uint64_t number = m_nNumber.load(std::memory_order_acquire);
+  for (const std::atomic<std::uint64_t>& part : m_aName) {
+    std::uint64_t word = text == nullptr ? kNoName[0] : 0;
+    bool ends = text == nullptr;
+    for (unsigned shift = 0; shift < 64 && !ends; shift += 8) {
+      word |= std::uint64_t{static_cast<unsigned char>(*text)} << shift;
+      ends = *text++ == '\0';
+    }
+    if (part.load(std::memory_order_acquire) != word)
+      return 0;
+    if (ends)
+      return number == m_nNumber.load(std::memory_order_relaxed) ? number : 0;
   }
-  return number != 0 && number == m_nNumber.load(std::memory_order_relaxed);
+  return 0;
 }
 
 // Begins a new zone under this name. Readers see the number 0 until all words are there.
@@ -293,6 +304,23 @@ const Kind* steadyKind(std::uint64_t number, std::int64_t seconds) {
   return state >= kFirstKind ? &kinds[state - kFirstKind] : nullptr;
 }
 
+// The same for a local time that has these seconds, where mktime() would use it. A second beyond
+// the minute is elapsed time for mktime(), which looks up the time without it.
+const Kind* kindOf(const std::tm& local, std::int64_t seconds) {
+  const std::uint64_t number = zone.number();
+  if (local.tm_sec < 0 || local.tm_sec >= 60)
+    return nullptr;
+  const Kind* const kind = steadyKind(number, seconds);
+  const bool fits =
+      kind != nullptr && (local.tm_isdst < 0 || (local.tm_isdst > 0) == kind->daylightSaving);
+  return fits ? kind : nullptr;
+}
+
+std::time_t askForTime(std::tm& local) {
+  const std::lock_guard guard(systemLock);
+  return std::mktime(&local);
+}
+
 void complete(const Kind& kind, std::tm& local) {
   local.tm_isdst = kind.daylightSaving ? 1 : 0;
   local.tm_gmtoff = kind.offset;
@@ -312,19 +340,22 @@ bool toLocalTime(std::time_t time, std::tm& local) {
   return localtime_r(&time, &local) != nullptr;
 }
 
-// A second beyond the minute is elapsed time for mktime(), which looks up the time without it.
 std::time_t fromLocalTime(std::tm& local) {
-  const std::uint64_t number = zone.number();
   const std::int64_t seconds = secondsOf(local);
-  const bool isWithinMinute = local.tm_sec >= 0 && local.tm_sec < 60;
-  const Kind* const kind = isWithinMinute ? steadyKind(number, seconds) : nullptr;
-  if (kind == nullptr || (local.tm_isdst >= 0 && (local.tm_isdst > 0) != kind->daylightSaving)) {
-    const std::lock_guard guard(systemLock);
-    return std::mktime(&local);
-  }
+  const Kind* const kind = kindOf(local, seconds);
+  if (kind == nullptr)
+    return askForTime(local);
   breakDown(seconds, local);
   complete(*kind, local);
   return seconds - kind->shift;
+}
+
+std::time_t timeOfLocal(const std::tm& local) {
+  const std::int64_t seconds = secondsOf(local);
+  if (const Kind* const kind = kindOf(local, seconds))
+    return seconds - kind->shift;
+  std::tm copy = local;
+  return askForTime(copy);
 }
 
 void toUniversalTime(std::time_t time, std::tm& utc) {

@@ -18,6 +18,8 @@ bool toLocalTime(std::time_t time, std::tm& local);
 // What mktime() does: normalises `local` and returns its time, or -1, which is also the second
 // before the epoch. The daylight-saving flag decides as there.
 std::time_t fromLocalTime(std::tm& local);
+// The same without normalising.
+std::time_t timeOfLocal(const std::tm& local);
 
 // The system's gmtime(), into `utc`, which is left alone when the year does not fit.
 void toUniversalTime(std::time_t time, std::tm& utc);

@@ -102,6 +102,8 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 
 pid_t fork() noexcept { return fails(Failures::SYSTEM, EAGAIN) ? -1 : realFork(); }
 
+pid_t vfork() noexcept { return fork(); }
+
 int dup2(int from, int to) noexcept {
   return fails(Failures::SYSTEM, EMFILE) ? -1 : realDup2(from, to);
 }

@@ -81,6 +81,16 @@ TEST(ProcessStress, EveryProgramComesBackWhileOthersLogAllocateAndFork) {
   EXPECT_EQ(kPrograms, right);
 }
 
+// A fork would run the handler. Under ThreadSanitizer there is no other.
+TEST(ForkStress, StartingAProgramDoesNotCopyTheProcess) {
+  EXPECT_EQ(7, runInChild([] {
+              pthread_atfork([] { _exit(1); }, nullptr, nullptr);
+              int status = 0;
+              VarnExecuteProgram("/bin/sh -c \"exit 7\"", true, nullptr, &status);
+              return status;
+            }));
+}
+
 TEST(ForkStress, AChildOfABusyProcessFindsEverythingUsable) {
   FileLog log(5);
   VarnTimer running(1000, false);

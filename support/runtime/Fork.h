@@ -12,6 +12,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "runtime/ThreadScope.h"
+
 namespace VarnSupport {
 
 enum class ForkSide { PARENT, CHILD };

@@ -56,6 +56,15 @@ class OurQueue : private VarnSupport::VarnBaseSynchronizedQueue {
   VarnSupport::VarnBaseProducerConsumer m_oRendezvous{*this};
 };
 
+class KitQueue {
+ public:
+  void push(int item) { m_oItems.give(item); }
+  int pop() { return m_oItems.take().value_or(kEnd); }
+
+ private:
+  VarnSupport::VarnQueue<int> m_oItems;
+};
+
 class StandardQueue {
  public:
   void push(int item) {
@@ -158,6 +167,7 @@ void add(const std::string& side) {
 
 const bool g_bAdded = [] {
   add<OurQueue>("ours");
+  add<KitQueue>("ours, VarnQueue");
   add<StandardQueue>("std");
 #ifdef PEER_POCO
   add<PocoQueue>("POCO");

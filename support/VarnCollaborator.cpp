@@ -18,6 +18,7 @@
 #include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "runtime/ThreadScope.h"
+#include "threads/ConnectionHub.h"
 #include "threads/TrackedDependent.h"
 
 namespace VarnSupport {
@@ -82,7 +83,11 @@ VarnCollaborator::VarnCollaborator(const VarnCollaborator&) {}
 
 VarnCollaborator& VarnCollaborator::operator=(const VarnCollaborator&) { return *this; }
 
-VarnCollaborator::~VarnCollaborator() { Walk::orphanAll(*this); }
+VarnCollaborator::~VarnCollaborator() {
+  Walk::orphanAll(*this);
+  for (VarnDependent* const entry : m_vDependents)
+    ConnectionHub::leaveSource(entry);
+}
 
 void VarnCollaborator::addDependent(VarnDependent& dependent) { addEntry(&dependent); }
 
@@ -103,6 +108,19 @@ void VarnCollaborator::removeDependent(VarnDependent& dependent) {
     return TrackedDependent::isEntryOf(entry, dependent);
   });
   m_nChanges.fetch_add(1, std::memory_order_release);
+}
+
+std::shared_ptr<ConnectionHub> ConnectionHub::of(VarnCollaborator& source) {
+  auto made = std::make_shared<ConnectionHub>();
+  const ListHold hold(source.m_oLock);
+  for (VarnDependent* const entry : source.m_vDependents) {
+    if (ConnectionHub* const found = findIn(entry))
+      return found->shared_from_this();
+  }
+  source.m_vDependents.push_back(entryOf(*made));
+  source.m_nChanges.fetch_add(1, std::memory_order_release);
+  made->m_pOwn = made;
+  return made;
 }
 
 void VarnCollaborator::notify(const VarnNotification& notification) {
@@ -156,7 +174,7 @@ TrackedDependent* VarnCollaborator::Cursor::read(TrackedDependent::Call& call) {
   if (TrackedDependent::exist())
     last = std::find_if(first, last, TrackedDependent::findIn);
   m_nEnd = m_nBegin + static_cast<std::size_t>(last - first);
-  std::copy(first, last, m_aBatch.begin());
+  std::transform(first, last, m_aBatch.begin(), ConnectionHub::dependentOf);
   TrackedDependent* tracked = nullptr;
   if (first == last && first != list.end()) {
     tracked = TrackedDependent::findIn(*first);

@@ -23,6 +23,8 @@ struct VarnEvent::State : EventState {};
 
 EventState& stateOf(VarnEvent& event) { return *event.m_pState; }
 
+VarnCollaborator& dependentsOf(VarnEvent& event) { return event.m_oDependents; }
+
 VarnEvent::VarnEvent() : m_pState(nullptr) {
   const CancellationGuard closed;
   m_pState = new State;

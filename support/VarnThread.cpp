@@ -33,6 +33,7 @@
 #include "runtime/SignalRelay.h"
 #include "runtime/UnwindCheck.h"
 #include "threads/ThreadControl.h"
+#include "threads/Uncaught.h"
 #include "threads/WaitForSeveral.h"
 
 namespace VarnSupport {
@@ -244,18 +245,21 @@ void VarnThread::joinFinally() {
 // Exceptions end here, but not the unwinding of a cancelled thread.
 int VarnThread::runBody(ThreadControl* control) {
   if (control == nullptr)
-    return callBody(m_pRunnable, m_pWorkInformation);
+    return callBody(nullptr, m_pRunnable, m_pWorkInformation);
   const ThreadControl::Body body(*control);
-  return body.work() != nullptr ? callBody(body.work()->runnable, body.work()->information) : 0;
+  return body.work() != nullptr ? callBody(control, body.work()->runnable, body.work()->information)
+                                : 0;
 }
 
-int VarnThread::callBody(VarnRunnable* runnable, VarnWorkInformation* workInformation) {
+int VarnThread::callBody(ThreadControl* control, VarnRunnable* runnable,
+                         VarnWorkInformation* workInformation) {
   try {
     if (runnable != nullptr)
       return workInformation != nullptr ? runnable->run(*workInformation) : runnable->run();
     return workInformation != nullptr ? run(*workInformation) : run();
   } catch (...) {
     passOnCancellation();
+    Uncaught::tell([&] { return "thread " + (control ? control->nameOfObject() : m_sName); });
     return 0;
   }
 }

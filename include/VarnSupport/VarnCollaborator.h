@@ -88,6 +88,7 @@ class VSUPT_EXPORT VarnCollaborator {
   // Of the library itself: notify(), which tells whether the collaborator lives.
   friend bool deliver(VarnCollaborator& collaborator, const VarnNotification& notification);
   friend class TrackedDependent;
+  friend class ConnectionHub;
   class Cursor;
 
   VSUPT_LOCAL void addEntry(VarnDependent* entry);

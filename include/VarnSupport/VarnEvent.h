@@ -54,7 +54,9 @@ class VSUPT_EXPORT VarnEvent {
   static int wait(int count, VarnEvent* events, bool waitAll, int timeoutMs);
 
  private:
-  friend EventState& stateOf(VarnEvent& event);  // of the library itself
+  // Of the library itself.
+  friend EventState& stateOf(VarnEvent& event);
+  friend VarnCollaborator& dependentsOf(VarnEvent& event);
   struct State;
 
   VarnNotification* makeNotification();

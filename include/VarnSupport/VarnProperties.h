@@ -99,6 +99,8 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
   // A reference to the first value of `key`, or to `defaultValue`, which must outlive its use. A
   // value in the set is valid until that key is changed.
   const StringType& getProperty(const StringType& key, const StringType& defaultValue) const;
+  // A default that is a temporary yields a text of its own.
+  StringType getProperty(const StringType& key, const StringType&& defaultValue) const;
   // False, and `value` as it was, when there is no such key.
   bool getPropertyValue(const StringType& key, StringType& value) const;
   // All values in the order in which they were added; none for an unknown key.

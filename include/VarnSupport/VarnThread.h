@@ -152,7 +152,8 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
   friend VSUPT_EXPORT void* VarnThreadFn(void* thread);
 
   int runBody(ThreadControl* control);
-  VSUPT_LOCAL int callBody(VarnRunnable* runnable, VarnWorkInformation* workInformation);
+  VSUPT_LOCAL int callBody(ThreadControl* control, VarnRunnable* runnable,
+                           VarnWorkInformation* workInformation);
   void giveUpHandle();
 
   std::atomic<void*> m_pHandle{nullptr};

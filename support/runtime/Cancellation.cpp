@@ -59,6 +59,8 @@ bool isInterruptedAtCancellationPoint() {
 
 constinit thread_local CancellationState* t_pCancellation = nullptr;
 
+bool isInHandlerOfExceptions() { return caughtExceptions() != nullptr; }
+
 CancellationState::~CancellationState() {
   if (m_bHasTimer)
     timer_delete(m_hTimer);

@@ -182,6 +182,8 @@ class QuietCancellationGuard {
   ~QuietCancellationGuard() { openCancellationQuietly(); }
 };
 
+// Whether the calling thread is in a handler of exceptions, be it of the unwinding of a thread.
+bool isInHandlerOfExceptions();
 // For a handler of all exceptions: lets the unwinding of a cancelled thread go on.
 inline void passOnCancellation() {
   if (std::current_exception() == nullptr)

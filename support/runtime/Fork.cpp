@@ -21,9 +21,9 @@ namespace {
 
 // In lock order: what is taken first stands first. The global section is the last lock that
 // anything takes; the gate is closed when there is nothing left to wait for.
-constexpr std::array kParts{&serviceFork, &factoryFork, &threadFork, &waitFork,
-                            &timerFork,   &controlFork, &logFork,    &zoneFork,
-                            &relayFork,   &exitFork,    &sectionFork};
+constexpr std::array kParts{&serviceFork,    &factoryFork, &threadFork,  &waitFork,
+                            &connectionFork, &timerFork,   &controlFork, &logFork,
+                            &zoneFork,       &relayFork,   &exitFork,    &sectionFork};
 
 void prepare() {
   if (ForkToExec::innermost() != nullptr)

@@ -29,6 +29,7 @@ extern const ForkPart serviceFork;
 extern const ForkPart factoryFork;
 extern const ForkPart threadFork;
 extern const ForkPart waitFork;
+extern const ForkPart connectionFork;
 extern const ForkPart timerFork;
 extern const ForkPart controlFork;
 extern const ForkPart logFork;

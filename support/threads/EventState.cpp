@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <cassert>
-#include <climits>
 
 #include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
@@ -45,14 +44,10 @@ constexpr std::uint32_t kWaitsBetweenTrials = 32;
 // Counts a waiting thread for a scope, which a cancellation may end.
 class EventState::Waiter {
  public:
-  explicit Waiter(EventState& state) : m_oState(state) {
-    m_oState.renewAfterFork();
-    m_oState.m_nWord.fetch_add(1, std::memory_order_acquire);
-    assert((m_oState.m_nWord & kWaiters) != 0 && "more waiters than there is room for");
-  }
+  explicit Waiter(EventState& state) : m_oState(state) { m_oState.addWaiter(); }
   Waiter(const Waiter&) = delete;
   Waiter& operator=(const Waiter&) = delete;
-  ~Waiter() { m_oState.m_nWord.fetch_sub(1, std::memory_order_release); }
+  ~Waiter() { m_oState.removeWaiter(); }
 
  private:
   EventState& m_oState;
@@ -73,8 +68,25 @@ void EventState::handOut() {
     BriefGate::synchronize();
 }
 
-void EventState::wakeAll(std::uint32_t* number) {
-  syscall(SYS_futex, number, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+void EventState::wake(std::uint32_t* number, int count) {
+  syscall(SYS_futex, number, FUTEX_WAKE_PRIVATE, count, nullptr, nullptr, 0);
+}
+
+void EventState::addWaiter() {
+  renewAfterFork();
+  m_nWord.fetch_add(1, std::memory_order_acquire);
+  assert((m_nWord & kWaiters) != 0 && "more waiters than there is room for");
+}
+
+// The word is written in either case: who lowers the number later sees what was done before.
+bool EventState::moveOnIf(bool odd) {
+  std::uint64_t word = m_nWord.load(std::memory_order_relaxed);
+  bool moves = false;
+  do {
+    moves = ((word & kOneSet) != 0) == odd;
+  } while (!m_nWord.compare_exchange_weak(word, moves ? word + kOneSet : word,
+                                          std::memory_order_acq_rel, std::memory_order_relaxed));
+  return moves && (word & kWaiters) != 0;
 }
 
 void EventState::broadcast() {
@@ -84,9 +96,7 @@ void EventState::broadcast() {
   pthread_mutex_unlock(&mutex);
 }
 
-bool EventState::waitSince(std::uint32_t ticket, const MonotonicTime* deadline) {
-  if (comesSoon(ticket))
-    return true;
+bool EventState::sleepSince(std::uint32_t ticket, const MonotonicTime* deadline) {
   const Waiter waiter(*this);
   const timespec until = deadline != nullptr ? toTimespec(*deadline) : timespec{};
   while (number() == ticket) {

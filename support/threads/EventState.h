@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <bit>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 
@@ -39,17 +40,36 @@ class EventState {
     if ((m_nWord.load(std::memory_order_relaxed) & kHandedOut) != 0)
       broadcast();
     std::uint32_t* const half = numberHalf();
-    if ((m_nWord.fetch_add(kOneSet, std::memory_order_acq_rel) & kWaiters) != 0)
-      wakeAll(half);
+    if (moveOn())
+      wake(half, INT_MAX);
   }
   // False when `deadline`, if there is one, has passed before the number left `ticket`.
-  bool waitSince(std::uint32_t ticket, const MonotonicTime* deadline);
+  bool waitSince(std::uint32_t ticket, const MonotonicTime* deadline) {
+    return comesSoon(ticket) || sleepSince(ticket, deadline);
+  }
+  // The same without looking at the number for a while first.
+  bool sleepSince(std::uint32_t ticket, const MonotonicTime* deadline);
 
   // From here on raise() signals the condition, too.
   void handOut();
   bool isWaitedFor();
   // Makes the condition anew unless somebody may be waiting for it.
   void resetCondition();
+
+ protected:
+  // The first half of raise(). True when somebody waits, who is then to be woken at numberHalf().
+  bool moveOn() { return (m_nWord.fetch_add(kOneSet, std::memory_order_acq_rel) & kWaiters) != 0; }
+  // The same, if the number is even, or odd; otherwise false.
+  bool moveOnIf(bool odd);
+  static void wake(std::uint32_t* number, int count);
+  // Counts one more, or less, who waits in a way of its own.
+  void addWaiter();
+  void removeWaiter() { m_nWord.fetch_sub(1, std::memory_order_release); }
+  // The half of the word that holds the number: the system waits on 32 bits.
+  std::uint32_t* numberHalf() {
+    constexpr std::size_t kUpperHalf = std::endian::native == std::endian::little ? 1 : 0;
+    return reinterpret_cast<std::uint32_t*>(&m_nWord) + kUpperHalf;
+  }
 
  private:
   class Waiter;
@@ -62,12 +82,6 @@ class EventState {
   bool comesSoon(std::uint32_t ticket);
   void renewAfterFork();
   void broadcast();
-  static void wakeAll(std::uint32_t* number);
-  // The half of the word that holds the number: the system waits on 32 bits.
-  std::uint32_t* numberHalf() {
-    constexpr std::size_t kUpperHalf = std::endian::native == std::endian::little ? 1 : 0;
-    return reinterpret_cast<std::uint32_t*>(&m_nWord) + kUpperHalf;
-  }
 
   std::atomic<std::uint64_t> m_nWord{0};
   // The process that the rest belongs to, by how often it came of a fork: twice that, one more

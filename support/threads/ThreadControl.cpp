@@ -276,6 +276,11 @@ bool ThreadControl::isAbandoned() {
   return m_pObject == nullptr;
 }
 
+std::string ThreadControl::nameOfObject() {
+  const std::lock_guard guard(m_oMutex);
+  return m_pObject != nullptr ? m_pObject->m_sName : std::string();
+}
+
 void ThreadControl::endAnnouncement() {
   const std::lock_guard guard(m_oMutex);
   m_ePhase = FINISHED;

@@ -100,6 +100,8 @@ class ThreadControl : public CancellationState {
   // the object stays, unless this very thread destroys it.
   bool beginAnnouncement();
   bool isAbandoned();
+  // Empty when the object is gone.
+  std::string nameOfObject();
   void endAnnouncement();
   // True when the thread still has to be joined, which from then on is up to the caller.
   bool claimJoin();

@@ -12,6 +12,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/ProcessExit.h"
 #include "runtime/SignalRelay.h"
+#include "threads/Uncaught.h"
 #include "time/TimerState.h"
 
 namespace VarnSupport {
@@ -71,6 +72,7 @@ class VarnTimerManager::Pass {
       timer->set();
     } catch (...) {
       passOnCancellation();
+      Uncaught::tell([] { return "a timer"; });
     }
     return true;
   }

@@ -1,0 +1,119 @@
+// A thread that waits for one latch sleeps on its number. Who waits for several sleeps on an event
+// of its own, and enters a list of the process, in which set() looks for its latch by its address
+// alone: the latch may be gone by then. That list is looked at only when a latch has waiters.
+#include "threads/LatchState.h"
+
+#include <algorithm>
+#include <array>
+
+#include "runtime/BriefMutex.h"
+#include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constinit BriefMutex watchMutex;
+// Guarded by the mutex.
+constinit LatchWatch* theWatches = nullptr;
+constinit std::uint32_t forksAtWatches = 0;
+
+const MonotonicTime* limitOf(const MonotonicTime& deadline) {
+  return deadline == MonotonicTime::max() ? nullptr : &deadline;
+}
+
+}  // namespace
+
+void LatchState::set() {
+  const LatchState* const self = this;
+  std::uint32_t* const half = numberHalf();
+  if (!moveOnIf(false))
+    return;
+  wake(half, INT_MAX);
+  LatchWatch::tell(self);
+}
+
+LatchWatch::LatchWatch(std::span<const LatchTicket> tickets, EventState& raised)
+    : m_vTickets(tickets), m_oRaised(raised) {
+  {
+    const BriefMutex::Hold hold(watchMutex);
+    forgetLost();
+    m_pNext = theWatches;
+    theWatches = this;
+  }
+  for (const LatchTicket& ticket : m_vTickets)
+    ticket.latch().addWaiter();
+}
+
+LatchWatch::~LatchWatch() {
+  for (const LatchTicket& ticket : m_vTickets)
+    ticket.latch().removeWaiter();
+  const BriefMutex::Hold hold(watchMutex);
+  forgetLost();
+  LatchWatch** link = &theWatches;
+  while (*link != nullptr && *link != this)
+    link = &(*link)->m_pNext;
+  if (*link != nullptr)
+    *link = m_pNext;
+}
+
+void LatchWatch::tell(const LatchState* latch) {
+  const BriefMutex::Hold hold(watchMutex);
+  forgetLost();
+  for (const LatchWatch* watch = theWatches; watch != nullptr; watch = watch->m_pNext) {
+    if (std::any_of(watch->m_vTickets.begin(), watch->m_vTickets.end(),
+                    [&](const LatchTicket& ticket) { return &ticket.latch() == latch; }))
+      watch->m_oRaised.raise();
+  }
+}
+
+// The watches of a process from before a fork lie on the stacks of threads that are gone: no thread
+// forks while it waits. Requires: the mutex is held.
+void LatchWatch::forgetLost() {
+  if (forksAtWatches == g_nForks)
+    return;
+  theWatches = nullptr;
+  forksAtWatches = g_nForks;
+}
+
+bool awaitLatch(LatchState& latch, MonotonicTime deadline) {
+  const LatchTicket ticket(latch);
+  if (StopScope::find() != nullptr)
+    return awaitLatches({&ticket, 1}, true, deadline).has_value();
+  return ticket.isOver() || latch.waitSince(ticket.number(), limitOf(deadline));
+}
+
+std::optional<std::size_t> awaitLatches(std::span<const LatchTicket> tickets, bool all,
+                                        MonotonicTime deadline) {
+  EventState changed;
+  std::optional<LatchWatch> watch;
+  for (bool isLast = false;; isLast = StopScope::isRequested() || monotonicNow() >= deadline) {
+    const std::uint32_t before = changed.number();
+    const auto isOver = [](const LatchTicket& ticket) { return ticket.isOver(); };
+    const auto found = all ? std::find_if_not(tickets.begin(), tickets.end(), isOver)
+                           : std::find_if(tickets.begin(), tickets.end(), isOver);
+    if ((found == tickets.end()) == all)
+      return all ? 0 : static_cast<std::size_t>(found - tickets.begin());
+    if (isLast)
+      return std::nullopt;
+    if (!watch)
+      watch.emplace(tickets, changed);
+    else
+      awaitChange(changed, before, deadline);
+  }
+}
+
+void awaitChange(EventState& event, std::uint32_t ticket, MonotonicTime deadline) {
+  LatchState* const stop = StopScope::find();
+  if (stop == nullptr) {
+    event.sleepSince(ticket, limitOf(deadline));
+    return;
+  }
+  const LatchTicket request(*stop);
+  const LatchWatch watch({&request, 1}, event);
+  if (!request.isOver())
+    event.sleepSince(ticket, limitOf(deadline));
+}
+
+}  // namespace VarnSupport

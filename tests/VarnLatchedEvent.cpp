@@ -1,0 +1,156 @@
+#include "VarnSupport/VarnLatchedEvent.h"
+
+#include "LibraryTools.h"
+
+using namespace std::chrono_literals;
+
+TEST(VarnLatchedEvent, RemembersThatItWasSet) {
+  VarnLatchedEvent event;
+  EXPECT_FALSE(event.isSet());
+  EXPECT_FALSE(event.waitFor(0s));
+  event.set();
+  event.set();
+  EXPECT_TRUE(event.isSet() && event.wait() && event.waitFor(-1s));
+  event.reset();
+  event.reset();
+  EXPECT_FALSE(event.isSet());
+  EXPECT_TRUE(VarnLatchedEvent(true).wait());
+}
+
+TEST(VarnLatchedEvent, WaitsWithALimitOfAnyUnit) {
+  VarnLatchedEvent event;
+  VarnLatchedEvent other;
+  const auto begin = Clock::now();
+  EXPECT_FALSE(event.waitFor(30ms));
+  EXPECT_FALSE(event.waitFor(std::chrono::duration<double>(0.03)));
+  EXPECT_FALSE(VarnLatchedEvent::waitForAny({&event, &other}, 30ms));
+  EXPECT_FALSE(VarnLatchedEvent::waitForAll({&event, &other}, 30'000us));
+  EXPECT_GE(Clock::now() - begin, 120ms);
+  EXPECT_FALSE(event.waitFor(std::chrono::duration<double>(-INFINITY)));
+  for (const bool hours : {false, true}) {
+    event.reset();
+    const auto waiter = startSleeper([&] {
+      EXPECT_TRUE(hours ? event.waitFor(std::chrono::hours::max())
+                        : event.waitFor(std::chrono::duration<double>(INFINITY)));
+    });
+    event.set();
+  }
+}
+
+TEST(VarnLatchedEvent, WaitsForTheFirstOrTheLastOfSeveral) {
+  VarnLatchedEvent events[3];
+  const std::vector<VarnLatchedEvent*> all{&events[0], &events[1], &events[2], &events[1]};
+  EXPECT_FALSE(VarnLatchedEvent::waitForAny({}));
+  EXPECT_TRUE(VarnLatchedEvent::waitForAll({}));
+  {
+    const auto waiter = startSleeper([&] { EXPECT_EQ(1U, VarnLatchedEvent::waitForAny(all)); });
+    events[1].set();
+  }
+  {
+    std::atomic<bool> isDone{false};
+    const auto waiter = startSleeper([&] { isDone = VarnLatchedEvent::waitForAll(all); });
+    events[0].set();
+    EXPECT_FALSE(VarnLatchedEvent::waitForAll(all, 10ms) || isDone);
+    events[0].reset();  // it was set since the wait began
+    events[2].set();
+    EXPECT_TRUE(eventually([&] { return isDone.load(); }));
+  }
+  EXPECT_EQ(1U, VarnLatchedEvent::waitForAny(all));
+}
+
+TEST(VarnLatchedEvent, EndsTheWaitsUnderWayThoughAResetFollowsAtOnce) {
+  VarnLatchedEvent event;
+  VarnLatchedEvent other;
+  std::atomic<int> ended{0};
+  {
+    const auto first = startSleeper([&] { ended += event.wait() ? 1 : 0; });
+    const auto second = startSleeper([&] { ended += event.waitFor(kGenerous) ? 1 : 0; });
+    const auto third = startSleeper([&] {
+      ended += VarnLatchedEvent::waitForAny({&other, &event}) == 1U ? 1 : 0;
+    });
+    event.set();
+    event.reset();
+  }
+  EXPECT_EQ(3, ended);
+}
+
+TEST(VarnLatchedEvent, MayBeDestroyedAsSoonAsItIsSeenSet) {
+  std::atomic<VarnLatchedEvent*> current{nullptr};
+  std::atomic<bool> isOver{false};
+  std::jthread setter([&] {
+    while (!isOver) {
+      if (VarnLatchedEvent* const event = current.exchange(nullptr))
+        event->set();
+    }
+  });
+  const auto end = Clock::now() + 300ms;
+  VarnLatchedEvent never;
+  for (int round = 0; Clock::now() < end; ++round) {
+    const auto event = std::make_unique<VarnLatchedEvent>();
+    current = event.get();
+    if (round % 3 == 0) {
+      EXPECT_TRUE(event->wait());
+    } else if (round % 3 == 1) {
+      EXPECT_EQ(1U, VarnLatchedEvent::waitForAny({&never, event.get()}));
+    }
+    while (!event->isSet()) {
+    }
+  }
+  isOver = true;
+}
+
+TEST(VarnLatchedEvent, LosesNoSetBetweenThreadsThatTakeTurns) {
+  VarnLatchedEvent asked;
+  VarnLatchedEvent answered;
+  int shared = 0;
+  constexpr int kTurns = 5000;
+  std::jthread other([&] {
+    for (int turn = 0; turn < kTurns; ++turn) {
+      EXPECT_TRUE(asked.wait());
+      asked.reset();
+      ++shared;
+      answered.set();
+    }
+  });
+  for (int turn = 0; turn < kTurns; ++turn) {
+    ++shared;
+    asked.set();
+    EXPECT_TRUE(turn % 2 == 0 ? answered.waitFor(kGenerous)
+                              : VarnLatchedEvent::waitForAll({&answered}, kGenerous));
+    answered.reset();
+  }
+  EXPECT_EQ(2 * kTurns, shared);
+}
+
+TEST(VarnLatchedEvent, WaitersThatAreKilledLeaveNothingBehind) {
+  VarnLatchedEvent event;
+  VarnLatchedEvent other;
+  for (const bool several : {false, true}) {
+    std::atomic<pid_t> id{0};
+    Task waiter([&] {
+      id = gettid();
+      return several ? VarnLatchedEvent::waitForAll({&event, &other}) : event.wait();
+    });
+    waiter.start();
+    EXPECT_TRUE(eventually([&] { return id != 0 && isAsleep(id); }));
+    killAndJoin(waiter);
+  }
+  event.set();
+  EXPECT_TRUE(event.wait());
+}
+
+TEST(VarnLatchedEvent, WorksInTheChildOfAForkOfAWaitedForProcess) {
+  VarnLatchedEvent event;
+  VarnLatchedEvent other;
+  const auto first = startSleeper([&] { event.wait(); });
+  const auto second = startSleeper([&] { VarnLatchedEvent::waitForAll({&event, &other}); });
+  EXPECT_EQ(
+      7, runInBareChild([&] {
+        EXPECT_FALSE(event.waitFor(1ms) || VarnLatchedEvent::waitForAll({&event, &other}, 1ms));
+        event.set();
+        other.set();
+        return VarnLatchedEvent::waitForAll({&event, &other}) && event.wait() ? 7 : 1;
+      }));
+  event.set();
+  other.set();
+}

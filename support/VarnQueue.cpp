@@ -60,7 +60,8 @@ class Line : public EventState {
 
 }  // namespace
 
-struct VarnQueueTurns::State {
+// What each turn changes lies in one line of the processor's cache.
+struct alignas(64) VarnQueueTurns::State {
   explicit State(std::size_t itsCapacity) : capacity(itsCapacity) {}
 
   class Turn;

@@ -43,7 +43,8 @@ TYPED_TEST(Properties, ValuesOfAKeyGatherInOrderAndTheFirstIsTheAnswer) {
   EXPECT_EQ(shown(properties), "a=1;b=1,1,");
   EXPECT_EQ(properties.size(), 2u);
 
-  const TypeParam& value = properties.getProperty(text<TypeParam>("b"), TypeParam());
+  const TypeParam none;
+  const TypeParam& value = properties.getProperty(text<TypeParam>("b"), none);
   properties.setProperty(text<TypeParam>("b"), text<TypeParam>("9"));
   properties.setProperty(text<TypeParam>("c"), text<TypeParam>("3"));
   properties.setProperty(TypeParam(), text<TypeParam>("never"));
@@ -63,6 +64,19 @@ TYPED_TEST(Properties, AMissingKeyIsAnsweredByEachLookUpInItsOwnWay) {
   EXPECT_EQ(value, text<TypeParam>("kept"));
   EXPECT_TRUE(properties.getPropertyValues(key).empty());
   EXPECT_THROW(properties.getProperty(key), VarnPropertyNotFound);
+}
+
+TYPED_TEST(Properties, ATemporaryDefaultYieldsATextOfItsOwn) {
+  VarnProperties<TypeParam> properties;
+  const auto constant = []() -> const TypeParam {
+    return text<TypeParam>("long enough for the heap");
+  };
+  const TypeParam& missing = properties.getProperty(text<TypeParam>("b"), constant());
+  properties.setProperty(text<TypeParam>("b"), text<TypeParam>("1"));
+  const TypeParam& found = properties.getProperty(text<TypeParam>("b"), {});
+  properties.removeProperty(text<TypeParam>("b"));
+  EXPECT_EQ(missing, constant());
+  EXPECT_EQ(found, text<TypeParam>("1"));
 }
 
 TYPED_TEST(Properties, ALineIsAKeyASeparatorAndAValue) {

@@ -37,13 +37,16 @@ namespace VarnSupport {
 class VSUPT_EXPORT VarnConnection {
  public:
   VarnConnection() noexcept = default;
-  // The function is called with the notification (`const VarnNotification&`), or without anything.
+  // The function is called with the notification (`const VarnNotification&`), or without anything,
+  // maybe before the constructor returns. It may use this object, unless that is moved meanwhile.
   template <typename Function>
-  VarnConnection(VarnCollaborator& source, Function function)
-      : m_pState(connect(&source, nullptr, adapted(std::move(function)))) {}
+  VarnConnection(VarnCollaborator& source, Function function) {
+    connect(&source, nullptr, adapted(std::move(function)));
+  }
   template <typename Function>
-  VarnConnection(VarnEvent& source, Function function)
-      : m_pState(connect(nullptr, &source, adapted(std::move(function)))) {}
+  VarnConnection(VarnEvent& source, Function function) {
+    connect(nullptr, &source, adapted(std::move(function)));
+  }
   // A move takes the connection along, also while its function runs.
   VarnConnection(VarnConnection&&) noexcept = default;
   VarnConnection& operator=(VarnConnection&& other) noexcept {
@@ -77,8 +80,7 @@ class VSUPT_EXPORT VarnConnection {
         static_cast<void>((*shared)());
     };
   }
-  static std::shared_ptr<State> connect(VarnCollaborator* source, VarnEvent* event,
-                                        tFunction function);
+  void connect(VarnCollaborator* source, VarnEvent* event, tFunction function);
 
   std::shared_ptr<State> m_pState;
 };

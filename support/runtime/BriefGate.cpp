@@ -35,7 +35,7 @@ constinit std::atomic<int> BriefGate::m_nState{OPEN};
 constinit BriefGate::Visitor BriefGate::m_oCrowd;
 constinit std::atomic<BriefGate::Visitor*> BriefGate::m_pVisitors{nullptr};
 constinit pthread_key_t BriefGate::m_hKey = 0;
-constinit const BriefGate::Visitor* BriefGate::m_pCloser = nullptr;
+constinit std::atomic<const BriefGate::Visitor*> BriefGate::m_pCloser{nullptr};
 
 void BriefGate::chooseBarrier() {
   if (membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) != 0)
@@ -96,7 +96,7 @@ void BriefGate::leaveCrowd() { crowding.value.unlock(); }
 void BriefGate::close() {
   closing.lock();
   m_pCloser = t_pVisitor != nullptr ? t_pVisitor : newVisitor();
-  assert((m_nState & CLOSED) == 0 && m_pCloser->depth == 0);
+  assert((m_nState & CLOSED) == 0 && m_pCloser.load()->depth == 0);
   m_nState.fetch_or(CLOSED);
   if ((m_nState & FENCED) == 0)
     membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);

@@ -80,8 +80,8 @@ class BriefGate {
   static constinit std::atomic<int> m_nState;
   static constinit Visitor m_oCrowd;  // for threads that get no mark, one at a time
   static constinit std::atomic<Visitor*> m_pVisitors;
-  static constinit pthread_key_t m_hKey;      // hands marks back as threads end
-  static constinit const Visitor* m_pCloser;  // fixed while the gate is closed
+  static constinit pthread_key_t m_hKey;                   // hands marks back as threads end
+  static constinit std::atomic<const Visitor*> m_pCloser;  // fixed while the gate is closed
 };
 
 }  // namespace VarnSupport

@@ -1,7 +1,7 @@
 // A connection's calls are counted under the hub's mutex, with those among them whose threads wait
 // in disconnect(): these wait for the others, and nobody for these. Which calls are its own a
-// thread finds in its scopes. The function of a connection that is removed is destroyed by the last
-// who can still use it, before anybody stops waiting.
+// thread finds in its scopes. The function is gone before disconnect() returns, unless that is
+// called in the function.
 #include "threads/ConnectionHub.h"
 
 #include <unistd.h>
@@ -21,10 +21,7 @@ namespace VarnSupport {
 
 namespace {
 
-constexpr std::uintptr_t kHub = 2;
 constexpr useconds_t kLookMicroseconds = 1000;
-
-static_assert(alignof(ConnectionHub) > kHub, "the second bit of an address is free");
 
 std::uintptr_t bitsOf(const VarnDependent* entry) {
   return reinterpret_cast<std::uintptr_t>(entry);
@@ -40,7 +37,6 @@ struct VarnConnection::State {
   const std::shared_ptr<ConnectionHub> hub;
   tFunction function;  // changed only when there is no call of it
   std::uint64_t number = 0;
-  bool isRemoved = false;
   int calls = 0;
   int leaving = 0;  // calls whose threads wait for the others
   std::uint32_t forks = g_nForks;
@@ -105,7 +101,6 @@ class ConnectionHub::Call : public ThreadScopeOf<Call> {
       passOnCancellation();
       Uncaught::report([] { return "a connection"; });
     }
-    destroyFunctionIfLast(*m_oUse.connection(), 1);
   }
 
   // How many there are of one connection.
@@ -127,15 +122,12 @@ class ConnectionHub::Call : public ThreadScopeOf<Call> {
 };
 
 VarnDependent* ConnectionHub::entryOf(ConnectionHub& hub) {
+  static_assert(alignof(ConnectionHub) > kHub, "the second bit of an address is free");
   return reinterpret_cast<VarnDependent*>(bitsOf(&hub) | kHub);
 }
 
 ConnectionHub* ConnectionHub::findIn(VarnDependent* entry) {
   return (bitsOf(entry) & kHub) != 0 ? static_cast<ConnectionHub*>(dependentOf(entry)) : nullptr;
-}
-
-VarnDependent* ConnectionHub::dependentOf(VarnDependent* entry) {
-  return reinterpret_cast<VarnDependent*>(bitsOf(entry) & ~kHub);
 }
 
 void ConnectionHub::leaveSource(VarnDependent* entry) {
@@ -184,7 +176,6 @@ void ConnectionHub::remove(Connection& connection) {
       kept = std::move(*found);
       m_vConnections.erase(found);
     }
-    connection.isRemoved = true;
     connection.forgetLost();
     connection.leaving += own;
   }
@@ -205,13 +196,9 @@ void ConnectionHub::remove(Connection& connection) {
     else
       connection.changes.wait(seen);
   }
-  destroyFunctionIfLast(connection, 0);
-}
-
-void ConnectionHub::destroyFunctionIfLast(Connection& connection, int calls) {
   VarnConnection::tFunction function;
-  const BriefMutex::Hold hold(connection.hub->m_oMutex);
-  if (connection.isRemoved && connection.calls == calls)
+  const BriefMutex::Hold hold(m_oMutex);
+  if (connection.calls == 0)
     function.swap(connection.function);
 }
 
@@ -250,15 +237,13 @@ bool VarnConnection::isConnected() const {
 
 VarnCollaborator& dependentsOf(VarnEvent& event);
 
-std::shared_ptr<VarnConnection::State> VarnConnection::connect(VarnCollaborator* source,
-                                                               VarnEvent* event,
-                                                               tFunction function) {
+// The function may look at its connection as soon as the hub has it.
+void VarnConnection::connect(VarnCollaborator* source, VarnEvent* event, tFunction function) {
   const CancellationGuard closed;
   ProcessExit::noteObject();
-  auto connection = std::make_shared<State>(
+  m_pState = std::make_shared<State>(
       ConnectionHub::of(source != nullptr ? *source : dependentsOf(*event)), std::move(function));
-  connection->hub->add(connection);
-  return connection;
+  m_pState->hub->add(m_pState);
 }
 
 }  // namespace VarnSupport

@@ -24,7 +24,9 @@ class ConnectionHub : public VarnDependent, public std::enable_shared_from_this<
 
   // The entry of a hub in a list of dependents: its address with the second bit set.
   static ConnectionHub* findIn(VarnDependent* entry);
-  static VarnDependent* dependentOf(VarnDependent* entry);
+  static VarnDependent* dependentOf(VarnDependent* entry) {
+    return reinterpret_cast<VarnDependent*>(reinterpret_cast<std::uintptr_t>(entry) & ~kHub);
+  }
   // Called for each entry of a source that goes.
   static void leaveSource(VarnDependent* entry);
 
@@ -39,13 +41,13 @@ class ConnectionHub : public VarnDependent, public std::enable_shared_from_this<
   static void forgetLostCalls();
 
  private:
+  static constexpr std::uintptr_t kHub = 2;
+
   class Use;
   class Call;
   using tConnections = std::vector<std::shared_ptr<Connection>>;
 
   static VarnDependent* entryOf(ConnectionHub& hub);
-  // Once the connection is removed and no more than `calls` calls are left, those of the caller.
-  static void destroyFunctionIfLast(Connection& connection, int calls);
   tConnections::iterator behindLocked(std::uint64_t number);
 
   std::shared_ptr<ConnectionHub> m_pOwn;  // as long as the source lives

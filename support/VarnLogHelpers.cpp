@@ -1,3 +1,5 @@
+// All levels are read before one is applied, so that a fault changes nothing. Text is escaped by
+// characters, not by bytes: some control characters, and some ends of lines, are longer than one.
 #include "VarnSupport/VarnLogHelpers.h"
 
 #include <array>
@@ -30,6 +32,14 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(" \t") + 1 - first);
 }
 
+std::string faultOf(std::string_view part, std::string_view reason) {
+  std::string fault(1, '"');
+  fault += part;
+  fault += "\": ";
+  fault += reason;
+  return fault;
+}
+
 // The levels of a text, or why it has none.
 class LevelReader {
  public:
@@ -54,11 +64,11 @@ class LevelReader {
     const std::string name(trimmed(part.substr(0, hasName ? equal : 0)));
     int level = 0;
     if (!toLevel(hasName ? trimmed(part.substr(equal + 1)) : part, level))
-      return "\"" + std::string(part) + "\": a level is a number from -1 to 9";
+      return faultOf(part, "a level is a number from -1 to 9");
     if (hasName && name.empty())
-      return "\"" + std::string(part) + "\": the component has no name";
+      return faultOf(part, "the component has no name");
     if (hasName ? !components.emplace(name, level).second : rest != VarnLogging::State::kNoRest)
-      return "\"" + std::string(part) + "\": there is a level before";
+      return faultOf(part, "there is a level before");
     if (!hasName)
       rest = level;
     return "";

@@ -1,3 +1,6 @@
+// The observer is the part that Observation calls; its owner is a handle. So a function may destroy
+// its own observer and run on to its end. JSON has escapes for the characters that would end a line
+// or a text, and none for bytes that are no characters: these become the replacement character.
 #include "VarnSupport/VarnLogObserver.h"
 
 #include <array>
@@ -70,11 +73,14 @@ VarnLogObserver::~VarnLogObserver() {
 }
 
 std::string VarnJsonLog::toJson(const VarnLogEntry& entry) {
-  std::string object = "{\"time\":\"" + timeText(entry.time);
-  object += "\",\"level\":" + std::to_string(entry.level);
+  std::string object = "{\"time\":\"";
+  object += timeText(entry.time);
+  object += "\",\"level\":";
+  object += std::to_string(entry.level);
   appendText(object, ",\"component\":", entry.component);
   appendText(object, ",\"thread\":", entry.threadName);
-  object += ",\"tid\":" + std::to_string(entry.threadId);
+  object += ",\"tid\":";
+  object += std::to_string(entry.threadId);
   appendText(object, ",\"text\":", entry.text);
   object += '}';
   return object;

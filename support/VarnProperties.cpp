@@ -104,15 +104,6 @@ const StringType& VarnProperties<StringType>::getProperty(const StringType& key,
 }
 
 template <typename StringType>
-StringType VarnProperties<StringType>::getProperty(const StringType& key,
-                                                   const StringType&& defaultValue) const {
-  const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
-  const StringType* const value = firstValueLocked(key);
-  return value != nullptr ? *value : defaultValue;
-}
-
-template <typename StringType>
 bool VarnProperties<StringType>::getPropertyValue(const StringType& key, StringType& value) const {
   const CancellationGuard closed;
   const BriefHold hold(m_oLock);

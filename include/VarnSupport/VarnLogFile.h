@@ -10,7 +10,8 @@
 // second target. Every operation is safe from any thread, reopen() on several at once too; the
 // destructor is VarnLogging's, and waits for records as that does. Nothing throws but for want of
 // memory in a constructor; what happens to the file is in isFileOpen(), lostRecords() and
-// lastError(). A write to it raises neither SIGPIPE nor SIGXFSZ.
+// lastError(). A write to it raises neither SIGPIPE nor SIGXFSZ; a limit of the size that is set
+// while the file is larger already is noticed within 64 records.
 #ifndef VARNSUPPORT_VARNLOGFILE_H
 #define VARNSUPPORT_VARNLOGFILE_H
 

@@ -93,6 +93,8 @@ class LogFile : public std::enable_shared_from_this<LogFile> {
   // For whoever has the turn.
   std::atomic<int> m_nDescriptor{-1};
   bool m_bTorn = false;
+  bool m_bMayRaise = true;  // a signal, by a write
+  unsigned m_nWrites = 0;
   std::uint64_t m_nUntold = 0;  // records that were lost since they were last told of
   LogHeader m_oHeader;
 

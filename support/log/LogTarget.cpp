@@ -6,17 +6,18 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <optional>
 
 #include "runtime/System.h"
 
@@ -126,32 +127,53 @@ AppendedFile openForAppending(const std::string& name) {
   return {-1, kNotForRecords, false};
 }
 
-std::size_t writeParts(int descriptor, const std::string_view* parts, std::size_t count,
-                       bool& torn) {
-  constexpr std::size_t partsAtOnce = 1024;
-  const WithoutSignals quiet;
-  std::array<iovec, partsAtOnce> pieces;
+bool mayWriteRaise(int descriptor) {
+  struct stat status {};
+  rlimit limit{};
+  return fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) ||
+         getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur != RLIM_INFINITY;
+}
+
+std::size_t writeRecords(int descriptor, const std::string_view* records, std::size_t count,
+                         bool isQuiet, bool& torn) {
+  constexpr std::size_t piecesAtOnce = 257;
+  static char lineFeed = '\n';
+  std::array<iovec, piecesAtOnce> pieces;
+  std::optional<WithoutSignals> quiet;
+  if (isQuiet)
+    quiet.emplace();
   std::size_t done = 0;
-  std::size_t offset = 0;  // what is written of the next part
+  std::size_t offset = 0;  // what is written of the next record
   while (done < count) {
-    const std::size_t now = std::min(count - done, partsAtOnce);
-    for (std::size_t i = 0; i < now; ++i)
-      pieces[i] = {const_cast<char*>(parts[done + i].data()), parts[done + i].size()};
-    pieces[0].iov_base = const_cast<char*>(parts[done].data() + offset);
-    pieces[0].iov_len -= offset;
-    const ssize_t written =
-        retrying([&] { return writev(descriptor, pieces.data(), static_cast<int>(now)); });
+    std::size_t used = 0;
+    const bool hasLead = torn && offset == 0;
+    if (hasLead)
+      pieces[used++] = {&lineFeed, 1};
+    for (std::size_t next = done, from = offset; next < count && used < piecesAtOnce; ++next) {
+      pieces[used++] = {const_cast<char*>(records[next].data() + from),
+                        records[next].size() - from};
+      from = 0;
+    }
+    const ssize_t written = retrying([&] {
+      return used == 1 ? write(descriptor, pieces[0].iov_base, pieces[0].iov_len)
+                       : writev(descriptor, pieces.data(), static_cast<int>(used));
+    });
     if (written <= 0) {
-      quiet.take(errno);
+      if (quiet)
+        quiet->take(errno);
       return done;
     }
-    offset += static_cast<std::size_t>(written);
-    for (; done < count && offset >= parts[done].size(); ++done) {
-      offset -= parts[done].size();
-      torn = parts[done].back() != '\n';
+    if (hasLead)
+      torn = false;
+    offset += static_cast<std::size_t>(written) - (hasLead ? 1 : 0);
+    for (; done < count && offset >= records[done].size(); ++done) {
+      offset -= records[done].size();
+      torn = false;
     }
     if (offset > 0)
-      torn = parts[done][offset - 1] != '\n';
+      torn = records[done][offset - 1] != '\n';
+    if (done < count && !quiet)
+      quiet.emplace();
   }
   return done;
 }

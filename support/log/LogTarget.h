@@ -31,12 +31,15 @@ constexpr int kNotForRecords = -1;
 // what is at the other end of a name.
 AppendedFile openForAppending(const std::string& name);
 
-// Writes all parts, none of which is empty, as a rule by one call, and goes on after a signal.
+// Writes records, which end with line feeds, as a rule by one call, and goes on after a signal.
 // Returns how many were written in whole; after an error, which is in errno, not all. `torn` says,
-// before and after, that the target's last line has no end. No signal comes of it: neither SIGPIPE
-// nor SIGXFSZ.
-std::size_t writeParts(int descriptor, const std::string_view* parts, std::size_t count,
-                       bool& torn);
+// before and after, that the target's last line has no end: a line feed comes first then. Once a
+// write is cut short, and before if `isQuiet`, neither SIGPIPE nor SIGXFSZ comes of it.
+std::size_t writeRecords(int descriptor, const std::string_view* records, std::size_t count,
+                         bool isQuiet, bool& torn);
+
+// Whether a write may raise a signal though none was cut short: in a pipe or beyond a limit.
+bool mayWriteRaise(int descriptor);
 
 // Writes all but the first byte of `line`, as a rule with one write(). Goes on after a signal, and
 // gives up silently after any other error. `torn` says, before and after, that the target took only

@@ -1,3 +1,7 @@
+// Observers are called one at a time, each found anew under the tables by its number, as any of
+// them may go or come while another is called. What a thread has noted and may not tell yet,
+// because it holds the record lock of a log, waits in one list for all threads; entries of threads
+// that a fork has left behind stay there for ever in the child, where nobody asks for them.
 #include "log/Observation.h"
 
 #include <pthread.h>

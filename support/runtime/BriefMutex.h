@@ -2,7 +2,7 @@
 #ifndef SUPPORT_RUNTIME_BRIEFMUTEX_H
 #define SUPPORT_RUNTIME_BRIEFMUTEX_H
 
-#include <mutex>
+#include <pthread.h>
 
 #include "runtime/BriefGate.h"
 
@@ -12,19 +12,25 @@ namespace VarnSupport {
 // brief section, which a fork waits for. Requires: cancellation is closed while it is held.
 class BriefMutex {
  public:
+  BriefMutex() = default;
+  BriefMutex(const BriefMutex&) = delete;
+  BriefMutex& operator=(const BriefMutex&) = delete;
+
   class Hold {
    public:
-    explicit Hold(BriefMutex& mutex) : m_oGuard(mutex.m_oMutex) {}
+    explicit Hold(BriefMutex& mutex) : m_pMutex(&mutex.m_oMutex) { pthread_mutex_lock(m_pMutex); }
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
+    ~Hold() { pthread_mutex_unlock(m_pMutex); }
 
    private:
     BriefGate::Pass m_oPass;
-    std::lock_guard<std::mutex> m_oGuard;
+    pthread_mutex_t* m_pMutex;
   };
 
  private:
-  std::mutex m_oMutex;
+  // Looks at a lock that is held for a while before it sleeps: its holder is about to give it back.
+  pthread_mutex_t m_oMutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
 };
 
 }  // namespace VarnSupport

@@ -81,7 +81,7 @@ bool awaitLatch(LatchState& latch, MonotonicTime deadline) {
   const LatchTicket ticket(latch);
   if (StopScope::find() != nullptr)
     return awaitLatches({&ticket, 1}, true, deadline).has_value();
-  return ticket.isOver() || latch.waitSince(ticket.number(), limitOf(deadline));
+  return ticket.isOver() || latch.sleepSince(ticket.number(), limitOf(deadline));
 }
 
 std::optional<std::size_t> awaitLatches(std::span<const LatchTicket> tickets, bool all,

@@ -53,7 +53,6 @@ VarnLogging::VarnLogging(const std::string& fileName, int target, int level)
   const QuietCancellationGuard closed;
   m_oIdleTimer.addDependent(*this);
   State::Owner state = State::attachTo(*this);
-  m_pState = state.get();
   m_pState->target = target;
   m_oRecordLock = m_pState->lock;
   VarnLogging::startLogging();

@@ -62,6 +62,8 @@ VarnLogging::State::Owner VarnLogging::State::attachTo(VarnLogging& log) {
     state->next = m_pFirst;
     m_pFirst = state;
   }
+  // Who finds the log by its address, be it that of a log before it, finds it with its state.
+  log.m_pState = state;
   state->owner = &log;
   return Owner(state);
 }

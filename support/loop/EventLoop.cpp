@@ -86,7 +86,14 @@ void EventLoop::openFolders() {
   m_oDescriptors.addOwn(m_oFolders.descriptor(), DescriptorSet::kFoldersKey);
 }
 
+// From here on no call begins: what looks whether the exit has begun does so under the lock.
+void EventLoop::awaitCallsAtExit() {
+  { const Lock behindThoseThatHaveLooked; }
+  CallUnderWay<const Callee*>::awaitAllAtExit();
+}
+
 void EventLoop::ensureRunning() {
+  ProcessExit::callAtBegin(&EventLoop::awaitCallsAtExit);
   if (!m_bRunning)
     m_bRunning = startLoopThread("vsupt-loop", [this] { run(); });
   if (!m_bRunning)

@@ -84,6 +84,8 @@ class EventLoop {
   void take(const Events& events, int count);
   void pendDue();
 
+  static void awaitCallsAtExit();
+
   static constinit std::mutex m_oMutex;
   static constinit EventLoop* m_pCurrent;
   static constinit int m_nToWake;  // descriptor, or -1

@@ -70,6 +70,13 @@ class CallUnderWay {
     }
   }
 
+  // While the process exits: waits until no other thread is inside a call, but no longer than that
+  // may take.
+  static void awaitAllAtExit() {
+    while (isAnyElsewhere() && monotonicNow() < ProcessExit::latestEnd())
+      usleep(kLookMicroseconds);
+  }
+
   // What `key` names goes, and the next thing of that name is another: the calling thread's own
   // calls are for nothing from here on.
   static void forget(const Key& key) {
@@ -94,6 +101,14 @@ class CallUnderWay {
   }
 
  private:
+  static bool isAnyElsewhere() {
+    const std::lock_guard guard(m_oMutex);
+    for (const CallUnderWay* call = m_pFirst; call != nullptr; call = call->m_pNext) {
+      if (!call->isOwn())
+        return true;
+    }
+    return false;
+  }
   bool isOwn() const { return pthread_equal(m_hThread, pthread_self()) != 0; }
 
   static constexpr useconds_t kLookMicroseconds = 1000;

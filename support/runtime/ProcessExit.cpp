@@ -19,13 +19,17 @@ namespace {
 constinit std::atomic<MonotonicTime> begin{MonotonicTime::min()};
 constinit std::mutex renewing;
 constinit std::atomic<bool> isRenewed{false};
+constinit std::atomic<void (*)()> atBegin{nullptr};
 constinit char handle = 0;  // its address is the name of the handler
 
 void noteBegin(void*) {
   if (isRenewed)
     return;
   MonotonicTime never = MonotonicTime::min();
-  begin.compare_exchange_strong(never, monotonicNow());
+  if (!begin.compare_exchange_strong(never, monotonicNow()))
+    return;
+  if (void (*const function)() = atBegin)
+    function();
 }
 
 }  // namespace
@@ -42,6 +46,8 @@ void ProcessExit::renewHandler() {
   isRenewed = false;
   static_cast<void>(__cxa_atexit(&noteBegin, nullptr, &handle));
 }
+
+void ProcessExit::callAtBegin(void (*function)()) { atBegin = function; }
 
 bool ProcessExit::hasBegun() { return begin.load() != MonotonicTime::min(); }
 

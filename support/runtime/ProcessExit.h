@@ -27,6 +27,10 @@ class ProcessExit {
       renewHandler();
   }
 
+  // Has `function` called when the exit begins, before the destructors of the objects that were
+  // noted until then: it waits for what must not run beside them, no longer than latestEnd().
+  static void callAtBegin(void (*function)());
+
   static bool hasBegun();
   // Until when a destructor may wait that begins to do so now.
   static MonotonicTime latestEnd();

@@ -15,11 +15,13 @@ namespace VarnSupport {
 constinit thread_local VarnLogRecord::Content* VarnLogRecord::Content::t_pInnermost = nullptr;
 
 VarnLogRecord::VarnLogRecord(int level) {
+  const CancellationGuard entry;  // a body may do nothing but suppressed records
   if (VarnLogging::admits(level))
     begin(std::string(), level);
 }
 
 VarnLogRecord::VarnLogRecord(const std::string& component, int level) {
+  const CancellationGuard entry;
   if (VarnLogging::admits(level))
     begin(component, level);
 }

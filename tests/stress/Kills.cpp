@@ -155,6 +155,7 @@ const Case kCases[] = {
        world.locks.exists("b");
      }},
     {"a record", [](World&) { VarnLogRecord(0) << "a record of " << 1; }},
+    {"a suppressed record", [](World&) { const VarnLogRecord record(1); }},
     {"properties",
      [](World& world) {
        world.properties.addProperty("key", "value");
@@ -221,6 +222,37 @@ TEST(KillStress, AKilledThreadEndsAndLeavesNothing) {
     });
     EXPECT_EQ(0, code) << example.name;
     EXPECT_EQ("", contentsOf(report)) << example.name;
+  }
+}
+
+// Where no signal can interrupt the thread, the operation itself has to look for the request.
+TEST(KillStress, EveryOperationNoticesThatItsThreadIsToEnd) {
+  if (kThreadSanitizer)
+    return;  // the platform cancels threads there
+  for (const Case& example : kCases) {
+    EXPECT_EQ(0, runInChild([&] {
+                VarnLogging log("", 0, 0);
+                VarnLogging::setInstance(log);
+                World world;
+                Victim victim([&] {
+                  sigset_t signals;
+                  sigemptyset(&signals);
+                  sigaddset(&signals, SIGUSR2);
+                  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+                  for (;;)
+                    example.turn(world);
+                });
+                victim.start();
+                const pthread_t thread = *static_cast<pthread_t*>(victim.getHandle());
+                sleepMs(1);
+                victim.kill();
+                const bool ends =
+                    eventually([&] { return pthread_tryjoin_np(thread, nullptr) == 0; });
+                if (!ends)
+                  _exit(1);
+                return 0;
+              }))
+        << example.name;
   }
 }
 

@@ -10,8 +10,8 @@
 #include <string>
 
 #include "log/LogState.h"
-#include "log/Utf8.h"
 #include "runtime/Cancellation.h"
+#include "runtime/Utf8.h"
 
 namespace VarnSupport {
 
@@ -22,8 +22,6 @@ void appendNumber(std::string& to, const char* format, unsigned number) {
   std::snprintf(text.data(), text.size(), format, number);
   to += text.data();
 }
-
-bool isControl(char32_t code) { return code < 0x20 || (code >= 0x7F && code < 0xA0); }
 
 std::string_view trimmed(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t");
@@ -88,21 +86,20 @@ std::string VarnEscaped(std::string_view text) {
   std::string escaped;
   while (!text.empty()) {
     const Utf8Character character = firstCharacter(text);
-    const std::size_t length = character.length > 0 ? character.length : 1;
-    if (character.length == 0 || (isControl(character.code) && length == 1)) {
+    if (character.isBroken() || (character.isControl() && character.length == 1)) {
       const char byte = text.front();
       if (byte == '\n' || byte == '\r' || byte == '\t')
         escaped += byte == '\n' ? "\\n" : byte == '\r' ? "\\r" : "\\t";
       else
         appendNumber(escaped, "\\x%02x", static_cast<unsigned char>(byte));
-    } else if (isControl(character.code) || character.code == 0x2028 || character.code == 0x2029) {
+    } else if (character.isControl() || character.code == 0x2028 || character.code == 0x2029) {
       appendNumber(escaped, "\\u%04x", static_cast<unsigned>(character.code));
     } else if (character.code == '\\') {
       escaped += "\\\\";
     } else {
-      escaped += text.substr(0, length);
+      escaped += text.substr(0, character.length);
     }
-    text.remove_prefix(length);
+    text.remove_prefix(character.length);
   }
   return escaped;
 }

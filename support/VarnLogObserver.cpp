@@ -10,9 +10,9 @@
 #include <utility>
 
 #include "log/Observation.h"
-#include "log/Utf8.h"
 #include "runtime/Cancellation.h"
 #include "runtime/ProcessExit.h"
+#include "runtime/Utf8.h"
 
 namespace VarnSupport {
 
@@ -24,7 +24,7 @@ void appendText(std::string& to, std::string_view name, std::string_view text) {
   while (!text.empty()) {
     const Utf8Character character = firstCharacter(text);
     const char first = text.front();
-    if (character.length == 0) {
+    if (character.isBroken()) {
       to += "\\ufffd";
     } else if (first == '"' || first == '\\') {
       to += '\\';
@@ -36,7 +36,7 @@ void appendText(std::string& to, std::string_view name, std::string_view text) {
     } else {
       to += text.substr(0, character.length);
     }
-    text.remove_prefix(character.length > 0 ? character.length : 1);
+    text.remove_prefix(character.length);
   }
   to += '"';
 }

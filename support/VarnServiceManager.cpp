@@ -19,6 +19,7 @@
 
 #include "runtime/Cancellation.h"
 #include "runtime/System.h"
+#include "runtime/Utf8.h"
 
 namespace VarnSupport {
 
@@ -135,12 +136,9 @@ bool VarnServiceManager::reloading() {
 
 bool VarnServiceManager::stopping() { return tell("STOPPING=1"); }
 
-// Cut between two characters of UTF-8: a manager takes no broken text.
+// A manager takes no broken text.
 bool VarnServiceManager::status(const std::string& text) {
-  std::size_t length = std::min(text.size(), kMostStatusBytes);
-  while (length < text.size() && length > 0 && (text[length] & 0xC0) == 0x80)
-    --length;
-  std::string line = text.substr(0, length);
+  std::string line(wholeCharacters(text, kMostStatusBytes));
   std::replace_if(
       line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7F'; }, ' ');
   return tell("STATUS=" + line);

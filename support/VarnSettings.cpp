@@ -13,6 +13,7 @@
 #include "settings/SettingsState.h"
 #include "settings/UpdatedText.h"
 #include "settings/ValueText.h"
+#include "text/TextColumns.h"
 
 namespace VarnSupport {
 
@@ -193,7 +194,7 @@ VarnRegularExpression<std::string> VarnSettings::readPattern(const std::string& 
   if (value && pattern.setPatternImpl(value->text, error))
     return pattern;
   if (value)
-    m_pState->fault(*value, shownValue(value->text) + " is no pattern: " + escaped(error));
+    m_pState->fault(*value, shownValue(value->text) + " is no pattern: " + escapedText(error));
   VarnRegularExpression<std::string> instead;  // the tokens before a fault are in force
   if (preset != nullptr)
     instead.setPattern(*preset);
@@ -240,9 +241,9 @@ void VarnSettings::fault(const std::string& key, const std::string& reason, std:
   const CancellationGuard closed;
   const std::vector<GivenValue> values = m_pState->given(key);
   if (index < values.size())
-    m_pState->fault(values[index], escaped(reason));
+    m_pState->fault(values[index], escapedText(reason));
   else
-    m_pState->faults.add({}, key, escaped(reason));
+    m_pState->faults.add({}, key, escapedText(reason));
 }
 
 void VarnSettings::finish() const {

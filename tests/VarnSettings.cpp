@@ -126,8 +126,8 @@ TEST_F(VarnSettings, AWrongValueIsAFaultThatSaysWhatIsAllowed) {
        },
        "'x' is none of a, b"},
       {"a[9-0]", [](Settings& s) { EXPECT_EQ(s.pattern("k").find("a", 0), UINT_MAX); }, ""},
-      {"\x1b[2J" + std::string(70, 'x'), any,
-       "'\\x1b[2J" + std::string(56, 'x') + "...' is no whole number"}};
+      {"\x1b[2J\xFF" + std::string(54, 'x') + "\xC3\xBC", any,
+       "'\\x1b[2J\\xff" + std::string(54, 'x') + "...' is no whole number"}};
   for (const Wrong& row : rows) {
     const Texts faults = faultsOf("#\nk=" + row.value + "\n", row.read);
     ASSERT_EQ(faults.size(), 1u) << row.value;

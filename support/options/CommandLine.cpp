@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "VarnSupport/VarnOptionTable.h"
+#include "runtime/Utf8.h"
 #include "text/TextColumns.h"
 
 namespace VarnSupport {

@@ -18,8 +18,8 @@
 #include "VarnSupport/VarnException.h"
 #include "runtime/Cancellation.h"
 #include "runtime/System.h"
-#include "settings/ValueText.h"
 #include "text/PropertyFile.h"
+#include "text/TextColumns.h"
 
 namespace VarnSupport {
 
@@ -161,7 +161,7 @@ int FileReplacement::fill(int descriptor, std::string_view contents) const {
 }
 
 void FileReplacement::refuse(const std::string& reason) const {
-  throw VarnException(escaped(m_sName) + ": " + reason, 0);
+  throw VarnException(escapedText(m_sName) + ": " + reason, 0);
 }
 
 void FileReplacement::fail(const std::string& what, int error) const {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <tuple>
 
-#include "settings/ValueText.h"
+#include "text/TextColumns.h"
 
 namespace VarnSupport {
 
@@ -19,11 +19,11 @@ void SettingsFaults::add(const SettingsPlace& place, const std::string& key,
   else if (place.layer == SettingsPlace::ENVIRONMENT)
     text = "environment: ";
   else if (place.line > 0)
-    text = escaped(m_sFileName) + ':' + std::to_string(place.line) + ": ";
+    text = escapedText(m_sFileName) + ':' + std::to_string(place.line) + ": ";
   else if (!m_sFileName.empty())
-    text = escaped(m_sFileName) + ": ";
+    text = escapedText(m_sFileName) + ": ";
   if (!key.empty())
-    text += escaped(key) + ": ";
+    text += escapedText(key) + ": ";
   Fault fault{place, text + reason};
   if (std::find(m_vFaults.begin(), m_vFaults.end(), fault) == m_vFaults.end())
     m_vFaults.push_back(std::move(fault));

@@ -16,6 +16,7 @@
 #include "text/NearText.h"
 #include "text/PropertyFile.h"
 #include "text/PropertyLine.h"
+#include "text/TextColumns.h"
 #include "text/TreePath.h"
 
 namespace VarnSupport {
@@ -267,7 +268,7 @@ std::string VarnSettings::State::whyUseless(const std::string& key) const {
       nearest = &name;
   }
   const std::string reason = "there is no such setting";
-  return nearest != nullptr ? reason + "; the nearest is " + escaped(*nearest) : reason;
+  return nearest != nullptr ? reason + "; the nearest is " + escapedText(*nearest) : reason;
 }
 
 }  // namespace VarnSupport

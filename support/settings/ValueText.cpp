@@ -8,6 +8,8 @@
 #include <iterator>
 #include <limits>
 
+#include "text/TextColumns.h"
+
 namespace VarnSupport {
 
 namespace {
@@ -21,7 +23,7 @@ struct Unit {
 constexpr Unit kDurations[] = {
     {"d", 86400000}, {"h", 3600000}, {"m", 60000}, {"s", 1000}, {"ms", 1}};
 constexpr std::string_view kSizes = "KMGTP";
-constexpr std::size_t kLongestShown = 60;
+constexpr std::size_t kMostShown = 60;  // bytes
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
@@ -141,30 +143,8 @@ std::string bytesText(long long bytes) {
   return std::to_string(bytes) + unit;
 }
 
-std::string escaped(std::string_view text) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string result;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= ' ' && byte != 0x7F)
-      result += c;
-    else
-      result.append("\\x") += {kDigits[byte / 16], kDigits[byte % 16]};
-  }
-  return result;
-}
-
 std::string shownValue(std::string_view text) {
-  std::size_t length = text.size();
-  if (length > kLongestShown) {
-    length = kLongestShown;  // not in the middle of a character of UTF-8
-    while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80)
-      --length;
-  }
-  std::string shown(1, '\'');
-  shown += escaped(text.substr(0, length));
-  shown += length < text.size() ? "...'" : "'";
-  return shown;
+  return std::string(1, '\'').append(shownText(text, kMostShown)) += '\'';
 }
 
 }  // namespace VarnSupport

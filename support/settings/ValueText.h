@@ -20,9 +20,7 @@ std::string realNumberText(double number);
 std::string durationText(long long milliseconds);
 std::string bytesText(long long bytes);
 
-// With control characters escaped, as in "\x1b".
-std::string escaped(std::string_view text);
-// Escaped, between quotes, and cut when it is long.
+// Between quotes, escaped, and cut when it is long.
 std::string shownValue(std::string_view text);
 
 }  // namespace VarnSupport

@@ -3,18 +3,15 @@
 #include "text/TextColumns.h"
 
 #include <algorithm>
-#include <array>
-#include <cassert>
-#include <cstdio>
 #include <iterator>
+
+#include "runtime/Utf8.h"
 
 namespace VarnSupport {
 
 namespace {
 
 constexpr std::size_t kLineColumns = 80;
-constexpr std::size_t kMostShown = 200;  // bytes
-constexpr char32_t kNoCharacter = 0xfffd;
 
 struct CodeRange {
   char32_t first;
@@ -39,15 +36,20 @@ bool isIn(const CodeRange (&ranges)[count], char32_t code) {
   return range != std::end(ranges) && range->first <= code;
 }
 
-bool isControl(char32_t code) { return code < 0x20 || (code >= 0x7f && code < 0xa0); }
-
-int columnsOfCode(char32_t code) {
-  if (isControl(code) || isIn(kCombining, code))
+// 0 for a control or combining character, 2 for a wide one.
+std::size_t columnsOf(Utf8Character character) {
+  if (character.isControl() || isIn(kCombining, character.code))
     return 0;
-  return isIn(kWide, code) ? 2 : 1;
+  return isIn(kWide, character.code) ? 2 : 1;
 }
 
-bool isSeparator(char32_t code) { return code == ' ' || isControl(code); }
+bool isSeparator(Utf8Character character) { return character.code == ' ' || character.isControl(); }
+
+void appendEscape(std::string& to, char byte) {
+  constexpr std::string_view digits = "0123456789abcdef";
+  const auto value = static_cast<unsigned char>(byte);
+  to.append("\\x") += {digits[value / 16], digits[value % 16]};
+}
 
 // What must stay on one line: a wide character, or others up to a blank or a wide one, and the
 // marks that belong to them.
@@ -55,11 +57,12 @@ std::string_view firstWord(std::string_view text) {
   std::size_t length = 0;
   bool isOfWide = false;
   while (length < text.size()) {
-    const TextCharacter next = firstCharacter(text.substr(length));
-    const bool isMark = next.columns == 0 && !isSeparator(next.code);
-    if (isSeparator(next.code) || (length > 0 && !isMark && (isOfWide || next.columns == 2)))
+    const Utf8Character next = firstCharacter(text.substr(length));
+    const std::size_t columns = columnsOf(next);
+    const bool isMark = columns == 0 && !isSeparator(next);
+    if (isSeparator(next) || (length > 0 && !isMark && (isOfWide || columns == 2)))
       break;
-    isOfWide = isOfWide || next.columns == 2;
+    isOfWide = isOfWide || columns == 2;
     length += next.length;
   }
   return text.substr(0, length);
@@ -67,35 +70,11 @@ std::string_view firstWord(std::string_view text) {
 
 }  // namespace
 
-TextCharacter firstCharacter(std::string_view text) {
-  assert(!text.empty());
-  const auto first = static_cast<unsigned char>(text[0]);
-  if (first < 0x80)
-    return {first, 1, columnsOfCode(first)};
-  constexpr TextCharacter none{kNoCharacter, 1, 1};
-  if (first < 0xc2 || first > 0xf4)
-    return none;
-  const std::size_t length = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
-  if (text.size() < length)
-    return none;
-  char32_t code = first & (0x7fu >> length);
-  for (std::size_t i = 1; i < length; ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if ((byte & 0xc0) != 0x80)
-      return none;
-    code = code << 6 | (byte & 0x3f);
-  }
-  constexpr char32_t kLeast[] = {0x80, 0x800, 0x10000};  // that needs so many bytes
-  if (code < kLeast[length - 2] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff))
-    return none;
-  return {code, length, columnsOfCode(code)};
-}
-
 std::size_t columnsOf(std::string_view text) {
   std::size_t columns = 0;
   while (!text.empty()) {
-    const TextCharacter next = firstCharacter(text);
-    columns += static_cast<std::size_t>(next.columns);
+    const Utf8Character next = firstCharacter(text);
+    columns += columnsOf(next);
     text.remove_prefix(next.length);
   }
   return columns;
@@ -104,33 +83,31 @@ std::size_t columnsOf(std::string_view text) {
 std::wstring wideText(std::string_view text) {
   std::wstring wide;
   while (!text.empty()) {
-    const TextCharacter next = firstCharacter(text);
+    const Utf8Character next = firstCharacter(text);
     wide += static_cast<wchar_t>(next.code);
     text.remove_prefix(next.length);
   }
   return wide;
 }
 
-std::string shownText(std::string_view text) {
-  std::string shown;
+std::string escapedText(std::string_view text) {
+  std::string escaped;
   while (!text.empty()) {
-    if (shown.size() >= kMostShown)
-      return shown + "...";
-    const TextCharacter next = firstCharacter(text);
-    const bool isWhole = next.code != kNoCharacter || next.length > 1;
-    if (isWhole && !isControl(next.code)) {
-      shown += text.substr(0, next.length);
-    } else {
-      for (const char c : text.substr(0, next.length)) {
-        std::array<char, 8> digits{};
-        std::snprintf(digits.data(), digits.size(), "\\x%02x",
-                      static_cast<unsigned>(static_cast<unsigned char>(c)));
-        shown += digits.data();
-      }
-    }
+    const Utf8Character next = firstCharacter(text);
+    const std::string_view bytes = text.substr(0, next.length);
+    if (!next.isBroken() && !next.isControl())
+      escaped += bytes;
+    else
+      std::for_each(bytes.begin(), bytes.end(), [&](char byte) { appendEscape(escaped, byte); });
     text.remove_prefix(next.length);
   }
-  return shown;
+  return escaped;
+}
+
+std::string shownText(std::string_view text, std::size_t most) {
+  const std::string_view beginning = wholeCharacters(text, most);
+  std::string shown = escapedText(beginning);
+  return beginning.size() < text.size() ? shown.append("...") : shown;
 }
 
 void WrappedText::indent(std::size_t columns) {
@@ -168,8 +145,8 @@ void WrappedText::putWord(std::string_view word, bool afterBlank) {
     indent(m_nIndent);
   }
   while (!word.empty()) {  // more than a line is broken anywhere
-    const TextCharacter next = firstCharacter(word);
-    if (m_nColumn + static_cast<std::size_t>(next.columns) > kLineColumns) {
+    const Utf8Character next = firstCharacter(word);
+    if (m_nColumn + columnsOf(next) > kLineColumns) {
       endLine();
       indent(m_nIndent);
     }
@@ -181,8 +158,8 @@ void WrappedText::putWord(std::string_view word, bool afterBlank) {
 void WrappedText::wrap(std::string_view text) {
   bool afterBlank = true;
   while (!text.empty()) {
-    const TextCharacter next = firstCharacter(text);
-    if (!isSeparator(next.code)) {
+    const Utf8Character next = firstCharacter(text);
+    if (!isSeparator(next)) {
       const std::string_view word = firstWord(text);
       putWord(word, afterBlank);
       text.remove_prefix(word.size());

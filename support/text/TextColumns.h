@@ -8,24 +8,15 @@
 
 namespace VarnSupport {
 
-// A character at the beginning of a text. A byte that begins none is one of itself, U+FFFD.
-struct TextCharacter {
-  char32_t code;
-  std::size_t length;
-  int columns;  // 0 for a control or combining character, 2 for a wide one
-};
-
-// Requires: the text is not empty.
-TextCharacter firstCharacter(std::string_view text);
-
 std::size_t columnsOf(std::string_view text);
 
-// As wide characters.
+// As wide characters. Bytes that are no UTF-8 become U+FFFD, each one.
 std::wstring wideText(std::string_view text);
 
-// Control characters as "\x1b", and bytes that are no UTF-8 likewise. Of a long text the beginning
-// and "...".
-std::string shownText(std::string_view text);
+// Control characters as "\x1b", and bytes that are no UTF-8 likewise.
+std::string escapedText(std::string_view text);
+// The same for a message: of more than `most` bytes the beginning and "...".
+std::string shownText(std::string_view text, std::size_t most = 200);
 
 // A text in lines of at most 80 columns.
 class WrappedText {

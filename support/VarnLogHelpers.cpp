@@ -3,7 +3,6 @@
 #include "VarnSupport/VarnLogHelpers.h"
 
 #include <array>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -12,6 +11,7 @@
 #include "log/LogState.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Utf8.h"
+#include "text/NumberText.h"
 
 namespace VarnSupport {
 
@@ -60,23 +60,17 @@ class LevelReader {
     const std::size_t equal = part.rfind('=');
     const bool hasName = equal != std::string_view::npos;
     const std::string name(trimmed(part.substr(0, hasName ? equal : 0)));
-    int level = 0;
-    if (!toLevel(hasName ? trimmed(part.substr(equal + 1)) : part, level))
+    const auto level = numberIn<int>(hasName ? trimmed(part.substr(equal + 1)) : part);
+    if (!level || *level < VarnLogging::State::kLevelOff ||
+        *level > VarnLogging::State::kHighestLevel)
       return faultOf(part, "a level is a number from -1 to 9");
     if (hasName && name.empty())
       return faultOf(part, "the component has no name");
-    if (hasName ? !components.emplace(name, level).second : rest != VarnLogging::State::kNoRest)
+    if (hasName ? !components.emplace(name, *level).second : rest != VarnLogging::State::kNoRest)
       return faultOf(part, "there is a level before");
     if (!hasName)
-      rest = level;
+      rest = *level;
     return "";
-  }
-
-  static bool toLevel(std::string_view text, int& level) {
-    const char* const end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, level);
-    return !text.empty() && result.ec == std::errc() && result.ptr == end &&
-           level >= VarnLogging::State::kLevelOff && level <= VarnLogging::State::kHighestLevel;
   }
 };
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -17,6 +18,7 @@
 #include "options/OptionList.h"
 #include "options/OptionTexts.h"
 #include "runtime/Cancellation.h"
+#include "text/NumberText.h"
 #include "text/TextColumns.h"
 
 namespace VarnSupport {
@@ -49,14 +51,13 @@ std::string numberText(Number number) {
   return {digits.data(), end.ptr};
 }
 
-// All of `text` as a decimal number in the range. False for any other.
+// All of `text`, which may begin with a plus sign, as a decimal number in the range.
 template <typename Number>
-bool readNumber(std::string_view text, Number lowest, Number highest, Number& number) {
+std::optional<Number> numberWithin(std::string_view text, Number lowest, Number highest) {
   if (text.starts_with('+') && !text.starts_with("+-"))
     text.remove_prefix(1);
-  const char* const end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, number);
-  return result.ec == std::errc() && result.ptr == end && number >= lowest && number <= highest;
+  const std::optional<Number> number = numberIn<Number>(text);
+  return number && *number >= lowest && *number <= highest ? number : std::nullopt;
 }
 
 // "1 to 9", with the ends that are of the caller; empty when none is.
@@ -85,18 +86,16 @@ Option numberOption(const std::string& names, const std::string& text, const Ran
     throw VarnException("VarnOptionTable: \"" + names + "\" declares no number", 0);
   const std::string limits = limitsText(range);
   option.text = text + (limits.empty() ? "" : " (" + limits + ')');
-  const auto read = [lowest = range.lowest, highest = range.highest](const std::string& data,
-                                                                     Number& number) {
-    return readNumber(data, lowest, highest, number);
+  const auto read = [lowest = range.lowest, highest = range.highest](const std::string& data) {
+    return numberWithin(data, lowest, highest);
   };
   option.fault = [read, fault = "is not " + wanted](const std::string& data) {
-    Number number = 0;
-    return read(data, number) ? std::string() : fault;
+    return read(data) ? std::string() : fault;
   };
   option.store = [read, store](const std::vector<std::string>& given) {
-    Number number = 0;
-    if (read(given.back(), number))
-      store(number);
+    const std::optional<Number> number = read(given.back());
+    assert(number && "only what has no fault is stored");
+    store(*number);
   };
   return option;
 }

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -26,6 +27,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/System.h"
+#include "text/NumberText.h"
 
 namespace VarnSupport {
 
@@ -78,11 +80,7 @@ std::string contentsOf(int descriptor) {
 }
 
 // 0 for what is no identifier.
-pid_t identifierIn(std::string_view text) {
-  pid_t process = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), process);
-  return error == std::errc() && end == text.data() + text.size() && process > 0 ? process : 0;
-}
+pid_t identifierIn(std::string_view text) { return std::max(numberIn<pid_t>(text).value_or(0), 0); }
 
 [[noreturn]] void refuseHeld(const std::string& path, pid_t process) {
   if (process == 0)

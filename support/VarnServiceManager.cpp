@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -20,6 +19,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/System.h"
 #include "runtime/Utf8.h"
+#include "text/NumberText.h"
 
 namespace VarnSupport {
 
@@ -112,15 +112,6 @@ bool tell(const std::string& message) {
   const std::optional<Address> manager = addressOf(name);
   const NoCancellation telling;
   return manager && Connection(*manager).send(message);
-}
-
-template <typename Number>
-std::optional<Number> numberIn(std::string_view text) {
-  Number number{};
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size())
-    return std::nullopt;
-  return number;
 }
 
 }  // namespace

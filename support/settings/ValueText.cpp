@@ -8,6 +8,7 @@
 #include <iterator>
 #include <limits>
 
+#include "text/NumberText.h"
 #include "text/TextColumns.h"
 
 namespace VarnSupport {
@@ -53,20 +54,11 @@ std::optional<long long> sizeOfUnit(std::string_view unit) {
 
 }  // namespace
 
-std::optional<long long> wholeNumberIn(std::string_view text) {
-  long long number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size())
-    return std::nullopt;
-  return number;
-}
+std::optional<long long> wholeNumberIn(std::string_view text) { return numberIn<long long>(text); }
 
 std::optional<double> realNumberIn(std::string_view text) {
-  double number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(number))
-    return std::nullopt;
-  return number;
+  const std::optional<double> number = numberIn<double>(text);
+  return number && std::isfinite(*number) ? number : std::nullopt;
 }
 
 std::optional<bool> flagIn(std::string_view text) {

@@ -1,4 +1,4 @@
-// Flags, two specifications and a command line, for both splitters and for program options.
+// Flags, two declarations and a command line, for both splitters and for program options.
 #include <cstring>
 #include <memory>
 #include <vector>

@@ -4,8 +4,8 @@
 //
 // A long name is declared between colons, with a dot before the second one if it takes data, so a
 // name is looked for in that text as it is; one parse that looks for many makes a table of the
-// names. Whatever precedes a fault on the command line has been
-// recorded when the fault is reported: callers rely on it.
+// names. Whatever precedes a fault on the command line has been recorded when the fault is
+// reported: callers rely on it.
 #include "VarnSupport/VarnProgramOptions.h"
 
 #include <algorithm>
@@ -57,10 +57,10 @@ Declaration declarationOf(std::string_view name, std::string_view longSpec) {
   return declaration;
 }
 
-// What a long specification declares, for one parse.
+// What a declaration of long names holds, for one parse.
 class LongNames {
  public:
-  // The specification must outlive the object.
+  // The declaration must outlive the object.
   explicit LongNames(std::string_view longSpec) : m_sLongSpec(longSpec) {}
 
   // A name with a colon in it stands in no table, and yet is found in the text.

@@ -48,7 +48,7 @@ extern template class VarnCmdLineTokenizer<std::string>;
 
 // Options begin with '-' or, with `allowSlash`, '/'; everything else is a plain argument. There is
 // no marker that ends the options. Without validation every option is accepted, and its text up to
-// the first '=' is its name. With it, two specifications declare what there is:
+// the first '=' is its name. With it, two texts declare what there is:
 //
 //   short  "ab:c"                    letters; one that a ':' follows takes data
 //   long   ":help:file.:verbose:"    names in colons; one that ends with '.' takes data
@@ -60,7 +60,7 @@ extern template class VarnCmdLineTokenizer<std::string>;
 // with the comment sign '#', is recorded nowhere.
 class VSUPT_EXPORT VarnProgramOptions {
  public:
-  // Parse at once, with validation when there are specifications. The first of `argv` is the
+  // Parse at once, with validation when there are declarations. The first of `argv` is the
   // program's name, empty when there is none; a command line has no name.
   VarnProgramOptions(int argc, char** argv, bool allowSlash);
   VarnProgramOptions(int argc, char** argv, const std::string& shortSpec,

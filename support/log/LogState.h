@@ -193,8 +193,7 @@ struct VSUPT_LOCAL VarnLogging::State {
   template <typename Condition>
   void awaitLocked(std::unique_lock<std::mutex>& guard, Condition condition,
                    MonotonicTime deadline);
-  // Opens the file of the log, and closes it. Requires: nobody else uses it.
-  bool openFile(VarnLogging& log);
+  // Closes the file of the log. Requires: nobody else uses it.
   void closeFile(VarnLogging& log);
   // Makes a state that has no log as good as new, if nobody is at it.
   bool resetLocked();

@@ -182,13 +182,12 @@ void writeLine(int descriptor, std::string_view line, bool& torn) {
   assert(line.size() > 1 && line.front() == '\n' && line.back() == '\n');
   std::size_t done = torn ? 0 : 1;
   while (done < line.size()) {
-    const ssize_t written = ::write(descriptor, line.data() + done, line.size() - done);
-    if (written > 0) {
-      done += static_cast<std::size_t>(written);
-      torn = line[done - 1] != '\n';
-    } else if (written == 0 || errno != EINTR) {
-      break;
-    }
+    const ssize_t written =
+        retrying([&] { return write(descriptor, line.data() + done, line.size() - done); });
+    if (written <= 0)
+      return;
+    done += static_cast<std::size_t>(written);
+    torn = line[done - 1] != '\n';
   }
 }
 

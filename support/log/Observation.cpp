@@ -32,8 +32,8 @@ struct Observation::Noted {
   std::string text;
   std::string threadName;
   pthread_t thread = pthread_self();
-  std::uint32_t forks =
-      g_nForks;  // of a vanished thread, or before the fork: for the parent to tell
+  // Another number is of a vanished thread, or of a time before the fork: for the parent to tell.
+  std::uint32_t forks = g_nForks;
 };
 
 namespace {

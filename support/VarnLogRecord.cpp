@@ -1,11 +1,12 @@
 // A VarnLogRecord collects its text in a place of its own, beside that of the older form, so that
 // each is whole inside the other.
+#include "VarnSupport/VarnLogRecord.h"
+
 #include <cassert>
 #include <memory>
 #include <new>
 #include <utility>
 
-#include "VarnSupport/VarnLogging.h"
 #include "log/LogState.h"
 #include "log/Observation.h"
 #include "runtime/Cancellation.h"

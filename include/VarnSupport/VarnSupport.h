@@ -25,6 +25,7 @@
 #include "VarnSupport/VarnLogFile.h"
 #include "VarnSupport/VarnLogHelpers.h"
 #include "VarnSupport/VarnLogObserver.h"
+#include "VarnSupport/VarnLogRecord.h"
 #include "VarnSupport/VarnLogging.h"
 #include "VarnSupport/VarnMessageSet.h"
 #include "VarnSupport/VarnModule.h"

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <system_error>
 
 #include "log/LogFile.h"
@@ -38,44 +37,37 @@ VarnLogFile::VarnLogFile(const std::string& name, int level, Background backgrou
   const QuietCancellationGuard closed;
   if (background.queueBytes > 0)
     static_cast<void>(finishAtExit());
-  auto file = std::make_shared<LogFile>(*m_pState, absoluteName(name), background.queueBytes);
-  {
-    const std::lock_guard guard(State::m_oTables);
-    m_pState->file = file;
-  }
+  State& state = State::of(*this);
+  state.setFile(std::make_shared<LogFile>(state, absoluteName(name), background.queueBytes));
   setTarget(kToFile);
-  if (!m_bFileOpen)
-    std::fprintf(stderr, "VarnLogFile: Cannot open log file %s\n", file->lastError().c_str());
+  if (!isFileOpen())
+    std::fprintf(stderr, "VarnLogFile: Cannot open log file %s\n", lastError().c_str());
 }
 
 VarnLogFile::~VarnLogFile() = default;
 
-std::string VarnLogFile::getName() const { return m_pState->file->name(); }
+std::string VarnLogFile::getName() const { return State::of(*this).file->name(); }
 
 bool VarnLogFile::reopen() {
   const CancellationGuard closed;
-  if ((m_nTarget & kToFile) == 0)
+  if ((getTarget() & kToFile) == 0)
     return true;
-  bool isNew = false;
-  {
-    const State::FileChange change(*m_pState);
-    isNew = m_pState->file->open();
-    m_bFileOpen = m_pState->file->isOpen();
-  }
-  if (!isNew && m_bFileOpen && getLogLevel() >= State::kFailures)
-    m_pState->writeAlone("VarnLogFile::reopen: cannot open " + lastError(), State::kFailures);
+  State& state = State::of(*this);
+  const bool isNew = state.reopenFile(*this);
+  if (!isNew && isFileOpen() && getLogLevel() >= LogFile::kFailures)
+    state.writeAlone("VarnLogFile::reopen: cannot open " + lastError(), LogFile::kFailures);
   return isNew;
 }
 
 void VarnLogFile::flush() {
   const CancellationGuard closed;
-  m_pState->file->flush();
+  State::of(*this).file->flush();
 }
 
-void VarnLogFile::writeLine(std::string_view line) { m_pState->writeAlone(line, 0); }
+void VarnLogFile::writeLine(std::string_view line) { State::of(*this).writeAlone(line, 0); }
 
-std::uint64_t VarnLogFile::lostRecords() const { return m_pState->file->lostCount(); }
+std::uint64_t VarnLogFile::lostRecords() const { return State::of(*this).file->lostCount(); }
 
-std::string VarnLogFile::lastError() const { return m_pState->file->lastError(); }
+std::string VarnLogFile::lastError() const { return State::of(*this).file->lastError(); }
 
 }  // namespace VarnSupport

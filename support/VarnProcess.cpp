@@ -106,7 +106,7 @@ pid_t forkProgram(BecomeProgram becomeProgram) {
 }
 
 // False when the child's status cannot be had. The wait can be cancelled; the child goes on.
-bool waitFor(pid_t child, int& status) {
+bool awaitEnd(pid_t child, int& status) {
   const BlockingCall cancellable;
   return retrying([&] { return waitpid(child, &status, 0); }) != -1;
 }
@@ -185,7 +185,7 @@ bool VarnRemoveDirectoryImpl(const std::string& path, bool recursive, std::strin
     _exit(errno);
   });
   int status = 0;
-  if (child == -1 || !waitFor(child, status) || WIFSIGNALED(status))
+  if (child == -1 || !awaitEnd(child, status) || WIFSIGNALED(status))
     return true;  // callers rely on it
   errorCode = WEXITSTATUS(status);
   if (errorCode == 0)
@@ -270,7 +270,7 @@ bool VarnExecuteProgramEx(const std::string& commandLine, int stdinHandle, int s
 
   OwnRecords::write(OwnRecords::TRACE, "VarnExecuteProgram: waiting for process ", child);
   int status = 0;
-  if (!waitFor(child, status))
+  if (!awaitEnd(child, status))
     status = 0;
   if (exitStatus == nullptr)
     return true;

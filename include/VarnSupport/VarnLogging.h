@@ -152,7 +152,6 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
 
  private:
   friend class VarnLogRecord;
-  friend class VarnLogFile;
   friend class VarnLoggingEventTimerThread;
   friend class OwnRecords;
 
@@ -246,7 +245,7 @@ class VSUPT_EXPORT VarnLoggingEventTimerThread : public VarnThread {
 };
 
 }  // namespace VarnSupport
-#include "VarnSupport/VarnLogRecord.h"  // needs the whole class of the log
 
+#include "VarnSupport/VarnLogRecord.h"  // needs the whole class of the log
 
 #endif

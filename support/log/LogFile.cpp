@@ -20,7 +20,6 @@
 #include <system_error>
 #include <utility>
 
-#include "log/LogState.h"
 #include "log/LogTarget.h"
 #include "log/RecordText.h"
 #include "runtime/Cancellation.h"
@@ -60,8 +59,8 @@ char priorityOf(int level) {
 
 }  // namespace
 
-LogFile::LogFile(VarnLogging::State& state, const std::string& name, std::size_t queueBytes)
-    : m_oState(state),
+LogFile::LogFile(LogTurns& turns, const std::string& name, std::size_t queueBytes)
+    : m_oTurns(turns),
       m_sName(name),
       m_pQueue(queueBytes > 0 ? std::make_unique<Queue>(queueBytes) : nullptr) {}
 
@@ -113,7 +112,7 @@ void LogFile::take(std::string_view record, int level) {
   assert(!record.empty() && record.back() == '\n');
   try {
     record = withPriority(record, level, m_sRecord);
-    const bool canWait = m_pQueue != nullptr && level != VarnLogging::State::kFailures;
+    const bool canWait = m_pQueue != nullptr && level != kFailures;
     if ((!canWait || !push(record)) && !writeInTurn(record))
       ++m_nLost;
   } catch (const std::bad_alloc&) {
@@ -143,20 +142,20 @@ bool LogFile::push(std::string_view record) {
 }
 
 bool LogFile::writeInTurn(std::string_view record) {
-  if (m_bAbandoned || !m_oState.beginWriting())
+  if (m_bAbandoned || !m_oTurns.beginWriting())
     return false;
   writeQueued();
   write(&record, 1);
-  m_oState.clear(VarnLogging::State::kWriting);
+  m_oTurns.clear(LogTurns::kWriting);
   return true;
 }
 
 void LogFile::flush() {
   const NoCancellation whole;
-  if (m_pQueue == nullptr || m_bAbandoned || !m_oState.beginWriting())
+  if (m_pQueue == nullptr || m_bAbandoned || !m_oTurns.beginWriting())
     return;
   writeQueued();
-  m_oState.clear(VarnLogging::State::kWriting);
+  m_oTurns.clear(LogTurns::kWriting);
 }
 
 // The thread has every signal blocked, so that none of the program's handlers runs on it.
@@ -194,10 +193,10 @@ void LogFile::run() {
     m_oWake.wait_for(guard, kGathering, [&] { return m_bUrgent || m_bFinished; });
     m_bUrgent = false;
     guard.unlock();
-    const bool hasTurn = m_oState.beginWriting();
+    const bool hasTurn = m_oTurns.beginWriting();
     if (hasTurn) {
       writeQueued();
-      m_oState.clear(VarnLogging::State::kWriting);
+      m_oTurns.clear(LogTurns::kWriting);
     }
     guard.lock();
     if (!hasTurn || (m_bFinished && !hasRecord()))
@@ -289,11 +288,10 @@ bool LogFile::tellOfLost() {
   try {
     RecordText text;
     text.append(std::to_string(m_nUntold) + " records lost");
-    m_oHeader.putBefore(text, VarnLogging::State::kFailures, "Global");
+    m_oHeader.putBefore(text, kFailures, "Global");
     text.append(std::string_view("\n"));
     std::string place;
-    const std::string_view record =
-        withPriority(text.text().substr(1), VarnLogging::State::kFailures, place);
+    const std::string_view record = withPriority(text.text().substr(1), kFailures, place);
     if (writeSome(&record, 1) == 0)
       return false;
     m_nUntold = 0;

@@ -23,8 +23,8 @@
 #include <string>
 #include <string_view>
 
-#include "VarnSupport/VarnLogging.h"
 #include "log/LogHeader.h"
+#include "log/LogTurns.h"
 #include "log/RecordBlock.h"
 #include "runtime/System.h"
 
@@ -32,8 +32,11 @@ namespace VarnSupport {
 
 class LogFile : public std::enable_shared_from_this<LogFile> {
  public:
+  // The level of records that do not wait.
+  static constexpr int kFailures = 1;
+
   // An empty name is standard error. Without `queueBytes` there is no queue.
-  LogFile(VarnLogging::State& state, const std::string& name, std::size_t queueBytes);
+  LogFile(LogTurns& turns, const std::string& name, std::size_t queueBytes);
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
   ~LogFile();
@@ -81,7 +84,7 @@ class LogFile : public std::enable_shared_from_this<LogFile> {
   bool tellOfLost();
   std::string_view withPriority(std::string_view record, int level, std::string& place) const;
 
-  VarnLogging::State& m_oState;
+  LogTurns& m_oTurns;
   const std::string m_sName;
   const std::unique_ptr<Queue> m_pQueue;  // guarded by the mutex, but for the block of the turn
   std::atomic<std::uint64_t> m_nLost{0};

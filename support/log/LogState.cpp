@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cassert>
 #include <climits>
-#include <condition_variable>
 #include <cstddef>
 #include <memory>
 #include <new>
@@ -23,7 +22,6 @@
 #include "log/LogTarget.h"
 #include "log/Observation.h"
 #include "runtime/Cancellation.h"
-#include "runtime/NeverDestroyed.h"
 #include "runtime/ProcessExit.h"
 
 namespace VarnSupport {
@@ -31,15 +29,9 @@ namespace VarnSupport {
 namespace {
 
 constexpr int kNoLog = INT_MIN;
-constexpr MonotonicTime kForEver = MonotonicTime::max();
-
-// Waited for under the tables, by whoever has set kAwaited.
-NeverDestroyed<std::condition_variable> bitCleared;
 
 }  // namespace
 
-constinit std::mutex VarnLogging::State::m_oTables;
-constinit VarnLogging::State* VarnLogging::State::m_pFirst = nullptr;
 constinit std::atomic<VarnLogging*> VarnLogging::State::m_pValueLog{nullptr};
 constinit std::atomic<VarnLogging::State*> VarnLogging::State::m_pRegistered{nullptr};
 constinit std::atomic<bool> VarnLogging::State::m_bThresholds{false};
@@ -48,13 +40,11 @@ constinit thread_local VarnLogging::State* VarnLogging::State::t_pValueOf = null
 constinit VarnLogging::Registration VarnLogging::m_pInstance;
 constinit std::atomic<int> VarnLogging::m_nAdmittedLevel{kNoLog};
 
-VarnLogging::State::State() { lock.init(); }
-
 VarnLogging::State::Owner VarnLogging::State::attachTo(VarnLogging& log) {
   std::unique_lock guard(m_oTables);
-  State* state = m_pFirst;
+  State* state = first();
   while (state != nullptr && (state->owner != nullptr || !state->resetLocked()))
-    state = state->next;
+    state = state->following();
   if (state == nullptr) {
     guard.unlock();
     state = new State;
@@ -127,7 +117,7 @@ void VarnLogging::State::finishFiles() {
   std::vector<std::shared_ptr<LogFile>> files;
   {
     const std::lock_guard guard(m_oTables);
-    for (const State* state = m_pFirst; state != nullptr; state = state->next) {
+    for (const State* state = first(); state != nullptr; state = state->following()) {
       if (state->file != nullptr)
         files.push_back(state->file);
     }
@@ -137,36 +127,11 @@ void VarnLogging::State::finishFiles() {
     file->finish(deadline);
 }
 
-template <typename Condition>
-void VarnLogging::State::awaitLocked(std::unique_lock<std::mutex>& guard, Condition condition,
-                                     MonotonicTime deadline) {
-  assert(guard.owns_lock());
-  const NoCancellation whole;
-  ++waiters;
-  word |= kAwaited;
-  bitCleared.value.wait_until(guard, deadline, condition);
-  if (--waiters == 0)
-    word &= ~kAwaited;
-}
-
-void VarnLogging::State::wakeWaiters() {
-  const std::lock_guard guard(m_oTables);
-  bitCleared.value.notify_all();
-}
-
-VarnLogging::State::FileChange::FileChange(State& state) : m_oState(state) {
-  const auto begin = [&] { return state.trySet(kChanging, kChanging | kWriting); };
-  if (begin())
-    return;
-  std::unique_lock guard(m_oTables);
-  state.awaitLocked(guard, begin, kForEver);
-}
-
 VarnLogging::State::Visit::Visit(const VarnLogging* log) {
   const std::lock_guard guard(m_oTables);
-  State* state = m_pFirst;
+  State* state = first();
   while (state != nullptr && (state->owner != log || (state->word & kEnding) != 0))
-    state = state->next;
+    state = state->following();
   if (state != nullptr)
     ++state->visits;
   m_pState = state;
@@ -179,7 +144,7 @@ void VarnLogging::State::Visit::end() {
   const std::lock_guard guard(m_oTables);
   assert(state->visits > 0);
   --state->visits;
-  bitCleared.value.notify_all();
+  m_oCleared.value.notify_all();
 }
 
 // Of threads that race one sets it.
@@ -190,6 +155,20 @@ void VarnLogging::State::makeValueLog() {
   VarnLogging* none = nullptr;
   if (m_pValueLog.compare_exchange_strong(none, made.get()))
     static_cast<void>(made.release());
+}
+
+void VarnLogging::State::setFile(std::shared_ptr<LogFile> newFile) {
+  assert(file == nullptr && target == 0);
+  const std::lock_guard guard(m_oTables);
+  file = std::move(newFile);
+}
+
+bool VarnLogging::State::reopenFile(VarnLogging& log) {
+  assert(owner == &log && file != nullptr);
+  const FileChange change(*this);
+  const bool isNew = file->open();
+  log.m_bFileOpen = file->isOpen();
+  return isNew;
 }
 
 // Whoever is told that a log admits a level finds that log.
@@ -252,19 +231,6 @@ bool VarnLogging::State::compose(RecordText& text, int level, const std::string&
     *text.extendFront(1) = '\n';
   text.append("\n");
   return true;
-}
-
-bool VarnLogging::State::beginWriting() {
-  bool hasBegun = false;
-  const auto begin = [&] {
-    hasBegun = trySet(kWriting, kWriting | kChanging | kLeft);
-    return hasBegun || (word & kLeft) != 0;
-  };
-  if (begin())
-    return hasBegun;
-  std::unique_lock guard(m_oTables);
-  awaitLocked(guard, begin, kForEver);
-  return hasBegun;
 }
 
 void VarnLogging::State::write(RecordText& line, int level, std::uint32_t bits) {
@@ -330,7 +296,7 @@ void VarnLogging::State::prepareFork() {
   m_oTables.lock();
   Observation::prepareFork();
   try {
-    for (State* state = m_pFirst; state != nullptr; state = state->next) {
+    for (State* state = first(); state != nullptr; state = state->following()) {
       if (state->spare == nullptr)
         state->spare = std::make_unique<Building>();
     }
@@ -340,8 +306,8 @@ void VarnLogging::State::prepareFork() {
 
 void VarnLogging::State::releaseFork(ForkSide side) {
   if (side == ForkSide::CHILD) {
-    std::construct_at(&bitCleared.value);
-    for (State* state = m_pFirst; state != nullptr; state = state->next)
+    std::construct_at(&m_oCleared.value);
+    for (State* state = first(); state != nullptr; state = state->following())
       state->renew();
   }
   Observation::releaseFork(side);

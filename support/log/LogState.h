@@ -30,6 +30,7 @@
 #include "VarnSupport/VarnLogging.h"
 #include "log/LogFile.h"
 #include "log/LogHeader.h"
+#include "log/LogTurns.h"
 #include "log/RecordText.h"
 #include "runtime/Fork.h"
 #include "runtime/System.h"
@@ -59,19 +60,10 @@ struct VSUPT_LOCAL VarnLogRecord::Content {
   OlderRecord aside;
 };
 
-struct VSUPT_LOCAL VarnLogging::State {
+struct VSUPT_LOCAL VarnLogging::State : LogTurns {
   static constexpr int kLevelOff = -1;
   static constexpr int kHighestLevel = 9;
-  static constexpr int kFailures = 1;
   static constexpr std::int32_t kNoRest = 100;
-
-  // Bits of the word.
-  static constexpr std::uint32_t kRecord = 1;    // a VarnLogRecord is open
-  static constexpr std::uint32_t kWriting = 2;   // a record is being written to the file
-  static constexpr std::uint32_t kChanging = 4;  // the file is being opened or closed
-  static constexpr std::uint32_t kEnding = 8;    // the log is being destroyed, or is gone
-  static constexpr std::uint32_t kLeft = 16;     // the log is gone
-  static constexpr std::uint32_t kAwaited = 32;  // a thread waits for another bit to go
 
   // What records are built in. When a fork leaves behind the thread that was at it, the child takes
   // a new one.
@@ -80,18 +72,6 @@ struct VSUPT_LOCAL VarnLogging::State {
     bool silenced = false;  // no text is taken any more
     VarnLogRecord::Content content;  // of a VarnLogRecord that stands in no other
     LogHeader header;
-  };
-
-  // Has the file for itself: no record is written to it, and nobody else opens or closes it.
-  class FileChange {
-   public:
-    explicit FileChange(State& state);
-    FileChange(const FileChange&) = delete;
-    FileChange& operator=(const FileChange&) = delete;
-    ~FileChange() { m_oState.clear(kChanging); }
-
-   private:
-    State& m_oState;
   };
 
   // Keeps a log from being destroyed, for a moment.
@@ -115,7 +95,9 @@ struct VSUPT_LOCAL VarnLogging::State {
   };
   using Owner = std::unique_ptr<State, Detach>;
 
-  State();
+  static State* first() { return static_cast<State*>(m_pFirst); }
+  State* following() const { return static_cast<State*>(next); }
+  static State& of(const VarnLogging& log) { return *log.m_pState; }
 
   // The state of a new log, to which it belongs until detach().
   static Owner attachTo(VarnLogging& log);
@@ -171,28 +153,10 @@ struct VSUPT_LOCAL VarnLogging::State {
   void write(RecordText& line, int level, std::uint32_t bits);
   // Writes a whole line: with a header unless the level is 0.
   void writeAlone(std::string_view text, int level) VSUPT_UNCHECKED;
-  // Takes kWriting, which others may have or wait for. False when the log is gone.
-  bool beginWriting();
-
-  // Sets the bit unless one of `excluded` is set.
-  bool trySet(std::uint32_t bit, std::uint32_t excluded) {
-    std::uint32_t seen = word.load(std::memory_order_relaxed);
-    do {
-      if ((seen & excluded) != 0)
-        return false;
-    } while (!word.compare_exchange_weak(seen, seen | bit));
-    return true;
-  }
-  // Clears the bits. The state may serve another log at once, so this does not look at it again.
-  void clear(std::uint32_t bits) {
-    if ((word.fetch_and(~bits) & kAwaited) != 0)
-      wakeWaiters();
-  }
-  static void wakeWaiters();
-  // Waits until `condition` holds, or `deadline` has passed. Requires: `guard` holds the tables.
-  template <typename Condition>
-  void awaitLocked(std::unique_lock<std::mutex>& guard, Condition condition,
-                   MonotonicTime deadline);
+  // Gives the log the file that it writes to under one name. Requires: it has none, and no target.
+  void setFile(std::shared_ptr<LogFile> newFile);
+  // Opens that file again; false when the old one stays.
+  bool reopenFile(VarnLogging& log);
   // Closes the file of the log. Requires: nobody else uses it.
   void closeFile(VarnLogging& log);
   // Makes a state that has no log as good as new, if nobody is at it.
@@ -203,8 +167,6 @@ struct VSUPT_LOCAL VarnLogging::State {
   // Makes what other threads held or changed anew, in the child of a fork.
   void renew() VSUPT_UNCHECKED;
 
-  static constinit std::mutex m_oTables;
-  static constinit State* m_pFirst;  // of all states
   static constinit std::atomic<VarnLogging*> m_pValueLog;
   // Of the registered log.
   static constinit std::atomic<State*> m_pRegistered;
@@ -213,10 +175,8 @@ struct VSUPT_LOCAL VarnLogging::State {
   // Set by getLogAccess() for the value that follows.
   static constinit thread_local State* t_pValueOf;
 
-  VarnCriticalSectionObject lock;                                     // shared with the log
   std::unique_ptr<Building> building = std::make_unique<Building>();  // guarded by `lock`
   std::unique_ptr<Building> spare;  // for a child, made before the fork
-  std::atomic<std::uint32_t> word{0};
   std::atomic<std::int32_t> target{0};
   // The level of what has no threshold of its own; at kNoRest the log's.
   std::atomic<std::int32_t> rest{kNoRest};
@@ -228,8 +188,6 @@ struct VSUPT_LOCAL VarnLogging::State {
   // Guarded by the tables.
   std::atomic<VarnLogging*> owner{nullptr};
   int visits = 0;
-  int waiters = 0;
-  State* next = nullptr;
 };
 
 }  // namespace VarnSupport

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "locks/BriefHold.h"
-#include "log/LogState.h"
+#include "log/LogTurns.h"
 #include "runtime/CallUnderWay.h"
 #include "runtime/Cancellation.h"
 #include "runtime/NeverDestroyed.h"
@@ -60,10 +60,10 @@ NeverDestroyed<std::list<Observation::Noted>> noted;
 constinit std::uint64_t newest = 0;
 
 bool isRecordLockHeldLocked() {
-  const VarnLogging::State* state = VarnLogging::State::m_pFirst;
-  while (state != nullptr && !BriefHold::isHeldByCaller(state->lock))
-    state = state->next;
-  return state != nullptr;
+  const LogTurns* log = LogTurns::m_pFirst;
+  while (log != nullptr && !BriefHold::isHeldByCaller(log->lock))
+    log = log->next;
+  return log != nullptr;
 }
 
 // What the calling thread has noted since the last fork. What it noted before is dropped.
@@ -93,7 +93,7 @@ void Observation::publishLevelLocked() {
 }
 
 void Observation::add(std::shared_ptr<Observer> observer) {
-  const std::lock_guard guard(VarnLogging::State::m_oTables);
+  const std::lock_guard guard(LogTurns::m_oTables);
   observer->number = ++newest;
   observers.value.push_back(std::move(observer));
   publishLevelLocked();
@@ -102,7 +102,7 @@ void Observation::add(std::shared_ptr<Observer> observer) {
 void Observation::remove(const Observer* observer) {
   std::shared_ptr<Observer> last;
   {
-    const std::lock_guard guard(VarnLogging::State::m_oTables);
+    const std::lock_guard guard(LogTurns::m_oTables);
     auto& all = observers.value;
     const auto found = std::find_if(all.begin(), all.end(),
                                     [&](const auto& entry) { return entry.get() == observer; });
@@ -128,7 +128,7 @@ void Observation::note(int level, std::string_view component, std::string_view t
                     record.text,
                     record.threadName,
                     gettid()};
-    const std::lock_guard guard(VarnLogging::State::m_oTables);
+    const std::lock_guard guard(LogTurns::m_oTables);
     noted.value.splice(noted.value.end(), made);
     m_nNoted = static_cast<int>(noted.value.size());
   } catch (const std::bad_alloc&) {
@@ -138,7 +138,7 @@ void Observation::note(int level, std::string_view component, std::string_view t
 void Observation::tellNoted() {
   std::list<Noted> own;
   {
-    const std::lock_guard guard(VarnLogging::State::m_oTables);
+    const std::lock_guard guard(LogTurns::m_oTables);
     if (isRecordLockHeldLocked())
       return;
     own = takeOwnLocked();
@@ -156,7 +156,7 @@ void Observation::tellAll(const VarnLogEntry& entry) {
     std::optional<Call> call;
     std::shared_ptr<Observer> observer;
     {
-      const std::lock_guard guard(VarnLogging::State::m_oTables);
+      const std::lock_guard guard(LogTurns::m_oTables);
       const auto& all = observers.value;
       const auto next = std::find_if(all.begin(), all.end(), [&](const auto& candidate) {
         return candidate->number > told && candidate->level >= entry.level &&

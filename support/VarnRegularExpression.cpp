@@ -10,6 +10,7 @@
 #include "VarnSupport/VarnException.h"
 #include "log/OwnRecords.h"
 #include "pattern/PatternMatcher.h"
+#include "pattern/PatternReader.h"
 #include "pattern/ProgramSlot.h"
 #include "runtime/Cancellation.h"
 
@@ -78,7 +79,7 @@ bool VarnRegularExpressionImplementation<StringType>::compile(const StringType& 
   const CancellationGuard closed;
   using Slot = ProgramSlot<StringType>;
   auto made = std::make_unique_for_overwrite<typename Slot::Entry>();
-  const char* const fault = made->program.compile(pattern);
+  const char* const fault = readPattern(pattern, made->program);
   if (fault == nullptr)
     made->program.pattern = pattern;
   else if (const ProgramUse<StringType> replaced(m_nProgram); !replaced.isEmpty())

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cassert>
 
+#include "pattern/PatternTrace.h"
 #include "pattern/TextSearch.h"
 
 namespace VarnSupport {

@@ -1,4 +1,4 @@
-// A program is made in two steps: readPattern() appends the tokens, and findLiterals() notes what a
+// A program is made in two steps: readPattern() appends the tokens, and finish() notes what a
 // search may look for before it walks. A walk that comes to the end has matched every firm literal
 // behind its beginning, even one whose match a later token took back: a text without that literal
 // needs no walk. Where only single matches stand between a first character and a literal, the two
@@ -11,8 +11,6 @@
 #include <algorithm>
 #include <cassert>
 #include <iterator>
-
-#include "pattern/PatternReader.h"
 
 namespace VarnSupport {
 
@@ -107,19 +105,12 @@ PatternProgram<StringType>::PatternProgram(const PatternProgram& source)
 template <typename StringType>
 PatternProgram<StringType>::~PatternProgram() = default;
 
-template <typename StringType>
-const char* PatternProgram<StringType>::compile(const StringType& text) {
-  assert(tokens.empty() && texts.empty() && members.empty());
-  const char* const fault = readPattern(text, *this);
-  first = !tokens.empty() && tokens.front().type == ExpressionToken::BEGIN ? 1 : 0;
-  findLiterals();
-  return fault;
-}
-
 // Matches between the first token and a literal may be given back, which brings the literal closer
 // to the beginning, but never farther away.
 template <typename StringType>
-void PatternProgram<StringType>::findLiterals() {
+void PatternProgram<StringType>::finish() {
+  assert(first == 0 && required == kNone && second == kNone);
+  first = !tokens.empty() && tokens.front().type == ExpressionToken::BEGIN ? 1 : 0;
   bool isClose = first < tokens.size() && isFirmLiteral(tokens[first]) && tokens[first].length == 1;
   std::size_t reach = 1;
   for (std::size_t i = first + 1; i < tokens.size(); ++i) {

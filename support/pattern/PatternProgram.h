@@ -111,9 +111,8 @@ struct PatternProgram : private ProgramMemory {
   PatternProgram& operator=(const PatternProgram&) = delete;
   ~PatternProgram();
 
-  // Reads `text` into this empty program. Returns null, or what is wrong; the tokens before the
-  // fault are there then.
-  const char* compile(const StringType& text);
+  // Notes what a search may look for. Requires: the tokens are complete.
+  void finish();
 
   View textOf(const Token& token) const { return View(texts).substr(token.begin, token.length); }
   // True for two ONE_OR_MORE tokens of the same type and gathered text, order and repeats included.
@@ -146,7 +145,6 @@ struct PatternProgram : private ProgramMemory {
     return token.type == ExpressionToken::LITERAL_SEGMENT && token.factor == ExpressionToken::ONE &&
            token.length > 0;
   }
-  void findLiterals();
 };
 
 extern template struct PatternProgram<std::string>;

@@ -311,7 +311,10 @@ void PatternReader<StringType>::finishSet() {
 
 template <typename StringType>
 const char* readPattern(const StringType& text, PatternProgram<StringType>& program) {
-  return PatternReader<StringType>(text, program).read();
+  assert(program.tokens.empty() && program.texts.empty() && program.members.empty());
+  const char* const fault = PatternReader<StringType>(text, program).read();
+  program.finish();
+  return fault;
 }
 
 template const char* readPattern(const std::string&, PatternProgram<std::string>&);

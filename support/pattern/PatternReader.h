@@ -6,9 +6,8 @@
 
 namespace VarnSupport {
 
-// Appends the tokens of `text` to `program`, with the texts, members and sets that they refer to.
-// Returns null, or what is wrong; the tokens before the fault are there then.
-// For std::string and std::wstring.
+// Reads `text` into an empty program. Returns null, or what is wrong; the tokens before the fault
+// are there then. For std::string and std::wstring.
 template <typename StringType>
 const char* readPattern(const StringType& text, PatternProgram<StringType>& program);
 

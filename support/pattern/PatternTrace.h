@@ -1,5 +1,10 @@
 // What a search writes to the log at level 9. The match stack is kept as runs, but shown as the
 // list of single matches that it stands for.
+#ifndef SUPPORT_PATTERN_PATTERNTRACE_H
+#define SUPPORT_PATTERN_PATTERNTRACE_H
+
+#include <cstddef>
+
 #include "log/OwnRecords.h"
 #include "pattern/PatternMatcher.h"
 
@@ -46,11 +51,6 @@ void PatternMatcher<StringType>::traceStack() const {
                     "VarnRegularExpressionImplementation::find: match stack end");
 }
 
-template void PatternMatcher<std::string>::traceSearch(const Token&, std::size_t,
-                                                       std::size_t) const;
-template void PatternMatcher<std::wstring>::traceSearch(const Token&, std::size_t,
-                                                        std::size_t) const;
-template void PatternMatcher<std::string>::traceStack() const;
-template void PatternMatcher<std::wstring>::traceStack() const;
-
 }  // namespace VarnSupport
+
+#endif

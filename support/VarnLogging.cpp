@@ -129,6 +129,7 @@ void VarnLogging::openLogFile() {
 }
 
 void VarnLogging::State::closeFile(VarnLogging& log) {
+  assert(owner == &log && (word & (kChanging | kLeft)) != 0 && (word & kWriting) == 0);
   log.m_bFileOpen = false;
   descriptor = -1;
   if (file != nullptr)

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -210,6 +211,7 @@ bool PidFileState::tryLock(Descriptor& held) {
 }
 
 void PidFileState::write() {
+  assert(m_nDescriptor >= 0);
   if (!writeIdentifier(m_nDescriptor, getpid()))
     refuseWithErrno(m_sPath, "cannot be written");
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -104,7 +105,9 @@ class Connection {
   bool m_bConnected = false;
 };
 
+// A message is lines of "KEY=value".
 bool tell(const std::string& message) {
+  assert(message.find('=') < message.find('\n'));
   const CancellationGuard closed;
   const std::string_view name = environmentText("NOTIFY_SOCKET");
   if (name.empty())

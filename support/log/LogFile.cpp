@@ -70,6 +70,7 @@ LogFile::~LogFile() {
 }
 
 bool LogFile::open() {
+  assert((m_oTurns.word & LogTurns::kChanging) != 0);
   const NoCancellation whole;
   AppendedFile opened;
   if (m_sName.empty())
@@ -92,6 +93,7 @@ bool LogFile::open() {
 
 // Writes what waits for the old file. Some file systems tell only now that there is no room.
 void LogFile::close() {
+  assert((m_oTurns.word & (LogTurns::kChanging | LogTurns::kLeft)) != 0);
   const NoCancellation whole;
   writeQueued();
   const int descriptor = m_nDescriptor.exchange(-1);
@@ -109,7 +111,7 @@ std::string LogFile::lastError() const {
 }
 
 void LogFile::take(std::string_view record, int level) {
-  assert(!record.empty() && record.back() == '\n');
+  assert(!record.empty() && record.back() == '\n' && m_oTurns.lock.lockCount() > 0);
   try {
     record = withPriority(record, level, m_sRecord);
     const bool canWait = m_pQueue != nullptr && level != kFailures;
@@ -123,6 +125,7 @@ void LogFile::take(std::string_view record, int level) {
 
 // False when the record cannot wait: it is too large for the queue, or nobody would write it.
 bool LogFile::push(std::string_view record) {
+  assert(m_pQueue != nullptr && !record.empty());
   const std::lock_guard guard(m_oMutex);
   RecordBlock& block = m_pQueue->blocks[m_pQueue->filling];
   if (!block.hasEverRoomFor(record) || !hasThreadLocked())
@@ -187,6 +190,7 @@ void* LogFile::threadRoutine(void* argument) {
 
 // What is left when the state's log is gone is lost.
 void LogFile::run() {
+  assert(m_pQueue != nullptr);
   std::unique_lock guard(m_oMutex);
   const auto hasRecord = [&] { return !m_pQueue->blocks[m_pQueue->filling].isEmpty(); };
   while (m_oWake.wait_for(guard, kIdle, [&] { return hasRecord() || m_bFinished; })) {
@@ -285,6 +289,7 @@ std::size_t LogFile::writeSome(const std::string_view* records, std::size_t coun
 }
 
 bool LogFile::tellOfLost() {
+  assert(m_nUntold > 0);
   try {
     RecordText text;
     text.append(std::to_string(m_nUntold) + " records lost");

@@ -53,6 +53,7 @@ VarnLogging::State::Owner VarnLogging::State::attachTo(VarnLogging& log) {
     m_pFirst = state;
   }
   // Who finds the log by its address, be it that of a log before it, finds it with its state.
+  assert(state->owner == nullptr && state->visits == 0);
   log.m_pState = state;
   state->owner = &log;
   return Owner(state);
@@ -173,6 +174,7 @@ bool VarnLogging::State::reopenFile(VarnLogging& log) {
 
 // Whoever is told that a log admits a level finds that log.
 void VarnLogging::State::registerLocked(VarnLogging* log) {
+  assert(log == nullptr || (log->m_pState != nullptr && m_pValueLog != nullptr));
   if (log == nullptr)
     m_nAdmittedLevel = kNoLog;
   m_pInstance.m_pLog = log;
@@ -219,6 +221,7 @@ bool VarnLogging::State::applyLevels(int restLevel, std::map<std::string, std::i
 
 // Changes nothing but the end of the text when it throws.
 bool VarnLogging::State::compose(RecordText& text, int level, const std::string& component) {
+  assert(lock.lockCount() > 0);
   if (text.isEmpty())
     return false;
   const std::string_view label = component.empty() ? "Global" : std::string_view(component);

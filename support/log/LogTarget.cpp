@@ -136,6 +136,7 @@ bool mayWriteRaise(int descriptor) {
 
 std::size_t writeRecords(int descriptor, const std::string_view* records, std::size_t count,
                          bool isQuiet, bool& torn) {
+  assert(descriptor >= 0 && count > 0);
   constexpr std::size_t piecesAtOnce = 257;
   static char lineFeed = '\n';
   std::array<iovec, piecesAtOnce> pieces;

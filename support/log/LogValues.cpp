@@ -3,6 +3,7 @@
 // Both forms of records bring their values by the same functions. Which record a value is for
 // depends on the thread alone: behind getLogAccess() it is of the older form, otherwise it belongs
 // to the innermost VarnLogRecord of the thread.
+#include <cassert>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -33,6 +34,8 @@ void VarnLogging::append(const char* text, std::size_t length) {
   const QuietCancellationGuard closed;
   State* const state = std::exchange(State::t_pValueOf, nullptr);
   VarnLogRecord::Content* const content = VarnLogRecord::Content::t_pInnermost;
+  assert((state != nullptr || content == nullptr ? m_pState : content->state)->lock.lockCount() >
+         0);
   if (state != nullptr || content == nullptr)
     m_pState->append(m_pState->building->older, {text, length});
   else

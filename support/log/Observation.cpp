@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 #include <iterator>
 #include <list>
@@ -93,6 +94,7 @@ void Observation::publishLevelLocked() {
 }
 
 void Observation::add(std::shared_ptr<Observer> observer) {
+  assert(observer != nullptr);
   const std::lock_guard guard(LogTurns::m_oTables);
   observer->number = ++newest;
   observers.value.push_back(std::move(observer));
@@ -106,6 +108,7 @@ void Observation::remove(const Observer* observer) {
     auto& all = observers.value;
     const auto found = std::find_if(all.begin(), all.end(),
                                     [&](const auto& entry) { return entry.get() == observer; });
+    assert(found != all.end());
     last = std::move(*found);
     all.erase(found);
     publishLevelLocked();

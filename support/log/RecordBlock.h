@@ -40,6 +40,7 @@ class RecordBlock {
 
   // Puts up to `limit` records into `records`, from `position` on, which it moves behind them.
   std::size_t read(std::size_t& position, std::string_view* records, std::size_t limit) const {
+    assert(position <= m_nUsed);
     std::size_t count = 0;
     while (count < limit && position < m_nUsed) {
       Length length = 0;

@@ -106,6 +106,7 @@ class Reader {
 
   // A single dash in front of a name is a slip that letters cannot be made out of.
   [[noreturn]] void refuseLetter(std::string_view element, std::string_view rest) const {
+    assert(!rest.empty() && element.size() > rest.size());
     std::string text = "unknown option -" + shownText(rest.substr(0, firstCharacter(rest).length));
     if (element.size() == 2)
       refuse(text);
@@ -115,6 +116,7 @@ class Reader {
   }
 
   std::string_view nextElement(const Option& option, const std::string& shown) {
+    assert(option.data == Option::Data::NEEDED);
     if (m_pNext == m_pEnd)
       refuse(shown + " needs data: " + shown + (shown[1] == '-' ? "=" : " ") + option.dataName);
     return *m_pNext++;

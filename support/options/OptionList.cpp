@@ -142,6 +142,7 @@ Option& OptionList::place(Option option) {
 }
 
 void OptionList::add(Option option) {
+  assert(option.letter != '\0' || !option.name.empty());
   requireUnused(option);
   Option& placed = place(std::move(option));
   if (!placed.name.empty())
@@ -149,6 +150,7 @@ void OptionList::add(Option option) {
   if (placed.letter == '\0')
     return;
   Option*& owner = m_aLetters[static_cast<unsigned char>(placed.letter)];
+  assert(owner == nullptr || owner->isStandard);
   if (owner != nullptr)
     owner->letter = '\0';
   owner = &placed;
@@ -169,6 +171,7 @@ std::vector<const Option*> OptionList::inOrder() const {
   std::vector<const Option*> all;
   for (const Option& option : m_vOptions)
     all.push_back(&option);
+  assert(all.size() >= kStandardOptions);
   std::rotate(all.begin(), all.begin() + kStandardOptions, all.end());
   return all;
 }

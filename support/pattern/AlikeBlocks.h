@@ -2,6 +2,7 @@
 #ifndef SUPPORT_PATTERN_ALIKEBLOCKS_H
 #define SUPPORT_PATTERN_ALIKEBLOCKS_H
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -20,6 +21,7 @@ class AlikeBlocks {
   // it. What `isAlike` says of a block must not change from call to call.
   template <typename IsAlike>
   std::ptrdiff_t firstOther(std::ptrdiff_t block, std::ptrdiff_t end, IsAlike isAlike) {
+    assert(block >= 0);
     std::ptrdiff_t other = block;
     while ((end - other) * step > 0) {
       const auto index = static_cast<std::size_t>(other);

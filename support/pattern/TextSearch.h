@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -18,6 +19,7 @@ namespace VarnSupport {
 template <typename CharT>
 bool matchesAt(std::basic_string_view<CharT> text, std::size_t position,
                std::basic_string_view<CharT> wanted) {
+  assert(!wanted.empty() && position + wanted.size() <= text.size());
   return text[position] == wanted.front() &&
          (wanted.size() == 1 || std::char_traits<CharT>::compare(
                                     text.data() + position, wanted.data(), wanted.size()) == 0);
@@ -53,6 +55,7 @@ bool anyInBlock(Test test) {
 template <typename CharT>
 std::size_t searchByBlocks(std::basic_string_view<CharT> text, std::basic_string_view<CharT> wanted,
                            std::size_t from) {
+  assert(wanted.size() > 1 && from + wanted.size() + kBlock<CharT> <= text.size() + 1);
   const CharT first = wanted.front();
   const CharT last = wanted.back();
   const std::size_t end = text.size() - wanted.size() + 1;
@@ -121,6 +124,7 @@ std::size_t searchPair(std::basic_string_view<CharT> text, CharT first, CharT se
 // The first position at or after `from` that does not hold `c`.
 template <typename CharT>
 std::size_t skipCharacter(std::basic_string_view<CharT> text, CharT c, std::size_t from) {
+  assert(from <= text.size());
   for (; text.size() - from >= kBlock<CharT>; from += kBlock<CharT>) {
     const CharT* const block = text.data() + from;
     if (anyInBlock<CharT>([=](std::size_t i) { return load(block + i) != c; }))
@@ -135,6 +139,7 @@ std::size_t skipCharacter(std::basic_string_view<CharT> text, CharT c, std::size
 template <typename CharT>
 std::size_t lastCharacter(std::basic_string_view<CharT> text, CharT c, std::size_t from,
                           std::size_t to) {
+  assert(from <= to && to <= text.size());
   for (; to - from >= kBlock<CharT>; to -= kBlock<CharT>) {
     const CharT* const block = text.data() + to - kBlock<CharT>;
     if (anyInBlock<CharT>([=](std::size_t i) { return load(block + i) == c; }))

@@ -94,6 +94,7 @@ FileReplacement::FileReplacement(const std::string& fileName)
 }
 
 std::string FileReplacement::read() {
+  m_bRead = true;
   std::string contents;
   CharacterSource<char> source(m_sFile, O_NONBLOCK | O_NOCTTY);
   if (source.error() == ENOENT && !isLink(m_sFile))
@@ -112,6 +113,7 @@ std::string FileReplacement::read() {
 }
 
 void FileReplacement::replace(std::string_view contents) const {
+  assert(m_bRead);
   const NoCancellation replacing;
   int error = writeNewFile(contents);
   if (error == 0)

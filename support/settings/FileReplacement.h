@@ -47,6 +47,7 @@ class FileReplacement {
   std::string m_sName;  // as it was given
   std::string m_sFile;
   LockedFolder m_oFolder;
+  bool m_bRead = false;
   bool m_bExists = false;
   struct stat m_oStatus {};
   std::string m_sNewFile;

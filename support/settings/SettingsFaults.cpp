@@ -1,3 +1,7 @@
+// A fault is kept as the text that is shown, so that what it tells of need not be kept. Faults are
+// put in order at the end alone, when readers of settings have come across them in any order; of
+// one place they stay as they came. A file that is wrong throughout costs no more than its first
+// hundred.
 #include "settings/SettingsFaults.h"
 
 #include <algorithm>

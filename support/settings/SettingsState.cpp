@@ -82,6 +82,7 @@ void VarnSettings::State::load() {
 }
 
 void VarnSettings::State::addLine(std::size_t number, std::string_view line) {
+  assert(number > 0 && line.find('\n') == line.npos);
   const SettingsPlace place{SettingsPlace::FILE, number};
   if (!line.empty() && line.back() == '\r')
     line.remove_suffix(1);
@@ -204,6 +205,7 @@ void VarnSettings::State::Expansion::addReference(std::string_view reference) {
   const std::string name(reference);
   if (later != nullptr && std::find(later->begin(), later->end(), name) != later->end())
     return add('<' + name + '>');
+  assert(chain.size() <= kDeepest);
   state.replaced += kCostOfReference;
   if (std::find(chain.begin(), chain.end(), name) != chain.end()) {
     refusal = "refers to " + shownValue(name) + ", which leads back to itself";

@@ -1,3 +1,6 @@
+// Texts are read without the locale. A duration is a sum of parts whose units shrink, so that one
+// text means one thing: "1h30m" is read, "30m1h" and "1h30" are not. Sums and products that do not
+// fit are no values, rather than others.
 #include "settings/ValueText.h"
 
 #include <algorithm>

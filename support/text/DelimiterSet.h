@@ -3,6 +3,7 @@
 #define SUPPORT_TEXT_DELIMITERSET_H
 
 #include <array>
+#include <cassert>
 
 namespace VarnSupport {
 
@@ -10,6 +11,7 @@ namespace VarnSupport {
 class DelimiterSet {
  public:
   explicit DelimiterSet(const char* delimiters) {
+    assert(delimiters != nullptr);
     for (; *delimiters != '\0'; ++delimiters)
       m_aHolds[static_cast<unsigned char>(*delimiters)] = true;
   }

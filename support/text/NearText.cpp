@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <utility>
 #include <vector>
 
@@ -21,6 +22,7 @@ bool isSame(char a, char b) { return folded(a) == folded(b); }
 std::size_t distanceOf(std::string_view a, std::string_view b, std::size_t most) {
   if (a.size() > b.size())
     std::swap(a, b);
+  assert(a.size() <= b.size());
   const std::size_t tooFar = most + 1;
   if (b.size() - a.size() > most)
     return tooFar;

@@ -129,6 +129,7 @@ PropertyFileReader<CharT>::PropertyFileReader(const std::string& fileName, int m
 // The rest of a file without a line feed is its last line.
 template <typename CharT>
 bool PropertyFileReader<CharT>::nextLines(std::vector<tLine>& lines) {
+  assert(isOpen());
   lines.clear();
   do {
     while (m_oSource.file().isRegular() && m_nEnd - m_nBegin < kLargestBlock && fetchBlock()) {
@@ -196,6 +197,7 @@ std::size_t PropertyFileReader<CharT>::keepLowHalves(std::size_t begin, std::siz
 // theirs.
 template <typename CharT>
 void PropertyFileReader<CharT>::takeLines(std::vector<tLine>& lines) {
+  assert(m_nBegin <= m_nSearched && m_nEnd <= m_vText.size());
   const tLine text(m_vText.data(), m_nEnd);
   std::size_t end = text.find(CharT('\n'), m_nSearched);
   for (; end != text.npos; end = text.find(CharT('\n'), m_nBegin)) {
@@ -258,13 +260,14 @@ bool PropertyFileWriter::encode(std::wstring_view line, std::string& bytes) {
 
 // A write that is cut short goes on where it ended.
 bool PropertyFileWriter::writeBytes(std::string_view bytes) {
+  assert(isOpen());
   const BlockingCall cancellable;
   while (!bytes.empty()) {
-    const ssize_t count = ::write(m_oFile.get(), bytes.data(), bytes.size());
-    if (count > 0)
-      bytes.remove_prefix(static_cast<std::size_t>(count));
-    else if (count == 0 || errno != EINTR)
+    const ssize_t count =
+        retrying([&] { return ::write(m_oFile.get(), bytes.data(), bytes.size()); });
+    if (count <= 0)
       return false;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
   }
   return true;
 }

@@ -3,6 +3,7 @@
 #include "text/TextColumns.h"
 
 #include <algorithm>
+#include <cassert>
 #include <iterator>
 
 #include "runtime/Utf8.h"
@@ -119,6 +120,7 @@ void WrappedText::indent(std::size_t columns) {
 }
 
 void WrappedText::put(std::string_view text) {
+  assert(text.find('\n') == text.npos);
   m_sText += text;
   m_nColumn += columnsOf(text);
 }
@@ -132,6 +134,7 @@ void WrappedText::endLine() {
 }
 
 void WrappedText::putWord(std::string_view word, bool afterBlank) {
+  assert(!word.empty());
   const std::size_t columns = columnsOf(word);
   const std::size_t blank = afterBlank && m_nColumn > m_nIndent ? 1 : 0;
   if (m_nColumn + blank + columns <= kLineColumns) {

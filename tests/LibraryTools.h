@@ -65,6 +65,16 @@ inline bool areAllReaped() {
   return g_vExitThreads.empty();
 }
 
+// The texts of records, behind their headers.
+inline std::vector<std::string> textsOf(const std::string& file) {
+  std::vector<std::string> texts = linesOf(file);
+  for (std::string& line : texts) {
+    const std::size_t header = line.find("] ");
+    line.erase(0, header == std::string::npos ? 0 : header + 2);
+  }
+  return texts;
+}
+
 // A registered log that writes to a file of its own.
 class FileLog {
  public:
@@ -80,15 +90,7 @@ class FileLog {
     return "";
   }
   std::vector<std::string> lines() const { return linesOf(file()); }
-  // The texts behind the headers.
-  std::vector<std::string> texts() const {
-    std::vector<std::string> found = lines();
-    for (std::string& line : found) {
-      const std::size_t header = line.find("] ");
-      line.erase(0, header == std::string::npos ? 0 : header + 2);
-    }
-    return found;
-  }
+  std::vector<std::string> texts() const { return textsOf(file()); }
 
  private:
   TempFolder m_oFolder;

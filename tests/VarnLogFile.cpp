@@ -4,8 +4,8 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <map>
 #include <regex>
+#include <set>
 
 #include "LibraryTools.h"
 
@@ -14,27 +14,6 @@ namespace {
 using Lines = std::vector<std::string>;
 using Background = VarnLogFile::Background;
 
-std::string textOf(const std::string& line) {
-  const std::size_t header = line.find("] ");
-  return header == std::string::npos ? line : line.substr(header + 2);
-}
-
-Lines textsOf(const std::string& file) {
-  Lines texts = linesOf(file);
-  std::transform(texts.begin(), texts.end(), texts.begin(), textOf);
-  return texts;
-}
-
-// How often each text stands in the files of a folder.
-std::map<std::string, int> countsIn(const TempFolder& folder) {
-  std::map<std::string, int> counts;
-  for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
-    for (const std::string& text : textsOf(entry.path()))
-      ++counts[text];
-  }
-  return counts;
-}
-
 void limitFiles(rlim_t bytes) {
   const rlimit limit{bytes, RLIM_INFINITY};
   setrlimit(RLIMIT_FSIZE, &limit);
@@ -42,8 +21,8 @@ void limitFiles(rlim_t bytes) {
 
 // A registered VarnLogFile in a folder of its own.
 struct RegisteredFile {
-  template <typename... Options>
-  explicit RegisteredFile(Options... options) : log(folder / "app.log", 5, options...) {
+  explicit RegisteredFile(std::size_t queueBytes = 0)
+      : log(folder / "app.log", 5, Background{queueBytes}) {
     VarnLogging::setInstance(log);
   }
   std::string path() const { return folder / "app.log"; }
@@ -53,33 +32,14 @@ struct RegisteredFile {
   VarnLogFile log;
 };
 
-// Whether `result` has 4 times 500 records, each once, after 200 rotations.
-template <typename... Options>
-void rotateUnderLoad(Options... options) {
-  constexpr int kThreads = 4;
-  constexpr int kRecords = 500;
-  RegisteredFile file(options...);
-  std::atomic<int> written{0};
-  std::atomic<bool> rotated{false};
-  onThreads(kThreads + 2, [&](int thread) {
-    for (int i = 0; thread < kThreads && (i < kRecords || !rotated); ++i) {
-      VarnLogRecord(5) << thread << ":" << i;
-      ++written;
-    }
-    for (int i = 0; thread >= kThreads && i < 100; ++i) {
-      std::rename(file.path().c_str(),
-                  (file.path() + std::to_string(thread) + '.' + std::to_string(i)).c_str());
-      EXPECT_TRUE(file.log.reopen());
-    }
-    if (thread >= kThreads)
-      rotated = true;
-  });
-  file.log.flush();
-  EXPECT_EQ(0U, file.log.lostRecords()) << file.log.lastError();
-  const auto counts = countsIn(file.folder);
-  EXPECT_EQ(static_cast<std::size_t>(written), counts.size());
-  for (const auto& [text, count] : counts)
-    EXPECT_EQ(1, count) << text;
+// Each of so many texts stands once in the files of the folder.
+void expectOnce(const RegisteredFile& file, std::size_t size) {
+  std::set<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator(file.folder.path())) {
+    for (const std::string& text : textsOf(entry.path()))
+      EXPECT_TRUE(found.insert(text).second) << text;
+  }
+  EXPECT_EQ(size, found.size());
 }
 
 }  // namespace
@@ -103,10 +63,30 @@ TEST(VarnLogFile, KeepsItsNameAndWhatIsThereAndIsForOwnerAndGroup) {
   EXPECT_EQ(std::filesystem::perms(0640), std::filesystem::status(path).permissions());
 }
 
-TEST(VarnLogFile, RotationUnderLoadWritesEachRecordOnce) { rotateUnderLoad(); }
-
-TEST(VarnLogFile, RotationUnderLoadWritesEachRecordOnceInTheBackground) {
-  rotateUnderLoad(Background{std::size_t{64} << 20});  // the load has no brake
+TEST(VarnLogFile, RotationUnderLoadWritesEachRecordOnce) {
+  constexpr int kThreads = 4;
+  constexpr int kRecords = 500;
+  for (const std::size_t queueBytes : {0, 64 << 20}) {  // the load has no brake
+    RegisteredFile file(queueBytes);
+    std::atomic<std::size_t> written{0};
+    std::atomic<bool> rotated{false};
+    onThreads(kThreads + 2, [&](int thread) {
+      for (int i = 0; thread < kThreads && (i < kRecords || !rotated); ++i) {
+        VarnLogRecord(5) << thread << ":" << i;
+        ++written;
+      }
+      for (int i = 0; thread >= kThreads && i < 100; ++i) {
+        std::rename(file.path().c_str(),
+                    (file.path() + std::to_string(thread) + '.' + std::to_string(i)).c_str());
+        EXPECT_TRUE(file.log.reopen());
+      }
+      if (thread >= kThreads)
+        rotated = true;
+    });
+    file.log.flush();
+    EXPECT_EQ(0U, file.log.lostRecords()) << file.log.lastError();
+    expectOnce(file, written);
+  }
 }
 
 TEST(VarnLogFile, ANameThatIsNoPlainFileIsRefusedAtOnce) {
@@ -166,14 +146,15 @@ TEST(VarnLogFile, ARelativeNameStaysThatOfItsFolder) {
             }));
 }
 
-TEST(VarnLogFile, WhatAFullFileDoesNotTakeIsCountedAndToldOf) {
+TEST(VarnLogFile, WhatAFullFileDoesNotTakeIsCountedAndToldOfAndTornLinesEnd) {
   for (const std::size_t queueBytes : {0, 4096}) {
     const TempFolder folder;
     const std::string path = folder / "app.log";
+    writeFile(path, "killed");
     EXPECT_EQ(0, runInBareChild([&] {
                 VarnLogFile log(path, 5, Background{queueBytes});
                 VarnLogging::setInstance(log);
-                limitFiles(3);  // SIGXFSZ would end the process
+                limitFiles(10);  // SIGXFSZ would end the process
                 VarnLogRecord(0) << "torn";
                 VarnLogRecord(0) << "lost";
                 log.flush();
@@ -185,15 +166,9 @@ TEST(VarnLogFile, WhatAFullFileDoesNotTakeIsCountedAndToldOf) {
                 return isCounted && log.lostRecords() == 2 ? 0 : 1;
               }));
     VarnLogFile(path, 5).writeLine("next run");
-    EXPECT_EQ((Lines{"tor", "2 records lost", "there is room", "next run"}), textsOf(path));
+    EXPECT_EQ((Lines{"killed", "tor", "2 records lost", "there is room", "next run"}),
+              textsOf(path));
   }
-}
-
-TEST(VarnLogFile, ALineThatALastRunLeftTornIsEnded) {
-  const TempFolder folder;
-  writeFile(folder / "app.log", "killed in the mid");
-  VarnLogFile(folder / "app.log", 5).writeLine("next run");
-  EXPECT_EQ((Lines{"killed in the mid", "next run"}), linesOf(folder / "app.log"));
 }
 
 TEST(VarnLogFile, WithoutANameStandardErrorHasItWithPrioritiesForTheJournal) {
@@ -239,7 +214,7 @@ TEST(VarnLogFile, AClosedPipeRaisesNoSignal) {
 }
 
 TEST(VarnLogFile, InTheBackgroundLevel1DoesNotWait) {
-  RegisteredFile file(Background{});
+  RegisteredFile file(Background().queueBytes);
   VarnLogRecord(5) << "before";
   VarnLogRecord(1) << "failure";
   EXPECT_EQ((Lines{"before", "failure"}), file.texts());
@@ -248,7 +223,7 @@ TEST(VarnLogFile, InTheBackgroundLevel1DoesNotWait) {
 }
 
 TEST(VarnLogFile, WhatDoesNotFitTheQueueIsCountedAndToldOf) {
-  RegisteredFile file(Background{1000});
+  RegisteredFile file(1000);
   const std::string large(2000, 'x');
   VarnLogRecord(5) << large;
   EXPECT_EQ(Lines{large}, file.texts()) << "what never fits is written at once";
@@ -310,7 +285,7 @@ TEST(VarnLogFile, ATargetThatTakesNothingHoldsUpTheExitForAFewSecondsOnly) {
 TEST(VarnLogFile, AChildHasNoneOfTheRecordsThatWaitAndWritesItsOwn) {
   if (kThreadSanitizer)
     GTEST_SKIP() << "no threads in the child of a process that had some";
-  RegisteredFile file(Background{});
+  RegisteredFile file(Background().queueBytes);
   const std::jthread load = repeating([] { VarnLogRecord(9) << "rejected"; });
   for (int i = 0; i < 50; ++i) {
     VarnLogRecord(5) << "parent " << i;
@@ -320,15 +295,12 @@ TEST(VarnLogFile, AChildHasNoneOfTheRecordsThatWaitAndWritesItsOwn) {
               }));
   }
   file.log.flush();
-  const auto counts = countsIn(file.folder);
-  EXPECT_EQ(100U, counts.size());
-  for (const auto& [text, count] : counts)
-    EXPECT_EQ(1, count) << text;
+  expectOnce(file, 100);
 }
 
 TEST(VarnLogFile, AThreadThatIsKilledWhileItWritesLeavesWholeRecords) {
   for (const std::size_t queueBytes : {0, 4096}) {
-    RegisteredFile file(Background{queueBytes});
+    RegisteredFile file(queueBytes);
     for (int i = 0; i < 20; ++i) {
       std::atomic<int> turns{0};
       Task task([&]() -> int {
@@ -352,7 +324,7 @@ TEST(VarnLogFile, MayEndWhileOthersLog) {
   const std::jthread load = repeating([] { VarnLogRecord(5) << "record"; });
   const std::jthread urgent = repeating([] { VarnLogRecord(1) << "record"; });
   for (int i = 0; i < 50; ++i) {
-    RegisteredFile file(Background{static_cast<std::size_t>(i % 2) * 4096});
+    RegisteredFile file(static_cast<std::size_t>(i % 2) * 4096);
     EXPECT_TRUE(eventually([&] { return !file.texts().empty(); }));
   }
 }

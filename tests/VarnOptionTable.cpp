@@ -12,21 +12,15 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// As main() has it: behind the last element stands a null one.
-class Elements {
- public:
-  explicit Elements(Words words) : m_vWords(std::move(words)), m_vElements(1, nullptr) {
-    for (std::string& word : m_vWords)
-      m_vElements.push_back(word.data());
-    m_vElements.push_back(nullptr);
-  }
-  int count() const { return static_cast<int>(m_vElements.size()) - 1; }
-  char** get() { return m_vElements.data(); }
+// As main() has them: behind the last one stands a null one. Requires: the words stay.
+std::vector<char*> elementsOf(const Words& words) {
+  std::vector<char*> elements(words.size() + 2, nullptr);
+  for (std::size_t i = 0; i < words.size(); ++i)
+    elements[i + 1] = const_cast<char*>(words[i].c_str());
+  return elements;
+}
 
- private:
-  Words m_vWords;
-  std::vector<char*> m_vElements;
-};
+int countOf(const Words& words) { return static_cast<int>(words.size()) + 1; }
 
 Words wordsOf(const std::string& line) {
   std::istringstream stream(line);
@@ -34,8 +28,7 @@ Words wordsOf(const std::string& line) {
 }
 
 std::optional<int> parse(VarnOptionTable& table, const Words& words) {
-  Elements elements(words);
-  return table.parse(elements.count(), elements.get());
+  return table.parse(countOf(words), elementsOf(words).data());
 }
 
 // "none", or why the words are refused.
@@ -171,33 +164,28 @@ TEST(VarnOptionTable, DeclarationsThatCannotBeMeantThrowAtOnce) {
   EXPECT_EQ(refusal(table, {"-o", "a"}), "none") << "what was refused is not there";
 }
 
-TEST(VarnOptionTable, NumbersFitTheirVariables) {
-  struct {
-    signed char tiny = 0;
-    unsigned short port = 0;
-    unsigned long size = 0;
-    long long all = 0;
-    float real = 0;
-    float fine = 0;
-  } found;
+// Reads the good text as the number, and refuses the others.
+template <typename Number, typename... Lowest>
+std::string refusals(const char* good, Number expected, const Words& bad, Lowest... lowest) {
+  Number number = 0;
   VarnOptionTable table("x", "1", "");
-  table.number("-t N", "", found.tiny)
-      .number("-p N", "", found.port, 1)
-      .number("-s N", "", found.size)
-      .number("-a N", "", found.all, -5)
-      .number("-r N", "", found.real)
-      .number("-f N", "", found.fine, 0.1F);
-  parse(table, wordsOf("-t -128 -p 65535 -s 9223372036854775807 -a -5 -r -1e38 -f 0.1"));
-  EXPECT_EQ(found.tiny, -128);
-  EXPECT_EQ(found.port, 65535);
-  EXPECT_EQ(found.size, static_cast<unsigned long>(LONG_MAX));
-  EXPECT_EQ(found.all, -5);
-  EXPECT_EQ(found.real, -1e38F);
-  EXPECT_EQ(found.fine, 0.1F) << "a limit is in its range, though 0.1 is less as a double";
-  EXPECT_EQ(refusal(table, wordsOf("-f 0")), "-f 0 is not a number of at least 0.1");
-  for (const char* const line : {"-t 128", "-p 65536", "-p 0", "-s -1", "-s 9223372036854775808",
-                                 "-a -6", "-r 1e39", "-r inf", "-t 1x", "-t  1"})
-    EXPECT_NE(refusal(table, {std::string(line, 2), line + 3}), "none") << line;
+  table.number("-n N", "", number, static_cast<Number>(lowest)...);
+  EXPECT_EQ(refusal(table, {"-n", good}), "none");
+  EXPECT_EQ(number, expected);
+  std::string last;
+  for (const std::string& text : bad)
+    EXPECT_NE(last = refusal(table, {"-n", text}), "none") << text;
+  return last;
+}
+
+TEST(VarnOptionTable, NumbersFitTheirVariables) {
+  refusals<signed char>("-128", -128, {"128", "1x", " 1"});
+  refusals<unsigned short>("65535", 65535, {"65536", "0"}, 1);
+  refusals<unsigned long>("9223372036854775807", LONG_MAX, {"-1", "9223372036854775808"});
+  refusals<long long>("-5", -5, {"-6"}, -5);
+  refusals<float>("-1e38", -1e38F, {"1e39", "inf"});
+  EXPECT_EQ(refusals<float>("0.1", 0.1F, {"0"}, 0.1F), "-n 0 is not a number of at least 0.1")
+      << "a limit is in its range, though 0.1 is less as a double";
 }
 
 TEST(VarnOptionTable, ArgumentsAreDealtOutFromTheLeft) {
@@ -315,13 +303,13 @@ std::string parsedByUs(RandomTable& random, const Words& words) {
 }
 
 std::string parsedByGetopt(const RandomTable& random, const Words& words, const char* order) {
-  Elements elements(words);
+  std::vector<char*> elements = elementsOf(words);
   std::map<std::size_t, Words> found;
   optind = 0;
   opterr = 0;
   const std::string letters = order + random.letters;
   const auto next = [&] {
-    return getopt_long(elements.count(), elements.get(), letters.c_str(), random.options.data(),
+    return getopt_long(countOf(words), elements.data(), letters.c_str(), random.options.data(),
                        nullptr);
   };
   for (int value = next(); value != -1; value = next()) {
@@ -332,7 +320,7 @@ std::string parsedByGetopt(const RandomTable& random, const Words& words, const 
   std::string all;
   for (std::size_t i = 0; i < random.keys.size(); ++i)
     all += random.keys[i] + '(' + joined(found[i]) + ") ";
-  return all + joined(Words(elements.get() + optind, elements.get() + elements.count()));
+  return all + joined(Words(elements.begin() + optind, elements.end() - 1));
 }
 
 TEST(VarnOptionTable, ParsesAsGetoptLongDoes) {
@@ -400,16 +388,16 @@ TEST(VarnOptionTable, AnswersAreAskedForByOptionsThatGiveWay) {
 
 TEST(VarnOptionTable, ReportsGoToStandardErrorWithTheirExitCode) {
   Greeter greeter;
-  Elements wrong({"--confg"});
+  const char* const wrong[] = {"x", "--confg"};
   testing::internal::CaptureStderr();
-  EXPECT_EQ(greeter.table.parseOrReport(wrong.count(), wrong.get()), 2);
+  EXPECT_EQ(greeter.table.parseOrReport(2, wrong), 2);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "greeter: unknown option --confg; did you mean --config?\nTry 'greeter --help'.\n");
-  Elements help({"--help"});
+  const char* const help[] = {"x", "--help"};
   testing::internal::CaptureStderr();
   EXPECT_EQ(runInChild([&] {
               return std::freopen("/dev/full", "w", stdout) != nullptr
-                         ? greeter.table.parseOrReport(help.count(), help.get()).value_or(0)
+                         ? greeter.table.parseOrReport(2, help).value_or(0)
                          : 1;
             }),
             2);

@@ -58,19 +58,20 @@ struct VSUPT_EXPORT char_traits_ci : std::char_traits<CharT> {
   }
   static int compare(const CharT* left, const CharT* right, std::size_t length) {
     constexpr std::size_t word = sizeof(std::uint64_t) / sizeof(CharT);
-    std::size_t i = 0;
-    while (length - i >= word && std::memcmp(left + i, right + i, sizeof(std::uint64_t)) == 0)
-      i += word;
-    while (i < length && left[i] == right[i])
-      ++i;
-    if (i == length)
-      return 0;
     const CaseFolding<CharT> fold;
+    std::size_t i = 0;
+    for (; length - i >= word; i += word) {
+      for (std::uint64_t rest = differenceOf(left + i, right + i); rest != 0;) {
+        const std::size_t at = i + takeFirst(rest);
+        if (const int result = order(fold(left[at]), fold(right[at])))
+          return result;
+      }
+    }
     for (; i < length; ++i) {
-      const auto foldedLeft = fold(left[i]);
-      const auto foldedRight = fold(right[i]);
-      if (foldedLeft != foldedRight)
-        return foldedLeft < foldedRight ? -1 : 1;
+      if (left[i] == right[i])
+        continue;
+      if (const int result = order(fold(left[i]), fold(right[i])))
+        return result;
     }
     return 0;
   }
@@ -82,6 +83,36 @@ struct VSUPT_EXPORT char_traits_ci : std::char_traits<CharT> {
         return text + i;
     }
     return nullptr;
+  }
+
+ private:
+  template <typename Folded>
+  static int order(Folded left, Folded right) {
+    return left < right ? -1 : left > right ? 1 : 0;
+  }
+
+  // Equal characters need no folding: a word of both texts leaves bits where they are not.
+  static std::uint64_t differenceOf(const CharT* left, const CharT* right) {
+    std::uint64_t leftWord;
+    std::uint64_t rightWord;
+    std::memcpy(&leftWord, left, sizeof(leftWord));
+    std::memcpy(&rightWord, right, sizeof(rightWord));
+    return leftWord ^ rightWord;
+  }
+  // The position of the first character that has bits, which it loses.
+  static std::size_t takeFirst(std::uint64_t& difference) {
+    constexpr std::size_t bits = 8 * sizeof(CharT);
+    constexpr std::uint64_t character = (std::uint64_t{1} << bits) - 1;
+    constexpr std::size_t last = 64 / bits - 1;
+    if constexpr (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__) {
+      const std::size_t position = static_cast<std::size_t>(__builtin_ctzll(difference)) / bits;
+      difference &= ~(character << position * bits);
+      return position;
+    } else {
+      const std::size_t position = static_cast<std::size_t>(__builtin_clzll(difference)) / bits;
+      difference &= ~(character << (last - position) * bits);
+      return position;
+    }
   }
 };
 

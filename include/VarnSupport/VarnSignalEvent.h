@@ -11,6 +11,7 @@
 #define VARNSUPPORT_VARNSIGNALEVENT_H
 
 #include <chrono>
+#include <csignal>  // the names of signals, for callers
 #include <cstdint>
 
 #include "VarnSupport/VarnEvent.h"

@@ -28,6 +28,12 @@ quietly cmake --install "$work/build"
 "$work/own/bin/hostwatch" --once --plugin=hostwatch_lines >"$work/out" || [ $? -eq 1 ]
 grep -q '^load ' "$work/out"
 
+# logsentry, the same way.
+cp -r "$source/examples/logsentry" "$work/logsentry"
+quietly cmake -S "$work/logsentry" -B "$work/sentry" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix"
+quietly cmake --build "$work/sentry"
+"$work/sentry/logsentry" --version >"$work/out"
+
 # The library as a subproject.
 mkdir "$work/consumer"
 cp "$source/tests/consumer/CMakeLists.txt" "$work/first.cpp" "$work/consumer"

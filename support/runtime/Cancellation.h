@@ -71,9 +71,17 @@ class CancellationState {
     addToDepth(-1);
   }
 
-  // Around a few instructions that call nothing that waits: half the price of the others.
-  void enterMoment() { m_bInMoment.store(true, std::memory_order_relaxed); }
-  void leaveMoment() { m_bInMoment.store(false, std::memory_order_relaxed); }
+  // Around a few instructions that call nothing that waits: half the price of the others. Only
+  // handlers of signals on this thread look at the moment, so it is the compiler alone that must
+  // not move those instructions out of it.
+  void enterMoment() {
+    m_bInMoment.store(true, std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  }
+  void leaveMoment() {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    m_bInMoment.store(false, std::memory_order_relaxed);
+  }
 
   bool isDue() const { return m_bRequested.load(std::memory_order_relaxed) && isOutermost(); }
   // Returns when the thread cannot be unwound from here, or has disabled cancellation itself.

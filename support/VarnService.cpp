@@ -45,10 +45,9 @@ void trace(const char* text) { OwnRecords::write(OwnRecords::TRACE, text); }
 void handOver(int signal) {
   if (signal != SIGINT && signal != SIGTERM)
     return;
-  const auto stop = [](void* number) {
-    ControlHandler(static_cast<int>(reinterpret_cast<std::intptr_t>(number)));
-  };
-  if (startDetached("vsupt-stop", stop, reinterpret_cast<void*>(std::intptr_t{signal})))
+  const sigset_t mask = SignalRelay::callersMask();
+  if (startDetached(
+          "vsupt-stop", [signal] { ControlHandler(signal); }, &mask) == 0)
     return;
   if (SignalRelay::isRelay())
     SignalRelay::expectWithin(signal, kBeforeAnotherTryMicroseconds / 1000);

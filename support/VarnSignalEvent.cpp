@@ -137,15 +137,16 @@ class TellingThread {
   bool m_bFinished = false;
 };
 
-void tell(void* entry) {
+void tell(SignalEntry& entry) {
   ProcessExit::watch();
-  TellingThread thread(*static_cast<SignalEntry*>(entry));
+  TellingThread thread(entry);
   while (thread.tellNext()) {
   }
 }
 
 // Runs on the relay. A thread that tells may have seen the delivery before, but takers have not.
 void onDelivery(int signal) {
+  const sigset_t mask = SignalRelay::callersMask();
   const std::lock_guard guard(tableMutex);
   for (const auto& entry : table.value) {
     if (entry->signal != signal)
@@ -154,7 +155,8 @@ void onDelivery(int signal) {
     if (entry->hasThread || !hasMoreLocked(*entry))
       continue;
     entry->thread = {};
-    entry->hasThread = startDetached("vsupt-event", tell, entry.get());
+    entry->hasThread = startDetached(
+                           "vsupt-event", [told = entry.get()] { tell(*told); }, &mask) == 0;
     if (!entry->hasThread)
       SignalRelay::expectWithin(signal, kMillisecondsBeforeAnotherTry);
   }

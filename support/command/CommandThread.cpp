@@ -22,6 +22,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/NeverDestroyed.h"
+#include "runtime/SystemThreads.h"
 
 namespace VarnSupport {
 
@@ -230,25 +231,15 @@ bool CommandThread::isCallerLocked() {
   return thread.value.isRunning && pthread_equal(thread.value.thread, pthread_self()) != 0;
 }
 
-// With every signal blocked, so that none of the program's handlers runs on the thread.
 void CommandThread::startLocked() {
   auto& state = thread.value;
   if (state.isRunning)
     return;
   state.bell = makeBell();
   int error = state.bell.isOpen() ? 0 : errno;
-  if (error == 0) {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
-    error = pthread_create(&state.thread, &attributes, routine, nullptr);
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    pthread_attr_destroy(&attributes);
-  }
+  const sigset_t all = allSignals();
+  if (error == 0)
+    error = startDetached("vsupt-commands", &CommandThread::run, &all, &state.thread);
   if (error != 0) {
     state.bell.close();
     throw VarnException("VarnCommand: the system refuses a thread", error);
@@ -278,12 +269,10 @@ class CommandThread::Presence {
   }
 };
 
-void* CommandThread::routine(void*) {
-  pthread_setname_np(pthread_self(), "vsupt-commands");
+void CommandThread::run() {
   const Presence presence;
   while (turn()) {
   }
-  return nullptr;
 }
 
 // False when the thread is to end: there is nothing to do, or it is what a fork inside a `done` has

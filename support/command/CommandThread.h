@@ -76,7 +76,7 @@ class CommandThread {
  private:
   class Presence;
   static void startLocked();
-  static void* routine(void*);
+  static void run();
   static bool isCallerLocked();
   static bool turn();
 };

@@ -6,7 +6,6 @@
 // the record does: under load it is woken some dozens of times a second, however many records come.
 #include "log/LogFile.h"
 
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,7 +13,6 @@
 #include <cassert>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <new>
 #include <system_error>
@@ -23,6 +21,7 @@
 #include "log/LogTarget.h"
 #include "log/RecordText.h"
 #include "runtime/Cancellation.h"
+#include "runtime/SystemThreads.h"
 
 namespace VarnSupport {
 
@@ -161,31 +160,13 @@ void LogFile::flush() {
   m_oTurns.clear(LogTurns::kWriting);
 }
 
-// The thread has every signal blocked, so that none of the program's handlers runs on it.
 bool LogFile::hasThreadLocked() {
   if (m_bRunning || m_bFinished)
     return m_bRunning;
-  auto self = std::make_unique<std::shared_ptr<LogFile>>(shared_from_this());
-  sigset_t all;
-  sigset_t previous;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &previous);
-  pthread_t thread{};
-  m_bRunning = pthread_create(&thread, nullptr, &LogFile::threadRoutine, self.get()) == 0;
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  if (m_bRunning) {
-    static_cast<void>(self.release());
-    pthread_detach(thread);
-  }
+  const sigset_t all = allSignals();
+  m_bRunning = startDetached(
+                   "vsupt-log", [file = shared_from_this()] { file->run(); }, &all) == 0;
   return m_bRunning;
-}
-
-void* LogFile::threadRoutine(void* argument) {
-  pthread_setname_np(pthread_self(), "vsupt-log");
-  const std::unique_ptr<std::shared_ptr<LogFile>> file(
-      static_cast<std::shared_ptr<LogFile>*>(argument));
-  (*file)->run();
-  return nullptr;
 }
 
 // What is left when the state's log is gone is lost.

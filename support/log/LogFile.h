@@ -73,7 +73,6 @@ class LogFile : public std::enable_shared_from_this<LogFile> {
 
   bool push(std::string_view record);
   bool hasThreadLocked();
-  static void* threadRoutine(void* argument);
   void run();
   bool writeInTurn(std::string_view record);
 

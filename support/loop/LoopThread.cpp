@@ -1,66 +1,47 @@
 #include "loop/LoopThread.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
-#include <new>
 #include <system_error>
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
+#include "runtime/SystemThreads.h"
 
 namespace VarnSupport {
 
 namespace {
 
-struct Start {
-  std::string name;
-  std::function<void()> body;
-};
-
 // On the stack of the thread: its destructor runs when the thread is unwound as well.
 class Succession {
  public:
-  explicit Succession(const Start& start) : m_oStart(start) {}
+  Succession(const std::string& name, const std::function<void()>& body)
+      : m_sName(name), m_oBody(body) {}
   Succession(const Succession&) = delete;
   Succession& operator=(const Succession&) = delete;
   ~Succession() {
     if (!m_bDone)
-      startLoopThread(m_oStart.name, m_oStart.body);
+      startLoopThread(m_sName, m_oBody);
   }
 
   void setDone() { m_bDone = true; }
 
  private:
-  const Start& m_oStart;
+  const std::string& m_sName;
+  const std::function<void()>& m_oBody;
   bool m_bDone = false;
 };
-
-void* runThread(void* argument) {
-  const std::unique_ptr<const Start> start(static_cast<const Start*>(argument));
-  pthread_setname_np(pthread_self(), start->name.c_str());
-  Succession succession(*start);
-  start->body();
-  succession.setDone();
-  return nullptr;
-}
 
 }  // namespace
 
 bool startLoopThread(const std::string& name, std::function<void()> body) {
-  auto start = std::make_unique<Start>(Start{name, std::move(body)});
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_t thread{};
-  const bool isStarted = pthread_create(&thread, &attributes, runThread, start.get()) == 0;
-  pthread_attr_destroy(&attributes);
-  if (isStarted)
-    static_cast<void>(start.release());
-  return isStarted;
+  return startDetached(name, [name, body = std::move(body)] {
+           Succession succession(name, body);
+           body();
+           succession.setDone();
+         }) == 0;
 }
 
 int aboveStandardStreams(int descriptor) {

@@ -287,9 +287,14 @@ void SignalRelay::rememberCallersMask() {
     pthread_sigmask(SIG_BLOCK, nullptr, &relay.callersMask);
 }
 
-void SignalRelay::adoptCallersMask() {
+sigset_t SignalRelay::callersMask() {
   const std::lock_guard guard(relay.mutex);
-  pthread_sigmask(SIG_SETMASK, &relay.callersMask, nullptr);
+  return relay.callersMask;
+}
+
+void SignalRelay::adoptCallersMask() {
+  const sigset_t mask = callersMask();
+  pthread_sigmask(SIG_SETMASK, &mask, nullptr);
 }
 
 void SignalRelay::settle() {

@@ -55,9 +55,9 @@ class SignalRelay {
   static void expectWithin(int signal, long milliseconds);
 
   // The relay's own mask blocks all but the library's signals. Threads that it starts for user code
-  // adopt a mask that a user's thread had: that of the last caller of rememberCallersMask();
-  // startDetached() does so.
+  // get a mask that a user's thread had: that of the last caller of rememberCallersMask().
   static void rememberCallersMask();
+  static sigset_t callersMask();
   static void adoptCallersMask();
 
   // Gives the relay some milliseconds to finish what it is at. Before a fork: what the relay is in

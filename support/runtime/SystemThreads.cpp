@@ -3,11 +3,12 @@
 #include <dirent.h>
 #include <sys/mman.h>
 
+#include <cassert>
+#include <cerrno>
 #include <cstddef>
 #include <memory>
 #include <new>
-
-#include "runtime/SignalRelay.h"
+#include <utility>
 
 namespace VarnSupport {
 
@@ -23,6 +24,7 @@ class DetachedAttributes {
   DetachedAttributes& operator=(const DetachedAttributes&) = delete;
   ~DetachedAttributes() { pthread_attr_destroy(&m_oAttributes); }
 
+  void setMask(const sigset_t& mask) { pthread_attr_setsigmask_np(&m_oAttributes, &mask); }
   pthread_attr_t* get() { return &m_oAttributes; }
 
  private:
@@ -30,31 +32,42 @@ class DetachedAttributes {
 };
 
 struct Start {
-  const char* name;
-  void (*body)(void*);
-  void* argument;
+  std::string name;
+  std::function<void()> body;
 };
 
+// Gives the body back when the thread is unwound, too.
 void* run(void* given) {
-  const Start start = *std::unique_ptr<Start>(static_cast<Start*>(given));
-  pthread_setname_np(pthread_self(), start.name);
-  SignalRelay::adoptCallersMask();
-  start.body(start.argument);
+  const std::unique_ptr<const Start> start(static_cast<const Start*>(given));
+  pthread_setname_np(pthread_self(), start->name.c_str());
+  start->body();
   return nullptr;
 }
 
 }  // namespace
 
-bool startDetached(const char* name, void (*body)(void*), void* argument) {
-  std::unique_ptr<Start> start(new (std::nothrow) Start{name, body, argument});
+// A name of that length needs no memory.
+int startDetached(const std::string& name, std::function<void()> body, const sigset_t* mask,
+                  pthread_t* started) noexcept {
+  assert(name.size() <= 15 && body != nullptr);
+  std::unique_ptr<Start> start(new (std::nothrow) Start{name, std::move(body)});
   if (start == nullptr)
-    return false;
+    return ENOMEM;
   DetachedAttributes attributes;
+  if (mask != nullptr)
+    attributes.setMask(*mask);
   pthread_t thread{};
-  if (pthread_create(&thread, attributes.get(), run, start.get()) != 0)
-    return false;
-  static_cast<void>(start.release());
-  return true;
+  const int error =
+      pthread_create(started != nullptr ? started : &thread, attributes.get(), run, start.get());
+  if (error == 0)
+    static_cast<void>(start.release());
+  return error;
+}
+
+sigset_t allSignals() {
+  sigset_t all;
+  sigfillset(&all);
+  return all;
 }
 
 bool startOnOwnStack(pthread_t& thread, void* (*routine)(void*)) {

@@ -4,12 +4,20 @@
 
 #include <pthread.h>
 
+#include <csignal>
+#include <functional>
+#include <string>
+
 namespace VarnSupport {
 
-// Runs `body`, for what a routine of the relay must not do itself, on a detached thread that has
-// the signal mask of a user's thread (SignalRelay.h). False when the system refuses the thread, or
-// there is no memory. The name is a literal.
-bool startDetached(const char* name, void (*body)(void*), void* argument);
+// Runs `body` on a detached thread that begins with the mask of its caller, or with `mask`. The
+// name has at most 15 characters. Returns 0, with the thread in `started` before it can go on if
+// the caller has a lock that the body takes; or the system's code. Throws nothing.
+int startDetached(const std::string& name, std::function<void()> body,
+                  const sigset_t* mask = nullptr, pthread_t* started = nullptr) noexcept;
+
+// The mask of a thread on which none of the program's handlers is to run.
+sigset_t allSignals();
 
 // Starts a detached thread on a stack that is never given back: in the child of a fork, a new
 // thread would otherwise stand on the stack of a vanished one, where objects may still be

@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "runtime/Cancellation.h"
+#include "runtime/Descriptor.h"
 #include "runtime/Fork.h"
 #include "runtime/System.h"
 #include "text/NumberText.h"
@@ -40,26 +41,6 @@ constexpr mode_t kFileMode = 0644;
 // has yet to write its identifier.
 constexpr int kLooks = 100;
 constexpr useconds_t kBetweenLooksMicroseconds = 1000;
-
-// A descriptor that is closed with its scope unless it is taken.
-class Descriptor {
- public:
-  explicit Descriptor(int number = -1) : m_nNumber(number) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (m_nNumber >= 0)
-      close(m_nNumber);
-  }
-
-  int get() const { return m_nNumber; }
-  int take() { return std::exchange(m_nNumber, -1); }
-  // Requires: it has none.
-  void reset(int number) { m_nNumber = number; }
-
- private:
-  int m_nNumber;
-};
 
 [[noreturn]] void refuse(const std::string& path, const std::string& reason, int code = 0) {
   throw VarnStartRefused(path + ' ' + reason, code);
@@ -109,16 +90,16 @@ bool isStillAt(const std::string& path, int descriptor) {
 }
 
 // Does not block at a pipe that somebody has put there.
-int openFile(const std::string& path) {
-  const int descriptor = retrying([&] {
+Descriptor openFile(const std::string& path) {
+  Descriptor file(retrying([&] {
     return open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
                 kFileMode);
-  });
-  if (descriptor < 0 && errno == ELOOP)
+  }));
+  if (!file.isOpen() && errno == ELOOP)
     refuse(path, "is a symbolic link");
-  if (descriptor < 0)
+  if (!file.isOpen())
     refuseWithErrno(path, "cannot be opened");
-  return descriptor;
+  return file;
 }
 
 }  // namespace
@@ -148,7 +129,7 @@ class PidFileState {
 
   const std::string m_sPath;
   // Guarded by the mutex.
-  int m_nDescriptor = -1;  // none in a process that does not have the file
+  Descriptor m_oFile;  // none in a process that does not have the file
   PidFileState* m_pNext = nullptr;
 };
 
@@ -157,17 +138,17 @@ constinit PidFileState* PidFileState::m_pFirst = nullptr;
 
 PidFileState::~PidFileState() {
   const std::lock_guard guard(m_oMutex);
-  if (m_nDescriptor < 0)
+  if (!m_oFile.isOpen())
     return;
   PidFileState** link = &m_pFirst;
   while (*link != this)
     link = &(*link)->m_pNext;
   *link = m_pNext;
-  if (isStillAt(m_sPath, m_nDescriptor))
+  if (isStillAt(m_sPath, m_oFile.get()))
     unlink(m_sPath.c_str());
   // A child that another thread is just making has the descriptor, too.
-  flock(m_nDescriptor, LOCK_UN);
-  close(m_nDescriptor);
+  flock(m_oFile.get(), LOCK_UN);
+  m_oFile.close();
 }
 
 void PidFileState::lock() {
@@ -175,7 +156,7 @@ void PidFileState::lock() {
     Descriptor held;
     if (tryLock(held))
       return;
-    if (held.get() < 0)
+    if (!held.isOpen())
       continue;
     if (look >= kLooks)
       refuseHeld(m_sPath, identifierIn(contentsOf(held.get())));
@@ -187,7 +168,7 @@ void PidFileState::lock() {
 // it.
 bool PidFileState::tryLock(Descriptor& held) {
   const std::lock_guard guard(m_oMutex);
-  Descriptor file(openFile(m_sPath));
+  Descriptor file = openFile(m_sPath);
   struct stat status {};
   if (fstat(file.get(), &status) != 0)
     refuseWithErrno(m_sPath, "cannot be looked at");
@@ -196,7 +177,7 @@ bool PidFileState::tryLock(Descriptor& held) {
   if (retrying([&] { return flock(file.get(), LOCK_EX | LOCK_NB); }) != 0) {
     if (errno != EWOULDBLOCK)
       refuseWithErrno(m_sPath, "cannot be locked");
-    held.reset(file.take());
+    held = std::move(file);
     return false;
   }
   if (!isStillAt(m_sPath, file.get()))
@@ -204,15 +185,15 @@ bool PidFileState::tryLock(Descriptor& held) {
   const std::string text = contentsOf(file.get());
   if (!text.empty() && identifierIn(text) == 0)
     refuse(m_sPath, "contains something else than the number of a process");
-  m_nDescriptor = file.take();
+  m_oFile = std::move(file);
   m_pNext = m_pFirst;
   m_pFirst = this;
   return true;
 }
 
 void PidFileState::write() {
-  assert(m_nDescriptor >= 0);
-  if (!writeIdentifier(m_nDescriptor, getpid()))
+  assert(m_oFile.get() >= 0);
+  if (!writeIdentifier(m_oFile.get(), getpid()))
     refuseWithErrno(m_sPath, "cannot be written");
 }
 
@@ -230,11 +211,11 @@ struct PidFileState::Fork {
  private:
   static void takeOver() {
     for (const PidFileState* state = m_pFirst; state != nullptr; state = state->m_pNext)
-      static_cast<void>(writeIdentifier(state->m_nDescriptor, getpid()));
+      static_cast<void>(writeIdentifier(state->m_oFile.get(), getpid()));
   }
   static void giveUp() {
     for (; m_pFirst != nullptr; m_pFirst = m_pFirst->m_pNext)
-      close(std::exchange(m_pFirst->m_nDescriptor, -1));
+      m_pFirst->m_oFile.close();
   }
 };
 

@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "runtime/Cancellation.h"
+#include "runtime/Descriptor.h"
 #include "runtime/System.h"
 #include "runtime/Utf8.h"
 #include "text/NumberText.h"
@@ -62,23 +63,17 @@ std::optional<Address> addressOf(std::string_view name) {
 class Connection {
  public:
   explicit Connection(const Address& manager)
-      : m_nSocket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    m_bConnected =
-        m_nSocket >= 0 && connect(m_nSocket, reinterpret_cast<const sockaddr*>(&manager.address),
-                                  manager.length) == 0;
-  }
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
-  ~Connection() {
-    if (m_nSocket >= 0)
-      close(m_nSocket);
+      : m_oSocket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    m_bConnected = m_oSocket.isOpen() &&
+                   connect(m_oSocket.get(), reinterpret_cast<const sockaddr*>(&manager.address),
+                           manager.length) == 0;
   }
 
   bool send(std::string_view message) const {
     const MonotonicTime deadline = monotonicNow() + kPatience;
     while (m_bConnected) {
-      const ssize_t sent =
-          retrying([&] { return ::send(m_nSocket, message.data(), message.size(), MSG_NOSIGNAL); });
+      const ssize_t sent = retrying(
+          [&] { return ::send(m_oSocket.get(), message.data(), message.size(), MSG_NOSIGNAL); });
       if (sent >= 0)
         return true;
       if ((errno != EAGAIN && errno != ENOBUFS) || !awaitRoom(deadline))
@@ -96,12 +91,12 @@ class Connection {
       return false;
     // Room in a queue that is short of memory is not announced.
     constexpr long kLookMilliseconds = 20;
-    pollfd descriptor{m_nSocket, POLLOUT, 0};
+    pollfd descriptor{m_oSocket.get(), POLLOUT, 0};
     poll(&descriptor, 1, static_cast<int>(std::min<long>(left, kLookMilliseconds)));
     return true;
   }
 
-  int m_nSocket;
+  Descriptor m_oSocket;
   bool m_bConnected = false;
 };
 

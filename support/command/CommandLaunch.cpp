@@ -21,7 +21,7 @@
 #include <csignal>
 #include <new>
 #include <string_view>
-#include <tuple>
+#include <utility>
 
 #include "runtime/System.h"
 
@@ -52,15 +52,15 @@ void requireNone(int error, std::string_view subject) {
 void require(bool works, std::string_view subject) { requireNone(works ? 0 : errno, subject); }
 
 Descriptor nothing() {
-  Descriptor device = aboveStreams(open("/dev/null", O_RDWR | O_CLOEXEC));
+  Descriptor device(open("/dev/null", O_RDWR | O_CLOEXEC));
   require(device.isOpen(), "/dev/null");
   return device;
 }
 
 Descriptor makeFile() {
   const int number = memfd_create("command-input", MFD_CLOEXEC | MFD_NOEXEC_SEAL);
-  return aboveStreams(number == -1 && errno == EINVAL ? memfd_create("command-input", MFD_CLOEXEC)
-                                                      : number);
+  return Descriptor(number == -1 && errno == EINVAL ? memfd_create("command-input", MFD_CLOEXEC)
+                                                    : number);
 }
 
 // A file beyond the limit would get the process a signal.
@@ -80,18 +80,11 @@ Descriptor fileOf(const std::string& text) {
   return file;
 }
 
-// The end to read from, which does not block, and the program's.
-std::pair<Descriptor, Descriptor> makePipe() {
-  int ends[2];
-  require(pipe2(ends, O_CLOEXEC) == 0, "pipe");
-  Descriptor ours = aboveStreams(ends[0]);
-  const int error = errno;
-  Descriptor programs = aboveStreams(ends[1]);
-  if (!ours.isOpen())
-    errno = error;
-  require(ours.isOpen() && programs.isOpen(), "pipe");
-  require(fcntl(ours.get(), F_SETFL, O_NONBLOCK) == 0, "pipe");
-  return {std::move(ours), std::move(programs)};
+// Its end to read from is ours, and does not block.
+Pipe makePipe() {
+  Pipe pipe = Pipe::open();
+  require(pipe.isOpen() && fcntl(pipe.reading.get(), F_SETFL, O_NONBLOCK) == 0, "pipe");
+  return pipe;
 }
 
 bool hasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
@@ -159,7 +152,7 @@ std::string findProgram(const std::string& name, const std::string& path, int fo
 Descriptor openFolder(const std::string& path) {
   if (hasNul(path))
     throw Failure{EINVAL, "folder"};
-  Descriptor folder = aboveStreams(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  Descriptor folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   require(folder.isOpen() && faccessat(folder.get(), ".", X_OK, AT_EACCESS) == 0, path);
   return folder;
 }
@@ -221,14 +214,16 @@ class Streams {
 
   // Returns the end to read from, if there is one.
   Descriptor setOutput(int stream, VarnCommand::tStream kind) {
-    Descriptor ours;
+    Pipe pipe;
     if (kind == VarnCommand::INHERITED)
       inherit(stream);
     else if (kind == VarnCommand::DROPPED)
       m_oKept[stream] = nothing();
     else if (kind == VarnCommand::CAPTURED)
-      std::tie(ours, m_oKept[stream]) = makePipe();
-    return ours;
+      pipe = makePipe();
+    if (pipe.isOpen())
+      m_oKept[stream] = std::move(pipe.writing);
+    return std::move(pipe.reading);
   }
 
   // A stream without an end of its own is the program's standard output, or what it was.
@@ -275,18 +270,11 @@ LaunchedProgram tryToLaunch(const CommandSettings& settings) {
   requireNone(posix_spawn(&program.process, path.c_str(), actions.files(), actions.attributes(),
                           argumentPointers.data(), environmentPointers.data()),
               path);
-  program.handle = aboveStreams(pidfd_open(program.process, 0));
+  program.handle = Descriptor(pidfd_open(program.process, 0));
   return program;
 }
 
 }  // namespace
-
-Descriptor aboveStreams(int number) {
-  Descriptor given(number);
-  if (!given.isOpen() || number > STDERR_FILENO)
-    return given;
-  return Descriptor(fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-}
 
 LaunchedProgram launch(const CommandSettings& settings) noexcept {
   LaunchedProgram failed;

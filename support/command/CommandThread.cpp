@@ -133,7 +133,7 @@ std::shared_ptr<CommandTask> takeFinished() {
 
 }  // namespace
 
-Descriptor makeBell() { return aboveStreams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)); }
+Descriptor makeBell() { return Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)); }
 
 CommandThread::Expectation::Expectation() {
   const std::lock_guard guard(commandLock);

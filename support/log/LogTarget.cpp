@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <optional>
 
+#include "runtime/Descriptor.h"
 #include "runtime/System.h"
 
 namespace VarnSupport {
@@ -28,29 +29,14 @@ namespace {
 // All logs share standard output. Changed under the lock of the stream.
 constinit std::atomic<bool> outputTorn{false};
 
-// Gives the file another descriptor if it has that of a standard stream; -1 if there is no other.
-int leaveStandardStreams(int descriptor) {
-  if (descriptor < 0 || descriptor > STDERR_FILENO)
-    return descriptor;
-  const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  const int error = errno;
-  close(descriptor);
-  errno = error;
-  return moved;
-}
-
 // Whether the file ends in the middle of a line, as one that was full does.
 bool isTorn(int descriptor, off_t size) {
   if (size == 0)
     return false;
   const std::string name = "/proc/self/fd/" + std::to_string(descriptor);
-  const int reader = open(name.c_str(), O_RDONLY | O_CLOEXEC);
-  if (reader < 0)
-    return false;
+  const Descriptor reader(open(name.c_str(), O_RDONLY | O_CLOEXEC));
   char last = '\n';
-  const bool isRead = pread(reader, &last, 1, size - 1) == 1;
-  close(reader);
-  return isRead && last != '\n';
+  return reader.isOpen() && pread(reader.get(), &last, 1, size - 1) == 1 && last != '\n';
 }
 
 // Keeps the signals by which a write tells of its failure from the calling thread. One that was
@@ -94,37 +80,29 @@ class WithoutSignals {
 }  // namespace
 
 std::FILE* openForRecords(const std::string& name) {
-  const int descriptor = leaveStandardStreams(
+  Descriptor descriptor(
       open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
-  if (descriptor < 0)
+  if (!descriptor.isOpen())
     return nullptr;
-  std::FILE* const file = fdopen(descriptor, "w");
-  if (file == nullptr) {
-    const int error = errno;
-    close(descriptor);
-    errno = error;
-  }
+  std::FILE* const file = fdopen(descriptor.get(), "w");
+  if (file != nullptr)
+    descriptor.release();
   return file;
 }
 
 AppendedFile openForAppending(const std::string& name) {
   constexpr int flags =
       O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  AppendedFile file;
-  file.descriptor = leaveStandardStreams(retrying([&] { return open(name.c_str(), flags, 0640); }));
-  if (file.descriptor < 0) {
-    file.error = errno == ENXIO ? kNotForRecords : errno;  // a pipe without a reader, or a socket
-    return file;
-  }
+  Descriptor file(retrying([&] { return open(name.c_str(), flags, 0640); }));
+  if (!file.isOpen())  // ENXIO: a pipe without a reader, or a socket
+    return {-1, errno == ENXIO ? kNotForRecords : errno, false};
   struct stat status {};
-  fstat(file.descriptor, &status);
-  if (S_ISREG(status.st_mode) || S_ISCHR(status.st_mode)) {
-    fcntl(file.descriptor, F_SETFL, O_APPEND);
-    file.isTorn = S_ISREG(status.st_mode) && isTorn(file.descriptor, status.st_size);
-    return file;
-  }
-  close(file.descriptor);
-  return {-1, kNotForRecords, false};
+  fstat(file.get(), &status);
+  if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode))
+    return {-1, kNotForRecords, false};
+  fcntl(file.get(), F_SETFL, O_APPEND);
+  const bool torn = S_ISREG(status.st_mode) && isTorn(file.get(), status.st_size);
+  return {file.release(), 0, torn};
 }
 
 bool mayWriteRaise(int descriptor) {

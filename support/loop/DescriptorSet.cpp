@@ -74,23 +74,17 @@ DescriptorCallee::DescriptorCallee(const char* kind, bool hasFunction, const Var
 
 // A write to the wake descriptor is an edge: nobody has to read it.
 void DescriptorSet::open() {
-  const int epoll = aboveStandardStreams(epoll_create1(EPOLL_CLOEXEC));
-  const int wake = epoll >= 0 ? aboveStandardStreams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) : -1;
-  if (wake < 0) {
-    const int code = errno;
-    if (epoll >= 0)
-      close(epoll);
-    throwSystemError("vsupt-loop", code);
-  }
-  m_nEpoll = epoll;
-  m_nWake = wake;
-  addOwn(wake, kWakeKey);
+  m_oEpoll = Descriptor(epoll_create1(EPOLL_CLOEXEC));
+  if (m_oEpoll.isOpen())
+    m_oWake = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!m_oWake.isOpen())
+    throwSystemError("vsupt-loop", errno);
+  addOwn(m_oWake.get(), kWakeKey);
 }
 
 void DescriptorSet::closeInChild() {
-  close(m_nEpoll);
-  close(m_nWake);
-  m_nEpoll = m_nWake = -1;
+  m_oEpoll.close();
+  m_oWake.close();
 }
 
 bool DescriptorSet::addOwn(int descriptor, std::uint64_t key) {
@@ -105,7 +99,7 @@ int DescriptorSet::control(int operation, int descriptor, unsigned events,
   epoll_event event{};
   event.events = events;
   event.data.u64 = key;
-  return epoll_ctl(m_nEpoll, operation, descriptor, &event) == 0 ? 0 : errno;
+  return epoll_ctl(m_oEpoll.get(), operation, descriptor, &event) == 0 ? 0 : errno;
 }
 
 // Registers the descriptor for what its objects want now, unless one of them is at it.
@@ -241,20 +235,21 @@ void DescriptorSet::suspect(std::uint64_t key) {
 std::vector<int> DescriptorSet::repair(bool isBroken) {
   if (!m_bHasGhosts && !isBroken)
     return std::exchange(m_vClosed, {});
-  const int epoll = aboveStandardStreams(epoll_create1(EPOLL_CLOEXEC));
-  if (epoll < 0) {
+  Descriptor epoll(epoll_create1(EPOLL_CLOEXEC));
+  if (!epoll.isOpen()) {
     usleep(kBeforeAnotherTryMicroseconds);
     return {};
   }
   // What is no epoll object any more is not the loop's to close.
-  if (!isBroken)
-    close(m_nEpoll);
-  m_nEpoll = epoll;
+  if (isBroken)
+    m_oEpoll.release();
+  m_oEpoll = std::move(epoll);
   m_bHasGhosts = false;
   m_vSuspects.clear();
-  if (!addOwn(m_nWake, kWakeKey)) {
-    m_nWake = aboveStandardStreams(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    addOwn(m_nWake, kWakeKey);
+  if (!addOwn(m_oWake.get(), kWakeKey)) {
+    m_oWake.release();
+    m_oWake = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    addOwn(m_oWake.get(), kWakeKey);
   }
   if (m_nFolders >= 0)
     addOwn(m_nFolders, kFoldersKey);

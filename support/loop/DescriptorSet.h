@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "loop/Callee.h"
+#include "runtime/Descriptor.h"
 
 namespace VarnSupport {
 
@@ -43,8 +44,8 @@ class DescriptorSet {
   // Throws VarnException.
   void open();
   void closeInChild();
-  int epoll() const { return m_nEpoll; }
-  int wakeDescriptor() const { return m_nWake; }
+  int epoll() const { return m_oEpoll.get(); }
+  int wakeDescriptor() const { return m_oWake.get(); }
   // A descriptor of the loop's own, under the key that is told then. False when that fails.
   bool addOwn(int descriptor, std::uint64_t key);
 
@@ -81,8 +82,8 @@ class DescriptorSet {
   void noteClosed(Entries::iterator entry);
   void suspect(std::uint64_t key);
 
-  int m_nEpoll = -1;
-  int m_nWake = -1;
+  Descriptor m_oEpoll;
+  Descriptor m_oWake;
   int m_nFolders = -1;
   Entries m_mapEntries;
   std::uint32_t m_nEntries = 0;

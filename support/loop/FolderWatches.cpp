@@ -22,19 +22,13 @@ std::string_view nameOf(const inotify_event& event) {
 }  // namespace
 
 void FolderWatches::open() {
-  m_nDescriptor = aboveStandardStreams(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-  if (m_nDescriptor < 0)
+  m_oInotify = Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  if (!m_oInotify.isOpen())
     throwSystemError("VarnFileWatch", errno);
 }
 
-void FolderWatches::closeInChild() {
-  if (m_nDescriptor >= 0)
-    close(m_nDescriptor);
-  m_nDescriptor = -1;
-}
-
 int FolderWatches::addToSystem(const char* path, std::uint32_t events) const {
-  const int watch = inotify_add_watch(m_nDescriptor, path, events | IN_MASK_ADD);
+  const int watch = inotify_add_watch(m_oInotify.get(), path, events | IN_MASK_ADD);
   return watch >= 0 ? watch : -errno;
 }
 
@@ -55,12 +49,12 @@ void FolderWatches::removeUnused(int watch) {
   if (m_mapListeners.contains(watch))
     return;
   ++m_nChanges;
-  inotify_rm_watch(m_nDescriptor, watch);
+  inotify_rm_watch(m_oInotify.get(), watch);
 }
 
 void FolderWatches::read() {
   for (int turn = 0; turn < kMostReads; ++turn) {
-    const ssize_t length = ::read(m_nDescriptor, m_aBuffer.data(), m_aBuffer.size());
+    const ssize_t length = ::read(m_oInotify.get(), m_aBuffer.data(), m_aBuffer.size());
     if (length <= 0)
       return;
     const char* const end = m_aBuffer.data() + length;

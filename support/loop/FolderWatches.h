@@ -10,6 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "runtime/Descriptor.h"
+
 namespace VarnSupport {
 
 // Who is told of events. Both are called under the lock of the loop.
@@ -35,9 +37,9 @@ class FolderWatches {
   // Throws VarnException. Opened on first need; closed by a program that closes what it does not
   // know, it is made anew.
   void open();
-  void closeInChild();
-  bool isOpen() const { return m_nDescriptor >= 0; }
-  int descriptor() const { return m_nDescriptor; }
+  void closeInChild() { m_oInotify.close(); }
+  bool isOpen() const { return m_oInotify.isOpen(); }
+  int descriptor() const { return m_oInotify.get(); }
 
   // Returns the watch, or minus the system's code. The lock is given back while the system looks
   // for the file, which may take long; what comes before this returns may not be told.
@@ -69,7 +71,7 @@ class FolderWatches {
   void tellLoss();
   void tellOne(const inotify_event& event, std::string_view newName);
 
-  int m_nDescriptor = -1;
+  Descriptor m_oInotify;
   std::unordered_map<int, std::vector<FolderListener*>> m_mapListeners;
   // Removed watches, and events of watches that had no listener: while a watch is being added,
   // another thread may remove it, and what is told of it reaches nobody. It is added again then.

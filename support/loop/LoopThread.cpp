@@ -1,9 +1,5 @@
 #include "loop/LoopThread.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <system_error>
 #include <utility>
 
@@ -42,16 +38,6 @@ bool startLoopThread(const std::string& name, std::function<void()> body) {
            body();
            succession.setDone();
          }) == 0;
-}
-
-int aboveStandardStreams(int descriptor) {
-  if (descriptor < 0 || descriptor > STDERR_FILENO)
-    return descriptor;
-  const int above = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  const int code = errno;
-  close(descriptor);
-  errno = code;
-  return above;
 }
 
 void throwSystemError(const std::string& what, int code) {

@@ -1,4 +1,4 @@
-// How the threads of the loop are started, and its descriptors opened.
+// How the threads of the loop are started, and how it tells what the system refuses.
 #ifndef SUPPORT_LOOP_LOOPTHREAD_H
 #define SUPPORT_LOOP_LOOPTHREAD_H
 
@@ -11,10 +11,6 @@ namespace VarnSupport {
 // refuses. `name` has at most 15 characters. Should code of users end the thread by pthread_exit(),
 // another one takes its place, and runs `body` from its beginning.
 bool startLoopThread(const std::string& name, std::function<void()> body);
-
-// The same descriptor, or one instead of it, whose number is none of a standard stream: a program
-// may open, or write to, those later. -1, with errno, stays what it is.
-int aboveStandardStreams(int descriptor);
 
 // Throws a VarnException with the system's code and text.
 [[noreturn]] void throwSystemError(const std::string& what, int code);

@@ -44,9 +44,9 @@ void StallWatch::ensureRunning() {
   m_bStopping = false;
   if (m_bRunning)
     return;
-  if (m_nTimer < 0)
-    m_nTimer = aboveStandardStreams(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
-  m_bRunning = m_nTimer >= 0 && startLoopThread("vsupt-stalls", [this] { run(); });
+  if (!m_oTimer.isOpen())
+    m_oTimer = Descriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
+  m_bRunning = m_oTimer.isOpen() && startLoopThread("vsupt-stalls", [this] { run(); });
 }
 
 void StallWatch::stop() {
@@ -54,16 +54,11 @@ void StallWatch::stop() {
   arm(monotonicNow());
 }
 
-void StallWatch::closeInChild() {
-  if (m_nTimer >= 0)
-    close(m_nTimer);
-  m_nTimer = -1;
-}
-
 void StallWatch::arm(MonotonicTime time) {
   itimerspec value{};
   value.it_value = toTimespec(time);
-  m_bArmed = m_nTimer >= 0 && timerfd_settime(m_nTimer, TFD_TIMER_ABSTIME, &value, nullptr) == 0;
+  m_bArmed =
+      m_oTimer.isOpen() && timerfd_settime(m_oTimer.get(), TFD_TIMER_ABSTIME, &value, nullptr) == 0;
 }
 
 void StallWatch::disarmIfIdle() {
@@ -74,7 +69,7 @@ void StallWatch::disarmIfIdle() {
       return;
   }
   const itimerspec none{};
-  timerfd_settime(m_nTimer, 0, &none, nullptr);
+  timerfd_settime(m_oTimer.get(), 0, &none, nullptr);
   m_bArmed = false;
 }
 
@@ -102,7 +97,8 @@ std::vector<std::string> StallWatch::takeStalled() {
 void StallWatch::run() {
   while (true) {
     std::uint64_t expiries = 0;
-    const ssize_t length = retrying([&] { return read(m_nTimer, &expiries, sizeof expiries); });
+    const ssize_t length =
+        retrying([&] { return read(m_oTimer.get(), &expiries, sizeof expiries); });
     std::vector<std::string> stalled;
     {
       const EventLoop::Lock lock;

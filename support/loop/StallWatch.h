@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/Descriptor.h"
 #include "runtime/System.h"
 
 namespace VarnSupport {
@@ -46,7 +47,7 @@ class StallWatch {
   // Without a thread nothing is told.
   void ensureRunning();
   void stop();
-  void closeInChild();
+  void closeInChild() { m_oTimer.close(); }
 
  private:
   static constexpr std::chrono::seconds kPatience{1};
@@ -57,7 +58,7 @@ class StallWatch {
   void disarmIfIdle();
 
   Worker* m_pWorkers = nullptr;
-  int m_nTimer = -1;
+  Descriptor m_oTimer;
   bool m_bArmed = false;
   bool m_bRunning = false;
   bool m_bStopping = false;

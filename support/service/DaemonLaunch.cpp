@@ -2,13 +2,11 @@
 // process lets the daemon go on once the manager knows of it.
 #include "service/DaemonLaunch.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/select.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -16,6 +14,7 @@
 #include <string>
 
 #include "VarnSupport/VarnServiceManager.h"
+#include "runtime/Descriptor.h"
 #include "runtime/Fork.h"
 #include "runtime/System.h"
 
@@ -31,22 +30,6 @@ constexpr std::int32_t kWaitFailed = -4;
 constexpr std::chrono::seconds kAnswerTime{60};
 
 constexpr int kPresentationMilliseconds = 3000;  // longer than a manager is waited for
-
-// A pipe that takes no place of a standard stream, which the program may open, or write to, later.
-bool openPipe(int (&ends)[2]) {
-  int low[2];
-  if (pipe2(low, O_CLOEXEC) != 0)
-    return false;
-  for (int i = 0; i < 2; ++i) {
-    ends[i] = fcntl(low[i], F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    close(low[i]);
-  }
-  if (ends[0] >= 0 && ends[1] >= 0)
-    return true;
-  close(ends[0]);
-  close(ends[1]);
-  return false;
-}
 
 timeval timeUntil(MonotonicTime deadline) {
   using std::chrono::microseconds;
@@ -81,40 +64,35 @@ std::int32_t awaitReport(int descriptor) {
 // message counts only while it comes from the launching process. Without a manager nothing is done.
 class Presentation {
  public:
-  Presentation() : m_bWanted(VarnServiceManager::isPresent() && openPipe(m_aEnds)) {}
+  Presentation() {
+    if (VarnServiceManager::isPresent())
+      m_oPipe = Pipe::open();
+  }
   Presentation(const Presentation&) = delete;
   Presentation& operator=(const Presentation&) = delete;
 
   // For the launching process.
   void make(pid_t daemon) {
-    if (!m_bWanted)
+    if (!m_oPipe.isOpen())
       return;
     VarnServiceManager::mainProcess(daemon);
-    retrying([&] { return write(m_aEnds[1], "", 1); });
+    retrying([&] { return write(m_oPipe.writing.get(), "", 1); });
   }
   // For the daemon. What the manager expects to hear from the launching process, it now expects
   // from the daemon.
   void await() {
-    if (!m_bWanted)
+    if (!m_oPipe.isOpen())
       return;
-    pollfd made{m_aEnds[0], POLLIN, 0};
+    pollfd made{m_oPipe.reading.get(), POLLIN, 0};
     retrying([&] { return poll(&made, 1, kPresentationMilliseconds); });
     const char* const watched = std::getenv("WATCHDOG_PID");
     if (watched != nullptr && watched == std::to_string(m_nLauncher))
       setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
   }
-  // Not in the launching process, which ends.
-  void close() {
-    if (!m_bWanted)
-      return;
-    ::close(m_aEnds[0]);
-    ::close(m_aEnds[1]);
-  }
 
  private:
   const pid_t m_nLauncher = getpid();
-  int m_aEnds[2]{};
-  const bool m_bWanted;
+  Pipe m_oPipe;
 };
 
 pid_t forkToGoOn() {
@@ -125,26 +103,21 @@ pid_t forkToGoOn() {
 }  // namespace
 
 int launchDaemon() {
-  int ends[2];
-  if (!openPipe(ends))
+  Pipe report = Pipe::open();
+  if (!report.isOpen())
     return -1;
   Presentation presentation;
   const pid_t child = forkToGoOn();
-  if (child < 0) {
-    presentation.close();
-    close(ends[0]);
-    close(ends[1]);
+  if (child < 0)
     return -1;
-  }
   if (child > 0) {
-    close(ends[1]);
+    report.writing.close();
     presentation.make(child);
-    _exit(awaitReport(ends[0]));
+    _exit(awaitReport(report.reading.get()));
   }
-  close(ends[0]);
+  report.reading.close();
   presentation.await();
-  presentation.close();
-  return ends[1];
+  return report.writing.release();
 }
 
 DaemonReport::DaemonReport(int descriptor) : m_nDescriptor(descriptor) {

@@ -51,23 +51,21 @@ int resultOf(int returned) { return returned == 0 ? 0 : errno; }
 }  // namespace
 
 LockedFolder::LockedFolder(const std::string& folder)
-    : m_nDescriptor(
-          retrying([&] { return open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })),
-      m_nError(m_nDescriptor < 0 ? errno : 0) {}
+    : m_oFolder(retrying([&] { return open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })),
+      m_nError(m_oFolder.isOpen() ? 0 : errno) {}
 
 // A child of a fork may have the descriptor, too: the lock would stay with it.
 LockedFolder::~LockedFolder() {
   const NoCancellation closing;
-  if (m_nDescriptor < 0)
-    return;
-  flock(m_nDescriptor, LOCK_UN);
-  close(m_nDescriptor);
+  if (m_oFolder.isOpen())
+    flock(m_oFolder.get(), LOCK_UN);
+  m_oFolder.close();
 }
 
 // The system's own wait for such a lock cannot be cancelled.
 int LockedFolder::lock() const {
   int error = m_nError;
-  while (error == 0 && flock(m_nDescriptor, LOCK_EX | LOCK_NB) != 0) {
+  while (error == 0 && flock(m_oFolder.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) {
       error = errno;
     } else {
@@ -80,7 +78,7 @@ int LockedFolder::lock() const {
 
 // Some file systems have nothing to synchronize in folders.
 int LockedFolder::synchronize() const {
-  const int error = resultOf(retrying([&] { return fsync(m_nDescriptor); }));
+  const int error = resultOf(retrying([&] { return fsync(m_oFolder.get()); }));
   return error == EINVAL || error == ENOTSUP ? 0 : error;
 }
 

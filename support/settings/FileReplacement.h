@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "runtime/Descriptor.h"
+
 namespace VarnSupport {
 
 // An open folder, and the lock on it, given back with their owner.
@@ -22,7 +24,7 @@ class LockedFolder {
   int synchronize() const;
 
  private:
-  int m_nDescriptor;
+  Descriptor m_oFolder;
   int m_nError;
 };
 

@@ -18,7 +18,7 @@
 #include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "runtime/ThreadScope.h"
-#include "threads/ConnectionHub.h"
+#include "threads/KeptDependent.h"
 #include "threads/TrackedDependent.h"
 
 namespace VarnSupport {
@@ -85,8 +85,10 @@ VarnCollaborator& VarnCollaborator::operator=(const VarnCollaborator&) { return 
 
 VarnCollaborator::~VarnCollaborator() {
   Walk::orphanAll(*this);
-  for (VarnDependent* const entry : m_vDependents)
-    ConnectionHub::leaveSource(entry);
+  for (VarnDependent* const entry : m_vDependents) {
+    if (KeptDependent* const kept = KeptDependent::findIn(entry))
+      kept->leaveSource();
+  }
 }
 
 void VarnCollaborator::addDependent(VarnDependent& dependent) { addEntry(&dependent); }
@@ -120,16 +122,14 @@ void VarnCollaborator::removeDependent(VarnDependent& dependent) {
   m_nChanges.fetch_add(1, std::memory_order_release);
 }
 
-std::shared_ptr<ConnectionHub> ConnectionHub::of(VarnCollaborator& source) {
-  auto made = std::make_shared<ConnectionHub>();
-  const ListHold hold(source.m_oLock);
-  for (VarnDependent* const entry : source.m_vDependents) {
-    if (ConnectionHub* const found = findIn(entry))
-      return found->shared_from_this();
+KeptDependent& VarnCollaborator::keep(KeptDependent& made) {
+  const ListHold hold(m_oLock);
+  for (VarnDependent* const entry : m_vDependents) {
+    if (KeptDependent* const found = KeptDependent::findIn(entry))
+      return *found;
   }
-  source.m_vDependents.push_back(entryOf(*made));
-  source.m_nChanges.fetch_add(1, std::memory_order_release);
-  made->m_pOwn = made;
+  m_vDependents.push_back(KeptDependent::entryOf(made));
+  m_nChanges.fetch_add(1, std::memory_order_release);
   return made;
 }
 
@@ -184,7 +184,7 @@ TrackedDependent* VarnCollaborator::Cursor::read(TrackedDependent::Call& call) {
   if (TrackedDependent::exist())
     last = std::find_if(first, last, TrackedDependent::findIn);
   m_nEnd = m_nBegin + static_cast<std::size_t>(last - first);
-  std::transform(first, last, m_aBatch.begin(), ConnectionHub::dependentOf);
+  std::transform(first, last, m_aBatch.begin(), KeptDependent::dependentOf);
   TrackedDependent* tracked = nullptr;
   if (first == last && first != list.end()) {
     tracked = TrackedDependent::findIn(*first);

@@ -9,7 +9,7 @@ struct VarnLatchedEvent::State : LatchState {
   using LatchState::LatchState;
 };
 
-LatchState& stateOf(VarnLatchedEvent& event) { return *event.m_pState; }
+LatchState& latchOf(VarnLatchedEvent& event) { return *event.m_pState; }
 
 VarnLatchedEvent::State* VarnLatchedEvent::makeState(bool isSet) {
   const CancellationGuard closed;

@@ -19,7 +19,6 @@
 #include <vector>
 
 #include "VarnSupport/VarnException.h"
-#include "log/OwnRecords.h"
 #include "runtime/CallUnderWay.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
@@ -29,6 +28,7 @@
 #include "runtime/SystemThreads.h"
 #include "threads/EventState.h"
 #include "threads/EventTicket.h"
+#include "threads/Uncaught.h"
 
 namespace VarnSupport {
 
@@ -121,8 +121,8 @@ class TellingThread {
     } catch (...) {
       wake();
       passOnCancellation();
-      OwnRecords::write(OwnRecords::FAILURE,
-                        "VarnSignalEvent: a dependent has thrown an exception");
+      Uncaught::report([] { return "VarnSignalEvent"; },
+                       [] { return "VarnSignalEvent: a dependent has thrown an exception"; });
     }
   }
   // The destructor of the event waits for this thread, unless it ran in the callback.

@@ -16,6 +16,7 @@
 
 namespace VarnSupport {
 
+class KeptDependent;
 class VarnCollaborator;
 
 // What observers are told: an id, and whatever derived classes add.
@@ -88,10 +89,11 @@ class VSUPT_EXPORT VarnCollaborator {
   // Of the library itself: notify(), which tells whether the collaborator lives.
   friend bool deliver(VarnCollaborator& collaborator, const VarnNotification& notification);
   friend class TrackedDependent;
-  friend class ConnectionHub;
+  friend class KeptDependent;
   class Cursor;
 
   VSUPT_LOCAL void addEntry(VarnDependent* entry);
+  VSUPT_LOCAL KeptDependent& keep(KeptDependent& made);
 
   VarnCriticalSectionObject m_oLock;
   std::vector<VarnDependent*> m_vDependents VSUPT_GUARDED_BY(m_oLock);

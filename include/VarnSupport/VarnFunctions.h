@@ -149,12 +149,15 @@ class VSUPT_EXPORT VarnFunctionThread final : public VarnThread {
 };
 
 // Told of an exception that left the function of `origin`, on the thread that it left, which is not
-// killed meanwhile: "thread NAME", "a timer" or "a connection". What it throws is dropped.
+// killed meanwhile: "thread NAME", "a timer", "a connection"; for what a thread of the library
+// calls, what it is called for, as "VarnCommand" or "VarnFileWatch of PATH". What the handler
+// throws is dropped.
 using tUncaughtHandler = void (*)(const std::string& origin, std::exception_ptr exception);
 
 // Has all exceptions told to `handler` that leave the body of any VarnThread, the callback of a
-// timer or the function of a connection; all of these are dropped afterwards, as they are without a
-// handler. Null, as at first, tells nobody. Returns the handler before, which may still be running.
+// timer, the function of a connection, or one that the loop, a pool, a command or a signal calls;
+// all of these are dropped afterwards, as they are without a handler. Null, as at first, tells
+// nobody. Returns the handler before, which may still be running.
 VSUPT_EXPORT tUncaughtHandler VarnSetUncaughtHandler(tUncaughtHandler handler) noexcept;
 
 // The text of an exception: of a VarnException, of a standard one, with what is nested in it after

@@ -81,7 +81,7 @@ class VSUPT_EXPORT VarnLatchedEvent {
 
  private:
   using tMoment = std::chrono::steady_clock::time_point;
-  friend LatchState& stateOf(VarnLatchedEvent& event);  // of the library itself
+  friend LatchState& latchOf(VarnLatchedEvent& event);  // of the library itself
   struct State;
 
   static State* makeState(bool isSet);

@@ -10,7 +10,6 @@
 #include <cassert>
 #include <cerrno>
 #include <condition_variable>
-#include <exception>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -18,11 +17,11 @@
 #include <vector>
 
 #include "VarnSupport/VarnException.h"
-#include "log/OwnRecords.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/NeverDestroyed.h"
 #include "runtime/SystemThreads.h"
+#include "threads/Uncaught.h"
 
 namespace VarnSupport {
 
@@ -90,15 +89,6 @@ class Watch {
   MonotonicTime m_oUntil = MonotonicTime::max();
 };
 
-void recordException() {
-  try {
-    OwnRecords::write(OwnRecords::FAILURE, "VarnCommand: an exception left a function that is ",
-                      "told of the end of a command");
-  } catch (const std::exception&) {
-    return;  // no memory
-  }
-}
-
 // On the mask of the thread that has started the command.
 void call(VarnCommand::Done& done, const VarnCommand::Result& result, const sigset_t& mask) {
   sigset_t own;
@@ -108,7 +98,7 @@ void call(VarnCommand::Done& done, const VarnCommand::Result& result, const sigs
     done = nullptr;
   } catch (...) {
     passOnCancellation();
-    recordException();
+    Uncaught::report([] { return "VarnCommand"; });
   }
   pthread_sigmask(SIG_SETMASK, &own, nullptr);
 }

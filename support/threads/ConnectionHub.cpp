@@ -23,10 +23,6 @@ namespace {
 
 constexpr useconds_t kLookMicroseconds = 1000;
 
-std::uintptr_t bitsOf(const VarnDependent* entry) {
-  return reinterpret_cast<std::uintptr_t>(entry);
-}
-
 }  // namespace
 
 // Guarded by the mutex of the hub, apart from what does not change.
@@ -121,24 +117,22 @@ class ConnectionHub::Call : public ThreadScopeOf<Call> {
   const Use& m_oUse;
 };
 
-VarnDependent* ConnectionHub::entryOf(ConnectionHub& hub) {
-  static_assert(alignof(ConnectionHub) > kHub, "the second bit of an address is free");
-  return reinterpret_cast<VarnDependent*>(bitsOf(&hub) | kHub);
+// On threads that race for it one gets its hub into the source, and the others drop theirs.
+std::shared_ptr<ConnectionHub> ConnectionHub::of(VarnCollaborator& source) {
+  auto made = std::make_shared<ConnectionHub>();
+  auto& kept = static_cast<ConnectionHub&>(keptBy(source, *made));
+  if (&kept != made.get())
+    return kept.shared_from_this();
+  made->m_pOwn = made;
+  return made;
 }
 
-ConnectionHub* ConnectionHub::findIn(VarnDependent* entry) {
-  return (bitsOf(entry) & kHub) != 0 ? static_cast<ConnectionHub*>(dependentOf(entry)) : nullptr;
-}
-
-void ConnectionHub::leaveSource(VarnDependent* entry) {
-  ConnectionHub* const hub = findIn(entry);
-  if (hub == nullptr)
-    return;
+void ConnectionHub::leaveSource() {
   const QuietCancellationGuard closed;
-  const std::shared_ptr<ConnectionHub> kept = std::move(hub->m_pOwn);
+  const std::shared_ptr<ConnectionHub> kept = std::move(m_pOwn);
   tConnections connections;
-  const BriefMutex::Hold hold(hub->m_oMutex);
-  connections.swap(hub->m_vConnections);
+  const BriefMutex::Hold hold(m_oMutex);
+  connections.swap(m_vConnections);
 }
 
 // A function may destroy the source, and its own connection.

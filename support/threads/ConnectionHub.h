@@ -9,27 +9,21 @@
 
 #include "VarnSupport/VarnFunctions.h"
 #include "runtime/BriefMutex.h"
+#include "threads/KeptDependent.h"
 
 namespace VarnSupport {
 
-// A dependent that stays in the list of its source to the end of that, so that connections come and
-// go without moving other entries from under a walk. The source keeps it until it goes itself, and
-// so do the connections: neither touches the other.
-class ConnectionHub : public VarnDependent, public std::enable_shared_from_this<ConnectionHub> {
+// Its entry stays where it is, so that connections come and go without moving other entries from
+// under a walk. The source keeps it until it goes itself, and so do the connections: neither
+// touches the other.
+class ConnectionHub : public KeptDependent, public std::enable_shared_from_this<ConnectionHub> {
  public:
   using Connection = VarnConnection::State;
 
   // The hub of a source, which gets one.
   static std::shared_ptr<ConnectionHub> of(VarnCollaborator& source);
 
-  // The entry of a hub in a list of dependents: its address with the second bit set.
-  static ConnectionHub* findIn(VarnDependent* entry);
-  static VarnDependent* dependentOf(VarnDependent* entry) {
-    return reinterpret_cast<VarnDependent*>(reinterpret_cast<std::uintptr_t>(entry) & ~kHub);
-  }
-  // Called for each entry of a source that goes.
-  static void leaveSource(VarnDependent* entry);
-
+  void leaveSource() override;
   void handleNotification(VarnCollaborator& source, const VarnNotification& notification) override;
 
   void add(const std::shared_ptr<Connection>& connection);
@@ -41,13 +35,10 @@ class ConnectionHub : public VarnDependent, public std::enable_shared_from_this<
   static void forgetLostCalls();
 
  private:
-  static constexpr std::uintptr_t kHub = 2;
-
   class Use;
   class Call;
   using tConnections = std::vector<std::shared_ptr<Connection>>;
 
-  static VarnDependent* entryOf(ConnectionHub& hub);
   tConnections::iterator behindLocked(std::uint64_t number);
 
   std::shared_ptr<ConnectionHub> m_pOwn;  // as long as the source lives

@@ -19,8 +19,8 @@ tUncaughtHandler VarnSetUncaughtHandler(tUncaughtHandler handler) noexcept {
   return theHandler.exchange(handler);
 }
 
-// There is nobody to tell of a failure in here.
-void Uncaught::tell(const tOrigin& origin) noexcept {
+// There is nobody to tell of a failure in here, nor below.
+void Uncaught::tell(const tText& origin) noexcept {
   const tUncaughtHandler handler = theHandler;
   if (handler == nullptr)
     return;
@@ -32,13 +32,19 @@ void Uncaught::tell(const tOrigin& origin) noexcept {
   }
 }
 
-void Uncaught::report(const tOrigin& origin) noexcept {
+void Uncaught::report(const tText& origin) noexcept {
+  report(origin, [&] {
+    std::string text = "An exception left the function of ";
+    return text.append(origin()).append(": ").append(VarnWhat(std::current_exception()));
+  });
+}
+
+void Uncaught::report(const tText& origin, const tText& record) noexcept {
   {
     const QuietCancellationGuard closed;
     const NoCancellation whole;
     try {
-      OwnRecords::write(OwnRecords::FAILURE, "An exception left the function of ", origin(), ": ",
-                        VarnWhat(std::current_exception()));
+      OwnRecords::write(OwnRecords::FAILURE, record());
     } catch (...) {
     }
   }

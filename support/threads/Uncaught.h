@@ -7,16 +7,17 @@
 
 namespace VarnSupport {
 
-// Both are called in the handler of the exception, after passOnCancellation(), and never unwind.
+// All are called in the handler of the exception, after passOnCancellation(), and never unwind.
 class Uncaught {
  public:
-  // Says whose function it was. May fail, and need not be asked.
-  using tOrigin = std::function<std::string()>;
+  // May fail, and need not be asked.
+  using tText = std::function<std::string()>;
 
-  // Tells the handler that is set, if there is one.
-  static void tell(const tOrigin& origin) noexcept;
-  // The same, after a record of level 1.
-  static void report(const tOrigin& origin) noexcept;
+  // Tells the handler that is set, if there is one. `origin` says whose function it was.
+  static void tell(const tText& origin) noexcept;
+  // The same, after a record of level 1: that an exception has left the function, or another text.
+  static void report(const tText& origin) noexcept;
+  static void report(const tText& origin, const tText& record) noexcept;
 };
 
 }  // namespace VarnSupport

@@ -30,7 +30,7 @@ VarnCallbackPool::~VarnCallbackPool() {
   const QuietCancellationGuard closed;
   std::shared_ptr<CallQueue> queue;
   {
-    const EventLoop::Lock lock;
+    const LoopLock lock;
     m_pState->isGone = true;
     if (m_pState->queue != nullptr && EventLoop::isCurrent(&m_pState->queue->loop()))
       queue = m_pState->queue;

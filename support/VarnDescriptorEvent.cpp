@@ -1,30 +1,74 @@
 #include "VarnSupport/VarnDescriptorEvent.h"
 
+#include <sys/epoll.h>
+
 #include <string>
 #include <utility>
 
+#include "loop/Callee.h"
 #include "loop/DescriptorSet.h"
 #include "loop/EventLoop.h"
 #include "runtime/Cancellation.h"
-#include "runtime/ProcessExit.h"
 
 namespace VarnSupport {
 
-struct VSUPT_LOCAL VarnDescriptorEvent::State final : DescriptorCallee {
-  State(int itsDescriptor, unsigned events, Function itsFunction, const VarnCallbackPool* pool)
-      : DescriptorCallee("VarnDescriptorEvent", itsFunction != nullptr, pool, itsDescriptor,
-                         events),
-        function(std::move(itsFunction)) {}
+namespace {
 
-  void begin();
+using Event = VarnDescriptorEvent;
+
+constexpr unsigned kAll = Event::READABLE | Event::WRITABLE | Event::HUNG_UP;
+
+unsigned toSystem(unsigned wanted) {
+  unsigned events = 0;
+  if ((wanted & Event::READABLE) != 0)
+    events |= EPOLLIN;
+  if ((wanted & Event::WRITABLE) != 0)
+    events |= EPOLLOUT;
+  if ((wanted & Event::HUNG_UP) != 0)
+    events |= EPOLLRDHUP;
+  return events;
+}
+
+// What of the system's events is for an object that wants `wanted`.
+unsigned fromSystem(unsigned events, unsigned wanted) {
+  unsigned come = 0;
+  if ((events & EPOLLIN) != 0)
+    come |= Event::READABLE;
+  if ((events & EPOLLOUT) != 0)
+    come |= Event::WRITABLE;
+  if ((events & EPOLLRDHUP) != 0)
+    come |= Event::HUNG_UP;
+  come &= wanted;
+  if (wanted != 0 && (events & (EPOLLHUP | EPOLLERR)) != 0)
+    come |= Event::HUNG_UP;
+  return come;
+}
+
+}  // namespace
+
+struct VSUPT_LOCAL VarnDescriptorEvent::State final : Callee, DescriptorListener {
+  State(int itsDescriptor, unsigned events, Function itsFunction, const VarnCallbackPool* pool)
+      : Callee("VarnDescriptorEvent", itsFunction != nullptr, pool),
+        DescriptorListener(itsDescriptor, (events & EDGE) != 0, pool != nullptr),
+        function(std::move(itsFunction)),
+        wantedEvents(events & kAll) {}
+
   void setWantedLocked(unsigned events);
 
   std::string describe() const override {
     return std::string(kind()) + " of descriptor " + std::to_string(descriptor());
   }
+  unsigned wanted() const override { return toSystem(wantedEvents); }
+  bool hear(unsigned events) override;
+
+  void enterLoop() override {
+    const LoopLock lock;
+    enlist();
+    loop().descriptors().add(*this);
+  }
   void beginCall(MonotonicTime) override {
     noteFirstCall();
-    coming = std::exchange(m_nCome, 0);
+    coming = std::exchange(come, 0);
   }
   void makeCall() override {
     guarded([this] { function(coming); });
@@ -36,21 +80,26 @@ struct VSUPT_LOCAL VarnDescriptorEvent::State final : DescriptorCallee {
   void leaveLoop() override { loop().descriptors().remove(*this); }
 
   const Function function;
-  unsigned coming = 0;  // of the call that is under way
+  unsigned wantedEvents;  // without EDGE
+  unsigned come = 0;      // since the last call
+  unsigned coming = 0;    // of the call that is under way
 };
 
-void VarnDescriptorEvent::State::begin() {
-  const EventLoop::Lock lock;
-  enlist();
-  loop().descriptors().add(*this);
+bool VarnDescriptorEvent::State::hear(unsigned events) {
+  const unsigned heard = fromSystem(events, wantedEvents);
+  if (heard == 0)
+    return false;
+  come |= heard;
+  pend();
+  return true;
 }
 
 void VarnDescriptorEvent::State::setWantedLocked(unsigned events) {
   if (!isEnlisted())
     return;
-  m_nWanted = events & (READABLE | WRITABLE | HUNG_UP);
-  m_nCome &= m_nWanted == 0 ? 0 : m_nWanted | HUNG_UP;
-  if (m_nCome == 0 && isPending()) {
+  wantedEvents = events & kAll;
+  come &= wantedEvents == 0 ? 0 : wantedEvents | HUNG_UP;
+  if (come == 0 && isPending()) {
     unpend();
     if (!isRunning())
       loop().descriptors().release(*this);
@@ -61,15 +110,7 @@ void VarnDescriptorEvent::State::setWantedLocked(unsigned events) {
 VarnDescriptorEvent::VarnDescriptorEvent(int descriptor, unsigned events, Function function,
                                          VarnCallbackPool* pool)
     : m_pState(std::make_shared<State>(descriptor, events, std::move(function), pool)) {
-  const CancellationGuard closed;
-  ProcessExit::watch();
-  try {
-    m_pState->begin();
-  } catch (...) {
-    m_pState->withdraw();
-    throw;
-  }
-  ProcessExit::noteObject();
+  m_pState->activate();
 }
 
 VarnDescriptorEvent::~VarnDescriptorEvent() {
@@ -79,7 +120,7 @@ VarnDescriptorEvent::~VarnDescriptorEvent() {
 
 void VarnDescriptorEvent::setEvents(unsigned events) {
   const CancellationGuard closed;
-  const EventLoop::Lock lock;
+  const LoopLock lock;
   m_pState->setWantedLocked(events);
 }
 

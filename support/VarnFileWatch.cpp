@@ -18,7 +18,6 @@
 #include "loop/FileWatchState.h"
 #include "loop/LoopThread.h"
 #include "runtime/Cancellation.h"
-#include "runtime/ProcessExit.h"
 
 namespace VarnSupport {
 
@@ -150,9 +149,9 @@ void VarnFileWatch::State::lookAt(const std::string& name, const FileHint& hint)
     tell(CHANGED, name, now.size);
 }
 
-void VarnFileWatch::State::begin() {
+void VarnFileWatch::State::enterLoop() {
   {
-    const EventLoop::Lock lock;
+    const LoopLock lock;
     enlist();
     holdCalls();
     loop().openFolders();
@@ -162,7 +161,7 @@ void VarnFileWatch::State::begin() {
     throwSystemError(describe(), m_nRefusal);
   lookAtAll({});
   m_bBeginning = false;
-  const EventLoop::Lock lock;
+  const LoopLock lock;
   if (!m_vFound.empty())
     pend();
   endCall();
@@ -171,15 +170,7 @@ void VarnFileWatch::State::begin() {
 
 VarnFileWatch::VarnFileWatch(const std::string& path, Function function, VarnCallbackPool* pool)
     : m_pState(std::make_shared<State>(path, std::move(function), pool)) {
-  const CancellationGuard closed;
-  ProcessExit::watch();
-  try {
-    m_pState->begin();
-  } catch (...) {
-    m_pState->withdraw();
-    throw;
-  }
-  ProcessExit::noteObject();
+  m_pState->activate();
 }
 
 VarnFileWatch::~VarnFileWatch() {

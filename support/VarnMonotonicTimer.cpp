@@ -3,6 +3,7 @@
 // passed meanwhile make one call, which is told their number.
 #include "VarnSupport/VarnMonotonicTimer.h"
 
+#include <optional>
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
@@ -31,7 +32,7 @@ struct VSUPT_LOCAL VarnMonotonicTimer::State final : Callee {
         interval(itsInterval),
         function(std::move(itsFunction)) {}
 
-  void startLocked(nanoseconds first, bool once, MonotonicTime now);
+  void start(std::optional<nanoseconds> given, bool isPeriodic);
   void stopLocked();
 
   void beginCall(MonotonicTime now) override;
@@ -46,11 +47,21 @@ struct VSUPT_LOCAL VarnMonotonicTimer::State final : Callee {
   std::uint64_t missed = 0;  // of the call that is under way
 };
 
-void VarnMonotonicTimer::State::startLocked(nanoseconds first, bool once, MonotonicTime now) {
+// Without `given` the timer's own interval is the first. A refused start changes nothing.
+void VarnMonotonicTimer::State::start(std::optional<nanoseconds> given, bool isPeriodic) {
+  const CancellationGuard closed;
+  ProcessExit::watch();
+  const MonotonicTime now = monotonicNow();
+  const LoopLock lock;
+  const nanoseconds first = given.value_or(interval);
+  if (isPeriodic && first <= nanoseconds::zero())
+    throw VarnException("VarnMonotonicTimer::start: the interval is not above 0", 0);
   enlist();
   unpend();
-  isOneShot = once;
+  isOneShot = !isPeriodic;
   isActive = true;
+  if (isPeriodic)
+    interval = first;
   deadline = sumOf(now, first);
   if (!isRunning())
     setDeadline(deadline);
@@ -92,46 +103,17 @@ VarnMonotonicTimer::~VarnMonotonicTimer() {
   m_pState->withdraw();
 }
 
-void VarnMonotonicTimer::start() {
-  const CancellationGuard closed;
-  ProcessExit::watch();
-  const MonotonicTime now = monotonicNow();
-  const EventLoop::Lock lock;
-  if (m_pState->interval <= nanoseconds::zero())
-    throw VarnException("VarnMonotonicTimer::start: the interval is not above 0", 0);
-  m_pState->startLocked(m_pState->interval, false, now);
-}
+void VarnMonotonicTimer::start() { m_pState->start({}, true); }
 
-void VarnMonotonicTimer::start(Interval interval) {
-  const CancellationGuard closed;
-  ProcessExit::watch();
-  const MonotonicTime now = monotonicNow();
-  const EventLoop::Lock lock;
-  if (interval.get() <= nanoseconds::zero())
-    throw VarnException("VarnMonotonicTimer::start: the interval is not above 0", 0);
-  m_pState->startLocked(interval.get(), false, now);
-  m_pState->interval = interval.get();
-}
+void VarnMonotonicTimer::start(Interval interval) { m_pState->start(interval.get(), true); }
 
-void VarnMonotonicTimer::startOnce() {
-  const CancellationGuard closed;
-  ProcessExit::watch();
-  const MonotonicTime now = monotonicNow();
-  const EventLoop::Lock lock;
-  m_pState->startLocked(m_pState->interval, true, now);
-}
+void VarnMonotonicTimer::startOnce() { m_pState->start({}, false); }
 
-void VarnMonotonicTimer::startOnce(Interval delay) {
-  const CancellationGuard closed;
-  ProcessExit::watch();
-  const MonotonicTime now = monotonicNow();
-  const EventLoop::Lock lock;
-  m_pState->startLocked(delay.get(), true, now);
-}
+void VarnMonotonicTimer::startOnce(Interval delay) { m_pState->start(delay.get(), false); }
 
 void VarnMonotonicTimer::stop() {
   const QuietCancellationGuard closed;
-  const EventLoop::Lock lock;
+  const LoopLock lock;
   m_pState->stopLocked();
 }
 
@@ -146,7 +128,7 @@ void VarnMonotonicTimer::stopAndWait() {
 
 bool VarnMonotonicTimer::isActive() const {
   const QuietCancellationGuard closed;
-  const EventLoop::Lock lock;
+  const LoopLock lock;
   return m_pState->isEnlisted() && m_pState->isActive;
 }
 

@@ -34,7 +34,7 @@ class CallQueue::Call {
   Call& operator=(const Call&) = delete;
   // The function may have forked, and this be the child: the loop is of the parent then.
   ~Call() {
-    const EventLoop::Lock lock;
+    const LoopLock lock;
     m_oWorker.end();
     if (m_pCallee->m_pLoop != &m_oQueue.m_oLoop || !m_pCallee->isEnlisted())
       return;
@@ -87,7 +87,7 @@ void CallQueue::end() {
 
 bool CallQueue::callFirst(StallWatch::Worker& worker) {
   ProcessExit::watch();
-  EventLoop::Lock lock;
+  LoopLock lock;
   if (m_pFirst == nullptr || ProcessExit::hasBegun() || !EventLoop::isCurrent(&m_oLoop))
     return false;
   Call call(*this, worker);
@@ -104,7 +104,7 @@ void CallQueue::work() {
     if (callFirst(worker))
       continue;
     {
-      const EventLoop::Lock lock;
+      const LoopLock lock;
       if (m_bEnded || !EventLoop::isCurrent(&m_oLoop))
         return;
       worker.rest();

@@ -3,45 +3,15 @@
 // so that its calls never overlap, whatever comes meanwhile.
 #include "loop/Callee.h"
 
-#include <cxxabi.h>
-
 #include <cassert>
-#include <cstdlib>
-#include <exception>
-#include <typeinfo>
 
 #include "VarnSupport/VarnException.h"
-#include "log/OwnRecords.h"
 #include "loop/CallQueue.h"
 #include "loop/EventLoop.h"
+#include "threads/ExceptionText.h"
+#include "threads/Uncaught.h"
 
 namespace VarnSupport {
-
-namespace {
-
-std::string nameOf(const std::type_info* type) {
-  if (type == nullptr)
-    return "unknown";
-  int status = 0;
-  const std::unique_ptr<char, void (*)(void*)> name(
-      abi::__cxa_demangle(type->name(), nullptr, nullptr, &status), std::free);
-  return name != nullptr ? name.get() : type->name();
-}
-
-// What is being handled.
-std::string describeException() {
-  try {
-    throw;
-  } catch (const VarnException& thrown) {
-    return "VarnException " + std::to_string(thrown.getCode()) + ": " + thrown.getText();
-  } catch (const std::exception& thrown) {
-    return nameOf(&typeid(thrown)) + ": " + thrown.what();
-  } catch (...) {
-    return "an object of type " + nameOf(abi::__cxa_current_exception_type());
-  }
-}
-
-}  // namespace
 
 Callee::Callee(const char* kind, bool hasFunction, const VarnCallbackPool* pool)
     : m_pKind(kind), m_pPool(pool != nullptr ? pool->m_pState : nullptr) {
@@ -63,9 +33,21 @@ void Callee::enlist() {
   m_bPending = m_bQueued = m_bRunning = false;
 }
 
+void Callee::activate() {
+  const CancellationGuard closed;
+  ProcessExit::watch();
+  try {
+    enterLoop();
+  } catch (...) {
+    withdraw();
+    throw;
+  }
+  ProcessExit::noteObject();
+}
+
 void Callee::withdraw() noexcept {
   {
-    const EventLoop::Lock lock;
+    const LoopLock lock;
     m_bWithdrawn = true;
     if (isEnlisted()) {
       leaveLoop();
@@ -101,12 +83,8 @@ void Callee::setDeadline(MonotonicTime deadline) { m_pLoop->setDeadline(m_nSlot,
 void Callee::clearDeadline() { m_pLoop->clearDeadline(m_nSlot); }
 
 void Callee::tellException() const noexcept {
-  try {
-    OwnRecords::write(OwnRecords::FAILURE, describe(), ": the function threw ",
-                      describeException());
-  } catch (...) {
-    // There is no memory to say so.
-  }
+  Uncaught::report([this] { return describe(); },
+                   [this] { return describe() + ": the function threw " + describeException(); });
 }
 
 }  // namespace VarnSupport

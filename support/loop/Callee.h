@@ -10,6 +10,7 @@
 
 #include "VarnSupport/VarnCallbackPool.h"
 #include "loop/DeadlineHeap.h"
+#include "loop/LoopObject.h"
 #include "runtime/CallUnderWay.h"
 #include "runtime/Cancellation.h"
 #include "runtime/System.h"
@@ -22,7 +23,7 @@ class EventLoop;
 // Belongs to its public object and, while a call is under way, to that call as well. It is of one
 // loop at a time, the one of the process in which it was enlisted; in the child of a fork it is of
 // none. What is not said to be otherwise is guarded by the lock of the loop.
-class Callee : public std::enable_shared_from_this<Callee> {
+class Callee : public LoopObject, public std::enable_shared_from_this<Callee> {
  public:
   // Throws VarnException, with `kind` and the reason, unless `hasFunction`.
   Callee(const char* kind, bool hasFunction, const VarnCallbackPool* pool);
@@ -30,6 +31,9 @@ class Callee : public std::enable_shared_from_this<Callee> {
   Callee& operator=(const Callee&) = delete;
   virtual ~Callee() = default;
 
+  // For the constructor of a public object that is active from then on, without the lock. Throws
+  // what enterLoop() throws.
+  void activate();
   // For the destructor of the public object, without the lock: no call begins any more, and none is
   // under way on another thread when this returns.
   void withdraw() noexcept;
@@ -41,24 +45,24 @@ class Callee : public std::enable_shared_from_this<Callee> {
   void enlist();
   bool isEnlisted() const;
 
-  // For the log: what is called.
-  virtual std::string describe() const { return m_pKind; }
+  std::string describe() const override { return m_pKind; }
 
   // It is due, or something has come: a call is to be made. Several of them are one call.
   void pend();
   // Takes that back.
   void unpend();
-  // The deadline was reached, and is no more.
-  virtual void onDeadline() { pend(); }
+  void onDeadline() override { pend(); }
 
  protected:
-  using Calls = CallUnderWay<const Callee*>;
+  using Calls = LoopCalls;
 
   // The steps of a call. What it is for is taken; the call is made, without the lock; and what was
   // put off until then is done, if the object still is one of the loop.
   virtual void beginCall(MonotonicTime now) = 0;
   virtual void makeCall() = 0;
   virtual void endCall() {}
+  // What activate() is about. Takes the lock itself.
+  virtual void enterLoop() {}
   // It is about to leave the loop.
   virtual void leaveLoop() {}
 
@@ -79,7 +83,7 @@ class Callee : public std::enable_shared_from_this<Callee> {
 
   // Whether no call may begin. Needs no lock.
   bool isOver() const { return m_bWithdrawn || ProcessExit::hasBegun(); }
-  // Calls user code. What it throws goes to the log.
+  // Calls user code. What it throws goes to the log and is told.
   template <typename Function>
   void guarded(Function function) const {
     try {
@@ -109,7 +113,7 @@ class Callee : public std::enable_shared_from_this<Callee> {
   // Side by side with what derived classes begin with: starting a timer among many that are not in
   // a cache touches little memory.
   EventLoop* m_pLoop = nullptr;
-  DeadlineHeap<Callee>::Slot m_nSlot = 0;
+  DeadlineHeap<LoopObject>::Slot m_nSlot = 0;
   std::atomic<bool> m_bWithdrawn{false};
   bool m_bPending = false;
   bool m_bQueued = false;

@@ -1,4 +1,4 @@
-// A descriptor is registered once with epoll, for all that its objects want. If one of them has a
+// A descriptor is registered once with epoll, for all that its listeners want. If one of them has a
 // pool, the system tells once and then nothing until the calls have ended (EPOLLONESHOT): a level
 // that lasts would keep the loop busy while a thread of the pool is at it.
 //
@@ -20,7 +20,6 @@
 #include <tuple>
 #include <utility>
 
-#include "VarnSupport/VarnDescriptorEvent.h"
 #include "VarnSupport/VarnException.h"
 #include "loop/LoopThread.h"
 
@@ -28,49 +27,13 @@ namespace VarnSupport {
 
 namespace {
 
-using Event = VarnDescriptorEvent;
-
-constexpr unsigned kAll = Event::READABLE | Event::WRITABLE | Event::HUNG_UP;
 constexpr std::size_t kMostSuspects = 64;
-
-unsigned toSystem(unsigned wanted) {
-  unsigned events = 0;
-  if ((wanted & Event::READABLE) != 0)
-    events |= EPOLLIN;
-  if ((wanted & Event::WRITABLE) != 0)
-    events |= EPOLLOUT;
-  if ((wanted & Event::HUNG_UP) != 0)
-    events |= EPOLLRDHUP;
-  return events;
-}
-
-// What of the system's events is for an object that wants `wanted`.
-unsigned fromSystem(unsigned events, unsigned wanted) {
-  unsigned come = 0;
-  if ((events & EPOLLIN) != 0)
-    come |= Event::READABLE;
-  if ((events & EPOLLOUT) != 0)
-    come |= Event::WRITABLE;
-  if ((events & EPOLLRDHUP) != 0)
-    come |= Event::HUNG_UP;
-  come &= wanted;
-  if (wanted != 0 && (events & (EPOLLHUP | EPOLLERR)) != 0)
-    come |= Event::HUNG_UP;
-  return come;
-}
 
 std::uint64_t keyOf(int descriptor, std::uint32_t number) {
   return std::uint64_t{number} << 32 | static_cast<std::uint32_t>(descriptor);
 }
 
 }  // namespace
-
-DescriptorCallee::DescriptorCallee(const char* kind, bool hasFunction, const VarnCallbackPool* pool,
-                                   int descriptor, unsigned events)
-    : Callee(kind, hasFunction, pool),
-      m_nWanted(events & kAll),
-      m_nDescriptor(descriptor),
-      m_bEdge((events & Event::EDGE) != 0) {}
 
 // A write to the wake descriptor is an edge: nobody has to read it.
 void DescriptorSet::open() {
@@ -108,10 +71,10 @@ int DescriptorSet::arm(int descriptor, Entry& entry) {
     return 0;
   unsigned wanted = 0;
   unsigned mode = 0;
-  for (const DescriptorCallee* const object : entry.objects) {
-    wanted |= object->m_nWanted;
-    mode |= (object->m_bEdge ? static_cast<unsigned>(EPOLLET) : 0U) |
-            (object->hasPool() ? static_cast<unsigned>(EPOLLONESHOT) : 0U);
+  for (const DescriptorListener* const listener : entry.listeners) {
+    wanted |= listener->wanted();
+    mode |= (listener->isEdge() ? static_cast<unsigned>(EPOLLET) : 0U) |
+            (listener->isOneShot() ? static_cast<unsigned>(EPOLLONESHOT) : 0U);
   }
   if (wanted == 0) {
     if (std::exchange(entry.isRegistered, false))
@@ -119,8 +82,7 @@ int DescriptorSet::arm(int descriptor, Entry& entry) {
     return 0;
   }
   const int operation = entry.isRegistered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
-  const int code =
-      control(operation, descriptor, toSystem(wanted) | mode, keyOf(descriptor, entry.number));
+  const int code = control(operation, descriptor, wanted | mode, keyOf(descriptor, entry.number));
   if (code == 0)
     entry.isRegistered = true;
   return code;
@@ -132,8 +94,8 @@ bool DescriptorSet::isStillThere(int descriptor, const Entry& entry) const {
          control(EPOLL_CTL_ADD, descriptor, EPOLLET | EPOLLONESHOT, kWakeKey) != 0;
 }
 
-void DescriptorSet::add(DescriptorCallee& object) {
-  const int descriptor = object.m_nDescriptor;
+void DescriptorSet::add(DescriptorListener& listener) {
+  const int descriptor = listener.descriptor();
   auto [found, isNew] = m_mapEntries.try_emplace(descriptor);
   if (!isNew && !isStillThere(descriptor, found->second)) {
     noteClosed(found);
@@ -144,42 +106,42 @@ void DescriptorSet::add(DescriptorCallee& object) {
   if (isNew)
     entry.number = ++m_nEntries;
   const std::string what = "VarnDescriptorEvent of descriptor " + std::to_string(descriptor);
-  if (!entry.objects.empty() && entry.objects.front()->m_bEdge != object.m_bEdge)
+  if (!entry.listeners.empty() && entry.listeners.front()->isEdge() != listener.isEdge())
     throw VarnException(what + ": others wait for it with EDGE, or all without", 0);
-  entry.objects.push_back(&object);
+  entry.listeners.push_back(&listener);
   const int code = arm(descriptor, entry);
   if (code == 0)
     return;
-  entry.objects.pop_back();
-  if (entry.objects.empty())
+  entry.listeners.pop_back();
+  if (entry.listeners.empty())
     m_mapEntries.erase(found);
   throwSystemError(what, code);
 }
 
-void DescriptorSet::remove(DescriptorCallee& object) {
-  release(object);
-  const auto found = m_mapEntries.find(object.m_nDescriptor);
-  if (found == m_mapEntries.end() || std::erase(found->second.objects, &object) == 0)
+void DescriptorSet::remove(DescriptorListener& listener) {
+  release(listener);
+  const auto found = m_mapEntries.find(listener.descriptor());
+  if (found == m_mapEntries.end() || std::erase(found->second.listeners, &listener) == 0)
     return;
   if (arm(found->first, found->second) != 0)
     noteClosed(found);
-  else if (found->second.objects.empty())
+  else if (found->second.listeners.empty())
     m_mapEntries.erase(found);
 }
 
-void DescriptorSet::update(DescriptorCallee& object) {
-  const auto found = m_mapEntries.find(object.m_nDescriptor);
+void DescriptorSet::update(DescriptorListener& listener) {
+  const auto found = m_mapEntries.find(listener.descriptor());
   if (found == m_mapEntries.end() ||
-      std::count(found->second.objects.begin(), found->second.objects.end(), &object) == 0)
+      std::count(found->second.listeners.begin(), found->second.listeners.end(), &listener) == 0)
     return;
   if (arm(found->first, found->second) != 0)
     noteClosed(found);
 }
 
-void DescriptorSet::release(DescriptorCallee& object) {
-  if (!std::exchange(object.m_bBusy, false))
+void DescriptorSet::release(DescriptorListener& listener) {
+  if (!listener.setBusy(false))
     return;
-  const auto found = m_mapEntries.find(object.m_nDescriptor);
+  const auto found = m_mapEntries.find(listener.descriptor());
   if (found != m_mapEntries.end() && --found->second.busy == 0 &&
       arm(found->first, found->second) != 0)
     noteClosed(found);
@@ -187,9 +149,9 @@ void DescriptorSet::release(DescriptorCallee& object) {
 
 // Its objects are left alone from here on.
 void DescriptorSet::noteClosed(Entries::iterator entry) {
-  for (DescriptorCallee* const object : entry->second.objects)
-    object->m_bBusy = false;
-  if (!entry->second.objects.empty())
+  for (DescriptorListener* const listener : entry->second.listeners)
+    listener->setBusy(false);
+  if (!entry->second.listeners.empty())
     m_vClosed.push_back(entry->first);
   m_mapEntries.erase(entry);
 }
@@ -207,16 +169,11 @@ void DescriptorSet::deliver(const epoll_event& event) {
     return;
   }
   Entry& entry = found->second;
-  const bool isTakenOnce = std::any_of(entry.objects.begin(), entry.objects.end(),
-                                       [](const auto* object) { return object->hasPool(); });
-  for (DescriptorCallee* const object : entry.objects) {
-    const unsigned come = fromSystem(event.events, object->m_nWanted);
-    if (come == 0)
-      continue;
-    object->m_nCome |= come;
-    if (isTakenOnce && !std::exchange(object->m_bBusy, true))
+  const bool isTakenOnce = std::any_of(entry.listeners.begin(), entry.listeners.end(),
+                                       [](const auto* listener) { return listener->isOneShot(); });
+  for (DescriptorListener* const listener : entry.listeners) {
+    if (listener->hear(event.events) && isTakenOnce && !listener->setBusy(true))
       ++entry.busy;
-    object->pend();
   }
   if (isTakenOnce && entry.busy == 0 && arm(descriptor, entry) != 0)
     noteClosed(found);

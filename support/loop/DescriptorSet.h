@@ -6,34 +6,44 @@
 
 #include <cstdint>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
-#include "loop/Callee.h"
 #include "runtime/Descriptor.h"
 
 namespace VarnSupport {
 
-// An object that waits for a descriptor. Guarded by the lock of the loop.
-class DescriptorCallee : public Callee {
+// What waits for a descriptor. Guarded by the lock of the loop.
+class DescriptorListener {
  public:
-  DescriptorCallee(const char* kind, bool hasFunction, const VarnCallbackPool* pool, int descriptor,
-                   unsigned events);
+  // `isOneShot`: the system tells once, until the listener is released.
+  DescriptorListener(int descriptor, bool isEdge, bool isOneShot)
+      : m_nDescriptor(descriptor), m_bEdge(isEdge), m_bOneShot(isOneShot) {}
+  DescriptorListener(const DescriptorListener&) = delete;
+  DescriptorListener& operator=(const DescriptorListener&) = delete;
 
   int descriptor() const { return m_nDescriptor; }
+  bool isEdge() const { return m_bEdge; }
+  bool isOneShot() const { return m_bOneShot; }
+
+  // Both in the system's words. False when the events that have come are not for the listener.
+  virtual unsigned wanted() const = 0;
+  virtual bool hear(unsigned events) = 0;
+
+  // For the set: its descriptor is not looked at while it is busy. Returns what it was.
+  bool setBusy(bool isBusy) { return std::exchange(m_bBusy, isBusy); }
 
  protected:
-  unsigned m_nWanted;    // without EDGE
-  unsigned m_nCome = 0;  // since the last call
+  ~DescriptorListener() = default;
 
  private:
-  friend class DescriptorSet;
-
   const int m_nDescriptor;
   const bool m_bEdge;
-  bool m_bBusy = false;  // its descriptor is not looked at until its call has ended
+  const bool m_bOneShot;
+  bool m_bBusy = false;
 };
 
-// The descriptors of an epoll object, each with the objects that wait for it. Guarded by the lock
+// The descriptors of an epoll object, each with those who wait for it. Guarded by the lock
 // of the loop.
 class DescriptorSet {
  public:
@@ -50,13 +60,14 @@ class DescriptorSet {
   bool addOwn(int descriptor, std::uint64_t key);
 
   // Throws VarnException, and changes nothing then.
-  void add(DescriptorCallee& object);
-  void remove(DescriptorCallee& object);
-  // What the object waits for was changed, or its call has ended.
-  void update(DescriptorCallee& object);
-  void release(DescriptorCallee& object);
+  void add(DescriptorListener& listener);
+  void remove(DescriptorListener& listener);
+  // What the listener wants was changed.
+  void update(DescriptorListener& listener);
+  // Its call has ended.
+  void release(DescriptorListener& listener);
 
-  // Has the objects called for which an event has come.
+  // Has those hear for whom an event has come.
   void deliver(const epoll_event& event);
   // Makes the epoll object anew if it holds what can be taken out of it in no other way, or
   // `isBroken`. Returns the descriptors that were found to be closed since the last time.
@@ -69,9 +80,9 @@ class DescriptorSet {
   static constexpr unsigned kBeforeAnotherTryMicroseconds = 10000;
 
   struct Entry {
-    std::vector<DescriptorCallee*> objects;
+    std::vector<DescriptorListener*> listeners;
     std::uint32_t number = 0;  // tells it from earlier ones of the same descriptor
-    int busy = 0;              // objects that are
+    int busy = 0;              // listeners that are
     bool isRegistered = false;
   };
   using Entries = std::unordered_map<int, Entry>;

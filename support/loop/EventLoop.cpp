@@ -7,7 +7,6 @@
 #include "loop/EventLoop.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 
 #include <cassert>
 #include <cerrno>
@@ -33,17 +32,7 @@ int waitWithoutTimeout(int epoll, epoll_event* events, int size, const timespec*
 
 }  // namespace
 
-constinit std::mutex EventLoop::m_oMutex;
 constinit EventLoop* EventLoop::m_pCurrent = nullptr;
-constinit int EventLoop::m_nToWake = -1;
-
-void EventLoop::Lock::unlock() {
-  const int toWake = std::exchange(m_nToWake, -1);
-  m_bHeld = false;
-  m_oMutex.unlock();
-  if (toWake >= 0)
-    eventfd_write(toWake, 1);
-}
 
 EventLoop& EventLoop::current() {
   if (m_pCurrent == nullptr)
@@ -53,21 +42,21 @@ EventLoop& EventLoop::current() {
 
 EventLoop::EventLoop() { m_oDescriptors.open(); }
 
-DeadlineHeap<Callee>::Slot EventLoop::addObject(Callee& callee) {
+EventLoop::Deadlines::Slot EventLoop::addObject(LoopObject& object) {
   ensureRunning();
-  const DeadlineHeap<Callee>::Slot slot = m_oDeadlines.acquire(callee);
+  const Deadlines::Slot slot = m_oDeadlines.acquire(object);
   ++m_nObjects;
   return slot;
 }
 
-void EventLoop::removeObject(DeadlineHeap<Callee>::Slot slot) {
+void EventLoop::removeObject(Deadlines::Slot slot) {
   assert(m_nObjects > 0);
   m_oDeadlines.release(slot);
   if (--m_nObjects == 0)
     wakeFor(monotonicNow() + kLinger);
 }
 
-void EventLoop::setDeadline(DeadlineHeap<Callee>::Slot slot, MonotonicTime deadline) {
+void EventLoop::setDeadline(Deadlines::Slot slot, MonotonicTime deadline) {
   m_oDeadlines.set(slot, deadline);
   wakeFor(deadline);
 }
@@ -76,7 +65,7 @@ void EventLoop::wakeFor(MonotonicTime deadline) {
   if (deadline >= m_oNextLook)
     return;
   m_oNextLook = deadline;
-  m_nToWake = m_oDescriptors.wakeDescriptor();
+  LoopLock::wakeLater(m_oDescriptors.wakeDescriptor());
 }
 
 void EventLoop::openFolders() {
@@ -88,8 +77,8 @@ void EventLoop::openFolders() {
 
 // From here on no call begins: what looks whether the exit has begun does so under the lock.
 void EventLoop::awaitCallsAtExit() {
-  { const Lock behindThoseThatHaveLooked; }
-  CallUnderWay<const Callee*>::awaitAllAtExit();
+  { const LoopLock behindThoseThatHaveLooked; }
+  LoopCalls::awaitAllAtExit();
 }
 
 void EventLoop::ensureRunning() {
@@ -103,7 +92,7 @@ void EventLoop::ensureRunning() {
 
 void EventLoop::run() {
   StallWatch::Worker worker(m_oStalls);
-  Lock lock;
+  LoopLock lock;
   while (waitForWork(lock, worker)) {
     const std::size_t round = m_oQueue.size();
     lock.unlock();
@@ -115,7 +104,7 @@ void EventLoop::run() {
 
 // False when the thread is to end: there is nothing left to wait for, the process exits, or this is
 // the child of a fork in a call.
-bool EventLoop::waitForWork(Lock& lock, StallWatch::Worker& worker) {
+bool EventLoop::waitForWork(LoopLock& lock, StallWatch::Worker& worker) {
   if (!isCurrent(this) || ProcessExit::hasBegun())
     return false;
   pendDue();
@@ -174,33 +163,32 @@ void EventLoop::take(const Events& events, int count) {
 }
 
 void EventLoop::pendDue() {
-  if (m_oDeadlines.first() == DeadlineHeap<Callee>::kNever)
+  if (m_oDeadlines.first() == Deadlines::kNever)
     return;
   const MonotonicTime now = monotonicNow();
-  while (Callee* const callee = m_oDeadlines.takeDue(now))
-    callee->onDeadline();
+  while (LoopObject* const object = m_oDeadlines.takeDue(now))
+    object->onDeadline();
 }
 
 struct EventLoop::Fork {
   static void prepare() {
-    m_oMutex.lock();
-    CallUnderWay<const Callee*>::lockList();
+    LoopLock::prepareFork();
+    LoopCalls::lockList();
     PoolThread::lockList();
   }
 
   // The child only closes: what the descriptors stand for is shared with the parent.
   static void release(ForkSide side) {
     if (side == ForkSide::CHILD) {
-      CallUnderWay<const Callee*>::forgetLost();
+      LoopCalls::forgetLost();
       PoolThread::forgetLost();
       if (m_pCurrent != nullptr)
         leaveBehind(*m_pCurrent);
       m_pCurrent = nullptr;
-      m_nToWake = -1;
     }
     PoolThread::unlockList();
-    CallUnderWay<const Callee*>::unlockList();
-    m_oMutex.unlock();
+    LoopCalls::unlockList();
+    LoopLock::releaseFork(side == ForkSide::CHILD);
   }
 
  private:

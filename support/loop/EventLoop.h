@@ -11,12 +11,13 @@
 
 #include <array>
 #include <cstdint>
-#include <mutex>
 
 #include "loop/CallQueue.h"
 #include "loop/DeadlineHeap.h"
 #include "loop/DescriptorSet.h"
 #include "loop/FolderWatches.h"
+#include "loop/LoopLock.h"
+#include "loop/LoopObject.h"
 #include "loop/StallWatch.h"
 #include "runtime/System.h"
 
@@ -24,27 +25,7 @@ namespace VarnSupport {
 
 class EventLoop {
  public:
-  // Holds the lock of all that loops have, for a few instructions and calls of the system that do
-  // not wait. When it is given back, the loop's thread is woken if that was asked for.
-  class Lock {
-   public:
-    Lock() { lock(); }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
-    ~Lock() {
-      if (m_bHeld)
-        unlock();
-    }
-
-    void lock() {
-      m_oMutex.lock();
-      m_bHeld = true;
-    }
-    void unlock();
-
-   private:
-    bool m_bHeld = false;
-  };
+  using Deadlines = DeadlineHeap<LoopObject>;
 
   // The loop of this process. Requires, as all that follows: the lock is held. Throws VarnException
   // or std::bad_alloc.
@@ -54,10 +35,10 @@ class EventLoop {
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
 
-  DeadlineHeap<Callee>::Slot addObject(Callee& callee);
-  void removeObject(DeadlineHeap<Callee>::Slot slot);
-  void setDeadline(DeadlineHeap<Callee>::Slot slot, MonotonicTime deadline);
-  void clearDeadline(DeadlineHeap<Callee>::Slot slot) { m_oDeadlines.clear(slot); }
+  Deadlines::Slot addObject(LoopObject& object);
+  void removeObject(Deadlines::Slot slot);
+  void setDeadline(Deadlines::Slot slot, MonotonicTime deadline);
+  void clearDeadline(Deadlines::Slot slot) { m_oDeadlines.clear(slot); }
 
   // Has the thread look at that time, if it would later.
   void wakeFor(MonotonicTime deadline);
@@ -79,19 +60,17 @@ class EventLoop {
 
   void ensureRunning();
   void run();
-  bool waitForWork(Lock& lock, StallWatch::Worker& worker);
+  bool waitForWork(LoopLock& lock, StallWatch::Worker& worker);
   int wait(Events& events, MonotonicTime until) const;
   void take(const Events& events, int count);
   void pendDue();
 
   static void awaitCallsAtExit();
 
-  static constinit std::mutex m_oMutex;
   static constinit EventLoop* m_pCurrent;
-  static constinit int m_nToWake;  // descriptor, or -1
 
   CallQueue m_oQueue{*this};
-  DeadlineHeap<Callee> m_oDeadlines;
+  Deadlines m_oDeadlines;
   StallWatch m_oStalls;
   DescriptorSet m_oDescriptors;
   FolderWatches m_oFolders;

@@ -106,8 +106,7 @@ void VarnFileWatch::State::detach() {
 
 // Returns the watch, or minus the system's code. What it is for is noted before the lock, which the
 // caller holds, is given back: so nothing is heard of it before.
-int VarnFileWatch::State::addWatch(EventLoop::Lock& lock, const std::string& path,
-                                   std::uint32_t events) {
+int VarnFileWatch::State::addWatch(LoopLock& lock, const std::string& path, std::uint32_t events) {
   if (!isEnlisted())
     return -ECANCELED;
   FolderWatches& folders = loop().folders();
@@ -119,7 +118,7 @@ int VarnFileWatch::State::addWatch(EventLoop::Lock& lock, const std::string& pat
 }
 
 void VarnFileWatch::State::addWayWatch(const std::string& path, std::uint32_t events) {
-  EventLoop::Lock lock;
+  LoopLock lock;
   m_vWay.reserve(m_vWay.size() + 1);
   const int watch = addWatch(lock, path, events | kOfItself);
   if (watch >= 0)
@@ -127,7 +126,7 @@ void VarnFileWatch::State::addWayWatch(const std::string& path, std::uint32_t ev
 }
 
 int VarnFileWatch::State::addFolderWatch() {
-  EventLoop::Lock lock;
+  LoopLock lock;
   const int watch = addWatch(lock, place.folder, kOfFolder | kOfItself | IN_ONLYDIR);
   m_nFolder = std::max(watch, -1);
   return watch;
@@ -135,7 +134,7 @@ int VarnFileWatch::State::addFolderWatch() {
 
 int VarnFileWatch::State::addTargetWatch(const std::string& path, const std::string& name) {
   std::pair<int, std::string> target(-1, name);
-  EventLoop::Lock lock;
+  LoopLock lock;
   m_vTargets.reserve(m_vTargets.size() + 1);
   target.first = addWatch(lock, path, kOfTarget);
   const int watch = target.first;
@@ -145,7 +144,7 @@ int VarnFileWatch::State::addTargetWatch(const std::string& path, const std::str
 }
 
 void VarnFileWatch::State::removeTargetWatch(int watch, const std::string& name) {
-  const EventLoop::Lock lock;
+  const LoopLock lock;
   if (isEnlisted() && std::erase(m_vTargets, std::pair(watch, name)) > 0)
     loop().folders().remove(watch, *this);
 }
@@ -153,7 +152,7 @@ void VarnFileWatch::State::removeTargetWatch(int watch, const std::string& name)
 // From the root downwards: what changes below a folder once it is watched is told.
 void VarnFileWatch::State::attach() {
   {
-    const EventLoop::Lock lock;
+    const LoopLock lock;
     if (!isEnlisted())
       return;
     detach();

@@ -51,15 +51,13 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
         place(path),
         function(std::move(itsFunction)) {}
 
-  // For the constructor of the public object. Throws VarnException.
-  void begin();
-
   std::string describe() const override { return std::string(kind()) + " of " + place.given; }
   // The loop tells.
   void hear(int watch, std::uint32_t events, std::string_view name,
             std::string_view newName) override;
   void hearLoss() override;
   void onDeadline() override;
+  void enterLoop() override;
   // A call looks.
   void beginCall(MonotonicTime now) override;
   void makeCall() override;
@@ -75,7 +73,7 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
   FileHint* hintFor(std::string_view name);
   void noteLoss();
 
-  int addWatch(EventLoop::Lock& lock, const std::string& path, std::uint32_t events);
+  int addWatch(LoopLock& lock, const std::string& path, std::uint32_t events);
   void addWayWatch(const std::string& path, std::uint32_t events);
   int addTargetWatch(const std::string& path, const std::string& name);
   int addFolderWatch();

@@ -12,28 +12,28 @@
 #include <utility>
 
 #include "log/OwnRecords.h"
-#include "loop/Callee.h"
-#include "loop/EventLoop.h"
+#include "loop/LoopLock.h"
+#include "loop/LoopObject.h"
 #include "loop/LoopThread.h"
 
 namespace VarnSupport {
 
 StallWatch::Worker::Worker(StallWatch& watch) : m_oWatch(watch) {
-  const EventLoop::Lock lock;
+  const LoopLock lock;
   m_pNext = watch.m_pWorkers;
   watch.m_pWorkers = this;
 }
 
 StallWatch::Worker::~Worker() {
-  const EventLoop::Lock lock;
+  const LoopLock lock;
   Worker** link = &m_oWatch.m_pWorkers;
   while (*link != this)
     link = &(*link)->m_pNext;
   *link = m_pNext;
 }
 
-void StallWatch::Worker::begin(const Callee& callee, MonotonicTime now) {
-  m_pCallee = &callee;
+void StallWatch::Worker::begin(const LoopObject& object, MonotonicTime now) {
+  m_pObject = &object;
   m_oBegin = now;
   m_bTold = false;
   if (!m_oWatch.m_bArmed)
@@ -65,7 +65,7 @@ void StallWatch::disarmIfIdle() {
   if (!m_bArmed || m_bStopping)
     return;
   for (const Worker* worker = m_pWorkers; worker != nullptr; worker = worker->m_pNext) {
-    if (worker->m_pCallee != nullptr)
+    if (worker->m_pObject != nullptr)
       return;
   }
   const itimerspec none{};
@@ -80,13 +80,13 @@ std::vector<std::string> StallWatch::takeStalled() {
   MonotonicTime next = MonotonicTime::max();
   m_bArmed = false;
   for (Worker* worker = m_pWorkers; worker != nullptr; worker = worker->m_pNext) {
-    if (worker->m_pCallee == nullptr || worker->m_bTold)
+    if (worker->m_pObject == nullptr || worker->m_bTold)
       continue;
     if (worker->m_oBegin + kPatience > now) {
       next = std::min(next, worker->m_oBegin + kPatience);
     } else {
       worker->m_bTold = true;
-      stalled.push_back(worker->m_pCallee->describe());
+      stalled.push_back(worker->m_pObject->describe());
     }
   }
   if (next != MonotonicTime::max())
@@ -101,7 +101,7 @@ void StallWatch::run() {
         retrying([&] { return read(m_oTimer.get(), &expiries, sizeof expiries); });
     std::vector<std::string> stalled;
     {
-      const EventLoop::Lock lock;
+      const LoopLock lock;
       if (std::exchange(m_bStopping, false) || length < 0) {
         m_bRunning = m_bArmed = false;
         return;
@@ -110,8 +110,8 @@ void StallWatch::run() {
     }
     if (!stalled.empty())
       ProcessExit::watch();
-    for (const std::string& callee : stalled)
-      OwnRecords::write(OwnRecords::FAILURE, callee,
+    for (const std::string& object : stalled)
+      OwnRecords::write(OwnRecords::FAILURE, object,
                         ": the function runs for more than a second; others wait for its thread");
   }
 }

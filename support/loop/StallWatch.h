@@ -10,7 +10,7 @@
 
 namespace VarnSupport {
 
-class Callee;
+class LoopObject;
 
 // Its thread sleeps at a timer of the system, which is set while calls are made and no longer: a
 // process whose calls are short never wakes it. Guarded by the lock of the loop.
@@ -25,8 +25,8 @@ class StallWatch {
     Worker& operator=(const Worker&) = delete;
     ~Worker();
 
-    void begin(const Callee& callee, MonotonicTime now);
-    void end() { m_pCallee = nullptr; }
+    void begin(const LoopObject& object, MonotonicTime now);
+    void end() { m_pObject = nullptr; }
     // The thread is about to wait.
     void rest() { m_oWatch.disarmIfIdle(); }
 
@@ -35,7 +35,7 @@ class StallWatch {
 
     StallWatch& m_oWatch;
     Worker* m_pNext = nullptr;
-    const Callee* m_pCallee = nullptr;  // of the call that is under way
+    const LoopObject* m_pObject = nullptr;  // of the call that is under way
     MonotonicTime m_oBegin{};
     bool m_bTold = false;
   };

@@ -1,0 +1,29 @@
+#include "loop/LoopLock.h"
+
+#include <sys/eventfd.h>
+
+#include <cassert>
+#include <utility>
+
+namespace VarnSupport {
+
+constinit std::mutex LoopLock::m_oMutex;
+constinit int LoopLock::m_nToWake = -1;
+
+// The thread that is woken finds the lock free.
+void LoopLock::unlock() {
+  assert(m_bHeld);
+  const int toWake = std::exchange(m_nToWake, -1);
+  m_bHeld = false;
+  m_oMutex.unlock();
+  if (toWake >= 0)
+    eventfd_write(toWake, 1);
+}
+
+void LoopLock::releaseFork(bool isChild) {
+  if (isChild)
+    m_nToWake = -1;
+  m_oMutex.unlock();
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,43 @@
+// The lock of all that loops have.
+#ifndef SUPPORT_LOOP_LOOPLOCK_H
+#define SUPPORT_LOOP_LOOPLOCK_H
+
+#include <mutex>
+
+namespace VarnSupport {
+
+// Holds the lock, for a few instructions and calls of the system that do not wait. When it is given
+// back, the loop's thread is woken if that was asked for.
+class LoopLock {
+ public:
+  LoopLock() { lock(); }
+  LoopLock(const LoopLock&) = delete;
+  LoopLock& operator=(const LoopLock&) = delete;
+  ~LoopLock() {
+    if (m_bHeld)
+      unlock();
+  }
+
+  void lock() {
+    m_oMutex.lock();
+    m_bHeld = true;
+  }
+  void unlock();
+
+  // Has the descriptor written to when the lock is given back. Requires: the lock is held.
+  static void wakeLater(int descriptor) { m_nToWake = descriptor; }
+
+  static void prepareFork() { m_oMutex.lock(); }
+  // Nobody is to be woken in a child: the descriptor is the parent's.
+  static void releaseFork(bool isChild);
+
+ private:
+  static constinit std::mutex m_oMutex;
+  static constinit int m_nToWake;  // -1 for none; guarded by the mutex
+
+  bool m_bHeld = false;
+};
+
+}  // namespace VarnSupport
+
+#endif

@@ -8,15 +8,16 @@
 #include <cstdint>
 #include <vector>
 
+#include "runtime/IndexedHeap.h"
 #include "runtime/System.h"
 
 namespace VarnSupport {
 
 // A heap in which each entry has up to four below it: half as deep as with two, and the four lie
-// side by side. Of equal deadlines the one that was set first comes first. An item has a slot, a
-// number that says where its entry is; the numbers stand apart from the items, so that moving
-// entries touches little memory. Setting and clearing cost O(log n), and never allocate. Not
-// synchronized.
+// side by side in memory, which counts with hundreds of thousands of them. Of equal deadlines the
+// one that was set first comes first. An item has a slot, a number that says where its entry is;
+// the numbers stand apart from the items, so that moving entries touches little memory. Setting and
+// clearing cost O(log n), and never allocate. Not synchronized.
 template <typename Item>
 class DeadlineHeap {
  public:
@@ -41,7 +42,7 @@ class DeadlineHeap {
   void set(Slot slot, MonotonicTime deadline) {
     clear(slot);
     m_vEntries.push_back({deadline, slot, ++m_nSet});
-    siftUp(m_vEntries.size() - 1);
+    Order::sift(m_vEntries, m_vEntries.size() - 1, noteIndexes());
   }
   void clear(Slot slot) {
     const std::size_t index = m_vIndexes[slot];
@@ -49,15 +50,7 @@ class DeadlineHeap {
       return;
     assert(m_vEntries[index].slot == slot);
     m_vIndexes[slot] = kNowhere;
-    const Entry last = m_vEntries.back();
-    m_vEntries.pop_back();
-    if (index == m_vEntries.size())
-      return;
-    m_vEntries[index] = last;
-    if (index > 0 && last.isBefore(m_vEntries[(index - 1) / kFan]))
-      siftUp(index);
-    else
-      siftDown(index);
+    Order::take(m_vEntries, index, noteIndexes());
   }
 
   MonotonicTime first() const { return m_vEntries.empty() ? kNever : m_vEntries.front().deadline; }
@@ -82,7 +75,7 @@ class DeadlineHeap {
     std::uint32_t order;  // of setting; may wrap around
   };
 
-  static constexpr std::size_t kFan = 4;
+  using Order = IndexedHeap<4>;
   static constexpr std::uint32_t kNowhere = ~std::uint32_t{0};
 
   // With its slot an item gets all the memory that it may need later.
@@ -99,36 +92,10 @@ class DeadlineHeap {
     m_vItems.push_back(nullptr);
   }
 
-  void store(std::size_t index, const Entry& entry) {
-    m_vEntries[index] = entry;
-    m_vIndexes[entry.slot] = static_cast<std::uint32_t>(index);
-  }
-
-  void siftUp(std::size_t index) {
-    const Entry moving = m_vEntries[index];
-    while (index > 0 && moving.isBefore(m_vEntries[(index - 1) / kFan])) {
-      store(index, m_vEntries[(index - 1) / kFan]);
-      index = (index - 1) / kFan;
-    }
-    store(index, moving);
-  }
-
-  void siftDown(std::size_t index) {
-    const Entry moving = m_vEntries[index];
-    const std::size_t size = m_vEntries.size();
-    for (std::size_t child = kFan * index + 1; child < size; child = kFan * index + 1) {
-      const std::size_t end = std::min(child + kFan, size);
-      std::size_t least = child;
-      while (++child < end) {
-        if (m_vEntries[child].isBefore(m_vEntries[least]))
-          least = child;
-      }
-      if (!m_vEntries[least].isBefore(moving))
-        break;
-      store(index, m_vEntries[least]);
-      index = least;
-    }
-    store(index, moving);
+  auto noteIndexes() {
+    return [this](const Entry& entry, std::size_t index) {
+      m_vIndexes[entry.slot] = static_cast<std::uint32_t>(index);
+    };
   }
 
   std::vector<Entry> m_vEntries;

@@ -73,44 +73,13 @@ void TimerSchedule::releaseAll() {
 
 void TimerSchedule::push(bool waits, const Entry& entry) {
   heap(waits).push_back(entry);
-  sift(waits, heap(waits).size() - 1);
+  Order::sift(heap(waits), heap(waits).size() - 1, notePlaces(waits));
 }
 
-// The last entry of the heap takes the place of the one that leaves.
 TimerSchedule::Entry TimerSchedule::take(Slot slot) {
   const auto [waits, index] = m_vPlaces[static_cast<std::size_t>(slot)];
-  Heap& entries = heap(waits);
-  assert(index < entries.size() && entries[index].slot == slot);
-  const Entry taken = entries[index];
-  entries[index] = entries.back();
-  entries.pop_back();
-  if (index < entries.size())
-    sift(waits, index);
-  return taken;
-}
-
-// Moves one entry up or down to where it belongs, and notes the places of all that change theirs.
-void TimerSchedule::sift(bool waits, std::size_t index) {
-  const Heap& entries = heap(waits);
-  const Entry moving = entries[index];
-  while (index > 0 && moving.isBefore(entries[(index - 1) / 2])) {
-    store(waits, index, entries[(index - 1) / 2]);
-    index = (index - 1) / 2;
-  }
-  for (std::size_t child = 2 * index + 1; child < entries.size(); child = 2 * index + 1) {
-    if (child + 1 < entries.size() && entries[child + 1].isBefore(entries[child]))
-      ++child;
-    if (!entries[child].isBefore(moving))
-      break;
-    store(waits, index, entries[child]);
-    index = child;
-  }
-  store(waits, index, moving);
-}
-
-void TimerSchedule::store(bool waits, std::size_t index, const Entry& entry) {
-  heap(waits)[index] = entry;
-  m_vPlaces[static_cast<std::size_t>(entry.slot)] = {waits, index};
+  assert(index < heap(waits).size() && heap(waits)[index].slot == slot);
+  return Order::take(heap(waits), index, notePlaces(waits));
 }
 
 }  // namespace VarnSupport

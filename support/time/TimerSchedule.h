@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "runtime/IndexedHeap.h"
+
 namespace VarnSupport {
 
 class VarnTimer;
@@ -66,6 +68,7 @@ class TimerSchedule {
     Slot slot;
   };
   using Heap = std::vector<Entry>;
+  using Order = IndexedHeap<2>;
 
   // Where a timer is.
   struct Place {
@@ -77,8 +80,11 @@ class TimerSchedule {
   void push(bool waits, const Entry& entry);
   Entry take(Slot slot);
   void releaseAll();
-  void sift(bool waits, std::size_t index);
-  void store(bool waits, std::size_t index, const Entry& entry);
+  auto notePlaces(bool waits) {
+    return [this, waits](const Entry& entry, std::size_t index) {
+      m_vPlaces[static_cast<std::size_t>(entry.slot)] = {waits, index};
+    };
+  }
   Heap& heap(bool waits) { return waits ? m_vWaiting : m_vReady; }
 
   Heap m_vReady;

@@ -1,3 +1,5 @@
+// A pool has no threads before an object needs them, and has them in one process: in the child of a
+// fork its queue belongs to a loop that is not the current one, and another is made.
 #include "VarnSupport/VarnCallbackPool.h"
 
 #include <string>

@@ -1,7 +1,11 @@
+// What has come for an object is gathered until its call takes it. From the moment at which the
+// system tells of a descriptor that is told of once, to the end of the call, the object is busy,
+// and the descriptor is not looked at: whatever ends the call, or makes it needless, releases it.
 #include "VarnSupport/VarnDescriptorEvent.h"
 
 #include <sys/epoll.h>
 
+#include <cassert>
 #include <string>
 #include <utility>
 
@@ -86,6 +90,7 @@ struct VSUPT_LOCAL VarnDescriptorEvent::State final : Callee, DescriptorListener
 };
 
 bool VarnDescriptorEvent::State::hear(unsigned events) {
+  assert(LoopLock::isHeld());
   const unsigned heard = fromSystem(events, wantedEvents);
   if (heard == 0)
     return false;

@@ -9,6 +9,7 @@
 // leads nowhere, the path is tried every second.
 #include "VarnSupport/VarnFileWatch.h"
 
+#include <cassert>
 #include <filesystem>
 #include <set>
 #include <system_error>
@@ -102,6 +103,7 @@ void VarnFileWatch::State::lookAtAll(const FileWork& work) {
 
 void VarnFileWatch::State::forget(const std::string& name, const FileHint& hint) {
   const auto found = m_mapKnown.find(name);
+  assert(found != m_mapKnown.end());
   if (found->second.target >= 0)
     removeTargetWatch(found->second.target, name);
   m_mapKnown.erase(found);

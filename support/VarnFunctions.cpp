@@ -1,3 +1,6 @@
+// Each run has a share of the state, which holds the function and the request to stop: a function
+// may destroy the object of its thread, and goes on to its end. What it waits for meanwhile finds
+// the request by the scope that is on its stack.
 #include "VarnSupport/VarnFunctions.h"
 
 #include "runtime/Cancellation.h"

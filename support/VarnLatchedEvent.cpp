@@ -3,6 +3,8 @@
 #include "runtime/Cancellation.h"
 #include "threads/LatchState.h"
 
+#include <cassert>
+
 namespace VarnSupport {
 
 struct VarnLatchedEvent::State : LatchState {
@@ -45,8 +47,10 @@ std::optional<std::size_t> VarnLatchedEvent::waitForSeveral(
     return all ? std::optional<std::size_t>(0) : std::nullopt;
   std::vector<LatchTicket> tickets;
   tickets.reserve(events.size());
-  for (const VarnLatchedEvent* const event : events)
+  for (const VarnLatchedEvent* const event : events) {
+    assert(event != nullptr);
     tickets.emplace_back(*event->m_pState);
+  }
   return awaitLatches(tickets, all, deadline);
 }
 

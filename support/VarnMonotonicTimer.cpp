@@ -3,6 +3,7 @@
 // passed meanwhile make one call, which is told their number.
 #include "VarnSupport/VarnMonotonicTimer.h"
 
+#include <cassert>
 #include <optional>
 #include <utility>
 
@@ -81,6 +82,7 @@ void VarnMonotonicTimer::State::beginCall(MonotonicTime now) {
     isActive = false;
     return;
   }
+  assert(interval > nanoseconds::zero());
   if (now > deadline)
     missed = static_cast<std::uint64_t>((now - deadline) / interval);
   deadline = sumOf(deadline + interval * static_cast<std::int64_t>(missed), interval);

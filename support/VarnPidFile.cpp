@@ -167,7 +167,9 @@ void PidFileState::lock() {
 // False when the file has lost its name meanwhile, or another process has it, and then `held` is
 // it.
 bool PidFileState::tryLock(Descriptor& held) {
+  assert(!held.isOpen());
   const std::lock_guard guard(m_oMutex);
+  assert(!m_oFile.isOpen());
   Descriptor file = openFile(m_sPath);
   struct stat status {};
   if (fstat(file.get(), &status) != 0)
@@ -192,7 +194,7 @@ bool PidFileState::tryLock(Descriptor& held) {
 }
 
 void PidFileState::write() {
-  assert(m_oFile.get() >= 0);
+  assert(m_oFile.isOpen());
   if (!writeIdentifier(m_oFile.get(), getpid()))
     refuseWithErrno(m_sPath, "cannot be written");
 }

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <csignal>
 #include <cstring>
 #include <memory>
@@ -98,6 +99,7 @@ class TellingThread {
   // Sets the event if there is a delivery to tell of; false, and the entry may be gone, if not.
   bool tellNext() {
     std::unique_lock guard(tableMutex);
+    assert(m_oEntry.hasThread && !m_bFinished);
     m_oEntry.thread = pthread_self();
     if (!hasMoreLocked(m_oEntry)) {
       m_bFinished = true;
@@ -186,6 +188,7 @@ void checkSignal(int signal) {
 
 // Takes the event out of its entry; the last one of a signal gives that back.
 void leaveLocked(SignalEntry& entry) {
+  assert(entry.event != nullptr);
   entry.event = nullptr;
   if (!isListenedForLocked(entry.signal))
     SignalRelay::stopListening(entry.signal);

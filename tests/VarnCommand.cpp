@@ -270,13 +270,10 @@ TEST(VarnCommand, TheTimeLimitEndsTheWholeGroup) {
   VarnCommand quick = shell("exit 7");
   quick.setTimeLimit(milliseconds::max(), milliseconds::max());
   EXPECT_EQ("exited with 7", quick.run().getText());
-}
-
-TEST(VarnCommand, ProgramsThatEndGracefullyKeepTheirExitCode) {
-  VarnCommand command =
+  VarnCommand graceful =
       shell("trap 'echo bye; exit 5' TERM; echo ready; while :; do sleep 0.1; done");
-  command.setTimeLimit(kSoon, kLong);
-  const Result result = command.run();
+  graceful.setTimeLimit(kSoon, kLong);
+  const Result result = graceful.run();
   EXPECT_EQ("exited with 5, as its time was over", result.getText());
   EXPECT_EQ("ready\nbye\n", result.getOutput());
 }

@@ -3,7 +3,10 @@
 #include <sys/resource.h>
 
 #include "LibraryTools.h"
+#include "VarnSupport/VarnCommand.h"
+#include "VarnSupport/VarnMonotonicTimer.h"
 #include "VarnSupport/VarnProperties.h"
+#include "VarnSupport/VarnSignalEvent.h"
 #include "VarnSupport/VarnTimer.h"
 
 using namespace std::chrono_literals;
@@ -317,15 +320,30 @@ TEST(VarnUncaughtHandler, IsToldOfAllThatIsDropped) {
     thread->start();
     thread->waitForThreadExit();
   }
+  const auto awaitTold = [](std::size_t count) {
+    EXPECT_TRUE(eventually([&] {
+      const VarnCriticalSection guard(tellingLock);
+      return told.size() == count;
+    }));
+  };
   VarnTimer timer;
-  Observer observer(timer, [] { throw std::string("timer"); });
+  const Observer observer(timer, [] { throw std::string("timer"); });
   timer.start(100, true);
-  EXPECT_TRUE(eventually([] {
-    const VarnCriticalSection guard(tellingLock);
-    return told.size() == 3;
-  }));
+  awaitTold(3);
+  VarnMonotonicTimer inLoop(1ms, [] { throw VarnException("loop", 0); });
+  inLoop.startOnce();
+  awaitTold(4);
+  VarnCommand command({"true"});
+  command.start([](const VarnCommand::Result&) { throw std::runtime_error("done"); });
+  awaitTold(5);
+  VarnSignalEvent hangUp(SIGHUP);
+  const Observer ofSignal(hangUp, [] { throw std::runtime_error("signal"); });
+  raise(SIGHUP);
+  awaitTold(6);
   timer.stopAndWait();
-  EXPECT_EQ((std::vector<std::string>{"thread one: body", "thread two: 7", "a timer: timer"}),
+  EXPECT_EQ((std::vector<std::string>{"thread one: body", "thread two: 7", "a timer: timer",
+                                      "VarnMonotonicTimer: loop", "VarnCommand: done",
+                                      "VarnSignalEvent: signal"}),
             told);
 }
 

@@ -52,6 +52,11 @@ TEST(VarnPidFile, IsHeldForItsLife) {
     EXPECT_EQ(1, runInBareChild([&] { return attempt(path, getppid()) == "held" ? 0 : 1; }));
     EXPECT_EQ(own(), contentsOf(path));
   }
+  EXPECT_EQ(0, runInBareChild([&] {
+              close(STDIN_FILENO);
+              const VarnPidFile file(path);
+              return fcntl(STDIN_FILENO, F_GETFD) == -1 ? 0 : 1;  // left to whoever opens next
+            }));
   EXPECT_EQ(0, entriesIn(folder.path()));
   std::filesystem::current_path(folder.path());
   const VarnPidFile relative("y.pid");

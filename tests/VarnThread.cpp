@@ -8,8 +8,8 @@
 
 namespace {
 
-// The one wait out of which ThreadSanitizer follows a thread that is cancelled. Out of all others it
-// believes the thread still in the wait, and takes what that does until it ends for unordered.
+// The one wait out of which ThreadSanitizer follows a thread that is cancelled. Out of all others
+// it believes the thread still in the wait, and takes what that does until it ends for unordered.
 int sleepForEver() {
   std::mutex mutex;
   std::condition_variable never;

@@ -14,6 +14,8 @@
 #include <exception>
 #include <utility>
 
+#include "runtime/Cancellation.h"
+
 // The header of some releases of the platform does not say it.
 extern "C" {
 #include <sys/pidfd.h>
@@ -70,6 +72,7 @@ CommandJob::~CommandJob() {
 }
 
 void CommandJob::start(const CommandSettings& settings) noexcept {
+  assert(!m_bFinished && isReaped() && NoCancellation::isInForce());
   LaunchedProgram program = launch(settings);
   if (program.error != 0) {
     fail(program.error, std::move(program.subject));
@@ -85,6 +88,7 @@ void CommandJob::start(const CommandSettings& settings) noexcept {
 }
 
 void CommandJob::fail(int error, std::string subject) noexcept {
+  assert(!m_bFinished && isReaped() && error != 0);
   const std::lock_guard guard(commandLock);
   m_pOutcome->outcome = VarnCommand::NOT_STARTED;
   m_pOutcome->error = error;
@@ -197,6 +201,7 @@ void CommandJob::signalGroup(int signal) const {
 
 // The program may have gone over to another group.
 void CommandJob::killGroup(MonotonicTime now) {
+  assert(!m_bKilled && !m_bFinished);
   signalGroup(SIGKILL);
   if (!m_bEnded &&
       (!m_oHandle.isOpen() || pidfd_send_signal(m_oHandle.get(), SIGKILL, nullptr, 0) != 0) &&
@@ -208,6 +213,7 @@ void CommandJob::killGroup(MonotonicTime now) {
 
 // A status that somebody else has taken is gone, too.
 void CommandJob::reap() {
+  assert(m_bEnded && !isReaped());
   siginfo_t information{};
   waitWith(0, information);
   m_nProcess = -1;
@@ -215,7 +221,7 @@ void CommandJob::reap() {
 }
 
 void CommandJob::finish() {
-  assert(m_bEnded || m_bKilled);
+  assert(!m_bFinished && (m_bEnded || m_bKilled));
   if (m_bTerminating && !m_bKilled)
     signalGroup(SIGKILL);
   m_oOutput.end.close();

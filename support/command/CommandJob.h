@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/types.h>
 
+#include <cassert>
 #include <csignal>
 #include <cstdint>
 #include <memory>
@@ -59,7 +60,10 @@ class CommandJob {
   bool isReaped() const { return m_nProcess == -1; }
   pid_t process() const { return m_nProcess; }
   // Requires: it is finished.
-  VarnCommand::Result result() const { return VarnCommand::Result(m_pOutcome); }
+  VarnCommand::Result result() const {
+    assert(m_bFinished);
+    return VarnCommand::Result(m_pOutcome);
+  }
 
   // In the child of a fork: all jobs are the parent's.
   static void orphanAll();

@@ -17,12 +17,14 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <new>
 #include <string_view>
 #include <utility>
 
+#include "runtime/Cancellation.h"
 #include "runtime/System.h"
 
 // The header of some releases of the platform does not say it.
@@ -277,6 +279,7 @@ LaunchedProgram tryToLaunch(const CommandSettings& settings) {
 }  // namespace
 
 LaunchedProgram launch(const CommandSettings& settings) noexcept {
+  assert(NoCancellation::isInForce());
   LaunchedProgram failed;
   try {
     return tryToLaunch(settings);

@@ -139,6 +139,7 @@ CommandThread::Expectation::~Expectation() {
 }
 
 void CommandThread::addLocked(const std::shared_ptr<CommandTask>& task) {
+  assert(thread.value.isRunning && thread.value.expected > 0);
   assert(thread.value.tasks.size() < thread.value.tasks.capacity());
   thread.value.tasks.push_back(task);
   ring(thread.value.bell);
@@ -177,6 +178,7 @@ void CommandThread::conclude(CommandTask& task) {
   VarnCommand::Done done;
   {
     const std::lock_guard guard(commandLock);
+    assert(task.job.isFinished());
     if (task.state != CommandTask::RUNNING || task.job.isOrphan())
       return;
     task.state = CommandTask::CALLING;

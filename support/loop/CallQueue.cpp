@@ -23,6 +23,7 @@ class CallQueue::Call {
         m_pCallee(queue.m_pFirst->shared_from_this()),
         m_oQueue(queue),
         m_oWorker(worker) {
+    assert(LoopLock::isHeld());
     const MonotonicTime now = monotonicNow();
     queue.remove(*m_pCallee);
     m_pCallee->m_bPending = false;
@@ -52,9 +53,9 @@ class CallQueue::Call {
 };
 
 void CallQueue::push(Callee& callee) {
+  assert(LoopLock::isHeld() && !callee.m_bQueued);
   if (m_bEnded)
     return;
-  assert(!callee.m_bQueued);
   callee.m_bQueued = true;
   callee.m_pNext = nullptr;
   callee.m_pPrevious = m_pLast;
@@ -78,6 +79,7 @@ void CallQueue::remove(Callee& callee) {
 }
 
 void CallQueue::end() {
+  assert(LoopLock::isHeld());
   m_bEnded = true;
   while (m_pFirst != nullptr)
     remove(*m_pFirst);
@@ -114,6 +116,7 @@ void CallQueue::work() {
 }
 
 CallQueue& VarnCallbackPool::State::queueIn(EventLoop& loop) {
+  assert(LoopLock::isHeld());
   if (isGone)
     throw VarnException("VarnCallbackPool: the pool is gone", 0);
   if (queue != nullptr && &queue->loop() == &loop)

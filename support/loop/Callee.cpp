@@ -20,7 +20,10 @@ Callee::Callee(const char* kind, bool hasFunction, const VarnCallbackPool* pool)
   ProcessExit::noteObject();
 }
 
-bool Callee::isEnlisted() const { return EventLoop::isCurrent(m_pLoop); }
+bool Callee::isEnlisted() const {
+  assert(LoopLock::isHeld());
+  return EventLoop::isCurrent(m_pLoop);
+}
 
 void Callee::enlist() {
   if (isEnlisted())
@@ -67,20 +70,28 @@ void Callee::pend() {
 }
 
 void Callee::unpend() {
+  assert(LoopLock::isHeld());
   m_bPending = false;
   if (m_bQueued)
     m_pQueue->remove(*this);
 }
 
 void Callee::letCalls() {
+  assert(LoopLock::isHeld());
   m_bRunning = false;
   if (m_bPending && !m_bQueued)
     m_pQueue->push(*this);
 }
 
-void Callee::setDeadline(MonotonicTime deadline) { m_pLoop->setDeadline(m_nSlot, deadline); }
+void Callee::setDeadline(MonotonicTime deadline) {
+  assert(isEnlisted());
+  m_pLoop->setDeadline(m_nSlot, deadline);
+}
 
-void Callee::clearDeadline() { m_pLoop->clearDeadline(m_nSlot); }
+void Callee::clearDeadline() {
+  assert(isEnlisted());
+  m_pLoop->clearDeadline(m_nSlot);
+}
 
 void Callee::tellException() const noexcept {
   Uncaught::report([this] { return describe(); },

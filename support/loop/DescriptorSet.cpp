@@ -15,12 +15,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <string>
 #include <tuple>
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
+#include "loop/LoopLock.h"
 #include "loop/LoopThread.h"
 
 namespace VarnSupport {
@@ -37,6 +39,7 @@ std::uint64_t keyOf(int descriptor, std::uint32_t number) {
 
 // A write to the wake descriptor is an edge: nobody has to read it.
 void DescriptorSet::open() {
+  assert(LoopLock::isHeld() && !m_oEpoll.isOpen());
   m_oEpoll = Descriptor(epoll_create1(EPOLL_CLOEXEC));
   if (m_oEpoll.isOpen())
     m_oWake = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -95,6 +98,7 @@ bool DescriptorSet::isStillThere(int descriptor, const Entry& entry) const {
 }
 
 void DescriptorSet::add(DescriptorListener& listener) {
+  assert(LoopLock::isHeld());
   const int descriptor = listener.descriptor();
   auto [found, isNew] = m_mapEntries.try_emplace(descriptor);
   if (!isNew && !isStillThere(descriptor, found->second)) {
@@ -130,6 +134,7 @@ void DescriptorSet::remove(DescriptorListener& listener) {
 }
 
 void DescriptorSet::update(DescriptorListener& listener) {
+  assert(LoopLock::isHeld());
   const auto found = m_mapEntries.find(listener.descriptor());
   if (found == m_mapEntries.end() ||
       std::count(found->second.listeners.begin(), found->second.listeners.end(), &listener) == 0)
@@ -139,6 +144,7 @@ void DescriptorSet::update(DescriptorListener& listener) {
 }
 
 void DescriptorSet::release(DescriptorListener& listener) {
+  assert(LoopLock::isHeld());
   if (!listener.setBusy(false))
     return;
   const auto found = m_mapEntries.find(listener.descriptor());
@@ -157,6 +163,7 @@ void DescriptorSet::noteClosed(Entries::iterator entry) {
 }
 
 void DescriptorSet::deliver(const epoll_event& event) {
+  assert(LoopLock::isHeld());
   const int descriptor = static_cast<int>(event.data.u64 & 0xffffffffU);
   const auto found = m_mapEntries.find(descriptor);
   if (found == m_mapEntries.end() || keyOf(descriptor, found->second.number) != event.data.u64) {
@@ -190,6 +197,7 @@ void DescriptorSet::suspect(std::uint64_t key) {
 }
 
 std::vector<int> DescriptorSet::repair(bool isBroken) {
+  assert(LoopLock::isHeld());
   if (!m_bHasGhosts && !isBroken)
     return std::exchange(m_vClosed, {});
   Descriptor epoll(epoll_create1(EPOLL_CLOEXEC));

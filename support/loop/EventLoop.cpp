@@ -35,6 +35,7 @@ int waitWithoutTimeout(int epoll, epoll_event* events, int size, const timespec*
 constinit EventLoop* EventLoop::m_pCurrent = nullptr;
 
 EventLoop& EventLoop::current() {
+  assert(LoopLock::isHeld());
   if (m_pCurrent == nullptr)
     m_pCurrent = new EventLoop;
   return *m_pCurrent;
@@ -43,6 +44,7 @@ EventLoop& EventLoop::current() {
 EventLoop::EventLoop() { m_oDescriptors.open(); }
 
 EventLoop::Deadlines::Slot EventLoop::addObject(LoopObject& object) {
+  assert(LoopLock::isHeld());
   ensureRunning();
   const Deadlines::Slot slot = m_oDeadlines.acquire(object);
   ++m_nObjects;
@@ -50,13 +52,14 @@ EventLoop::Deadlines::Slot EventLoop::addObject(LoopObject& object) {
 }
 
 void EventLoop::removeObject(Deadlines::Slot slot) {
-  assert(m_nObjects > 0);
+  assert(LoopLock::isHeld() && m_nObjects > 0);
   m_oDeadlines.release(slot);
   if (--m_nObjects == 0)
     wakeFor(monotonicNow() + kLinger);
 }
 
 void EventLoop::setDeadline(Deadlines::Slot slot, MonotonicTime deadline) {
+  assert(LoopLock::isHeld());
   m_oDeadlines.set(slot, deadline);
   wakeFor(deadline);
 }
@@ -69,6 +72,7 @@ void EventLoop::wakeFor(MonotonicTime deadline) {
 }
 
 void EventLoop::openFolders() {
+  assert(LoopLock::isHeld());
   if (m_oFolders.isOpen())
     return;
   m_oFolders.open();

@@ -2,6 +2,7 @@
 #include "loop/FileWatchState.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <new>
 #include <system_error>
@@ -40,6 +41,7 @@ FileHint* VarnFileWatch::State::hintFor(std::string_view name) {
 }
 
 void VarnFileWatch::State::noteLoss() {
+  assert(LoopLock::isHeld());
   m_oWork.isLost = true;
   m_oWork.names.clear();
 }
@@ -96,6 +98,7 @@ void VarnFileWatch::State::leaveLoop() {
 
 // Requires: the lock is held.
 void VarnFileWatch::State::detach() {
+  assert(LoopLock::isHeld());
   for (const int watch : m_vWay)
     loop().folders().remove(watch, *this);
   m_vWay.clear();

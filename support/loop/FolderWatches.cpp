@@ -1,11 +1,17 @@
+// The system names a watch by a number, and gives the same number to all who watch one file: a
+// watch is shared, and goes with the last of its listeners. A watch is added without the lock, as
+// the system may look for the file for long. If another thread removes it meanwhile, the number is
+// dead when it comes back: whoever adds finds that watches have gone, and begins anew.
 #include "loop/FolderWatches.h"
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 
+#include "loop/LoopLock.h"
 #include "loop/LoopThread.h"
 
 namespace VarnSupport {
@@ -22,6 +28,7 @@ std::string_view nameOf(const inotify_event& event) {
 }  // namespace
 
 void FolderWatches::open() {
+  assert(LoopLock::isHeld() && !isOpen());
   m_oInotify = Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   if (!m_oInotify.isOpen())
     throwSystemError("VarnFileWatch", errno);
@@ -33,6 +40,7 @@ int FolderWatches::addToSystem(const char* path, std::uint32_t events) const {
 }
 
 void FolderWatches::remove(int watch, FolderListener& listener) {
+  assert(LoopLock::isHeld());
   const auto found = m_mapListeners.find(watch);
   if (found == m_mapListeners.end())
     return;
@@ -53,6 +61,7 @@ void FolderWatches::removeUnused(int watch) {
 }
 
 void FolderWatches::read() {
+  assert(LoopLock::isHeld());
   for (int turn = 0; turn < kMostReads; ++turn) {
     const ssize_t length = ::read(m_oInotify.get(), m_aBuffer.data(), m_aBuffer.size());
     if (length <= 0)

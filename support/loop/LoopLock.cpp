@@ -9,12 +9,13 @@ namespace VarnSupport {
 
 constinit std::mutex LoopLock::m_oMutex;
 constinit int LoopLock::m_nToWake = -1;
+constinit bool LoopLock::m_bTaken = false;
 
 // The thread that is woken finds the lock free.
 void LoopLock::unlock() {
   assert(m_bHeld);
   const int toWake = std::exchange(m_nToWake, -1);
-  m_bHeld = false;
+  m_bHeld = m_bTaken = false;
   m_oMutex.unlock();
   if (toWake >= 0)
     eventfd_write(toWake, 1);
@@ -23,6 +24,7 @@ void LoopLock::unlock() {
 void LoopLock::releaseFork(bool isChild) {
   if (isChild)
     m_nToWake = -1;
+  m_bTaken = false;
   m_oMutex.unlock();
 }
 

@@ -2,6 +2,7 @@
 #ifndef SUPPORT_LOOP_LOOPLOCK_H
 #define SUPPORT_LOOP_LOOPLOCK_H
 
+#include <cassert>
 #include <mutex>
 
 namespace VarnSupport {
@@ -20,20 +21,31 @@ class LoopLock {
 
   void lock() {
     m_oMutex.lock();
-    m_bHeld = true;
+    m_bHeld = m_bTaken = true;
   }
   void unlock();
 
   // Has the descriptor written to when the lock is given back. Requires: the lock is held.
-  static void wakeLater(int descriptor) { m_nToWake = descriptor; }
+  static void wakeLater(int descriptor) {
+    assert(isHeld());
+    m_nToWake = descriptor;
+  }
 
-  static void prepareFork() { m_oMutex.lock(); }
+  // For the asserts of what requires the lock.
+  static bool isHeld() { return m_bTaken; }
+
+  static void prepareFork() {
+    m_oMutex.lock();
+    m_bTaken = true;
+  }
   // Nobody is to be woken in a child: the descriptor is the parent's.
   static void releaseFork(bool isChild);
 
  private:
   static constinit std::mutex m_oMutex;
-  static constinit int m_nToWake;  // -1 for none; guarded by the mutex
+  // Guarded by the mutex.
+  static constinit int m_nToWake;  // -1 for none
+  static constinit bool m_bTaken;
 
   bool m_bHeld = false;
 };

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <utility>
 
@@ -33,6 +34,7 @@ StallWatch::Worker::~Worker() {
 }
 
 void StallWatch::Worker::begin(const LoopObject& object, MonotonicTime now) {
+  assert(LoopLock::isHeld() && m_pObject == nullptr);
   m_pObject = &object;
   m_oBegin = now;
   m_bTold = false;
@@ -41,6 +43,7 @@ void StallWatch::Worker::begin(const LoopObject& object, MonotonicTime now) {
 }
 
 void StallWatch::ensureRunning() {
+  assert(LoopLock::isHeld());
   m_bStopping = false;
   if (m_bRunning)
     return;
@@ -55,6 +58,7 @@ void StallWatch::stop() {
 }
 
 void StallWatch::arm(MonotonicTime time) {
+  assert(LoopLock::isHeld());
   itimerspec value{};
   value.it_value = toTimespec(time);
   m_bArmed =
@@ -62,6 +66,7 @@ void StallWatch::arm(MonotonicTime time) {
 }
 
 void StallWatch::disarmIfIdle() {
+  assert(LoopLock::isHeld());
   if (!m_bArmed || m_bStopping)
     return;
   for (const Worker* worker = m_pWorkers; worker != nullptr; worker = worker->m_pNext) {

@@ -119,6 +119,7 @@ void BriefGate::open() {
 }
 
 void BriefGate::forgetOthers() {
+  assert((m_nState & CLOSED) != 0 && m_pCloser != nullptr);
   chooseBarrier();
   for (Visitor* visitor = m_pVisitors; visitor != nullptr; visitor = visitor->next) {
     if (visitor == m_pCloser)

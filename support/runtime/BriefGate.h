@@ -14,6 +14,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cassert>
 
 namespace VarnSupport {
 
@@ -66,6 +67,7 @@ class BriefGate {
       enterSlowly(visitor);
   }
   static void leave(Visitor& visitor) {
+    assert(visitor.depth.load(std::memory_order_relaxed) > 0);
     visitor.depth.store(visitor.depth.load(std::memory_order_relaxed) - 1,
                         std::memory_order_release);
     if (&visitor == &m_oCrowd)

@@ -127,6 +127,7 @@ void CancellationState::enterBody() {
 }
 
 void CancellationState::leaveBody() {
+  assert(m_bInBody);
   m_nDepth = 1;
   m_bInBody = false;
 }
@@ -195,6 +196,13 @@ void CancellationState::forgetRequest() {
   m_bHasTimer = false;
   m_nInterruptions = 0;
   m_nThread = gettid();
+}
+
+bool NoCancellation::isInForce() noexcept {
+  int state = PTHREAD_CANCEL_ENABLE;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+  pthread_setcancelstate(state, nullptr);
+  return state == PTHREAD_CANCEL_DISABLE;
 }
 
 NoCancellation::NoCancellation() noexcept {

@@ -75,10 +75,12 @@ class CancellationState {
   // handlers of signals on this thread look at the moment, so it is the compiler alone that must
   // not move those instructions out of it.
   void enterMoment() {
+    assert(!m_bInMoment);
     m_bInMoment.store(true, std::memory_order_relaxed);
     std::atomic_signal_fence(std::memory_order_seq_cst);
   }
   void leaveMoment() {
+    assert(m_bInMoment);
     std::atomic_signal_fence(std::memory_order_seq_cst);
     m_bInMoment.store(false, std::memory_order_relaxed);
   }
@@ -208,7 +210,10 @@ class MomentaryGuard {
     return t_pCancellation != nullptr && !CancellationState::kSignalsAreHeldBack;
   }
   // Whether the thread is to be cancelled. Requires: isPossible(), as below.
-  static bool isRequested() { return t_pCancellation->isRequested(); }
+  static bool isRequested() {
+    assert(isPossible());
+    return t_pCancellation->isRequested();
+  }
 
   MomentaryGuard() : m_oState(*t_pCancellation) { m_oState.enterMoment(); }
   MomentaryGuard(const MomentaryGuard&) = delete;
@@ -246,6 +251,9 @@ class BlockingCall {
 // made while something is half done: anybody may cancel a thread that the library does not run.
 class NoCancellation {
  public:
+  // For the asserts of what requires one.
+  static bool isInForce() noexcept;
+
   NoCancellation() noexcept;
   NoCancellation(const NoCancellation&) = delete;
   NoCancellation& operator=(const NoCancellation&) = delete;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <utility>
 
@@ -18,6 +19,7 @@ class Descriptor {
   // Takes over what a call of the system has returned, under another number if need be. Not open,
   // with errno, when the call has failed or there is no other number. Requires: close-on-exec.
   explicit Descriptor(int number) : m_nNumber(number) {
+    assert(number < 0 || (fcntl(number, F_GETFD) & FD_CLOEXEC) != 0);
     if (number < 0 || number > STDERR_FILENO)
       return;
     m_nNumber = fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);

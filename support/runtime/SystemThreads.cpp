@@ -71,6 +71,7 @@ sigset_t allSignals() {
 }
 
 bool startOnOwnStack(pthread_t& thread, void* (*routine)(void*)) {
+  assert(routine != nullptr);
   constexpr std::size_t kGuardBytes = std::size_t{1} << 16;  // a page at least
   constexpr std::size_t kStackBytes = std::size_t{1} << 20;
   void* const memory = mmap(nullptr, kGuardBytes + kStackBytes, PROT_NONE,

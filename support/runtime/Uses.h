@@ -2,6 +2,7 @@
 #ifndef SUPPORT_RUNTIME_USES_H
 #define SUPPORT_RUNTIME_USES_H
 
+#include <cassert>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -21,6 +22,7 @@ class Uses {
   // Afterwards the object may be gone.
   void end() {
     const std::lock_guard guard(m_oMutex);
+    assert(m_nCount > 0);
     --m_nCount;
     m_oChanged.notify_all();
   }

@@ -156,6 +156,7 @@ void ConnectionHub::handleNotification(VarnCollaborator&, const VarnNotification
 
 void ConnectionHub::add(const std::shared_ptr<Connection>& connection) {
   const BriefMutex::Hold hold(m_oMutex);
+  assert(connection->number == 0);
   m_vConnections.push_back(connection);
   connection->number = ++m_nNewest;
 }
@@ -173,6 +174,7 @@ void ConnectionHub::remove(Connection& connection) {
     connection.forgetLost();
     connection.leaving += own;
   }
+  assert(connection.number > 0 && own >= 0);
   if (own > 0)
     connection.tellChange();
   while (true) {

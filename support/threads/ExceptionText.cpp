@@ -1,3 +1,5 @@
+// An exception is looked at by throwing it again, which is the one way to its type. A class of
+// exceptions may carry another inside; these are followed to the last.
 #include "threads/ExceptionText.h"
 
 #include <cxxabi.h>

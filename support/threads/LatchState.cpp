@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 
 #include "runtime/BriefMutex.h"
 #include "runtime/Cancellation.h"
@@ -36,6 +37,7 @@ void LatchState::set() {
 
 LatchWatch::LatchWatch(std::span<const LatchTicket> tickets, EventState& raised)
     : m_vTickets(tickets), m_oRaised(raised) {
+  assert(!tickets.empty());
   {
     const BriefMutex::Hold hold(watchMutex);
     forgetLost();

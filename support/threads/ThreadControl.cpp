@@ -54,6 +54,7 @@ ThreadControl::Visit::~Visit() {
 class ThreadControl::Use {
  public:
   explicit Use(ThreadControl& control) : m_oControl(control) {
+    assert(t_pCancellation == nullptr);
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
     letKillInterrupt();
     t_pCancellation = &m_oControl;
@@ -128,6 +129,7 @@ ThreadControl* ThreadControl::of(const VarnThread& object) {
 // When the system refuses, there may be waiters already, for whom this is the thread's end.
 bool ThreadControl::start(pthread_t& handle) {
   const std::lock_guard guard(m_oMutex);
+  assert(!m_bJoinable && !m_bEnded && m_pObject != nullptr);
   m_nUses.fetch_add(1);
   if (pthread_create(&m_hThread, nullptr, &ThreadControl::routine, this) != 0) {
     m_nUses.fetch_sub(1);

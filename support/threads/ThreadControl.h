@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cassert>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -37,7 +38,10 @@ class ThreadControl : public CancellationState {
     ~Visit();
 
     explicit operator bool() const { return m_pControl != nullptr; }
-    ThreadControl* operator->() const { return m_pControl; }
+    ThreadControl* operator->() const {
+      assert(m_pControl != nullptr);
+      return m_pControl;
+    }
 
    private:
     ThreadControl* m_pControl;

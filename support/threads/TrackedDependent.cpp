@@ -68,6 +68,7 @@ TrackedDependent* TrackedDependent::findIn(VarnDependent* entry) {
 }
 
 void TrackedDependent::Call::begin(TrackedDependent& dependent) {
+  assert(m_pDependent == nullptr);
   m_pDependent = &dependent;
   m_pDependent->m_nCalls.fetch_add(1, std::memory_order_relaxed);
 }

@@ -1,6 +1,7 @@
 #include "threads/Uncaught.h"
 
 #include <atomic>
+#include <cassert>
 #include <exception>
 
 #include "VarnSupport/VarnFunctions.h"
@@ -21,6 +22,7 @@ tUncaughtHandler VarnSetUncaughtHandler(tUncaughtHandler handler) noexcept {
 
 // There is nobody to tell of a failure in here, nor below.
 void Uncaught::tell(const tText& origin) noexcept {
+  assert(std::current_exception() != nullptr);
   const tUncaughtHandler handler = theHandler;
   if (handler == nullptr)
     return;
@@ -40,6 +42,7 @@ void Uncaught::report(const tText& origin) noexcept {
 }
 
 void Uncaught::report(const tText& origin, const tText& record) noexcept {
+  assert(std::current_exception() != nullptr);
   {
     const QuietCancellationGuard closed;
     const NoCancellation whole;

@@ -3,7 +3,6 @@
 
 #include <cctype>
 #include <fstream>
-#include <string>
 
 #include "Probe.h"
 
@@ -22,64 +21,42 @@ double firstNumberOf(const std::string& file) {
   return number;
 }
 
-class LoadProbe : public Probe {
- public:
-  LoadProbe() : Probe("load", "") {}
-  double measure(const Properties&) override { return firstNumberOf("/proc/loadavg"); }
-};
+double load(const Properties&) { return firstNumberOf("/proc/loadavg"); }
 
-class UptimeProbe : public Probe {
- public:
-  UptimeProbe() : Probe("uptime", "h") {}
-  double measure(const Properties&) override { return firstNumberOf("/proc/uptime") / 3600; }
-};
+double uptimeHours(const Properties&) { return firstNumberOf("/proc/uptime") / 3600; }
 
 // The share of the memory that is not available to new programs.
-class MemoryProbe : public Probe {
- public:
-  MemoryProbe() : Probe("memory", "%") {}
-  double measure(const Properties&) override {
-    Properties memory;
-    memory.loadProperties("/proc/meminfo", ':');
-    const double total = std::stod(memory.getProperty("MemTotal"));
-    const double available = std::stod(memory.getProperty("MemAvailable"));
-    return 100 * (total - available) / total;
-  }
-};
+double memoryPercent(const Properties&) {
+  Properties memory;
+  memory.loadProperties("/proc/meminfo", ':');
+  const double total = std::stod(memory.getProperty("MemTotal"));
+  return 100 * (1 - std::stod(memory.getProperty("MemAvailable")) / total);
+}
 
 // The share of a file system that is used; "disk.path" names a place in it.
-class DiskProbe : public Probe {
- public:
-  DiskProbe() : Probe("disk", "%") {}
-  double measure(const Properties& configuration) override {
-    const std::string root = "/";
-    const std::string path = configuration.getProperty("disk.path", root);
-    struct statvfs system {};
-    if (statvfs(path.c_str(), &system) != 0 || system.f_blocks == 0)
-      throw VarnException("cannot look at the file system of " + path, 0);
-    const auto used = static_cast<double>(system.f_blocks - system.f_bfree);
-    return 100 * used / (used + static_cast<double>(system.f_bavail));
-  }
-};
+double diskPercent(const Properties& configuration) {
+  const std::string path = configuration.getProperty("disk.path", "/");
+  struct statvfs system {};
+  if (statvfs(path.c_str(), &system) != 0 || system.f_blocks == 0)
+    throw VarnException("cannot look at the file system of " + path, 0);
+  const auto used = static_cast<double>(system.f_blocks - system.f_bfree);
+  return 100 * used / (used + static_cast<double>(system.f_bavail));
+}
 
-class ProcessProbe : public Probe {
- public:
-  ProcessProbe() : Probe("processes", "") {}
-  double measure(const Properties&) override {
-    int count = 0;
-    for (VarnFindFile entries("/proc/*"); entries.hasMore();) {
-      const std::string entry = entries.next();
-      count += std::isdigit(static_cast<unsigned char>(entry[entry.rfind('/') + 1])) != 0 ? 1 : 0;
-    }
-    return count;
+double processes(const Properties&) {
+  int count = 0;
+  for (VarnFindFile entries("/proc/*"); entries.hasMore();) {
+    const std::string entry = entries.next();
+    count += std::isdigit(static_cast<unsigned char>(entry[entry.rfind('/') + 1])) != 0 ? 1 : 0;
   }
-};
+  return count;
+}
 
-const ProbeRegistration<LoadProbe> loadProbe("LoadProbe");
-const ProbeRegistration<UptimeProbe> uptimeProbe("UptimeProbe");
-const ProbeRegistration<MemoryProbe> memoryProbe("MemoryProbe");
-const ProbeRegistration<DiskProbe> diskProbe("DiskProbe");
-const ProbeRegistration<ProcessProbe> processProbe("ProcessProbe");
+const ProbeRegistration loadProbe("LoadProbe", {"load", "", load});
+const ProbeRegistration uptimeProbe("UptimeProbe", {"uptime", "h", uptimeHours});
+const ProbeRegistration memoryProbe("MemoryProbe", {"memory", "%", memoryPercent});
+const ProbeRegistration diskProbe("DiskProbe", {"disk", "%", diskPercent});
+const ProbeRegistration processProbe("ProcessProbe", {"processes", "", processes});
 
 }  // namespace
 

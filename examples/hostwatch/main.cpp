@@ -1,205 +1,132 @@
 // hostwatch: watches one host, once or as a service.
 #include <unistd.h>
 
-#include <csignal>
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <filesystem>
-#include <memory>
-#include <string>
-#include <vector>
+#include <list>
 
-#include "HostService.h"
-#include "Report.h"
+#include "hostwatch.h"
 
 using namespace VarnSupport;
 using namespace hostwatch;
+namespace fs = std::filesystem;
 
 namespace {
 
 enum tExit { ALL_IS_WELL = 0, NOT_WELL = 1, WRONG_USE = 2 };
 
-const char* const kUsage =
-    "usage: hostwatch [OPTION...]\n"
-    "\n"
-    "  -c, --config=FILE    read the configuration from FILE\n"
-    "  -o, --once           print one sample of every probe; exit with 1 if one is over its limit\n"
-    "      --json           with --once: as JSON\n"
-    "      --check          say all that is wrong with the configuration\n"
-    "  -d, --daemon         run in the background, logging to a file\n"
-    "  -i, --interval=N     seconds between two samples\n"
-    "  -l, --log=FILE       log to FILE; a number and .log are put in place of its extension\n"
-    "  -L, --log-level=N    -1 (off) to 9 (tracing); 1 crossings of limits, 5 every sample\n"
-    "  -p, --plugin=NAME    load probes from libNAME.so, or from NAME if it is a path\n"
-    "      --list           print the known probes\n"
-    "  -h, --help           print this\n"
-    "  -v, --version        print the version\n"
-    "\n"
-    "Without --once and --daemon it runs in the foreground until SIGTERM or SIGINT.\n";
-
-const char* const kOptionsWithValue[] = {"config", "interval", "log", "log-level", "plugin"};
-
-// The arguments with "--name value" written as "--name=value".
-VarnProgramOptions parse(int argc, char** argv) {
-  std::vector<std::string> arguments(argv, argv + argc);
-  for (std::size_t i = 1; i + 1 < arguments.size(); ++i) {
-    for (const std::string name : kOptionsWithValue) {
-      if (arguments[i] == "--" + name) {
-        arguments[i] += '=' + arguments[i + 1];
-        arguments.erase(arguments.begin() + static_cast<std::ptrdiff_t>(i) + 1);
-      }
-    }
-  }
-  std::vector<char*> pointers;
-  for (std::string& argument : arguments)
-    pointers.push_back(argument.data());
-  return VarnProgramOptions(
-      static_cast<int>(pointers.size()), pointers.data(), "c:odi:l:L:p:hv",
-      ":config:once:json:check:daemon:interval:log:log-level:plugin:list:help:version:", false);
+void declare(VarnOptionTable& options) {
+  options.value("-c, --config=FILE", "read the configuration from FILE")
+      .flag("-o, --once", "print one sample of every probe; exit with 1 if one is over its limit")
+      .flag("--json", "with --once: as JSON")
+      .flag("--check", "say all that is wrong with the configuration")
+      .flag("-d, --daemon", "run in the background, logging to a file")
+      .value("-i, --interval=N", "seconds between two samples")
+      .value("-l, --log=FILE", "log to FILE")
+      .value("-L, --log-level=N", "-1 (off) to 9 (tracing); 1 crossings of limits, 5 every sample")
+      .value("-P, --pid-file=FILE", "run only while no other hostwatch has FILE")
+      .values("-p, --plugin=NAME", "load probes from libNAME.so, or from NAME if it is a path")
+      .flag("--list", "print the known probes")
+      .flag("-v, --version", "print the version")
+      .note(
+          "Without --once and --daemon it runs in the foreground until SIGTERM or SIGINT. SIGHUP "
+          "makes it read the configuration, and open its log, again.");
 }
 
-// The command line, under the long names of its options.
-class CommandLine {
- public:
-  CommandLine(int argc, char** argv) : m_oOptions(parse(argc, argv)) {
-    const char* const names[][2] = {{"c", "config"},   {"o", "once"}, {"d", "daemon"},
-                                    {"i", "interval"}, {"l", "log"},  {"L", "log-level"},
-                                    {"p", "plugin"},   {"h", "help"}, {"v", "version"}};
-    for (const auto& [letter, name] : names) {
-      for (const std::string& given : values(letter))
-        m_oOptions.getOptions().addProperty(name, given);
-    }
-    for (const char* const name : kOptionsWithValue) {
-      if (has(name) && value(name).empty())
-        throw VarnException("--" + std::string(name) + " needs a value", 0);
-    }
-    if (has("json") && !has("once"))
-      throw VarnException("--json needs --once", 0);
-    std::string argument;
-    if (m_oOptions.nextArgument(argument))
-      throw VarnException("there is no use for '" + argument + "'", 0);
+// What the command line says in place of the configuration.
+Properties settingsOf(const VarnOptionTable& options) {
+  Properties settings = options.values();
+  for (const auto& [name, values] : settings.getProperties()) {
+    if (std::count(values.begin(), values.end(), "") > 0)
+      throw VarnOptionError("--" + name + " needs a value");
   }
-
-  bool has(const std::string& name) const { return !values(name).empty(); }
-  // The last one given counts.
-  std::string value(const std::string& name) const { return has(name) ? values(name).back() : ""; }
-  std::vector<std::string> values(const std::string& name) const {
-    return m_oOptions.getOptions().getPropertyValues(name);
+  if (options.isGiven("json") && !options.isGiven("once"))
+    throw VarnOptionError("--json needs --once");
+  // These count from the folder of the starter, all paths of the configuration from "/".
+  for (const std::string file : {"config", "log", "pid-file"}) {
+    if (options.isGiven(file))
+      settings.setProperty(file, fs::absolute(options.text(file)).string());
   }
-
- private:
-  VarnProgramOptions m_oOptions;
-};
-
-// The loader's own search when no such plug-in is installed.
-std::string pluginFile(const std::string& name) {
-  if (name.find('/') != std::string::npos)
-    return name;
-  const std::string file = "lib" + name + ".so";
-  const std::string installed = installedFile(file, HOSTWATCH_PLUGINS "/" + file);
-  return std::filesystem::exists(installed) ? installed : file;
-}
-
-Settings loadSettings(const CommandLine& commandLine) {
-  Settings settings(commandLine.has("config")
-                        ? commandLine.value("config")
-                        : installedFile("hostwatch.conf", HOSTWATCH_ETC "/hostwatch.conf"));
-  if (commandLine.has("interval"))
-    settings.set("interval", commandLine.value("interval"));
-  if (commandLine.has("log-level"))
-    settings.set("log.level", commandLine.value("log-level"));
-  if (commandLine.has("log"))
-    settings.set("log", std::filesystem::absolute(commandLine.value("log")).string());
   return settings;
 }
 
-int reportOnce(const CommandLine& commandLine, const Settings& settings, const Texts& texts) {
-  std::vector<SamplePointer> samples;
-  bool over = false;
-  for (const auto& probe : makeProbes(settings)) {
-    samples.push_back(takeSample(*probe, settings));
-    over = over || samples.back()->isOver(settings);
+// The loader's own search when no such plug-in is installed.
+std::string pluginFile(const std::string& name) {
+  const std::string file = "lib" + name + ".so";
+  const std::string installed = installedFile(file, HOSTWATCH_PLUGINS "/" + file);
+  return fs::exists(installed) ? installed : file;
+}
+
+int listProbes(const std::vector<std::string>& builtIn) {
+  std::printf("%s\n  %s\n", message("list.title").c_str(), message("list.builtin").c_str());
+  const auto all = VarnObjectFactory::getGlobalInstance()->getRegisteredClasses();
+  for (const std::string& name : builtIn)
+    std::printf("    %s\n", name.c_str());
+  if (all.size() > builtIn.size())
+    std::printf("  %s\n", message("list.plugins").c_str());
+  for (const std::string& name : all) {
+    if (std::count(builtIn.begin(), builtIn.end(), name) == 0)
+      std::printf("    %s\n", name.c_str());
   }
-  if (commandLine.has("json"))
-    printJson(samples, settings);
+  return ALL_IS_WELL;
+}
+
+// Tells of what shows only when the probes are used, too.
+int check(const Config& config, VarnSettings& settings) {
+  for (std::size_t i = 0; i < config.probes.size(); ++i) {
+    if (const Sample sample(*config.probes[i], config); !sample.error.empty())
+      settings.fault("probe", sample.error, i);
+  }
+  settings.finish();
+  return ALL_IS_WELL;
+}
+
+int reportOnce(const Config& config, bool asJson) {
+  std::vector<Sample> samples;
+  for (const auto& probe : config.probes)
+    samples.emplace_back(*probe, config);
+  if (asJson)
+    printJson(samples, config.host);
   else
-    printTable(samples, settings, texts);
-  return over ? NOT_WELL : ALL_IS_WELL;
-}
-
-// Whatever the starter has blocked. A terminal that is closed stops hostwatch in order; a daemon
-// has none, and goes on.
-void prepareSignals(bool asDaemon) {
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-  const sighandler_t stop = [](int) { kill(getpid(), SIGTERM); };
-  const sighandler_t nothing = [](int) {};
-  if (std::signal(SIGHUP, asDaemon ? nothing : stop) == SIG_IGN)
-    std::signal(SIGHUP, SIG_IGN);  // by nohup
-}
-
-int serve(const CommandLine& commandLine, const Settings& settings, const Texts& texts) {
-  const bool asDaemon = commandLine.has("daemon");
-  if (settings.logFile().empty() && asDaemon)
-    throw VarnException("--daemon needs --log, or log= in the configuration", 0);
-  if (const auto faults = settings.serviceFaults(); !faults.empty())
-    throw VarnException(faults.front(), 0);
-  prepareSignals(asDaemon);
-  std::srand(static_cast<unsigned>(std::time(nullptr)) ^ static_cast<unsigned>(getpid()));
-  return runService(settings, texts, asDaemon) ? ALL_IS_WELL : NOT_WELL;
-}
-
-// All that is wrong, also what shows only when the probes are used.
-int check(const Settings& settings) {
-  std::vector<std::string> faults = settings.faults();
-  for (const std::string& fault : settings.serviceFaults())
-    faults.push_back(fault);
-  if (faults.empty()) {
-    const Probes probes = makeProbes(settings);
-    for (std::size_t i = 0; i < probes.size(); ++i) {
-      const SamplePointer sample = takeSample(*probes[i], settings);
-      if (!sample->error.empty())
-        faults.push_back(settings.faultAt("probe=" + settings.probes()[i], sample->error));
-    }
-  }
-  for (const std::string& fault : faults)
-    std::fprintf(stderr, "hostwatch: %s\n", fault.c_str());
-  return faults.empty() ? ALL_IS_WELL : WRONG_USE;
+    printTable(samples, config.title);
+  const auto isOver = [](const Sample& sample) { return sample.isOver(); };
+  return std::any_of(samples.begin(), samples.end(), isOver) ? NOT_WELL : ALL_IS_WELL;
 }
 
 int run(int argc, char** argv) {
-  const CommandLine commandLine(argc, argv);
-  if (commandLine.has("help")) {
-    std::fputs(kUsage, stdout);
-    return 0;
-  }
-  if (commandLine.has("version")) {
-    std::puts("hostwatch " HOSTWATCH_VERSION);
-    return 0;
-  }
-  if (commandLine.has("daemon"))
+  VarnOptionTable options("hostwatch", HOSTWATCH_VERSION,
+                          "Watches the values of this host against limits.");
+  declare(options);
+  if (const std::optional<int> code = options.parse(argc, argv))
+    return *code;
+  const Properties given = settingsOf(options);
+  if (options.isGiven("daemon"))
     close_range(STDERR_FILENO + 1, ~0U, 0);  // what the starter has left open, and perhaps locked
-  VarnLocaleFactory::initializeLanguageCountryCode();
   const auto builtIn = VarnObjectFactory::getGlobalInstance()->getRegisteredClasses();
-  std::vector<std::unique_ptr<VarnLibrary>> plugins;
-  for (const std::string& name : commandLine.values("plugin"))
-    plugins.push_back(std::make_unique<VarnLibrary>(pluginFile(name), true));
-  const Texts texts;
-  if (commandLine.has("list")) {
-    printProbes(builtIn, texts);
-    return 0;
+  std::list<VarnLibrary> plugins;
+  for (const std::string& name : options.texts("plugin"))
+    plugins.emplace_back(name.find('/') != name.npos ? name : pluginFile(name), true);
+  checkMessages();
+  if (options.isGiven("list"))
+    return listProbes(builtIn);
+  fs::current_path("/");  // where a daemon works: settings mean the same without one
+  const std::string file =
+      given.getProperty("config", installedFile("hostwatch.conf", HOSTWATCH_ETC "/hostwatch.conf"));
+  const bool once = options.isGiven("once");
+  if (once || options.isGiven("check")) {
+    VarnSettings settings(file, given);
+    const Config config(settings, !once);
+    settings.finish();
+    return once ? reportOnce(config, options.isGiven("json")) : check(config, settings);
   }
-  const Settings settings = loadSettings(commandLine);
-  std::filesystem::current_path("/");  // where a daemon works: settings mean the same without one
-  if (commandLine.has("check"))
-    return check(settings);
-  if (const auto faults = settings.faults(); !faults.empty())
-    throw VarnException(faults.front(), 0);
-  return commandLine.has("once") ? reportOnce(commandLine, settings, texts)
-                                 : serve(commandLine, settings, texts);
+  VarnReloaded<Config> config(file, given);
+  if (options.isGiven("daemon") && config.get()->logFile.empty())
+    throw VarnOptionError("--daemon needs --log, or log= in the configuration");
+  return runService(config, options.isGiven("daemon")) ? ALL_IS_WELL : NOT_WELL;
 }
+
+void tell(const std::string& fault) { std::fprintf(stderr, "hostwatch: %s\n", fault.c_str()); }
 
 }  // namespace
 
@@ -209,12 +136,11 @@ int main(int argc, char** argv) {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
       throw VarnException("cannot write to standard output", 0);
     return result;
-  } catch (const VarnException& error) {
-    std::fprintf(stderr, "hostwatch: %s\n", error.getText().c_str());
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "hostwatch: %s\n", error.what());
+  } catch (const VarnSettingsError& error) {
+    for (const std::string& fault : error.faults())
+      tell(fault);
   } catch (...) {
-    std::fprintf(stderr, "hostwatch: a probe throws what is no exception\n");
+    tell(VarnWhat());
   }
   return WRONG_USE;
 }

@@ -1,9 +1,11 @@
 // The example daemon, as its users run it.
+#include <fcntl.h>
 #include <sys/prctl.h>
 
 #include <regex>
+#include <utility>
 
-#include "TestTools.h"
+#include "ServiceManagerTools.h"
 
 namespace {
 
@@ -21,17 +23,10 @@ Outcome hostwatch(const std::string& arguments, const std::string& environment =
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentsOf(folder / "output")};
 }
 
-// The only log file of `folder` whose name begins with "log", once it holds `text`.
+// The log in `folder`, once it holds `text`.
 std::string logWith(const TempFolder& folder, const std::string& text) {
-  std::string log;
-  eventually([&] {
-    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
-      if (entry.path().filename().string().starts_with("log"))
-        log = contentsOf(entry.path());
-    }
-    return contains(log, text);
-  });
-  return log;
+  eventually([&] { return contains(contentsOf(folder / "log"), text); });
+  return contentsOf(folder / "log");
 }
 
 }  // namespace
@@ -39,18 +34,19 @@ std::string logWith(const TempFolder& folder, const std::string& text) {
 TEST(Hostwatch, WrongUseGivesOneLineAndExitCode2) {
   const TempFolder folder;
   const std::array<std::string, 3> rows[] = {
-      {"probe=LoadProbe", "--bogus", "Unrecognized option: --bogus"},
-      {"probe=LoadProbe", "-z", "Unrecognized option: -z"},
-      {"probe=LoadProbe", "--once --log", "--log needs a value"},
-      {"probe=LoadProbe", "--once -i", "option data not available for: -i"},
+      {"probe=LoadProbe", "--bogus", "unknown option --bogus"},
+      {"probe=LoadProbe", "-z", "unknown option -z"},
+      {"probe=LoadProbe", "--once --log", "--log needs data"},
+      {"probe=LoadProbe", "--once -i", "-i needs data"},
       {"probe=LoadProbe", "--once --interval=", "--interval needs a value"},
-      {"probe=LoadProbe", "--once --interval 0", "interval=0 is not a number from 1 to 86400"},
-      {"probe=LoadProbe", "--once more", "there is no use for 'more'"},
+      {"probe=LoadProbe", "--once --interval 0", "'0' is no whole number from 1 to 86400"},
+      {"probe=LoadProbe", "--once more", "there is no use for more"},
       {"probe=LoadProbe", "--daemon", "--daemon needs --log"},
       {"probe=LoadProbe", "--daemon --log /no/such/log", "cannot write a log to /no/such"},
       {"probe=LoadProbe", "--json", "--json needs --once"},
       {"probe=LoadProbe", "--once --plugin=/no/such.so", "/no/such.so"},
-      {"", "--once", "names no probe"},
+      {"", "--once", "probe: is missing"},
+      {"probe=LoadProbe\nprobe=LoadProbe", "--once", ":2: probe: LoadProbe is there already"},
       {"probe=LoadProbe\nrequires={0.1-0.9}", "--once", "excludes this version"},
       {"probe=LoadProbe", "--once --config /no/such.conf", "/no/such.conf: cannot be read"},
       {"", "--check --config=/dev/null", "/dev/null: is not a regular file"}};
@@ -89,23 +85,24 @@ TEST(Hostwatch, CheckSaysEveryFaultWithItsLine) {
   const std::string at = "hostwatch: " + file + ':';
   const Outcome outcome = hostwatch("--check -L 77 --config=" + file);
   EXPECT_EQ(2, outcome.exitCode);
-  EXPECT_EQ(
-      "hostwatch: log.level=77 is not a number from -1 to 9\n" + at +
-          "2: limit.load=nan is not a number\n" + at + "3: 'junk' is not NAME=VALUE\n" + at +
-          "4: there is no probe X\n" + at + "5: interval=1.5 is not a number from 1 to 86400\n" +
-          at + "6: a refers to itself\n" + at +
-          "7: VarnVersion::createRangeVector: Invalid range specification: {9\n" + at +
-          "8: there is no setting 'limit.laod'\n" + at +
-          "9: 'interval=2' is not the first of its kind\n" + at +
-          "10: title refers to no_such, which is not set\n" + at + "11: cannot run /no/such\n",
-      outcome.output);
+  EXPECT_EQ("hostwatch: command line: log-level: '77' is no whole number from -1 to 9\n" + at +
+                "2: limit.load: 'nan' is no number\n" + at + "3: junk: there is no such setting\n" +
+                at + "4: probe: there is no probe X\n" + at +
+                "5: interval: '1.5' is no whole number from 1 to 86400\n" + at +
+                "6: a: refers to 'a', which leads back to itself\n" + at +
+                "7: requires: VarnVersion::createRangeVector: Invalid range specification: {9\n" +
+                at + "8: limit.laod: there is no such setting; the nearest is limit.load\n" + at +
+                "9: interval: stands in line 5 already\n" + at +
+                "10: title: refers to 'no_such', which is not set\n" + at +
+                "11: alert.command: cannot run /no/such\n",
+            outcome.output);
   writeFile(file, "probe=LoadProbe\nprobe=DiskProbe\ndisk.path=<at>/such\nat=/no\n");
-  EXPECT_EQ(at + "2: cannot look at the file system of /no/such\n",
+  EXPECT_EQ(at + "2: probe: cannot look at the file system of /no/such\n",
             hostwatch("--check --config=" + file).output);
   EXPECT_EQ(0, hostwatch("--check").exitCode);
   // A daemon works in "/", and so does the check.
   writeFile(file, "probe=DiskProbe\ndisk.path=.//conf\n");
-  EXPECT_EQ(at + "1: cannot look at the file system of .//conf\n",
+  EXPECT_EQ(at + "1: probe: cannot look at the file system of .//conf\n",
             hostwatch("--check --config=" + file, "cd " + folder.path() + " &&").output);
 }
 
@@ -148,8 +145,8 @@ TEST(Hostwatch, SaysWhyItCannotStartOrGoOn) {
   EXPECT_EQ(2, speechless.exitCode);
   EXPECT_TRUE(contains(speechless.output, "column.value")) << speechless.output;
   const std::tuple<std::string, std::string, int, std::string> rows[] = {
-      {"starve", "", 1, "hostwatch: the system refuses a thread"},
-      {"nothing", "--log=" + (folder / std::string(255, 'x')), 1,
+      {"starve", "", 1, "the system refuses a thread"},
+      {"nothing", "--log=" + (folder / std::string(256, 'x')), 1,
        "hostwatch: cannot write the log /"},
       {"throw", "", 1, "stopping, as a thread has failed"},
       {"complain", "--once", 0, "odd cannot be measured: at <reason> and <name>"}};
@@ -162,60 +159,177 @@ TEST(Hostwatch, SaysWhyItCannotStartOrGoOn) {
   }
 }
 
-// Whether a process has a handler for SIGTERM.
-bool catchesTermination(pid_t process) {
+// A hostwatch in the background, which ends with this object.
+class Daemon {
+ public:
+  Daemon(const std::string& configuration, const std::string& arguments) {
+    writeFile(conf, configuration);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // the daemon becomes this process's child
+    start(arguments);
+  }
+  ~Daemon() {
+    if (process > 0)
+      kill(process, SIGKILL);
+  }
+
+  void start(const std::string& arguments = "") {
+    const Outcome start = hostwatch(command() + arguments);
+    EXPECT_EQ(0, start.exitCode) << start.output;
+    process = std::atoi(contentsOf(folder / "pid").c_str());
+    ASSERT_GT(process, 0);
+  }
+  std::string command() const {
+    return "-d -c " + conf + " -l " + (folder / "./log") + " -P " + (folder / "pid ");
+  }
+  int stop() { return end(SIGTERM); }
+  int end(int signal) {
+    kill(process, signal);
+    return outcomeOf(std::exchange(process, 0));
+  }
+  std::string logWith(const std::string& text) const { return ::logWith(folder, text); }
+
+  const TempFolder folder;
+  const std::string conf = folder / "conf";
+  pid_t process = 0;
+};
+
+// Whether a process has a handler for a signal.
+bool catches(pid_t process, int signal) {
   const std::string status = contentsOf("/proc/" + std::to_string(process) + "/status");
-  return (std::stoul(status.substr(status.find("SigCgt:") + 7), nullptr, 16) >> (SIGTERM - 1) &
-          1) != 0;
+  const std::size_t at = status.find("SigCgt:");
+  return at != status.npos && (std::stoul(status.substr(at + 7), nullptr, 16) >> (signal - 1) & 1);
 }
 
-TEST(Hostwatch, StopsInOrderWhenItsTerminalIsClosed) {
+TEST(Hostwatch, StopsInOrderWhenItsTerminalIsClosedAndReloadsBefore) {
   const TempFolder folder;
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  ASSERT_TRUE(grantpt(terminal) == 0 && unlockpt(terminal) == 0);
+  const std::string name = ptsname(terminal);
   const pid_t child = startBareChild([&] {
+    setsid();
+    open(name.c_str(), O_RDWR);  // which makes it the terminal of the session
     return execl(VSUPT_HOSTWATCH, "hostwatch", "--log", (folder / "log").c_str(), nullptr);
   });
-  logWith(folder, "watching");
-  EXPECT_TRUE(eventually([&] { return catchesTermination(child); }));
+  EXPECT_TRUE(eventually([&] { return catches(child, SIGHUP) && catches(child, SIGTERM); }));
+  std::filesystem::rename(folder / "log", folder / "old");
   kill(child, SIGHUP);
+  logWith(folder, "watching");
+  close(terminal);
   EXPECT_EQ(0, outcomeOf(child));
   EXPECT_TRUE(contains(logWith(folder, "stopped"), "stopped"));
 }
 
 TEST(Hostwatch, RunsAsADaemonUntilItIsTerminated) {
-  const TempFolder folder;
-  writeFile(folder / "lines", "one\ntwo\none and two\n");
-  writeFile(
-      folder / "conf",
-      "probe=MemoryProbe\nprobe=LineProbe\nlines.files=" + (folder / "li*") +
-          "\nlines.pattern=one\nlimit.lines=1\nlimit.memory=-1\nalert.command=/usr/bin/touch " +
-          (folder / "<name>-<value>") + '\n');
-  prctl(PR_SET_CHILD_SUBREAPER, 1);  // the daemon becomes this process's child
+  const TempFolder files;
+  writeFile(files / "lines", "one\ntwo\none and two\n");
   // What a starter may leave to its children.
   sigset_t blocked;
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGTERM);
   sigprocmask(SIG_BLOCK, &blocked, nullptr);
-  const Outcome start = hostwatch("-d -i 1 -L 5 -p " VSUPT_HOSTWATCH_PLUGIN " -c " +
-                                  (folder / "conf") + " -l " + (folder / "./log") + " 9>&1 <&-");
-  ASSERT_EQ(0, start.exitCode) << start.output;
-  const std::string children = "/proc/self/task/" + std::to_string(getpid()) + "/children";
-  const pid_t daemon = std::atoi(contentsOf(children).c_str());
-  ASSERT_GT(daemon, 0);
-  EXPECT_FALSE(std::filesystem::exists("/proc/" + std::to_string(daemon) + "/fd/9"));
-  kill(daemon, SIGHUP);
-  EXPECT_TRUE(contains(logWith(folder, "memory is"), "watching 2 probes every 1 seconds"));
-  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder / "lines-2.00"); }));
+  Daemon daemon("probe=MemoryProbe\nprobe=LineProbe\nlines.files=" + (files / "li*") +
+                    "\nlines.pattern=one\nlimit.lines=1\nlimit.memory=-1\n"
+                    "alert.command=/usr/bin/touch " +
+                    (files / "<name>-<value>") + '\n',
+                "-i 1 -L 5 -p " VSUPT_HOSTWATCH_PLUGIN " <&- 9>" + (files / "open"));
+  const std::string descriptors = "/proc/" + std::to_string(daemon.process) + "/fd";
+  for (const auto& descriptor : std::filesystem::directory_iterator(descriptors))
+    EXPECT_NE(files / "open", std::filesystem::read_symlink(descriptor).string());
+  EXPECT_TRUE(contains(daemon.logWith("memory is"), "watching 2 probes every 1 seconds"));
+  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(files / "lines-2.00"); }));
   // Another round, in which the limit is still crossed.
-  writeFile(folder / "lines", "one\none\none\n");
-  logWith(folder, "lines is 3.00");
-  kill(daemon, SIGTERM);
-  EXPECT_EQ(0, outcomeOf(daemon));
-  const std::string log = logWith(folder, "stopped");
+  writeFile(files / "lines", "one\none\none\n");
+  daemon.logWith("lines is 3.00");
+  EXPECT_EQ(0, daemon.stop());
+  const std::string log = daemon.logWith("stopped");
   EXPECT_TRUE(std::regex_search(log, std::regex(" 1 hostwatch  \\[-?[0-9]+\\] stopped\n$"))) << log;
   EXPECT_FALSE(contains(log, "lines is 3.00, over its limit"));
-  for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+  for (const auto& entry : std::filesystem::directory_iterator(files.path())) {
     const std::string name = entry.path().filename();
     EXPECT_TRUE(!name.starts_with("memory") || name.ends_with('%')) << name;
     EXPECT_EQ(0, static_cast<int>(entry.status().permissions()) & 022) << name;
   }
+}
+
+TEST(Hostwatch, ReadsItsConfigurationAndOpensItsLogAgainAtHangUp) {
+  Daemon daemon("probe=LoadProbe\ninterval=3600\n", "");
+  writeFile(daemon.conf, "probe=LoadProbe\nprobe=NoProbe\ninterval=0\n");
+  kill(daemon.process, SIGHUP);
+  const std::string faults = daemon.logWith("NoProbe");
+  EXPECT_TRUE(contains(faults, "stays as it was: " + daemon.conf + ":2: probe: there is no probe"));
+  EXPECT_TRUE(contains(faults, daemon.conf + ":3: interval: '0' is no whole number")) << faults;
+  // The old log keeps what was written to it.
+  std::filesystem::rename(daemon.folder / "log", daemon.folder / "old");
+  writeFile(daemon.conf, "probe=DiskProbe\nprobe=LoadProbe\ninterval=1\nlog.level=5\n");
+  kill(daemon.process, SIGHUP);
+  const std::string log = daemon.logWith("disk is");
+  EXPECT_TRUE(contains(log, "watching 2 probes every 1 seconds")) << log;
+  EXPECT_FALSE(contains(contentsOf(daemon.folder / "old"), "disk"));
+  EXPECT_EQ(0, daemon.stop());
+}
+
+TEST(Hostwatch, RunsOnceForAPidFileAndTakesItOverFromTheDead) {
+  Daemon daemon("probe=LoadProbe\n", "");
+  const Outcome second = hostwatch(daemon.command());
+  EXPECT_EQ(1, second.exitCode);
+  EXPECT_EQ("hostwatch: " + (daemon.folder / "pid") + " is held by process " +
+                std::to_string(daemon.process) + '\n',
+            second.output);
+  const pid_t first = daemon.process;
+  EXPECT_EQ(-SIGKILL, daemon.end(SIGKILL));
+  daemon.start();
+  EXPECT_NE(first, daemon.process);
+  EXPECT_EQ(0, daemon.stop());
+  EXPECT_FALSE(std::filesystem::exists(daemon.folder / "pid"));
+}
+
+TEST(Hostwatch, EndsAlertCommandsThatHangInTimeOrWithItself) {
+  const TempFolder files;
+  writeFile(files / "hang",
+            "#!/bin/sh\necho $$ >\"$0.pid\"\ntrap '' TERM\necho \"$1\"\nsleep 600\n");
+  std::filesystem::permissions(files / "hang", std::filesystem::perms::owner_all);
+  const std::string configuration =
+      "probe=LoadProbe\nlimit.load=-1\nalert.command=" + (files / "hang") +
+      " \"two words\"\nalert.timeout=";
+  const auto sleeper = [&] {
+    eventually([&] { return !contentsOf(files / "hang.pid").empty(); });
+    return std::atoi(contentsOf(files / "hang.pid").c_str());
+  };
+  Daemon impatient(configuration + "1s\n", "");
+  const pid_t timedOut = sleeper();
+  EXPECT_TRUE(contains(impatient.logWith("as its time was over"),
+                       "load was ended by signal 9 (Killed), as its time was over, its output: "
+                       "\"two words"));
+  EXPECT_TRUE(isGone(timedOut));
+  EXPECT_EQ(0, impatient.stop());
+  std::filesystem::remove(files / "hang.pid");
+  Daemon patient(configuration + "1h\n", "");
+  const pid_t killed = sleeper();
+  EXPECT_EQ(0, patient.stop());
+  EXPECT_TRUE(isGone(killed));
+  EXPECT_TRUE(contains(patient.logWith("stopped"), "as it was killed"));
+}
+
+TEST(Hostwatch, TellsItsManagerHowItGoes) {
+  const TempFolder folder;
+  Manager manager(folder / "notify");
+  const auto isTold = [&](const std::string& wanted) {
+    std::string told;
+    while (told != "none" && !contains(told, wanted))
+      told = manager.next();
+    return told != "none";
+  };
+  const pid_t child = startBareChild([&] {
+    setsid();
+    setenv("WATCHDOG_USEC", "200000", 1);
+    return execl(VSUPT_HOSTWATCH, "hostwatch", nullptr);
+  });
+  EXPECT_TRUE(isTold("READY=1"));
+  EXPECT_TRUE(isTold("WATCHDOG=1"));
+  kill(child, SIGHUP);
+  EXPECT_TRUE(isTold("RELOADING=1"));
+  EXPECT_TRUE(isTold("READY=1"));
+  kill(child, SIGTERM);
+  EXPECT_TRUE(isTold("STOPPING=1"));
+  EXPECT_EQ(0, outcomeOf(child));
 }

@@ -10,22 +10,18 @@ using namespace VarnSupport;
 
 namespace {
 
-class LineProbe : public hostwatch::Probe {
- public:
-  LineProbe() : Probe("lines", "") {}
-  double measure(const hostwatch::Properties& configuration) override {
-    VarnRegularExpression<std::string> pattern;
-    pattern.setPattern(configuration.getProperty("lines.pattern"));
-    int count = 0;
-    for (VarnFindFile files(configuration.getProperty("lines.files")); files.hasMore();) {
-      std::ifstream stream(files.next());
-      for (std::string line; std::getline(stream, line);)
-        count += pattern.match(line).empty() ? 0 : 1;
-    }
-    return count;
+double countLines(const hostwatch::Properties& configuration) {
+  VarnRegularExpression<std::string> pattern;
+  pattern.setPattern(configuration.getProperty("lines.pattern"));
+  int count = 0;
+  for (VarnFindFile files(configuration.getProperty("lines.files")); files.hasMore();) {
+    std::ifstream stream(files.next());
+    for (std::string line; std::getline(stream, line);)
+      count += pattern.match(line).empty() ? 0 : 1;
   }
-};
+  return count;
+}
 
-const hostwatch::ProbeRegistration<LineProbe> lineProbe("LineProbe");
+const hostwatch::ProbeRegistration lineProbe("LineProbe", {"lines", "", countLines});
 
 }  // namespace

@@ -5,28 +5,22 @@
 
 namespace {
 
-class OddProbe : public hostwatch::Probe {
- public:
-  OddProbe() : Probe("odd", "") {}
-  double measure(const hostwatch::Properties& configuration) override {
-    const std::string trouble = configuration.getProperty("odd.does");
-    if (trouble == "throw" && ++m_nCalls > 1)
-      throw 7;
-    if (trouble == "complain")
-      throw VarnSupport::VarnException("at <reason> and <name>", 0);
-    if (trouble == "starve") {  // from now on no thread has room for its stack
-      pthread_attr_t attributes;
-      pthread_attr_init(&attributes);
-      pthread_attr_setstacksize(&attributes, std::size_t{1} << 50);
-      pthread_setattr_default_np(&attributes);
-    }
-    return 0;
+double makeTrouble(const hostwatch::Properties& configuration) {
+  static int calls = 0;
+  const std::string trouble = configuration.getProperty("odd.does");
+  if (trouble == "throw" && ++calls > 1)
+    throw 7;
+  if (trouble == "complain")
+    throw VarnSupport::VarnException("at <reason> and <name>", 0);
+  if (trouble == "starve") {  // from now on no thread has room for its stack
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, std::size_t{1} << 50);
+    pthread_setattr_default_np(&attributes);
   }
+  return 0;
+}
 
- private:
-  int m_nCalls = 0;
-};
-
-const hostwatch::ProbeRegistration<OddProbe> oddProbe("OddProbe");
+const hostwatch::ProbeRegistration oddProbe("OddProbe", {"odd", "", makeTrouble});
 
 }  // namespace

@@ -75,6 +75,8 @@ void LockImplementation::take() {
   setNewestLockOfThread(this);
   m_pOlder = newest;
   m_pNewer = nullptr;
+  if (BriefHold::isStateOf(globalSection(), this)) [[unlikely]]
+    BriefGate::holdCounts();
 }
 
 // Takes the lock off the caller's list and frees the mutex.

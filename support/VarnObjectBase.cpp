@@ -1,14 +1,18 @@
-// Counts change under the global critical section: whoever holds it sees them stand still. Names of
-// classes are taken apart by the rules of older compilers, of which callers still have names.
+// Counts stand still for whoever holds the global critical section by hand. Nearly nobody does, so
+// that a count is an atomic operation inside of a mark, for which the holder waits (BriefGate.h).
+// Names of classes are taken apart by the rules of older compilers, of which callers still have
+// names.
 #include "VarnSupport/VarnObjectBase.h"
 
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include "locks/BriefHold.h"
+#include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 
 namespace VarnSupport {
@@ -28,6 +32,38 @@ std::size_t readNumber(const std::string& text, std::size_t& position) {
   return number;
 }
 
+using ReferenceCount = std::atomic<std::int32_t>;
+
+// Requires: cancellation is closed.
+int changeUnderSection(ReferenceCount& references, int by) {
+  const bool isInterrupting = BriefGate::interruptCount();
+  const BriefHold hold(globalSection());
+  const int count = references.fetch_add(by, std::memory_order_acq_rel) + by;
+  BriefGate::resumeCount(isInterrupting, hold.isHeldByHand());
+  return count;
+}
+
+[[gnu::noinline]] int addGuarded(ReferenceCount& references) {
+  const CancellationGuard closed;
+  return changeUnderSection(references, 1);
+}
+
+[[gnu::noinline]] int releaseGuarded(ReferenceCount& references, const VarnObjectBase* object) {
+  const QuietCancellationGuard closed;
+  const int count = changeUnderSection(references, -1);
+  if (count == 0)
+    delete object;
+  return count;
+}
+
+// Between its last count and its end no thread is unwound.
+[[gnu::noinline]] int deleteAfter(BriefGate::Count section, const VarnObjectBase* object) {
+  const QuietCancellationGuard closed;
+  section.end();
+  delete object;
+  return 0;
+}
+
 }  // namespace
 
 template class VarnSmartPointer<VarnObjectBase>;
@@ -40,24 +76,25 @@ VarnObjectBase& VarnObjectBase::operator=(const VarnObjectBase& source) noexcept
 
 VarnObjectBase::~VarnObjectBase() = default;
 
-inline int VarnObjectBase::changeCount(int by) {
-  const BriefHold hold(globalSection());
-  const std::int32_t count = m_nReferences.load(std::memory_order_relaxed) + by;
-  m_nReferences.store(count, std::memory_order_relaxed);
-  return count;
-}
-
+// Nothing unwinds a thread that is in the middle of a count (Cancellation.h).
 int VarnObjectBase::addRef() {
-  const CancellationGuard closed;
-  return changeCount(1);
+  if (!isCancellable() || (MomentaryGuard::isPossible() && !MomentaryGuard::isRequested())) {
+    const BriefGate::Count section;
+    if (section.isOpen())
+      return m_nReferences.fetch_add(1, std::memory_order_acq_rel) + 1;
+  }
+  return addGuarded(m_nReferences);
 }
 
 int VarnObjectBase::release() {
-  const QuietCancellationGuard closed;
-  const int count = changeCount(-1);
-  if (count == 0)
-    delete this;
-  return count;
+  if (!isCancellable() || MomentaryGuard::isPossible()) {
+    BriefGate::Count section;
+    if (section.isOpen()) {
+      const int count = m_nReferences.fetch_sub(1, std::memory_order_acq_rel) - 1;
+      return count != 0 ? count : deleteAfter(std::move(section), this);
+    }
+  }
+  return releaseGuarded(m_nReferences, this);
 }
 
 int VarnObjectBase::refCount() const { return m_nReferences.load(std::memory_order_relaxed); }

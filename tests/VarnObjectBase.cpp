@@ -156,3 +156,22 @@ TEST(VarnSmartPointer, CountsHoldUnderManyThreads) {
   });
   EXPECT_EQ(1, shared->refCount());
 }
+
+TEST(VarnSmartPointer, CountsInASignalHandlerThatInterruptsACount) {
+  EXPECT_EQ(0, runInChild([] {
+              static const Pointer shared(new Counted);
+              signal(SIGRTMIN, [](int) { const Pointer copy(shared); });
+              for (int i = 0; i < 1000; ++i)  // A fork has held the global section.
+                const Pointer copy(shared);
+              const pthread_t self = pthread_self();
+              std::atomic<bool> done{false};
+              std::jthread storm([&] {
+                for (int i = 0; i < 20000; ++i)
+                  pthread_kill(self, SIGRTMIN);
+                done = true;
+              });
+              while (!done)
+                const Pointer copy(shared);
+              return shared->refCount() == 1 ? 0 : 1;
+            }));
+}

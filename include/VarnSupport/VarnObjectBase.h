@@ -53,8 +53,6 @@ class VSUPT_EXPORT VarnObjectBase {
   int lowerCountAtomically() noexcept;
 
  private:
-  int changeCount(int by);
-
   std::atomic<std::int32_t> m_nReferences{0};
 };
 

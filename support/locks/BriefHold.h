@@ -46,6 +46,15 @@ class VSUPT_SCOPED_CAPABILITY BriefHold {
       pthread_mutex_unlock(&m_pLock->m_oMutex);
   }
 
+  // Whether the caller held the section already.
+  bool isHeldByHand() const { return m_pLock == nullptr; }
+
+  // Whether `lock` is the state of the section.
+  static bool isStateOf(const VarnCriticalSectionObject& object, const LockImplementation* lock) {
+    const auto* const state = object.m_pState.load(std::memory_order_relaxed);
+    return state != nullptr && *state == lock;
+  }
+
   // True until the lock is used for the first time, which allocates and can fail.
   static bool isUnused(const VarnCriticalSectionObject& object) {
     return object.m_pState.load(std::memory_order_acquire) == nullptr;

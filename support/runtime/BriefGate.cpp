@@ -2,6 +2,19 @@
 // rare: a thread's first section, the closing of the gate, and those who come to a closed gate. A
 // thread that finds the gate closed takes back its mark before it waits, as the closer waits for
 // the marks.
+//
+// Counts have a mark of their own and no waiting room but the mutex of the global section. Who
+// takes the section by hand has the mutex first, then forbids counts, and waits for the marks last.
+// That waits for a few instructions of each thread: whoever finds counts forbidden takes its mark
+// back before it waits for the mutex. Counts stay forbidden when the section is given back, in
+// whatever way that is, and so the next holder by hand finds nothing to wait for. They are allowed
+// again by one of those that count under the section, after a number of counts that makes up for
+// the price of forbidding them.
+//
+// A signal handler may count in the middle of a count, and then stands in for the interrupted one,
+// which may have looked already: it takes back both marks, puts the outer one back while it has the
+// mutex, and has the next holder by hand wait again, though counts are forbidden. The same goes for
+// a handler that takes the section by hand.
 #include "runtime/BriefGate.h"
 
 #include <linux/membarrier.h>
@@ -11,11 +24,13 @@
 #include <unistd.h>
 
 #include <cassert>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <utility>
 
+#include "runtime/Cancellation.h"
 #include "runtime/NeverDestroyed.h"
 
 namespace VarnSupport {
@@ -25,6 +40,24 @@ namespace {
 // Held while the gate is closed: who comes to it waits here.
 constinit std::mutex closing;
 constinit NeverDestroyed<std::recursive_mutex> crowding;
+
+// Counts under the section between two times that they are forbidden, which takes microseconds.
+constexpr int kSlowCounts = 1000;
+
+// Who is to leave may be of a lower priority, and needs the processor.
+template <typename Mark>
+void awaitNone(const std::atomic<Mark>& marks) {
+  constexpr int kYields = 100;
+  for (int i = 0; marks.load() != Mark{}; ++i) {
+    if (i < kYields) {
+      sched_yield();
+    } else {
+      constexpr timespec kMoment{0, 100'000};
+      const NoCancellation whole;
+      nanosleep(&kMoment, nullptr);
+    }
+  }
+}
 
 long membarrier(int command) { return syscall(SYS_membarrier, command, 0, 0); }
 
@@ -36,6 +69,8 @@ constinit BriefGate::Visitor BriefGate::m_oCrowd;
 constinit std::atomic<BriefGate::Visitor*> BriefGate::m_pVisitors{nullptr};
 constinit pthread_key_t BriefGate::m_hKey = 0;
 constinit std::atomic<const BriefGate::Visitor*> BriefGate::m_pCloser{nullptr};
+constinit int BriefGate::m_nSlowCounts = 0;
+constinit bool BriefGate::m_bMustAwaitAgain = false;
 
 void BriefGate::chooseBarrier() {
   if (membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) != 0)
@@ -101,12 +136,23 @@ void BriefGate::close() {
   if ((m_nState & FENCED) == 0)
     membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
   const auto awaitExit = [](const Visitor& visitor) {
-    while (&visitor != m_pCloser && visitor.depth > 0)
-      sched_yield();
+    if (&visitor != m_pCloser)
+      awaitNone(visitor.depth);
   };
   awaitExit(m_oCrowd);
   for (Visitor* visitor = m_pVisitors; visitor != nullptr; visitor = visitor->next)
     awaitExit(*visitor);
+}
+
+[[gnu::cold]] void BriefGate::awaitCounts() {
+  const Visitor* const own = t_pVisitor;
+  m_bMustAwaitAgain = isInCount();
+  m_nSlowCounts = kSlowCounts;
+  m_nState.fetch_or(COUNTS_HELD);
+  membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
+  for (const Visitor* visitor = m_pVisitors; visitor != nullptr; visitor = visitor->next)
+    if (visitor != own)
+      awaitNone(visitor->isCounting);
 }
 
 void BriefGate::open() {
@@ -125,6 +171,7 @@ void BriefGate::forgetOthers() {
     if (visitor == m_pCloser)
       continue;
     visitor->depth = 0;  // its thread may have been on its way in
+    visitor->isCounting = false;
     visitor->isTaken = false;
   }
   if (m_pCloser != &m_oCrowd)

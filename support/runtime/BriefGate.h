@@ -6,8 +6,11 @@
 // inside. What brief sections change is therefore whole in the child of a fork, whatever other
 // threads were in the middle of.
 //
+// Counts are the second thing that is kept out, by whoever holds the global section by hand. The
+// change of a count is a section of its own kind (Count), as short as the atomic operation.
+//
 // The barrier is membarrier(2), which stands in for a fence in each section. Where the system has
-// none, the sections have the fence.
+// none, the sections have the fence, and counts change under the global section.
 #ifndef SUPPORT_RUNTIME_BRIEFGATE_H
 #define SUPPORT_RUNTIME_BRIEFGATE_H
 
@@ -15,6 +18,7 @@
 
 #include <atomic>
 #include <cassert>
+#include <utility>
 
 namespace VarnSupport {
 
@@ -35,6 +39,70 @@ class BriefGate {
     Visitor* m_pVisitor;
   };
 
+  // The change of a count, an atomic operation and nothing else: it may be made when isOpen(), and
+  // otherwise under the global section alone. Nothing waits inside, but for a signal handler.
+  class Count {
+   public:
+    // Not inside the one that a signal handler has interrupted.
+    Count() : m_pVisitor(t_pVisitor) {
+      if (m_pVisitor == nullptr || m_pVisitor->isCounting.load(std::memory_order_relaxed))
+        m_pVisitor = nullptr;
+      else
+        m_pVisitor->isCounting.store(true, std::memory_order_relaxed);
+      std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    Count(Count&& other) noexcept : m_pVisitor(std::exchange(other.m_pVisitor, nullptr)) {}
+    Count& operator=(Count&&) = delete;
+    ~Count() { end(); }
+
+    bool isOpen() const {
+      return m_pVisitor != nullptr && m_nState.load(std::memory_order_acquire) == OPEN;
+    }
+    // Ends the section before the scope does.
+    void end() {
+      if (m_pVisitor != nullptr)
+        m_pVisitor->isCounting.store(false, std::memory_order_release);
+      m_pVisitor = nullptr;
+    }
+
+   private:
+    Visitor* m_pVisitor;
+  };
+
+  // Whether the calling thread is in a signal handler that has interrupted the change of a count.
+  static bool isInCount() {
+    return t_pVisitor != nullptr && t_pVisitor->isCounting.load(std::memory_order_relaxed);
+  }
+
+  // For the thread that has just taken the global section by hand: no count of other threads
+  // changes from then on but under the section.
+  static void holdCounts() {
+    const int state = m_nState.load(std::memory_order_relaxed);
+    if ((state & FENCED) == 0 && ((state & COUNTS_HELD) == 0 || m_bMustAwaitAgain))
+      awaitCounts();
+  }
+
+  // Around the change of a count under the global section: before the section is taken, and while
+  // it is held, be it by hand. The result, whether the change interrupts another, is for the
+  // latter.
+  static bool interruptCount() {
+    if (t_pVisitor == nullptr && newVisitor() == &m_oCrowd)
+      leaveCrowd();
+    const bool isInterrupting = isInCount();
+    if (isInterrupting)
+      t_pVisitor->isCounting.store(false, std::memory_order_release);
+    return isInterrupting;
+  }
+  static void resumeCount(bool isInterrupted, bool isHeldByHand) {
+    if (isInterrupted) {
+      t_pVisitor->isCounting.store(true, std::memory_order_relaxed);
+      m_bMustAwaitAgain = true;
+    }
+    if (!isHeldByHand && (m_nState.load(std::memory_order_relaxed) & COUNTS_HELD) != 0 &&
+        --m_nSlowCounts <= 0)
+      m_nState.fetch_and(~COUNTS_HELD);
+  }
+
   // Called before there is a second thread, once or several times.
   static void prepare();
 
@@ -53,17 +121,18 @@ class BriefGate {
   // One thread's mark. Marks are handed from thread to thread and never freed.
   struct alignas(64) Visitor {
     std::atomic<int> depth{0};
+    std::atomic<bool> isCounting{false};
     std::atomic<bool> isTaken{false};
     Visitor* next = nullptr;
   };
 
-  enum tState : int { OPEN = 0, CLOSED = 1, FENCED = 2 };  // bits
+  enum tState : int { OPEN = 0, CLOSED = 1, FENCED = 2, COUNTS_HELD = 4 };  // bits
 
   static void enter(Visitor& visitor) {
     visitor.depth.store(visitor.depth.load(std::memory_order_relaxed) + 1,
                         std::memory_order_relaxed);
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    if (m_nState.load(std::memory_order_acquire) != OPEN)
+    if ((m_nState.load(std::memory_order_acquire) & ~COUNTS_HELD) != OPEN)
       enterSlowly(visitor);
   }
   static void leave(Visitor& visitor) {
@@ -73,6 +142,7 @@ class BriefGate {
     if (&visitor == &m_oCrowd)
       leaveCrowd();
   }
+  static void awaitCounts();
   static void chooseBarrier();
   static Visitor* newVisitor();
   static void enterSlowly(Visitor& visitor);
@@ -84,6 +154,8 @@ class BriefGate {
   static constinit std::atomic<Visitor*> m_pVisitors;
   static constinit pthread_key_t m_hKey;                   // hands marks back as threads end
   static constinit std::atomic<const Visitor*> m_pCloser;  // fixed while the gate is closed
+  static constinit int m_nSlowCounts;       // until counts are free again; guarded by the global
+  static constinit bool m_bMustAwaitAgain;  // section, as is this: a count may be under way
 };
 
 }  // namespace VarnSupport

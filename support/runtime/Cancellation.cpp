@@ -16,6 +16,7 @@
 #include <exception>
 #include <utility>
 
+#include "runtime/BriefGate.h"
 #include "runtime/UnwindCheck.h"
 
 // Of AddressSanitizer's runtime, where there is one: the frames that an unwinding leaves behind are
@@ -97,7 +98,7 @@ void CancellationState::releaseCaughtExceptions() {
 
 // Two unwindings cannot be on their way at once.
 bool CancellationState::canUnwindNow() const {
-  return m_bInBody && m_nQuiet == 0 && std::uncaught_exceptions() == 0 &&
+  return m_bInBody && m_nQuiet == 0 && !BriefGate::isInCount() && std::uncaught_exceptions() == 0 &&
          UnwindCheck::isPossibleHere();
 }
 
@@ -173,7 +174,7 @@ bool CancellationState::handleSignal() {
       UnwindCheck::isPossibleWhereInterrupted(m_nInterruptions < kPatientInterruptions);
   const bool isWaiting = m_bBlocking && isInterruptedAtCancellationPoint() &&
                          UnwindCheck::isPossibleAroundCancellationPoint();
-  if ((isFree || isWaiting) && std::uncaught_exceptions() == 0) {
+  if ((isFree || isWaiting) && !BriefGate::isInCount() && std::uncaught_exceptions() == 0) {
     addToDepth(1);
     unwind(true);
     addToDepth(-1);

@@ -75,11 +75,16 @@ constexpr Assistance kWriteUnlocking{[] { writeLock(), heldForWriting = true; },
 
 void addRef() { world->object->addRef(); }
 void release() { world->object->release(); }
+// A fork has held the global section, which makes the next counts take it.
+void countFreely() {
+  for (int i = 0; i < 1000; ++i)
+    addRef(), release();
+}
 void releaseAll() {
   while (world->object->refCount() > 1)
     release();
 }
-void makeSpare() { world->spare = new Counted, world->spare->addRef(); }
+void makeSpare() { countFreely(), world->spare = new Counted, world->spare->addRef(); }
 void copyPointers() {
   const VarnSmartPointer<Counted> copy(world->object);
   VarnSmartPointer<Counted> other;
@@ -266,10 +271,11 @@ const std::vector<Operation>& g_vOperations = *new std::vector<Operation>{
     Operation{"write-lock", [] { const WriteHold hold; }},
     Operation{"write-lock-contended", [] { const WriteHold hold; }}.assistedBy(kWriteUnlocking),
     Operation{"write-unlock", writeUnLock}.with(writeLock),
-    Operation{"add-reference", addRef}.undoneBy(releaseAll).giving(references, 2),
-    Operation{"release", release}.with(addRef).giving(references, 1),
+    Operation{"add-reference", addRef}.with(countFreely).undoneBy(releaseAll).giving(references, 2),
+    Operation{"release", release}.with([] { countFreely(), addRef(); }).giving(references, 1),
     Operation{"release-last", [] { world->spare->release(); }}.with(makeSpare),
-    Operation{"smart-pointer", copyPointers},
+    Operation{"smart-pointer", copyPointers}.with(countFreely),
+    Operation{"smart-pointer-after-fork", copyPointers},
     Operation{"add-dependent", add}.undoneBy(remove),
     Operation{"remove-dependent", remove}.with(add),
     Operation{"observer-scope", [] { const ScopedObserver observer(world->source); }},

@@ -1,6 +1,7 @@
 // Waits racing thread ends, self-deletion by the thousand, cancellation, observers.
 #include "LibraryTools.h"
 #include "VarnSupport/VarnEvent.h"
+#include "VarnSupport/VarnWorkInformation.h"
 
 namespace {
 
@@ -177,4 +178,55 @@ TEST(ThreadStress, ObserversComeAndGoDuringNotifications) {
   }
   EXPECT_TRUE(std::any_of(observers.begin(), observers.end(),
                           [](const Observer& observer) { return observer.calls > 0; }));
+}
+
+// Counts go on meanwhile on threads that live, are killed, or end while they hold the section, and
+// in children.
+TEST(ThreadStress, CountsStandStillForWhoeverHoldsTheGlobalSection) {
+  const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
+  VarnCriticalSectionObject copy(*g_pCriticalSection);
+  const auto isStillFor = [&](VarnCriticalSectionObject& held) {
+    const int count = counted->refCount();
+    spin(50);
+    const bool isStill = counted->refCount() == count && counted->addRef() == count + 1 &&
+                         counted->release() == count && counted->refCount() == count;
+    held.unlock();
+    return isStill;
+  };
+  const auto count = [&] {
+    for (int i = 0; i < 2000; ++i)
+      const VarnSmartPointer<VarnWorkInformation> taken(counted);
+  };
+  {
+    const std::jthread counting[] = {repeating(count), repeating(count), repeating([&] {
+                                       Task killed([&] {
+                                         for (;;)
+                                           count();
+                                         return 0;
+                                       });
+                                       killed.start();
+                                       count();
+                                       killed.kill();
+                                       killed.waitForThreadExit();
+                                       Task holder([] { return g_pCriticalSection->lock(), 0; });
+                                       holder.start();
+                                       holder.waitForThreadExit();
+                                     })};
+    const auto end = Clock::now() + stressTime();
+    for (int round = 0; Clock::now() < end; ++round) {
+      VarnCriticalSectionObject& way = round % 2 == 0 ? *g_pCriticalSection : copy;
+      if (round % 3 != 0 || !way.testAndSet())
+        way.lock();
+      ASSERT_TRUE(isStillFor(way)) << round;
+      if (round % 100 == 0) {
+        ASSERT_EQ(0, runInBareChild([&] {
+                    copy.lock();
+                    return isStillFor(copy) && copy.lockCount() == 0 ? 0 : 1;
+                  }));
+      }
+      for (int rest = round % 7 * 300; rest > 0; --rest)
+        const VarnSmartPointer<VarnWorkInformation> taken(counted);
+    }
+  }
+  EXPECT_EQ(1, counted->refCount());
 }

@@ -70,13 +70,13 @@ void LockImplementation::take() {
   m_nCount.store(1, std::memory_order_relaxed);
   m_hOwner.store(callingThread(), std::memory_order_relaxed);
   LockImplementation* const newest = t_pNewestLock;
-  if (newest != nullptr)
-    newest->m_pNewer = this;
-  setNewestLockOfThread(this);
   m_pOlder = newest;
   m_pNewer = nullptr;
+  if (newest != nullptr)
+    newest->m_pNewer = this;
   if (BriefHold::isStateOf(globalSection(), this)) [[unlikely]]
     BriefGate::holdCounts();
+  setNewestLockOfThread(this);
 }
 
 // Takes the lock off the caller's list and frees the mutex.
@@ -187,30 +187,28 @@ void VarnCriticalSectionObject::makeState() {
     static_cast<void>(made.release());
 }
 
-// Locks that have their state take the way without a frame, on threads that can be cancelled unless
-// somebody asks for that: a thread that is asked for while it waits gives the lock back.
+// Locks that have their state take the way without a frame, unless the thread can be cancelled.
 void VarnCriticalSectionObject::lock() {
   const auto* const shared = m_pState.load(std::memory_order_acquire);
-  if (shared == nullptr) {
-    lockGuarded();
-  } else if (!isCancellable()) {
+  if (shared != nullptr && !isCancellable())
     (*shared)->lock();
-  } else if (!MomentaryGuard::isPossible() || MomentaryGuard::isRequested()) {
+  else
     lockGuarded();
-  } else {
+}
+
+// A thread that is killed while it waits for the lock dies once it has it, after it has given the
+// lock back. As long as nobody asks it to die it takes a short way.
+[[gnu::noinline]] void VarnCriticalSectionObject::lockGuarded() {
+  const auto* const shared = m_pState.load(std::memory_order_acquire);
+  if (shared != nullptr && MomentaryGuard::isPossible() && !MomentaryGuard::isRequested()) {
     {
       const MomentaryGuard closed;
       (*shared)->lock();
     }
-    if (MomentaryGuard::isRequested()) [[unlikely]] {
-      unlockGuarded();
-      lockGuarded();
-    }
+    if (!MomentaryGuard::isRequested()) [[likely]]
+      return;
+    unlockGuarded();
   }
-}
-
-// A thread that is killed while it waits for the lock dies once it has it.
-[[gnu::noinline]] void VarnCriticalSectionObject::lockGuarded() {
   const CancellationGuard closed;
   LockImplementation& lock = state();
   if (lock.testAndSet())
@@ -230,21 +228,21 @@ bool VarnCriticalSectionObject::testAndSet() {
 
 void VarnCriticalSectionObject::unlock() {
   const auto* const shared = m_pState.load(std::memory_order_acquire);
-  if (shared == nullptr) {
-    unlockGuarded();
-  } else if (!isCancellable()) {
+  if (shared != nullptr && !isCancellable())
     (*shared)->unlock();
-  } else if (MomentaryGuard::isPossible()) {
-    const MomentaryGuard closed;
-    (*shared)->unlock();
-  } else {
+  else
     unlockGuarded();
-  }
 }
 
 [[gnu::noinline]] void VarnCriticalSectionObject::unlockGuarded() {
-  const QuietCancellationGuard closed;
-  state().unlock();
+  const auto* const shared = m_pState.load(std::memory_order_acquire);
+  if (shared != nullptr && MomentaryGuard::isPossible()) {
+    const MomentaryGuard closed;
+    (*shared)->unlock();
+  } else {
+    const QuietCancellationGuard closed;
+    state().unlock();
+  }
 }
 
 void VarnCriticalSectionObject::unwind() {

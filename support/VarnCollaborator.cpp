@@ -142,6 +142,8 @@ void VarnCollaborator::notify(const VarnNotification& notification) {
 // changed, they are what a look at it would find.
 class VSUPT_LOCAL VarnCollaborator::Cursor {
  public:
+  static bool tellAll(VarnCollaborator& collaborator, const VarnNotification& notification);
+
   explicit Cursor(VarnCollaborator& collaborator) : m_oCollaborator(collaborator) {}
   Cursor(const Cursor&) = delete;
   Cursor& operator=(const Cursor&) = delete;
@@ -198,11 +200,10 @@ TrackedDependent* VarnCollaborator::Cursor::read(TrackedDependent::Call& call) {
 }
 
 // Returns false when a callback destroyed the collaborator.
-bool deliver(VarnCollaborator& collaborator, const VarnNotification& notification) {
-  if (BriefHold::isUnused(collaborator.m_oLock))
-    return true;
+[[gnu::noinline]] bool VarnCollaborator::Cursor::tellAll(VarnCollaborator& collaborator,
+                                                         const VarnNotification& notification) {
   const Walk walk(collaborator);
-  VarnCollaborator::Cursor cursor(collaborator);
+  Cursor cursor(collaborator);
   while (true) {
     TrackedDependent::Call call;
     VarnDependent* const dependent = cursor.next(call);
@@ -212,6 +213,12 @@ bool deliver(VarnCollaborator& collaborator, const VarnNotification& notificatio
     if (walk.isOrphaned())
       return false;
   }
+}
+
+// What never had a dependent needs no frame for a walk.
+bool deliver(VarnCollaborator& collaborator, const VarnNotification& notification) {
+  return BriefHold::isUnused(collaborator.m_oLock) ||
+         VarnCollaborator::Cursor::tellAll(collaborator, notification);
 }
 
 }  // namespace VarnSupport

@@ -110,7 +110,8 @@ void VarnEvent::destroyNotification(VarnNotification* notification) {
     delete notification;
     return;
   }
-  notification->~VarnNotification();
+  static_cast<VarnEventNotification*>(notification)
+      ->VarnEventNotification::~VarnEventNotification();
   SpareMemory::keep(notification);
 }
 

@@ -16,27 +16,29 @@
 #include <memory>
 
 #include "VarnSupport/VarnModule.h"
+#include "insight/LockOrder.h"
 #include "locks/BriefHold.h"
+#include "locks/HeldSections.h"
 #include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/NeverDestroyed.h"
+#include "runtime/WaitNote.h"
 
 namespace VarnSupport {
 
 namespace {
 
-// What is stored under the key, kept where reading it costs nothing.
-constinit thread_local LockImplementation* t_pNewestLock = nullptr;
-
 void setNewestLockOfThread(LockImplementation* lock) {
-  t_pNewestLock = lock;
+  HeldSections::t_pNewest = lock;
   pthread_setspecific(LockThreadStorage::m_mutexListKey, lock);
 }
 
 }  // namespace
 
 template class VarnSmartPointer<LockImplementation>;
+
+constinit thread_local LockImplementation* HeldSections::t_pNewest = nullptr;
 
 constinit VarnCriticalSectionObject* g_pCriticalSection = nullptr;
 constinit pthread_key_t LockThreadStorage::m_mutexListKey = 0;
@@ -61,6 +63,8 @@ LockImplementation::LockImplementation(bool) {
 
 LockImplementation::~LockImplementation() {
   unwind();
+  if (LockOrder::isChecked())
+    LockOrder::forget(this);
   pthread_mutex_destroy(&m_oMutex);
 }
 
@@ -69,7 +73,7 @@ void LockImplementation::take() {
   assert(m_hOwner == 0 && m_nCount == 0);
   m_nCount.store(1, std::memory_order_relaxed);
   m_hOwner.store(callingThread(), std::memory_order_relaxed);
-  LockImplementation* const newest = t_pNewestLock;
+  LockImplementation* const newest = HeldSections::t_pNewest;
   m_pOlder = newest;
   m_pNewer = nullptr;
   if (newest != nullptr)
@@ -98,14 +102,37 @@ void LockImplementation::addLevel() {
   m_nCount.store(m_nCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
+// The order counts of what is taken by waiting, if need be: who only tries cannot be held up.
+[[gnu::noinline, gnu::cold]] void LockImplementation::noteOrder() const {
+  if (!LockOrder::isChecked())
+    return;
+  for (const LockImplementation* held = HeldSections::t_pNewest; held; held = held->m_pOlder) {
+    if (held != this)
+      LockOrder::note(held, this);
+  }
+}
+
 void LockImplementation::lock() {
-  if (isHeldByCaller())
+  const pthread_t owner = m_hOwner.load(std::memory_order_relaxed);
+  if (owner == callingThread())
     addLevel();
-  else
+  else if (owner == 0) [[likely]]
     acquire();
+  else
+    acquireHeld();
 }
 
 [[gnu::noinline]] void LockImplementation::acquire() {
+  pthread_mutex_lock(&m_oMutex);
+  take();
+  if (m_pOlder != nullptr && LockOrder::isChecked()) [[unlikely]]
+    noteOrder();
+}
+
+// Here a thread may wait for ever: all that is to be known of that is noted before.
+[[gnu::noinline, gnu::cold]] void LockImplementation::acquireHeld() {
+  noteOrder();
+  const WaitNote note(WaitNote::SECTION, this);
   pthread_mutex_lock(&m_oMutex);
   take();
 }
@@ -211,8 +238,11 @@ void VarnCriticalSectionObject::lock() {
   }
   const CancellationGuard closed;
   LockImplementation& lock = state();
-  if (lock.testAndSet())
+  if (lock.testAndSet()) {
+    if (lock.lockCount() == 1)
+      lock.noteOrder();
     return;
+  }
   lock.lock();
   if (isCancellationDue()) {
     lock.unlock();
@@ -274,7 +304,7 @@ void VarnCriticalSection::unlock() {
 
 void VarnCriticalSectionRecoverFn(void*) {
   const QuietCancellationGuard closed;
-  LockImplementation* lock = t_pNewestLock;
+  LockImplementation* lock = HeldSections::t_pNewest;
   setNewestLockOfThread(nullptr);
   while (lock != nullptr) {
     LockImplementation* const older = lock->m_pOlder;
@@ -314,6 +344,7 @@ constinit const ForkPart sectionFork{[]() VSUPT_UNCHECKED { globalSection().lock
 void VSUPTInitVarnObjectBase() {
   // While there is one thread: the second makes the key that all locks share.
   BriefGate::prepare();
+  LockOrder::prepare();
   globalSection().init();
   g_pCriticalSection = &globalSection();
 }

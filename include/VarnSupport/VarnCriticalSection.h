@@ -49,11 +49,15 @@ class VSUPT_EXPORT LockImplementation : public LockBase {
 
  private:
   friend class BriefHold;
+  friend class HeldSections;
+  friend class VarnCriticalSectionObject;
   friend VSUPT_EXPORT void VarnCriticalSectionRecoverFn(void*);
 
   bool isHeldByCaller() const;
   void addLevel();
   void acquire();
+  VSUPT_LOCAL void acquireHeld();
+  VSUPT_LOCAL void noteOrder() const;
   void take();
   void giveUp();
 
@@ -108,6 +112,7 @@ class VSUPT_EXPORT VSUPT_CAPABILITY("critical section") VarnCriticalSectionObjec
 
  private:
   friend class BriefHold;
+  friend class HeldSections;
 
   LockImplementation& state() {
     if (m_pState.load(std::memory_order_acquire) == nullptr)

@@ -25,6 +25,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "runtime/AlternateStack.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/System.h"
@@ -152,6 +153,7 @@ void* runRelay(void*) {
   for (const int signal : {SIGALRM, SIGUSR1, SIGUSR2})
     sigaddset(&ours, signal);
   pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
+  const AlternateStack stack;
   while (!isLast()) {
     awaitWork();
     relay.busy = true;

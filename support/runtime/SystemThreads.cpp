@@ -10,6 +10,8 @@
 #include <new>
 #include <utility>
 
+#include "runtime/AlternateStack.h"
+
 namespace VarnSupport {
 
 namespace {
@@ -40,6 +42,7 @@ struct Start {
 void* run(void* given) {
   const std::unique_ptr<const Start> start(static_cast<const Start*>(given));
   pthread_setname_np(pthread_self(), start->name.c_str());
+  const AlternateStack stack;
   start->body();
   return nullptr;
 }

@@ -16,6 +16,9 @@ class ThreadScope {
   ThreadScope(const ThreadScope&) = delete;
   ThreadScope& operator=(const ThreadScope&) = delete;
 
+  // Where the calling thread has its list: for who looks at those of other threads.
+  static const void* list() { return &t_pInnermost; }
+
  protected:
   explicit ThreadScope(const void* kind) : m_pKind(kind), m_pOuter(t_pInnermost) {
     t_pInnermost = this;
@@ -27,6 +30,14 @@ class ThreadScope {
 
   static ThreadScope* innermost(const void* kind) { return find(t_pInnermost, kind); }
   ThreadScope* outer() const { return find(m_pOuter, m_pKind); }
+
+  // For copies of the first bytes of a scope.
+  static bool isOfKind(const void* kind, const void* copy) {
+    return static_cast<const ThreadScope*>(copy)->m_pKind == kind;
+  }
+  static const void* outerOf(const void* copy) {
+    return static_cast<const ThreadScope*>(copy)->m_pOuter;
+  }
 
  private:
   static ThreadScope* find(ThreadScope* scope, const void* kind) {
@@ -53,6 +64,8 @@ class ThreadScopeOf : protected ThreadScope {
  protected:
   ThreadScopeOf() : ThreadScope(&kind) {}
   ~ThreadScopeOf() = default;
+
+  static const void* kindAddress() { return &kind; }
 
  private:
   static ThreadScopeOf* of(ThreadScope* scope) { return static_cast<ThreadScopeOf*>(scope); }

@@ -17,6 +17,7 @@
 #include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/WaitNote.h"
 
 namespace VarnSupport {
 
@@ -98,6 +99,7 @@ void EventState::broadcast() {
 
 bool EventState::sleepSince(std::uint32_t ticket, const MonotonicTime* deadline) {
   const Waiter waiter(*this);
+  const WaitNote note(WaitNote::EVENT, this);
   const timespec until = deadline != nullptr ? toTimespec(*deadline) : timespec{};
   while (number() == ticket) {
     if (deadline != nullptr && monotonicNow() >= *deadline)

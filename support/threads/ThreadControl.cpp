@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "VarnSupport/VarnCriticalSection.h"
+#include "runtime/AlternateStack.h"
 #include "runtime/Fork.h"
 #include "runtime/ProcessExit.h"
 
@@ -83,6 +84,7 @@ class ThreadControl::Use {
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
   }
 
+  AlternateStack m_oStack;
   ThreadControl& m_oControl;
 };
 

@@ -1,0 +1,220 @@
+// Handlers are put back one by one, and the signal comes again: a fault by itself, as its
+// instruction is run once more; one that was sent is sent again. So the system, or a handler of the
+// program, finds the registers of the crash, and the exit status is its own.
+//
+// One thread reports at a time. Who is done lets others go first, as the process ends with its
+// first default action.
+#include "VarnSupport/VarnCrashReport.h"
+
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include "VarnSupport/VarnException.h"
+#include "VarnSupport/VarnLogObserver.h"
+#include "insight/CrashText.h"
+#include "insight/RecordRing.h"
+#include "insight/StackTrace.h"
+#include "runtime/AlternateStack.h"
+#include "runtime/Cancellation.h"
+
+namespace VarnSupport {
+
+namespace {
+
+constexpr std::array kSignals{SIGSEGV, SIGABRT, SIGBUS, SIGFPE};
+constexpr int kMillisecondsForOthers = 5000;
+
+// Fixed while handlers are installed. They stay when the object goes: a handler may be under way.
+constinit std::array<struct sigaction, kSignals.size()> previousActions{};
+constinit std::terminate_handler previousTermination = nullptr;
+constinit std::atomic<int> descriptor{-1};
+
+constinit std::atomic<bool> exists{false};
+constinit std::atomic<pid_t> reporter{0};    // the thread that reports
+constinit std::atomic<int> waiting{0};       // threads that are about to
+constinit std::atomic<pid_t> terminated{0};  // a thread that has reported, and will abort
+
+bool isGone(pid_t thread) {
+  return syscall(SYS_tgkill, getpid(), thread, 0) != 0 && errno == ESRCH;
+}
+
+void sleepForMillisecond() {
+  const timespec time{0, 1'000'000};
+  nanosleep(&time, nullptr);
+}
+
+// The turn of the calling thread to report.
+class Turn {
+ public:
+  Turn() {
+    ++waiting;
+    for (int i = 0; i < kMillisecondsForOthers && !m_bMine; ++i) {
+      pid_t other = 0;
+      m_bMine = reporter.compare_exchange_strong(other, gettid()) ||
+                (isGone(other) && reporter.compare_exchange_strong(other, gettid()));
+      if (!m_bMine)
+        sleepForMillisecond();
+    }
+    --waiting;
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  ~Turn() {
+    if (m_bMine)
+      reporter = 0;
+    for (int i = 0; i < kMillisecondsForOthers && (waiting > 0 || reporter != 0); ++i)
+      sleepForMillisecond();
+  }
+
+  bool isMine() const { return m_bMine; }
+
+ private:
+  bool m_bMine = false;
+};
+
+// Keeps a pipe that nobody reads from ending the process in another way.
+class NoPipeSignal {
+ public:
+  NoPipeSignal() {
+    sigemptyset(&m_oSignal);
+    sigaddset(&m_oSignal, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &m_oSignal, &m_oPrevious);
+    sigset_t pending;
+    m_bPending = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+  }
+  NoPipeSignal(const NoPipeSignal&) = delete;
+  NoPipeSignal& operator=(const NoPipeSignal&) = delete;
+  ~NoPipeSignal() {
+    const timespec now{};
+    if (!m_bPending)
+      sigtimedwait(&m_oSignal, nullptr, &now);
+    pthread_sigmask(SIG_SETMASK, &m_oPrevious, nullptr);
+  }
+
+ private:
+  sigset_t m_oSignal{};
+  sigset_t m_oPrevious{};
+  bool m_bPending = false;
+};
+
+template <typename Write>
+void report(Write write) {
+  const NoCancellation whole;
+  const NoPipeSignal quiet;
+  const Turn turn;
+  if (turn.isMine())
+    write();
+}
+
+const struct sigaction& previousOf(int signal) {
+  std::size_t i = 0;
+  while (kSignals[i] != signal)
+    ++i;
+  return previousActions[i];
+}
+
+// A signal that comes again is blocked until the handler returns, and so finds what it interrupts.
+void passOn(int signal, const siginfo_t& info) {
+  sigaction(signal, &previousOf(signal), nullptr);
+  if (info.si_code > 0)
+    return;
+  sigset_t again;
+  sigemptyset(&again);
+  sigaddset(&again, signal);
+  pthread_sigmask(SIG_BLOCK, &again, nullptr);
+  syscall(SYS_tgkill, getpid(), gettid(), signal);
+}
+
+void handle(int signal, siginfo_t* info, void* context) {
+  if (reporter == gettid())
+    CrashText::leavePart();
+  const int error = errno;
+  const bool isIgnored =
+      previousOf(signal).sa_handler == SIG_IGN && info->si_code <= 0 && info->si_pid != getpid();
+  if (!isIgnored) {
+    if (terminated != gettid())
+      report([&] { CrashText::write(descriptor, *info, context); });
+    passOn(signal, *info);
+  }
+  errno = error;
+}
+
+[[noreturn]] void terminate() {
+  report([] { CrashText::writeTermination(descriptor); });
+  terminated = gettid();
+  if (previousTermination != nullptr)
+    previousTermination();
+  std::abort();
+}
+
+}  // namespace
+
+struct VarnCrashReport::State {
+  State() : observer(9, RecordRing::put) {}
+
+  void install() {
+    struct sigaction action {};
+    action.sa_sigaction = handle;
+    // A fault within the handler must come through; all that is none must wait.
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+    sigfillset(&action.sa_mask);
+    for (const int signal : kSignals)
+      sigdelset(&action.sa_mask, signal);
+    for (std::size_t i = 0; i < kSignals.size(); ++i)
+      sigaction(kSignals[i], nullptr, &previousActions[i]);
+    for (const int signal : kSignals)
+      sigaction(signal, &action, nullptr);
+    previousTermination = std::set_terminate(terminate);
+  }
+
+  void remove() {
+    for (std::size_t i = 0; i < kSignals.size(); ++i) {
+      struct sigaction present {};
+      if (sigaction(kSignals[i], nullptr, &present) == 0 && present.sa_sigaction == handle)
+        sigaction(kSignals[i], &previousActions[i], nullptr);
+    }
+    if (std::get_terminate() == terminate)
+      std::set_terminate(previousTermination);
+  }
+
+  AlternateStack stack;
+  VarnLogObserver observer;
+};
+
+VarnCrashReport::VarnCrashReport(int given) {
+  const QuietCancellationGuard closed;
+  if (exists.exchange(true))
+    throw VarnException("VarnCrashReport: there is one already", EEXIST);
+  AlternateStack::want(true);
+  try {
+    RecordRing::clear();
+    m_pState = new State;
+  } catch (...) {
+    AlternateStack::want(false);
+    exists = false;
+    throw;
+  }
+  warmUpStackTraces();
+  descriptor = given;
+  m_pState->install();
+}
+
+VarnCrashReport::~VarnCrashReport() {
+  const QuietCancellationGuard closed;
+  m_pState->remove();
+  delete m_pState;
+  AlternateStack::want(false);
+  exists = false;
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,151 @@
+#include "insight/TaskList.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "insight/PlainText.h"
+#include "locks/BriefHold.h"
+#include "locks/HeldSections.h"
+#include "runtime/Cancellation.h"
+#include "runtime/OwnMemory.h"
+
+namespace VarnSupport {
+
+namespace {
+
+std::uintptr_t robustListOf(pid_t thread) {
+  robust_list_head* head = nullptr;
+  std::size_t length = 0;
+  if (syscall(SYS_get_robust_list, thread, &head, &length) != 0)
+    return 0;
+  return reinterpret_cast<std::uintptr_t>(head);
+}
+
+// Where a thread with that pointer has what the calling thread has at `own`.
+std::uintptr_t counterpart(const void* own, std::uintptr_t pointer) {
+  return reinterpret_cast<std::uintptr_t>(own) - static_cast<std::uintptr_t>(callingThread()) +
+         pointer;
+}
+
+std::uintptr_t pointerOf(pid_t thread) {
+  const std::uintptr_t own = robustListOf(gettid());
+  const std::uintptr_t list = robustListOf(thread);
+  if (own == 0 || list == 0)
+    return 0;
+  return list - own + static_cast<std::uintptr_t>(callingThread());
+}
+
+void readVariables(Task& task) {
+  std::uintptr_t cancellation = 0;
+  copyOwnMemory(counterpart(&t_pCancellation, task.pointer), cancellation);
+  task.isVarnThread = cancellation != 0;
+  copyOwnMemory(counterpart(&HeldSections::t_pNewest, task.pointer), task.newestLock);
+  const WaitNote::Copy copy(counterpart(ThreadScope::list(), task.pointer));
+  if (const WaitNote* const note = copy.get()) {
+    task.isWaiting = true;
+    task.kind = note->kind();
+    task.awaited = reinterpret_cast<std::uintptr_t>(note->what());
+    task.since = note->since();
+  }
+}
+
+void readName(Task& task) {
+  PlainFile file(ProcPath("task/", task.id, "/comm").get());
+  std::string_view name;
+  if (!file.nextLine(name))
+    return;
+  name.copy(task.name.data(), task.name.size() - 1);
+  std::replace_if(
+      task.name.begin(), task.name.end() - 1,
+      [](char letter) { return letter != 0 && (letter < ' ' || letter > '~'); }, '?');
+}
+
+// "202 0x7f... 0x80 ..." or "running".
+void readCall(Task& task) {
+  PlainFile file(ProcPath("task/", task.id, "/syscall").get());
+  std::string_view line;
+  std::uint64_t number = 0;
+  if (!file.nextLine(line) || !takeNumber(line, 10, number))
+    return;
+  task.call.number = static_cast<long>(number);
+  for (std::uint64_t& argument : task.call.arguments) {
+    line.remove_prefix(line.empty() ? 0 : 1);
+    if (!takeNumber(line, 16, argument))
+      return;
+  }
+}
+
+}  // namespace
+
+TaskList::TaskList() {
+  void* const memory = mmap(nullptr, kMost * sizeof(Task), PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  m_pTasks = memory != MAP_FAILED ? static_cast<Task*>(memory) : nullptr;
+  const int folder = open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0 || m_pTasks == nullptr) {
+    if (m_pTasks != nullptr)
+      add(gettid());
+    if (folder >= 0)
+      close(folder);
+    return;
+  }
+  alignas(dirent64) std::array<char, 1024> buffer;
+  long length = 0;
+  while ((length = syscall(SYS_getdents64, folder, buffer.data(), buffer.size())) > 0) {
+    for (const char* at = buffer.data(); at < buffer.data() + length;) {
+      const auto* const entry = reinterpret_cast<const dirent64*>(at);
+      std::string_view name(entry->d_name);
+      std::uint64_t id = 0;
+      if (takeNumber(name, 10, id))
+        add(static_cast<pid_t>(id));
+      at += entry->d_reclen;
+    }
+  }
+  close(folder);
+}
+
+TaskList::~TaskList() {
+  if (m_pTasks != nullptr)
+    munmap(m_pTasks, kMost * sizeof(Task));
+}
+
+void TaskList::add(pid_t id) {
+  if (m_nTasks == kMost) {
+    ++m_nLeftOut;
+    return;
+  }
+  Task& task = m_pTasks[m_nTasks++];
+  task = Task();
+  task.id = id;
+  readName(task);
+  task.pointer = pointerOf(id);
+  if (task.pointer != 0)
+    readVariables(task);
+  if (id != gettid())
+    readCall(task);
+}
+
+const Task* TaskList::withId(pid_t id) const {
+  const auto all = tasks();
+  const auto found =
+      std::find_if(all.begin(), all.end(), [id](const Task& task) { return task.id == id; });
+  return found != all.end() ? &*found : nullptr;
+}
+
+const Task* TaskList::withPointer(std::uintptr_t pointer) const {
+  const auto all = tasks();
+  const auto found = std::find_if(all.begin(), all.end(), [pointer](const Task& task) {
+    return pointer != 0 && task.pointer == pointer;
+  });
+  return found != all.end() ? &*found : nullptr;
+}
+
+}  // namespace VarnSupport

@@ -120,6 +120,8 @@ class HostService : public VarnService {
       if (const auto limit = VarnServiceManager::watchdogInterval(); limit.count() > 0)
         m_oWatchdog.start(limit / 2);
       m_vSignalActions.emplace_back(SIGHUP, [this] { onHangUp(); });
+      m_vSignalActions.emplace_back(
+          SIGQUIT, [] { VarnLogRecord(kComponent, EVENT) << VarnDescribeThreads(); });
       if (!daemon.empty())
         VarnDetachStreams();
       return true;

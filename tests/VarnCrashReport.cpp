@@ -78,8 +78,8 @@ void callNothing() {
 
 // Another size stands before a block than it has.
 void spoilHeap() {
-  char* volatile block = new char[4000];
-  std::memset(block - 8, 0x41, 8);
+  auto* const block = new volatile std::uint64_t[500];
+  block[-1] = 0x4141414141414141;
   delete[] block;
 }
 

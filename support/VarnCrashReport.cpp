@@ -135,7 +135,7 @@ void passOn(int signal, const siginfo_t& info) {
   syscall(SYS_tgkill, getpid(), gettid(), signal);
 }
 
-void handle(int signal, siginfo_t* info, void* context) {
+void onCrash(int signal, siginfo_t* info, void* context) {
   if (reporter == gettid())
     CrashText::leavePart();
   const int error = errno;
@@ -149,7 +149,7 @@ void handle(int signal, siginfo_t* info, void* context) {
   errno = error;
 }
 
-[[noreturn]] void terminate() {
+[[noreturn]] void onTerminate() {
   report([] { CrashText::writeTermination(descriptor); });
   terminated = gettid();
   if (previousTermination != nullptr)
@@ -164,7 +164,7 @@ struct VarnCrashReport::State {
 
   void install() {
     struct sigaction action {};
-    action.sa_sigaction = handle;
+    action.sa_sigaction = onCrash;
     // A fault within the handler must come through; all that is none must wait.
     action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
     sigfillset(&action.sa_mask);
@@ -174,16 +174,16 @@ struct VarnCrashReport::State {
       sigaction(kSignals[i], nullptr, &previousActions[i]);
     for (const int signal : kSignals)
       sigaction(signal, &action, nullptr);
-    previousTermination = std::set_terminate(terminate);
+    previousTermination = std::set_terminate(onTerminate);
   }
 
   void remove() {
     for (std::size_t i = 0; i < kSignals.size(); ++i) {
       struct sigaction present {};
-      if (sigaction(kSignals[i], nullptr, &present) == 0 && present.sa_sigaction == handle)
+      if (sigaction(kSignals[i], nullptr, &present) == 0 && present.sa_sigaction == onCrash)
         sigaction(kSignals[i], &previousActions[i], nullptr);
     }
-    if (std::get_terminate() == terminate)
+    if (std::get_terminate() == onTerminate)
       std::set_terminate(previousTermination);
   }
 

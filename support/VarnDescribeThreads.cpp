@@ -87,9 +87,9 @@ std::string_view nameOf(std::uintptr_t section) {
   return "";
 }
 
-class Description {
+class ThreadsText {
  public:
-  Description(PlainText& text, const TaskList& list) : m_oText(text), m_oList(list) {}
+  ThreadsText(PlainText& text, const TaskList& list) : m_oText(text), m_oList(list) {}
 
   void put() {
     const auto tasks = m_oList.tasks();
@@ -252,7 +252,7 @@ void describe(PlainText::Sink sink, void* to) {
   const NoCancellation whole;
   const TaskList list;
   PlainText text(sink, to);
-  Description(text, list).put();
+  ThreadsText(text, list).put();
   text.flush();
 }
 

@@ -73,7 +73,7 @@ CommandJob::~CommandJob() {
 
 void CommandJob::start(const CommandSettings& settings) noexcept {
   assert(!m_bFinished && isReaped() && NoCancellation::isInForce());
-  LaunchedProgram program = launch(settings);
+  LaunchedProgram program = launchProgram(settings);
   if (program.error != 0) {
     fail(program.error, std::move(program.subject));
     return;

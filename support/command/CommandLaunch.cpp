@@ -278,7 +278,7 @@ LaunchedProgram tryToLaunch(const CommandSettings& settings) {
 
 }  // namespace
 
-LaunchedProgram launch(const CommandSettings& settings) noexcept {
+LaunchedProgram launchProgram(const CommandSettings& settings) noexcept {
   assert(NoCancellation::isInForce());
   LaunchedProgram failed;
   try {

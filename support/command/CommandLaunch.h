@@ -22,7 +22,7 @@ struct LaunchedProgram {
 };
 
 // The caller must wait for the process. Requires: NoCancellation.
-LaunchedProgram launch(const CommandSettings& settings) noexcept;
+LaunchedProgram launchProgram(const CommandSettings& settings) noexcept;
 
 }  // namespace VarnSupport
 

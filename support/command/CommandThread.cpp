@@ -90,7 +90,7 @@ class Watch {
 };
 
 // On the mask of the thread that has started the command.
-void call(VarnCommand::Done& done, const VarnCommand::Result& result, const sigset_t& mask) {
+void callDone(VarnCommand::Done& done, const VarnCommand::Result& result, const sigset_t& mask) {
   sigset_t own;
   pthread_sigmask(SIG_SETMASK, &mask, &own);
   try {
@@ -194,7 +194,7 @@ void CommandThread::conclude(CommandTask& task) {
   } over{task};
   const CommandCall underWay(CommandKey{task.owner});
   if (done)
-    call(done, task.job.result(), task.callersMask);
+    callDone(done, task.job.result(), task.callersMask);
 }
 
 void CommandThread::await(CommandTask& task, MonotonicTime deadline) {

@@ -14,7 +14,7 @@ namespace VarnSupport {
 
 namespace {
 
-struct Walk {
+struct StackWalk {
   std::span<std::uintptr_t> places;
   volatile std::size_t& count;
   std::uintptr_t start;
@@ -22,7 +22,7 @@ struct Walk {
 };
 
 _Unwind_Reason_Code step(_Unwind_Context* context, void* argument) {
-  Walk& walk = *static_cast<Walk*>(argument);
+  StackWalk& walk = *static_cast<StackWalk*>(argument);
   int isExact = 0;
   const std::uintptr_t address = _Unwind_GetIPInfo(context, &isExact);
   if (address == 0 || walk.count == walk.places.size())
@@ -88,7 +88,7 @@ void warmUpStackTraces() {
 [[gnu::noinline]] void walkStack(std::span<std::uintptr_t> places, volatile std::size_t& count,
                                  std::uintptr_t start) {
   count = 0;
-  Walk walk{places, count, start, start == 0 ? 1 : 0};
+  StackWalk walk{places, count, start, start == 0 ? 1 : 0};
   _Unwind_Backtrace(step, &walk);
 }
 

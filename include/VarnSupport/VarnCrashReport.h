@@ -31,15 +31,14 @@ namespace VarnSupport {
 //   code of that exception, and therefore comes last.
 // - Handlers need a stack. The thread that makes the object, and threads of the library that start
 //   later (each VarnThread is one), get one of 64 KiB for it, and report that they have no stack
-//   left, too. Another thread uses its own, of which a report takes about 16 KiB, unless it has set
+//   left, too. Another thread uses its own, of which a report takes less than 16 KiB, unless it has set
 //   one by sigaltstack(2): when it has used up its stack, the process ends without a report.
 // - Places are those of the calls themselves. Where the stack cannot be walked, the words on it
-// that
-//   are addresses of code are listed, of which some are calls.
+//   that are addresses of code are listed, of which some are calls.
 // - The last 32 records of the registered log are kept, those of all levels that it writes, cut to
 //   200 bytes and made printable, as VarnEscaped() does it. They are those since the object was
-//   made; one that a thread is in the middle of is not among them. This costs each record that is
-//   written about a microsecond.
+//   made; one that a thread is in the middle of is not among them. To write a record takes about
+//   twice as long for it.
 // - Threads that crash at the same time report one after the other.
 // - Then the handler that was there before the object is put back, and gets the signal: the default
 //   action, or that of the program. A program that goes on after it has reported that signal once.

@@ -27,8 +27,7 @@ namespace VarnSupport {
 // - "waits for" tells of the critical sections and events of the library, and since when: a wait
 //   has begun at that time, to within a tick of some milliseconds.
 // - "in" tells of the call of the system that a thread is in, its descriptor, and, where it waits
-// for
-//   a mutex or the end of a thread, for whom.
+//   for a mutex or the end of a thread, for whom.
 // - A section is known by the address of its state; some of the library's own have names. A held
 //   one says how often its thread has it; "wanted for" is how long the longest of its present
 //   waiters has been waiting, while the holder may have come later; "held for at least" is since

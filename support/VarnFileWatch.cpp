@@ -1,7 +1,8 @@
 // Events only say where to look. The loop notes the names that they are about, and a call looks at
 // these names and compares what is there with what was known: who is told of changes is told of
 // what is so, however many events there were and in whatever order the looks fell between them.
-// Lost events, and a folder that is another one now, have all names looked at.
+// Lost events, and a folder that is another one now, have all names looked at. Whether a file that
+// has left its name was moved, and where to, events alone know: they are read to the end before.
 //
 // The folder is watched for what happens to its names. Each folder above it is watched for being
 // moved or removed itself, and each symbolic link on the way for being replaced; of all these the
@@ -9,6 +10,7 @@
 // leads nowhere, the path is tried every second.
 #include "VarnSupport/VarnFileWatch.h"
 
+#include <algorithm>
 #include <cassert>
 #include <filesystem>
 #include <set>
@@ -101,13 +103,23 @@ void VarnFileWatch::State::lookAtAll(const FileWork& work) {
   }
 }
 
+// Of several files that have left the name since the last look, the first is the known one; a name
+// that it has got may be that of another file by now.
 void VarnFileWatch::State::forget(const std::string& name, const FileHint& hint) {
   const auto found = m_mapKnown.find(name);
   assert(found != m_mapKnown.end());
-  if (found->second.target >= 0)
-    removeTargetWatch(found->second.target, name);
+  const Known known = found->second;
   m_mapKnown.erase(found);
-  tell(hint.isMoved ? MOVED : GONE, name, 0, hint.isMoved ? hint.newName : std::string());
+  if (known.target >= 0)
+    removeTargetWatch(known.target, name);
+  const auto newName =
+      std::find_if(hint.newNames.begin(), hint.newNames.end(), [&](const std::string& its) {
+        return FileStatus::of(place.folder + '/' + its).isSameFile(known.status);
+      });
+  if (newName != hint.newNames.end())
+    tell(MOVED, name, 0, *newName);
+  else
+    tell(hint.isMoved ? MOVED : GONE, name);
 }
 
 // The link may lead elsewhere by the time that its file is watched.
@@ -120,13 +132,16 @@ void VarnFileWatch::State::watchTarget(const std::string& name, const std::strin
     m_bIncomplete = true;
 }
 
-void VarnFileWatch::State::lookAt(const std::string& name, const FileHint& hint) {
+void VarnFileWatch::State::lookAt(const std::string& name, FileHint hint) {
   const std::string path = place.folder + '/' + name;
-  const FileStatus now = FileStatus::of(path);
+  FileStatus now = FileStatus::of(path);
   auto found = m_mapKnown.find(name);
   if (found != m_mapKnown.end()) {
     const bool isReplaced = hint.isRemoved && !now.isSure();
     if (!now.exists || isReplaced || !now.isSameFile(found->second.status)) {
+      if (!hearAllOf(name, hint))
+        return;
+      now = FileStatus::of(path);
       forget(name, hint);
       found = m_mapKnown.end();
     }

@@ -68,6 +68,40 @@ class Told {
   std::size_t m_nSeen = 0;
 };
 
+// Holds up the function that tells of a change.
+class Gate {
+ public:
+  // The next one that tells of this name.
+  void close(const std::string& name) {
+    const std::lock_guard guard(m_oMutex);
+    m_sName = name;
+  }
+  void pass(const Change& change) {
+    std::unique_lock lock(m_oMutex);
+    if (change.what != Watch::CHANGED || fs::path(change.path).filename() != m_sName)
+      return;
+    m_sName.clear();
+    m_bHolds = true;
+    m_oChanged.notify_all();
+    m_oChanged.wait_for(lock, std::chrono::seconds(20), [&] { return !m_bHolds; });
+  }
+  void await() {
+    std::unique_lock lock(m_oMutex);
+    EXPECT_TRUE(m_oChanged.wait_for(lock, std::chrono::seconds(10), [&] { return m_bHolds; }));
+  }
+  void open() {
+    const std::lock_guard guard(m_oMutex);
+    m_bHolds = false;
+    m_oChanged.notify_all();
+  }
+
+ private:
+  std::mutex m_oMutex;
+  std::condition_variable m_oChanged;
+  std::string m_sName;
+  bool m_bHolds = false;
+};
+
 void append(const std::string& file, const std::string& text) {
   std::ofstream(file, std::ios::app) << text;
 }
@@ -123,6 +157,73 @@ TEST(VarnFileWatch, FollowsANameThroughRotations) {
   fs::remove(file);
   writeFile(file, "");
   EXPECT_TRUE(told.tells({"GONE app.log", "MADE app.log"}));
+}
+
+TEST(VarnFileWatch, ANewNameIsOfTheFileThatWasToldOf) {
+  const TempFolder folder;
+  const std::string file = folder / "a.txt";
+  writeFile(file, "1");
+  Told told;
+  Gate gate;
+  const Watch watch(file, [&](const Change& change) {
+    told.note(change);
+    gate.pass(change);
+  });
+  const auto rotateTo = [&](const char* name) {
+    fs::rename(file, folder / name);
+    writeFile(file, "next");
+  };
+  const auto meanwhile = [&](const auto& rotate) {
+    gate.close("a.txt");
+    append(file, "2");
+    gate.await();
+    rotate();
+    gate.open();
+  };
+  meanwhile([&] {
+    for (const char* const name : {"a.1", "a.2", "a.3"})
+      rotateTo(name);
+  });
+  EXPECT_TRUE(told.tells({"MOVED a.txt to a.1", "MADE a.txt"}));
+  meanwhile([&] {
+    rotateTo("a.1");
+    fs::remove(folder / "a.1");
+  });
+  EXPECT_TRUE(told.tells({"MOVED a.txt", "MADE a.txt"}));
+  meanwhile([&] {
+    fs::create_hard_link(file, folder / "a.4");  // lest the number of the file is given again
+    fs::remove(file);
+    writeFile(file, "");
+    rotateTo("a.5");
+  });
+  EXPECT_TRUE(told.tells({"GONE a.txt", "MADE a.txt"}));
+}
+
+TEST(VarnFileWatch, ALookBeforeTheEventOfAMoveTellsOfTheMove) {
+  VarnCallbackPool pool(1);
+  for (const bool isPooled : {false, true}) {
+    const TempFolder folder;
+    for (const char* const name : {"0", "a", "b"})
+      writeFile(folder / name, "1");
+    Told told;
+    Gate gate;
+    const auto function = [&](const Change& change) {
+      told.note(change);
+      gate.pass(change);
+    };
+    const Watch watch(folder / "?", function, isPooled ? &pool : nullptr);
+    gate.close("0");
+    append(folder / "0", "2");
+    gate.await();
+    append(folder / "a", "2");
+    append(folder / "b", "2");
+    gate.close("a");
+    gate.open();
+    gate.await();  // in a call that looks at "b" next
+    fs::rename(folder / "b", folder / "b.1");
+    gate.open();
+    EXPECT_TRUE(told.tells({"MOVED b to b.1"}));
+  }
 }
 
 TEST(VarnFileWatch, TheFolderMayBeMissingVanishBeMovedAndBeALink) {

@@ -7,9 +7,10 @@
 //
 // A name is followed, not a file: a rotation by rename tells MOVED and then MADE, one that copies
 // and cuts tells CUT. Changes that come together are told as one, and what was made and is gone
-// again not at all. The folder may be missing, vanish and come back. A name that is a symbolic link
-// stands for the file that it leads to. The system tells (inotify), not of what other hosts do to a
-// network file system, nor of writes through a mapping.
+// again not at all: of quick rotations the files between are not told of. The folder may be
+// missing, vanish and come back. A name that is a symbolic link stands for the file that it leads
+// to. The system tells (inotify), not of what other hosts do to a network file system, nor of
+// writes through a mapping.
 //
 // Calls are made by the thread of the loop ("vsupt-loop") or by a VarnCallbackPool, never two of
 // one object at once. Safe from any thread, from their own functions too. What a function throws is
@@ -42,7 +43,7 @@ class VSUPT_EXPORT VarnFileWatch {
   struct Change {
     tChange what = FOUND;
     std::string path;        // as the object was given it, with the name in place of the wildcard
-    std::string newPath;     // of a file that was moved within its folder, if that is known
+    std::string newPath;     // where in its folder just this file is, if it was moved; else empty
     std::uint64_t size = 0;  // of a file that is there
   };
   using Function = std::function<void(const Change& change)>;

@@ -13,6 +13,8 @@ namespace VarnSupport {
 
 namespace {
 
+using Folder = std::unique_ptr<DIR, int (*)(DIR*)>;
+
 std::int64_t nanosecondsOf(const statx_timestamp& time) {
   return std::int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
 }
@@ -38,9 +40,14 @@ FileStatus FileStatus::of(const std::string& path) {
   return status;
 }
 
+void awaitChangesIn(const std::string& folder) {
+  if (const Folder stream{opendir(folder.c_str()), closedir})
+    static_cast<void>(readdir(stream.get()));
+}
+
 std::vector<std::string> namesIn(const std::string& folder, const std::string& wildcard) {
   std::vector<std::string> names;
-  const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(folder.c_str()), closedir);
+  const Folder stream(opendir(folder.c_str()), closedir);
   if (stream == nullptr)
     return names;
   while (const dirent* const entry = readdir(stream.get())) {

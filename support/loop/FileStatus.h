@@ -29,6 +29,10 @@ struct FileStatus {
   std::int64_t changed = 0;  // in nanoseconds
 };
 
+// Returns when the changes of names in a folder that can be seen have been told by the system,
+// which does so at their end, under the lock that reading the folder takes.
+void awaitChangesIn(const std::string& folder);
+
 // The names in a folder that match a wildcard, without "." and "..".
 std::vector<std::string> namesIn(const std::string& folder, const std::string& wildcard);
 

@@ -17,6 +17,8 @@ namespace {
 
 // Names that are noted until the next look; more of them count as lost.
 constexpr std::size_t kMostNames = 16384;
+// Of one name, until the next look.
+constexpr std::size_t kMostNewNames = 16;
 
 constexpr std::uint32_t kOfFolder = IN_CREATE | IN_DELETE | IN_MODIFY | IN_MOVED_FROM | IN_MOVED_TO;
 constexpr std::uint32_t kOfItself = IN_MOVE_SELF | IN_DELETE_SELF;
@@ -25,18 +27,29 @@ constexpr std::uint32_t kGoneItself = kOfItself | IN_IGNORED | IN_UNMOUNT;
 
 }  // namespace
 
-FileHint* VarnFileWatch::State::hintFor(std::string_view name) {
+void FileHint::noteNewName(std::string_view name) {
+  if (newNames.size() < kMostNewNames)
+    newNames.emplace_back(name);
+}
+
+void FileHint::add(const FileHint& later) {
+  isModified |= later.isModified;
+  isMoved |= later.isMoved && !isRemoved;
+  isRemoved |= later.isRemoved;
+  for (const std::string& name : later.newNames)
+    noteNewName(name);
+}
+
+template <typename Note>
+void VarnFileWatch::State::noteOf(std::string_view name, Note note) {
   if (m_oWork.isLost)
-    return nullptr;
-  if (m_oWork.names.size() >= kMostNames) {
-    noteLoss();
-    return nullptr;
-  }
+    return;
+  if (m_oWork.names.size() >= kMostNames)
+    return noteLoss();
   try {
-    return &m_oWork.names[std::string(name)];
+    note(m_oWork.names[std::string(name)]);
   } catch (const std::bad_alloc&) {
     noteLoss();
-    return nullptr;
   }
 }
 
@@ -46,35 +59,62 @@ void VarnFileWatch::State::noteLoss() {
   m_oWork.names.clear();
 }
 
-void VarnFileWatch::State::hear(int watch, std::uint32_t events, std::string_view name,
-                                std::string_view newName) {
-  bool isMine = false;
-  for (const auto& [target, itsName] : m_vTargets) {
-    if (target != watch)
-      continue;
-    isMine = true;
-    if (FileHint* const hint = hintFor(itsName)) {
-      hint->isModified |= (events & IN_MODIFY) != 0;
-      hint->isMoved |= (events & IN_MOVE_SELF) != 0;
-    }
-  }
-  if (watch == m_nFolder && (events & kOfFolder) != 0 &&
-      FindFileImplementation::IsPatternMatch(place.pattern.c_str(), name.data())) {
-    isMine = true;
-    if (FileHint* const hint = hintFor(name)) {
-      hint->isModified |= (events & IN_MODIFY) != 0;
-      hint->isRemoved |= (events & (IN_DELETE | IN_MOVED_FROM)) != 0;
-      hint->isMoved |= (events & IN_MOVED_FROM) != 0;
-      if (!newName.empty())
-        hint->newName = newName;
-    }
-  }
-  const bool isOnWay =
-      watch == m_nFolder || std::find(m_vWay.begin(), m_vWay.end(), watch) != m_vWay.end();
-  if (isOnWay && (events & kGoneItself) != 0)
-    isMine = m_oWork.isRenewed = true;
-  if (isMine)
+// A move within a folder is two events with one number. Others may come between them, but none of
+// the same folder.
+void VarnFileWatch::State::hearOfName(const inotify_event& event) {
+  const std::string_view name = event.len > 0 ? event.name : "";
+  if (FindFileImplementation::IsPatternMatch(place.pattern.c_str(), name.data())) {
+    noteOf(name, [&](FileHint& hint) {
+      hint.isModified |= (event.mask & IN_MODIFY) != 0;
+      if ((event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0)
+        hint.noteLeaving((event.mask & IN_MOVED_FROM) != 0);
+      if ((event.mask & IN_MOVED_FROM) != 0) {
+        m_sLeaving = name;
+        m_nLeavingMove = event.cookie;
+      }
+    });
     pend();
+  }
+  if ((event.mask & IN_MOVED_TO) != 0 && event.cookie == m_nLeavingMove) {
+    noteOf(m_sLeaving, [&](FileHint& hint) { hint.noteNewName(name); });
+    pend();
+  }
+}
+
+void VarnFileWatch::State::hear(const inotify_event& event) {
+  for (const auto& [target, itsName] : m_vTargets) {
+    if (target != event.wd)
+      continue;
+    noteOf(itsName, [&](FileHint& hint) {
+      hint.isModified |= (event.mask & IN_MODIFY) != 0;
+      hint.isMoved |= (event.mask & IN_MOVE_SELF) != 0;
+    });
+    pend();
+  }
+  if (event.wd == m_nFolder && (event.mask & kOfFolder) != 0)
+    hearOfName(event);
+  const bool isOnWay =
+      event.wd == m_nFolder || std::find(m_vWay.begin(), m_vWay.end(), event.wd) != m_vWay.end();
+  if (isOnWay && (event.mask & kGoneItself) != 0) {
+    m_oWork.isRenewed = true;
+    pend();
+  }
+}
+
+// Has what happened until now told, and adds to the hint what it says of the name: so the hint and
+// a file that was seen to have left agree. False when events were lost: the next call tells of that
+// first, and looks at all names.
+bool VarnFileWatch::State::hearAllOf(const std::string& name, FileHint& hint) {
+  awaitChangesIn(place.folder);
+  const LoopLock lock;
+  if (!isEnlisted())
+    return true;
+  loop().folders().read();
+  if (const auto later = m_oWork.names.find(name); later != m_oWork.names.end()) {
+    hint.add(later->second);
+    m_oWork.names.erase(later);
+  }
+  return !m_oWork.isLost;
 }
 
 void VarnFileWatch::State::hearLoss() {

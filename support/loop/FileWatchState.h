@@ -29,12 +29,21 @@ struct FileWatchPlace {
   std::string pattern;
 };
 
-// What is known of a name from its events.
+// What is known of a name from its events. A file that has left the name is the first that left.
 struct FileHint {
+  void noteLeaving(bool hasMoved) {
+    isMoved |= hasMoved && !isRemoved;
+    isRemoved = true;
+  }
+  void noteNewName(std::string_view name);
+  // What came later.
+  void add(const FileHint& later);
+
   bool isModified = false;
   bool isRemoved = false;
   bool isMoved = false;
-  std::string newName;
+  // Within the folder, of the first files that left, in their order.
+  std::vector<std::string> newNames;
 };
 
 // What a call is to do.
@@ -52,9 +61,8 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
         function(std::move(itsFunction)) {}
 
   std::string describe() const override { return std::string(kind()) + " of " + place.given; }
-  // The loop tells.
-  void hear(int watch, std::uint32_t events, std::string_view name,
-            std::string_view newName) override;
+  // The loop tells, or another call that reads events.
+  void hear(const inotify_event& event) override;
   void hearLoss() override;
   void onDeadline() override;
   void enterLoop() override;
@@ -70,8 +78,11 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
     int target = -1;  // watch of the file that a link leads to
   };
 
-  FileHint* hintFor(std::string_view name);
+  template <typename Note>
+  void noteOf(std::string_view name, Note note);
   void noteLoss();
+  void hearOfName(const inotify_event& event);
+  bool hearAllOf(const std::string& name, FileHint& hint);
 
   int addWatch(LoopLock& lock, const std::string& path, std::uint32_t events);
   void addWayWatch(const std::string& path, std::uint32_t events);
@@ -81,7 +92,7 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
   void attach();
   void detach();
   void lookAtAll(const FileWork& work);
-  void lookAt(const std::string& name, const FileHint& hint);
+  void lookAt(const std::string& name, FileHint hint);
   void forget(const std::string& name, const FileHint& hint);
   void watchTarget(const std::string& name, const std::string& path, Known& known);
   void tell(tChange what, const std::string& name, std::uint64_t size = 0,
@@ -92,6 +103,8 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
 
   // Guarded by the lock of the loop.
   FileWork m_oWork;
+  std::string m_sLeaving;                               // the name that a file has left last,
+  std::uint32_t m_nLeavingMove = 0;                     // and the number of its move
   int m_nFolder = -1;                                   // the watch
   std::vector<int> m_vWay;                              // watches of what leads to it
   std::vector<std::pair<int, std::string>> m_vTargets;  // watches of what links lead to, by name

@@ -4,6 +4,7 @@
 // dead when it comes back: whoever adds finds that watches have gone, and begins anew.
 #include "loop/FolderWatches.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,17 +16,6 @@
 #include "loop/LoopThread.h"
 
 namespace VarnSupport {
-
-namespace {
-
-// Of a buffer that is read in one turn of the loop.
-constexpr int kMostReads = 16;
-
-std::string_view nameOf(const inotify_event& event) {
-  return event.len > 0 ? std::string_view(event.name) : std::string_view();
-}
-
-}  // namespace
 
 void FolderWatches::open() {
   assert(LoopLock::isHeld() && !isOpen());
@@ -60,33 +50,27 @@ void FolderWatches::removeUnused(int watch) {
   inotify_rm_watch(m_oInotify.get(), watch);
 }
 
+// What comes while this reads may be left for the next time, so that it ends.
 void FolderWatches::read() {
   assert(LoopLock::isHeld());
-  for (int turn = 0; turn < kMostReads; ++turn) {
+  int left = 0;
+  if (ioctl(m_oInotify.get(), FIONREAD, &left) != 0)
+    return;
+  while (left > 0) {
     const ssize_t length = ::read(m_oInotify.get(), m_aBuffer.data(), m_aBuffer.size());
     if (length <= 0)
       return;
+    left -= static_cast<int>(length);
     const char* const end = m_aBuffer.data() + length;
-    for (const char* event = m_aBuffer.data(); event < end;)
-      event += tell(event, end);
+    for (const char* next = m_aBuffer.data(); next < end;) {
+      const auto& event = *reinterpret_cast<const inotify_event*>(next);
+      next += sizeof event + event.len;
+      if ((event.mask & IN_Q_OVERFLOW) != 0)
+        tellLoss();
+      else
+        tell(event);
+    }
   }
-}
-
-// A move within a folder is two events, one behind the other. Returns the length of the first.
-std::size_t FolderWatches::tell(const char* begin, const char* end) {
-  const auto& event = *reinterpret_cast<const inotify_event*>(begin);
-  const std::size_t length = sizeof event + event.len;
-  std::string_view newName;
-  if ((event.mask & IN_MOVED_FROM) != 0 && begin + length < end) {
-    const auto& next = *reinterpret_cast<const inotify_event*>(begin + length);
-    if ((next.mask & IN_MOVED_TO) != 0 && next.cookie == event.cookie && next.wd == event.wd)
-      newName = nameOf(next);
-  }
-  if ((event.mask & IN_Q_OVERFLOW) != 0)
-    tellLoss();
-  else
-    tellOne(event, newName);
-  return length;
 }
 
 void FolderWatches::tellLoss() {
@@ -97,7 +81,7 @@ void FolderWatches::tellLoss() {
 }
 
 // With IN_IGNORED the system has removed the watch, as its file or folder is no more.
-void FolderWatches::tellOne(const inotify_event& event, std::string_view newName) {
+void FolderWatches::tell(const inotify_event& event) {
   const auto found = m_mapListeners.find(event.wd);
   if (found == m_mapListeners.end()) {
     if ((event.mask & IN_IGNORED) == 0)
@@ -105,7 +89,7 @@ void FolderWatches::tellOne(const inotify_event& event, std::string_view newName
     return;
   }
   for (FolderListener* const listener : found->second)
-    listener->hear(event.wd, event.mask, nameOf(event), newName);
+    listener->hear(event);
   if ((event.mask & IN_IGNORED) == 0)
     return;
   m_mapListeners.erase(found);

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cstdint>
-#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -17,9 +16,7 @@ namespace VarnSupport {
 // Who is told of events. Both are called under the lock of the loop.
 class FolderListener {
  public:
-  // `newName` is where a name of the folder was moved to within it, if that is known.
-  virtual void hear(int watch, std::uint32_t events, std::string_view name,
-                    std::string_view newName) = 0;
+  virtual void hear(const inotify_event& event) = 0;
   virtual void hearLoss() = 0;
 
  protected:
@@ -61,15 +58,14 @@ class FolderWatches {
   }
   void remove(int watch, FolderListener& listener);
 
-  // Tells the listeners of what has come.
+  // Tells the listeners of what has come by now, on whichever thread.
   void read();
 
  private:
   void removeUnused(int watch);
   int addToSystem(const char* path, std::uint32_t events) const;
-  std::size_t tell(const char* begin, const char* end);
   void tellLoss();
-  void tellOne(const inotify_event& event, std::string_view newName);
+  void tell(const inotify_event& event);
 
   Descriptor m_oInotify;
   std::unordered_map<int, std::vector<FolderListener*>> m_mapListeners;

@@ -108,20 +108,18 @@ std::vector<std::string> VarnSettings::texts(const std::string& key, std::size_t
   const CancellationGuard closed;
   m_pState->asked.insert(key);
   std::vector<std::string> texts;
-  std::size_t count = 0;
   for (GivenValue& value : m_pState->given(key)) {
-    ++count;
     if (!value.hasValue)
       m_pState->fault(value, "has no '='");
-    else if (m_pState->expand(value))
-      texts.push_back(std::move(value.text));
+    const bool isText = value.hasValue && m_pState->expand(value);
+    texts.push_back(isText ? std::move(value.text) : std::string());
   }
-  if (count == 0 && least > 0)
+  if (texts.empty() && least > 0)
     m_pState->missing(key);
-  else if (count < least)
-    m_pState->faults.add(
-        {}, key,
-        "is there " + std::to_string(count) + " times, of at least " + std::to_string(least));
+  else if (texts.size() < least)
+    m_pState->faults.add({}, key,
+                         "is there " + std::to_string(texts.size()) + " times, of at least " +
+                             std::to_string(least));
   if (!texts.empty())
     m_pState->found[key] = texts;
   return texts;

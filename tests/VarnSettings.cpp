@@ -162,6 +162,14 @@ TEST_F(VarnSettings, AllFaultsAreThrownTogetherByLine) {
   EXPECT_EQ(faultsOf(many, [](Settings&) {}).back(), "and 29900 more");
 }
 
+TEST_F(VarnSettings, AnIndexOfAFaultCountsTheLinesOfItsKey) {
+  Settings settings(file("path=<no such>\npath=a\npath\npath=b\n"));
+  EXPECT_EQ(settings.texts("path", 4), (Texts{"", "a", "", "b"}));
+  settings.fault("path", "is odd", 3);
+  EXPECT_EQ(faultsOf(settings), (Texts{":1: path: refers to 'no such', which is not set",
+                                       ":3: path: has no '='", ":4: path: is odd"}));
+}
+
 TEST_F(VarnSettings, TheCommandLineComesBeforeTheEnvironmentAndThatBeforeTheFile) {
   const std::string contents = "log.level=1\nfiles=a\nfiles=b\n";
   VarnProperties<std::string> options;

@@ -6,7 +6,8 @@
 //
 // Without a pool, the one thread of the loop ("vsupt-loop") makes all calls, one after the other.
 // A pool has threads of its own ("vsupt-pool-1" and so on), which begin with its first object.
-// Calls of one object never overlap; those of different objects do. Safe from any thread.
+// Calls of one object never overlap; those of different objects do, but for a pool of one thread:
+// what only its functions use needs no lock. Safe from any thread.
 //
 // In the child of a fork a pool has no threads, until an object is started with it there.
 #ifndef VARNSUPPORT_VARNCALLBACKPOOL_H

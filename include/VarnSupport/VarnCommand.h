@@ -37,8 +37,9 @@ namespace VarnSupport {
 
 class VSUPT_EXPORT VarnCommand {
  public:
-  // UNKNOWN: the process has ended, but somebody else has taken its status, as happens where
-  // SIGCHLD is ignored; or the system has not let it end within a second of SIGKILL.
+  // UNKNOWN: the process has ended, but somebody else has taken its status, as the system does
+  // where SIGCHLD is set to SIG_IGN, which VarnService does not do; or the system has not let it
+  // end within a second of SIGKILL.
   enum tOutcome : int { NOT_STARTED, EXITED, SIGNALLED, UNKNOWN };
 
   // What becomes of an output: kept for the result, thrown away, written where the caller's goes,
@@ -107,7 +108,7 @@ class VSUPT_EXPORT VarnCommand {
   using Done = std::function<void(const Result& result)>;
 
   // The first argument is the program. Without a '/' in its name it is looked for in the PATH of
-  // the environment that it gets.
+  // the environment that it gets. A VarnCmdLineTokenizer makes arguments of a line of text.
   explicit VarnCommand(std::vector<std::string> arguments);
   // A command that was moved from can be assigned to and destroyed, and no more.
   VarnCommand(VarnCommand&& source) noexcept;
@@ -117,7 +118,8 @@ class VSUPT_EXPORT VarnCommand {
   VarnCommand& operator=(const VarnCommand&) = delete;
   // Kills a program that is running, and waits for its end and for the return of `done`, unless
   // that is its caller. Takes up to the grace time and a second more, and while the process exits
-  // no longer than three seconds.
+  // no longer than three seconds. For several commands these times add up, unless kill() is called
+  // for all of them first.
   ~VarnCommand();
 
   // These are for the runs that begin later.

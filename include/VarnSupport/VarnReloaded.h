@@ -4,9 +4,11 @@
 //     explicit Config(VarnSettings& settings) : limit(settings.number("limit", 3, {1, 100})) {}
 //     int limit;
 //   };
-//   VarnReloaded<Config> config("/etc/greeter.conf", options, "GREETER");
+//   VarnReloaded<Config> config("/etc/greeter.conf", options.values(), "GREETER");
 //   const std::shared_ptr<const Config> now = config.get();  // valid as long as `now` lives
 //   config.reload();  // on SIGHUP: throws, and keeps the old one, when the file has faults
+//
+// `options` is a VarnOptionTable, or a VarnProgramOptions with getOptions().
 //
 // All operations are safe from any thread and in the child of a fork. T's constructor runs on the
 // thread that reloads, its destructor on the one that gives up a value last, neither under a lock.

@@ -35,7 +35,8 @@ class VSUPT_EXPORT VarnService {
   // not be split. Returns true at once while the service is running.
   //
   // The signals are routed before a daemon's start hook runs, and after it in the foreground. From
-  // then on SIGPIPE is ignored, in a daemon also SIGCHLD, for the rest of the process. What a hook
+  // then on SIGPIPE has a handler without effect, in a daemon also SIGCHLD, for the rest of the
+  // process: children keep their status, for VarnCommand and waitpid(). What a hook
   // throws passes through, but for a VarnStartRefused (VarnPidFile.h) of the start hook, which
   // refuses; a daemon then is to end, as its starter waits for that.
   //

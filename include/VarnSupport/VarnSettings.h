@@ -71,10 +71,9 @@ struct VarnDurationRange {
 
 // A setting is looked for on the command line by its key and, if it is not there, by the key with
 // '-' for each '.' and '_'; in the environment, if there is a prefix, as PREFIX_KEY in capitals
-// with
-// '_' for what is no letter or digit; in the file by its key. The first that has it gives all its
-// values. A key without several values has one line in the file, or that is a fault; on the command
-// line the last one counts.
+// with '_' for what is no letter or digit; in the file by its key. The first that has it gives all
+// its values. A key without several values has one line in the file, or that is a fault; on the
+// command line the last one counts.
 //
 // <name> in a value stands for the first value of that setting, whose own references are replaced
 // in turn, or else for what define() says, or else for the environment variable `name`. A name is
@@ -116,7 +115,8 @@ class VSUPT_EXPORT VarnSettings {
                    const std::vector<std::string>& later = {}) {
     return readText(key, &preset, later);
   }
-  // All values, in their order. Fewer than `least` are a fault.
+  // All values, in their order, with the empty text for one that is wrong. Fewer than `least` are a
+  // fault.
   std::vector<std::string> texts(const std::string& key, std::size_t least = 0);
 
   // A decimal number without blanks or '+', which the type of the result can hold.
@@ -167,7 +167,9 @@ class VSUPT_EXPORT VarnSettings {
                     const std::vector<std::string>& choices) {
     return readChoice(key, &preset, choices);
   }
-  // References are not replaced: '<' and '>' stand for themselves in patterns.
+  // References are not replaced: '<' and '>' stand for themselves in patterns. Whether a pattern
+  // finds what it is meant to find is not checked: "[a-z" is one, and "[0-9]+" finds nothing in
+  // "id=7", as a set at the beginning is looked for at the start alone (docs/behaviours.md).
   VarnRegularExpression<std::string> pattern(const std::string& key) {
     return readPattern(key, nullptr);
   }
@@ -176,7 +178,7 @@ class VSUPT_EXPORT VarnSettings {
   }
   // An absolute path. A relative one counts from the folder of the file, or, on the command line,
   // in the environment and without a file, from the working directory at construction. Empty stays
-  // empty.
+  // empty. Of texts() a program makes such paths itself.
   std::string path(const std::string& key) { return readPath(key, nullptr); }
   std::string path(const std::string& key, const std::string& preset) {
     return readPath(key, &preset);
@@ -191,7 +193,8 @@ class VSUPT_EXPORT VarnSettings {
 
   // What <name> stands for where no setting has that name.
   void define(const std::string& name, const std::string& value);
-  // Adds a fault of the caller's, at the place of the setting's value of that index.
+  // Adds a fault of the caller's, at the place of the setting's value of that index, as texts() has
+  // them.
   void fault(const std::string& key, const std::string& reason, std::size_t index = 0);
   // Throws VarnSettingsError if there are faults. One of them is each setting of the file that was
   // not asked for by then and that no line refers to; it names the nearest one that was.

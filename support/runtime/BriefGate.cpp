@@ -20,14 +20,16 @@
 #include <linux/membarrier.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cassert>
+#include <cerrno>
+#include <cstddef>
 #include <ctime>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <utility>
 
 #include "runtime/Cancellation.h"
@@ -44,18 +46,22 @@ constinit NeverDestroyed<std::recursive_mutex> crowding;
 // Counts under the section between two times that they are forbidden, which takes microseconds.
 constexpr int kSlowCounts = 1000;
 
+constexpr timespec kMoment{0, 100'000};
+
+void pause(const timespec& time) {
+  const NoCancellation whole;
+  nanosleep(&time, nullptr);
+}
+
 // Who is to leave may be of a lower priority, and needs the processor.
 template <typename Mark>
 void awaitNone(const std::atomic<Mark>& marks) {
   constexpr int kYields = 100;
   for (int i = 0; marks.load() != Mark{}; ++i) {
-    if (i < kYields) {
+    if (i < kYields)
       sched_yield();
-    } else {
-      constexpr timespec kMoment{0, 100'000};
-      const NoCancellation whole;
-      nanosleep(&kMoment, nullptr);
-    }
+    else
+      pause(kMoment);
   }
 }
 
@@ -88,22 +94,54 @@ void BriefGate::prepare() {
   });
 }
 
-void BriefGate::synchronize() { membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED); }
+// A process may forbid itself the call after it has begun. What threads have stored is seen soon
+// then, too, in far less than the pause, and sections have the fence from here on.
+void BriefGate::synchronize() {
+  if (membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0)
+    return;
+  constexpr timespec kStoresAreSeen{0, 1'000'000};
+  m_nState.fetch_or(FENCED);
+  pause(kStoresAreSeen);
+}
+
+// The mark of another thread is only looked at, as that thread is about to write it.
+BriefGate::Visitor* BriefGate::takeHandedBack() {
+  Visitor* visitor = m_pVisitors.load(std::memory_order_acquire);
+  while (visitor != nullptr && (visitor->isTaken.load(std::memory_order_relaxed) ||
+                                visitor->isTaken.exchange(true, std::memory_order_acq_rel)))
+    visitor = visitor->next;
+  return visitor;
+}
+
+// Straight from the system: whoever counts for the first time may be an allocator that counts, or a
+// signal handler that has interrupted one. Null when there is no memory.
+BriefGate::Visitor* BriefGate::makeVisitors() {
+  constexpr std::size_t kVisitors = 64;
+  const int error = errno;
+  void* const memory = mmap(nullptr, kVisitors * sizeof(Visitor), PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  errno = error;
+  if (memory == MAP_FAILED)
+    return nullptr;
+  auto* const visitors = static_cast<Visitor*>(memory);
+  std::uninitialized_default_construct_n(visitors, kVisitors);
+  for (std::size_t i = 0; i + 1 < kVisitors; ++i)
+    visitors[i].next = &visitors[i + 1];
+  visitors->isTaken.store(true, std::memory_order_relaxed);
+  Visitor*& next = visitors[kVisitors - 1].next;
+  next = m_pVisitors.load(std::memory_order_relaxed);
+  while (!m_pVisitors.compare_exchange_weak(next, visitors, std::memory_order_acq_rel)) {
+  }
+  return visitors;
+}
 
 [[gnu::cold]] BriefGate::Visitor* BriefGate::newVisitor() {
-  Visitor* visitor = m_pVisitors.load(std::memory_order_acquire);
-  while (visitor != nullptr && visitor->isTaken.exchange(true, std::memory_order_acq_rel))
-    visitor = visitor->next;
+  Visitor* visitor = takeHandedBack();
+  if (visitor == nullptr)
+    visitor = makeVisitors();
   if (visitor == nullptr) {
-    visitor = new (std::nothrow) Visitor;
-    if (visitor == nullptr) {
-      crowding.value.lock();
-      return &m_oCrowd;
-    }
-    visitor->isTaken.store(true, std::memory_order_relaxed);
-    visitor->next = m_pVisitors.load(std::memory_order_relaxed);
-    while (!m_pVisitors.compare_exchange_weak(visitor->next, visitor, std::memory_order_acq_rel)) {
-    }
+    crowding.value.lock();
+    return &m_oCrowd;
   }
   t_pVisitor = visitor;
   pthread_setspecific(m_hKey, visitor);
@@ -127,14 +165,15 @@ void BriefGate::leaveCrowd() { crowding.value.unlock(); }
   }
 }
 
-// Visitors only ever wait inside for other visitors, and for the processor.
+// Visitors only ever wait inside for other visitors, and for the processor. One of the crowd that
+// comes to a closed gate keeps the others of the crowd out meanwhile, whoever would close next too.
 void BriefGate::close() {
+  const Visitor* const closer = t_pVisitor != nullptr ? t_pVisitor : newVisitor();
   closing.lock();
-  m_pCloser = t_pVisitor != nullptr ? t_pVisitor : newVisitor();
+  m_pCloser = closer;
   assert((m_nState & CLOSED) == 0 && m_pCloser.load()->depth == 0);
-  m_nState.fetch_or(CLOSED);
-  if ((m_nState & FENCED) == 0)
-    membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
+  if ((m_nState.fetch_or(CLOSED) & FENCED) == 0)
+    synchronize();
   const auto awaitExit = [](const Visitor& visitor) {
     if (&visitor != m_pCloser)
       awaitNone(visitor.depth);
@@ -149,7 +188,7 @@ void BriefGate::close() {
   m_bMustAwaitAgain = isInCount();
   m_nSlowCounts = kSlowCounts;
   m_nState.fetch_or(COUNTS_HELD);
-  membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
+  synchronize();
   for (const Visitor* visitor = m_pVisitors; visitor != nullptr; visitor = visitor->next)
     if (visitor != own)
       awaitNone(visitor->isCounting);

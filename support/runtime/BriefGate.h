@@ -145,6 +145,8 @@ class BriefGate {
   static void awaitCounts();
   static void chooseBarrier();
   static Visitor* newVisitor();
+  static Visitor* takeHandedBack();
+  static Visitor* makeVisitors();
   static void enterSlowly(Visitor& visitor);
   static void leaveCrowd();
 

@@ -3,8 +3,10 @@
 #include <dlfcn.h>
 #include <malloc.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <new>
+#include <thread>
 
 #include "LibraryTools.h"
 #include "VarnSupport/VarnDateTime.h"
@@ -27,7 +29,16 @@ constinit thread_local long t_nLookUps = 0;  // of a local time
     return memory;
   throw std::bad_alloc();
 }
+[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
+  ++t_nAllocations;
+  if (void* const memory = std::aligned_alloc(static_cast<std::size_t>(alignment), size))
+    return memory;
+  throw std::bad_alloc();
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::align_val_t) noexcept {
+  std::free(memory);
+}
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 // Replaces the system's, for the library, too.
@@ -79,6 +90,16 @@ TEST(Allocations, HotPathsMakeNone) {
   expression.setPattern("run: [a-z ]+x*[0-9]*$");
   const std::string text("20240131 [123] run: started all the jobs that were there at 1042");
   EXPECT_EQ(0, allocationsOf([&] { EXPECT_EQ(15U, expression.find(text, 0)); }));
+}
+
+// Allocators may count, and signal handlers that interrupt them.
+TEST(Allocations, TheFirstCountOfAThreadMakesNone) {
+  const VarnSmartPointer<VarnObjectBase> object(new VarnObjectBase);
+  std::thread([&] {
+    const long before = t_nAllocations;
+    { const VarnSmartPointer<VarnObjectBase> copy(object); }
+    EXPECT_EQ(before, t_nAllocations);
+  }).join();
 }
 
 TEST(Allocations, OfALargeRecordDoNotLast) {

@@ -88,7 +88,7 @@ auto VarnSettings::makeSources(const std::string& fileName,
   const std::filesystem::path folder = std::filesystem::current_path(unknown);
   const std::string file = fileName.empty() ? "" : (folder / fileName).string();
   return std::make_shared<const Sources>(
-      Sources{fileName, file, folder.string(), commandLine, prefix});
+      Sources{fileName, file, folder.string(), commandLine.getProperties(), prefix});
 }
 
 bool VarnSettings::has(const std::string& key) {
@@ -213,7 +213,7 @@ std::vector<std::string> VarnSettings::list(const std::string& prefix, bool grou
   std::vector<std::string> keys;
   for (const GivenValue& line : m_pState->lines)
     keys.push_back(line.name);
-  for (const auto& [key, values] : m_pState->sources->commandLine.getProperties())
+  for (const auto& [key, values] : m_pState->sources->commandLine)
     keys.push_back(key);
   std::vector<std::string> listed;
   std::set<std::string> seen;

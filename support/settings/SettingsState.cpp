@@ -104,9 +104,10 @@ void VarnSettings::State::addLine(std::size_t number, std::string_view line) {
 std::optional<GivenValue> VarnSettings::State::onCommandLine(const std::string& key,
                                                              std::vector<GivenValue>* all) const {
   for (const std::string& name : {key, mapped(key, inOptionName)}) {
-    const std::vector<std::string> values = sources->commandLine.getPropertyValues(name);
-    if (values.empty())
+    const auto entry = sources->commandLine.find(name);
+    if (entry == sources->commandLine.end())
       continue;
+    const std::vector<std::string>& values = entry->second;
     const SettingsPlace place{SettingsPlace::COMMAND_LINE, 0};
     for (const std::string& value : values) {
       if (all != nullptr)

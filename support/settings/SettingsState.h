@@ -24,7 +24,8 @@ struct VarnSettings::Sources {
   std::string fileName;  // as it was given
   std::string file;      // absolute; empty for none
   std::string workingFolder;
-  VarnProperties<std::string> commandLine;
+  // Without a lock, which the child of a fork could find held for good: it never changes.
+  VarnProperties<std::string>::tProperties commandLine;
   std::string prefix;
 };
 

@@ -108,7 +108,7 @@ struct LogSentry : VarnService {
   }
   void follow(bool isStart, const VarnFileWatch::Change& change) {
     const int file = open(change.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    const auto opened = std::make_shared<Tail>(file);
+    const std::shared_ptr<Tail> opened(new Tail{file});
     struct stat status {};
     fstat(file, &status);
     for (auto& [id, tail] : m_mapTails)

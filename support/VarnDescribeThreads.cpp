@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <string_view>
 
 #include "VarnSupport/VarnLogging.h"
@@ -94,6 +95,8 @@ class ThreadsText {
   void put() {
     const auto tasks = m_oList.tasks();
     m_oText << tasks.size() + m_oList.leftOut() << (tasks.size() == 1 ? " thread\n" : " threads\n");
+    if (m_oList.error() != 0)
+      m_oText << "not all can be listed: " << strerrordesc_np(m_oList.error()) << "\n";
     for (const Task& task : tasks)
       putTask(task);
     if (m_oList.leftOut() > 0)

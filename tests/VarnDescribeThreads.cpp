@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 
 #include <mutex>
 #include <regex>
@@ -131,4 +132,43 @@ TEST(VarnDescribeThreads, DescribesAHangingProcessAtASignal) {
   })) << text;
   kill(child, SIGKILL);
   outcomeOf(child);
+}
+
+TEST(VarnDescribeThreads, SaysThatItHasNoDescriptorToLookWith) {
+  EXPECT_EQ(0, runInBareChild([]() -> int {
+              static std::atomic<int> never{0};
+              const std::jthread other = startSleeper([] { never.wait(0); });
+              const rlimit few{32, 32};
+              setrlimit(RLIMIT_NOFILE, &few);
+              int last = -1;
+              for (int next = 0; next >= 0; next = eventfd(0, EFD_CLOEXEC))
+                last = next;
+              pthread_setname_np(pthread_self(), "few");
+              EXPECT_TRUE(contains(VarnDescribeThreads(),
+                                   "1 thread\nnot all can be listed: Too many open files\n" +
+                                       std::to_string(gettid()) + " \"few\": describes"));
+              close(last);
+              EXPECT_TRUE(contains(VarnDescribeThreads(), ": in futex()\n"));
+              _exit(testing::Test::HasFailure() ? 1 : 0);
+            }));
+}
+
+TEST(VarnDescribeThreads, SignalsDoNotKeepItAtAPipeThatNobodyReads) {
+  EXPECT_EQ(0, runInBareChild([] {
+              int ends[2];
+              if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+                return 1;
+              while (write(ends[1], "x", 1) == 1) {
+              }
+              std::signal(SIGPROF, [](int) {});
+              const std::jthread other([main = pthread_self()](const std::stop_token& stop) {
+                for (int i = 0; i < 100 && !stop.stop_requested(); ++i) {
+                  sleepMs(50);
+                  pthread_kill(main, SIGPROF);
+                }
+              });
+              const auto start = std::chrono::steady_clock::now();
+              VarnDescribeThreads(ends[1]);
+              return std::chrono::steady_clock::now() - start < std::chrono::seconds(4) ? 0 : 1;
+            }));
 }

@@ -17,8 +17,20 @@ namespace VarnSupport {
 
 namespace {
 
-constexpr int kMillisecondsToTake = 2000;
+constexpr std::chrono::seconds kTimeToTake{2};
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+// Whether a descriptor comes to take something. A signal that interrupts the wait does not begin it
+// anew: it may come again and again.
+bool becomesReady(int descriptor) {
+  const MonotonicTime deadline = monotonicNow() + kTimeToTake;
+  pollfd ready{descriptor, POLLOUT, 0};
+  return retrying([&] {
+           const timespec left = toTimespec(
+               MonotonicTime(std::max(deadline - monotonicNow(), MonotonicTime::duration(0))));
+           return ppoll(&ready, 1, &left, nullptr);
+         }) == 1;
+}
 
 }  // namespace
 
@@ -87,8 +99,7 @@ PlainText& PlainText::operator<<(UtcTime time) {
 bool DescriptorOutput::put(void* output, const char* bytes, std::size_t count) {
   const int descriptor = static_cast<DescriptorOutput*>(output)->m_nDescriptor;
   while (count > 0) {
-    pollfd ready{descriptor, POLLOUT, 0};
-    if (retrying([&] { return poll(&ready, 1, kMillisecondsToTake); }) != 1)
+    if (!becomesReady(descriptor))
       return false;
     const ssize_t written = retrying([&] { return write(descriptor, bytes, count); });
     if (written < 0 && errno != EAGAIN)

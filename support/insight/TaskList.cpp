@@ -5,10 +5,12 @@
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "insight/PlainText.h"
@@ -57,12 +59,16 @@ void readVariables(Task& task) {
   }
 }
 
+// One's own takes no descriptor.
 void readName(Task& task) {
-  PlainFile file(ProcPath("task/", task.id, "/comm").get());
-  std::string_view name;
-  if (!file.nextLine(name))
-    return;
-  name.copy(task.name.data(), task.name.size() - 1);
+  if (task.id == gettid()) {
+    prctl(PR_GET_NAME, task.name.data());
+  } else {
+    PlainFile file(ProcPath("task/", task.id, "/comm").get());
+    std::string_view name;
+    if (file.nextLine(name))
+      name.copy(task.name.data(), task.name.size() - 1);
+  }
   std::replace_if(
       task.name.begin(), task.name.end() - 1,
       [](char letter) { return letter != 0 && (letter < ' ' || letter > '~'); }, '?');
@@ -89,12 +95,22 @@ TaskList::TaskList() {
   void* const memory = mmap(nullptr, kMost * sizeof(Task), PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   m_pTasks = memory != MAP_FAILED ? static_cast<Task*>(memory) : nullptr;
+  if (m_pTasks == nullptr) {
+    m_nError = ENOMEM;
+    return;
+  }
+  addAll();
+  if (m_nTasks == 0)
+    add(gettid());
+  for (std::size_t i = 0; i < m_nTasks; ++i)
+    look(m_pTasks[i]);
+}
+
+// The folder is closed before files are opened: there may be no other descriptor.
+void TaskList::addAll() {
   const int folder = open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0 || m_pTasks == nullptr) {
-    if (m_pTasks != nullptr)
-      add(gettid());
-    if (folder >= 0)
-      close(folder);
+  if (folder < 0) {
+    m_nError = errno;
     return;
   }
   alignas(dirent64) std::array<char, 1024> buffer;
@@ -122,14 +138,16 @@ void TaskList::add(pid_t id) {
     ++m_nLeftOut;
     return;
   }
-  Task& task = m_pTasks[m_nTasks++];
-  task = Task();
-  task.id = id;
+  m_pTasks[m_nTasks] = Task();
+  m_pTasks[m_nTasks++].id = id;
+}
+
+void TaskList::look(Task& task) {
   readName(task);
-  task.pointer = pointerOf(id);
+  task.pointer = pointerOf(task.id);
   if (task.pointer != 0)
     readVariables(task);
-  if (id != gettid())
+  if (task.id != gettid())
     readCall(task);
 }
 

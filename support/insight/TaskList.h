@@ -51,17 +51,22 @@ class TaskList {
   std::span<const Task> tasks() const { return {m_pTasks, m_nTasks}; }
   // Threads beyond the most that there is room for.
   std::size_t leftOut() const { return m_nLeftOut; }
+  // Why not all threads are known: the code of the system; else 0.
+  int error() const { return m_nError; }
 
   // Null when there is none.
   const Task* withId(pid_t id) const;
   const Task* withPointer(std::uintptr_t pointer) const;
 
  private:
+  void addAll();
   void add(pid_t id);
+  static void look(Task& task);
 
   Task* m_pTasks;  // null when there is no memory
   std::size_t m_nTasks = 0;
   std::size_t m_nLeftOut = 0;
+  int m_nError = 0;
 };
 
 }  // namespace VarnSupport

@@ -123,10 +123,10 @@ void LockImplementation::lock() {
 }
 
 [[gnu::noinline]] void LockImplementation::acquire() {
+  if (LockOrder::isChecked()) [[unlikely]]
+    noteOrder();  // before: another thread may have come first, and never go on
   pthread_mutex_lock(&m_oMutex);
   take();
-  if (m_pOlder != nullptr && LockOrder::isChecked()) [[unlikely]]
-    noteOrder();
 }
 
 // Here a thread may wait for ever: all that is to be known of that is noted before.

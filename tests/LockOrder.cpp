@@ -122,7 +122,9 @@ TEST(LockOrder, NothingElseIsReported) {
 TEST(LockOrder, ThreadsThatAreAboutToHangAreReported) {
   const TempFolder folder;
   if (!isChecked(folder / "error")) {
-    EXPECT_TRUE(contains(contentsOf(folder / "error"), "two sections are taken in both orders"));
+    const std::string text = contentsOf(folder / "error");
+    EXPECT_TRUE(contains(text, "two sections are taken in both orders"));
+    EXPECT_TRUE(text.ends_with("\n")) << text;
     return;
   }
   const std::string error = std::filesystem::read_symlink("/proc/self/fd/2").string();
@@ -136,5 +138,49 @@ TEST(LockOrder, ThreadsThatAreAboutToHangAreReported) {
       const VarnCriticalSection inner(sections[1 - i]);
     }).detach();
   }
-  _exit(eventually([&] { return contains(contentsOf(error), " took 0x"); }) ? 0 : 1);
+  _exit(eventually([&] { return contentsOf(error).ends_with("\n"); }) ? 0 : 1);
+}
+
+// Either finds the other's section free, and then waits for it.
+TEST(LockOrder, ThreadsThatMeetAtOnceAreReported) {
+  if (!isChecked())
+    return;
+  constexpr std::size_t kPairs = kInstrumented ? 10 : 80;
+  Reports reports;
+  struct {
+    VarnCriticalSectionObject sections[2];
+    std::atomic<int> ready{0};
+  } pairs[kPairs];
+  std::atomic<std::size_t> told{0};
+  for (std::size_t i = 0; i < kPairs && told == i; ++i) {
+    for (int side : {0, 1}) {
+      std::thread([&, i, side] {
+        auto& pair = pairs[i];
+        pair.sections[side].init();
+        ++pair.ready;
+        while (pair.ready < 2) {
+        }
+        while (told == i)
+          inOrder(pair.sections[side], pair.sections[1 - side]);
+      }).detach();
+    }
+    if (reports.come(i + 1))
+      ++told;
+  }
+  _exit(told == kPairs ? 0 : 1);
+}
+
+TEST(LockOrder, ThePairsThatAreKeptAreReportedWhenThereIsNoRoomForOthers) {
+  if (!isChecked())
+    return;
+  Reports reports;
+  std::vector<VarnCriticalSectionObject> sections(20'000);
+  inOrder(sections[0], sections[1]);
+  for (std::size_t i = 2; i < sections.size(); ++i)
+    inOrder(sections[i - 1], sections[i]);
+  for (int i = 0; i < 3; ++i)
+    inOrder(sections[1], sections[0]);
+  ASSERT_TRUE(reports.come(1));
+  sleepMs(20);
+  EXPECT_EQ(1U, reports.all().size());
 }

@@ -36,6 +36,7 @@ struct Pair {
 struct Case {
   Pair pair;
   pid_t thread;
+  bool isTold;  // with the other order
   StackTrace<14> stack;
 };
 
@@ -74,15 +75,14 @@ Case* findLocked(const Pair& pair) {
   return nullptr;
 }
 
-bool addLocked(const Case& found) {
+void addLocked(const Case& found) {
   for (Pair& place : placesOf(found.pair)) {
     if (place.held != nullptr)
       continue;
     place = found.pair;
     caseAt(place) = found;
-    return true;
+    return;
   }
-  return false;
 }
 
 void putCase(PlainText& text, const Case& found) {
@@ -106,23 +106,28 @@ void writeToStandardError(const Report& report) {
   PlainText text(DescriptorOutput::put, &output);
   putReport(text, report);
   text << "\n";
+  text.flush();
 }
 
-// A log that is off, or that is none, leaves standard error.
+// A log that is off, or that is none, leaves standard error, which gets the whole at once: another
+// thread may be telling of something else.
 void tell(const std::unique_ptr<const Report>& report) {
-  if (!OwnRecords::areWanted(OwnRecords::FAILURE)) {
-    writeToStandardError(*report);
-    return;
-  }
   std::string whole;
   try {
     PlainText text(PlainText::append, &whole);
     putReport(text, *report);
     text.flush();
-    OwnRecords::write(OwnRecords::FAILURE, whole);
+    if (OwnRecords::areWanted(OwnRecords::FAILURE)) {
+      OwnRecords::write(OwnRecords::FAILURE, whole);
+      return;
+    }
+    whole += "\n";
   } catch (const std::bad_alloc&) {
     writeToStandardError(*report);
+    return;
   }
+  DescriptorOutput output(STDERR_FILENO);
+  DescriptorOutput::put(&output, whole.data(), whole.size());
 }
 
 void tellElsewhere(std::unique_ptr<Report> report) {
@@ -156,16 +161,18 @@ void LockOrder::note(const void* held, const void* wanted) {
     if (findLocked({held, wanted}) != nullptr)
       return;
   }
-  Case found{{held, wanted}, gettid(), {}};
+  Case found{{held, wanted}, gettid(), false, {}};
   found.stack.take();
   auto report = std::unique_ptr<Report>(new (std::nothrow) Report);
   {
     const BriefMutex::Hold hold(mutex);
     if (findLocked({held, wanted}) != nullptr)
       return;
-    const Case* const earlier = findLocked({wanted, held});
-    if (!addLocked(found) || earlier == nullptr || report == nullptr || reports == kMostReports)
+    addLocked(found);
+    Case* const earlier = findLocked({wanted, held});
+    if (earlier == nullptr || earlier->isTold || report == nullptr || reports == kMostReports)
       return;
+    earlier->isTold = true;
     ++reports;
     *report = {*earlier, found};
   }

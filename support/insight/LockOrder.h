@@ -3,7 +3,7 @@
 //
 // Each pair of sections of which one was held while the other was waited for, or could have been,
 // is kept with the stack of its first time. Pairs go with their sections. There is room for some
-// thousands: what finds none is not looked at.
+// thousands: what finds none is told of where the other order has found some before.
 #ifndef SUPPORT_INSIGHT_LOCKORDER_H
 #define SUPPORT_INSIGHT_LOCKORDER_H
 

@@ -18,6 +18,9 @@ namespace {
 const std::string kComponent = "hostwatch";
 enum tLevel : int { EVENT = 1, SAMPLED = 5 };  // of records
 
+// The text is there before the log is locked.
+void record(tLevel level, const std::string& text) { VarnLogRecord(kComponent, level) << text; }
+
 constexpr std::size_t kAlertOutputBytes = 1000;
 constexpr auto kAlertGrace = 1s;  // short: whoever stops hostwatch waits for it
 
@@ -35,18 +38,18 @@ class Judge {
     Values values{{"name", sample.name}, {"unit", sample.unit}, {"reason", sample.error}};
     bool& isFailing = m_mapFailing[sample.name];
     if (!isFailing && !sample.error.empty())
-      VarnLogRecord(kComponent, EVENT) << message("failed", values);
+      record(EVENT, message("failed", values));
     isFailing = !sample.error.empty();
     if (isFailing)
       return;
     values["value"] = format(sample.value);
-    VarnLogRecord(kComponent, SAMPLED) << message("sampled", values);
+    record(SAMPLED, message("sampled", values));
     bool& wasOver = m_mapOver[sample.name];
     if (!sample.limit || sample.isOver() == wasOver)
       return;
     wasOver = sample.isOver();
     values["limit"] = format(*sample.limit);
-    VarnLogRecord(kComponent, EVENT) << message(sample.isOver() ? "crossed" : "back", values);
+    record(EVENT, message(sample.isOver() ? "crossed" : "back", values));
     values["value"] += sample.unit;
     if (sample.isOver() && !config.alertCommand.empty())
       alert(values, config);
@@ -64,8 +67,8 @@ class Judge {
     command.setTimeLimit(config.alertTimeout, kAlertGrace);
     const auto tell = [name = values.at("name")](const VarnCommand::Result& result) {
       const std::string output = VarnEscaped(result.getOutput());
-      VarnLogRecord(kComponent, result.succeeded() ? SAMPLED : EVENT)
-          << message("alert", {{"name", name}, {"result", result.getText()}, {"output", output}});
+      record(result.succeeded() ? SAMPLED : EVENT,
+             message("alert", {{"name", name}, {"result", result.getText()}, {"output", output}}));
     };
     try {
       command.start(tell);
@@ -89,9 +92,8 @@ struct SignalAction {
 bool hasTerminal() { return std::ifstream("/dev/tty").is_open(); }
 
 void tellWhatIsWatched(const Config& config) {
-  VarnLogRecord(kComponent, EVENT)
-      << message("started", {{"count", std::to_string(config.probes.size())},
-                             {"interval", std::to_string(config.interval.count())}});
+  record(EVENT, message("started", {{"count", std::to_string(config.probes.size())},
+                                    {"interval", std::to_string(config.interval.count())}}));
 }
 
 class HostService : public VarnService {
@@ -119,9 +121,7 @@ class HostService : public VarnService {
       m_oSampling.start(config->interval);
       if (const auto limit = VarnServiceManager::watchdogInterval(); limit.count() > 0)
         m_oWatchdog.start(limit / 2);
-      m_vSignalActions.emplace_back(SIGHUP, [this] { onHangUp(); });
-      m_vSignalActions.emplace_back(
-          SIGQUIT, [] { VarnLogRecord(kComponent, EVENT) << VarnDescribeThreads(); });
+      m_oReloading.emplace(SIGHUP, [this] { onHangUp(); });
       if (!daemon.empty())
         VarnDetachStreams();
       return true;
@@ -155,7 +155,7 @@ class HostService : public VarnService {
     try {
       (this->*work)();
     } catch (...) {
-      VarnLogRecord(kComponent, EVENT) << message("broken", {{"reason", VarnWhat()}});
+      record(EVENT, message("broken", {{"reason", VarnWhat()}}));
       m_bFailed = true;
       stop();
     }
@@ -182,17 +182,17 @@ class HostService : public VarnService {
       tellWhatIsWatched(*now);
     } catch (const VarnSettingsError& error) {
       for (const std::string& fault : error.faults())
-        VarnLogRecord(kComponent, EVENT) << message("rejected", {{"reason", fault}});
+        record(EVENT, message("rejected", {{"reason", fault}}));
     }
     VarnServiceManager::ready();
   }
 
   // What has been sampled is still judged and logged.
   void onStop() override {
-    m_vSignalActions.clear();
+    m_oReloading.reset();
     m_oSampling.stopAndWait();
     m_oJudge.reset();
-    VarnLogRecord(kComponent, EVENT) << message("stopped");
+    record(EVENT, message("stopped"));
   }
 
   VarnReloaded<Config>& m_oConfig;
@@ -207,7 +207,7 @@ class HostService : public VarnService {
   // One thread calls both, so that a probe that hangs keeps the watchdog from being told.
   VarnMonotonicTimer m_oSampling{1s, [this] { perform(&HostService::takeSamples); }};
   VarnMonotonicTimer m_oWatchdog{1s, [] { VarnServiceManager::watchdog(); }};
-  std::list<SignalAction> m_vSignalActions;
+  std::optional<SignalAction> m_oReloading;
 };
 
 }  // namespace
@@ -216,8 +216,9 @@ bool runService(VarnReloaded<Config>& config, bool asDaemon) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);  // the starter may have blocked SIGTERM
-  // SIGHUP does nothing until there is an action for it, and afterwards.
+  // SIGHUP does nothing while it starts and stops; SIGQUIT asks what it hangs at then, too.
   const bool isNohup = std::signal(SIGHUP, SIG_IGN) == SIG_IGN;
+  const SignalAction description(SIGQUIT, [] { record(EVENT, VarnDescribeThreads()); });
   HostService service(config, !asDaemon && !isNohup && hasTerminal());
   return service.start(asDaemon ? "daemon" : "", asDaemon) && !service.hasFailed();
 }

@@ -305,9 +305,13 @@ TEST(Hostwatch, EndsAlertCommandsThatHangInTimeOrWithItself) {
   std::filesystem::remove(files / "hang.pid");
   Daemon patient(configuration + "1h\n", "");
   const pid_t killed = sleeper();
-  EXPECT_EQ(0, patient.stop());
+  kill(patient.process, SIGTERM);
+  EXPECT_TRUE(eventually([&] { return !catches(patient.process, SIGHUP); }));
+  EXPECT_EQ(0, patient.end(SIGQUIT));
   EXPECT_TRUE(isGone(killed));
-  EXPECT_TRUE(contains(patient.logWith("stopped"), "as it was killed"));
+  const std::string log = patient.logWith("stopped");
+  EXPECT_TRUE(contains(log, "as it was killed")) << log;
+  EXPECT_TRUE(contains(log, " threads\n") && !contains(log, "holds section")) << log;
 }
 
 TEST(Hostwatch, TellsItsManagerHowItGoes) {

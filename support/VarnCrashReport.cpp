@@ -6,6 +6,7 @@
 // first default action.
 #include "VarnSupport/VarnCrashReport.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -26,6 +27,7 @@
 #include "insight/StackTrace.h"
 #include "runtime/AlternateStack.h"
 #include "runtime/Cancellation.h"
+#include "runtime/Descriptor.h"
 
 namespace VarnSupport {
 
@@ -43,6 +45,22 @@ constinit std::atomic<bool> exists{false};
 constinit std::atomic<pid_t> reporter{0};    // the thread that reports
 constinit std::atomic<int> waiting{0};       // threads that are about to
 constinit std::atomic<pid_t> terminated{0};  // a thread that has reported, and will abort
+
+// A program may crash because it has no descriptor left, while a report opens files: this one is
+// given up for it.
+constinit std::atomic<int> spareDescriptor{-1};
+
+void takeSpareDescriptor() {
+  spareDescriptor = Descriptor(open("/", O_PATH | O_CLOEXEC)).release();
+}
+
+// The program may have closed it, and then have something else by that number.
+void giveUpSpareDescriptor() {
+  const int spare = spareDescriptor.exchange(-1);
+  const int flags = spare >= 0 ? fcntl(spare, F_GETFL) : -1;
+  if (flags >= 0 && (flags & O_PATH) != 0)
+    close(spare);
+}
 
 bool isGone(pid_t thread) {
   return syscall(SYS_tgkill, getpid(), thread, 0) != 0 && errno == ESRCH;
@@ -112,8 +130,11 @@ void report(Write write) {
   const NoCancellation whole;
   const NoPipeSignal quiet;
   const Turn turn;
-  if (turn.isMine())
-    write();
+  if (!turn.isMine())
+    return;
+  giveUpSpareDescriptor();
+  write();
+  takeSpareDescriptor();
 }
 
 const struct sigaction& previousOf(int signal) {
@@ -205,6 +226,7 @@ VarnCrashReport::VarnCrashReport(int given) {
     throw;
   }
   warmUpStackTraces();
+  takeSpareDescriptor();
   descriptor = given;
   m_pState->install();
 }
@@ -212,6 +234,7 @@ VarnCrashReport::VarnCrashReport(int given) {
 VarnCrashReport::~VarnCrashReport() {
   const QuietCancellationGuard closed;
   m_pState->remove();
+  giveUpSpareDescriptor();
   delete m_pState;
   AlternateStack::want(false);
   exists = false;

@@ -160,6 +160,17 @@ TEST(VarnCrashReport, ThePlacesCanBeResolved) {
   EXPECT_TRUE(contains(name.data(), "touchNothing")) << name.data();
 }
 
+TEST(VarnCrashReport, PlacesAreToldWhenThereIsNoDescriptorLeft) {
+  const Crash crash([] {
+    const rlimit few{64, 64};
+    setrlimit(RLIMIT_NOFILE, &few);
+    while (open("/", O_PATH | O_CLOEXEC) >= 0) {
+    }
+    touchNothing();
+  });
+  EXPECT_TRUE(std::regex_search(crash.text, std::regex("stack:\n  0x[0-9a-f]+ in /"))) << crash;
+}
+
 TEST(VarnCrashReport, TheChildOfAForkHasIt) {
   const Crash crash([] {
     if (runInBareChild([] { return touchNothing(), 0; }) != kSegv)

@@ -33,6 +33,8 @@ namespace VarnSupport {
 //   later (each VarnThread is one), get one of 64 KiB for it, and report that they have no stack
 //   left, too. Another thread uses its own, of which a report takes less than 16 KiB, unless it has
 //   set one by sigaltstack(2): when it has used up its stack, the process ends without a report.
+// - A report opens files, one at a time: a descriptor is kept for that, should the program have
+//   used up its own.
 // - Places are those of the calls themselves. Where the stack cannot be walked, the words on it
 //   that are addresses of code are listed, of which some are calls.
 // - The last 32 records of the registered log are kept, those of all levels that it writes, cut to

@@ -99,7 +99,7 @@ void tellWhatIsWatched(const Config& config) {
 class HostService : public VarnService {
  public:
   HostService(VarnReloaded<Config>& config, bool endsWithTerminal)
-      : VarnService("", "hostwatch", "", "", false),
+      : VarnService("", "hostwatch", "", "", false),  // its name; nothing reads the others
         m_oConfig(config),
         m_bEndsWithTerminal(endsWithTerminal) {}
 

@@ -31,7 +31,7 @@ void declare(VarnOptionTable& options) {
       .flag("-v, --version", "print the version")
       .note(
           "Without --once and --daemon it runs in the foreground until SIGTERM or SIGINT. SIGHUP "
-          "makes it read the configuration, and open its log, again.");
+          "has it read its configuration and reopen its log, SIGQUIT log what its threads do.");
 }
 
 // What the command line says in place of the configuration.

@@ -100,35 +100,9 @@ class Turn {
   bool m_bMine = false;
 };
 
-// Keeps a pipe that nobody reads from ending the process in another way.
-class NoPipeSignal {
- public:
-  NoPipeSignal() {
-    sigemptyset(&m_oSignal);
-    sigaddset(&m_oSignal, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &m_oSignal, &m_oPrevious);
-    sigset_t pending;
-    m_bPending = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
-  }
-  NoPipeSignal(const NoPipeSignal&) = delete;
-  NoPipeSignal& operator=(const NoPipeSignal&) = delete;
-  ~NoPipeSignal() {
-    const timespec now{};
-    if (!m_bPending)
-      sigtimedwait(&m_oSignal, nullptr, &now);
-    pthread_sigmask(SIG_SETMASK, &m_oPrevious, nullptr);
-  }
-
- private:
-  sigset_t m_oSignal{};
-  sigset_t m_oPrevious{};
-  bool m_bPending = false;
-};
-
 template <typename Write>
 void report(Write write) {
   const NoCancellation whole;
-  const NoPipeSignal quiet;
   const Turn turn;
   if (!turn.isMine())
     return;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <string_view>
 
@@ -270,8 +271,12 @@ std::string VarnDescribeThreads() {
 
 void VarnDescribeThreads(int descriptor) {
   const QuietCancellationGuard closed;
-  DescriptorOutput output(descriptor);
-  describe(DescriptorOutput::put, &output);
+  const int error = errno;
+  {
+    DescriptorOutput output(descriptor);
+    describe(DescriptorOutput::put, &output);
+  }
+  errno = error;
 }
 
 }  // namespace VarnSupport

@@ -43,8 +43,9 @@ namespace VarnSupport {
 // Throws std::bad_alloc.
 VSUPT_EXPORT std::string VarnDescribeThreads();
 
-// The same, written to a descriptor as it is put together, without the heap. Gives up when the
-// descriptor takes nothing for two seconds. Async-signal-safe.
+// The same, written to a descriptor as it is put together, without the heap. Gives up when that
+// fails, as in a pipe that nobody reads, or takes nothing for two seconds. Async-signal-safe; errno
+// stays.
 VSUPT_EXPORT void VarnDescribeThreads(int descriptor);
 
 }  // namespace VarnSupport

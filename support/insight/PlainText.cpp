@@ -96,6 +96,21 @@ PlainText& PlainText::operator<<(UtcTime time) {
   return *this;
 }
 
+DescriptorOutput::DescriptorOutput(int descriptor) : m_nDescriptor(descriptor) {
+  sigemptyset(&m_oPipeSignal);
+  sigaddset(&m_oPipeSignal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &m_oPipeSignal, &m_oPreviousMask);
+  sigset_t pending;
+  m_bPending = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+}
+
+DescriptorOutput::~DescriptorOutput() {
+  const timespec now{};
+  if (!m_bPending)
+    sigtimedwait(&m_oPipeSignal, nullptr, &now);
+  pthread_sigmask(SIG_SETMASK, &m_oPreviousMask, nullptr);
+}
+
 bool DescriptorOutput::put(void* output, const char* bytes, std::size_t count) {
   const int descriptor = static_cast<DescriptorOutput*>(output)->m_nDescriptor;
   while (count > 0) {

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <concepts>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -70,16 +71,23 @@ class PlainText {
   std::array<char, 512> m_aBuffer;
 };
 
-// Writes to a descriptor, and gives up when it fails, or takes nothing for two seconds.
+// Writes to a descriptor, and gives up when it fails, or takes nothing for two seconds. A pipe that
+// nobody reads does not end the process.
 class DescriptorOutput {
  public:
-  explicit DescriptorOutput(int descriptor) : m_nDescriptor(descriptor) {}
+  explicit DescriptorOutput(int descriptor);
+  DescriptorOutput(const DescriptorOutput&) = delete;
+  DescriptorOutput& operator=(const DescriptorOutput&) = delete;
+  ~DescriptorOutput();
 
   // The sink.
   static bool put(void* output, const char* bytes, std::size_t count);
 
  private:
   const int m_nDescriptor;
+  sigset_t m_oPipeSignal{};
+  sigset_t m_oPreviousMask{};
+  bool m_bPending;  // before
 };
 
 // The path of a file of /proc/self: the folder, a number, the rest.

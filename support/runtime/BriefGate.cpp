@@ -13,8 +13,9 @@
 //
 // A signal handler may count in the middle of a count, and then stands in for the interrupted one,
 // which may have looked already: it takes back both marks, puts the outer one back while it has the
-// mutex, and has the next holder by hand wait again, though counts are forbidden. The same goes for
-// a handler that takes the section by hand.
+// mutex, and has the next holder by hand wait again, though counts are forbidden. A handler that
+// takes the section by hand, or that interrupts a count under the section, may find the mutex with
+// its own thread, and wait for ever: locks are not for handlers.
 #include "runtime/BriefGate.h"
 
 #include <linux/membarrier.h>

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace VarnSupport {
 
@@ -13,7 +14,7 @@ bool copyOwnMemory(std::uintptr_t from, void* to, std::size_t bytes);
 
 template <typename Value>
 bool copyOwnMemory(std::uintptr_t from, Value& to) {
-  return copyOwnMemory(from, &to, sizeof to);
+  return copyOwnMemory(from, &to, std::span(&to, 1).size_bytes());
 }
 
 }  // namespace VarnSupport

@@ -115,6 +115,7 @@ class HostService : public VarnService {
       if (!config->pidFile.empty())
         m_oPidFile.emplace(config->pidFile);
       openLog(*config);
+      m_oDescribing.emplace(SIGQUIT, [] { record(EVENT, VarnDescribeThreads()); });
       tellWhatIsWatched(*config);
       m_oJudge.emplace("judge", [this] { perform(&HostService::judgeSamples); });
       takeSamples();
@@ -207,7 +208,7 @@ class HostService : public VarnService {
   // One thread calls both, so that a probe that hangs keeps the watchdog from being told.
   VarnMonotonicTimer m_oSampling{1s, [this] { perform(&HostService::takeSamples); }};
   VarnMonotonicTimer m_oWatchdog{1s, [] { VarnServiceManager::watchdog(); }};
-  std::optional<SignalAction> m_oReloading;
+  std::optional<SignalAction> m_oDescribing, m_oReloading;
 };
 
 }  // namespace
@@ -216,9 +217,8 @@ bool runService(VarnReloaded<Config>& config, bool asDaemon) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);  // the starter may have blocked SIGTERM
-  // SIGHUP does nothing while it starts and stops; SIGQUIT asks what it hangs at then, too.
+  // SIGHUP does nothing while it starts and stops.
   const bool isNohup = std::signal(SIGHUP, SIG_IGN) == SIG_IGN;
-  const SignalAction description(SIGQUIT, [] { record(EVENT, VarnDescribeThreads()); });
   HostService service(config, !asDaemon && !isNohup && hasTerminal());
   return service.start(asDaemon ? "daemon" : "", asDaemon) && !service.hasFailed();
 }

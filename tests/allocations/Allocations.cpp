@@ -40,6 +40,9 @@ constinit thread_local long t_nLookUps = 0;  // of a local time
   std::free(memory);
 }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+  std::free(memory);
+}
 
 // Replaces the system's, for the library, too.
 extern "C" std::tm* localtime_r(const std::time_t* time, std::tm* local) noexcept {

@@ -197,17 +197,22 @@ TEST(ThreadStress, CountsStandStillForWhoeverHoldsTheGlobalSection) {
     for (int i = 0; i < 2000; ++i)
       const VarnSmartPointer<VarnWorkInformation> taken(counted);
   };
+  const auto countUntilKilled = [&] {
+    if (kInstrumented)
+      return;  // the instrumentation may not survive it
+    Task killed([&] {
+      for (;;)
+        count();
+      return 0;
+    });
+    killed.start();
+    count();
+    killed.kill();
+    killed.waitForThreadExit();
+  };
   {
     const std::jthread counting[] = {repeating(count), repeating(count), repeating([&] {
-                                       Task killed([&] {
-                                         for (;;)
-                                           count();
-                                         return 0;
-                                       });
-                                       killed.start();
-                                       count();
-                                       killed.kill();
-                                       killed.waitForThreadExit();
+                                       countUntilKilled();
                                        Task holder([] { return g_pCriticalSection->lock(), 0; });
                                        holder.start();
                                        holder.waitForThreadExit();

@@ -71,6 +71,12 @@ def summary(rows):
             f'{sum(row.is_met() for row in goals)} of {len(goals)} goals are met.')
 
 
+def colour_of(side):
+    if side.startswith(OURS):
+        return '#b3541e'
+    return 'none' if side.startswith(LIMIT) else '#9db4c0'
+
+
 def bars(file, workloads):
     """Bars on a logarithmic scale, those of ours dark and the limits hollow."""
     lines = [(workload.name, side, value) for workload in workloads
@@ -83,9 +89,7 @@ def bars(file, workloads):
         if name != before:
             axes.text(min(lows), place + 1, name, weight='bold', size=8, va='center')
             place += 2
-        colour = {OURS: '#b3541e', LIMIT: 'none'}.get(side[:len(OURS)] if side.startswith(OURS)
-                                                      else side[:len(LIMIT)], '#9db4c0')
-        axes.barh(place, value, color=colour, edgecolor='#777777', linewidth=0.5)
+        axes.barh(place, value, color=colour_of(side), edgecolor='#777777', linewidth=0.5)
         axes.text(value * 1.05, place, figure(value, workloads[0].unit), size=7, va='center')
         labels.append((place, side))
         place += 1

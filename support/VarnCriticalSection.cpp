@@ -238,11 +238,6 @@ void VarnCriticalSectionObject::lock() {
   }
   const CancellationGuard closed;
   LockImplementation& lock = state();
-  if (lock.testAndSet()) {
-    if (lock.lockCount() == 1)
-      lock.noteOrder();
-    return;
-  }
   lock.lock();
   if (isCancellationDue()) {
     lock.unlock();

@@ -43,7 +43,7 @@ VarnEvent::VarnEvent() : m_pState(nullptr) {
 }
 
 // At exit threads may be waiting for an event that is static, or be about to. They wait on, on
-// memory that stays.
+// memory that stays; so does that of the static events of a library that is unloaded.
 VarnEvent::~VarnEvent() {
   const QuietCancellationGuard closed;
   if (!m_pState->isWaitedFor() && !isStatic(this))

@@ -95,7 +95,8 @@ pid_t forkProgram(BecomeProgram becomeProgram) {
   sigset_t callers;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &callers);
-  // The frame that both processes have is left alone: the child works in one further down.
+  // The frame that both processes have is left alone: the child works in one further down. Of all
+  // that a child may call there, the analyser knows the exec functions alone.
   const pid_t child = vfork();
   if (child == 0)
     runChild(callers, becomeProgram);  // NOLINT(clang-analyzer-unix.Vfork)

@@ -102,6 +102,16 @@ TEST(VarnEvent, MayBeDestroyedByItsOwnDependent) {
   EXPECT_EQ(0, never.calls);
 }
 
+// A thread that is about to wait may come after the destructor, in exit().
+TEST(VarnEvent, LeavesItsMemoryWhereItIsWhenItIsStatic) {
+  static std::optional<VarnEvent> event(std::in_place);
+  static void* const handle = event->getHandle();
+  event.reset();
+  const auto others = std::make_unique<std::array<VarnEvent, 8>>();
+  EXPECT_TRUE(std::none_of(others->begin(), others->end(),
+                           [](VarnEvent& other) { return other.getHandle() == handle; }));
+}
+
 TEST(VarnEvent, AnEmptySetOfEventsIsCompleteAtOnceButHasNoFirst) {
   std::vector<VarnEvent*> none;
   EXPECT_EQ(0, VarnEvent::wait(none, true, -1));

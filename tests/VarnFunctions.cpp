@@ -79,7 +79,7 @@ TEST(VarnConnection, MaySurviveItsSourceAndGoInAnyCall) {
   VarnEvent& alias = *source;
   alias.set();
   EXPECT_EQ("abcbc", order);
-  EXPECT_FALSE(moved.isConnected());  // NOLINT(bugprone-use-after-move)
+  EXPECT_FALSE(moved.isConnected());  // NOLINT(bugprone-use-after-move): is told
   EXPECT_FALSE(target.isConnected() || last.isConnected() || later.isConnected());
   target.disconnect();
 }

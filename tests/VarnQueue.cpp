@@ -37,7 +37,7 @@ TEST(VarnQueue, GivesWhatItWasGivenInOrder) {
   EXPECT_EQ(1, **queue.take());
   queue.close();
   EXPECT_FALSE(queue.give(std::move(second)));
-  EXPECT_NE(nullptr, second);  // NOLINT(bugprone-use-after-move)
+  EXPECT_NE(nullptr, second);  // NOLINT(bugprone-use-after-move): nor now
   EXPECT_EQ(2, **queue.take(1h));
   EXPECT_FALSE(queue.take());
   EXPECT_TRUE(queue.isClosed());

@@ -50,7 +50,6 @@ class VSUPT_EXPORT LockImplementation : public LockBase {
  private:
   friend class BriefHold;
   friend class HeldSections;
-  friend class VarnCriticalSectionObject;
   friend VSUPT_EXPORT void VarnCriticalSectionRecoverFn(void*);
 
   bool isHeldByCaller() const;

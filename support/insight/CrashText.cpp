@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <csetjmp>
-#include <ctime>
 #include <exception>
 #include <typeinfo>
 
@@ -77,10 +77,9 @@ const char* nameOf(int signal) {
 void putThread(PlainText& text) {
   std::array<char, 17> name{};
   prctl(PR_GET_NAME, name.data());
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
+  const std::chrono::nanoseconds now = std::chrono::system_clock::now().time_since_epoch();
   text << "process " << getpid() << ", thread " << gettid() << " \"" << name.data() << "\", "
-       << UtcTime{std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec} << "\n";
+       << UtcTime{now.count()} << "\n";
 }
 
 void putCalls(PlainText& text) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cassert>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -156,6 +157,7 @@ void LockOrder::prepare() {
 }
 
 void LockOrder::note(const void* held, const void* wanted) {
+  assert(isChecked() && held != nullptr && wanted != nullptr && held != wanted);
   {
     const BriefMutex::Hold hold(mutex);
     if (findLocked({held, wanted}) != nullptr)
@@ -180,6 +182,7 @@ void LockOrder::note(const void* held, const void* wanted) {
 }
 
 void LockOrder::forget(const void* section) {
+  assert(isChecked() && section != nullptr);
   const BriefMutex::Hold hold(mutex);
   for (Pair& place : table->pairs) {
     if (place.held == section || place.wanted == section)

@@ -137,21 +137,16 @@ ProcPath::ProcPath(std::string_view folder, long number, std::string_view rest) 
 }
 
 PlainFile::PlainFile(const char* path)
-    : m_nDescriptor(retrying([path] { return open(path, O_RDONLY | O_CLOEXEC); })) {}
-
-PlainFile::~PlainFile() {
-  if (isOpen())
-    close(m_nDescriptor);
-}
+    : m_oFile(retrying([path] { return open(path, O_RDONLY | O_CLOEXEC); })) {}
 
 bool PlainFile::refill() {
   std::memmove(m_aBuffer.data(), m_aBuffer.data() + m_nBegin, m_nEnd - m_nBegin);
   m_nEnd -= m_nBegin;
   m_nBegin = 0;
-  if (!isOpen() || m_nEnd == m_aBuffer.size())
+  if (!m_oFile.isOpen() || m_nEnd == m_aBuffer.size())
     return false;
   const ssize_t count = retrying(
-      [this] { return read(m_nDescriptor, m_aBuffer.data() + m_nEnd, m_aBuffer.size() - m_nEnd); });
+      [this] { return read(m_oFile.get(), m_aBuffer.data() + m_nEnd, m_aBuffer.size() - m_nEnd); });
   if (count <= 0)
     return false;
   m_nEnd += static_cast<std::size_t>(count);

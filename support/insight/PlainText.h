@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "runtime/Descriptor.h"
+
 namespace VarnSupport {
 
 struct Hex {
@@ -105,18 +107,14 @@ class ProcPath {
 class PlainFile {
  public:
   explicit PlainFile(const char* path);
-  PlainFile(const PlainFile&) = delete;
-  PlainFile& operator=(const PlainFile&) = delete;
-  ~PlainFile();
 
-  bool isOpen() const { return m_nDescriptor >= 0; }
   // The line is there until the next call. False at the end.
   bool nextLine(std::string_view& line);
 
  private:
   bool refill();
 
-  const int m_nDescriptor;
+  const Descriptor m_oFile;
   std::size_t m_nBegin = 0;
   std::size_t m_nEnd = 0;
   std::array<char, 1024> m_aBuffer;

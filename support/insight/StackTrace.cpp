@@ -6,6 +6,7 @@
 #include <elf.h>
 #include <unwind.h>
 
+#include <cassert>
 #include <string_view>
 
 #include "runtime/OwnMemory.h"
@@ -87,6 +88,7 @@ void warmUpStackTraces() {
 
 [[gnu::noinline]] void walkStack(std::span<std::uintptr_t> places, volatile std::size_t& count,
                                  std::uintptr_t start) {
+  assert(!places.empty());
   count = 0;
   StackWalk walk{places, count, start, start == 0 ? 1 : 0};
   _Unwind_Backtrace(step, &walk);

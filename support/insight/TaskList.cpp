@@ -17,6 +17,7 @@
 #include "locks/BriefHold.h"
 #include "locks/HeldSections.h"
 #include "runtime/Cancellation.h"
+#include "runtime/Descriptor.h"
 #include "runtime/OwnMemory.h"
 
 namespace VarnSupport {
@@ -108,14 +109,14 @@ TaskList::TaskList() {
 
 // The folder is closed before files are opened: there may be no other descriptor.
 void TaskList::addAll() {
-  const int folder = open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0) {
+  const Descriptor folder(open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.isOpen()) {
     m_nError = errno;
     return;
   }
   alignas(dirent64) std::array<char, 1024> buffer;
   long length = 0;
-  while ((length = syscall(SYS_getdents64, folder, buffer.data(), buffer.size())) > 0) {
+  while ((length = syscall(SYS_getdents64, folder.get(), buffer.data(), buffer.size())) > 0) {
     for (const char* at = buffer.data(); at < buffer.data() + length;) {
       const auto* const entry = reinterpret_cast<const dirent64*>(at);
       std::string_view name(entry->d_name);
@@ -125,7 +126,6 @@ void TaskList::addAll() {
       at += entry->d_reclen;
     }
   }
-  close(folder);
 }
 
 TaskList::~TaskList() {

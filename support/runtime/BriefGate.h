@@ -95,6 +95,7 @@ class BriefGate {
   }
   static void resumeCount(bool isInterrupted, bool isHeldByHand) {
     if (isInterrupted) {
+      assert(t_pVisitor != nullptr);
       t_pVisitor->isCounting.store(true, std::memory_order_relaxed);
       m_bMustAwaitAgain = true;
     }

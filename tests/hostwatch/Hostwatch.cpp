@@ -255,7 +255,7 @@ TEST(Hostwatch, ReadsItsConfigurationAndOpensItsLogAgainAtHangUp) {
   Daemon daemon("probe=LoadProbe\ninterval=3600\n", "");
   writeFile(daemon.conf, "probe=LoadProbe\nprobe=NoProbe\ninterval=0\n");
   kill(daemon.process, SIGHUP);
-  const std::string faults = daemon.logWith("NoProbe");
+  const std::string faults = daemon.logWith("is no whole number");
   EXPECT_TRUE(contains(faults, "stays as it was: " + daemon.conf + ":2: probe: there is no probe"));
   EXPECT_TRUE(contains(faults, daemon.conf + ":3: interval: '0' is no whole number")) << faults;
   // The old log keeps what was written to it.

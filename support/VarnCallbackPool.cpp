@@ -28,6 +28,7 @@ int checked(int threads) {
 VarnCallbackPool::VarnCallbackPool(int threads)
     : m_pState(std::make_shared<State>(checked(threads))) {}
 
+// Objects that still use the pool get no calls from now on. Those under way are waited for.
 VarnCallbackPool::~VarnCallbackPool() {
   const QuietCancellationGuard closed;
   std::shared_ptr<CallQueue> queue;

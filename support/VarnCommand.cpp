@@ -1,5 +1,13 @@
 // A command has settings and the task of its latest run. The task belongs to whoever serves it as
 // well: the thread of all commands, or the caller of run().
+//
+// A run takes three steps. It claims the command, so that there is one run at a time; it starts the
+// program, without the lock, as that may take its time; and it publishes the task, from where
+// kill(), wait() and the destructor find it. What is claimed and not published, because the system
+// refused something, is let go by the claim's end.
+//
+// run() serves its own task, and so needs no thread. Its end kills the program if that is still
+// there, whether an exception, a cancellation or a time limit has brought the end about.
 #include "VarnSupport/VarnCommand.h"
 
 #include <cassert>
@@ -19,6 +27,7 @@ namespace VarnSupport {
 
 namespace {
 
+// Made when it is first asked for, and never destroyed: results may be looked at during the exit.
 const CommandOutcome& neverStarted() {
   static const CommandOutcome* const outcome = [] {
     auto* const made = new CommandOutcome;
@@ -103,6 +112,7 @@ struct VarnCommand::State {
     return task;
   }
 
+  // The mask is the starter's, as `done` is called with it, wherever that runs.
   std::shared_ptr<CommandTask> makeTask(Done done) const {
     auto made = std::make_shared<CommandTask>(settings, std::move(done), this);
     pthread_sigmask(SIG_BLOCK, nullptr, &made->callersMask);
@@ -157,6 +167,7 @@ VarnCommand::VarnCommand(std::vector<std::string> arguments) : m_pState(std::mak
 
 VarnCommand::VarnCommand(VarnCommand&& source) noexcept = default;
 
+// The command that was here ends as by its destructor, which may wait.
 VarnCommand& VarnCommand::operator=(VarnCommand&& source) noexcept {
   if (this != &source) {
     const VarnCommand old(std::move(*this));
@@ -260,6 +271,7 @@ void VarnCommand::kill() {
     CommandThread::wakeLocked(*m_pState->task);
 }
 
+// The task is kept by the caller: a `done` may start the next run while this one is waited for.
 VarnCommand::Result VarnCommand::wait() const {
   const CancellationGuard closed;
   const std::shared_ptr<CommandTask> task = m_pState->latest();

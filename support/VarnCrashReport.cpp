@@ -72,6 +72,8 @@ void sleepForMillisecond() {
 }
 
 // The turn of the calling thread to report.
+// Waits are limited: the thread whose turn it is may itself hang in a fault. Sleeping is all that a
+// handler can do to wait, as the primitives of the platform are not async-signal-safe.
 class Turn {
  public:
   Turn() {
@@ -130,6 +132,7 @@ void passOn(int signal, const siginfo_t& info) {
   syscall(SYS_tgkill, getpid(), gettid(), signal);
 }
 
+// A signal that the program ignores, and that another process has sent, is no crash.
 void onCrash(int signal, siginfo_t* info, void* context) {
   if (reporter == gettid())
     CrashText::leavePart();
@@ -154,6 +157,7 @@ void onCrash(int signal, siginfo_t* info, void* context) {
 
 }  // namespace
 
+// The observer gathers records on the threads that write them.
 struct VarnCrashReport::State {
   State() : observer(9, RecordRing::put) {}
 

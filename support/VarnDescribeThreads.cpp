@@ -1,5 +1,13 @@
 // All threads are looked at first, in one go, and are then told of: waiters, holders and what they
 // hold are put together from that one look.
+//
+// What a thread of this process waits for is known in three ways. A wait of the library leaves a
+// note on the stack of its thread. A mutex that somebody waits for without such a note is known by
+// the word that the system sleeps on. For all else the call of the system is named, with its
+// descriptor.
+//
+// Nothing is locked meanwhile, so what is told of two threads may be of two moments, some
+// microseconds apart: a section that looks free beside a waiter has just been given back.
 #include "VarnSupport/VarnDescribeThreads.h"
 
 #include <linux/futex.h>
@@ -89,6 +97,7 @@ std::string_view nameOf(std::uintptr_t section) {
   return "";
 }
 
+// One line for each thread, and below it one for each section that it holds.
 class ThreadsText {
  public:
   ThreadsText(PlainText& text, const TaskList& list) : m_oText(text), m_oList(list) {}
@@ -214,6 +223,8 @@ class ThreadsText {
     return true;
   }
 
+  // The newest first. The list changes while its thread runs: it is followed as long as its
+  // sections name that thread as their owner.
   void putSections(const Task& task) {
     std::uintptr_t address = task.newestLock;
     for (int i = 0; address != 0 && i < kMostSections; ++i) {
@@ -226,6 +237,8 @@ class ThreadsText {
     }
   }
 
+  // The time of holding is a lower bound: a holder that waits has held the section since it began
+  // to wait, at the latest. Holders note no time, so that taking a section stays as cheap as it is.
   void putHeld(const Task& task, std::uintptr_t address, const Section& section) {
     m_oText << "  holds ";
     putSection(address);
@@ -252,6 +265,7 @@ class ThreadsText {
   const std::int64_t m_nNow = WaitNote::now();
 };
 
+// A thread that is killed in between ends behind the description, which is then whole.
 void describe(PlainText::Sink sink, void* to) {
   const NoCancellation whole;
   const TaskList list;

@@ -99,7 +99,10 @@ bool VarnDescriptorEvent::State::hear(unsigned events) {
   return true;
 }
 
+// What has come and is wanted no more is dropped; an object that is left with nothing is released,
+// unless its call is under way, whose end will do so.
 void VarnDescriptorEvent::State::setWantedLocked(unsigned events) {
+  assert(LoopLock::isHeld());
   if (!isEnlisted())
     return;
   wantedEvents = events & kAll;

@@ -43,6 +43,7 @@ VarnException::VarnException(const std::wstring& text, int code) : m_sText(text)
 VarnException::VarnException(const std::string& text, int code)
     : VarnException(widened(text), code) {}
 
+// By a copy, so that a lack of memory leaves both as they are.
 VarnException& VarnException::operator=(const VarnException& source) {
   if (this != &source) {
     VarnException copy(source);
@@ -81,6 +82,7 @@ void VarnException::pushMessage(const std::wstring& message) {
   m_vMessages.push_back(message);
 }
 
+// The newest comes first. In a release without messages the result is empty.
 std::wstring VarnException::popMessage() {
   assert(!m_vMessages.empty());
   const CancellationGuard closed;

@@ -49,6 +49,8 @@ void VarnFileWatch::State::beginCall(MonotonicTime) {
   std::swap(m_oWork, m_oTaken);
 }
 
+// What was found by the constructor is told by the first call, as no function is called inside of a
+// constructor. A function may destroy the watch, and nothing is told after that.
 void VarnFileWatch::State::makeCall() {
   guarded([this] {
     for (const Change& change : std::exchange(m_vFound, {})) {
@@ -132,6 +134,7 @@ void VarnFileWatch::State::watchTarget(const std::string& name, const std::strin
     m_bIncomplete = true;
 }
 
+// A file that is not the known one any more is told of as gone first, and then as made.
 void VarnFileWatch::State::lookAt(const std::string& name, FileHint hint) {
   const std::string path = place.folder + '/' + name;
   FileStatus now = FileStatus::of(path);
@@ -166,6 +169,7 @@ void VarnFileWatch::State::lookAt(const std::string& name, FileHint hint) {
     tell(CHANGED, name, now.size);
 }
 
+// Calls are held until the first look is complete: what it finds is told before any change of it.
 void VarnFileWatch::State::enterLoop() {
   {
     const LoopLock lock;

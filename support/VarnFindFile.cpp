@@ -26,6 +26,7 @@ DIR* openFolder(const std::string& folder) {
 
 }  // namespace
 
+// Both separators count, as paths may come from configurations that were written for other systems.
 FindFileBase::FindFileBase(const std::string& path) : m_sPath(path) {
   const std::size_t separator = path.find_last_of("\\/");
   if (separator == std::string::npos) {

@@ -1,3 +1,5 @@
+// The state, in which all the work is done (LatchState), stands apart from the event: threads that
+// wait at exit for an event that is static need it for longer.
 #include "VarnSupport/VarnLatchedEvent.h"
 
 #include "runtime/Cancellation.h"

@@ -1,4 +1,7 @@
 // A VarnLogFile is a VarnLogging whose state has a LogFile; there all the work is done.
+//
+// The name is made absolute at once: a daemon changes its folder after it has opened its log, and
+// the file of a later reopen() is to be the same one.
 #include "VarnSupport/VarnLogFile.h"
 
 #include <cstdio>
@@ -22,6 +25,8 @@ std::string absoluteName(const std::string& name) {
 }
 
 // Once, before the first log that has to be finished; what is static and older writes at once.
+// Functions that the program has registered later run earlier, so that their records are still
+// gathered and then written.
 bool finishAtExit() {
   static const bool isNoted = std::atexit(&VarnLogging::State::finishFiles) == 0;
   return isNoted;
@@ -48,6 +53,7 @@ VarnLogFile::~VarnLogFile() = default;
 
 std::string VarnLogFile::getName() const { return State::of(*this).file->name(); }
 
+// The failure goes to the log itself, where the old file is still open and somebody may be reading.
 bool VarnLogFile::reopen() {
   const CancellationGuard closed;
   if ((getTarget() & kToFile) == 0)

@@ -1,5 +1,8 @@
-// All levels are read before one is applied, so that a fault changes nothing. Text is escaped by
-// characters, not by bytes: some control characters, and some ends of lines, are longer than one.
+// All levels are read before one is applied, so that a fault changes nothing: "3,net=7,disk=1" is a
+// level for all that is not named, and one for each component that is.
+//
+// Text is escaped by characters, not by bytes: some control characters, and some ends of lines, are
+// longer than one.
 #include "VarnSupport/VarnLogHelpers.h"
 
 #include <array>
@@ -56,6 +59,7 @@ class LevelReader {
   std::map<std::string, std::int32_t> components;
 
  private:
+  // The last '=' separates, as names of components may have others.
   std::string readPart(std::string_view part) {
     const std::size_t equal = part.rfind('=');
     const bool hasName = equal != std::string_view::npos;
@@ -76,6 +80,8 @@ class LevelReader {
 
 }  // namespace
 
+// The separators of lines and paragraphs of Unicode end a line for some readers, and no control
+// character covers them.
 std::string VarnEscaped(std::string_view text) {
   std::string escaped;
   while (!text.empty()) {

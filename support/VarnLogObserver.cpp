@@ -1,6 +1,9 @@
 // The observer is the part that Observation calls; its owner is a handle. So a function may destroy
-// its own observer and run on to its end. JSON has escapes for the characters that would end a line
-// or a text, and none for bytes that are no characters: these become the replacement character.
+// its own observer and run on to its end.
+//
+// JSON has escapes for the characters that would end a line or a text, and none for bytes that are
+// no characters: these become the replacement character. What is written is therefore one line of
+// valid UTF-8, whatever a record holds.
 #include "VarnSupport/VarnLogObserver.h"
 
 #include <array>
@@ -41,6 +44,7 @@ void appendText(std::string& to, std::string_view name, std::string_view text) {
   to += '"';
 }
 
+// In the form of RFC 3339, in UTC: the zone of the process may change between two records.
 std::string timeText(
     std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds> time) {
   const auto second = std::chrono::floor<std::chrono::seconds>(time);

@@ -1,5 +1,10 @@
 // A VarnLogRecord collects its text in a place of its own, beside that of the older form, so that
 // each is whole inside the other.
+//
+// A record that is open holds the record lock of its log, as one of the older form does from its
+// first part to its end. A record that begins inside another one of the same thread gets memory of
+// its own; the outermost uses the place that the log keeps, so that the usual record allocates
+// nothing.
 #include "VarnSupport/VarnLogRecord.h"
 
 #include <cassert>

@@ -1,6 +1,9 @@
 // The registry of modules, and the library's own module, whose static object starts the families in
 // the order of their needs: locks, threads, the log, timers. They are shut down in the reverse
 // order. VSUPTInit... of a family stands in the source of that family, beside what it starts.
+//
+// Records are linked by themselves and the head needs no constructor, so that modules of any
+// library may register before this one's static objects are made.
 #include "VarnSupport/VarnModule.h"
 
 #include "VarnSupport/VarnObjectFactory.h"

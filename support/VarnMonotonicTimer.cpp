@@ -21,6 +21,7 @@ constexpr const char* kKind = "VarnMonotonicTimer";
 
 using std::chrono::nanoseconds;
 
+// A sum that no clock reaches is never.
 MonotonicTime sumOf(MonotonicTime time, nanoseconds interval) {
   return interval < MonotonicTime::max() - time ? time + interval : MonotonicTime::max();
 }
@@ -69,6 +70,7 @@ void VarnMonotonicTimer::State::start(std::optional<nanoseconds> given, bool isP
 }
 
 void VarnMonotonicTimer::State::stopLocked() {
+  assert(LoopLock::isHeld());
   if (!isEnlisted())
     return;
   unpend();
@@ -76,6 +78,8 @@ void VarnMonotonicTimer::State::stopLocked() {
   isActive = false;
 }
 
+// The row of deadlines is kept: the next is a whole number of intervals behind the one before,
+// however late the call is.
 void VarnMonotonicTimer::State::beginCall(MonotonicTime now) {
   missed = 0;
   if (isOneShot) {
@@ -93,6 +97,7 @@ void VarnMonotonicTimer::State::makeCall() {
 }
 
 void VarnMonotonicTimer::State::endCall() {
+  assert(LoopLock::isHeld());
   if (isActive)
     setDeadline(deadline);
 }

@@ -1,6 +1,10 @@
 // Numbers travel as the bytes of the host; a type that is wider here than in the format travels as
 // its low bytes. Not every stream tells how much it has moved, which is why a value is read aside
 // and taken over only if something came.
+//
+// Texts travel as their length and their characters. Lengths are written in 32 bits and read in 16,
+// as readers and writers of the format always have: the upper half is the beginning of what is read
+// next.
 #include "VarnSupport/VarnObjectStream.h"
 
 #include <cstdint>

@@ -1,5 +1,10 @@
 // A parse gathers all that a command line holds before anything is recorded or stored, so that a
-// wrong one changes nothing.
+// wrong one changes nothing. Declared options keep two functions of their kind: `fault`, which says
+// what is wrong with data, and `store`, which hands it to the program's variable once all is well.
+//
+// What is wrong with a declaration is a mistake of the program's author, and is thrown as a
+// VarnException by the function that declares. What is wrong with a command line is a
+// VarnOptionError, whose code is the exit status.
 #include "VarnSupport/VarnOptionTable.h"
 
 #include <array>
@@ -114,6 +119,8 @@ VarnOptionError::VarnOptionError(const std::string& text)
 
 VarnOptionError::~VarnOptionError() = default;
 
+// The base keeps wide text only. The bytes are given as they came, as long as nobody has changed
+// the text meanwhile.
 std::string VarnOptionError::getText() const {
   const CancellationGuard closed;
   return getUText() == wideText(m_sText) ? m_sText : VarnException::getText();
@@ -231,6 +238,8 @@ std::optional<int> VarnOptionTable::parse(int argc, const char* const* argv) {
   return std::nullopt;
 }
 
+// An exception of the library counts as wrong use, also when a function that stores has thrown it:
+// the program has not begun its work.
 std::optional<int> VarnOptionTable::parseOrReport(int argc, const char* const* argv) {
   const CancellationGuard closed;
   try {
@@ -261,6 +270,7 @@ std::vector<std::string> VarnOptionTable::arguments() const {
   return m_pState->arguments;
 }
 
+// In the form that VarnSettings takes for the command line: a flag has a value there, too.
 VarnProperties<std::string> VarnOptionTable::values() const {
   const CancellationGuard closed;
   VarnProperties<std::string> all;

@@ -74,6 +74,8 @@ VarnRegularExpressionImplementation<StringType>::~VarnRegularExpressionImplement
 }
 
 template <typename StringType>
+// A pattern with a fault leaves the tokens before the fault in force, and the text of the pattern
+// as it was.
 bool VarnRegularExpressionImplementation<StringType>::compile(const StringType& pattern,
                                                               std::string& error) {
   const CancellationGuard closed;

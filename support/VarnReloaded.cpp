@@ -45,6 +45,8 @@ std::shared_ptr<const void> VarnReloadedSlot::get() const {
   return m_pEntry != nullptr ? m_pEntry->value : nullptr;
 }
 
+// Numbers are given when a reload begins: of two that overlap, the one that began later stays,
+// whichever is done first.
 void VarnReloadedSlot::install(VarnCollaborator& teller, std::uint64_t number,
                                std::shared_ptr<const void> value, const VarnSettings& settings) {
   const CancellationGuard closed;

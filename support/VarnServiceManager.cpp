@@ -1,5 +1,9 @@
 // One message is one datagram, sent from a socket of its own that does not block. A full queue is
 // waited for by poll(), within a time limit.
+//
+// The protocol is that of sd_notify(3) in the manual of systemd, of which this needs no library.
+// The environment is read for each message: a program may take the variable away so that its
+// children do not speak for it.
 #include "VarnSupport/VarnServiceManager.h"
 
 #include <poll.h>

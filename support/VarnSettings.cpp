@@ -1,5 +1,9 @@
 // The getters: each asks the state for the one value that counts, reads it as its type, and notes
 // what is wrong. The state (SettingsState) knows the layers, the references and the faults.
+//
+// A getter never throws for what a user has written: it notes the fault and goes on with the
+// preset, so that finish() can tell of all faults of a file at once. What a getter returns beside a
+// fault is therefore a value that its caller can work with, in the asked range.
 #include "VarnSupport/VarnSettings.h"
 
 #include <algorithm>
@@ -41,6 +45,8 @@ std::string rangeText(const std::pair<Number, Number>& range, const std::pair<Nu
   return hasHighest ? " of at most " + text(range.second) : "";
 }
 
+// What a getter returns when there is nothing that it could read: the preset, or the value of the
+// range that is nearest to 0.
 template <typename Number, typename Range>
 Number otherwise(const Number* preset, const Range& range) {
   assert(range.lowest <= range.highest);
@@ -157,6 +163,8 @@ double VarnSettings::readReal(const std::string& key, const double* preset, Varn
   return otherwise(preset, range);
 }
 
+// An option of the command line that needs no value comes with an empty one, so "--verbose" and
+// "verbose" in a line of its own both switch the flag on.
 bool VarnSettings::flag(const std::string& key, bool preset) {
   const CancellationGuard closed;
   const auto value = m_pState->one(key, {.mayBeBare = true});
@@ -208,6 +216,8 @@ std::string VarnSettings::readPath(const std::string& key, const std::string* pr
   return path.empty() ? path : (folder / path).string();
 }
 
+// In the order of the file, then of the command line. The environment is left out: a name there
+// does not tell which of its underscores stands for a dot.
 std::vector<std::string> VarnSettings::list(const std::string& prefix, bool groupsAlone) const {
   const CancellationGuard closed;
   std::vector<std::string> keys;
@@ -244,6 +254,7 @@ void VarnSettings::fault(const std::string& key, const std::string& reason, std:
     m_pState->faults.add({}, key, escapedText(reason));
 }
 
+// A copy of the faults is added to, so that a second call says the same.
 void VarnSettings::finish() const {
   const CancellationGuard closed;
   SettingsFaults faults = m_pState->faults;
@@ -271,6 +282,7 @@ std::string VarnReplaceReferences(
   return result;
 }
 
+// The file is not touched when nothing changes, so that who watches it is not woken for nothing.
 void VarnUpdatePropertyFile(const std::string& fileName, const VarnProperties<std::string>& set) {
   const CancellationGuard closed;
   const auto values = set.getProperties();

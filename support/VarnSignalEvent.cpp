@@ -76,6 +76,7 @@ void sweepLocked() {
 }
 
 bool hasMoreLocked(const SignalEntry& entry) {
+  assert(entry.told <= SignalRelay::deliveries(entry.signal));
   return entry.event != nullptr && entry.told != SignalRelay::deliveries(entry.signal);
 }
 
@@ -176,6 +177,7 @@ bool isOneOf(const Signals& signals, int signal) {
                       0);
 }
 
+// Signals of faults must end the process, as their instruction would be run again and again.
 void checkSignal(int signal) {
   struct sigaction action {};
   if (isOneOf(kOfTheLibrary, signal))
@@ -254,6 +256,8 @@ std::uint64_t VarnSignalEvent::take(std::chrono::nanoseconds limit) {
 
 int VarnSignalEvent::signal() const { return m_pEntry->signal; }
 
+// The handler counts for the whole process, so that events of one signal do not take from each
+// other.
 std::uint64_t VarnSignalEvent::deliveries() const {
   return SignalRelay::deliveries(m_pEntry->signal) - m_pEntry->first;
 }

@@ -86,6 +86,7 @@ void VarnVersion::parse(const std::string& text) {
   }
 }
 
+// A suffix has its dot also when there is no number in front of it.
 std::string VarnVersion::toString() const {
   const CancellationGuard closed;
   std::string text;

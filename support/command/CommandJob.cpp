@@ -2,6 +2,10 @@
 // leaves the process a zombie, and taken when all else is done. As long as the zombie is there, its
 // number, which names the group, is nobody else's, and the group can be sent signals. Outputs are
 // read after the look, so that what the program has written is read whole.
+//
+// What a program leaves behind does not keep the job: outputs that its children hold open are read
+// for a quarter of a second after its end, and a process that not even SIGKILL ends at once, as in
+// a call of the system that hangs, is given a second.
 #include "command/CommandJob.h"
 
 #include <sys/wait.h>
@@ -105,6 +109,7 @@ void CommandJob::collect(std::vector<pollfd>& polled) const {
     polled.push_back({m_oHandle.get(), POLLIN, 0});
 }
 
+// What polling cannot tell of: times that are over, and the end of a process without a handle.
 MonotonicTime CommandJob::nextLook(MonotonicTime now) const {
   MonotonicTime next = MonotonicTime::max();
   if (!m_bEnded && !isReaped() && !m_oHandle.isOpen())
@@ -136,6 +141,8 @@ void CommandJob::advance(MonotonicTime now) {
     finish();
 }
 
+// The first call asks the group to end, and each may bring forward the moment at which it is
+// killed. True for the first.
 bool CommandJob::terminate(MonotonicTime now, MonotonicTime::duration atMost) {
   if (m_bFinished)
     return false;
@@ -153,6 +160,7 @@ bool CommandJob::terminate(MonotonicTime now, MonotonicTime::duration atMost) {
   return begins;
 }
 
+// Outputs that are open after the end are waited for, for as long as the patience lasts.
 bool CommandJob::isComplete(MonotonicTime now) const {
   if (m_bEnded && !isOutputOpen())
     return true;
@@ -231,6 +239,8 @@ void CommandJob::finish() {
   m_bFinished = true;
 }
 
+// In the child of a fork: the programs are children of the parent, and nobody here can wait for
+// them.
 void CommandJob::orphanAll() {
   for (CommandJob* job = m_pFirst; job != nullptr; job = job->m_pNext) {
     job->m_oOutput.end.close();

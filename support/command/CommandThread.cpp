@@ -1,6 +1,13 @@
 // A turn collects what all tasks wait for, waits, lets every job advance, and calls who is to hear
 // of those that have finished, the lock being free meanwhile. A `done` that waits for another task
 // of the thread serves that one itself.
+//
+// The thread must be there before a program is started whose end it is to see, and room for its
+// task must be, too: an Expectation takes both in advance, so that nothing can fail once the
+// program runs. While there is one the thread does not end for want of work.
+//
+// Without memory the thread goes on: what cannot be put among the polled descriptors is looked at
+// every 10 ms.
 #include "command/CommandThread.h"
 
 #include <pthread.h>
@@ -47,6 +54,7 @@ NeverDestroyed<ThreadState> thread;
 void ring(const Descriptor& bell) { static_cast<void>(eventfd_write(bell.get(), 1)); }
 
 // What some jobs, and those who ring, have to say. Does without what there is no memory for.
+// The bell is first, so that a wake-up is seen even where nothing else found room.
 class Watch {
  public:
   explicit Watch(const Descriptor& bell) : m_nBell(bell.get()) {
@@ -145,6 +153,7 @@ void CommandThread::addLocked(const std::shared_ptr<CommandTask>& task) {
   ring(thread.value.bell);
 }
 
+// The process stays a zombie where the thread cannot be had.
 void CommandThread::leave(const std::shared_ptr<CommandTask>& task) noexcept {
   try {
     const Expectation expected;
@@ -174,6 +183,8 @@ void CommandThread::serve(CommandTask& task) {
   }
 }
 
+// `done` is taken out under the lock, so that it is called once, whoever comes first: the thread, a
+// `done` that waits for this task, or the caller of run().
 void CommandThread::conclude(CommandTask& task) {
   VarnCommand::Done done;
   {

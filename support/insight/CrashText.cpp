@@ -1,6 +1,9 @@
 // Each part of a report is left by a jump when it runs into a fault itself. What a part has found
 // by then stays, as it stands in memory that is no local variable. Only one thread at a time is
 // here.
+//
+// What is most likely to succeed comes first: the signal and the thread, then the stack, then the
+// records, and at the very end what an exception says of itself, as that runs code of the program.
 #include "insight/CrashText.h"
 
 #include <cxxabi.h>
@@ -109,6 +112,7 @@ void putWhat(PlainText& text) {
 
 }  // namespace
 
+// The mask of signals goes back to what it was before the part, by the jump.
 void CrashText::leavePart() {
   if (isInPart != 0)
     siglongjmp(behindPart, 1);
@@ -133,6 +137,8 @@ void CrashText::write(int descriptor, const siginfo_t& info, const void* context
   // No call has the address 1: at an instruction that is none, there is nothing to walk from.
   runPart(text, [&] { walkStack(calls, callCount, at.instruction != 0 ? at.instruction : 1); });
   runPart(text, [&] { putCalls(text); });
+  // A jump to a wrong address leaves no frame to walk from. Then every word on the stack that
+  // points behind a call is shown.
   if (callCount < 2) {
     runPart(text, [&] {
       text << "  the stack cannot be walked; the instruction, and what may be calls:\n  ";

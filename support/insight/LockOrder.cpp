@@ -1,5 +1,11 @@
 // Pairs stand in a table of fixed size, each within a few places from where its hash points to, so
 // that a pair can be erased without a trace. A stack is taken outside of the lock of the table.
+//
+// The addresses of a pair lie apart from the rest of its case, as forget() walks all of them
+// whenever a section goes: 64 KiB of addresses instead of the stacks.
+//
+// A report is written by a thread of its own. The thread that has found it holds at least one
+// section, may wait for the next one for ever, and may hold the very section that the log needs.
 #include "insight/LockOrder.h"
 
 #include <sys/mman.h>
@@ -143,6 +149,7 @@ void tellElsewhere(std::unique_ptr<Report> report) {
 
 constinit std::atomic<bool> LockOrder::m_bChecked{false};
 
+// A table that cannot be had leaves the check off: a program that asked to be watched still runs.
 void LockOrder::prepare() {
   const char* const wish = std::getenv("VSUPT_CHECK_LOCKS");
   if (wish == nullptr || std::string_view(wish) != "1" || m_bChecked)
@@ -156,6 +163,8 @@ void LockOrder::prepare() {
   m_bChecked = true;
 }
 
+// Nearly every call ends at the first look. A pair that another thread has added between the two
+// looks has been compared with its other order by that thread.
 void LockOrder::note(const void* held, const void* wanted) {
   assert(isChecked() && held != nullptr && wanted != nullptr && held != wanted);
   {

@@ -1,3 +1,6 @@
+// Numbers, dates and paths are put together here by hand: the functions of the platform for them
+// may take a lock, allocate or look at the locale, and the thread that is interrupted may be in one
+// of them.
 #include "insight/PlainText.h"
 
 #include <fcntl.h>
@@ -5,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -58,6 +62,7 @@ PlainText& PlainText::operator<<(std::string_view text) {
 }
 
 PlainText& PlainText::putNumber(std::uint64_t number, unsigned base, int digits) {
+  assert((base == 10 || base == 16) && digits <= 20);
   std::array<char, 24> text;
   std::size_t begin = text.size();
   for (; number > 0 || digits > 0; number /= base, --digits)
@@ -96,6 +101,8 @@ PlainText& PlainText::operator<<(UtcTime time) {
   return *this;
 }
 
+// SIGPIPE is blocked for the calling thread alone. One that a write of ours raised stays pending
+// for this thread and is taken back; one that was pending before is not ours to take.
 DescriptorOutput::DescriptorOutput(int descriptor) : m_nDescriptor(descriptor) {
   sigemptyset(&m_oPipeSignal);
   sigaddset(&m_oPipeSignal, SIGPIPE);
@@ -111,6 +118,7 @@ DescriptorOutput::~DescriptorOutput() {
   pthread_sigmask(SIG_SETMASK, &m_oPreviousMask, nullptr);
 }
 
+// Waits before each write, as a descriptor that blocks would keep the whole report from going on.
 bool DescriptorOutput::put(void* output, const char* bytes, std::size_t count) {
   const int descriptor = static_cast<DescriptorOutput*>(output)->m_nDescriptor;
   while (count > 0) {
@@ -125,6 +133,7 @@ bool DescriptorOutput::put(void* output, const char* bytes, std::size_t count) {
   return true;
 }
 
+// The buffer begins as zeros, and its last byte is never written to.
 ProcPath::ProcPath(std::string_view folder, long number, std::string_view rest) {
   char* const end = m_aPath.data() + m_aPath.size() - 1;
   const auto put = [end](char* to, std::string_view text) {
@@ -139,6 +148,7 @@ ProcPath::ProcPath(std::string_view folder, long number, std::string_view rest) 
 PlainFile::PlainFile(const char* path)
     : m_oFile(retrying([path] { return open(path, O_RDONLY | O_CLOEXEC); })) {}
 
+// What is left of the buffer moves to its front. A line that fills the whole buffer ends there.
 bool PlainFile::refill() {
   std::memmove(m_aBuffer.data(), m_aBuffer.data() + m_nBegin, m_nEnd - m_nBegin);
   m_nEnd -= m_nBegin;

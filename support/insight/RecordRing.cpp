@@ -1,5 +1,10 @@
-// A place has a number that is odd while somebody writes to it. A reader that finds the same even
-// number before and after it has copied the place has a whole record.
+// A ring of places that are written in turn. Each has a version that is odd while somebody writes
+// to it: a reader that finds the same even version before and after it has copied the place has a
+// whole record. A writer that finds its place odd leaves its record out rather than wait, as the
+// thread that it would wait for may be the one that has crashed.
+//
+// The bytes are copied as atomic words, as a reader may copy them while they change. Each word is
+// released and acquired, which keeps it between the two looks at the version on any processor.
 #include "insight/RecordRing.h"
 
 #include <array>
@@ -31,17 +36,18 @@ void store(Place& place, const Bytes& bytes) {
   for (std::size_t i = 0; i < place.words.size(); ++i) {
     std::uint64_t word = 0;
     std::memcpy(&word, bytes.data() + i * sizeof word, sizeof word);
-    place.words[i].store(word, std::memory_order_relaxed);
+    place.words[i].store(word, std::memory_order_release);
   }
 }
 
 void load(const Place& place, Bytes& bytes) {
   for (std::size_t i = 0; i < place.words.size(); ++i) {
-    const std::uint64_t word = place.words[i].load(std::memory_order_relaxed);
+    const std::uint64_t word = place.words[i].load(std::memory_order_acquire);
     std::memcpy(bytes.data() + i * sizeof word, &word, sizeof word);
   }
 }
 
+// Escaped and cut here, so that the handler of a crash has nothing left to do but to copy.
 std::string lineOf(const VarnLogEntry& entry) {
   std::string line;
   PlainText text(PlainText::append, &line);

@@ -1,6 +1,10 @@
 // Stacks are walked by the unwinder of the compiler, which allocates nothing and, in the C
 // libraries of today, takes no lock. What is mapped where the system tells: the loader's own list
 // is locked while a library is loaded.
+//
+// Places are shown as a file and an address in it, which addr2line and a debugger resolve later
+// with the symbols of the packages: to read symbols here would take memory and time that a crash
+// does not have.
 #include "insight/StackTrace.h"
 
 #include <elf.h>
@@ -22,6 +26,8 @@ struct StackWalk {
   int toSkip;
 };
 
+// The address behind a call may be that of the next function: one less is within the call. For an
+// interrupted instruction the address is its own.
 _Unwind_Reason_Code step(_Unwind_Context* context, void* argument) {
   StackWalk& walk = *static_cast<StackWalk*>(argument);
   int isExact = 0;
@@ -81,6 +87,7 @@ bool isCode(std::uintptr_t address) {
 
 }  // namespace
 
+// The unwinder's library is loaded, and its tables are found, at the first use.
 void warmUpStackTraces() {
   StackTrace<4> trace;
   trace.take();

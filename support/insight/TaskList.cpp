@@ -1,3 +1,9 @@
+// Three sources are put together for each thread: files below /proc/self/task for its name and the
+// call that it is in, the robust list for its thread pointer, and a copy of its own variables.
+//
+// Threads end while they are looked at. Every read therefore goes through the system, which answers
+// with an error for memory that is gone, and a thread that has left in the meantime is told of with
+// what was found by then.
 #include "insight/TaskList.h"
 
 #include <dirent.h>
@@ -10,6 +16,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 
@@ -34,10 +41,14 @@ std::uintptr_t robustListOf(pid_t thread) {
 
 // Where a thread with that pointer has what the calling thread has at `own`.
 std::uintptr_t counterpart(const void* own, std::uintptr_t pointer) {
+  assert(pointer != 0);
   return reinterpret_cast<std::uintptr_t>(own) - static_cast<std::uintptr_t>(callingThread()) +
          pointer;
 }
 
+// The platform puts the head of the robust list into the block that the thread pointer points to,
+// at the same distance in every thread. The system keeps its address for the end of the thread, and
+// tells it to threads of the same process.
 std::uintptr_t pointerOf(pid_t thread) {
   const std::uintptr_t own = robustListOf(gettid());
   const std::uintptr_t list = robustListOf(thread);
@@ -92,6 +103,7 @@ void readCall(Task& task) {
 
 }  // namespace
 
+// The calling thread alone is listed where /proc is not there.
 TaskList::TaskList() {
   void* const memory = mmap(nullptr, kMost * sizeof(Task), PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -134,6 +146,7 @@ TaskList::~TaskList() {
 }
 
 void TaskList::add(pid_t id) {
+  assert(m_pTasks != nullptr && id > 0);
   if (m_nTasks == kMost) {
     ++m_nLeftOut;
     return;

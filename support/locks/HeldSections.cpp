@@ -1,3 +1,6 @@
+// Sections of other threads are read as copies that the system makes, as they may be changed,
+// destroyed or unmapped meanwhile.
+//
 // The platform's mutex notes the thread that has it, which tells of holders that the section does
 // not know: BriefHold notes no owner.
 #include "locks/HeldSections.h"

@@ -160,6 +160,7 @@ void LogFile::flush() {
   m_oTurns.clear(LogTurns::kWriting);
 }
 
+// The thread begins with a record and not with the log: a daemon forks in between.
 bool LogFile::hasThreadLocked() {
   if (m_bRunning || m_bFinished)
     return m_bRunning;
@@ -191,6 +192,8 @@ void LogFile::run() {
   m_oEnded.notify_all();
 }
 
+// The exit waits for the thread until `deadline`. What it has not written by then is lost, and so
+// is what comes later, as the thread may hold the turn at the file for ever.
 void LogFile::finish(MonotonicTime deadline) {
   const NoCancellation waiting;
   std::unique_lock guard(m_oMutex);
@@ -200,6 +203,7 @@ void LogFile::finish(MonotonicTime deadline) {
     m_bAbandoned = true;
 }
 
+// In the child of a fork: what waited is written by the parent.
 void LogFile::renew() {
   std::construct_at(&m_oMutex);
   std::construct_at(&m_oWake);
@@ -269,6 +273,7 @@ std::size_t LogFile::writeSome(const std::string_view* records, std::size_t coun
   return done;
 }
 
+// In a line that looks like any other record, of which no reader need know.
 bool LogFile::tellOfLost() {
   assert(m_nUntold > 0);
   try {

@@ -90,6 +90,9 @@ std::FILE* openForRecords(const std::string& name) {
   return file;
 }
 
+// A name that leads elsewhere by a symbolic link is refused, as logs of daemons are opened with all
+// rights in folders that others may write to. Opening must not wait either, as that of a pipe
+// without a reader does.
 AppendedFile openForAppending(const std::string& name) {
   constexpr int flags =
       O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
@@ -105,6 +108,7 @@ AppendedFile openForAppending(const std::string& name) {
   return {file.release(), 0, torn};
 }
 
+// Only a regular file without a limit of its size never raises a signal.
 bool mayWriteRaise(int descriptor) {
   struct stat status {};
   rlimit limit{};

@@ -1,4 +1,9 @@
+// A turn that nobody else wants costs one exchange of the word. Who finds it taken notes in the
+// word that somebody waits, and sleeps on a condition that all logs share; who clears a bit wakes
+// for that note alone. A condition of each log's own would have to outlive its waiters.
 #include "log/LogTurns.h"
+
+#include <cassert>
 
 namespace VarnSupport {
 
@@ -14,6 +19,8 @@ LogTurns::FileChange::FileChange(LogTurns& turns) : m_oTurns(turns) {
   turns.awaitLocked(guard, begin, kForEver);
 }
 
+// Ends its wait when the log goes, too: whoever waits for a turn at a log that is destroyed gets
+// none.
 bool LogTurns::beginWriting() {
   bool hasBegun = false;
   const auto begin = [&] {
@@ -28,6 +35,7 @@ bool LogTurns::beginWriting() {
 }
 
 bool LogTurns::trySet(std::uint32_t bit, std::uint32_t excluded) {
+  assert((excluded & bit) != 0);
   std::uint32_t seen = word.load(std::memory_order_relaxed);
   do {
     if ((seen & excluded) != 0)

@@ -42,6 +42,7 @@ namespace {
 using Call = CallUnderWay<const Observation::Observer*>;
 
 // An observer that the calling thread is inside a call of.
+// An observer is not told of records that its own function writes, on any level of calls.
 struct Inside : ThreadScopeOf<Inside> {
   explicit Inside(const Observation::Observer* which) : observer(which) {}
 
@@ -68,6 +69,7 @@ bool isRecordLockHeldLocked() {
 }
 
 // What the calling thread has noted since the last fork. What it noted before is dropped.
+// Entries go over without being copied: nothing is allocated under the tables.
 std::list<Observation::Noted> takeOwnLocked() {
   std::list<Observation::Noted> own;
   const pthread_t self = pthread_self();
@@ -116,6 +118,8 @@ void Observation::remove(const Observer* observer) {
   Call::await(observer);
 }
 
+// The views of an entry are of the texts beside it, which stay where they are while it goes from
+// list to list. Without memory the observers miss a record.
 void Observation::note(int level, std::string_view component, std::string_view text) {
   try {
     std::list<Noted> made(1);

@@ -87,6 +87,7 @@ void CallQueue::end() {
   m_nPushed.notify_all();
 }
 
+// The call is destroyed without the lock, whichever way it ends.
 bool CallQueue::callFirst(StallWatch::Worker& worker) {
   ProcessExit::watch();
   LoopLock lock;
@@ -98,6 +99,8 @@ bool CallQueue::callFirst(StallWatch::Worker& worker) {
   return true;
 }
 
+// The number of pushes is read before the queue is looked at: a push in between lets the wait
+// return at once.
 void CallQueue::work() {
   const PoolThread life({this});
   StallWatch::Worker worker(m_oLoop.stalls());

@@ -1,6 +1,10 @@
 // A call is one turn of a small machine. Pending: there is something to call for. Queued: in line
 // for a thread. Running: a thread is at it. An object is queued when it is pending and not running,
 // so that its calls never overlap, whatever comes meanwhile.
+//
+// An object enters the loop of the process when it is first needed there. The child of a fork has a
+// loop of its own, and objects that were made before the fork enter it when they are used again:
+// whether an object is enlisted is therefore asked by the loop that it knows, never by a flag.
 #include "loop/Callee.h"
 
 #include <cassert>
@@ -36,6 +40,8 @@ void Callee::enlist() {
   m_bPending = m_bQueued = m_bRunning = false;
 }
 
+// An object that could not enter is withdrawn as by its destructor, which is not called for one
+// whose constructor throws.
 void Callee::activate() {
   const CancellationGuard closed;
   ProcessExit::watch();

@@ -24,6 +24,7 @@ namespace {
 // How long the thread stays when there is no object any more.
 constexpr std::chrono::seconds kLinger{1};
 
+// For systems before 5.11, whose epoll counts whole milliseconds: ppoll() waits to the nanosecond.
 int waitWithoutTimeout(int epoll, epoll_event* events, int size, const timespec* left) {
   pollfd descriptor{epoll, POLLIN, 0};
   const int ready = ppoll(&descriptor, 1, left, nullptr);
@@ -65,6 +66,7 @@ void EventLoop::setDeadline(Deadlines::Slot slot, MonotonicTime deadline) {
 }
 
 void EventLoop::wakeFor(MonotonicTime deadline) {
+  assert(LoopLock::isHeld());
   if (deadline >= m_oNextLook)
     return;
   m_oNextLook = deadline;
@@ -86,6 +88,7 @@ void EventLoop::awaitCallsAtExit() {
 }
 
 void EventLoop::ensureRunning() {
+  assert(LoopLock::isHeld());
   ProcessExit::callAtBegin(&EventLoop::awaitCallsAtExit);
   if (!m_bRunning)
     m_bRunning = startLoopThread("vsupt-loop", [this] { run(); });
@@ -107,7 +110,8 @@ void EventLoop::run() {
 }
 
 // False when the thread is to end: there is nothing left to wait for, the process exits, or this is
-// the child of a fork in a call.
+// the child of a fork in a call. While the thread is awake its next look counts as past, so that
+// nobody wakes it: it looks at all deadlines before it sleeps.
 bool EventLoop::waitForWork(LoopLock& lock, StallWatch::Worker& worker) {
   if (!isCurrent(this) || ProcessExit::hasBegun())
     return false;
@@ -167,6 +171,7 @@ void EventLoop::take(const Events& events, int count) {
 }
 
 void EventLoop::pendDue() {
+  assert(LoopLock::isHeld());
   if (m_oDeadlines.first() == Deadlines::kNever)
     return;
   const MonotonicTime now = monotonicNow();

@@ -1,3 +1,6 @@
+// What is compared to tell one file from another of the same name: device and number, and the birth
+// where the file system has one, as the number of a file that is gone is soon given to another.
+// Times count in nanoseconds, as writers of logs are faster than a second.
 #include "loop/FileStatus.h"
 
 #include <dirent.h>
@@ -21,6 +24,7 @@ std::int64_t nanosecondsOf(const statx_timestamp& time) {
 
 }  // namespace
 
+// A link counts as what it leads to, and as nothing when it leads nowhere.
 FileStatus FileStatus::of(const std::string& path) {
   FileStatus status;
   struct statx found {};
@@ -40,6 +44,7 @@ FileStatus FileStatus::of(const std::string& path) {
   return status;
 }
 
+// One entry is enough: the lock is taken for the first, and given back before the call returns.
 void awaitChangesIn(const std::string& folder) {
   if (const Folder stream{opendir(folder.c_str()), closedir})
     static_cast<void>(readdir(stream.get()));

@@ -1,4 +1,11 @@
-// What the loop tells a watch of files, and the watches that it has with the system.
+// What the loop tells a watch of files, and the watches that it has with the system: one for the
+// folder, one for each part of the way down to it, and one for the target of each name that is a
+// symbolic link. Those on the way tell of a folder that is moved, which its own watch would follow
+// to its new place.
+//
+// Events are gathered as hints by name until the next look at the files: what is told to the
+// program comes from comparing files, and hints say where to look, and what a comparison cannot
+// show, such as a file that was changed and is gone.
 #include "loop/FileWatchState.h"
 
 #include <algorithm>
@@ -53,6 +60,7 @@ void VarnFileWatch::State::noteOf(std::string_view name, Note note) {
   }
 }
 
+// From here on all names are looked at, and none need be kept.
 void VarnFileWatch::State::noteLoss() {
   assert(LoopLock::isHeld());
   m_oWork.isLost = true;
@@ -62,6 +70,7 @@ void VarnFileWatch::State::noteLoss() {
 // A move within a folder is two events with one number. Others may come between them, but none of
 // the same folder.
 void VarnFileWatch::State::hearOfName(const inotify_event& event) {
+  assert(LoopLock::isHeld());
   const std::string_view name = event.len > 0 ? event.name : "";
   if (FindFileImplementation::IsPatternMatch(place.pattern.c_str(), name.data())) {
     noteOf(name, [&](FileHint& hint) {
@@ -118,11 +127,14 @@ bool VarnFileWatch::State::hearAllOf(const std::string& name, FileHint& hint) {
 }
 
 void VarnFileWatch::State::hearLoss() {
+  assert(LoopLock::isHeld());
   noteLoss();
   m_oWork.isRenewed = true;
   pend();
 }
 
+// A folder that is not there is looked for again, and one whose changes are not told is looked
+// through.
 void VarnFileWatch::State::onDeadline() {
   m_bRetrySet = false;
   (m_nFolder < 0 ? m_oWork.isRenewed : m_oWork.isForAll) = true;

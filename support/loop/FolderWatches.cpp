@@ -43,7 +43,9 @@ void FolderWatches::remove(int watch, FolderListener& listener) {
   removeUnused(watch);
 }
 
+// The number may be another file's from now on, which counts as a change.
 void FolderWatches::removeUnused(int watch) {
+  assert(LoopLock::isHeld() && watch >= 0);
   if (m_mapListeners.contains(watch))
     return;
   ++m_nChanges;

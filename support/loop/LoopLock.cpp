@@ -1,3 +1,6 @@
+// Who changes something that the loop's thread sleeps on notes the descriptor that wakes it, and
+// the last step of giving the lock back writes to that. However much is changed under one lock,
+// there is one wake-up, and the thread that is woken finds the lock free.
 #include "loop/LoopLock.h"
 
 #include <sys/eventfd.h>
@@ -11,7 +14,6 @@ constinit std::mutex LoopLock::m_oMutex;
 constinit int LoopLock::m_nToWake = -1;
 constinit bool LoopLock::m_bTaken = false;
 
-// The thread that is woken finds the lock free.
 void LoopLock::unlock() {
   assert(m_bHeld);
   const int toWake = std::exchange(m_nToWake, -1);

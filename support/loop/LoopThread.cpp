@@ -1,3 +1,6 @@
+// A thread of the loop may be ended by a function that it calls, with pthread_exit() or by a
+// cancellation. The loop needs it all the same, so the thread starts its successor while its stack
+// is being unwound.
 #include "loop/LoopThread.h"
 
 #include <system_error>

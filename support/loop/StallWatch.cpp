@@ -19,6 +19,7 @@
 
 namespace VarnSupport {
 
+// Workers are linked where they lie, on the stacks of their threads.
 StallWatch::Worker::Worker(StallWatch& watch) : m_oWatch(watch) {
   const LoopLock lock;
   m_pNext = watch.m_pWorkers;
@@ -53,6 +54,7 @@ void StallWatch::ensureRunning() {
 }
 
 void StallWatch::stop() {
+  assert(LoopLock::isHeld());
   m_bStopping = true;
   arm(monotonicNow());
 }
@@ -80,6 +82,7 @@ void StallWatch::disarmIfIdle() {
 
 // Sets the timer for the calls that are not stalled yet.
 std::vector<std::string> StallWatch::takeStalled() {
+  assert(LoopLock::isHeld());
   std::vector<std::string> stalled;
   const MonotonicTime now = monotonicNow();
   MonotonicTime next = MonotonicTime::max();
@@ -99,6 +102,7 @@ std::vector<std::string> StallWatch::takeStalled() {
   return stalled;
 }
 
+// Records are written without the lock, by this thread alone: the log may be what hangs.
 void StallWatch::run() {
   while (true) {
     std::uint64_t expiries = 0;

@@ -52,6 +52,7 @@ class Reader {
   }
 
  private:
+  // "--name=data" and "--name data"; data that may be left out is found behind the '=' alone.
   void readName(std::string_view text) {
     const std::size_t end = std::min(text.find('='), text.size());
     Option& option = named(text.substr(0, end));
@@ -85,6 +86,7 @@ class Reader {
     refuse(text);
   }
 
+  // A letter that takes data takes the rest of its element, or else the next one.
   void readLetters(std::string_view element) {
     for (std::string_view rest = element.substr(1); !rest.empty();) {
       const std::string shown{'-', rest[0]};
@@ -144,6 +146,8 @@ CommandLine readCommandLine(const OptionList& list, int argc, const char* const*
   return Reader(list, argc, argv).read(stopsAtArgument);
 }
 
+// Arguments that must be there come first to their share, then those that may be left out, in their
+// order, and what is left goes to the one that is repeated.
 void distribute(const std::vector<std::string_view>& found, std::deque<Argument>& arguments) {
   std::size_t needed = 0;
   std::size_t optional = 0;

@@ -1,4 +1,9 @@
-// The standard options are the first of the list, and the last for readers.
+// The standard options are the first of the list, and the last for readers. A program that declares
+// "--help" itself takes the place of the standard one; a letter of a standard option that a program
+// takes for another one is taken away from it.
+//
+// Options stay where they are in a deque, so that the indexes by name and by letter can point to
+// them.
 #include "options/OptionList.h"
 
 #include <algorithm>
@@ -23,6 +28,8 @@ bool isGraphic(char c) { return static_cast<unsigned char>(c) > ' ' && c != '\x7
 // What neither the rules of a command line nor those of a declaration give another meaning.
 bool isOfName(char c) { return isGraphic(c) && c != '=' && c != ',' && c != '['; }
 
+// Bytes of UTF-8 are no letters: a letter is one byte in a group such as "-xvf". A colon and a
+// semicolon have a meaning of their own to getopt().
 bool isLetter(char c) {
   return isOfName(c) && static_cast<unsigned char>(c) < 0x80 && c != '-' && c != ':' && c != ';';
 }
@@ -58,6 +65,8 @@ bool readData(std::string_view rest, std::string_view separator, Option& option)
   return isDataName(rest);
 }
 
+// "-c, --config=FILE", "-c FILE", "--config[=FILE]", "-q": the forms in which usage texts are
+// written.
 bool readNames(std::string_view rest, Option& option) {
   if (rest.size() > 1 && rest[0] == '-' && isLetter(rest[1])) {
     option.letter = rest[1];
@@ -192,6 +201,7 @@ const Declared* OptionList::byKey(const std::string& key) const {
   return argument != m_vArguments.end() ? &*argument : nullptr;
 }
 
+// Names that begin alike stand next to each other in the map.
 std::vector<Option*> OptionList::byBeginning(std::string_view beginning, std::size_t most) const {
   std::vector<Option*> found;
   for (auto entry = m_mapNames.lower_bound(beginning); entry != m_mapNames.end(); ++entry) {

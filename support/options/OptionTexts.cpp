@@ -1,8 +1,13 @@
 // Texts of the program go into the manual and the script as data: whatever is special to roff or to
 // the shell is escaped, and both see no control character but the line feeds of this source.
+//
+// The manual uses the macros of man(7) only, and the escapes that both groff and mandoc know. The
+// completion is a function for the `complete` of bash, without its helper package, which need not
+// be installed.
 #include "options/OptionTexts.h"
 
 #include <algorithm>
+#include <cassert>
 #include <string_view>
 
 #include "text/TextColumns.h"
@@ -43,6 +48,7 @@ struct Entry {
   const std::string& text;
 };
 
+// The texts begin in one column; names that reach into it have a line of their own.
 void putEntries(WrappedText& out, const std::vector<Entry>& entries, std::size_t column) {
   for (const Entry& entry : entries) {
     out.indent(2);
@@ -98,6 +104,7 @@ std::string roffEscaped(std::string_view text) {
 
 // In a font, without a place for a line to break.
 std::string roffIn(char font, std::string_view text) {
+  assert(font == 'B' || font == 'I');
   std::string escaped;
   for (const char c : text) {
     if (c == '-')
@@ -131,6 +138,7 @@ std::string shellQuoted(std::string_view text) {
   return quoted + '\'';
 }
 
+// Names of programs may have characters that a function's may not.
 std::string functionName(std::string_view program) {
   std::string name = "_";
   for (const char c : program) {
@@ -140,6 +148,8 @@ std::string functionName(std::string_view program) {
   return name + "_options";
 }
 
+// Offers options alone, and none behind "--" or for the data of an option: there the shell's own
+// completion of file names goes on.
 const char kScript[] = R"(() {
   local current=${COMP_WORDS[COMP_CWORD]} previous='' word quoted
   COMPREPLY=()
@@ -208,6 +218,7 @@ std::string usageText(const ProgramTexts& program, const OptionList& list) {
   return std::move(out.text());
 }
 
+// Only the two sections that are made of options: the rest of the page is its author's.
 std::string manualText(const ProgramTexts& program, const OptionList& list) {
   std::string text = ".SH SYNOPSIS\n" + roffIn('B', program.name);
   for (const Option* const option : list.inOrder()) {

@@ -1,3 +1,5 @@
+// All threads of the library begin here. They are detached, have their name before their first
+// step, and a place for their signal handlers where one is wanted (AlternateStack.h).
 #include "runtime/SystemThreads.h"
 
 #include <dirent.h>

@@ -1,6 +1,10 @@
 // The new contents get a file of a fixed name: under the lock of the folder nobody else has one,
 // and what a killed process has left there goes with the next replacement. Nothing between the lock
 // and the end of a replacement can be cancelled.
+//
+// The file is synchronized before it gets its name, and the folder after: so a machine that loses
+// its power has the old contents or the new ones. Owner and rights go over to the new file; a link
+// stays one, as the file behind it is replaced.
 #include "settings/FileReplacement.h"
 
 #include <fcntl.h>
@@ -125,7 +129,9 @@ void FileReplacement::replace(std::string_view contents) const {
     fail("is replaced, but its folder cannot be synchronized", error);
 }
 
+// Until it has the rights of the old file, the new one is its writer's alone.
 int FileReplacement::writeNewFile(std::string_view contents) const {
+  assert(m_bRead && NoCancellation::isInForce());
   unlink(m_sNewFile.c_str());
   const mode_t mode = m_bExists ? kModeMeanwhile : kModeOfNewFiles;
   const int descriptor = retrying([&] {

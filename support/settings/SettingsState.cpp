@@ -81,6 +81,8 @@ void VarnSettings::State::load() {
     faults.add({}, "", refusal);
 }
 
+// What text editors cannot show is refused rather than made a part of a value: a NUL, and a
+// carriage return that ends no line.
 void VarnSettings::State::addLine(std::size_t number, std::string_view line) {
   assert(number > 0 && line.find('\n') == line.npos);
   const SettingsPlace place{SettingsPlace::FILE, number};
@@ -152,6 +154,8 @@ std::vector<GivenValue> VarnSettings::State::given(const std::string& key) const
   return values;
 }
 
+// A key that is there twice is a fault at its second line, which tells where the first is; the
+// first counts.
 std::optional<GivenValue> VarnSettings::State::one(const std::string& key, const Reading& reading) {
   asked.insert(key);
   std::optional<GivenValue> value = chosen(key);
@@ -176,6 +180,7 @@ std::optional<GivenValue> VarnSettings::State::one(const std::string& key, const
   return value;
 }
 
+// Of a file that could not be read nobody knows what it lacks.
 void VarnSettings::State::missing(const std::string& key) {
   if (isWhole)
     faults.add({}, key, "is missing");
@@ -228,6 +233,8 @@ void VarnSettings::State::Expansion::addReference(std::string_view reference) {
   }
 }
 
+// The value stays as it is written where a reference is refused: the fault shows what its author
+// knows.
 bool VarnSettings::State::expand(GivenValue& value, const std::vector<std::string>* later) {
   Expansion expansion{*this, later};
   expansion.replaceIn(value.text);
@@ -259,6 +266,7 @@ void VarnSettings::State::addUselessLines(SettingsFaults& all) {
   }
 }
 
+// Tells apart what looks alike to the eye from what is merely misspelt.
 std::string VarnSettings::State::whyUseless(const std::string& key) const {
   if (key.starts_with(kByteOrderMark))
     return "begins with a byte order mark, which belongs to the key";

@@ -79,6 +79,7 @@ std::string Update::result() {
   return std::move(m_sResult);
 }
 
+// Whatever the line has beside its value stays: blanks, and its kind of end.
 void Update::add(std::string_view line) {
   const std::string_view body = withoutEnd(line);
   const PropertyLine<std::string> property(body, '=');
@@ -119,6 +120,7 @@ void Update::addRest(std::string_view name, Key& key) {
 
 }  // namespace
 
+// A value that no line can hold would come back as another one, or as two settings.
 void checkThatLinesHold(const PropertyValues& values) {
   for (const auto& [key, list] : values) {
     for (const std::string& value : list) {

@@ -64,6 +64,7 @@ std::optional<double> realNumberIn(std::string_view text) {
   return number && std::isfinite(*number) ? number : std::nullopt;
 }
 
+// Without regard to the case of ASCII letters.
 std::optional<bool> flagIn(std::string_view text) {
   std::string folded(text);
   std::transform(folded.begin(), folded.end(), folded.begin(), lower);
@@ -130,6 +131,7 @@ std::string durationText(long long milliseconds) {
   return text.empty() ? "0s" : text;
 }
 
+// In the largest unit of which it is a multiple, so that reading it gives the same number.
 std::string bytesText(long long bytes) {
   std::size_t power = 0;
   for (; bytes != 0 && bytes % 1024 == 0 && power < kSizes.size(); ++power)

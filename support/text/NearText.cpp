@@ -1,6 +1,7 @@
-// The distance is that of optimal string alignment: three rows of its table are kept, and only the
-// cells near the diagonal are looked at, as all others are above the limit. Its cost is the length
-// times the limit.
+// The distance is that of optimal string alignment: the number of characters that are put in, taken
+// out, replaced or swapped with their neighbour, each place being changed once. Three rows of its
+// table are kept, and only the cells near the diagonal are looked at, as all others are above the
+// limit. Its cost is the length times the limit.
 #include "text/NearText.h"
 
 #include <algorithm>
@@ -59,6 +60,8 @@ std::size_t distanceOf(std::string_view a, std::string_view b, std::size_t most)
   return rows[a.size() % 3][b.size()];
 }
 
+// A third of the longer name may differ. Each name must be nearer than the nearest so far, so the
+// limit shrinks from name to name.
 bool NearText::isNearer(std::string_view name) {
   const std::size_t allowed = std::min((std::max(name.size(), m_sText.size()) + 1) / 3, kMost);
   const std::size_t wanted = std::min(allowed + 1, m_nNearest);

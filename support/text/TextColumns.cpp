@@ -81,6 +81,7 @@ std::size_t columnsOf(std::string_view text) {
   return columns;
 }
 
+// Independent of the locale: what is thrown before a program has set one keeps its characters.
 std::wstring wideText(std::string_view text) {
   std::wstring wide;
   while (!text.empty()) {
@@ -158,6 +159,7 @@ void WrappedText::putWord(std::string_view word, bool afterBlank) {
   }
 }
 
+// Runs of blanks become one, and line feeds of the text stay.
 void WrappedText::wrap(std::string_view text) {
   bool afterBlank = true;
   while (!text.empty()) {

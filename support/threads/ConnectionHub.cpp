@@ -1,3 +1,8 @@
+// A hub is one dependent of its source for all connections to it: a source knows dependents, and
+// functions stand behind the hub in the order of their numbers. A delivery looks for the next
+// number again after each call, as any call may add and remove connections; what is added meanwhile
+// is for the next delivery.
+//
 // A connection's calls are counted under the hub's mutex, with those among them whose threads wait
 // in disconnect(): these wait for the others, and nobody for these. Which calls are its own a
 // thread finds in its scopes. The function is gone before disconnect() returns, unless that is
@@ -106,6 +111,7 @@ class ConnectionHub::Call : public ThreadScopeOf<Call> {
       count += call->m_oUse.connection() == &connection ? 1 : 0;
     return count;
   }
+  // In the child of a fork that was made inside of a call, which goes on there.
   static void countAgain() {
     for (const Call* call = innermost(); call != nullptr; call = call->outer()) {
       call->m_oUse.connection()->forgetLost();
@@ -127,6 +133,8 @@ std::shared_ptr<ConnectionHub> ConnectionHub::of(VarnCollaborator& source) {
   return made;
 }
 
+// The source is in its destructor. Connections are dropped without the mutex, as what a function
+// holds may have a destructor that comes back here.
 void ConnectionHub::leaveSource() {
   const QuietCancellationGuard closed;
   const std::shared_ptr<ConnectionHub> kept = std::move(m_pOwn);
@@ -161,6 +169,8 @@ void ConnectionHub::add(const std::shared_ptr<Connection>& connection) {
   connection->number = ++m_nNewest;
 }
 
+// The exit cannot wait for ever for a function that hangs. A wait for changes has no time limit, so
+// from then on the count is looked at now and then.
 void ConnectionHub::remove(Connection& connection) {
   const int own = Call::countHere(connection);
   std::shared_ptr<Connection> kept;

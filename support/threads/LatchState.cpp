@@ -86,6 +86,9 @@ bool awaitLatch(LatchState& latch, MonotonicTime deadline) {
   return ticket.isOver() || latch.sleepSince(ticket.number(), limitOf(deadline));
 }
 
+// The watch is entered after a first look, and the latches are looked at once more behind it: what
+// is set in between is not missed, and who finds a latch set pays for no list. A last look after
+// the deadline is what tells, so that a wait of no time sees what is set.
 std::optional<std::size_t> awaitLatches(std::span<const LatchTicket> tickets, bool all,
                                         MonotonicTime deadline) {
   EventState changed;
@@ -106,6 +109,7 @@ std::optional<std::size_t> awaitLatches(std::span<const LatchTicket> tickets, bo
   }
 }
 
+// A stop that is requested ends the sleep; the caller finds out itself which of the two it was.
 void awaitChange(EventState& event, std::uint32_t ticket, MonotonicTime deadline) {
   LatchState* const stop = StopScope::find();
   if (stop == nullptr) {

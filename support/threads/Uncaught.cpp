@@ -1,3 +1,6 @@
+// Where the last exception of a function goes that the library has called on a thread of its own:
+// into a record, and to the handler of the program. Texts are asked for only when there is a reader
+// for them.
 #include "threads/Uncaught.h"
 
 #include <atomic>

@@ -1,4 +1,5 @@
-// A set is a map from keys to the list of their values, which is never empty, under one lock. What
+// A set is a map from keys to the list of their values, which is never empty, under one lock. A set
+// that is looked up often has an index of its keys besides (PropertyIndex.h). What
 // a caller gives or gets is copied under that lock; logging, reading and writing files happen
 // outside of it, so that a slow disk holds nobody up. A file is read in blocks of lines: other
 // threads see a load that is under way block by block, as if each line had been added by itself.
@@ -17,6 +18,7 @@
 #include "log/OwnRecords.h"
 #include "runtime/Cancellation.h"
 #include "text/PropertyFile.h"
+#include "text/PropertyIndex.h"
 #include "text/PropertyLine.h"
 #include "text/ReferenceExpansion.h"
 
@@ -35,6 +37,9 @@ void logFile(const char* step, const std::string& fileName) {
       std::string("VarnProperties<StringType>::") + operation + ": couldn't open file " + fileName,
       0);
 }
+
+template <typename StringType>
+using IndexOf = PropertyIndex<StringType, std::pair<const StringType, std::vector<StringType>>>;
 
 // The global level is exactly the trace level.
 bool isTracing() {
@@ -70,6 +75,7 @@ VarnProperties<StringType>& VarnProperties<StringType>::operator=(const VarnProp
   const VarnCriticalSection second(lockedFirst ? source.m_oLock : m_oLock);
   properties = source.m_mapProperties;
   properties.swap(m_mapProperties);
+  IndexOf<StringType>(m_sIndex).clear();
   m_bMultiValued = source.m_bMultiValued;
   return *this;
 }
@@ -118,8 +124,8 @@ template <typename StringType>
 std::vector<StringType> VarnProperties<StringType>::getPropertyValues(const StringType& key) const {
   const CancellationGuard closed;
   const BriefHold hold(m_oLock);
-  const auto found = m_mapProperties.find(key);
-  return found != m_mapProperties.end() ? found->second : std::vector<StringType>();
+  const auto* const found = findLocked(key);
+  return found != nullptr ? found->second : std::vector<StringType>();
 }
 
 template <typename StringType>
@@ -181,7 +187,12 @@ template <typename StringType>
 void VarnProperties<StringType>::removeProperty(const StringType& key) {
   const CancellationGuard closed;
   const BriefHold hold(m_oLock);
-  m_mapProperties.erase(key);
+  const auto found = m_mapProperties.find(key);
+  if (found == m_mapProperties.end())
+    return;
+  if (IndexOf<StringType> index(m_sIndex); index.exists())
+    index.remove(key);
+  m_mapProperties.erase(found);
 }
 
 // The walk is over a copy: the iterator may change the set.
@@ -273,10 +284,20 @@ bool VarnProperties<StringType>::savePropertiesImpl(const std::string& fileName)
 }
 
 template <typename StringType>
-const StringType* VarnProperties<StringType>::firstValueLocked(const StringType& key) const {
+auto VarnProperties<StringType>::findLocked(const StringType& key) const
+    -> const std::pair<const StringType, std::vector<StringType>>* {
+  IndexOf<StringType> index(m_sIndex);
+  if (index.exists() || index.isMadeBy(m_mapProperties))
+    return index.find(key);
   const auto found = m_mapProperties.find(key);
-  assert(found == m_mapProperties.end() || !found->second.empty());
-  return found != m_mapProperties.end() ? &found->second.front() : nullptr;
+  return found != m_mapProperties.end() ? &*found : nullptr;
+}
+
+template <typename StringType>
+const StringType* VarnProperties<StringType>::firstValueLocked(const StringType& key) const {
+  const auto* const found = findLocked(key);
+  assert(found == nullptr || !found->second.empty());
+  return found != nullptr ? &found->second.front() : nullptr;
 }
 
 // Keys often come in order: the end is tried before the search.
@@ -290,7 +311,9 @@ void VarnProperties<StringType>::addLocked(const StringType& key, tView value) {
   if (place == m_mapProperties.end() || less(key, place->first)) {
     std::vector<StringType> values;
     values.emplace_back(value.data(), value.size());
-    m_mapProperties.emplace_hint(place, key, std::move(values));
+    place = m_mapProperties.emplace_hint(place, key, std::move(values));
+    if (IndexOf<StringType> index(m_sIndex); index.exists())
+      index.add(*place, m_mapProperties.size());
   } else if (m_bMultiValued) {
     place->second.emplace_back(value.data(), value.size());
   } else {

@@ -1,5 +1,7 @@
 #include <pthread.h>
 
+#include <random>
+
 #include "TestTools.h"
 #include "VarnSupport/VarnObjectBase.h"
 #include "VarnSupport/VarnProperties.h"
@@ -128,6 +130,43 @@ struct Eraser : VarnPropertyIterator<StringType> {
   VarnProperties<StringType> properties;
   std::string seen;
 };
+
+// Many look-ups among many keys, some of which differ only by a bit that tells cases apart.
+TYPED_TEST(Properties, AnswersLikeAMapThroughManyRandomChanges) {
+  for (const unsigned alike : {0U, 64U}) {
+    std::vector<TypeParam> keys;
+    for (unsigned i = 0; i < 400; ++i)
+      keys.push_back(text<TypeParam>((i % 2 != 0 ? "key" : "KEY") + std::to_string(i / 3)));
+    for (unsigned i = 0; i < alike; ++i) {
+      std::string key;
+      for (unsigned bit = 0; bit < 6; ++bit)
+        key += (i >> bit & 1U) != 0 ? '@' : '`';
+      keys.push_back(text<TypeParam>(key));
+    }
+    VarnProperties<TypeParam> properties;
+    typename VarnProperties<TypeParam>::tProperties model;
+    std::mt19937 random(alike);
+    for (int step = 0; step < 30000; ++step) {
+      const TypeParam& key = keys[random() % keys.size()];
+      const TypeParam value = text<TypeParam>(std::to_string(step));
+      const auto choice = random() % 1000;
+      if (choice < 60) {
+        properties.addProperty(key, value);
+        model[key].push_back(value);
+      } else if (choice < 100) {
+        properties.removeProperty(key);
+        model.erase(key);
+      } else if (choice == 100) {
+        properties = VarnProperties<TypeParam>(properties);
+      } else {
+        const auto found = model.find(key);
+        ASSERT_EQ(found != model.end() ? found->second : std::vector<TypeParam>(),
+                  properties.getPropertyValues(key));
+      }
+    }
+    EXPECT_EQ(model, properties.getProperties());
+  }
+}
 
 TYPED_TEST(Properties, AWalkVisitsInKeyOrderAndMayChangeTheSet) {
   Eraser<TypeParam> eraser;

@@ -150,6 +150,8 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
  private:
   using tView = std::basic_string_view<CharT>;
 
+  const std::pair<const StringType, std::vector<StringType>>* findLocked(
+      const StringType& key) const VSUPT_REQUIRES(m_oLock);
   const StringType* firstValueLocked(const StringType& key) const VSUPT_REQUIRES(m_oLock);
   void addLocked(const StringType& key, tView value) VSUPT_REQUIRES(m_oLock);
   void addLines(const std::vector<tView>& lines, CharT separator);
@@ -158,7 +160,8 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
   mutable VarnCriticalSectionObject m_oLock;
   tProperties m_mapProperties VSUPT_GUARDED_BY(m_oLock);
   bool m_bMultiValued VSUPT_GUARDED_BY(m_oLock);
-  StringType m_sText;  // reserved, always empty
+  // The index of the keys, as bytes; programs that were built with 1.0 construct an empty text.
+  mutable StringType m_sIndex VSUPT_GUARDED_BY(m_oLock);
 };
 
 extern template class VarnPropertyIterator<std::string>;

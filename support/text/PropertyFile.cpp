@@ -23,7 +23,7 @@ namespace VarnSupport {
 namespace {
 
 constexpr std::size_t kSmallestBlock = 4096;
-constexpr std::size_t kLargestBlock = 4194304;
+constexpr std::size_t kLargestBlock = 524288;
 constexpr std::size_t kBytesConvertedAtOnce = 65536;
 constexpr mode_t kFileMode = 0644;  // not wider, as the mask of a daemon is 0
 

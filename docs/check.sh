@@ -52,6 +52,15 @@ done
   faults=1
 }
 
+# The manual page names every header that is a family's.
+for file in include/VarnSupport/*.h; do
+  name=${file##*/}
+  [ "$name" = VarnExport.h ] || grep -qw "$name" docs/man/vsupt.7 || {
+    echo "$name: not in docs/man/vsupt.7"
+    faults=1
+  }
+done
+
 while IFS= read -r file; do
   while IFS= read -r link; do
     [[ $link != *:* ]] || continue

@@ -186,9 +186,14 @@ void VarnCommand::setVariable(const std::string& name, const std::string& value)
   m_pState->settings.variables[name] = value;
 }
 
+void VarnCommand::unsetVariable(const std::string& name) {
+  const CancellationGuard closed;
+  m_pState->settings.variables[name].reset();
+}
+
 void VarnCommand::setEnvironment(const std::map<std::string, std::string>& environment) {
   const CancellationGuard closed;
-  m_pState->settings.variables = environment;
+  m_pState->settings.variables = {environment.begin(), environment.end()};
   m_pState->settings.inheritsEnvironment = false;
 }
 

@@ -74,6 +74,10 @@ void VarnLogFile::writeLine(std::string_view line) { State::of(*this).writeAlone
 
 std::uint64_t VarnLogFile::lostRecords() const { return State::of(*this).file->lostCount(); }
 
+void VarnLogFile::setForm(std::string (*form)(const VarnLogEntry& entry)) {
+  State::of(*this).file->setForm(form);
+}
+
 std::string VarnLogFile::lastError() const { return State::of(*this).file->lastError(); }
 
 }  // namespace VarnSupport

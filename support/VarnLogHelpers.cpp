@@ -114,4 +114,10 @@ bool VarnApplyLogLevels(const std::string& levels, std::string& error) {
   return fault.empty();
 }
 
+bool VarnCheckLogLevels(const std::string& levels, std::string& error) {
+  const CancellationGuard closed;
+  error = LevelReader().read(levels);
+  return error.empty();
+}
+
 }  // namespace VarnSupport

@@ -101,7 +101,11 @@ bool VarnService::start(const std::string& arguments, bool daemonize) {
   return daemonize ? startDaemon(arguments) : startHere(arguments);
 }
 
+// Some starters ignore SIGCHLD, and hand that on: nobody could learn how a program has ended.
 bool VarnService::startHere(const std::string& arguments) {
+  struct sigaction action {};
+  if (sigaction(SIGCHLD, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
+    signal(SIGCHLD, SIG_DFL);
   if (!runStartHook(arguments))
     return false;
   beginRunning();

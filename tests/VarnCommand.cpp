@@ -165,6 +165,8 @@ TEST(VarnCommand, GivesTheProgramWhatItIsTold) {
   command.setVariable("VSUPT_NEW", "new");
   command.setErrors(VarnCommand::WITH_OUTPUT);
   EXPECT_EQ("kept new\nsecond\nthird\n", command.run().getOutput());
+  command.unsetVariable("VSUPT_KEPT");
+  EXPECT_EQ("new\nsecond\nthird\n", command.run().getOutput());
   command.setOutput(VarnCommand::DROPPED);
   EXPECT_EQ("", command.run().getOutput());
 }

@@ -83,6 +83,10 @@ void spoilHeap() {
   delete[] block;
 }
 
+void throwElsewhere() {
+  std::thread([] { throw VarnException("odd", 1); }).join();
+}
+
 void onSmallStack(void* (*routine)(void*)) {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
@@ -120,8 +124,9 @@ TEST(VarnCrashReport, TellsOfEachCrashAndKeepsTheExitStatus) {
       {"abort", [] { std::abort(); }, -SIGABRT, "^crash: SIGABRT \\(6\\), code -6, sent by"},
       {"sent", [] { raise(SIGBUS); }, -SIGBUS, "^crash: SIGBUS \\(7\\), code -6"},
       {"arithmetic", [] { raise(SIGFPE); }, -SIGFPE, "^crash: SIGFPE \\(8\\), code -6"},
-      {"exception", [] { std::thread([] { throw VarnException("odd", 1); }).join(); }, -SIGABRT,
+      {"exception", throwElsewhere, -SIGABRT,
        "^crash: uncaught exception of type N11VarnSupport13VarnExceptionE\n"},
+      {"exception's text", throwElsewhere, -SIGABRT, "\nwhat: odd\n"},
       {"terminate", [] { std::terminate(); }, -SIGABRT, "^crash: std::terminate\\(\\)\n"},
       {"no stack left", [] { recurse(0); }, kSegv, "^crash: SIGSEGV \\(11\\), code [12],"},
       {"no stack left in a VarnThread", [] { inTask([] { recurse(0); }); }, kSegv,

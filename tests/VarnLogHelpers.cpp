@@ -113,7 +113,10 @@ TEST(VarnApplyLogLevels, FaultsChangeNothingAndAreNamed) {
                                        {"net=1, net=2", "\"net=2\": there is a level before"}}) {
     EXPECT_FALSE(VarnApplyLogLevels(levels, error));
     EXPECT_EQ(reason, error);
+    EXPECT_FALSE(VarnCheckLogLevels(levels, error));
+    EXPECT_EQ(reason, error);
   }
+  EXPECT_TRUE(VarnCheckLogLevels("5,net=9", error));
   EXPECT_EQ(3, log.log().getLogLevel());
   EXPECT_EQ(2, log.log().getLogLevel("db"));
 }

@@ -186,3 +186,16 @@ TEST(VarnJsonLog, EachLineIsValidWhateverTheRecordHolds) {
                            R"("component":"","thread":"[^"]*","tid":\d+,"text":"failure"\})")))
       << lines[1];
 }
+
+TEST(VarnJsonLog, WhatWasLostIsToldAsAnObject) {
+  const TempFolder folder;
+  const FileLog log(5);
+  VarnJsonLog json(folder / "app.json", 5, VarnLogFile::Background{1000});
+  while (json.file().lostRecords() == 0)
+    VarnLogRecord(5) << std::string(300, 'y');
+  json.file().flush();
+  const Lines lines = linesOf(folder / "app.json");
+  for (const std::string& line : lines)
+    EXPECT_TRUE(line.starts_with("{\"time\":")) << line;
+  EXPECT_TRUE(contains(lines.back(), " records lost\"}"));
+}

@@ -7,6 +7,7 @@
 
 #include "LibraryTools.h"
 #include "VarnSupport/VarnDescriptorEvent.h"
+#include "VarnSupport/VarnLatchedEvent.h"
 #include "loop/DeadlineHeap.h"
 
 using namespace std::chrono_literals;
@@ -221,6 +222,23 @@ TEST(VarnMonotonicTimer, WhatAFunctionThrowsIsLoggedAndWhatItBlocksIsTold) {
       1ms, [&] { isTold = eventually([&] { return isLogged("for more than a second"); }); });
   blocker.startOnce();
   EXPECT_TRUE(eventually([&] { return isTold.load(); }));
+}
+
+TEST(VarnMonotonicTimer, WhatBlocksAPoolIsToldOnceOthersWait) {
+  const FileLog log(1);
+  const auto isTold = [&] { return contains(contentsOf(log.file()), "for more than a second"); };
+  VarnLatchedEvent isToEnd;
+  VarnCallbackPool pool(1);
+  VarnMonotonicTimer blocker(
+      1ms, [&] { isToEnd.wait(); }, &pool);
+  VarnMonotonicTimer other(
+      1ms, [] {}, &pool);
+  blocker.startOnce();
+  std::this_thread::sleep_for(1500ms);
+  EXPECT_FALSE(isTold());
+  other.startOnce();
+  EXPECT_TRUE(eventually(isTold));
+  isToEnd.set();
 }
 
 TEST(VarnMonotonicTimer, AFunctionThatEndsItsThreadLeavesTheOthersGoing) {

@@ -100,7 +100,6 @@ TEST_F(VarnUpdatePropertyFile, WhatCannotBeWrittenIsRefusedAndChangesNothing) {
 TEST_F(VarnUpdatePropertyFile, ADiskThatIsFullLeavesTheOldFile) {
   writeFile(m_sFile, "a=1\n");
   EXPECT_EQ(0, runInBareChild([&] {
-              signal(SIGXFSZ, SIG_IGN);
               const rlimit limit{100, 100};
               setrlimit(RLIMIT_FSIZE, &limit);
               return refusalOf(setOf({{"a", std::string(200, 'x')}})) ==

@@ -9,6 +9,11 @@
 // Calls of one object never overlap; those of different objects do, but for a pool of one thread:
 // what only its functions use needs no lock. Safe from any thread.
 //
+// Who has the pool outlives none of its objects: the pool is made before them, and destroyed behind
+// them. A function that is to run on the pool once is that of a VarnMonotonicTimer, by
+// startOnce(0ms). One that takes more than a second is told in the log, at level 1, while others
+// wait for a thread.
+//
 // In the child of a fork a pool has no threads, until an object is started with it there.
 #ifndef VARNSUPPORT_VARNCALLBACKPOOL_H
 #define VARNSUPPORT_VARNCALLBACKPOOL_H
@@ -26,7 +31,7 @@ class VSUPT_EXPORT VarnCallbackPool {
   VarnCallbackPool(const VarnCallbackPool&) = delete;
   VarnCallbackPool& operator=(const VarnCallbackPool&) = delete;
   // Waits for the calls that are under way, but for one that it is called from. Those that have not
-  // begun are left out: objects that still have the pool are called no more.
+  // begun are left out: an object that still has the pool, by mistake, is called no more.
   ~VarnCallbackPool();
 
   // Of the library itself.

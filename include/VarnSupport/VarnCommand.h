@@ -126,7 +126,10 @@ class VSUPT_EXPORT VarnCommand {
 
   // One variable of the environment, beside or instead of the caller's.
   void setVariable(const std::string& name, const std::string& value);
-  // The whole environment.
+  // A variable that the program is not to see, as NOTIFY_SOCKET and WATCHDOG_PID, by which it would
+  // speak to the service manager in the caller's place.
+  void unsetVariable(const std::string& name);
+  // The whole environment; what was set and unset before is forgotten.
   void setEnvironment(const std::map<std::string, std::string>& environment);
   // The working folder. Relative paths of the program, and in PATH, begin there.
   void setFolder(const std::string& path);
@@ -155,7 +158,8 @@ class VSUPT_EXPORT VarnCommand {
   // refuses the thread, which ends when there has been nothing to do for a second.
   void start(Done done = Done());
 
-  // Ends the program as the time limit does, without waiting. Does nothing when it is not running.
+  // Ends the program as the time limit does, without waiting. Does nothing when it is not running,
+  // also where run() or start() is about to be called: who wants no more runs says so elsewhere.
   void kill();
   // Waits for the end of the program, and for the return of `done`, unless that is the caller.
   // Returns the result of the latest run.

@@ -25,6 +25,8 @@
 
 namespace VarnSupport {
 
+struct VarnLogEntry;
+
 // Where there is no name, the records go to standard error. When that is the journal of systemd,
 // which says so in JOURNAL_STREAM, each line begins with the priority that belongs to its level:
 // <3> for 1, <4> to 4, <5> for 5, <6> to 8 and for 0, <7> for 9.
@@ -74,6 +76,12 @@ class VSUPT_EXPORT VarnLogFile : public VarnLogging {
   std::uint64_t lostRecords() const;
   // The last failure, "/var/log/app.log: No space left on device"; empty without one.
   std::string lastError() const;
+
+ private:
+  friend class VarnJsonLog;
+
+  // Has what the file itself tells of written by that function, as a record of level 1 is.
+  void setForm(std::string (*form)(const VarnLogEntry& entry));
 };
 
 }  // namespace VarnSupport

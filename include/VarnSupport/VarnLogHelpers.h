@@ -28,6 +28,9 @@ VSUPT_EXPORT std::string VarnEscaped(std::string_view text);
 // level is no number from -1 to 9, a component is named twice or has no name, there is nothing at
 // all, or there is no log; nothing has changed then.
 VSUPT_EXPORT bool VarnApplyLogLevels(const std::string& levels, std::string& error);
+// Whether the text is one that VarnApplyLogLevels() takes where there is a log; else the reason is
+// in `error`. For a look at a configuration that is not to be in force yet.
+VSUPT_EXPORT bool VarnCheckLogLevels(const std::string& levels, std::string& error);
 
 // Lets a record pass once in an interval; for a call site that may flood the log.
 //

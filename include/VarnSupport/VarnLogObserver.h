@@ -66,9 +66,13 @@ class VSUPT_EXPORT VarnJsonLog {
   // As a VarnLogFile has them; the level is that of the records. With a Background, one of level 1
   // waits for its line to be written.
   VarnJsonLog(const std::string& name, int level)
-      : m_oFile(name, 0), m_oObserver(level, written()) {}
+      : m_oFile(name, 0), m_oObserver(level, written()) {
+    m_oFile.setForm(toJson);
+  }
   VarnJsonLog(const std::string& name, int level, VarnLogFile::Background background)
-      : m_oFile(name, 0, background), m_oObserver(level, written()) {}
+      : m_oFile(name, 0, background), m_oObserver(level, written()) {
+    m_oFile.setForm(toJson);
+  }
   VarnJsonLog(const VarnJsonLog&) = delete;
   VarnJsonLog& operator=(const VarnJsonLog&) = delete;
 

@@ -130,8 +130,9 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
   // No lock is held meanwhile.
   void forEach(VarnPropertyIterator<StringType>& iterator);
 
-  // Adds the properties of a file. Returns true; throws VarnException when it cannot be opened,
-  // with the set unchanged. A read that fails later ends the file.
+  // Adds the properties of a file, whose name is logged at level 5. Returns true; throws
+  // VarnException when it cannot be opened, with the set unchanged. A read that fails later ends
+  // the file.
   bool loadProperties(const std::string& fileName, CharT separator);
   // False when the file cannot be opened.
   bool loadPropertiesImpl(const std::string& fileName, CharT separator);
@@ -150,7 +151,7 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
  private:
   using tView = std::basic_string_view<CharT>;
 
-  const std::pair<const StringType, std::vector<StringType>>* findLocked(
+  VSUPT_LOCAL const std::pair<const StringType, std::vector<StringType>>* findLocked(
       const StringType& key) const VSUPT_REQUIRES(m_oLock);
   const StringType* firstValueLocked(const StringType& key) const VSUPT_REQUIRES(m_oLock);
   void addLocked(const StringType& key, tView value) VSUPT_REQUIRES(m_oLock);

@@ -10,6 +10,9 @@
 // until then a getter whose setting is missing or wrong returns its preset or, without one, the
 // empty text, the value of the range that is nearest to 0, or a pattern that never matches.
 //
+// There are no sections: what belongs together has a name in front, as in "job.backup.command", and
+// groups("job.") lists such names.
+//
 // The file is read once, at construction, and is as VarnProperties reads it with '=', but for: a
 // carriage return at the end of a line is no part of it, and lines of blanks are none. A file that
 // cannot be read, is not regular or is larger than 16 MiB is a fault, and so is a line with a NUL,
@@ -109,6 +112,7 @@ class VSUPT_EXPORT VarnSettings {
   // Whether anything has the setting.
   bool has(const std::string& key);
 
+  // May be empty.
   std::string text(const std::string& key) { return readText(key, nullptr, {}); }
   // References to the names in `later` stay, for VarnReplaceReferences().
   std::string text(const std::string& key, const std::string& preset,

@@ -111,9 +111,11 @@ std::vector<std::string> environmentOf(const CommandSettings& settings) {
       environment.emplace_back(text);
   }
   for (const auto& [name, value] : settings.variables) {
-    if (name.empty() || name.find('=') != std::string::npos || hasNul(name) || hasNul(value))
+    if (name.empty() || name.find('=') != std::string::npos || hasNul(name) ||
+        (value && hasNul(*value)))
       throw Failure{EINVAL, "environment"};
-    environment.push_back(std::string(name).append(1, '=').append(value));
+    if (value)
+      environment.push_back(std::string(name).append(1, '=').append(*value));
   }
   return environment;
 }

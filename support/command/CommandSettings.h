@@ -21,7 +21,7 @@ struct CommandSettings {
 
   std::vector<std::string> arguments;
   bool inheritsEnvironment = true;
-  std::map<std::string, std::string> variables;
+  std::map<std::string, std::optional<std::string>> variables;  // nothing for what is unset
   std::optional<std::string> folder;
   bool inheritsInput = false;
   std::string input;

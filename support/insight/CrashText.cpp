@@ -17,6 +17,7 @@
 #include <exception>
 #include <typeinfo>
 
+#include "VarnSupport/VarnException.h"
 #include "insight/PlainText.h"
 #include "insight/RecordRing.h"
 #include "insight/StackTrace.h"
@@ -106,6 +107,8 @@ void putWhat(PlainText& text) {
     throw;
   } catch (const std::exception& exception) {
     text << "what: " << exception.what() << "\n";
+  } catch (const VarnException& exception) {
+    text << "what: " << exception.getText() << "\n";
   } catch (...) {
   }
 }

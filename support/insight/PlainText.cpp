@@ -101,32 +101,18 @@ PlainText& PlainText::operator<<(UtcTime time) {
   return *this;
 }
 
-// SIGPIPE is blocked for the calling thread alone. One that a write of ours raised stays pending
-// for this thread and is taken back; one that was pending before is not ours to take.
-DescriptorOutput::DescriptorOutput(int descriptor) : m_nDescriptor(descriptor) {
-  sigemptyset(&m_oPipeSignal);
-  sigaddset(&m_oPipeSignal, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &m_oPipeSignal, &m_oPreviousMask);
-  sigset_t pending;
-  m_bPending = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
-}
-
-DescriptorOutput::~DescriptorOutput() {
-  const timespec now{};
-  if (!m_bPending)
-    sigtimedwait(&m_oPipeSignal, nullptr, &now);
-  pthread_sigmask(SIG_SETMASK, &m_oPreviousMask, nullptr);
-}
-
 // Waits before each write, as a descriptor that blocks would keep the whole report from going on.
 bool DescriptorOutput::put(void* output, const char* bytes, std::size_t count) {
-  const int descriptor = static_cast<DescriptorOutput*>(output)->m_nDescriptor;
+  const auto* const self = static_cast<DescriptorOutput*>(output);
+  const int descriptor = self->m_nDescriptor;
   while (count > 0) {
     if (!becomesReady(descriptor))
       return false;
     const ssize_t written = retrying([&] { return write(descriptor, bytes, count); });
-    if (written < 0 && errno != EAGAIN)
+    if (written < 0 && errno != EAGAIN) {
+      self->m_oQuiet.take(errno);
       return false;
+    }
     bytes += std::max<ssize_t>(written, 0);
     count -= static_cast<std::size_t>(std::max<ssize_t>(written, 0));
   }

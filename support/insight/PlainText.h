@@ -6,12 +6,12 @@
 
 #include <array>
 #include <concepts>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
 #include "runtime/Descriptor.h"
+#include "runtime/WithoutWriteSignals.h"
 
 namespace VarnSupport {
 
@@ -77,19 +77,14 @@ class PlainText {
 // nobody reads does not end the process.
 class DescriptorOutput {
  public:
-  explicit DescriptorOutput(int descriptor);
-  DescriptorOutput(const DescriptorOutput&) = delete;
-  DescriptorOutput& operator=(const DescriptorOutput&) = delete;
-  ~DescriptorOutput();
+  explicit DescriptorOutput(int descriptor) : m_nDescriptor(descriptor) {}
 
   // The sink.
   static bool put(void* output, const char* bytes, std::size_t count);
 
  private:
   const int m_nDescriptor;
-  sigset_t m_oPipeSignal{};
-  sigset_t m_oPreviousMask{};
-  bool m_bPending;  // before
+  const WithoutWriteSignals m_oQuiet;
 };
 
 // The path of a file of /proc/self: the folder, a number, the rest.

@@ -277,12 +277,9 @@ std::size_t LogFile::writeSome(const std::string_view* records, std::size_t coun
 bool LogFile::tellOfLost() {
   assert(m_nUntold > 0);
   try {
-    RecordText text;
-    text.append(std::to_string(m_nUntold) + " records lost");
-    m_oHeader.putBefore(text, kFailures, "Global");
-    text.append(std::string_view("\n"));
+    const std::string line = lineOf(std::to_string(m_nUntold) + " records lost");
     std::string place;
-    const std::string_view record = withPriority(text.text().substr(1), kFailures, place);
+    const std::string_view record = withPriority(line, kFailures, place);
     if (writeSome(&record, 1) == 0)
       return false;
     m_nUntold = 0;
@@ -290,6 +287,18 @@ bool LogFile::tellOfLost() {
   } catch (const std::bad_alloc&) {
     return false;
   }
+}
+
+std::string LogFile::lineOf(const std::string& text) {
+  if (const Form form = m_pForm) {
+    const std::string name = nameOfThread();
+    return form({std::chrono::system_clock::now(), kFailures, {}, text, name, gettid()}) + '\n';
+  }
+  RecordText record;
+  record.append(text);
+  m_oHeader.putBefore(record, kFailures, "Global");
+  record.append(std::string_view("\n"));
+  return std::string(record.text().substr(1));
 }
 
 // The journal takes each line for a record of its own.

@@ -23,6 +23,7 @@
 #include <string>
 #include <string_view>
 
+#include "VarnSupport/VarnLogObserver.h"
 #include "log/LogHeader.h"
 #include "log/LogTurns.h"
 #include "log/RecordBlock.h"
@@ -58,6 +59,10 @@ class LogFile : public std::enable_shared_from_this<LogFile> {
   // In the child of a fork: the records that wait are the parent's.
   void renew();
 
+  // How the file's own records are written, in place of the form of all logs.
+  using Form = std::string (*)(const VarnLogEntry& entry);
+  void setForm(Form form) { m_pForm = form; }
+
   const std::string& name() const { return m_sName; }
   std::uint64_t lostCount() const { return m_nLost; }
   std::string lastError() const;
@@ -81,6 +86,7 @@ class LogFile : public std::enable_shared_from_this<LogFile> {
   void write(const std::string_view* records, std::size_t count);
   std::size_t writeSome(const std::string_view* records, std::size_t count);
   bool tellOfLost();
+  std::string lineOf(const std::string& text);
   std::string_view withPriority(std::string_view record, int level, std::string& place) const;
 
   LogTurns& m_oTurns;
@@ -88,6 +94,7 @@ class LogFile : public std::enable_shared_from_this<LogFile> {
   const std::unique_ptr<Queue> m_pQueue;  // guarded by the mutex, but for the block of the turn
   std::atomic<std::uint64_t> m_nLost{0};
   std::atomic<int> m_nError{0};  // of the last failure; kNotForRecords, or an errno
+  std::atomic<Form> m_pForm{nullptr};
   std::atomic<bool> m_bJournal{false};
   std::atomic<bool> m_bAbandoned{false};
   std::string m_sRecord;  // with priorities; guarded by the record lock

@@ -15,12 +15,12 @@
 #include <atomic>
 #include <cassert>
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
 #include <optional>
 
 #include "runtime/Descriptor.h"
 #include "runtime/System.h"
+#include "runtime/WithoutWriteSignals.h"
 
 namespace VarnSupport {
 
@@ -38,44 +38,6 @@ bool isTorn(int descriptor, off_t size) {
   char last = '\n';
   return reader.isOpen() && pread(reader.get(), &last, 1, size - 1) == 1 && last != '\n';
 }
-
-// Keeps the signals by which a write tells of its failure from the calling thread. One that was
-// sent before, while the thread had it blocked, stays.
-class WithoutSignals {
- public:
-  WithoutSignals() {
-    sigemptyset(&m_oOfWrites);
-    sigaddset(&m_oOfWrites, SIGPIPE);
-    sigaddset(&m_oOfWrites, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &m_oOfWrites, &m_oPrevious);
-    if (isBlocked(SIGPIPE) || isBlocked(SIGXFSZ))
-      sigpending(&m_oPending);
-  }
-  WithoutSignals(const WithoutSignals&) = delete;
-  WithoutSignals& operator=(const WithoutSignals&) = delete;
-  ~WithoutSignals() { pthread_sigmask(SIG_SETMASK, &m_oPrevious, nullptr); }
-
-  // After a failed write.
-  void take(int error) const {
-    const int signal = error == EPIPE ? SIGPIPE : SIGXFSZ;
-    if ((error != EPIPE && error != EFBIG) ||
-        (isBlocked(signal) && sigismember(&m_oPending, signal) == 1))
-      return;
-    sigset_t raised;
-    sigemptyset(&raised);
-    sigaddset(&raised, signal);
-    const timespec atOnce{};
-    retrying([&] { return sigtimedwait(&raised, nullptr, &atOnce); });
-    errno = error;
-  }
-
- private:
-  bool isBlocked(int signal) const { return sigismember(&m_oPrevious, signal) == 1; }
-
-  sigset_t m_oOfWrites{};
-  sigset_t m_oPrevious{};
-  sigset_t m_oPending{};
-};
 
 }  // namespace
 
@@ -122,7 +84,7 @@ std::size_t writeRecords(int descriptor, const std::string_view* records, std::s
   constexpr std::size_t piecesAtOnce = 257;
   static char lineFeed = '\n';
   std::array<iovec, piecesAtOnce> pieces;
-  std::optional<WithoutSignals> quiet;
+  std::optional<WithoutWriteSignals> quiet;
   if (isQuiet)
     quiet.emplace();
   std::size_t done = 0;

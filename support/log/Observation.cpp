@@ -23,6 +23,7 @@
 #include "runtime/CallUnderWay.h"
 #include "runtime/Cancellation.h"
 #include "runtime/NeverDestroyed.h"
+#include "runtime/SystemThreads.h"
 #include "runtime/ThreadScope.h"
 
 namespace VarnSupport {
@@ -126,9 +127,7 @@ void Observation::note(int level, std::string_view component, std::string_view t
     Noted& record = made.front();
     record.component = component;
     record.text = text;
-    char name[16] = "";
-    pthread_getname_np(record.thread, name, sizeof name);
-    record.threadName = name;
+    record.threadName = nameOfThread();
     record.entry = {std::chrono::system_clock::now(),
                     level,
                     record.component,

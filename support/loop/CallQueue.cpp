@@ -103,7 +103,7 @@ bool CallQueue::callFirst(StallWatch::Worker& worker) {
 // return at once.
 void CallQueue::work() {
   const PoolThread life({this});
-  StallWatch::Worker worker(m_oLoop.stalls());
+  StallWatch::Worker worker(m_oLoop.stalls(), &m_nSize);
   while (true) {
     const unsigned seen = m_nPushed;
     if (callFirst(worker))

@@ -20,7 +20,8 @@
 namespace VarnSupport {
 
 // Workers are linked where they lie, on the stacks of their threads.
-StallWatch::Worker::Worker(StallWatch& watch) : m_oWatch(watch) {
+StallWatch::Worker::Worker(StallWatch& watch, const std::size_t* waiting)
+    : m_oWatch(watch), m_pWaiting(waiting) {
   const LoopLock lock;
   m_pNext = watch.m_pWorkers;
   watch.m_pWorkers = this;
@@ -92,6 +93,8 @@ std::vector<std::string> StallWatch::takeStalled() {
       continue;
     if (worker->m_oBegin + kPatience > now) {
       next = std::min(next, worker->m_oBegin + kPatience);
+    } else if (!worker->holdsUpOthers()) {
+      next = std::min(next, now + kPatience);
     } else {
       worker->m_bTold = true;
       stalled.push_back(worker->m_pObject->describe());

@@ -20,7 +20,9 @@ class StallWatch {
   // it takes the lock.
   class Worker {
    public:
-    explicit Worker(StallWatch& watch);
+    // `waiting` is how many objects are in line for the thread and its like; null where others
+    // are always held up.
+    explicit Worker(StallWatch& watch, const std::size_t* waiting = nullptr);
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
     ~Worker();
@@ -33,7 +35,10 @@ class StallWatch {
    private:
     friend class StallWatch;
 
+    bool holdsUpOthers() const { return m_pWaiting == nullptr || *m_pWaiting > 0; }
+
     StallWatch& m_oWatch;
+    const std::size_t* const m_pWaiting;
     Worker* m_pNext = nullptr;
     const LoopObject* m_pObject = nullptr;  // of the call that is under way
     MonotonicTime m_oBegin{};

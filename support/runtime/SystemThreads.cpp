@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <sys/mman.h>
 
+#include <array>
 #include <cassert>
 #include <cerrno>
 #include <cstddef>
@@ -67,6 +68,12 @@ int startDetached(const std::string& name, std::function<void()> body, const sig
   if (error == 0)
     static_cast<void>(start.release());
   return error;
+}
+
+std::string nameOfThread() {
+  std::array<char, 16> name{};
+  pthread_getname_np(pthread_self(), name.data(), name.size());
+  return name.data();
 }
 
 sigset_t allSignals() {

@@ -16,6 +16,9 @@ namespace VarnSupport {
 int startDetached(const std::string& name, std::function<void()> body,
                   const sigset_t* mask = nullptr, pthread_t* started = nullptr) noexcept;
 
+// The name of the calling thread, as `ps -L` and gdb show it.
+std::string nameOfThread();
+
 // The mask of a thread on which none of the program's handlers is to run.
 sigset_t allSignals();
 

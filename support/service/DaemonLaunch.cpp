@@ -2,6 +2,7 @@
 // process lets the daemon go on once the manager knows of it.
 #include "service/DaemonLaunch.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/select.h>
 #include <unistd.h>
@@ -95,6 +96,14 @@ class Presentation {
   Pipe m_oPipe;
 };
 
+// What the daemon opens next would become a standard stream that its starter has closed.
+void openClosedStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) < 0)
+      static_cast<void>(open("/dev/null", O_RDWR));
+  }
+}
+
 pid_t forkToGoOn() {
   const ForkToGoOn going;
   return fork();
@@ -117,6 +126,7 @@ int launchDaemon() {
   }
   report.reading.close();
   presentation.await();
+  openClosedStreams();
   return report.writing.release();
 }
 

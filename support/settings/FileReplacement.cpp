@@ -22,6 +22,7 @@
 #include "VarnSupport/VarnException.h"
 #include "runtime/Cancellation.h"
 #include "runtime/System.h"
+#include "runtime/WithoutWriteSignals.h"
 #include "text/PropertyFile.h"
 #include "text/TextColumns.h"
 
@@ -146,11 +147,15 @@ int FileReplacement::writeNewFile(std::string_view contents) const {
 
 // Rights of the owner and group are worth nothing on a file of another owner and group.
 int FileReplacement::fill(int descriptor, std::string_view contents) const {
+  const WithoutWriteSignals quiet;
   while (!contents.empty()) {
     const ssize_t count =
         retrying([&] { return write(descriptor, contents.data(), contents.size()); });
-    if (count <= 0)
-      return count < 0 ? errno : EIO;
+    if (count <= 0) {
+      const int error = count < 0 ? errno : EIO;
+      quiet.take(error);
+      return error;
+    }
     contents.remove_prefix(static_cast<std::size_t>(count));
   }
   if (m_bExists) {

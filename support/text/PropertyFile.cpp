@@ -17,6 +17,7 @@
 
 #include "runtime/Cancellation.h"
 #include "runtime/System.h"
+#include "runtime/WithoutWriteSignals.h"
 
 namespace VarnSupport {
 
@@ -261,12 +262,15 @@ bool PropertyFileWriter::encode(std::wstring_view line, std::string& bytes) {
 // A write that is cut short goes on where it ended.
 bool PropertyFileWriter::writeBytes(std::string_view bytes) {
   assert(isOpen());
+  const WithoutWriteSignals quiet;
   const BlockingCall cancellable;
   while (!bytes.empty()) {
     const ssize_t count =
         retrying([&] { return ::write(m_oFile.get(), bytes.data(), bytes.size()); });
-    if (count <= 0)
+    if (count <= 0) {
+      quiet.take(errno);
       return false;
+    }
     bytes.remove_prefix(static_cast<std::size_t>(count));
   }
   return true;

@@ -129,17 +129,17 @@ class Ballast {
 };
 
 void add(const std::string& side, std::string (*run)()) {
-  Workload("command, run to its end")
-      .side(side, [run](benchmark::State& state) { Bench::measure(state, 1, g_sExpected, run); })
-      ->UseRealTime();
+  Workload("command, run to its end").realTime().side(side, [run](benchmark::State& state) {
+    Bench::measure(state, 1, g_sExpected, run);
+  });
   Workload("command, run from 2 GiB")
-      .side(side,
-            [run](benchmark::State& state) {
-              const Ballast ballast;
-              Bench::require(state, ballast.isThere());
-              Bench::measure(state, 1, g_sExpected, run);
-            })
-      ->UseRealTime();
+      .realTime()
+      .iterations(10)
+      .side(side, [run](benchmark::State& state) {
+        const Ballast ballast;
+        Bench::require(state, ballast.isThere());
+        Bench::measure(state, 1, g_sExpected, run);
+      });
 }
 
 const bool g_bAdded = [] {

@@ -1,8 +1,9 @@
-// The present time as text, a text as a time, and the same time a month later.
+// The present time as text, texts as times, and times a month later.
 #include <ctime>
 #include <locale>
 #include <sstream>
 
+#include "Data.h"
 #include "Workload.h"
 
 #ifdef PEER_POCO
@@ -24,15 +25,49 @@ namespace {
 
 using Bench::Workload;
 
-const std::string g_sText("Sun, 06 Nov 1994 08:49:37 GMT");
-constexpr int kDayOfText = 310;
+struct Moment {
+  std::string text;
+  int dayOfYear;
+};
 
-// Each side has now() and parses the text as local time; most can add months to what they parsed.
+// At noon, and before the 29th of a month, so that all sides agree on a month later: of these
+// years, of the age of computers, or of one month.
+std::vector<Moment> moments() {
+  Bench::Draw draw("moments");
+  std::vector<Moment> made(64);
+  for (Moment& moment : made) {
+    const int any = static_cast<int>(draw.below(130));
+    const int years[] = {120 + any % 10, 70 + any % 65, 126};
+    std::tm time{};
+    time.tm_year = Bench::ofShape(years);
+    time.tm_mon = time.tm_year == 126 ? 1 : static_cast<int>(draw.below(11));
+    time.tm_mday = 1 + static_cast<int>(draw.below(28));
+    time.tm_hour = 12;
+    time.tm_min = static_cast<int>(draw.below(60));
+    time.tm_sec = static_cast<int>(draw.below(60));
+    timegm(&time);
+    char text[64];
+    moment = {{text, std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &time)},
+              time.tm_yday + 1};
+  }
+  return made;
+}
+
+// The day of the year, a month later.
+int monthLater(const Moment& moment) {
+  std::tm time{};
+  strptime(moment.text.c_str(), "%a, %d %b %Y %H:%M:%S", &time);
+  ++time.tm_mon;
+  timegm(&time);
+  return time.tm_yday + 1;
+}
+
+// Each side has now() and parses a text as local time; most can add months to what they parsed.
 
 class Ours {
  public:
   std::wstring now() const { return VarnSupport::VarnDateTime().toString(std::locale::classic()); }
-  bool parse() { return m_oDate.setDateTime(g_sText, m_sError); }
+  bool parse(const std::string& text) { return m_oDate.setDateTime(text, m_sError); }
   bool addMonths(int count) {
     return m_oDate.modifyDate(VarnSupport::VarnDateTime::Month, count, m_sError);
   }
@@ -52,9 +87,9 @@ class Standard {
     char text[64];
     return {text, std::strftime(text, sizeof text, "%c", &local)};
   }
-  bool parse() {
+  bool parse(const std::string& text) {
     m_oTime.tm_isdst = -1;
-    return strptime(g_sText.c_str(), "%a, %d %b %Y %H:%M:%S", &m_oTime) != nullptr &&
+    return strptime(text.c_str(), "%a, %d %b %Y %H:%M:%S", &m_oTime) != nullptr &&
            std::mktime(&m_oTime) != -1;
   }
   bool addMonths(int count) {
@@ -75,9 +110,9 @@ class WithPoco {
     return Poco::DateTimeFormatter::format(Poco::LocalDateTime(),
                                            Poco::DateTimeFormat::ASCTIME_FORMAT);
   }
-  bool parse() {
+  bool parse(const std::string& text) {
     int zone = 0;
-    return Poco::DateTimeParser::tryParse(Poco::DateTimeFormat::RFC1123_FORMAT, g_sText, m_oTime,
+    return Poco::DateTimeParser::tryParse(Poco::DateTimeFormat::RFC1123_FORMAT, text, m_oTime,
                                           zone);
   }
   int dayOfYear() const { return m_oTime.dayOfYear(); }
@@ -97,9 +132,9 @@ class WithBoost {
   std::string now() const {
     return boost::posix_time::to_simple_string(boost::posix_time::second_clock::local_time());
   }
-  bool parse() {
+  bool parse(const std::string& text) {
     m_oStream.clear();
-    m_oStream.str(g_sText);
+    m_oStream.str(text);
     return static_cast<bool>(m_oStream >> m_oTime);
   }
   int dayOfYear() const { return m_oTime.date().day_of_year(); }
@@ -114,9 +149,9 @@ class WithBoost {
 class WithAbseil {
  public:
   std::string now() const { return absl::FormatTime("%c", absl::Now(), m_oZone); }
-  bool parse() {
+  bool parse(const std::string& text) {
     absl::Time time;
-    if (!absl::ParseTime("%a, %d %b %Y %H:%M:%S GMT", g_sText, m_oZone, &time, nullptr))
+    if (!absl::ParseTime("%a, %d %b %Y %H:%M:%S GMT", text, m_oZone, &time, nullptr))
       return false;
     m_oTime = absl::ToCivilSecond(time, m_oZone);
     return true;
@@ -146,19 +181,29 @@ void add(const std::string& name) {
   });
   Workload("date, RFC form parsed").side(name, [](benchmark::State& state) {
     Side side;
-    Bench::require(state, side.parse() && side.dayOfYear() == kDayOfText);
+    const std::vector<Moment> all = moments();
+    bool correct = true;
+    for (const Moment& moment : all)
+      correct = side.parse(moment.text) && side.dayOfYear() == moment.dayOfYear && correct;
+    Bench::require(state, correct);
+    std::size_t turn = 0;
     for (auto _ : state)
-      benchmark::DoNotOptimize(side.parse());
+      benchmark::DoNotOptimize(side.parse(all[turn++ % all.size()].text));
   });
   if constexpr (requires(Side side) { side.addMonths(1); }) {
     Workload("date, a month added").side(name, [](benchmark::State& state) {
-      Side side;
-      side.parse();
-      Bench::require(state, side.addMonths(1) && side.dayOfYear() == kDayOfText + 30);
-      int months = -1;
+      std::vector<Side> sides;
+      bool correct = true;
+      for (const Moment& moment : moments()) {
+        sides.emplace_back();
+        correct = sides.back().parse(moment.text) && sides.back().addMonths(1) &&
+                  sides.back().dayOfYear() == monthLater(moment) && correct;
+      }
+      Bench::require(state, correct);
+      std::size_t turn = 0;
       for (auto _ : state) {
-        benchmark::DoNotOptimize(side.addMonths(months));
-        months = -months;
+        const std::size_t round = turn / sides.size();
+        benchmark::DoNotOptimize(sides[turn++ % sides.size()].addMonths(round % 2 == 0 ? -1 : 1));
       }
     });
   }

@@ -25,7 +25,7 @@ using Bench::Workload;
 const Bench::TemporaryFolder g_oRoot;
 
 std::string folderOf(int files) {
-  const std::string folder = g_oRoot / std::to_string(files);
+  std::string folder = g_oRoot / std::to_string(files);
   if (std::filesystem::create_directory(folder)) {
     for (int i = 0; i < files; ++i)
       std::ofstream(folder + "/entry" + std::to_string(i) + (i % 2 == 0 ? ".log" : ".txt"));

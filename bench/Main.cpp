@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "Data.h"
 #include "Workload.h"
 
 namespace {
@@ -50,6 +51,7 @@ std::string processorName() {
 int main(int argc, char** argv) {
   benchmark::AddCustomContext("processor", processorName());
   benchmark::AddCustomContext("compiler", "GCC-compatible " __VERSION__);
+  benchmark::AddCustomContext("seed", std::to_string(Bench::seed()));
   benchmark::AddCustomContext("peers", VSUPT_BENCH_PEERS);
   benchmark::AddCustomContext("missing peers", VSUPT_BENCH_MISSING_PEERS);
   benchmark::Initialize(&argc, argv);

@@ -1,4 +1,4 @@
-// A counted copy and its release.
+// A counted copy and its release: by one thread, and by several, of one object or of one each.
 #include <memory>
 #include <mutex>
 
@@ -15,17 +15,35 @@
 
 namespace {
 
-const Bench::Workload g_oCopy("object, smart pointer copy and release");
+using Bench::Workload;
 
 template <typename Pointer>
-void add(const std::string& side, const Pointer& pointer) {
-  g_oCopy.side(side, [pointer](benchmark::State& state) {
-    for (auto _ : state) {
-      const Pointer copy(pointer);
-      benchmark::DoNotOptimize(&copy);
-    }
-    Bench::require(state, Pointer(pointer) == pointer);
-  });
+void copyAndRelease(benchmark::State& state, const Pointer& pointer) {
+  for (auto _ : state) {
+    const Pointer copy(pointer);
+    benchmark::DoNotOptimize(&copy);
+  }
+  Bench::require(state, Pointer(pointer) == pointer);
+}
+
+// `make` returns a pointer to a new object.
+template <typename Make>
+void add(const std::string& side, Make make) {
+  const auto copyOfOne = [shared = make()](benchmark::State& state) {
+    copyAndRelease(state, shared);
+  };
+  Workload("object, smart pointer copy and release").alsoInVarnThread().side(side, copyOfOne);
+  for (const int threads : {2, 4, 8}) {
+    const std::string by = std::to_string(threads) + " threads";
+    Workload("object, one copied by " + by)
+        .threads(threads)
+        .alsoInVarnThread()
+        .side(side, copyOfOne);
+    Workload("object, one each copied by " + by)
+        .threads(threads)
+        .alsoInVarnThread()
+        .side(side, [make](benchmark::State& state) { copyAndRelease(state, make()); });
+  }
 }
 
 #ifdef PEER_POCO
@@ -35,28 +53,31 @@ class PocoObject : public Poco::RefCountedObject {};
 class BoostObject : public boost::intrusive_ref_counter<BoostObject> {};
 #endif
 
+void changeUnderMutex(benchmark::State& state) {
+  static std::mutex mutex;
+  int count = 0;
+  for (auto _ : state) {
+    for (const int by : {1, -1}) {
+      const std::lock_guard hold(mutex);
+      count += by;
+      benchmark::DoNotOptimize(count);
+    }
+  }
+  Bench::require(state, count == 0);
+}
+
 const bool g_bAdded = [] {
   using VarnSupport::VarnObjectBase;
-  add("ours", VarnSupport::VarnSmartPointer<VarnObjectBase>(new VarnObjectBase));
-  add("std", std::make_shared<int>(0));
+  add("ours", [] { return VarnSupport::VarnSmartPointer<VarnObjectBase>(new VarnObjectBase); });
+  add("std", [] { return std::make_shared<int>(0); });
 #ifdef PEER_POCO
-  add("POCO", Poco::AutoPtr<PocoObject>(new PocoObject));
+  add("POCO", [] { return Poco::AutoPtr<PocoObject>(new PocoObject); });
 #endif
 #ifdef PEER_BOOST
-  add("Boost", boost::intrusive_ptr<BoostObject>(new BoostObject));
+  add("Boost", [] { return boost::intrusive_ptr<BoostObject>(new BoostObject); });
 #endif
-  g_oCopy.side("limit: plain mutex twice", [](benchmark::State& state) {
-    std::mutex mutex;
-    int count = 0;
-    for (auto _ : state) {
-      for (const int by : {1, -1}) {
-        const std::lock_guard hold(mutex);
-        count += by;
-        benchmark::DoNotOptimize(count);
-      }
-    }
-    Bench::require(state, count == 0);
-  });
+  Workload("object, smart pointer copy and release")
+      .side("limit: one mutex, locked twice", changeUnderMutex);
   return true;
 }();
 

@@ -1,8 +1,9 @@
-// Patterns on which all sides agree: compiled, and searched for in texts.
+// Patterns on which all sides agree: compiled, and searched for in texts that are drawn.
 #include <memory>
 #include <regex>
 #include <string_view>
 
+#include "Data.h"
 #include "Workload.h"
 
 #ifdef PEER_RE2
@@ -98,28 +99,35 @@ class WithPcre2 {
 };
 #endif
 
-struct Case {
-  const char* name;
+struct Subject {
   std::string pattern;
   std::string text;
-  std::size_t position;
 };
+using Bench::Draw;
 
-// Words without the letters that the patterns look for, filled up in front of `end`.
-std::string words(std::size_t size, const std::string& end) {
+// What the patterns do not look for, in front of `end`: words, letters in no order, or log lines.
+std::string fill(Draw& draw, std::size_t size, const std::string& end = "") {
+  static const std::vector<std::string> words = {"the ",   "old ", "house ", "stands ",
+                                                 "on ",    "a ",   "hill ",  "near ",
+                                                 "river ", "and ", "there "};
   std::string text;
-  while (text.size() + end.size() < size)
-    text += "the old house stands on a hill near the river ";
+  while (text.size() + end.size() < size) {
+    const std::string pieces[] = {
+        draw.oneOf(words), draw.text(8, 8, "abcdefghijklmnoprstuvw"),
+        Bench::joined({"2024", draw.text(4, 4, "0123"), " INFO  [", draw.text(3, 3, "456789"),
+                       "] served ", draw.text(1, 5, "abcdef"), "\t"})};
+    text += Bench::ofShape(pieces);
+  }
   text.resize(size - end.size());
   return text + end;
 }
 
-// Letters in no order, without an "a" close before a "c".
-std::string letters(std::size_t size) {
+// Letters of a large, a small or a middle alphabet, without an "a" close before a "c".
+std::string letters(Draw& draw, std::size_t size) {
+  const std::string alphabets[] = {"abcdefghijklmnopqrstuvwxyz", "abcd", "aeiouc st"};
   std::string text;
-  for (unsigned int state = 1; text.size() < size;) {
-    state = state * 1103515245 + 12345;
-    const char letter = static_cast<char>('a' + (state >> 16) % 26);
+  while (text.size() < size) {
+    const char letter = draw.oneOf(Bench::ofShape(alphabets));
     const std::size_t a = text.rfind('a');
     if (letter != 'c' || a == std::string::npos || text.size() - a > 2)
       text += letter;
@@ -127,47 +135,128 @@ std::string letters(std::size_t size) {
   return text;
 }
 
-const Case g_aCases[] = {
-    {"pattern, literal in 1 KiB", "needle", words(1024, "needle"), 1018},
-    {"pattern, absent literal in 1 KiB", "needle", words(1024, ""), kNone},
-    {"pattern, any in 1 KiB", "q.z", words(1024, "qaz"), 1021},
-    {"pattern, log line",
-     "error [0-9]+:", "20240131_23:59:59 5 Worker     [123] run: error 1042: the disk is full", 42},
-    {"pattern, set run", "[0-9]+", "20240131235959 the rest of a line", 0},
-    {"pattern, key", "^[a-zA-Z_]+=", "connection_timeout=30", 0},
-    {"pattern, a.c absent in letters", "a.c", letters(1024), kNone},
-    {"pattern, x*y behind a longer run", "x*y",
-     std::string(500, 'x') + "z" + std::string(500, 'x') + "y", 501},
-    {"pattern, x*y absent", "x*y", words(1024, ""), kNone},
-    {"pattern, x*y found", "x*y", words(1024, "xxxy"), 1020},
+// Of letters that the text has.
+std::string needle(Draw& draw) {
+  const std::string needles[] = {draw.text(6, 8, "thelodsanir"),
+                                 draw.text(6, 12, "abcdefghijklmnop"),
+                                 Bench::joined({"served ", draw.text(6, 8, "abcdef")})};
+  return Bench::ofShape(needles);
+}
+
+struct Case {
+  const char* name;
+  Subject (*make)(Draw& draw);
 };
+
+const Case g_aCases[] = {
+    {"literal in 1 KiB",
+     [](Draw& draw) {
+       const std::string wanted = needle(draw);
+       return Subject{wanted, fill(draw, 1024, wanted)};
+     }},
+    {"absent literal in 1 KiB",
+     [](Draw& draw) {
+       return Subject{needle(draw), fill(draw, 1024)};
+     }},
+    {"any in 1 KiB",
+     [](Draw& draw) {
+       return Subject{"q.z", fill(draw, 1024, "qaz")};
+     }},
+    {"log line",
+     [](Draw& draw) {
+       static constexpr std::string_view digits("0123456789");
+       return Subject{
+           "error [0-9]+:",
+           Bench::joined({"20240131_23:59:59 5 ", draw.text(4, 10), " [", draw.text(3, 6, digits),
+                          "] run: error ", draw.text(2, 6, digits), ": the disk is full"})};
+     }},
+    {"set run",
+     [](Draw& draw) {
+       return Subject{"[0-9]+", draw.text(10, 18, "0123456789") + " the rest of a line"};
+     }},
+    {"key",
+     [](Draw& draw) {
+       return Subject{"^[a-zA-Z_]+=", draw.text(12, 24, "abcdefghijklmnopq_RSTU") + "=30"};
+     }},
+    {"a.c absent in letters",
+     [](Draw& draw) {
+       return Subject{"a.c", letters(draw, 1024)};
+     }},
+    {"x*y behind a longer run",
+     [](Draw& draw) {
+       return Subject{
+           "x*y", Bench::joined({draw.text(400, 600, "x"), "z", draw.text(400, 500, "x"), "y"})};
+     }},
+    {"x*y absent",
+     [](Draw& draw) {
+       return Subject{"x*y", fill(draw, 1024)};
+     }},
+    {"x*y found",
+     [](Draw& draw) {
+       return Subject{"x*y", fill(draw, 1024, "xxxy")};
+     }},
+};
+
+// What std::regex finds is right.
+template <typename Side>
+void find(benchmark::State& state, const Subject& subject, std::int64_t units) {
+  const Side expression(subject.pattern);
+  Bench::measure(state, units, Standard(subject.pattern).find(subject.text),
+                 [&] { return expression.find(subject.text); });
+}
+
+template <typename Side>
+void compile(benchmark::State& state) {
+  Draw draw("compiled");
+  const std::string word = draw.text(3, 8);
+  const std::string patterns[] = {Bench::joined({word, " [0-9]+:"}),
+                                  Bench::joined({"^[a-z_]+=", word}),
+                                  Bench::joined({word, ".*end[^x]?"})};
+  const std::string& pattern = Bench::ofShape(patterns);
+  const std::string text = Bench::joined({"text_=", word, " 7:end"});
+  Bench::require(state, Side(pattern).find(text) == Standard(pattern).find(text));
+  for (auto _ : state) {
+    const Side expression(pattern);
+    benchmark::DoNotOptimize(&expression);
+  }
+}
 
 template <typename Side>
 void add(const std::string& side) {
-  Workload("pattern, compile").side(side, [](benchmark::State& state) {
-    const std::string pattern("error [0-9]+:");
-    Bench::require(state, Side(pattern).find("error 7:") == 0);
-    for (auto _ : state) {
-      const Side expression(pattern);
-      benchmark::DoNotOptimize(&expression);
-    }
-  });
+  Workload("pattern, compile").alsoInVarnThread().side(side, compile<Side>);
   for (const Case& row : g_aCases) {
-    Workload(row.name).side(side, [&row](benchmark::State& state) {
-      const Side expression(row.pattern);
-      Bench::measure(state, 1, row.position, [&] { return expression.find(row.text); });
-    });
+    Workload(std::string("pattern, ") + row.name)
+        .alsoInVarnThread()
+        .side(side, [&row](benchmark::State& state) {
+          Draw draw(row.name);
+          find<Side>(state, row.make(draw), 1);
+        });
   }
   for (const std::size_t size : {1024U, 10240U, 102400U}) {
     Workload("growth of find, per byte of " + std::to_string(size))
         .side(side, [size](benchmark::State& state) {
-          const Side expression("q.z");
-          const std::string text = words(size, "qaz");
-          Bench::measure(state, static_cast<std::int64_t>(size), size - 3,
-                         [&] { return expression.find(text); });
+          Draw draw("growth");
+          find<Side>(state, {"q.z", fill(draw, size, "qaz")}, static_cast<std::int64_t>(size));
         });
   }
 }
+
+// Of a literal only.
+class WithMemmem {
+ public:
+  explicit WithMemmem(const std::string& literal) : m_sLiteral(literal) {}
+
+  std::size_t find(const std::string& text) const {
+    const void* const found =
+        memmem(text.data(), text.size(), m_sLiteral.data(), m_sLiteral.size());
+    return found == nullptr
+               ? kNone
+               : static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
+  }
+
+ private:
+  std::string m_sLiteral;
+};
 
 const bool g_bAdded = [] {
   add<Ours>("ours");
@@ -180,12 +269,8 @@ const bool g_bAdded = [] {
   add<WithPcre2<true>>("PCRE2 JIT");
 #endif
   Workload("pattern, literal in 1 KiB").side("limit: memmem", [](benchmark::State& state) {
-    const Case& row = g_aCases[0];
-    Bench::measure(state, 1, row.position, [&] {
-      const void* const found =
-          memmem(row.text.data(), row.text.size(), row.pattern.data(), row.pattern.size());
-      return static_cast<std::size_t>(static_cast<const char*>(found) - row.text.data());
-    });
+    Draw draw(g_aCases[0].name);
+    find<WithMemmem>(state, g_aCases[0].make(draw), 1);
   });
   return true;
 }();

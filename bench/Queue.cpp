@@ -1,4 +1,4 @@
-// Items handed from one thread to one or two others; every item is counted at its end.
+// Items handed from one or more threads to others; every item is counted at its end.
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -124,45 +124,103 @@ class GLibQueue {
 };
 #endif
 
+// Threads that take items until each has got the end, and add them up.
 template <typename Queue>
-void handOver(benchmark::State& state, int consumers) {
+class Consumers {
+ public:
+  explicit Consumers(int count) {
+    for (int i = 0; i < count; ++i)
+      m_vThreads.emplace_back([this] { consume(); });
+  }
+  Consumers(const Consumers&) = delete;
+  Consumers& operator=(const Consumers&) = delete;
+  ~Consumers() { end(); }
+
+  // Waits until `count` items were taken, and begins anew.
+  void waitFor(int count) {
+    for (int now = m_nTaken; now != count; now = m_nTaken)
+      m_nTaken.wait(now);
+    m_nTaken = 0;
+  }
+  void end() {
+    for (std::size_t i = 0; i < m_vThreads.size(); ++i)
+      queue.push(kEnd);
+    for (std::thread& thread : m_vThreads)
+      thread.join();
+    m_vThreads.clear();
+  }
+  std::int64_t sum() const { return m_nSum; }
+
   Queue queue;
-  std::atomic<std::int64_t> sum{0};
-  std::atomic<int> taken{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < consumers; ++i) {
-    threads.emplace_back([&] {
-      for (int item = queue.pop(); item != kEnd; item = queue.pop()) {
-        sum.fetch_add(item, std::memory_order_relaxed);
-        if (taken.fetch_add(1, std::memory_order_acq_rel) + 1 == kItems)
-          taken.notify_one();
-      }
-    });
+
+ private:
+  void consume() {
+    for (int item = queue.pop(); item != kEnd; item = queue.pop()) {
+      m_nSum.fetch_add(item, std::memory_order_relaxed);
+      if ((m_nTaken.fetch_add(1, std::memory_order_acq_rel) + 1) % kItems == 0)
+        m_nTaken.notify_one();
+    }
   }
-  std::int64_t expected = 0;
-  for (auto _ : state) {
-    taken = 0;
+
+  std::atomic<std::int64_t> m_nSum{0};
+  std::atomic<int> m_nTaken{0};
+  std::vector<std::thread> m_vThreads;
+};
+
+template <typename Queue>
+void handOver(benchmark::State& state, int producers, int consumers) {
+  Consumers<Queue> all(consumers);
+  const auto produce = [&all] {
     for (int item = 0; item < kItems; ++item)
-      queue.push(item);
-    for (int now = taken; now != kItems; now = taken)
-      taken.wait(now);
-    expected += static_cast<std::int64_t>(kItems) * (kItems - 1) / 2;
+      all.queue.push(item);
+  };
+  for (auto _ : state) {
+    std::vector<std::thread> others;
+    for (int i = 1; i < producers; ++i)
+      others.emplace_back(produce);
+    produce();
+    for (std::thread& other : others)
+      other.join();
+    all.waitFor(kItems * producers);
   }
-  for (int i = 0; i < consumers; ++i)
-    queue.push(kEnd);
-  for (std::thread& thread : threads)
-    thread.join();
-  state.SetItemsProcessed(state.iterations() * kItems);
-  Bench::require(state, sum == expected);
+  all.end();
+  const std::int64_t items = state.iterations() * producers;
+  state.SetItemsProcessed(items * kItems);
+  Bench::require(state, all.sum() == items * kItems * (kItems - 1) / 2);
+}
+
+// From before an item goes in until after another thread has taken it and told so.
+template <typename Queue>
+void handOverOnce(benchmark::State& state) {
+  Queue there;
+  Queue back;
+  std::thread partner([&] {
+    for (int item = there.pop(); item != kEnd; item = there.pop())
+      back.push(item);
+  });
+  int item = 0;
+  bool correct = true;
+  Bench::measureTail(state, [&] {
+    there.push(++item);
+    correct = back.pop() == item && correct;
+  });
+  there.push(kEnd);
+  partner.join();
+  Bench::require(state, correct);
 }
 
 template <typename Queue>
 void add(const std::string& side) {
-  for (const int consumers : {1, 2}) {
-    Bench::Workload("queue, per item, 1 to " + std::to_string(consumers))
-        .side(side, [consumers](benchmark::State& state) { handOver<Queue>(state, consumers); })
-        ->UseRealTime();
+  constexpr std::pair<int, int> kThreads[] = {{1, 1}, {1, 2}, {2, 2}, {4, 4}};
+  for (const auto& [producers, consumers] : kThreads) {
+    Bench::Workload("queue, per item, " + std::to_string(producers) + " to " +
+                    std::to_string(consumers))
+        .realTime()
+        .side(side, [producers = producers, consumers = consumers](benchmark::State& state) {
+          handOver<Queue>(state, producers, consumers);
+        });
   }
+  Bench::Latencies::workload("queue, an item there and back").side(side, handOverOnce<Queue>);
 }
 
 const bool g_bAdded = [] {

@@ -60,16 +60,13 @@ Outcome run(const std::vector<std::string>& words) {
 }
 
 void addStart(const std::string& side, const std::string& program) {
-  Workload("start-up, small program")
-      .side(side,
-            [program](benchmark::State& state) {
-              for (auto _ : state) {
-                const Outcome outcome = run({program});
-                state.SetIterationTime(outcome.processorSeconds);
-                Bench::require(state, outcome.output.empty());
-              }
-            })
-      ->UseManualTime();
+  Workload("start-up, small program").manualTime().side(side, [program](benchmark::State& state) {
+    for (auto _ : state) {
+      const Outcome outcome = run({program});
+      state.SetIterationTime(outcome.processorSeconds);
+      Bench::require(state, outcome.output.empty());
+    }
+  });
 }
 
 // The properties of all tasks, with a group as some sides need one.
@@ -86,16 +83,15 @@ void writeProperties() {
 void addPeak(const std::string& workload, const std::string& task, const std::string& side,
              const std::string& program) {
   Workload("memory, " + workload)
-      .side(side,
-            [task, program](benchmark::State& state) {
-              writeProperties();
-              std::string peak;
-              for (auto _ : state)
-                peak = run({program, task, g_oFolder.path()}).output;
-              Bench::require(state, std::atol(peak.c_str()) > 0);
-              state.counters["KiB"] = static_cast<double>(std::atol(peak.c_str()));
-            })
-      ->Iterations(1);
+      .iterations(1)
+      .side(side, [task, program](benchmark::State& state) {
+        writeProperties();
+        std::string peak;
+        for (auto _ : state)
+          peak = run({program, task, g_oFolder.path()}).output;
+        Bench::require(state, std::atol(peak.c_str()) > 0);
+        state.counters["KiB"] = static_cast<double>(std::atol(peak.c_str()));
+      });
 }
 
 void add(const std::string& side, const std::vector<std::string>& tasks) {

@@ -1,9 +1,12 @@
-// Values written to a stream in memory and read back, 100 at a time and in the growth rows more.
+// Values written to a stream in memory and read back, 100 at a time, and in the growth rows more or
+// behind others that wait.
 #include <cstring>
+#include <deque>
 #include <mutex>
 #include <sstream>
 #include <vector>
 
+#include "Data.h"
 #include "Workload.h"
 
 #ifdef PEER_POCO
@@ -20,21 +23,23 @@ namespace {
 using Bench::Workload;
 
 constexpr int kValues = 100;
-const std::string g_sText("a text of thirty-two characters.");
 
 template <typename T>
 T valueOf(int number);
 template <>
 int valueOf<int>(int number) {
-  return number;
+  return number + static_cast<int>(Bench::seed());
 }
 template <>
 double valueOf<double>(int number) {
   return number * 0.5;
 }
+// Short, of 32 characters, or long.
 template <>
-std::string valueOf<std::string>(int) {
-  return g_sText;
+std::string valueOf<std::string>(int number) {
+  const int lengths[] = {8, 32, 200};
+  return std::string(static_cast<std::size_t>(Bench::ofShape(lengths)),
+                     static_cast<char>('a' + number % 26));
 }
 
 // Each side has put(value) and get(value), and begins anew with reset().
@@ -104,6 +109,27 @@ class LockedVector {
   std::size_t m_nRead = 0;              // guarded by m_oMutex
 };
 
+// Gives back what was read, as the vector and the peers do not.
+class LockedDeque {
+ public:
+  void reset() { m_vBytes.clear(); }
+  void put(int value) {
+    const std::lock_guard hold(m_oMutex);
+    const auto* const from = reinterpret_cast<const unsigned char*>(&value);
+    m_vBytes.insert(m_vBytes.end(), from, from + sizeof value);
+  }
+  void get(int& value) {
+    const std::lock_guard hold(m_oMutex);
+    const auto end = m_vBytes.begin() + sizeof value;
+    std::copy(m_vBytes.begin(), end, reinterpret_cast<unsigned char*>(&value));
+    m_vBytes.erase(m_vBytes.begin(), end);
+  }
+
+ private:
+  std::mutex m_oMutex;
+  std::deque<unsigned char> m_vBytes;  // guarded by m_oMutex
+};
+
 #ifdef PEER_POCO
 class WithPoco {
  public:
@@ -169,26 +195,56 @@ void putAndGet(benchmark::State& state, int values) {
   });
 }
 
+// An int goes in and one comes out, with `waiting` others between them.
+template <typename Side>
+void passThrough(benchmark::State& state, int waiting) {
+  Side side;
+  side.reset();
+  for (int i = 0; i < waiting; ++i)
+    side.put(i);
+  int put = waiting;
+  int expected = 0;
+  int got = 0;
+  bool correct = true;
+  for (auto _ : state) {
+    side.put(put++);
+    side.get(got);
+    correct = got == expected++ && correct;
+  }
+  Bench::require(state, correct);
+}
+
+template <typename Side, typename T>
+void addType(const std::string& name, const std::string& type) {
+  Workload("stream, " + type + " written and read")
+      .alsoInVarnThread()
+      .side(name, [](benchmark::State& state) { putAndGet<Side, T>(state, kValues); });
+}
+
 template <typename Side>
 void add(const std::string& name) {
-  Workload("stream, int written and read").side(name, [](benchmark::State& state) {
-    putAndGet<Side, int>(state, kValues);
-  });
-  Workload("stream, double written and read").side(name, [](benchmark::State& state) {
-    putAndGet<Side, double>(state, kValues);
-  });
-  Workload("stream, text written and read").side(name, [](benchmark::State& state) {
-    putAndGet<Side, std::string>(state, kValues);
-  });
+  addType<Side, int>(name, "int");
+  addType<Side, double>(name, "double");
+  addType<Side, std::string>(name, "text");
   for (const int values : {100, 1000, 10000}) {
     Workload("growth of stream, per int of " + std::to_string(values))
         .side(name, [values](benchmark::State& state) { putAndGet<Side, int>(state, values); });
   }
 }
 
+template <typename Side>
+void addBacklog(const std::string& name) {
+  for (const int waiting : {1000, 10000, 100000}) {
+    Workload("growth of stream with a backlog, per int through " + std::to_string(waiting))
+        .side(name, [waiting](benchmark::State& state) { passThrough<Side>(state, waiting); });
+  }
+}
+
 const bool g_bAdded = [] {
   add<Ours>("ours");
-  add<LockedVector>("limit: locked vector");
+  addBacklog<Ours>("ours");
+  addBacklog<LockedDeque>("std");
+  add<LockedVector>("limit: vector, locked for each value");
 #ifdef PEER_POCO
   add<WithPoco>("POCO");
 #endif

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 
@@ -42,6 +43,23 @@ auto converted(const char* failure, Conversion conversion) {
 
 using Facet = std::ctype<wchar_t>;
 
+// Never destroyed, so that its address tells it from all others.
+const Facet& classicFacet() {
+  static const Facet& facet = std::use_facet<Facet>(std::locale::classic());
+  return facet;
+}
+
+// Copies characters; false if not all of them are ASCII, which narrow and wide text share.
+template <typename From, typename To>
+bool copyAscii(const From* text, std::size_t length, To* to) {
+  std::make_unsigned_t<From> all = 0;
+  for (std::size_t i = 0; i < length; ++i) {
+    all |= static_cast<std::make_unsigned_t<From>>(text[i]);
+    to[i] = static_cast<To>(text[i]);
+  }
+  return all < 0x80;
+}
+
 // What `convert` makes of `text`, up to the first NUL. The standard facet makes one character of
 // each, and NUL of NUL alone, so it can write into the result. Others get room for four of each.
 template <typename Result, typename Text, typename Conversion>
@@ -54,7 +72,8 @@ Result upToNul(const Text& text, const Facet& facet, Conversion convert) {
   }
   const std::size_t length = Text::traits_type::length(text.c_str());
   Result result(length, CharT());
-  convert(text.data(), text.data() + length, result.data());
+  if (&facet != &classicFacet() || !copyAscii(text.data(), length, result.data()))
+    convert(text.data(), text.data() + length, result.data());
   return result;
 }
 

@@ -173,8 +173,15 @@ bool VarnDateTime::modifyDate(FieldId_t field, int amount, std::string& error) {
     error = "Invalid Field : Exceeds 5";
     return false;
   }
-  std::tm time = localTime();
-  const std::int64_t shifted = std::int64_t{time.*members[field]} + amount;
+  std::tm time = fields();
+  std::int64_t shifted = std::int64_t{time.*members[field]} + amount;
+  if (fitsInt(shifted) && shiftLocalTime(time, members[field], static_cast<int>(shifted))) {
+    store(time);
+    adjustInstanceId();
+    return true;
+  }
+  time = localTime();
+  shifted = std::int64_t{time.*members[field]} + amount;
   if (fitsInt(shifted)) {
     time.*members[field] = static_cast<int>(shifted);
     if (fromLocalTime(time) != -1)
@@ -221,10 +228,7 @@ bool VarnDateTime::setDayImpl(unsigned int day, std::string& error) const {
 // A year that only the system's counting from 1900 can hold would overflow in store().
 bool VarnDateTime::validateDateTime(const std::tm& time, std::string& error) {
   const CancellationGuard closed;
-  std::tm copy = time;
-  if (fitsInt(std::int64_t{time.tm_year} + kFirstYear) && fromLocalTime(copy) != -1 &&
-      copy.tm_mday == time.tm_mday && copy.tm_mon == time.tm_mon && copy.tm_year == time.tm_year &&
-      copy.tm_hour == time.tm_hour && copy.tm_min == time.tm_min && copy.tm_sec == time.tm_sec)
+  if (fitsInt(std::int64_t{time.tm_year} + kFirstYear) && isLocalTime(time))
     return true;
   error = kInvalid;
   return false;

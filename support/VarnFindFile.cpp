@@ -5,6 +5,8 @@
 
 #include <unistd.h>
 
+#include <cstddef>
+#include <cstring>
 #include <string_view>
 
 #include "runtime/Cancellation.h"
@@ -81,7 +83,8 @@ void FindFileImplementation::findNext() {
 }
 
 // Only the last "*" seen needs remembering: if the rest can match behind an earlier one, it can
-// also match behind the later. Each mismatch lets that one take one character more.
+// also match behind the later. Each mismatch lets that one take one character more; what stands
+// behind the very last is the end of the name.
 bool FindFileImplementation::IsPatternMatch(const char* pattern, const char* name) {
   const char* behindStar = nullptr;
   const char* restart = nullptr;
@@ -91,6 +94,14 @@ bool FindFileImplementation::IsPatternMatch(const char* pattern, const char* nam
       restart = name;
       if (*pattern == '\0')
         return true;
+      if (std::strchr(pattern, '*') == nullptr) {
+        const std::size_t rest = std::strlen(pattern);
+        const std::size_t left = std::strlen(name);
+        if (left < rest)
+          return false;
+        name += left - rest;
+        behindStar = nullptr;
+      }
     } else if (*pattern == '?' || *pattern == *name) {
       ++pattern;
       ++name;

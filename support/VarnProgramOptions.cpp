@@ -17,6 +17,7 @@
 
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnStringUtilities.h"
+#include "pattern/TextSearch.h"
 #include "runtime/Cancellation.h"
 
 namespace VarnSupport {
@@ -43,9 +44,11 @@ std::string_view nameOf(std::string_view option) { return option.substr(0, optio
 
 // Looks for the name between colons, and with a '.' in front of the second one.
 Declaration declarationOf(std::string_view name, std::string_view longSpec) {
+  const auto next = [&](std::size_t from) {
+    return name.empty() ? longSpec.find(name, from) : searchText(longSpec, name, from);
+  };
   Declaration declaration = Declaration::None;
-  for (std::size_t begin = longSpec.find(name, 1); begin != longSpec.npos;
-       begin = longSpec.find(name, begin + 1)) {
+  for (std::size_t begin = next(1); begin != longSpec.npos; begin = next(begin + 1)) {
     const std::string_view rest = longSpec.substr(begin + name.size());
     if (longSpec[begin - 1] != ':')
       continue;

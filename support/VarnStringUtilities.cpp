@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 
@@ -42,6 +43,23 @@ auto converted(const char* failure, Conversion conversion) {
 
 using Facet = std::ctype<wchar_t>;
 
+// Never destroyed, so that its address tells it from all others.
+const Facet& classicFacet() {
+  static const Facet& facet = std::use_facet<Facet>(std::locale::classic());
+  return facet;
+}
+
+// Copies characters; false if not all of them are ASCII, which narrow and wide text share.
+template <typename From, typename To>
+bool copyAscii(const From* text, std::size_t length, To* to) {
+  std::make_unsigned_t<From> all = 0;
+  for (std::size_t i = 0; i < length; ++i) {
+    all |= static_cast<std::make_unsigned_t<From>>(text[i]);
+    to[i] = static_cast<To>(text[i]);
+  }
+  return all < 0x80;
+}
+
 // What `convert` makes of `text`, up to the first NUL. The standard facet makes one character of
 // each, and NUL of NUL alone, so it can write into the result. Others get room for four of each.
 template <typename Result, typename Text, typename Conversion>
@@ -54,7 +72,8 @@ Result upToNul(const Text& text, const Facet& facet, Conversion convert) {
   }
   const std::size_t length = Text::traits_type::length(text.c_str());
   Result result(length, CharT());
-  convert(text.data(), text.data() + length, result.data());
+  if (&facet != &classicFacet() || !copyAscii(text.data(), length, result.data()))
+    convert(text.data(), text.data() + length, result.data());
   return result;
 }
 
@@ -73,16 +92,35 @@ std::size_t expectedTokens(std::size_t found, const char* begin, const char* tex
   return found + std::min(rest, found * mostGrowth);
 }
 
+// The first of one delimiter in [text, end), else the end. Most tokens are short: a call is worth
+// its price behind their first characters alone.
+template <typename CharT>
+CharT* endOfToken(CharT* text, CharT* end, char delimiter) {
+  constexpr std::ptrdiff_t shortToken = 16;
+  CharT* const near = text + std::min(shortToken, end - text);
+  CharT* const found = std::find(text, near, delimiter);
+  if (found != near || near == end)
+    return found;
+  const void* const far = std::memchr(near, delimiter, static_cast<std::size_t>(end - near));
+  return far == nullptr ? end : text + (static_cast<const char*>(far) - text);
+}
+
+// The first of several.
+template <typename CharT>
+CharT* endOfToken(CharT* text, CharT* end, const DelimiterSet& delimiters) {
+  return std::find_if(text, end, [&](char c) { return delimiters.holds(c); });
+}
+
 // Appends the tokens of [begin, end) and calls `ended` with each delimiter that ends one.
-template <typename CharT, typename IsDelimiter, typename Ended>
-void splitTokens(CharT* begin, CharT* end, IsDelimiter isDelimiter,
+template <typename CharT, typename Delimiters, typename IsDelimiter, typename Ended>
+void splitTokens(CharT* begin, CharT* end, const Delimiters& delimiters, IsDelimiter isDelimiter,
                  std::vector<std::string>& tokens, Ended ended) {
   CharT* text = begin;
   while (true) {
     text = std::find_if_not(text, end, isDelimiter);
     if (text == end)
       return;
-    CharT* const tokenEnd = std::find_if(text, end, isDelimiter);
+    CharT* const tokenEnd = endOfToken(text, end, delimiters);
     if (tokens.size() == tokens.capacity())
       tokens.reserve(expectedTokens(tokens.size(), begin, text, end));
     tokens.emplace_back(text, tokenEnd);
@@ -100,11 +138,11 @@ std::vector<std::string> tokensOf(CharT* text, const char* delimiters, Ended end
   CharT* const end = text + std::strlen(text);
   if (std::strlen(delimiters) == 1) {
     const auto isDelimiter = [only = *delimiters](char c) { return c == only; };
-    splitTokens(text, end, isDelimiter, tokens, ended);
+    splitTokens(text, end, *delimiters, isDelimiter, tokens, ended);
   } else {
     const DelimiterSet set(delimiters);
     const auto isDelimiter = [&set](char c) { return set.holds(c); };
-    splitTokens(text, end, isDelimiter, tokens, ended);
+    splitTokens(text, end, set, isDelimiter, tokens, ended);
   }
   return tokens;
 }

@@ -286,6 +286,32 @@ TEST(VarnDateTime, AgreesWithTheSystemEverywhere) {
   }
 }
 
+TEST(VarnDateTime, ShiftsAsTheSystemDoes) {
+  constexpr std::pair<int std::tm::*, int> fields[] = {
+      {&std::tm::tm_mon, 300},   {&std::tm::tm_mday, 9000},  {&std::tm::tm_year, 30},
+      {&std::tm::tm_hour, 9000}, {&std::tm::tm_min, 900000}, {&std::tm::tm_sec, 90000000}};
+  Random random;
+  for (const char* const zone : {"UTC", "Europe/Berlin", "Africa/Casablanca", "right/UTC"}) {
+    setZone(zone);
+    for (unsigned i = 0; i < 3000; ++i) {
+      const auto [member, range] = fields[i % 6];
+      const int amount = static_cast<int>(random() % static_cast<unsigned>(range)) + 1;
+      std::time_t near = static_cast<std::time_t>(random() % 4'000'000'000) - 1'000'000'000;
+      std::tm expected = *std::localtime(&near);
+      expected.tm_hour = 12;  // which no zone has twice
+      near = std::mktime(&expected);
+      VarnDateTime date;
+      date = expected;
+      expected.*member += i % 4 < 2 ? amount : -amount;
+      ASSERT_NE(std::mktime(&expected), -1);
+      std::string error;
+      ASSERT_TRUE(date.modifyDate(static_cast<VarnDateTime::FieldId_t>(i % 6),
+                                  i % 4 < 2 ? amount : -amount, error));
+      ASSERT_EQ(show(date), show(expected)) << near << " in " << zone << ", field " << i % 6;
+    }
+  }
+}
+
 // However often they were asked before: seconds beyond a minute elapse, also across a change.
 TEST(VarnDateTime, ShiftedSecondsElapse) {
   for (const auto& [zone, from, seconds] :

@@ -211,3 +211,19 @@ TEST(VarnStringUtilities, CaseInsensitiveStringsHaveOneOrder) {
     expectOneOrder(ci_wstring(left.begin(), left.end()), ci_wstring(right.begin(), right.end()));
   }
 }
+
+// As 8-bit Turkish has it, where the small letter of I is another than i.
+TEST(VarnStringUtilities, CaseInsensitiveOrderIsThatOfTheLocale) {
+  const std::int32_t*& table = *__ctype_tolower_loc();
+  const std::int32_t* const own = table;
+  std::vector<std::int32_t> turkish(own - 128, own + 256);
+  turkish[128 + 'I'] = 0xFD;
+  const ci_string small("abcdefgh-i23456789");
+  const ci_string capital("ABCDEFGH-I23456789");
+  const std::less<ci_string> less;
+  EXPECT_FALSE(less(small, capital));
+  table = turkish.data() + 128;
+  EXPECT_TRUE(less(small, capital));
+  EXPECT_FALSE(less(capital, small));
+  table = own;
+}

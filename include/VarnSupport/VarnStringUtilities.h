@@ -34,8 +34,52 @@ class CaseFolding<char> {
     const auto value = static_cast<signed char>(c);
     return value < 0 ? value : m_pTable[value];
   }
+  // Whether the locale takes each letter from A to Z for one with its small letter.
+  bool pairsLetters() const {
+    return std::memcmp(m_pTable + 'A', m_pTable + 'a', 26 * sizeof(*m_pTable)) == 0;
+  }
+  // Where texts of at least kLeast characters differ first in more than the case of such letters;
+  // the length if they do not. Takes two words at a time, which overlap at the end: what is seen
+  // twice was alike.
+  static constexpr std::size_t kLeast = sizeof(std::uint64_t);
+  [[gnu::always_inline]] static std::size_t firstDifference(const char* left, const char* right,
+                                                            std::size_t length) {
+    using Words = std::uint64_t __attribute__((vector_size(2 * kLeast)));
+    using Bytes = std::uint8_t __attribute__((vector_size(2 * kLeast)));
+    using SignedBytes = std::int8_t __attribute__((vector_size(2 * kLeast)));
+    constexpr std::uint64_t caseBits = 0x2020202020202020;
+    constexpr std::uint8_t toLeast = 0x80 - 'a';
+    constexpr std::int8_t behindLetters = 26 - 0x80;
+    const std::size_t lastPair = length > 2 * kLeast ? length - 2 * kLeast : 0;
+    for (std::size_t i = 0; i < length; i += 2 * kLeast) {
+      const std::size_t first = i < lastPair ? i : lastPair;
+      const std::size_t second = i + kLeast < length - kLeast ? i + kLeast : length - kLeast;
+      const Words leftWords = {wordAt(left + first), wordAt(left + second)};
+      const Words rightWords = {wordAt(right + first), wordAt(right + second)};
+      // Moved so, the small letters are the least values that signed bytes have.
+      const auto moved = reinterpret_cast<Bytes>(leftWords | caseBits) + toLeast;
+      const auto isLetter = reinterpret_cast<SignedBytes>(moved) < behindLetters;
+      const Words difference =
+          (leftWords ^ rightWords) & ~(reinterpret_cast<Words>(isLetter) & caseBits);
+      if ((difference[0] | difference[1]) != 0)
+        return difference[0] != 0 ? first + firstByteOf(difference[0])
+                                  : second + firstByteOf(difference[1]);
+    }
+    return length;
+  }
 
  private:
+  static std::uint64_t wordAt(const char* text) {
+    std::uint64_t word;
+    std::memcpy(&word, text, sizeof(word));
+    return word;
+  }
+  static std::size_t firstByteOf(std::uint64_t difference) {
+    const int zeros = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? __builtin_ctzll(difference)
+                                                                : __builtin_clzll(difference);
+    return static_cast<std::size_t>(zeros) / 8;
+  }
+
   const std::int32_t* m_pTable = *__ctype_tolower_loc();
 };
 
@@ -205,8 +249,23 @@ VSUPT_EXPORT std::string VarnStringFromChar(const char* text);
 // The key order of every case-insensitive map: folded characters, then the shorter first.
 template <>
 struct std::less<VarnSupport::ci_string> {
-  bool operator()(const VarnSupport::ci_string& left, const VarnSupport::ci_string& right) const {
-    return left.compare(right) < 0;
+  [[gnu::always_inline]] bool operator()(const VarnSupport::ci_string& left,
+                                         const VarnSupport::ci_string& right) const {
+    const VarnSupport::CaseFolding<char> fold;
+    const bool lettersArePairs = fold.pairsLetters();
+    const std::size_t length = left.size() < right.size() ? left.size() : right.size();
+    std::size_t i = 0;
+    if (lettersArePairs && length >= fold.kLeast)
+      i = fold.firstDifference(left.data(), right.data(), length);
+    for (; i < length; ++i) {
+      const int leftFolded = fold(left[i]);
+      const int rightFolded = fold(right[i]);
+      if (leftFolded < rightFolded)
+        return true;
+      if (leftFolded > rightFolded)
+        return false;
+    }
+    return left.size() < right.size();
   }
 };
 

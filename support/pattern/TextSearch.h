@@ -50,6 +50,30 @@ bool anyInBlock(Test test) {
   return (halves[0] | halves[1]) != 0;
 }
 
+// The first position of a block for which the test of the vectors holds and `isWanted` says so, as
+// a distance from the block's begin; kBlock when there is none.
+template <typename CharT, typename Test, typename IsWanted>
+std::size_t firstInBlock(Test test, IsWanted isWanted) {
+  constexpr bool isLittle = std::endian::native == std::endian::little;
+  constexpr std::size_t laneBits = 8 * sizeof(CharT);
+  constexpr std::size_t lanesOfHalf = kLanes<CharT> / 2;
+  for (std::size_t begin = 0; begin < kBlock<CharT>; begin += kLanes<CharT>) {
+    const auto halves = std::bit_cast<std::array<std::uint64_t, 2>>(test(begin));
+    for (std::size_t half = 0; half < halves.size(); ++half) {
+      for (std::uint64_t rest = halves[half]; rest != 0;) {
+        const auto zeros =
+            static_cast<std::size_t>(isLittle ? std::countr_zero(rest) : std::countl_zero(rest));
+        const std::size_t position = begin + half * lanesOfHalf + zeros / laneBits;
+        if (isWanted(position))
+          return position;
+        const std::uint64_t lane = ~std::uint64_t{0} >> (64 - laneBits);
+        rest ^= lane << (isLittle ? zeros : 64 - laneBits - zeros);
+      }
+    }
+  }
+  return kBlock<CharT>;
+}
+
 // The first position at or after `from` where `wanted` begins, which has two characters at least.
 // Both its ends are looked for at once. Requires: there is room for it at a block of positions.
 template <typename CharT>
@@ -66,10 +90,10 @@ std::size_t searchByBlocks(std::basic_string_view<CharT> text, std::basic_string
       return (load(begins + i) == first) & (load(ends + i) == last);
     };
     if (anyInBlock<CharT>(bothEnds)) {
-      const std::size_t found =
-          text.substr(0, from + kBlock<CharT> + wanted.size() - 1).find(wanted, from);
-      if (found != std::string_view::npos)
-        return found;
+      const std::size_t found = firstInBlock<CharT>(
+          bothEnds, [=](std::size_t i) { return matchesAt(text, from + i, wanted); });
+      if (found < kBlock<CharT>)
+        return from + found;
     }
     if (from + kBlock<CharT> >= end)
       return std::string_view::npos;

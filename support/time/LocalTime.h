@@ -21,6 +21,15 @@ std::time_t fromLocalTime(std::tm& local);
 // The same without normalising.
 std::time_t timeOfLocal(const std::tm& local);
 
+// Whether mktime() accepts `local`, its daylight-saving flag included, and leaves its fields alone.
+bool isLocalTime(const std::tm& local);
+
+// Changes one field of a local time that mktime() leaves alone, and normalises what comes of that,
+// as mktime() would if it were told the daylight-saving rule of `local`. False, with nothing
+// changed, where the system is to be asked, and for the second before the epoch. Sets the
+// calendar's fields alone.
+bool shiftLocalTime(std::tm& local, int std::tm::*field, int value);
+
 // The system's gmtime(), into `utc`, which is left alone when the year does not fit.
 void toUniversalTime(std::time_t time, std::tm& utc);
 

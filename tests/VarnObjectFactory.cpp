@@ -1,11 +1,6 @@
 #include <dlfcn.h>
 
-#include <mutex>
-
-#include "TestTools.h"
-#include "VarnSupport/VarnLibrary.h"
-#include "VarnSupport/VarnModule.h"
-#include "VarnSupport/VarnObjectBase.h"
+#include "LibraryTools.h"
 #include "VarnSupport/VarnObjectFactory.h"
 
 namespace {
@@ -17,42 +12,35 @@ class Product : public VarnObjectBase {};
 VarnObjectBase* makeProduct() { return new Product; }
 
 // Creates its objects by a function of the test.
-class Registration : public VarnObjectFactoryRegistration {
- public:
+struct Registration : VarnObjectFactoryRegistration {
   Registration(const std::string& name, VarnObjectFactory& factory,
-               std::function<VarnObjectBase*()> creator)
-      : VarnObjectFactoryRegistration(name, &factory), m_fCreator(std::move(creator)) {}
+               std::function<VarnObjectBase*()> function)
+      : VarnObjectFactoryRegistration(name, &factory), creator(std::move(function)) {}
   ~Registration() override { unregister(); }
+  VarnSmartPointer<VarnObjectBase> create() override { return creator(); }
 
-  VarnSmartPointer<VarnObjectBase> create() override { return m_fCreator(); }
-
- private:
-  std::function<VarnObjectBase*()> m_fCreator;
+  std::function<VarnObjectBase*()> creator;
 };
 
-// A creation that stays under way on a thread of its own until end(); further ones end at once.
-class LongCreation {
- public:
+// A creation that stays under way on a thread of its own until it may end; further ones end at
+// once.
+struct LongCreation {
   explicit LongCreation(VarnObjectFactory& factory)
-      : m_oRegistration(std::in_place, "long", factory,
-                        [this] {
-                          if (!m_bBegun.exchange(true))
-                            eventually([this] { return m_bMayEnd.load(); });
-                          return makeProduct();
-                        }),
-        m_oThread([&factory] { factory.construct("long"); }) {
-    eventually([this] { return m_bBegun.load(); });
+      : registration(std::in_place, "long", factory,
+                     [this] {
+                       if (!begun.exchange(true))
+                         eventually([this] { return mayEnd.load(); });
+                       return makeProduct();
+                     }),
+        thread([&factory] { factory.construct("long"); }) {
+    eventually([this] { return begun.load(); });
   }
-  ~LongCreation() { end(); }
+  ~LongCreation() { mayEnd = true; }
 
-  void destroyRegistration() { m_oRegistration.reset(); }
-  void end() { m_bMayEnd = true; }
-
- private:
-  std::atomic<bool> m_bBegun{false};
-  std::atomic<bool> m_bMayEnd{false};
-  std::optional<Registration> m_oRegistration;
-  std::jthread m_oThread;
+  std::atomic<bool> begun{false};
+  std::atomic<bool> mayEnd{false};
+  std::optional<Registration> registration;
+  std::jthread thread;
 };
 
 }  // namespace
@@ -98,12 +86,12 @@ TEST(VarnObjectFactory, RemoveOnlyErasesAndDestructionWaitsForCreationsUnderWay)
   EXPECT_TRUE(factory.construct("long") == nullptr);
   std::atomic<bool> destroyed{false};
   const std::jthread destroyer([&] {
-    creation.destroyRegistration();
+    creation.registration.reset();
     destroyed = true;
   });
   sleepMs(20);
   EXPECT_FALSE(destroyed);
-  creation.end();
+  creation.mayEnd = true;
 }
 
 TEST(VarnObjectFactory, ExitDoesNotWaitForACreatorThatNeverReturns) {
@@ -134,23 +122,20 @@ TEST(VarnObjectFactory, ACreatorMayUseTheFactoryAndRemoveItself) {
 TEST(VarnObjectFactory, IsUsableInAForkedChildWhileOthersCreate) {
   VarnObjectFactory& factory = *VarnObjectFactory::getGlobalInstance();
   const LongCreation creation(factory);
-  EXPECT_EQ(0, runInChild([&] {
-              factory.remove("long");
-              factory.add("f", makeProduct);
-              return factory.construct("f") != nullptr ? 0 : 1;
-            }));
+  expectInChild([&] {
+    factory.remove("long");
+    factory.add("f", makeProduct);
+    EXPECT_TRUE(factory.construct("f") != nullptr);
+  });
 }
 
 TEST(VarnObjectFactory, TheGlobalInstanceIsMadeWhenThereIsNone) {
-  EXPECT_EQ(0, runInBareChild([] {
-              VarnObjectFactory* const factory = VarnObjectFactory::getGlobalInstance();
-              factory->add("f", makeProduct);
-              VarnObjectFactory::m_pGlobalInstance = nullptr;
-              VarnObjectFactory* const anew = VarnObjectFactory::getGlobalInstance();
-              delete factory;  // it counts no more, at a fork either
-              return runInBareChild(
-                  [=] { return static_cast<int>(anew->getRegisteredClasses().size()); });
-            }));
+  VarnObjectFactory* const factory = VarnObjectFactory::getGlobalInstance();
+  factory->add("f", makeProduct);
+  VarnObjectFactory::m_pGlobalInstance = nullptr;
+  VarnObjectFactory* const anew = VarnObjectFactory::getGlobalInstance();
+  delete factory;  // it counts no more, at a fork either
+  expectInBareChild([=] { EXPECT_EQ(Names(), anew->getRegisteredClasses()); });
 }
 
 TEST(VarnObjectFactory, TheGlobalInstanceIsDeletedOnceAndByTheDetachingLibrary) {

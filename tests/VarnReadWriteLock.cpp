@@ -1,7 +1,5 @@
 #include "VarnSupport/VarnReadWriteLock.h"
 #include "LibraryTools.h"
-#include "VarnSupport/VarnLockFactory.h"
-#include "VarnSupport/VarnObjectBase.h"
 
 namespace {
 

@@ -346,18 +346,3 @@ TEST(VarnDateTime, FacetsOfCallersMayUseDates) {
   const std::locale asking(std::locale::classic(), new Asking);
   EXPECT_EQ(at("06/11/2020 08:49:37").toString(asking), L"Fri Nov  6 08:49:37 2020");
 }
-
-TEST(VarnDateTime, WorksBesideAnotherThreadAndInAChildForkedMeanwhile) {
-  const auto expectTexts = [] {
-    EXPECT_EQ(at("1/2/2024").toString(std::locale::classic()), L"Thu Feb  1 00:00:00 2024");
-  };
-  const auto other = repeating([day = 0U]() mutable {
-    std::string error;
-    ++day;
-    VarnDateTime().setDateImpl(1 + day % 28, 1, day % 8000, error);
-  });
-  for (int i = 0; i < 100; ++i) {
-    expectInBareChild(expectTexts);
-    expectTexts();
-  }
-}

@@ -58,24 +58,21 @@ TEST(VarnLogFile, KeepsItsNameAndWhatIsThereAndIsForOwnerAndGroup) {
 }
 
 TEST(VarnLogFile, RotationUnderLoadWritesEachRecordOnce) {
-  constexpr int kThreads = 4;
-  constexpr int kRecords = 500;
   for (const std::size_t queueBytes : {0, 64 << 20}) {  // the load has no brake
     RegisteredFile file(queueBytes);
     std::atomic<std::size_t> written{0};
     std::atomic<bool> rotated{false};
-    onThreads(kThreads + 2, [&](int thread) {
-      for (int i = 0; thread < kThreads && (i < kRecords || !rotated); ++i) {
-        VarnLogRecord(5) << thread << ":" << i;
+    onThreads(6, [&](int thread) {
+      const std::string prefix = std::to_string(thread) + ':';
+      for (int i = 0; thread < 4 && (i < 500 || !rotated); ++i) {
+        VarnLogRecord(5) << prefix << i;
         ++written;
       }
-      for (int i = 0; thread >= kThreads && i < 100; ++i) {
-        std::rename(file.path().c_str(),
-                    (file.path() + std::to_string(thread) + '.' + std::to_string(i)).c_str());
+      for (int i = 0; thread >= 4 && i < 100; ++i) {
+        std::rename(file.path().c_str(), (file.path() + prefix + std::to_string(i)).c_str());
         EXPECT_TRUE(file.log.reopen());
+        rotated = i == 99;
       }
-      if (thread >= kThreads)
-        rotated = true;
     });
     file.log.flush();
     EXPECT_EQ(0U, file.log.lostRecords()) << file.log.lastError();

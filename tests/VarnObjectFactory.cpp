@@ -5,8 +5,6 @@
 
 namespace {
 
-using Names = std::vector<std::string>;
-
 class Product : public VarnObjectBase {};
 
 VarnObjectBase* makeProduct() { return new Product; }
@@ -53,7 +51,7 @@ TEST(VarnObjectFactory, RegistrationsWinOverFunctionsAndGoFirst) {
   factory.add("b", [] { return static_cast<VarnObjectBase*>(nullptr); });
   factory.add("a", makeProduct);
   factory.add("null", nullptr);
-  EXPECT_EQ((Names{"a", "b", "null", "a"}), factory.getRegisteredClasses());
+  EXPECT_EQ((Lines{"a", "b", "null", "a"}), factory.getRegisteredClasses());
   EXPECT_TRUE(factory.construct("a") == special);
   EXPECT_TRUE(factory.construct("b") == nullptr);
   EXPECT_TRUE(factory.construct("null") == nullptr);
@@ -64,7 +62,7 @@ TEST(VarnObjectFactory, RegistrationsWinOverFunctionsAndGoFirst) {
   EXPECT_EQ(1, made->refCount());
   factory.remove("a");
   factory.remove("a");
-  EXPECT_EQ((Names{"b", "null"}), factory.getRegisteredClasses());
+  EXPECT_EQ((Lines{"b", "null"}), factory.getRegisteredClasses());
 }
 
 TEST(VarnObjectFactory, CopiesTakeTheFunctionsOnly) {
@@ -74,9 +72,9 @@ TEST(VarnObjectFactory, CopiesTakeTheFunctionsOnly) {
   const Registration ofTarget("t", target, makeProduct);
   source.add("f", makeProduct);
   target.add("g", makeProduct);
-  EXPECT_EQ(Names{"f"}, VarnObjectFactory(source).getRegisteredClasses());
+  EXPECT_EQ(Lines{"f"}, VarnObjectFactory(source).getRegisteredClasses());
   target = source;
-  EXPECT_EQ((Names{"f", "t"}), target.getRegisteredClasses());
+  EXPECT_EQ((Lines{"f", "t"}), target.getRegisteredClasses());
 }
 
 TEST(VarnObjectFactory, RemoveOnlyErasesAndDestructionWaitsForCreationsUnderWay) {
@@ -116,7 +114,7 @@ TEST(VarnObjectFactory, ACreatorMayUseTheFactoryAndRemoveItself) {
     return makeProduct();
   });
   EXPECT_TRUE(factory.construct("self") != nullptr);
-  EXPECT_EQ(Names{"later"}, factory.getRegisteredClasses());
+  EXPECT_EQ(Lines{"later"}, factory.getRegisteredClasses());
 }
 
 TEST(VarnObjectFactory, IsUsableInAForkedChildWhileOthersCreate) {
@@ -135,7 +133,7 @@ TEST(VarnObjectFactory, TheGlobalInstanceIsMadeWhenThereIsNone) {
   VarnObjectFactory::m_pGlobalInstance = nullptr;
   VarnObjectFactory* const anew = VarnObjectFactory::getGlobalInstance();
   delete factory;  // it counts no more, at a fork either
-  expectInBareChild([=] { EXPECT_EQ(Names(), anew->getRegisteredClasses()); });
+  expectInBareChild([=] { EXPECT_EQ(Lines(), anew->getRegisteredClasses()); });
 }
 
 TEST(VarnObjectFactory, TheGlobalInstanceIsDeletedOnceAndByTheDetachingLibrary) {
@@ -159,7 +157,7 @@ TEST(VarnLibrary, APlugInAddsItsClassesWhileItIsLoaded) {
   VarnObjectFactory& factory = *VarnObjectFactory::getGlobalInstance();
   for (int round = 0; round < 2; ++round) {
     VarnSmartPointer<VarnLibrary> library(new VarnLibrary(VSUPT_TEST_PLUGIN, true));
-    EXPECT_EQ(Names{"Greeting"}, factory.getRegisteredClasses());
+    EXPECT_EQ(Lines{"Greeting"}, factory.getRegisteredClasses());
     EXPECT_TRUE(factory.construct("Greeting")->isA("Greeting"));
     EXPECT_EQ(nullptr, library->getProcAddr("noSuchSymbol"));
     void* const version = library->getProcAddr("greetingVersion");
@@ -168,9 +166,9 @@ TEST(VarnLibrary, APlugInAddsItsClassesWhileItIsLoaded) {
     const VarnSmartPointer<VarnLibrary> byShortName(new VarnLibrary("vsupt_test_plugin", false));
     EXPECT_EQ(version, byShortName->getProcAddr("greetingVersion"));
     library = nullptr;
-    EXPECT_EQ(Names{"Greeting"}, factory.getRegisteredClasses());
+    EXPECT_EQ(Lines{"Greeting"}, factory.getRegisteredClasses());
   }
-  EXPECT_EQ(Names(), factory.getRegisteredClasses());
+  EXPECT_EQ(Lines(), factory.getRegisteredClasses());
   EXPECT_EQ(nullptr, dlopen(VSUPT_TEST_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
 }
 

@@ -5,45 +5,37 @@
 
 namespace {
 
-class Numbers : public VarnBaseSynchronizedQueue {
- public:
-  void clear() override { m_vNumbers.clear(); }
-  bool pop(int& number) {
-    const bool found = !m_vNumbers.empty();
-    if (found) {
-      number = m_vNumbers.front();
-      m_vNumbers.pop_front();
-    }
-    return found;
-  }
-
-  std::deque<int> m_vNumbers;  // guarded by the mutex of the work
+struct Numbers : VarnBaseSynchronizedQueue {
+  void clear() override { numbers.clear(); }
+  std::deque<int> numbers;  // guarded by the mutex of the work
 };
 
 class Work : public VarnBaseProducerConsumer {
  public:
-  explicit Work(Numbers& numbers) : VarnBaseProducerConsumer(numbers), m_oNumbers(numbers) {}
+  explicit Work(Numbers& queue) : VarnBaseProducerConsumer(queue), m_vNumbers(queue.numbers) {}
 
   void produce(int number) {
     lockSyncMutex();
-    m_oNumbers.m_vNumbers.push_back(number);
+    m_vNumbers.push_back(number);
     setSyncEvent();
     unlockSyncMutex();
   }
   // False when there is nothing more to come.
   bool consume(int& number) {
     lockSyncMutex();
-    bool found = m_oNumbers.pop(number);
-    while (!found && !isSentinel()) {
+    while (m_vNumbers.empty() && !isSentinel())
       waitForSyncEvent();
-      found = m_oNumbers.pop(number);
+    const bool found = !m_vNumbers.empty();
+    if (found) {
+      number = m_vNumbers.front();
+      m_vNumbers.pop_front();
     }
     unlockSyncMutex();
     return found;
   }
 
  private:
-  Numbers& m_oNumbers;
+  std::deque<int>& m_vNumbers;
 };
 
 const std::string kDestructor = "VarnEventTimerThread::~VarnEventTimerThread: ";

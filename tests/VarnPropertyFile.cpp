@@ -87,7 +87,6 @@ TEST_F(VarnPropertyFile, OnlyFirstValuesAreSavedInKeyOrder) {
 }
 
 TEST_F(VarnPropertyFile, AFileThatCannotBeOpenedChangesNothing) {
-  const std::string prefix = "VarnProperties<StringType>::";
   Narrow properties;
   properties.addProperty("a", std::string("1"));
   for (const std::string& name : {path("none/file"), m_oFolder.path()}) {
@@ -95,7 +94,7 @@ TEST_F(VarnPropertyFile, AFileThatCannotBeOpenedChangesNothing) {
     EXPECT_FALSE(properties.savePropertiesImpl(name));
     EXPECT_THROW(properties.saveProperties(name), VarnException);
     EXPECT_EQ(resultOf([&] { properties.loadProperties(name, '='); }),
-              prefix + "loadProperties: couldn't open file " + name);
+              "VarnProperties<StringType>::loadProperties: couldn't open file " + name);
   }
   EXPECT_EQ(properties.getProperties(), (Expected{{"a", {"1"}}}));
 }

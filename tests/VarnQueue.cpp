@@ -2,12 +2,8 @@
 
 #include "LibraryTools.h"
 
-namespace {
-
-using Owner = std::unique_ptr<int>;
-}  // namespace
-
 TEST(VarnQueue, GivesWhatItWasGivenInOrder) {
+  using Owner = std::unique_ptr<int>;
   VarnQueue<Owner> queue(2);
   EXPECT_TRUE(queue.give(std::make_unique<int>(1)));
   Owner second = std::make_unique<int>(2);

@@ -1,7 +1,16 @@
 // Processes that split and stop while everything else is under way.
+#include <locale>
+
 #include "LibraryTools.h"
 
 namespace {
+
+void useDates() {
+  VarnDateTime date;
+  std::string error;
+  EXPECT_TRUE(date.setDateTime("1/2/2024", error));
+  EXPECT_EQ(date.toString(std::locale::classic()), L"Thu Feb  1 00:00:00 2024");
+}
 
 // Threads that log, count, use timers and format dates until the result is destroyed. None if
 // children shall go on under AddressSanitizer: its heap stays locked in a child that is forked
@@ -18,7 +27,7 @@ std::vector<std::jthread> load(bool childrenGoOn = true) {
       timer.reset();
       timer.stop();
     }));
-  threads.push_back(repeating([] { VarnDateTime().toGMTString(); }));
+  threads.push_back(repeating([] { useDates(); }));
   return threads;
 }
 
@@ -36,7 +45,7 @@ int useEverything() {
   VarnCriticalSectionObject lock;
   const VarnCriticalSection guard(lock, true);
   const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
-  VarnDateTime().toGMTString();
+  useDates();
   VarnTimer timer(1, true);
   const Observer flag(timer);
   timer.reset();

@@ -20,15 +20,13 @@ struct Victim : VarnThread {
   std::function<void()> m_oTurn;
 };
 
-struct Product : VarnWorkInformation {};
-
-VarnObjectBase* makeProduct() { return new Product; }
+using Product = VarnWorkInformation;
 
 struct Registration : VarnObjectFactoryRegistration {
   explicit Registration(VarnObjectFactory& factory)
       : VarnObjectFactoryRegistration("class", &factory) {}
   ~Registration() override { unregister(); }
-  VarnSmartPointer<VarnObjectBase> create() override { return makeProduct(); }
+  VarnSmartPointer<VarnObjectBase> create() override { return new Product; }
 };
 
 // What threads work with, and what must be as if there had been none when they are dead.
@@ -260,6 +258,9 @@ TEST(KillStress, AThreadKilledWhileItWaitsForALockNeverHasIt) {
     section.unlock();
     EXPECT_EQ(0, pthread_join(thread, nullptr));
     EXPECT_FALSE(hasIt);
+    EXPECT_FALSE(victim->isAlive());
+    EXPECT_EQ(-1, victim->getExitCode());
+    EXPECT_EQ(0, victim->wait(-1));
     EXPECT_TRUE(elsewhere([&] {
       const bool isFree = rwLock.tryWriteLock() && section.testAndSet();
       rwLock.writeUnLock();

@@ -6,10 +6,7 @@
 #include <pthread.h>
 
 #include "TestTools.h"
-#include "VarnSupport/VarnCollaborator.h"
-#include "VarnSupport/VarnCriticalSection.h"
-#include "VarnSupport/VarnLogging.h"
-#include "VarnSupport/VarnThread.h"
+#include "VarnSupport/VarnSupport.h"
 
 // Does what the case wants, then counts the call.
 class Observer : public VarnDependent {
@@ -41,13 +38,31 @@ class Observer : public VarnDependent {
 // Runs a function on a thread; the derived part outlives the body.
 class Task : public VarnThread {
  public:
-  explicit Task(std::function<int()> body, const std::string& name = "task")
-      : VarnThread(name), m_oBody(std::move(body)) {}
+  template <typename Body>
+  explicit Task(Body body, const std::string& name = "task")
+      : VarnThread(name), m_oBody([body]() mutable { return codeOf(body); }) {}
   ~Task() override { waitForThreadExit(); }
   int run() override { return m_oBody(); }
 
  private:
   std::function<int()> m_oBody;
+};
+
+// A service whose hooks are the case's.
+class HookedService : public VarnService {
+ public:
+  HookedService() : VarnService("1", "named", "3", "4", true) {}
+
+  std::function<bool()> startHook = [] { return true; };
+  std::function<void()> stopHook = [] {};
+  std::string arguments;
+
+ protected:
+  bool onStart(const std::string& given) override {
+    arguments = given;
+    return startHook();
+  }
+  void onStop() override { stopHook(); }
 };
 
 // Kills a thread and looks at what it ended with.
@@ -59,6 +74,19 @@ inline void killAndJoin(VarnThread& thread) {
   EXPECT_EQ(PTHREAD_CANCELED, result);
 }
 
+// Runs `body` on a thread that can be killed, and that sleeps there when this returns.
+template <typename Body>
+std::unique_ptr<Task> startTask(Body body) {
+  auto id = std::make_shared<std::atomic<pid_t>>(0);
+  auto task = std::make_unique<Task>([=] {
+    *id = gettid();
+    return codeOf(body);
+  });
+  task->start();
+  EXPECT_TRUE(eventually([&] { return *id != 0 && isAsleep(*id); }));
+  return task;
+}
+
 // Whether no ended thread is left to be joined.
 inline bool areAllReaped() {
   const VarnCriticalSection guard(g_exitThreadLock, true);
@@ -66,8 +94,8 @@ inline bool areAllReaped() {
 }
 
 // The texts of records, behind their headers.
-inline std::vector<std::string> textsOf(const std::string& file) {
-  std::vector<std::string> texts = linesOf(file);
+inline Lines textsOf(const std::string& file) {
+  Lines texts = linesOf(file);
   for (std::string& line : texts) {
     const std::size_t header = line.find("] ");
     line.erase(0, header == std::string::npos ? 0 : header + 2);
@@ -85,12 +113,12 @@ class FileLog {
   VarnLogging& log() { return m_oLog; }
 
   std::string file() const {
-    for (const auto& entry : std::filesystem::directory_iterator(m_oFolder.path()))
+    for (const auto& entry : fs::directory_iterator(m_oFolder.path()))
       return entry.path().string();
     return "";
   }
-  std::vector<std::string> lines() const { return linesOf(file()); }
-  std::vector<std::string> texts() const { return textsOf(file()); }
+  Lines lines() const { return linesOf(file()); }
+  Lines texts() const { return textsOf(file()); }
 
  private:
   TempFolder m_oFolder;

@@ -1,13 +1,7 @@
 // Sections are checked where the environment said so when the library was loaded: each case runs
 // again, in a program of its own.
-#include <fcntl.h>
-
-#include <mutex>
 
 #include "LibraryTools.h"
-#include "VarnSupport/VarnCriticalSection.h"
-#include "VarnSupport/VarnLockFactory.h"
-#include "VarnSupport/VarnLogObserver.h"
 
 namespace {
 
@@ -31,26 +25,11 @@ bool isChecked(const std::string& standardError = "") {
 }
 
 // A log, and the reports in it.
-class Reports {
- public:
-  Reports() { VarnLogging::setInstance(m_oLog); }
+struct Reports : Notes {
+  Reports() { VarnLogging::setInstance(log); }
 
-  std::vector<std::string> all() {
-    const std::lock_guard guard(m_oMutex);
-    return m_vTexts;
-  }
-  bool come(std::size_t count) {
-    return eventually([&] { return all().size() >= count; });
-  }
-
- private:
-  std::mutex m_oMutex;
-  std::vector<std::string> m_vTexts;
-  VarnLogging m_oLog{"unused", 0, 1};
-  VarnLogObserver m_oObserver{1, [this](const VarnLogEntry& entry) {
-                                const std::lock_guard guard(m_oMutex);
-                                m_vTexts.emplace_back(entry.text);
-                              }};
+  VarnLogging log{"unused", 0, 1};
+  VarnLogObserver observer{1, [this](const VarnLogEntry& entry) { add(std::string(entry.text)); }};
 };
 
 template <typename First, typename Second>
@@ -78,7 +57,7 @@ TEST(LockOrder, BothOrdersAreReportedOnceWithBothStacks) {
   ASSERT_EQ(2U, reports.all().size());
   const std::string first = reports.all().front();
   EXPECT_TRUE(contains(first, "thread " + std::to_string(gettid()) + " took 0x")) << first;
-  const auto program = std::filesystem::read_symlink("/proc/self/exe").string();
+  const auto program = fs::read_symlink("/proc/self/exe").string();
   const std::size_t halves = first.rfind(" took 0x");
   EXPECT_TRUE(contains(first.substr(0, halves), " in " + program + " 0x")) << first;
   EXPECT_TRUE(contains(first.substr(halves), " in " + program + " 0x")) << first;
@@ -127,7 +106,7 @@ TEST(LockOrder, ThreadsThatAreAboutToHangAreReported) {
     EXPECT_TRUE(text.ends_with("\n")) << text;
     return;
   }
-  const std::string error = std::filesystem::read_symlink("/proc/self/fd/2").string();
+  const std::string error = fs::read_symlink("/proc/self/fd/2").string();
   VarnCriticalSectionObject sections[2];
   std::atomic<int> holders{0};
   for (int i = 0; i < 2; ++i) {

@@ -3,7 +3,10 @@
 #ifndef TESTS_TESTTOOLS_H
 #define TESTS_TESTTOOLS_H
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,9 +24,12 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -31,9 +37,13 @@
 
 #include "VarnSupport/VarnException.h"
 
+namespace fs = std::filesystem;
 using namespace VarnSupport;
+using namespace std::chrono_literals;
 
 using Clock = std::chrono::steady_clock;
+
+using Lines = std::vector<std::string>;
 
 constexpr std::chrono::seconds kGenerous{30};
 
@@ -136,21 +146,42 @@ inline bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
+// Texts that several threads note.
+class Notes {
+ public:
+  void add(std::string text) {
+    const std::lock_guard guard(m_oMutex);
+    m_vTexts.push_back(std::move(text));
+  }
+  Lines all() const {
+    const std::lock_guard guard(m_oMutex);
+    return m_vTexts;
+  }
+  // Waits until there are so many.
+  bool come(std::size_t count) const {
+    return eventually([&] { return all().size() >= count; });
+  }
+
+ private:
+  mutable std::mutex m_oMutex;
+  Lines m_vTexts;
+};
+
 class TempFolder {
  public:
   TempFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vsupt-XXXXXX").string();
+    std::string pattern = (fs::temp_directory_path() / "vsupt-XXXXXX").string();
     m_oPath = mkdtemp(pattern.data());
   }
   TempFolder(const TempFolder&) = delete;
   TempFolder& operator=(const TempFolder&) = delete;
-  ~TempFolder() { std::filesystem::remove_all(m_oPath); }
+  ~TempFolder() { fs::remove_all(m_oPath); }
 
   std::string operator/(const std::string& name) const { return (m_oPath / name).string(); }
   std::string path() const { return m_oPath.string(); }
 
  private:
-  std::filesystem::path m_oPath;
+  fs::path m_oPath;
 };
 
 inline std::string contentsOf(const std::string& file) {
@@ -158,16 +189,16 @@ inline std::string contentsOf(const std::string& file) {
   return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-inline std::vector<std::string> linesOf(const std::string& file) {
+inline Lines linesOf(const std::string& file) {
   std::ifstream stream(file);
-  std::vector<std::string> lines;
+  Lines lines;
   for (std::string line; std::getline(stream, line);)
     lines.push_back(line);
   return lines;
 }
 
 inline int entriesIn(const std::string& folder) {
-  return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder), {}));
+  return static_cast<int>(std::distance(fs::directory_iterator(folder), {}));
 }
 
 // The threads of this process. ThreadSanitizer's own one starts with the first.
@@ -217,24 +248,56 @@ inline int outcomeOf(pid_t child) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// Runs `body` in a child process, which ends with exit(result).
-inline pid_t startChild(const std::function<int()>& body) {
+// Sends SIGTERM to a process that somebody else waits for, and waits for its end.
+inline void terminate(pid_t process) {
+  kill(process, SIGTERM);
+  EXPECT_TRUE(eventually([&] { return isGone(process); }));
+}
+
+// What `body` returns, 0 if that is nothing.
+template <typename Body>
+int codeOf(Body& body) {
+  if constexpr (std::is_void_v<decltype(body())>)
+    return body(), 0;
+  else
+    return body();
+}
+
+// Runs `body` in a child process, which ends with exit(code).
+template <typename Body>
+pid_t startChild(Body body) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0)
-    std::exit(body());
+    std::exit(codeOf(body));
   return child;
 }
 
-inline int runInChild(const std::function<int()>& body) { return outcomeOf(startChild(body)); }
-
-// The same, but it ends with _exit(result): nothing of the parent is destroyed there.
-inline pid_t startBareChild(const std::function<int()>& body) {
-  return startChild([&]() -> int { _exit(body()); });
+template <typename Body>
+int runInChild(Body body) {
+  return outcomeOf(startChild(body));
 }
 
-inline int runInBareChild(const std::function<int()>& body) {
+// Runs `body` in a child process, where all that it expects must hold.
+template <typename Body>
+void expectInChild(Body body) {
+  EXPECT_EQ(0, runInChild([&] { return body(), testing::Test::HasFailure() ? 1 : 0; }));
+}
+
+// The same, but it ends with _exit(code): nothing of the parent is destroyed there.
+template <typename Body>
+pid_t startBareChild(Body body) {
+  return startChild([&]() -> int { _exit(codeOf(body)); });
+}
+
+template <typename Body>
+int runInBareChild(Body body) {
   return outcomeOf(startBareChild(body));
+}
+
+template <typename Body>
+void expectInBareChild(Body body) {
+  EXPECT_EQ(0, runInBareChild([&] { return body(), testing::Test::HasFailure() ? 1 : 0; }));
 }
 
 #endif

@@ -1,7 +1,5 @@
-#include <map>
-
-#include "LibraryTools.h"
 #include "VarnSupport/VarnCollaborator.h"
+#include "LibraryTools.h"
 
 namespace {
 

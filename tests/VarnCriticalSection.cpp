@@ -96,9 +96,8 @@ TEST(VarnCriticalSection, TheThreadListFollowsLocksTakenAndGivenUpInAnyOrder) {
   a.unlock();
   VarnCriticalSectionRecoverFn(nullptr);
   EXPECT_EQ(nullptr, newest());
-  EXPECT_TRUE(otherThreadGets(a));
-  EXPECT_TRUE(otherThreadGets(b));
-  EXPECT_TRUE(otherThreadGets(c));
+  for (VarnCriticalSectionObject* const lock : {&a, &b, &c})
+    EXPECT_TRUE(otherThreadGets(*lock));
 }
 
 TEST(VarnCriticalSection, RacingFirstUsersMakeOneLock) {

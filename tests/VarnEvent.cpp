@@ -1,18 +1,6 @@
 #include "VarnSupport/VarnEvent.h"
 #include "LibraryTools.h"
 
-namespace {
-
-// Sets an event again and again: a set that finds nobody is not remembered.
-std::jthread setting(VarnEvent& event) {
-  return repeating([&] {
-    event.set();
-    sleepMs(1);
-  });
-}
-
-}  // namespace
-
 TEST(VarnEvent, FiniteWaitsEndAtOnceByTheirWrappedNanoseconds) {
   VarnEvent event;
   const std::pair<int, int> cases[] = {{0, -2},    {1, -2},    {500, -2},
@@ -26,7 +14,7 @@ TEST(VarnEvent, WaitsForTheNextSetAndForgetsEarlierOnes) {
   VarnEvent event;
   event.set();
   std::atomic<bool> woken{false};
-  std::thread waiter([&] {
+  const auto waiter = startSleeper([&] {
     EXPECT_EQ(0, event.wait(-1));
     woken = true;
   });
@@ -35,11 +23,7 @@ TEST(VarnEvent, WaitsForTheNextSetAndForgetsEarlierOnes) {
     sleepMs(1);
   }
   EXPECT_FALSE(woken);
-  {
-    const auto setter = setting(event);
-    EXPECT_TRUE(eventually([&] { return woken.load(); }));
-  }
-  waiter.join();
+  event.set();
 }
 
 TEST(VarnEvent, WakesWhoeverWaitsOnItsHandle) {
@@ -49,18 +33,12 @@ TEST(VarnEvent, WakesWhoeverWaitsOnItsHandle) {
   };
   VarnEvent event;
   auto* const handle = static_cast<Handle*>(event.getHandle());
-  std::atomic<bool> woken{false};
-  std::thread waiter([&] {
+  const auto waiter = startSleeper([handle] {
     pthread_mutex_lock(&handle->mutex);
     pthread_cond_wait(&handle->condition, &handle->mutex);
     pthread_mutex_unlock(&handle->mutex);
-    woken = true;
   });
-  {
-    const auto setter = setting(event);
-    EXPECT_TRUE(eventually([&] { return woken.load(); }));
-  }
-  waiter.join();
+  event.set();
 }
 
 TEST(VarnEvent, TellsDependentsBeforeItWakesWaiters) {
@@ -69,9 +47,11 @@ TEST(VarnEvent, TellsDependentsBeforeItWakesWaiters) {
     EXPECT_EQ(1, notification.getId());
     sleepMs(20);
   });
-  const auto setter = setting(event);
-  event.wait(-1);
-  EXPECT_GE(observer.calls, 1);
+  const auto waiter = startSleeper([&] {
+    event.wait(-1);
+    EXPECT_EQ(1, observer.calls);
+  });
+  event.set();
 }
 
 TEST(VarnEvent, SendsAndReclaimsWhatADerivedEventCreates) {

@@ -1,19 +1,13 @@
 #include "VarnSupport/VarnFileWatch.h"
 
-#include <sys/stat.h>
-
-#include <condition_variable>
-#include <mutex>
-
-#include "LibraryTools.h"
+#include "LoopTools.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using Watch = VarnFileWatch;
 using Change = Watch::Change;
 
-// Keeps what it is told, as text: "MADE b.log 3".
+// Keeps what it is told, as text: "MADE b.log".
 class Told {
  public:
   Watch::Function function() {
@@ -26,80 +20,60 @@ class Told {
         std::string(names[change.what]) + ' ' + fs::path(change.path).filename().string();
     if (!change.newPath.empty())
       text += " to " + fs::path(change.newPath).filename().string();
-    const std::lock_guard guard(m_oMutex);
-    m_vTexts.push_back(text);
-    m_nSize = change.size;
+    size = change.size;
+    m_oNotes.add(text);
   }
-  std::vector<std::string> texts() const {
-    const std::lock_guard guard(m_oMutex);
-    return m_vTexts;
-  }
-  std::uint64_t size() const {
-    const std::lock_guard guard(m_oMutex);
-    return m_nSize;
-  }
+  Lines texts() const { return m_oNotes.all(); }
   // Waits until these were told, in this order and since the last time, other changes apart.
-  bool tells(const std::vector<std::string>& expected) {
+  bool tells(const Lines& expected) {
     return eventually(
                [&] {
-                 const std::lock_guard guard(m_oMutex);
-                 std::size_t next = m_nSeen;
+                 const Lines all = texts();
+                 auto next = all.begin() + m_nSeen;
                  for (const std::string& text : expected) {
-                   while (next < m_vTexts.size() && m_vTexts[next] != text)
-                     ++next;
-                   if (next++ >= m_vTexts.size())
+                   next = std::find(next, all.end(), text);
+                   if (next == all.end())
                      return false;
+                   ++next;
                  }
-                 m_nSeen = next;
+                 m_nSeen = next - all.begin();
                  return true;
                },
-               std::chrono::seconds(10)) ||
+               10s) ||
            (ADD_FAILURE() << testing::PrintToString(texts()), false);
   }
   bool hasTold(const std::string& text) const {
-    const std::vector<std::string> all = texts();
+    const Lines all = texts();
     return std::find(all.begin(), all.end(), text) != all.end();
   }
 
+  std::atomic<std::uint64_t> size{0};
+
  private:
-  mutable std::mutex m_oMutex;
-  std::vector<std::string> m_vTexts;
-  std::uint64_t m_nSize = 0;
-  std::size_t m_nSeen = 0;
+  Notes m_oNotes;
+  std::ptrdiff_t m_nSeen = 0;
 };
 
 // Holds up the function that tells of a change.
 class Gate {
  public:
   // The next one that tells of this name.
-  void close(const std::string& name) {
-    const std::lock_guard guard(m_oMutex);
-    m_sName = name;
-  }
+  void close(const char* name) { m_sName = name; }
   void pass(const Change& change) {
-    std::unique_lock lock(m_oMutex);
-    if (change.what != Watch::CHANGED || fs::path(change.path).filename() != m_sName)
+    if (change.what != Watch::CHANGED || fs::path(change.path).filename() != m_sName.load())
       return;
-    m_sName.clear();
+    m_sName = "";
     m_bHolds = true;
-    m_oChanged.notify_all();
-    m_oChanged.wait_for(lock, std::chrono::seconds(20), [&] { return !m_bHolds; });
+    EXPECT_TRUE(eventually([&] { return !m_bHolds; }));
   }
   void await() {
-    std::unique_lock lock(m_oMutex);
-    EXPECT_TRUE(m_oChanged.wait_for(lock, std::chrono::seconds(10), [&] { return m_bHolds; }));
+    EXPECT_TRUE(eventually([&] { return m_bHolds.load(); }));
   }
-  void open() {
-    const std::lock_guard guard(m_oMutex);
-    m_bHolds = false;
-    m_oChanged.notify_all();
-  }
+  void open() { m_bHolds = false; }
 
  private:
-  std::mutex m_oMutex;
-  std::condition_variable m_oChanged;
-  std::string m_sName;
-  bool m_bHolds = false;
+  std::atomic<const char*> m_sName{""};
+  std::atomic<bool> m_bHolds{false};
 };
 
 void append(const std::string& file, const std::string& text) {
@@ -143,13 +117,13 @@ TEST(VarnFileWatch, FollowsANameThroughRotations) {
     ASSERT_TRUE(told.tells({"MOVED app.log to app.log.1", "MADE app.log"}));
   }
   // By copy and cut.
-  ASSERT_TRUE(eventually([&] { return told.size() == 20; }));
+  ASSERT_TRUE(eventually([&] { return told.size == 20; }));
   fs::copy_file(file, folder / "app.log.2");
   fs::resize_file(file, 0);
   EXPECT_TRUE(told.tells({"CUT app.log"}));
   append(file, "x");
   EXPECT_TRUE(told.tells({"CHANGED app.log"}));
-  EXPECT_EQ(1U, told.size());
+  EXPECT_EQ(1U, told.size);
   // By a new file that takes the place, and by removal.
   writeFile(folder / "new", "n");
   fs::rename(folder / "new", file);
@@ -313,38 +287,13 @@ TEST(VarnFileWatch, LostEventsAreToldAndMadeGood) {
 
 TEST(VarnFileWatch, IsDestroyedWhileItFires) {
   const TempFolder folder;
-  VarnCallbackPool pool(2);
   const auto writer = repeating([&] {
     writeFile(folder / "a", "x");
     fs::remove(folder / "a");
   });
-  const auto end = Clock::now() + stressTime(1);
-  onThreads(3, [&](int thread) {
-    while (Clock::now() < end) {
-      std::atomic<bool> alive{true};
-      std::atomic<int> calls{0};
-      std::unique_ptr<Watch> watch;
-      std::atomic<bool> isReady{false};
-      std::atomic<bool> isGone{false};
-      watch = std::make_unique<Watch>(
-          folder / "*",
-          [&](const Change&) {
-            EXPECT_TRUE(alive);
-            ++calls;
-            if (isReady && thread == 1 && !isGone) {
-              watch.reset();
-              isGone = true;
-            }
-          },
-          thread == 0 ? nullptr : &pool);
-      isReady = true;
-      ASSERT_TRUE(eventually([&] { return thread == 1 ? isGone.load() : calls > 1; }));
-      if (thread == 1)
-        sleepMs(1);
-      else
-        watch.reset();
-      alive = false;
-    }
+  destroyWhileTheyCall([&](const auto& called, VarnCallbackPool* pool) {
+    return std::make_unique<Watch>(
+        folder / "*", [called](const Change&) { called(); }, pool);
   });
 }
 
@@ -354,16 +303,15 @@ TEST(VarnFileWatch, AChildOfAForkLeavesTheParentsAlone) {
   auto watch = std::make_unique<Watch>(folder / "*", told.function());
   writeFile(folder / "a", "");
   ASSERT_TRUE(told.tells({"MADE a"}));
-  EXPECT_EQ(0, runInBareChild([&] {
-              leaksCanBeFound = false;
-              watch.reset();
-              Told mine;
-              const Watch another(folder / "*", mine.function());
-              if (!mine.tells({"FOUND a"}))
-                return 1;
-              writeFile(folder / "b", "");
-              return mine.tells({"MADE b"}) ? 0 : 2;
-            }));
+  expectInBareChild([&] {
+    leaksCanBeFound = false;
+    watch.reset();
+    Told mine;
+    const Watch another(folder / "*", mine.function());
+    EXPECT_TRUE(mine.tells({"FOUND a"}));
+    writeFile(folder / "b", "");
+    EXPECT_TRUE(mine.tells({"MADE b"}));
+  });
   EXPECT_TRUE(told.tells({"MADE b"}));
   append(folder / "a", "x");
   EXPECT_TRUE(told.tells({"CHANGED a"}));

@@ -1,9 +1,6 @@
-#include <sys/stat.h>
 
-#include <set>
-
-#include "TestTools.h"
 #include "VarnSupport/VarnFindFile.h"
+#include "TestTools.h"
 
 namespace {
 
@@ -30,9 +27,7 @@ TEST(VarnFindFile, MatchesWholeNamesByteByByte) {
       {"?", "\xC3\xA4", false}, {"A", "a", false}};
   for (const auto& [pattern, name, matching] : rows)
     EXPECT_EQ(matching, matches(pattern, name)) << pattern << " and " << name;
-}
-
-TEST(VarnFindFile, HostileTextsEndSoonAndTakeNoStack) {
+  // Hostile texts end soon and take no stack.
   std::string stars;
   for (int i = 0; i < 30; ++i)
     stars += "*a";
@@ -58,8 +53,7 @@ TEST(VarnFindFile, ListsAFolderByPattern) {
 
 TEST(VarnFindFile, ReadsTheWorkingDirectoryWithoutAFolder) {
   const TempFolder folder;
-  const std::string before = std::filesystem::current_path();
-  std::filesystem::current_path(folder.path());
+  fs::current_path(folder.path());
   writeFile("x.conf", "");
   EXPECT_EQ(Names{"x.conf"}, found("*.conf"));
   EXPECT_EQ(Names{"x.conf"}, found("/*.conf"));
@@ -72,5 +66,4 @@ TEST(VarnFindFile, ReadsTheWorkingDirectoryWithoutAFolder) {
   }
   writeFile("deep.conf", "");
   EXPECT_EQ(Names{"deep.conf"}, found("*.conf"));
-  std::filesystem::current_path(before);
 }

@@ -2,8 +2,6 @@
 
 #include "LibraryTools.h"
 
-using namespace std::chrono_literals;
-
 TEST(VarnLatchedEvent, RemembersThatItWasSet) {
   VarnLatchedEvent event;
   EXPECT_FALSE(event.isSet());
@@ -61,17 +59,13 @@ TEST(VarnLatchedEvent, WaitsForTheFirstOrTheLastOfSeveral) {
 TEST(VarnLatchedEvent, EndsTheWaitsUnderWayThoughAResetFollowsAtOnce) {
   VarnLatchedEvent event;
   VarnLatchedEvent other;
-  std::atomic<int> ended{0};
-  {
-    const auto first = startSleeper([&] { ended += event.wait() ? 1 : 0; });
-    const auto second = startSleeper([&] { ended += event.waitFor(kGenerous) ? 1 : 0; });
-    const auto third = startSleeper([&] {
-      ended += VarnLatchedEvent::waitForAny({&other, &event}) == 1U ? 1 : 0;
-    });
-    event.set();
-    event.reset();
-  }
-  EXPECT_EQ(3, ended);
+  const auto first = startSleeper([&] { EXPECT_TRUE(event.wait()); });
+  const auto second = startSleeper([&] { EXPECT_TRUE(event.waitFor(kGenerous)); });
+  const auto third = startSleeper([&] {
+    EXPECT_EQ(1U, VarnLatchedEvent::waitForAny({&other, &event}));
+  });
+  event.set();
+  event.reset();
 }
 
 TEST(VarnLatchedEvent, MayBeDestroyedAsSoonAsItIsSeenSet) {
@@ -126,14 +120,9 @@ TEST(VarnLatchedEvent, WaitersThatAreKilledLeaveNothingBehind) {
   VarnLatchedEvent event;
   VarnLatchedEvent other;
   for (const bool several : {false, true}) {
-    std::atomic<pid_t> id{0};
-    Task waiter([&] {
-      id = gettid();
-      return several ? VarnLatchedEvent::waitForAll({&event, &other}) : event.wait();
-    });
-    waiter.start();
-    EXPECT_TRUE(eventually([&] { return id != 0 && isAsleep(id); }));
-    killAndJoin(waiter);
+    killAndJoin(*startTask([&] {
+      several ? VarnLatchedEvent::waitForAll({&event, &other}) : event.wait();
+    }));
   }
   event.set();
   EXPECT_TRUE(event.wait());
@@ -144,13 +133,14 @@ TEST(VarnLatchedEvent, WorksInTheChildOfAForkOfAWaitedForProcess) {
   VarnLatchedEvent other;
   const auto first = startSleeper([&] { event.wait(); });
   const auto second = startSleeper([&] { VarnLatchedEvent::waitForAll({&event, &other}); });
-  EXPECT_EQ(
-      7, runInBareChild([&] {
-        EXPECT_FALSE(event.waitFor(1ms) || VarnLatchedEvent::waitForAll({&event, &other}, 1ms));
-        event.set();
-        other.set();
-        return VarnLatchedEvent::waitForAll({&event, &other}) && event.wait() ? 7 : 1;
-      }));
+  expectInBareChild([&] {
+    EXPECT_FALSE(event.waitFor(1ms));
+    EXPECT_FALSE(VarnLatchedEvent::waitForAll({&event, &other}, 1ms));
+    event.set();
+    other.set();
+    EXPECT_TRUE(VarnLatchedEvent::waitForAll({&event, &other}));
+    EXPECT_TRUE(event.wait());
+  });
   event.set();
   other.set();
 }

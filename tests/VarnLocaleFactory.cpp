@@ -1,5 +1,4 @@
 #include <locale>
-#include <map>
 #include <sstream>
 
 #include "TestTools.h"
@@ -12,15 +11,14 @@ namespace {
 template <typename Body>
 void withLocales(const std::vector<std::string>& names, Body body) {
   static constexpr char platformLocale[] = "/usr/lib/locale/C.utf8";
-  ASSERT_TRUE(std::filesystem::exists(platformLocale));
+  ASSERT_TRUE(fs::exists(platformLocale));
   const TempFolder folder;
   for (const std::string& name : names)
-    std::filesystem::create_directory_symlink(platformLocale, folder / name);
-  EXPECT_EQ(0, runInBareChild([&] {
-              setenv("LOCPATH", folder.path().c_str(), 1);
-              body();
-              return testing::Test::HasFailure() ? 1 : 0;
-            }));
+    fs::create_directory_symlink(platformLocale, folder / name);
+  expectInBareChild([&] {
+    setenv("LOCPATH", folder.path().c_str(), 1);
+    body();
+  });
 }
 
 // The four maps as they are before anything fills them.

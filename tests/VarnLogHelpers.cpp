@@ -8,8 +8,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 struct Streamed {
   friend std::ostream& operator<<(std::ostream& stream, const Streamed&) {
     VarnLogRecord(5) << "inside";
@@ -37,7 +35,6 @@ enum Plain { ONE = 1 };
 }  // namespace
 
 TEST(VarnLogRecord, TakesWhatAStreamTakes) {
-  using namespace std::chrono_literals;
   FileLog log(5);
   const wchar_t* const wide = L"pointer";
   VarnLogRecord(5) << std::string_view("view|x", 5) << std::string_view() << L"wide " << wide
@@ -52,7 +49,7 @@ TEST(VarnLogRecord, TakesWhatAStreamTakes) {
                    << std::make_error_code(std::errc::no_such_file_or_directory) << ' '
                    << Streamed();
   VarnLogRecord(5) << static_cast<unsigned char>('a') << ' ' << ONE << ' ' << Both() << ' '
-                   << std::filesystem::path("/tmp") << ' ' << std::atomic<int>(3);
+                   << fs::path("/tmp") << ' ' << std::atomic<int>(3);
   EXPECT_THROW(VarnLogRecord(5) << "before " << Thrower(), std::runtime_error);
   EXPECT_EQ((Lines{"view|wide pointer(null)|view(null)",
                    "-9223372036854775808 18446744073709551615 2.500000",
@@ -123,8 +120,8 @@ TEST(VarnApplyLogLevels, FaultsChangeNothingAndAreNamed) {
 
 TEST(VarnLogLimit, LetsOneRecordOfAFloodPassAndSaysHowManyItHeldBack) {
   FileLog log(5);
-  static VarnLogLimit never(std::chrono::hours(1));
-  static VarnLogLimit soon(std::chrono::milliseconds(50));
+  static VarnLogLimit never(1h);
+  static VarnLogLimit soon(50ms);
   for (int i = 0; i < 10; ++i) {
     VarnLimitedLogRecord(never, 6) << "rejected by the level";
     VarnLimitedLogRecord(never, "net", 5) << "once " << i;

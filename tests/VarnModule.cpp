@@ -1,12 +1,7 @@
 #include <stdexcept>
 
-#include "TestTools.h"
-#include "VarnSupport/VarnCriticalSection.h"
-#include "VarnSupport/VarnLibraryVersion.h"
+#include "LibraryTools.h"
 #include "VarnSupport/VarnModule.h"
-#include "VarnSupport/VarnObjectBase.h"
-#include "VarnSupport/VarnTimer.h"
-#include "VarnSupport/VarnWorkInformation.h"
 
 namespace {
 
@@ -79,27 +74,27 @@ TEST(VarnModule, AFailedAttachIsTriedAgainAndMayWalkTheRegistry) {
 
 TEST(VarnModule, TheGlobalSectionIsPublishedAndCleared) {
   EXPECT_NE(nullptr, g_pCriticalSection);
-  EXPECT_EQ(0, runInChild([] {
-              VSUPTFinitVarnObjectBase();
-              const bool cleared = g_pCriticalSection == nullptr;
-              VSUPTInitVarnObjectBase();
-              const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
-              return cleared && g_pCriticalSection != nullptr ? 0 : 1;
-            }));
+  expectInChild([] {
+    VSUPTFinitVarnObjectBase();
+    EXPECT_EQ(nullptr, g_pCriticalSection);
+    VSUPTInitVarnObjectBase();
+    const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
+    EXPECT_NE(nullptr, g_pCriticalSection);
+  });
 }
 
 TEST(VarnModule, TimersEndWithTheLibraryAndDoNotComeBack) {
-  EXPECT_EQ(0, runInChild([] {
-              VarnTimer timer(1000, true);
-              timer.reset();
-              g_ModuleData.detach();
-              g_ModuleData.attach();
-              timer.stop();
-              timer.reset();
-              timer.start(1, false);
-              const std::string refusal = resultOf([] { VarnTimerManager::getInstance(); });
-              return refusal == "VarnTimerManager::getInstance: Exiting system" ? 0 : 1;
-            }));
+  expectInChild([] {
+    VarnTimer timer(1000, true);
+    timer.reset();
+    g_ModuleData.detach();
+    g_ModuleData.attach();
+    timer.stop();
+    timer.reset();
+    timer.start(1, false);
+    EXPECT_EQ("VarnTimerManager::getInstance: Exiting system",
+              resultOf([] { VarnTimerManager::getInstance(); }));
+  });
 }
 
 TEST(VarnModule, TheHeadersAndTheSharedObjectAreOfOneVersion) {

@@ -1,26 +1,7 @@
 #include "VarnSupport/VarnMonotonicTimer.h"
 
-#include <fcntl.h>
-#include <sys/prctl.h>
-
-#include <map>
-
-#include "LibraryTools.h"
-#include "VarnSupport/VarnDescriptorEvent.h"
-#include "VarnSupport/VarnLatchedEvent.h"
+#include "LoopTools.h"
 #include "loop/DeadlineHeap.h"
-
-using namespace std::chrono_literals;
-
-namespace {
-
-std::string threadName() {
-  std::array<char, 16> name{};
-  prctl(PR_GET_NAME, name.data());
-  return name.data();
-}
-
-}  // namespace
 
 TEST(DeadlineHeap, TakesWhatIsDueInTheOrderOfDeadlinesAndOfSetting) {
   Random random;
@@ -116,18 +97,17 @@ TEST(VarnMonotonicTimer, AHundredThousandAreAllCalledAndEachIsStoppable) {
 
 TEST(VarnMonotonicTimer, ItsFunctionMayStopStartAndDestroyIt) {
   std::atomic<int> calls{0};
-  std::unique_ptr<VarnMonotonicTimer> stopped, restarted;
-  stopped = std::make_unique<VarnMonotonicTimer>(1ms, [&] {
+  VarnMonotonicTimer stopped(1ms, [&] {
     ++calls;
-    stopped->stopAndWait();
+    stopped.stopAndWait();
   });
-  stopped->start();
+  stopped.start();
   ASSERT_TRUE(eventually([&] { return calls == 1; }));
-  restarted = std::make_unique<VarnMonotonicTimer>(1ms, [&] {
+  VarnMonotonicTimer restarted(1ms, [&] {
     if (++calls < 5)
-      restarted->startOnce();
+      restarted.startOnce();
   });
-  restarted->startOnce();
+  restarted.startOnce();
   ASSERT_TRUE(eventually([&] { return calls == 5; }));
   const auto kept = std::make_shared<std::atomic<int>>(0);
   VarnMonotonicTimer* destroyed = nullptr;
@@ -142,46 +122,25 @@ TEST(VarnMonotonicTimer, ItsFunctionMayStopStartAndDestroyIt) {
 }
 
 TEST(VarnMonotonicTimer, NoCallRunsBehindTheDestructor) {
-  VarnCallbackPool pool(3);
-  const auto end = Clock::now() + stressTime(1);
-  onThreads(3, [&](int thread) {
-    Random random(static_cast<unsigned long>(thread));
-    while (Clock::now() < end) {
-      std::atomic<bool> alive{true};
-      std::atomic<int> inside{0};
-      auto timer = std::make_unique<VarnMonotonicTimer>(
-          std::chrono::microseconds(1 + random() % 50),
-          [&] {
-            EXPECT_EQ(0, inside++);
-            EXPECT_TRUE(alive);
-            spin(static_cast<unsigned>(alive ? 100 : 0));
-            --inside;
-          },
-          thread == 0 ? nullptr : &pool);
-      timer->start();
-      spin(static_cast<unsigned>(random() % 20000));
-      if (random() % 2 == 0)
-        timer->start();
-      timer.reset();
-      alive = false;
-    }
+  destroyWhileTheyCall([](const auto& called, VarnCallbackPool* pool) {
+    auto timer = std::make_unique<VarnMonotonicTimer>(20us, called, pool);
+    timer->start();
+    spin(1000);
+    timer->start();
+    return timer;
   });
 }
 
 TEST(VarnMonotonicTimer, APoolCallsOnThreadsOfItsOwnAndOneObjectNeverTwiceAtOnce) {
   for (const int threads : {2, 1}) {
-    std::mutex mutex;
-    std::map<std::string, int> names;
+    Notes names;
     std::atomic<int> inside{0};
     std::atomic<int> most{0};
     auto pool = std::make_unique<VarnCallbackPool>(threads);
     const auto body = [&] {
       const int now = ++inside;
       most = std::max(most.load(), now);
-      {
-        const std::lock_guard guard(mutex);
-        ++names[threadName()];
-      }
+      names.add(contentsOf("/proc/thread-self/comm"));
       sleepMs(5);
       --inside;
     };
@@ -190,9 +149,11 @@ TEST(VarnMonotonicTimer, APoolCallsOnThreadsOfItsOwnAndOneObjectNeverTwiceAtOnce
       timers.push_back(std::make_unique<VarnMonotonicTimer>(1ms, body, pool.get()));
       timers.back()->start();
     }
+    const std::string last = "vsupt-pool-" + std::to_string(threads) + '\n';
     EXPECT_TRUE(eventually([&] {
-      const std::lock_guard guard(mutex);
-      return names["vsupt-pool-1"] > 2 && names["vsupt-pool-" + std::to_string(threads)] > 8;
+      const Lines all = names.all();
+      return std::count(all.begin(), all.end(), "vsupt-pool-1\n") > 2 &&
+             std::count(all.begin(), all.end(), last) > 8;
     }));
     pool.reset();  // objects are left without it
     EXPECT_EQ(0, inside);
@@ -255,17 +216,17 @@ TEST(VarnMonotonicTimer, AChildOfAForkHasNoneUntilItStartsOne) {
   VarnMonotonicTimer timer(1ms, [&] { ++calls; });
   timer.start();
   ASSERT_TRUE(eventually([&] { return calls > 3; }));
-  EXPECT_EQ(0, runInBareChild([&] {
-              leaksCanBeFound = false;
-              if (timer.isActive() || (!kThreadSanitizer && threadCount() != 1))
-                return 1;
-              timer.stopAndWait();
-              const int before = calls;
-              timer.start();
-              VarnMonotonicTimer another(1ms, [&] { ++calls; });
-              another.start();
-              return eventually([&] { return calls > before + 10; }) ? 0 : 2;
-            }));
+  expectInBareChild([&] {
+    leaksCanBeFound = false;
+    EXPECT_FALSE(timer.isActive());
+    EXPECT_TRUE(kThreadSanitizer || threadCount() == 1);
+    timer.stopAndWait();
+    const int before = calls;
+    timer.start();
+    VarnMonotonicTimer another(1ms, [&] { ++calls; });
+    another.start();
+    EXPECT_TRUE(eventually([&] { return calls > before + 10; }));
+  });
   const int before = calls;
   EXPECT_TRUE(eventually([&] { return calls > before + 3; }));
 }
@@ -325,7 +286,7 @@ TEST(VarnMonotonicTimer, ExitDoesNotWaitForEverForFunctionsThatHang) {
                   pause();
               };
               static VarnCallbackPool pool(2);
-              static VarnMonotonicTimer timer(std::chrono::milliseconds(1), hang, &pool);
+              static VarnMonotonicTimer timer(1ms, hang, &pool);
               static const VarnDescriptorEvent event(
                   ends[1], VarnDescriptorEvent::WRITABLE, [](unsigned) { hang(); }, &pool);
               timer.start();
@@ -334,20 +295,17 @@ TEST(VarnMonotonicTimer, ExitDoesNotWaitForEverForFunctionsThatHang) {
 }
 
 TEST(VarnMonotonicTimer, TheThreadsEndWhenNothingIsLeft) {
-  EXPECT_EQ(0, runInChild([] {
-              const int before = threadCount();
-              {
-                std::atomic<int> calls{0};
-                VarnMonotonicTimer timer(1ms, [&] { ++calls; });
-                timer.start();
-                if (!eventually([&] { return calls > 0; }) || threadCount() != before + 2)
-                  return 1;
-              }
-              if (!eventually([&] { return threadCount() == before; }))
-                return 2;
-              std::atomic<int> calls{0};
-              VarnMonotonicTimer timer(1ms, [&] { ++calls; });
-              timer.start();
-              return eventually([&] { return calls > 0; }) ? 0 : 3;
-            }));
+  expectInChild([] {
+    const int before = threadCount();
+    for (int round = 0; round < 2; ++round) {
+      std::atomic<int> calls{0};
+      {
+        VarnMonotonicTimer timer(1ms, [&] { ++calls; });
+        timer.start();
+        EXPECT_TRUE(eventually([&] { return calls > 0; }));
+        EXPECT_EQ(before + 2, threadCount());
+      }
+      EXPECT_TRUE(eventually([&] { return threadCount() == before; }));
+    }
+  });
 }

@@ -1,58 +1,44 @@
 #include <dlfcn.h>
 
-#include <mutex>
-
-#include "TestTools.h"
-#include "VarnSupport/VarnLibrary.h"
-#include "VarnSupport/VarnModule.h"
-#include "VarnSupport/VarnObjectBase.h"
+#include "LibraryTools.h"
 #include "VarnSupport/VarnObjectFactory.h"
 
 namespace {
-
-using Names = std::vector<std::string>;
 
 class Product : public VarnObjectBase {};
 
 VarnObjectBase* makeProduct() { return new Product; }
 
 // Creates its objects by a function of the test.
-class Registration : public VarnObjectFactoryRegistration {
- public:
+struct Registration : VarnObjectFactoryRegistration {
   Registration(const std::string& name, VarnObjectFactory& factory,
-               std::function<VarnObjectBase*()> creator)
-      : VarnObjectFactoryRegistration(name, &factory), m_fCreator(std::move(creator)) {}
+               std::function<VarnObjectBase*()> function)
+      : VarnObjectFactoryRegistration(name, &factory), creator(std::move(function)) {}
   ~Registration() override { unregister(); }
+  VarnSmartPointer<VarnObjectBase> create() override { return creator(); }
 
-  VarnSmartPointer<VarnObjectBase> create() override { return m_fCreator(); }
-
- private:
-  std::function<VarnObjectBase*()> m_fCreator;
+  std::function<VarnObjectBase*()> creator;
 };
 
-// A creation that stays under way on a thread of its own until end(); further ones end at once.
-class LongCreation {
- public:
+// A creation that stays under way on a thread of its own until it may end; further ones end at
+// once.
+struct LongCreation {
   explicit LongCreation(VarnObjectFactory& factory)
-      : m_oRegistration(std::in_place, "long", factory,
-                        [this] {
-                          if (!m_bBegun.exchange(true))
-                            eventually([this] { return m_bMayEnd.load(); });
-                          return makeProduct();
-                        }),
-        m_oThread([&factory] { factory.construct("long"); }) {
-    eventually([this] { return m_bBegun.load(); });
+      : registration(std::in_place, "long", factory,
+                     [this] {
+                       if (!begun.exchange(true))
+                         eventually([this] { return mayEnd.load(); });
+                       return makeProduct();
+                     }),
+        thread([&factory] { factory.construct("long"); }) {
+    eventually([this] { return begun.load(); });
   }
-  ~LongCreation() { end(); }
+  ~LongCreation() { mayEnd = true; }
 
-  void destroyRegistration() { m_oRegistration.reset(); }
-  void end() { m_bMayEnd = true; }
-
- private:
-  std::atomic<bool> m_bBegun{false};
-  std::atomic<bool> m_bMayEnd{false};
-  std::optional<Registration> m_oRegistration;
-  std::jthread m_oThread;
+  std::atomic<bool> begun{false};
+  std::atomic<bool> mayEnd{false};
+  std::optional<Registration> registration;
+  std::jthread thread;
 };
 
 }  // namespace
@@ -65,7 +51,7 @@ TEST(VarnObjectFactory, RegistrationsWinOverFunctionsAndGoFirst) {
   factory.add("b", [] { return static_cast<VarnObjectBase*>(nullptr); });
   factory.add("a", makeProduct);
   factory.add("null", nullptr);
-  EXPECT_EQ((Names{"a", "b", "null", "a"}), factory.getRegisteredClasses());
+  EXPECT_EQ((Lines{"a", "b", "null", "a"}), factory.getRegisteredClasses());
   EXPECT_TRUE(factory.construct("a") == special);
   EXPECT_TRUE(factory.construct("b") == nullptr);
   EXPECT_TRUE(factory.construct("null") == nullptr);
@@ -76,7 +62,7 @@ TEST(VarnObjectFactory, RegistrationsWinOverFunctionsAndGoFirst) {
   EXPECT_EQ(1, made->refCount());
   factory.remove("a");
   factory.remove("a");
-  EXPECT_EQ((Names{"b", "null"}), factory.getRegisteredClasses());
+  EXPECT_EQ((Lines{"b", "null"}), factory.getRegisteredClasses());
 }
 
 TEST(VarnObjectFactory, CopiesTakeTheFunctionsOnly) {
@@ -86,9 +72,9 @@ TEST(VarnObjectFactory, CopiesTakeTheFunctionsOnly) {
   const Registration ofTarget("t", target, makeProduct);
   source.add("f", makeProduct);
   target.add("g", makeProduct);
-  EXPECT_EQ(Names{"f"}, VarnObjectFactory(source).getRegisteredClasses());
+  EXPECT_EQ(Lines{"f"}, VarnObjectFactory(source).getRegisteredClasses());
   target = source;
-  EXPECT_EQ((Names{"f", "t"}), target.getRegisteredClasses());
+  EXPECT_EQ((Lines{"f", "t"}), target.getRegisteredClasses());
 }
 
 TEST(VarnObjectFactory, RemoveOnlyErasesAndDestructionWaitsForCreationsUnderWay) {
@@ -98,12 +84,12 @@ TEST(VarnObjectFactory, RemoveOnlyErasesAndDestructionWaitsForCreationsUnderWay)
   EXPECT_TRUE(factory.construct("long") == nullptr);
   std::atomic<bool> destroyed{false};
   const std::jthread destroyer([&] {
-    creation.destroyRegistration();
+    creation.registration.reset();
     destroyed = true;
   });
   sleepMs(20);
   EXPECT_FALSE(destroyed);
-  creation.end();
+  creation.mayEnd = true;
 }
 
 TEST(VarnObjectFactory, ExitDoesNotWaitForACreatorThatNeverReturns) {
@@ -128,29 +114,26 @@ TEST(VarnObjectFactory, ACreatorMayUseTheFactoryAndRemoveItself) {
     return makeProduct();
   });
   EXPECT_TRUE(factory.construct("self") != nullptr);
-  EXPECT_EQ(Names{"later"}, factory.getRegisteredClasses());
+  EXPECT_EQ(Lines{"later"}, factory.getRegisteredClasses());
 }
 
 TEST(VarnObjectFactory, IsUsableInAForkedChildWhileOthersCreate) {
   VarnObjectFactory& factory = *VarnObjectFactory::getGlobalInstance();
   const LongCreation creation(factory);
-  EXPECT_EQ(0, runInChild([&] {
-              factory.remove("long");
-              factory.add("f", makeProduct);
-              return factory.construct("f") != nullptr ? 0 : 1;
-            }));
+  expectInChild([&] {
+    factory.remove("long");
+    factory.add("f", makeProduct);
+    EXPECT_TRUE(factory.construct("f") != nullptr);
+  });
 }
 
 TEST(VarnObjectFactory, TheGlobalInstanceIsMadeWhenThereIsNone) {
-  EXPECT_EQ(0, runInBareChild([] {
-              VarnObjectFactory* const factory = VarnObjectFactory::getGlobalInstance();
-              factory->add("f", makeProduct);
-              VarnObjectFactory::m_pGlobalInstance = nullptr;
-              VarnObjectFactory* const anew = VarnObjectFactory::getGlobalInstance();
-              delete factory;  // it counts no more, at a fork either
-              return runInBareChild(
-                  [=] { return static_cast<int>(anew->getRegisteredClasses().size()); });
-            }));
+  VarnObjectFactory* const factory = VarnObjectFactory::getGlobalInstance();
+  factory->add("f", makeProduct);
+  VarnObjectFactory::m_pGlobalInstance = nullptr;
+  VarnObjectFactory* const anew = VarnObjectFactory::getGlobalInstance();
+  delete factory;  // it counts no more, at a fork either
+  expectInBareChild([=] { EXPECT_EQ(Lines(), anew->getRegisteredClasses()); });
 }
 
 TEST(VarnObjectFactory, TheGlobalInstanceIsDeletedOnceAndByTheDetachingLibrary) {
@@ -174,7 +157,7 @@ TEST(VarnLibrary, APlugInAddsItsClassesWhileItIsLoaded) {
   VarnObjectFactory& factory = *VarnObjectFactory::getGlobalInstance();
   for (int round = 0; round < 2; ++round) {
     VarnSmartPointer<VarnLibrary> library(new VarnLibrary(VSUPT_TEST_PLUGIN, true));
-    EXPECT_EQ(Names{"Greeting"}, factory.getRegisteredClasses());
+    EXPECT_EQ(Lines{"Greeting"}, factory.getRegisteredClasses());
     EXPECT_TRUE(factory.construct("Greeting")->isA("Greeting"));
     EXPECT_EQ(nullptr, library->getProcAddr("noSuchSymbol"));
     void* const version = library->getProcAddr("greetingVersion");
@@ -183,9 +166,9 @@ TEST(VarnLibrary, APlugInAddsItsClassesWhileItIsLoaded) {
     const VarnSmartPointer<VarnLibrary> byShortName(new VarnLibrary("vsupt_test_plugin", false));
     EXPECT_EQ(version, byShortName->getProcAddr("greetingVersion"));
     library = nullptr;
-    EXPECT_EQ(Names{"Greeting"}, factory.getRegisteredClasses());
+    EXPECT_EQ(Lines{"Greeting"}, factory.getRegisteredClasses());
   }
-  EXPECT_EQ(Names(), factory.getRegisteredClasses());
+  EXPECT_EQ(Lines(), factory.getRegisteredClasses());
   EXPECT_EQ(nullptr, dlopen(VSUPT_TEST_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
 }
 

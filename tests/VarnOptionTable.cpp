@@ -2,8 +2,6 @@
 
 #include <getopt.h>
 
-#include <map>
-#include <set>
 #include <sstream>
 
 #include "TestTools.h"
@@ -21,7 +19,6 @@ std::vector<char*> elementsOf(const Words& words) {
 }
 
 int countOf(const Words& words) { return static_cast<int>(words.size()) + 1; }
-
 Words wordsOf(const std::string& line) {
   std::istringstream stream(line);
   return {std::istream_iterator<std::string>(stream), {}};
@@ -102,7 +99,6 @@ TEST(VarnOptionTable, RefusalsSayWhatIsWrongAndChangeNothing) {
   const std::pair<const char*, const char*> cases[] = {
       {"--confg", "unknown option --confg; did you mean --config?"},
       {"--CONIFG=x", "unknown option --CONIFG; did you mean --config?"},
-      {"--hlep", "unknown option --hlep; did you mean --help?"},
       {"--nothing", "unknown option --nothing"},
       {"-dx", "unknown option -x in -dx"},
       {"-deamon", "unknown option -e in -deamon; did you mean --daemon?"},
@@ -113,13 +109,8 @@ TEST(VarnOptionTable, RefusalsSayWhatIsWrongAndChangeNothing) {
       {"x -dc", "-c needs data: -c FILE"},
       {"--dae=1", "--daemon takes no data: --dae=1"},
       {"-i 0", "-i 0 is not a whole number from 1 to 3600"},
-      {"-i3601", "-i 3601 is not a whole number from 1 to 3600"},
-      {"--interval=0x10", "--interval=0x10 is not a whole number from 1 to 3600"},
-      {"--interval=", "--interval= is not a whole number from 1 to 3600"},
-      {"-i +-1", "-i +-1 is not a whole number from 1 to 3600"},
-      {"-i 99999999999999999999", "-i 99999999999999999999 is not a whole number from 1 to 3600"},
+      {"--interval=3601", "--interval=3601 is not a whole number from 1 to 3600"},
       {"--share=nan", "--share=nan is not a number of at least 0.25"},
-      {"--share=1e999", "--share=1e999 is not a number of at least 0.25"},
       {"-d", "PLACE is missing"},
       {"--\x1b[31m=1", "unknown option --\\x1b[31m"},
       {"-\xff", "unknown option -\\xff"},
@@ -150,8 +141,8 @@ TEST(VarnOptionTable, DeclarationsThatCannotBeMeantThrowAtOnce) {
   table.flag("-o, --old", "").argument("[ONE]", "", name).argument("MANY...", "");
   for (const char* const declared : bad)
     EXPECT_THROW(table.flag(declared, ""), VarnException) << declared;
-  EXPECT_THROW(table.value("--file", ""), VarnException);
-  EXPECT_THROW(table.value("--file=", ""), VarnException);
+  for (const char* const declared : {"--file", "--file="})
+    EXPECT_THROW(table.value(declared, ""), VarnException) << declared;
   EXPECT_THROW(table.values("--file=A\tB", ""), VarnException);
   EXPECT_THROW(table.number("--size[=N]", "", number), VarnException);
   EXPECT_THROW(table.number("--size=N", "", number, 2, 1), VarnException);
@@ -179,11 +170,12 @@ std::string refusals(const char* good, Number expected, const Words& bad, Lowest
 }
 
 TEST(VarnOptionTable, NumbersFitTheirVariables) {
-  refusals<signed char>("-128", -128, {"128", "1x", " 1"});
+  refusals<signed char>("-128", -128, {"128", "1x", " 1", "0x10", "", "+-1"});
   refusals<unsigned short>("65535", 65535, {"65536", "0"}, 1);
-  refusals<unsigned long>("9223372036854775807", LONG_MAX, {"-1", "9223372036854775808"});
+  refusals<unsigned long>("9223372036854775807", LONG_MAX,
+                          {"-1", "9223372036854775808", "99999999999999999999"});
   refusals<long long>("-5", -5, {"-6"}, -5);
-  refusals<float>("-1e38", -1e38F, {"1e39", "inf"});
+  refusals<float>("-1e38", -1e38F, {"1e39", "1e999", "inf"});
   EXPECT_EQ(refusals<float>("0.1", 0.1F, {"0"}, 0.1F), "-n 0 is not a number of at least 0.1")
       << "a limit is in its range, though 0.1 is less as a double";
 }
@@ -395,12 +387,10 @@ TEST(VarnOptionTable, ReportsGoToStandardErrorWithTheirExitCode) {
             "greeter: unknown option --confg; did you mean --config?\nTry 'greeter --help'.\n");
   const char* const help[] = {"x", "--help"};
   testing::internal::CaptureStderr();
-  EXPECT_EQ(runInChild([&] {
-              return std::freopen("/dev/full", "w", stdout) != nullptr
-                         ? greeter.table.parseOrReport(2, help).value_or(0)
-                         : 1;
-            }),
-            2);
+  expectInChild([&] {
+    EXPECT_NE(std::freopen("/dev/full", "w", stdout), nullptr);
+    EXPECT_EQ(greeter.table.parseOrReport(2, help), 2);
+  });
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "greeter: cannot write to standard output: No space left on device\n");
   VarnOptionError error("\xc3\xa4\xff");
@@ -457,6 +447,8 @@ TEST(VarnOptionTable, TheManualHasItsSections) {
 // What bash offers behind the words: each on a line.
 std::string completed(const VarnOptionTable& table, const Words& words) {
   const TempFolder folder;
+  const TempFolder outside;
+  const std::string out = outside / "out";
   writeFile(folder / "script", table.completion());
   std::string call =
       "cd '" + folder.path() +
@@ -466,15 +458,12 @@ std::string completed(const VarnOptionTable& table, const Words& words) {
   call += ") COMP_CWORD=" + std::to_string(words.size()) +
           " && set -u && $f && printf '%s\\n' \"${COMPREPLY[@]}\" && ls";
   writeFile(folder / "call", call);
-  FILE* const bash = popen(("bash --norc '" + (folder / "call") + "' 2>&1").c_str(), "r");
-  std::string text;
-  for (int c = std::fgetc(bash); c != EOF; c = std::fgetc(bash))
-    text += static_cast<char>(c);
-  EXPECT_EQ(pclose(bash), 0) << text;
-  return text;
+  const std::string run = "bash --norc '" + (folder / "call") + "' >" + out + " 2>&1";
+  EXPECT_EQ(std::system(run.c_str()), 0) << contentsOf(out);
+  return contentsOf(out);
 }
 
-TEST(VarnOptionTable, BashCompletesNames) {
+TEST(VarnOptionTable, BashCompletesNamesWhichCannotBreakOutOfTheScript) {
   Greeter greeter;
   const std::pair<Words, const char*> cases[] = {
       {{"--co"}, "--config=\n--colour\n--completion\n"},
@@ -490,9 +479,6 @@ TEST(VarnOptionTable, BashCompletesNames) {
       {{""}, "\n"}};
   for (const auto& [words, expected] : cases)
     EXPECT_EQ(completed(greeter.table, words), expected + std::string("call\nscript\n"));
-}
-
-TEST(VarnOptionTable, NamesCannotBreakOutOfTheScript) {
   VarnOptionTable table("it's $(touch a) `touch b`\n\"", "1", "");
   table.flag("--it's$(touch\"c\");`d`*", "'\n$(touch d)").value("--b=A'\"$(touch e)", "");
   EXPECT_EQ(completed(table, {"--i"}),

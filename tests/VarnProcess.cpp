@@ -1,5 +1,4 @@
 #include <dlfcn.h>
-#include <fcntl.h>
 
 #include <cerrno>
 
@@ -7,8 +6,6 @@
 #include "VarnSupport/VarnProcess.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 std::atomic<bool> failForks{false};
 constexpr int kErrorWithoutText = -77;
@@ -60,13 +57,13 @@ TEST(VarnProcess, CreatesFoldersWithAllTheirParents) {
                                                               {"new/p/../q", true, "new/q"}};
   for (const auto& [path, made, folder] : cases) {
     EXPECT_EQ(made, VarnCreateDirectory(top / path)) << path;
-    EXPECT_TRUE(std::filesystem::is_directory(top / folder)) << folder;
+    EXPECT_TRUE(fs::is_directory(top / folder)) << folder;
   }
   const FileLog log(9);
   EXPECT_FALSE(VarnCreateDirectory(top / "none/../file/x/y"));
   EXPECT_FALSE(VarnCreateDirectory(top / "file/x"));
   EXPECT_FALSE(VarnCreateDirectory(""));
-  EXPECT_EQ((Texts{"VarnCreateDirectory: " + (top / "none/../file/x/y"),
+  EXPECT_EQ((Lines{"VarnCreateDirectory: " + (top / "none/../file/x/y"),
                    "VarnCreateDirectory: couldn't create " + (top / "none/../file/x") + " (20)",
                    "VarnCreateDirectory: " + (top / "file/x"),
                    "VarnCreateDirectory: couldn't create " + (top / "file/x") + " (20)",
@@ -76,8 +73,7 @@ TEST(VarnProcess, CreatesFoldersWithAllTheirParents) {
 
 TEST(VarnProcess, RemovesFolders) {
   const TempFolder top;
-  const std::string before = std::filesystem::current_path();
-  std::filesystem::current_path(top.path());
+  fs::current_path(top.path());
   for (const std::string name : {"'quotes' \"and\" blanks; $(touch x)", "-v"}) {
     VarnCreateDirectory(name + "/below");
     std::string text = "text";
@@ -87,7 +83,7 @@ TEST(VarnProcess, RemovesFolders) {
     EXPECT_EQ(ENOTEMPTY, code);
     EXPECT_TRUE(VarnRemoveDirectoryImpl(name, true, text, code));
     EXPECT_EQ(0, code);
-    EXPECT_FALSE(std::filesystem::exists(name));
+    EXPECT_FALSE(fs::exists(name));
   }
   std::string text;
   int code = 0;
@@ -95,7 +91,6 @@ TEST(VarnProcess, RemovesFolders) {
   EXPECT_FALSE(VarnRemoveDirectoryImpl("a/b/..", true, text, code));  // rm never removes that
   EXPECT_EQ("VarnRemoveDirectory: Could not remove the directory a/b/..", text);
   EXPECT_EQ(1, code);
-  std::filesystem::current_path(before);
 }
 
 TEST(VarnProcess, AFailedForkIsNotWaitedFor) {
@@ -111,7 +106,7 @@ TEST(VarnProcess, AFailedForkIsNotWaitedFor) {
   failForks = false;
   EXPECT_EQ(-1, number);
   EXPECT_EQ(5, outcomeOf(other));
-  EXPECT_EQ(Texts{"VarnExecuteProgram: could not fork child process."}, log.texts());
+  EXPECT_EQ(Lines{"VarnExecuteProgram: could not fork child process."}, log.texts());
 }
 
 TEST(VarnProcess, ExpandsReferencesToTheEnvironment) {
@@ -159,7 +154,7 @@ TEST(VarnProcess, ReturnsAtOnceWithTheIdOtherwise) {
   EXPECT_EQ(4, outcomeOf(process));
   const std::string start = "VarnExecuteProgram: ";
   EXPECT_EQ(
-      (Texts{start + "Execution Started.", "VarnExecuteProgramEx: Execution Started.",
+      (Lines{start + "Execution Started.", "VarnExecuteProgramEx: Execution Started.",
              start + "child process id: " + std::to_string(process), start + "argv[0] = /bin/sh",
              start + "argv[1] = -c", start + "argv[2] = exit 4"}),
       log.texts());
@@ -186,9 +181,9 @@ TEST(VarnProcess, SaysWhichHandleCannotBeDuplicatedAndStartsNothing) {
     EXPECT_TRUE(VarnExecuteProgramEx(command, in, out, true, nullptr, &status));
     EXPECT_EQ(0, status);
   }
-  EXPECT_FALSE(std::filesystem::exists(folder / "started"));
+  EXPECT_FALSE(fs::exists(folder / "started"));
   const std::string text = "VarnExecuteProgram: could not duplicate requested standard ";
-  EXPECT_EQ((Texts{text + "input handle: ", text + "input handle: ", text + "output handle: "}),
+  EXPECT_EQ((Lines{text + "input handle: ", text + "input handle: ", text + "output handle: "}),
             log.texts());
 }
 

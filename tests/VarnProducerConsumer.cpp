@@ -1,51 +1,41 @@
 #include <deque>
 
 #include "LibraryTools.h"
-#include "VarnSupport/VarnEventTimerThread.h"
 #include "VarnSupport/VarnProducerConsumer.h"
-#include "VarnSupport/VarnTimer.h"
 
 namespace {
 
-class Numbers : public VarnBaseSynchronizedQueue {
- public:
-  void clear() override { m_vNumbers.clear(); }
-  bool pop(int& number) {
-    const bool found = !m_vNumbers.empty();
-    if (found) {
-      number = m_vNumbers.front();
-      m_vNumbers.pop_front();
-    }
-    return found;
-  }
-
-  std::deque<int> m_vNumbers;  // guarded by the mutex of the work
+struct Numbers : VarnBaseSynchronizedQueue {
+  void clear() override { numbers.clear(); }
+  std::deque<int> numbers;  // guarded by the mutex of the work
 };
 
 class Work : public VarnBaseProducerConsumer {
  public:
-  explicit Work(Numbers& numbers) : VarnBaseProducerConsumer(numbers), m_oNumbers(numbers) {}
+  explicit Work(Numbers& queue) : VarnBaseProducerConsumer(queue), m_vNumbers(queue.numbers) {}
 
   void produce(int number) {
     lockSyncMutex();
-    m_oNumbers.m_vNumbers.push_back(number);
+    m_vNumbers.push_back(number);
     setSyncEvent();
     unlockSyncMutex();
   }
   // False when there is nothing more to come.
   bool consume(int& number) {
     lockSyncMutex();
-    bool found = m_oNumbers.pop(number);
-    while (!found && !isSentinel()) {
+    while (m_vNumbers.empty() && !isSentinel())
       waitForSyncEvent();
-      found = m_oNumbers.pop(number);
+    const bool found = !m_vNumbers.empty();
+    if (found) {
+      number = m_vNumbers.front();
+      m_vNumbers.pop_front();
     }
     unlockSyncMutex();
     return found;
   }
 
  private:
-  Numbers& m_oNumbers;
+  std::deque<int>& m_vNumbers;
 };
 
 const std::string kDestructor = "VarnEventTimerThread::~VarnEventTimerThread: ";
@@ -92,14 +82,20 @@ TEST(VarnProducerConsumer, TheSentinelMayClearTheQueue) {
   work.produceSentinel(true);
   EXPECT_FALSE(work.consume(number));
   const std::string prefix = "VarnBaseProducerConsumer::produceSentinel: ";
-  EXPECT_EQ((std::vector<std::string>{prefix + "waiting for lock", prefix + "adding sentinel",
-                                      prefix + "waiting for lock", prefix + "adding sentinel",
-                                      prefix + "clearing queue"}),
-            log.texts());
+  EXPECT_EQ(
+      (Lines{prefix + "waiting for lock", prefix + "adding sentinel", prefix + "waiting for lock",
+             prefix + "adding sentinel", prefix + "clearing queue"}),
+      log.texts());
 }
 
 TEST(VarnEventTimerThread, RunsItsHandlerForEachSetUntilItIsStopped) {
-  VarnTimer timer;
+  struct Counting : VarnTimer {
+    int wait(int timeoutMs) override {
+      ++waits;
+      return VarnTimer::wait(timeoutMs);
+    }
+    std::atomic<int> waits{0};
+  } timer;
   Ticker ticker(timer);
   ticker.start();
   ticker.start();
@@ -108,6 +104,7 @@ TEST(VarnEventTimerThread, RunsItsHandlerForEachSetUntilItIsStopped) {
     return ticker.ticks >= 3;
   }));
   ticker.stop();
+  EXPECT_GE(timer.waits, 3) << "it waits as its timer does";
   const int ticks = ticker.ticks;
   timer.set();
   EXPECT_EQ(ticks, ticker.ticks);
@@ -129,13 +126,12 @@ TEST(VarnEventTimerThread, TracesItsEnd) {
   FileLog log(9);
   VarnTimer timer;
   { const Ticker idle(timer); }
-  EXPECT_EQ((std::vector<std::string>{kDestructor + "entering", kDestructor + "exiting"}),
-            log.texts());
+  EXPECT_EQ((Lines{kDestructor + "entering", kDestructor + "exiting"}), log.texts());
   {
     Ticker ticker(timer);
     ticker.start();
   }
-  const std::vector<std::string> texts = log.texts();
+  const Lines texts = log.texts();
   ASSERT_EQ(6U, texts.size());
   EXPECT_EQ(kDestructor + "setting exit event" + kDestructor + "waiting for thread to exit",
             texts[2] + texts[3]);
@@ -145,14 +141,7 @@ TEST(VarnProducerConsumer, AConsumerThatIsKilledLeavesTheWorkToTheOthers) {
   Numbers numbers;
   Work work(numbers);
   int number = 0;
-  std::atomic<pid_t> id{0};
-  Task consumer([&] {
-    id = gettid();
-    return work.consume(number) ? 1 : 2;
-  });
-  consumer.start();
-  EXPECT_TRUE(eventually([&] { return id != 0 && isAsleep(id); }));
-  killAndJoin(consumer);
+  killAndJoin(*startTask([&] { work.consume(number); }));
   work.produce(7);
   EXPECT_TRUE(work.consume(number));
   EXPECT_EQ(7, number);
@@ -170,21 +159,4 @@ TEST(VarnProducerConsumer, TheSentinelComesThroughAlthoughTheQueueCannotBeCleare
     rendezvous.unlockSyncMutex();
   });
   EXPECT_THROW(rendezvous.produceSentinel(true), int);
-}
-
-TEST(VarnEventTimerThread, WaitsAsItsTimerDoes) {
-  struct Counting : VarnTimer {
-    int wait(int timeoutMs) override {
-      ++waits;
-      return VarnTimer::wait(timeoutMs);
-    }
-    std::atomic<int> waits{0};
-  } timer;
-  Ticker ticker(timer);
-  ticker.start();
-  EXPECT_TRUE(eventually([&] {
-    timer.set();
-    return ticker.ticks > 0;
-  }));
-  EXPECT_GT(timer.waits, 0);
 }

@@ -1,11 +1,7 @@
 #include <pthread.h>
 
-#include <random>
-
-#include "TestTools.h"
-#include "VarnSupport/VarnObjectBase.h"
+#include "LibraryTools.h"
 #include "VarnSupport/VarnProperties.h"
-#include "VarnSupport/VarnStringUtilities.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 #include "VarnSupport/VarnReadWriteLock.h"
 #include "LibraryTools.h"
-#include "VarnSupport/VarnLockFactory.h"
-#include "VarnSupport/VarnObjectBase.h"
 
 namespace {
 
@@ -30,8 +28,6 @@ bool isOpenToReaders(VarnReadWriteLock& lock) {
 // The state holds the platform's lock and no more.
 static_assert(sizeof(RwLockImplementation) == sizeof(VarnObjectBase) + sizeof(pthread_rwlock_t));
 
-using Names = std::vector<std::string>;
-
 template <typename LockType>
 class VarnLockFactoryOf : public testing::Test {};
 using LockTypes = testing::Types<VarnCriticalSectionObject, VarnMutexObject, VarnReadWriteLock>;
@@ -53,7 +49,7 @@ TEST(VarnReadWriteLock, AdmitsManyReadersOrOneWriterThroughAllCopies) {
   EXPECT_FALSE(isOpenToReaders(copy));
   copy.readUnLock();
   EXPECT_TRUE(isFree(copy));
-  EXPECT_EQ(Names(), log.lines());
+  EXPECT_EQ(Lines(), log.lines());
 }
 
 TEST(VarnReadWriteLock, FailuresAreLoggedAndTheLockStaysUsable) {
@@ -69,7 +65,7 @@ TEST(VarnReadWriteLock, FailuresAreLoggedAndTheLockStaysUsable) {
   EXPECT_TRUE(isFree(lock));
   log.log().setLogLevel(0);
   lock.readUnLock();
-  const Names expected = {
+  const Lines expected = {
       "VarnReadWriteLock::readUnLock: Releasing readlock exited with the following error3",
       "VarnReadWriteLock::writeUnLock: Releasing Writelock exited with the following error3",
       "VarnReadWriteLock::readLock: Acquiring Readlock exited with the following error 3",
@@ -104,7 +100,7 @@ TYPED_TEST(VarnLockFactoryOf, KeepsTheLockOfANameAndListsNamesInOrder) {
   EXPECT_FALSE(isFree(lock));
   EXPECT_TRUE(isFree(factory.get("b")));
   giveUp(lock);
-  EXPECT_EQ((Names{"B", "a", "b", "\xC3\xA4"}), factory.getRegisteredLockNames());
+  EXPECT_EQ((Lines{"B", "a", "b", "\xC3\xA4"}), factory.getRegisteredLockNames());
 }
 
 TYPED_TEST(VarnLockFactoryOf, CopiesShareTheLocksThatWereUsed) {
@@ -116,7 +112,7 @@ TYPED_TEST(VarnLockFactoryOf, CopiesShareTheLocksThatWereUsed) {
   VarnLockFactory<std::string, TypeParam> assigned;
   assigned.createLock("gone");
   assigned = source;
-  EXPECT_EQ((Names{"unused", "used"}), assigned.getRegisteredLockNames());
+  EXPECT_EQ((Lines{"unused", "used"}), assigned.getRegisteredLockNames());
   ASSERT_TRUE(take(source.get("used")));
   ASSERT_TRUE(take(source.get("unused")));
   for (auto* const other : {&copy, &assigned}) {

@@ -27,7 +27,7 @@ class VarnReloaded : public testing::Test {
   // Replaces the file at once.
   void save(const std::string& contents) const {
     writeFile(m_sFile + '~', contents);
-    std::filesystem::rename(m_sFile + '~', m_sFile);
+    fs::rename(m_sFile + '~', m_sFile);
   }
 
   TempFolder m_oFolder;
@@ -80,14 +80,12 @@ TEST_F(VarnReloaded, MayGoInItsOwnNotification) {
 
 TEST_F(VarnReloaded, FindsItsFileWhereverTheProcessGoes) {
   save("first=1\n");
-  EXPECT_EQ(0, runInBareChild([&] {
-              std::filesystem::current_path(m_oFolder.path());
-              VarnSupport::VarnReloaded<Config> config("conf");
-              std::filesystem::current_path("/");
-              save("first=2\n");
-              config.reload();
-              return config.get()->first == 2 ? 0 : 1;
-            }));
+  fs::current_path(m_oFolder.path());
+  Reloaded config("conf");
+  fs::current_path("/");
+  save("first=2\n");
+  config.reload();
+  EXPECT_EQ(config.get()->first, 2);
 }
 
 // Each file has equal numbers, each larger than those before.
@@ -120,11 +118,11 @@ TEST_F(VarnReloaded, TheChildOfAForkReadsAndReloads) {
   const std::jthread reloader = repeating([&] { config.reload(); });
   const std::jthread reader = repeating([&] { config.get(); });
   for (int i = 0; i < 30; ++i) {
-    EXPECT_EQ(0, runInBareChild([&] {
-                leaksCanBeFound = false;
-                config.reload();
-                return config.get()->first - 1;
-              }));
+    expectInBareChild([&] {
+      leaksCanBeFound = false;
+      config.reload();
+      EXPECT_EQ(1, config.get()->first);
+    });
   }
 }
 

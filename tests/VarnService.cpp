@@ -1,29 +1,8 @@
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
+#include "VarnSupport/VarnService.h"
 
 #include "LibraryTools.h"
-#include "VarnSupport/VarnCommand.h"
-#include "VarnSupport/VarnService.h"
-#include "VarnSupport/VarnServiceControl.h"
 
 namespace {
-
-class Service : public VarnService {
- public:
-  Service() : VarnService("1", "named", "3", "4", true) {}
-
-  std::function<bool()> startHook = [] { return true; };
-  std::function<void()> stopHook = [] {};
-  std::string arguments;
-
- protected:
-  bool onStart(const std::string& given) override {
-    arguments = given;
-    return startHook();
-  }
-  void onStop() override { stopHook(); }
-};
 
 void append(const std::string& file, const std::string& line) {
   std::ofstream(file, std::ios::app) << line << std::endl;
@@ -32,44 +11,43 @@ void append(const std::string& file, const std::string& line) {
 }  // namespace
 
 TEST(VarnService, RunsItsHooksAroundTheWait) {
-  EXPECT_EQ(0, runInChild([] {
-              FileLog log(9);
-              Service service;
-              if (VarnService::getService() != &service || VarnService::m_pThis != &service)
-                return 1;
-              int stopped = 0;
-              service.stopHook = [&] { ++stopped; };
-              std::jthread stopper([&] {
-                while (service.state() != 0) {
-                }
-                if (!service.start("again", false))
-                  stopped = 100;
-                service.stop();
-              });
-              const bool started = service.start("arguments", false);
-              stopper.join();
-              std::vector<std::string> texts = log.texts();
-              std::sort(texts.begin(), texts.end());
-              const std::vector<std::string> expected{
-                  "VarnService::start: exiting", "VarnService::start: service completed.",
-                  "VarnService::start: waiting for service to exit", "VarnService::stop: entering",
-                  "VarnService::stop: exiting"};
-              return started && stopped == 1 && service.state() == 1 &&
-                             service.arguments == "arguments" && texts == expected
-                         ? 0
-                         : 2;
-            }));
+  expectInChild([] {
+    FileLog log(9);
+    HookedService service;
+    EXPECT_EQ(&service, VarnService::getService());
+    EXPECT_EQ(&service, VarnService::m_pThis);
+    int stopped = 0;
+    service.stopHook = [&] { ++stopped; };
+    std::jthread stopper([&] {
+      while (service.state() != 0) {
+      }
+      EXPECT_TRUE(service.start("again", false));
+      service.stop();
+    });
+    EXPECT_TRUE(service.start("arguments", false));
+    stopper.join();
+    EXPECT_EQ(1, stopped);
+    EXPECT_EQ(1, service.state());
+    EXPECT_EQ("arguments", service.arguments);
+    Lines texts = log.texts();
+    std::sort(texts.begin(), texts.end());
+    EXPECT_EQ((Lines{"VarnService::start: exiting", "VarnService::start: service completed.",
+                     "VarnService::start: waiting for service to exit",
+                     "VarnService::stop: entering", "VarnService::stop: exiting"}),
+              texts);
+  });
 }
 
 TEST(VarnService, AHookMayRefuseOrStopTheService) {
-  EXPECT_EQ(0, runInChild([] {
-              Service service;
-              service.startHook = [] { return false; };
-              if (service.start("", false) || service.state() != 1)
-                return 1;
-              service.startHook = [&] { return service.stop(); };
-              return service.start("", false) && service.state() == 1 ? 0 : 2;
-            }));
+  expectInChild([] {
+    HookedService service;
+    service.startHook = [] { return false; };
+    EXPECT_FALSE(service.start("", false));
+    EXPECT_EQ(1, service.state());
+    service.startHook = [&] { return service.stop(); };
+    EXPECT_TRUE(service.start("", false));
+    EXPECT_EQ(1, service.state());
+  });
 }
 
 TEST(VarnService, AnswersToOneSignalAndIgnoresTheOthers) {
@@ -78,7 +56,7 @@ TEST(VarnService, AnswersToOneSignalAndIgnoresTheOthers) {
     const std::string file = folder / "progress";
     const pid_t child = startChild([&] {
       ::signal(SIGCHLD, SIG_IGN);  // as some starters do
-      Service service;
+      HookedService service;
       service.stopHook = [&] {
         raise(SIGTERM);
         raise(SIGPIPE);
@@ -89,12 +67,10 @@ TEST(VarnService, AnswersToOneSignalAndIgnoresTheOthers) {
         sigset_t all;
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, nullptr);
-        while (service.state() != 0) {
-        }
-        // The signals are routed right after the state has changed.
         struct sigaction action {};
-        while (sigaction(SIGPIPE, nullptr, &action) == 0 && action.sa_handler == SIG_DFL)
-          sleepMs(1);
+        eventually([&] {
+          return sigaction(SIGPIPE, nullptr, &action) == 0 && action.sa_handler != SIG_DFL;
+        });
         append(file, "running");
       });
       const bool ended = service.start("", false);
@@ -105,40 +81,35 @@ TEST(VarnService, AnswersToOneSignalAndIgnoresTheOthers) {
     kill(child, SIGPIPE);
     kill(child, signal);
     EXPECT_EQ(5, outcomeOf(child));
-    EXPECT_EQ((std::vector<std::string>{"running", "stopped"}), linesOf(file));
+    EXPECT_EQ((Lines{"running", "stopped"}), linesOf(file));
   }
 }
 
 TEST(VarnService, ADaemonReportsItsStartAndStopsOnSigterm) {
   TempFolder folder;
   const std::string file = folder / "daemon";
-  EXPECT_EQ(0, runInChild([&] {
-              Service service;
-              rlimit limit{};  // more descriptors than select() has room for
-              getrlimit(RLIMIT_NOFILE, &limit);
-              limit.rlim_cur = limit.rlim_max;
-              setrlimit(RLIMIT_NOFILE, &limit);
-              for (int last = 0; last >= 0 && last < FD_SETSIZE;)
-                last = dup(STDERR_FILENO);
-              service.startHook = [&] {
-                append(file, std::to_string(getpid()));
-                append(file, getsid(0) == getpid() ? "own session" : "old session");
-                append(file, std::filesystem::current_path().string());
-                append(file, umask(0) == 0 ? "no mask" : "masked");
-                return true;
-              };
-              service.stopHook = [&] { append(file, "stopped"); };
-              service.start("", true);
-              append(file, "returned");
-              return 0;
-            }));
-  const pid_t daemon = std::stoi(linesOf(file).at(0));
-  kill(daemon, SIGTERM);
-  EXPECT_TRUE(eventually([&] { return linesOf(file).size() == 6; }));
-  EXPECT_EQ((std::vector<std::string>{std::to_string(daemon), "own session", "/", "no mask",
-                                      "stopped", "returned"}),
-            linesOf(file));
-  EXPECT_TRUE(eventually([&] { return isGone(daemon); }));
+  expectInChild([&] {
+    HookedService service;
+    rlimit limit{};  // more descriptors than select() has room for
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    for (int last = 0; last >= 0 && last < FD_SETSIZE;)
+      last = dup(STDERR_FILENO);
+    service.startHook = [&] {
+      append(file, std::to_string(getpid()));
+      append(file, getsid(0) == getpid() ? "own session" : "old session");
+      append(file, fs::current_path().string());
+      append(file, umask(0) == 0 ? "no mask" : "masked");
+      return true;
+    };
+    service.stopHook = [&] { append(file, "stopped"); };
+    service.start("", true);
+    append(file, "returned");
+  });
+  const std::string daemon = linesOf(file).at(0);
+  terminate(std::stoi(daemon));
+  EXPECT_EQ((Lines{daemon, "own session", "/", "no mask", "stopped", "returned"}), linesOf(file));
 }
 
 TEST(VarnService, ADaemonThatDoesNotStartMakesItsLauncherFail) {
@@ -147,7 +118,7 @@ TEST(VarnService, ADaemonThatDoesNotStartMakesItsLauncherFail) {
   for (const std::string how : {"refuses", "dies", "throws"}) {
     EXPECT_EQ(1, runInChild([&] {
                 const pid_t launcher = getpid();
-                Service service;
+                HookedService service;
                 service.startHook = [&] {
                   if (how == "dies")
                     _exit(0);
@@ -165,7 +136,7 @@ TEST(VarnService, ADaemonThatDoesNotStartMakesItsLauncherFail) {
               }))
         << how;
   }
-  EXPECT_TRUE(eventually([&] { return linesOf(file) == std::vector<std::string>{"1"}; }));
+  EXPECT_TRUE(eventually([&] { return linesOf(file) == Lines{"1"}; }));
 }
 
 // Who starts a daemon may have closed the standard streams, whose numbers any file gets then.
@@ -176,7 +147,7 @@ TEST(VarnService, ADaemonReportsThroughNoStandardStreamAndNoFileOfTheHook) {
     const int code = runInChild([&] {
       close(STDOUT_FILENO);
       close(STDERR_FILENO);
-      Service service;
+      HookedService service;
       service.startHook = [&] {
         for (int i = 3; hookClosesAll && i < 64; ++i)
           close(i);
@@ -197,69 +168,65 @@ TEST(VarnService, ADaemonReportsThroughNoStandardStreamAndNoFileOfTheHook) {
     EXPECT_EQ(hookClosesAll ? 1 : 0, code);  // the launcher sees no more than the end of the pipe
     ASSERT_TRUE(eventually([&] { return !linesOf(file).empty(); }));
     EXPECT_EQ("", contentsOf(file + "-data"));
-    const pid_t daemon = std::stoi(linesOf(file).at(0));
-    kill(daemon, SIGTERM);
-    EXPECT_TRUE(eventually([&] { return isGone(daemon); }));
+    terminate(std::stoi(linesOf(file).at(0)));
   }
 }
 
 TEST(VarnService, DependentsOfItsEventMayTakeTheirTime) {
-  EXPECT_EQ(0, runInChild([] {
-              std::atomic<bool> mayEnd{false};
-              Task worker([&] { return eventually([&] { return mayEnd.load(); }); });
-              worker.start();
-              Service service;
-              int waited = 1;
-              const Observer stopper(service.getEventObject(), [&] {
-                waited = worker.wait(1000);
-                mayEnd = true;
-              });
-              const std::jthread killer([&] {
-                eventually([&] { return service.state() == 0; });
-                sleepMs(50);
-                kill(getpid(), SIGTERM);
-              });
-              service.start("", false);
-              return waited == -2 ? 0 : 1;
-            }));
+  expectInChild([] {
+    std::atomic<bool> mayEnd{false};
+    Task worker([&] { eventually([&] { return mayEnd.load(); }); });
+    worker.start();
+    HookedService service;
+    int waited = 1;
+    const Observer stopper(service.getEventObject(), [&] {
+      waited = worker.wait(1000);
+      mayEnd = true;
+    });
+    const std::jthread killer([&] {
+      eventually([&] { return service.state() == 0; });
+      sleepMs(50);
+      kill(getpid(), SIGTERM);
+    });
+    service.start("", false);
+    EXPECT_EQ(-2, waited);
+  });
 }
 
 TEST(VarnService, AForkedWorkerHearsOfSigterm) {
   if (kInstrumented)
     return;  // a child of a process with threads cannot start any there
-  EXPECT_EQ(0, runInChild([] {
-              Service service;
-              std::atomic<int> outcome{-1};
-              const std::jthread forking([&] {
-                eventually([&] { return service.state() == 0; });
-                sleepMs(50);
-                const pid_t worker = startBareChild(
-                    [&] { return eventually([&] { return service.state() == 2; }) ? 4 : 5; });
-                sleepMs(50);
-                kill(worker, SIGTERM);
-                outcome = outcomeOf(worker);
-                service.stop();
-              });
-              service.start("", false);
-              return eventually([&] { return outcome == 4; }) ? 0 : 1;
-            }));
+  expectInChild([] {
+    HookedService service;
+    const std::jthread forking([&] {
+      eventually([&] { return service.state() == 0; });
+      sleepMs(50);
+      const pid_t worker =
+          startBareChild([&] { return eventually([&] { return service.state() == 2; }) ? 4 : 5; });
+      sleepMs(50);
+      kill(worker, SIGTERM);
+      EXPECT_EQ(4, outcomeOf(worker));
+      service.stop();
+    });
+    service.start("", false);
+  });
 }
 
 TEST(VarnServiceControl, RefusesEveryOperation) {
   const std::unique_ptr<VarnServiceControl> control(
       VarnServiceControl::CreateVarnServiceControl("x"));
-  const std::function<void()> operations[] = {
-      [&] { control->StartService(); },        [&] { control->StopService(); },
-      [&] { control->RestartService(); },      [&] { control->GetServiceStatus(); },
-      [&] { control->GetServiceStartType(); }, [&] { control->SetServiceStartType(1); },
-      [&] { control->IsServiceInstalled(); }};
-  for (const auto& operation : operations) {
-    try {
-      operation();
-      ADD_FAILURE();
-    } catch (const VarnServiceControlException& error) {
-      EXPECT_EQ(99, error.getErrorCode());
-      EXPECT_EQ(0, error.getSecondValue());
-    }
+  using Refusal = VarnServiceControlException;
+  EXPECT_THROW(control->StartService(), Refusal);
+  EXPECT_THROW(control->StopService(), Refusal);
+  EXPECT_THROW(control->RestartService(), Refusal);
+  EXPECT_THROW(control->GetServiceStatus(), Refusal);
+  EXPECT_THROW(control->GetServiceStartType(), Refusal);
+  EXPECT_THROW(control->SetServiceStartType(1), Refusal);
+  try {
+    control->IsServiceInstalled();
+    ADD_FAILURE();
+  } catch (const Refusal& error) {
+    EXPECT_EQ(99, error.getErrorCode());
+    EXPECT_EQ(0, error.getSecondValue());
   }
 }

@@ -2,25 +2,6 @@
 
 #include "LibraryTools.h"
 #include "ServiceManagerTools.h"
-#include "VarnSupport/VarnPidFile.h"
-#include "VarnSupport/VarnService.h"
-#include "VarnSupport/VarnSignalEvent.h"
-
-using namespace std::chrono_literals;
-
-namespace {
-
-class Service : public VarnService {
- public:
-  std::function<bool()> startHook = [] { return true; };
-  std::function<void()> stopHook = [] {};
-
- protected:
-  bool onStart(const std::string&) override { return startHook(); }
-  void onStop() override { stopHook(); }
-};
-
-}  // namespace
 
 TEST(VarnServiceManager, TellsWhatThereIsToTell) {
   const TempFolder folder;
@@ -92,7 +73,6 @@ TEST(VarnServiceManager, KnowsWhetherItWaitsForThisProcess) {
                                                             {"30000000", own.c_str(), 30000000},
                                                             {"30000000", "1", 0},
                                                             {"30000000", "x", 0},
-                                                            {"0", nullptr, 0},
                                                             {"-5", nullptr, 0},
                                                             {"5s", nullptr, 0},
                                                             {"", nullptr, 0},
@@ -112,7 +92,7 @@ TEST(VarnServiceManager, HearsOfEveryServiceByItself) {
     const pid_t started = startChild([&] {
       setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
       setenv("WATCHDOG_USEC", "5000000", 1);
-      Service service;
+      HookedService service;
       service.startHook = [] {
         return VarnServiceManager::status(
             std::to_string(VarnServiceManager::watchdogInterval().count()));
@@ -151,7 +131,7 @@ TEST(VarnServiceManager, IsNotToldOfAServiceThatDoesNotStartAndHoldsUpNone) {
   const TempFolder folder;
   auto manager = std::make_unique<Manager>(folder / "notify");
   const auto start = [](bool succeeds) {
-    Service service;
+    HookedService service;
     service.startHook = [&] { return succeeds && service.stop(); };
     service.start("", false);
     return service.start("", true) ? 0 : 1;
@@ -174,7 +154,7 @@ TEST(VarnServiceManager, ASighupDuringTheStopDoesNotDisturbIt) {
     std::atomic<bool> mayEnd{false};
     auto hangUp = std::make_unique<VarnSignalEvent>(SIGHUP);
     const Observer observer(*hangUp, [&] { mayEnd = true; });
-    Service service;
+    HookedService service;
     service.stopHook = [&] { eventually([&] { return mayEnd.load(); }); };
     const bool stopped = service.start("", false);
     hangUp.reset();

@@ -6,8 +6,6 @@
 #include "TestTools.h"
 #include "VarnSupport/VarnStringUtilities.h"
 
-using Tokens = std::vector<std::string>;
-
 namespace {
 
 template <typename Facet>
@@ -103,16 +101,16 @@ TEST(VarnStringUtilities, TheFacetsSwitchConversionOff) {
 }
 
 TEST(VarnStringUtilities, SplitsListsAtNuls) {
-  Tokens tokens{"old"};
+  Lines tokens{"old"};
   char list[] = "a\0bc\0\0d\0";
   VarnTokenizer(list, tokens);
-  EXPECT_EQ(tokens, (Tokens{"a", "bc"}));
+  EXPECT_EQ(tokens, (Lines{"a", "bc"}));
   VarnTokenizer(std::string("one\0two", 7), tokens);
-  EXPECT_EQ(tokens, (Tokens{"one", "two"}));
+  EXPECT_EQ(tokens, (Lines{"one", "two"}));
   VarnTokenizer(tokens[1], tokens);
-  EXPECT_EQ(tokens, Tokens{"two"});
+  EXPECT_EQ(tokens, Lines{"two"});
   VarnTokenizer(static_cast<char*>(nullptr), tokens);
-  EXPECT_EQ(tokens, Tokens());
+  EXPECT_EQ(tokens, Lines());
 }
 
 TEST(VarnStringUtilities, SplitsAtDelimitersAsStrtokDoes) {
@@ -123,22 +121,22 @@ TEST(VarnStringUtilities, SplitsAtDelimitersAsStrtokDoes) {
       c = ",;a\xC3"[random() % 4];
     const std::string delimiters = i % 3 == 0 ? ",;" : i % 3 == 1 ? "\xC3" : "";
     std::string cut = text;
-    Tokens expected;
+    Lines expected;
     for (const char* token = std::strtok(cut.data(), delimiters.c_str()); token != nullptr;
          token = std::strtok(nullptr, delimiters.c_str()))
       expected.emplace_back(token);
-    Tokens tokens{"old"};
+    Lines tokens{"old"};
     VarnTokenizer(text, delimiters, tokens);
     ASSERT_EQ(tokens, expected) << text;
     VarnTokenizer(text.data(), delimiters, tokens);
     ASSERT_EQ(tokens, expected) << text;
     ASSERT_EQ(text, cut);
   }
-  Tokens tokens{"a b", " "};
+  Lines tokens{"a b", " "};
   VarnTokenizer(tokens[0], tokens[1], tokens);
-  EXPECT_EQ(tokens, (Tokens{"a", "b"}));
+  EXPECT_EQ(tokens, (Lines{"a", "b"}));
   VarnTokenizer(static_cast<char*>(nullptr), " ", tokens);
-  EXPECT_EQ(tokens, Tokens());
+  EXPECT_EQ(tokens, Lines());
 }
 
 TEST(VarnStringUtilities, ExtractsTheFirstWordOrQuotedText) {

@@ -1,6 +1,5 @@
 #include "VarnSupport/VarnTreeNode.h"
 #include "LibraryTools.h"
-#include "VarnSupport/VarnObjectBase.h"
 
 namespace {
 

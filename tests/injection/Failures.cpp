@@ -1,7 +1,6 @@
 #include "Failures.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <pthread.h>
 #include <sys/select.h>
 

@@ -3,7 +3,6 @@
 // object usable and every lock free.
 #include "Failures.h"
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 
 #include <deque>
@@ -11,7 +10,6 @@
 #include <new>
 
 #include "LibraryTools.h"
-#include "VarnSupport/VarnSupport.h"
 
 namespace {
 
@@ -150,7 +148,7 @@ struct Log {
   void check() {
     VarnLogRecord(5) << "the log goes on";
     bool found = false;
-    for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+    for (const auto& entry : fs::directory_iterator(folder.path()))
       found |= contains(contentsOf(entry.path().string()), "] the log goes on\n");
     require(found, "a record comes out");
   }
@@ -318,45 +316,40 @@ TEST(FailureInjection, LeavesAServiceThatStops) {
 }
 
 TEST(FailureInjection, AStartThatIsRefusedEndsTheWaitsForTheThread) {
-  EXPECT_EQ(0, runInChild([] {
-              static std::atomic<bool> isAsked{false};
-              VarnThread refused;
-              std::thread waiter([&] {
-                while (!isAsked)
-                  sleepMs(1);
-                refused.wait(-1);
-              });
-              Failures::beforeThreadFails = [] {
-                isAsked = true;
-                sleepMs(50);  // the waiter comes meanwhile
-              };
-              {
-                const Failures failures(Failures::SYSTEM, 1);
-                refused.start();
-              }
-              waiter.join();
-              return refused.isAlive() ? 1 : 0;
-            }));
+  expectInChild([] {
+    static std::atomic<bool> isAsked{false};
+    VarnThread refused;
+    const std::jthread waiter([&] {
+      while (!isAsked)
+        sleepMs(1);
+      refused.wait(-1);
+    });
+    Failures::beforeThreadFails = [] {
+      isAsked = true;
+      sleepMs(50);  // the waiter comes meanwhile
+    };
+    {
+      const Failures failures(Failures::SYSTEM, 1);
+      refused.start();
+    }
+    EXPECT_FALSE(refused.isAlive());
+  });
 }
 
 TEST(FailureInjection, AFullDiskDoesNotStopOtherTargets) {
   TempFolder folder;
-  EXPECT_EQ(0, runInChild([&] {
-              // What a log without a file, or on a full disk, writes goes to standard output too.
-              static VarnLogging log(folder / "none" + "/log", VarnLogging::kToFile, 5);
-              const int output = ::open((folder / "output").c_str(), O_WRONLY | O_CREAT, 0600);
-              dup2(output, STDOUT_FILENO);
-              VarnLogging::setInstance(log);
-              log.setTarget(VarnLogging::kToFile | VarnLogging::kToStandardOutput);
-              VarnLogRecord(5) << "without a file";
-              dup2(::open("/dev/full", O_WRONLY), STDOUT_FILENO);
-              VarnLogRecord(5) << "to a full disk";
-              dup2(output, STDOUT_FILENO);
-              VarnLogRecord(5) << "after it";
-              return 0;
-            }));
-  const std::vector<std::string> lines = linesOf(folder / "output");
-  ASSERT_EQ(2u, lines.size());
-  EXPECT_TRUE(lines[0].ends_with("without a file"));
-  EXPECT_TRUE(lines[1].ends_with("after it"));
+  expectInChild([&] {
+    // What a log without a file, or on a full disk, writes goes to standard output too.
+    static VarnLogging log(folder / "none" + "/log", VarnLogging::kToFile, 5);
+    const int output = ::open((folder / "output").c_str(), O_WRONLY | O_CREAT, 0600);
+    dup2(output, STDOUT_FILENO);
+    VarnLogging::setInstance(log);
+    log.setTarget(VarnLogging::kToFile | VarnLogging::kToStandardOutput);
+    VarnLogRecord(5) << "without a file";
+    dup2(::open("/dev/full", O_WRONLY), STDOUT_FILENO);
+    VarnLogRecord(5) << "to a full disk";
+    dup2(output, STDOUT_FILENO);
+    VarnLogRecord(5) << "after it";
+  });
+  EXPECT_EQ((Lines{"without a file", "after it"}), textsOf(folder / "output"));
 }

@@ -1,8 +1,16 @@
 // Processes that split and stop while everything else is under way.
+#include <locale>
+
 #include "LibraryTools.h"
-#include "VarnSupport/VarnSupport.h"
 
 namespace {
+
+void useDates() {
+  VarnDateTime date;
+  std::string error;
+  EXPECT_TRUE(date.setDateTime("1/2/2024", error));
+  EXPECT_EQ(date.toString(std::locale::classic()), L"Thu Feb  1 00:00:00 2024");
+}
 
 // Threads that log, count, use timers and format dates until the result is destroyed. None if
 // children shall go on under AddressSanitizer: its heap stays locked in a child that is forked
@@ -19,18 +27,15 @@ std::vector<std::jthread> load(bool childrenGoOn = true) {
       timer.reset();
       timer.stop();
     }));
-  threads.push_back(repeating([] { VarnDateTime().toGMTString(); }));
+  threads.push_back(repeating([] { useDates(); }));
   return threads;
 }
 
-class Service : public VarnService {
- public:
-  int starts = 0;
-  int stops = 0;
-
- protected:
+struct Service : VarnService {
   bool onStart(const std::string&) override { return ++starts == 1; }
   void onStop() override { ++stops; }
+  int starts = 0;
+  int stops = 0;
 };
 
 // Logs, counts, locks, formats a date and lets a timer fire, as a process does that goes on after a
@@ -40,7 +45,7 @@ int useEverything() {
   VarnCriticalSectionObject lock;
   const VarnCriticalSection guard(lock, true);
   const VarnSmartPointer<VarnWorkInformation> counted(new VarnWorkInformation);
-  VarnDateTime().toGMTString();
+  useDates();
   VarnTimer timer(1, true);
   const Observer flag(timer);
   timer.reset();
@@ -58,12 +63,7 @@ TEST(ProcessStress, EveryProgramComesBackWhileOthersLogAllocateAndFork) {
   {
     const auto threads = load(false);
     // Children that keep for a while what they inherit.
-    const std::jthread forking = repeating([] {
-      EXPECT_EQ(0, runInBareChild([] {
-                  sleepMs(30);
-                  return 0;
-                }));
-    });
+    const std::jthread forking = repeating([] { expectInBareChild([] { sleepMs(30); }); });
     onThreads(4, [&](int starter) {
       for (int i = starter; i < kPrograms; i += 4) {
         const int code = 1 + i % 255;
@@ -148,17 +148,17 @@ TEST(ForkStress, AChildFindsTheListsOfDependentsWhole) {
                                   churn(collaborator, observers[2])};
   timer.reset();
   for (int i = 0; i < 100; ++i) {
-    ASSERT_EQ(0, runInBareChild([&] {
-                Observer own[3];
-                timer.addDependent(own[0]);
-                event.addDependent(own[1]);
-                collaborator.addDependent(own[2]);
-                event.set();
-                collaborator.notify(VarnNotification());
-                timer.start(1, true);
-                return eventually([&] { return own[0].calls > 0; }) && own[1].calls == 1 ? 0 : 1;
-              }))
-        << "child " << i;
+    expectInBareChild([&] {
+      Observer own[3];
+      timer.addDependent(own[0]);
+      event.addDependent(own[1]);
+      collaborator.addDependent(own[2]);
+      event.set();
+      collaborator.notify(VarnNotification());
+      timer.start(1, true);
+      EXPECT_TRUE(eventually([&] { return own[0].calls > 0; }));
+      EXPECT_EQ(1, own[1].calls);
+    });
   }
 }
 
@@ -185,29 +185,25 @@ TEST(ForkStress, AChildLeavesTheStacksOfVanishedThreadsAlone) {
   EXPECT_TRUE(eventually([&] { return fired > 0; }));
 
   std::atomic<bool> isWaitedFor{false};
-  std::atomic<int> outcome{-1};
   // The child ends with the body, after that has told those who wait for the thread in the parent.
   Task forking([&] {
     eventually([&] { return isWaitedFor.load(); });
     const pid_t child = fork();
     if (child != 0) {
-      outcome = outcomeOf(child);
-      return 0;
+      EXPECT_EQ(0, outcomeOf(child));
+      return;
     }
     leaksCanBeFound = false;
     scribble();
     if (useEverything() != 0)
       _exit(1);
-    return 0;
   });
   forking.start();
-  std::thread waiter([&] { forking.wait(20000); });
-  sleepMs(100);
+  const std::jthread waiter = startSleeper([&] { forking.wait(20000); });
   isWaitedFor = true;
-  waiter.join();
+  forking.waitForThreadExit();
   mayEnd = true;
   owner.join();
-  EXPECT_EQ(0, outcome);
 }
 
 // None of them is in the child: what they were about is done with there, and nobody waits for them.
@@ -252,32 +248,26 @@ TEST(ForkStress, ADaemonThatForksOnceMoreInItsStartHookStops) {
   };
   EXPECT_EQ(0, runInChild([&] { return Forking().start(file, true) ? 0 : 1; }));
   ASSERT_TRUE(eventually([&] { return !linesOf(file).empty(); }));
-  const pid_t daemon = std::stoi(linesOf(file)[0]);
-  kill(daemon, SIGTERM);
-  EXPECT_TRUE(eventually([&] { return isGone(daemon); }));
-  kill(daemon, SIGKILL);
+  terminate(std::stoi(linesOf(file)[0]));
 }
 
 TEST(ProcessStress, AServiceThatIsStoppingGoesInAChild) {
-  EXPECT_EQ(0, runInChild([] {
-              auto service = std::make_unique<Service>();
-              std::atomic<bool> stopping{false};
-              std::atomic<bool> mayStop{false};
-              Observer slow(service->getEventObject(), [&] {
-                stopping = true;
-                eventually([&] { return mayStop.load(); });
-              });
-              std::thread stopper([] { ControlHandler(SIGTERM); });
-              eventually([&] { return stopping.load(); });
-              const int outcome = runInBareChild([&] {
-                service->getEventObject().removeDependent(slow);
-                service.reset();
-                return 0;
-              });
-              mayStop = true;
-              stopper.join();
-              return outcome;
-            }));
+  expectInChild([] {
+    auto service = std::make_unique<Service>();
+    std::atomic<bool> stopping{false};
+    std::atomic<bool> mayStop{false};
+    Observer slow(service->getEventObject(), [&] {
+      stopping = true;
+      eventually([&] { return mayStop.load(); });
+    });
+    const std::jthread stopper([] { ControlHandler(SIGTERM); });
+    eventually([&] { return stopping.load(); });
+    expectInBareChild([&] {
+      service->getEventObject().removeDependent(slow);
+      service.reset();
+    });
+    mayStop = true;
+  });
 }
 
 // The thread that makes it is kept from going on until the fork is under way, and uses it all the
@@ -323,14 +313,13 @@ TEST(ProcessStress, WhatAThreadSleepsOnWorksInAChild) {
        [&] { consumers.produceSentinel(false); }}};
   for (const auto& [wait, wake] : waitsAndWakes) {
     const auto leftBehind = startSleeper(wait);
-    EXPECT_EQ(0, runInBareChild([&wait = wait, &wake = wake] {
-                wake();
-                for (int i = 0; i < 2; ++i) {
-                  const auto sleeper = startSleeper(wait);
-                  wake();
-                }
-                return 0;
-              }));
+    expectInBareChild([&wait = wait, &wake = wake] {
+      wake();
+      for (int i = 0; i < 2; ++i) {
+        const auto sleeper = startSleeper(wait);
+        wake();
+      }
+    });
     wake();
   }
 }

@@ -1,8 +1,5 @@
 // Storms of the library's own signals, from inside and outside the process.
 #include "LibraryTools.h"
-#include "VarnSupport/VarnObjectBase.h"
-#include "VarnSupport/VarnTimer.h"
-#include "VarnSupport/VarnWorkInformation.h"
 
 namespace {
 

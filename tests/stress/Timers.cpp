@@ -1,8 +1,5 @@
 // Timers that are started, stopped and destroyed while they fire, on many threads.
-#include <list>
-
 #include "LibraryTools.h"
-#include "VarnSupport/VarnTimer.h"
 
 TEST(TimerStress, LivesThroughAnyOrderOfOperations) {
   const auto end = Clock::now() + stressTime();
@@ -37,21 +34,6 @@ TEST(TimerStress, LivesThroughAnyOrderOfOperations) {
     }
   });
   EXPECT_GT(counter.calls, 0);
-}
-
-TEST(TimerStress, TimersDestroyedByTheirOwnCallbacks) {
-  const auto end = Clock::now() + stressTime();
-  do {
-    std::unique_ptr<VarnTimer> timers[8];
-    std::list<Observer> destroyers;
-    for (auto& timer : timers) {
-      timer = std::make_unique<VarnTimer>(1, true);
-      destroyers.emplace_back(*timer, [&timer] { timer.reset(); });
-      timer->reset();
-    }
-    for (const Observer& destroyer : destroyers)
-      ASSERT_TRUE(eventually([&] { return destroyer.calls > 0; }));
-  } while (Clock::now() < end);
 }
 
 TEST(TimerStress, SignalsDuringALongCallbackDoNotPileUpThreads) {

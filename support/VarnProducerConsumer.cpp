@@ -18,6 +18,7 @@
 #include "locks/BriefHold.h"
 #include "log/OwnRecords.h"
 #include "runtime/Cancellation.h"
+#include "runtime/ShortWait.h"
 #include "threads/EventState.h"
 
 namespace VarnSupport {
@@ -52,7 +53,11 @@ struct alignas(64) VarnBaseProducerConsumer::Rendezvous : CancellationState::Hel
   ~Rendezvous() { pthread_mutex_destroy(&syncMutex); }
 
   void lock() {
-    pthread_mutex_lock(&syncMutex);
+    const auto get = [&] {
+      return holder.load(std::memory_order_relaxed) == 0 && pthread_mutex_trylock(&syncMutex) == 0;
+    };
+    if (!get() && !(ShortWait::isWorthALook(lateLocks) && ShortWait::brings(lateLocks, get)))
+      pthread_mutex_lock(&syncMutex);
     holder.store(callingThread(), std::memory_order_relaxed);
   }
   // As soon as the mutex is free another thread may destroy what stands here.
@@ -70,11 +75,10 @@ struct alignas(64) VarnBaseProducerConsumer::Rendezvous : CancellationState::Hel
  private:
   class Interval;
 
-  // Looks at a mutex that is held for a while before it sleeps: its holder is about to give it
-  // back.
-  pthread_mutex_t syncMutex = PTHREAD_ADAPTIVE_MUTEX_INITIALIZER_NP;
+  pthread_mutex_t syncMutex = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<pthread_t> holder{0};
   // The rest is for callers that do not hold the mutex, too, and changes in rare cases.
+  ShortWait::tLateWaits lateLocks{0};
   std::atomic<bool> isWakeDue{false};  // when the mutex is free
   std::atomic<bool> isAwaited{false};  // by somebody whom no set() has called since
 };

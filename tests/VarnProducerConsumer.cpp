@@ -205,7 +205,6 @@ TEST(VarnProducerConsumer, ASetWakesAllWhoWaitWhateverBecomesOfTheMutex) {
       {"given back", [&] { lockAndSet(), unlock(); }},
       {"free", set},
       {"held by another", [&] { lock(), elsewhere([&] { return set(), true; }), unlock(); }},
-      {"given back by another", [&] { lockAndSet(), elsewhere([&] { return unlock(), true; }); }},
       {"of a killed thread",
        [&] {
          std::atomic<bool> hasSet{false};

@@ -1,17 +1,25 @@
 // The rendezvous of producers and consumers: a mutex that callers hold between two operations, and
-// a condition. Who holds the mutex may be killed, so the holder notes it with its cancellation,
-// which gives it back when the thread ends. What a fork leaves behind is made anew at the first
-// use.
+// an event. Who holds the mutex may be killed, so the holder notes it with its cancellation, which
+// gives it back when the thread ends.
+//
+// Whoever waits takes the number of the event under the mutex, and a set() under the mutex moves
+// the number on. Whom that lets go on cannot do so before the mutex is free, and is woken only
+// then. The count of waiters tells a set() that there are some, and a flag that one of them has not
+// been called since: while those who were called are on their way, another set() costs a look.
 #include "VarnSupport/VarnProducerConsumer.h"
 
 #include <pthread.h>
 
 #include <atomic>
+#include <cassert>
+#include <climits>
 #include <cstdint>
 
+#include "locks/BriefHold.h"
 #include "log/OwnRecords.h"
 #include "runtime/Cancellation.h"
-#include "runtime/Fork.h"
+#include "runtime/ShortWait.h"
+#include "threads/EventState.h"
 
 namespace VarnSupport {
 
@@ -36,40 +44,81 @@ class SyncHold {
 
 }  // namespace
 
-// A thread of the library that ends while it has the mutex, as one does that is killed while it
-// waits for work, gives it back.
-struct VarnBaseProducerConsumer::Rendezvous : CancellationState::Held {
+struct alignas(64) VarnBaseProducerConsumer::Rendezvous : CancellationState::Held, EventState {
+  // A thread of the library that ends while it has the mutex, as one does that is killed while it
+  // waits for work, gives it back.
   Rendezvous() {
-    giveBack = [](Held& held) { pthread_mutex_unlock(&static_cast<Rendezvous&>(held).mutex); };
+    giveBack = [](Held& held) { static_cast<Rendezvous&>(held).unlock(); };
   }
+  ~Rendezvous() { pthread_mutex_destroy(&syncMutex); }
 
-  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
-  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-  std::atomic<int> waiters{0};
-  std::atomic<std::uint32_t> forks{g_nForks.load()};  // when the condition was made
-
-  // Waiters that a fork left behind would hold up the broadcasts of the child, for good. The mutex
-  // stays as it is: the thread that forked may hold it. Requires: the mutex is held.
-  void renewAfterFork() {
-    if (forks == g_nForks)
-      return;
-    pthread_cond_init(&condition, nullptr);
-    waiters = 0;
-    forks = g_nForks.load();
+  void lock() {
+    const auto get = [&] {
+      return holder.load(std::memory_order_relaxed) == 0 && pthread_mutex_trylock(&syncMutex) == 0;
+    };
+    if (!get() && !(ShortWait::isWorthALook(lateLocks) && ShortWait::brings(lateLocks, get)))
+      pthread_mutex_lock(&syncMutex);
+    holder.store(callingThread(), std::memory_order_relaxed);
   }
+  // As soon as the mutex is free another thread may destroy what stands here.
+  void unlock() {
+    const bool isDue = isWakeDue.load(std::memory_order_relaxed) && isWakeDue.exchange(false);
+    std::uint32_t* const number = numberHalf();
+    holder.store(0, std::memory_order_relaxed);
+    pthread_mutex_unlock(&syncMutex);
+    if (isDue)
+      wake(number, INT_MAX);
+  }
+  void wait();
+  void set();
 
-  // Counts a waiter for a scope, which a cancellation may end.
-  class Waiter {
-   public:
-    explicit Waiter(Rendezvous& rendezvous) : m_oRendezvous(rendezvous) { ++m_oRendezvous.waiters; }
-    Waiter(const Waiter&) = delete;
-    Waiter& operator=(const Waiter&) = delete;
-    ~Waiter() { --m_oRendezvous.waiters; }
+ private:
+  class Interval;
 
-   private:
-    Rendezvous& m_oRendezvous;
-  };
+  pthread_mutex_t syncMutex = PTHREAD_MUTEX_INITIALIZER;
+  std::atomic<pthread_t> holder{0};
+  // The rest is for callers that do not hold the mutex, too, and changes in rare cases.
+  ShortWait::tLateWaits lateLocks{0};
+  std::atomic<bool> isWakeDue{false};  // when the mutex is free
+  std::atomic<bool> isAwaited{false};  // by somebody whom no set() has called since
 };
+
+// A time without the mutex, which a cancellation may end.
+class VarnBaseProducerConsumer::Rendezvous::Interval {
+ public:
+  explicit Interval(Rendezvous& rendezvous) : m_oRendezvous(rendezvous) {
+    m_oRendezvous.addWaiter();
+    m_oRendezvous.unlock();
+  }
+  Interval(const Interval&) = delete;
+  Interval& operator=(const Interval&) = delete;
+  ~Interval() {
+    m_oRendezvous.lock();
+    m_oRendezvous.removeWaiter();
+  }
+
+ private:
+  Rendezvous& m_oRendezvous;
+};
+
+void VarnBaseProducerConsumer::Rendezvous::wait() {
+  assert(holder != 0);
+  const std::uint32_t ticket = number();
+  isAwaited.store(true, std::memory_order_release);
+  const Interval open(*this);
+  sleepSince(ticket, nullptr);
+}
+
+// Who does not hold the mutex may come between a ticket and the flag, and then moves the number
+// that the ticket is compared with. Whoever clears the flag therefore moves the number after that.
+void VarnBaseProducerConsumer::Rendezvous::set() {
+  if (!isAwaited.load(std::memory_order_relaxed) || !isAwaited.exchange(false) || !moveOn())
+    return;
+  if (holder.load(std::memory_order_relaxed) == callingThread())
+    isWakeDue.store(true, std::memory_order_relaxed);
+  else
+    wake(numberHalf(), INT_MAX);
+}
 
 VarnBaseSynchronizedQueue::VarnBaseSynchronizedQueue() = default;
 
@@ -82,20 +131,17 @@ VarnBaseProducerConsumer::VarnBaseProducerConsumer(VarnBaseSynchronizedQueue& qu
 
 // At exit consumers may be waiting at one that is static. They wait on, on memory that stays.
 VarnBaseProducerConsumer::~VarnBaseProducerConsumer() {
-  if (m_pRendezvous->waiters != 0)
-    return;
-  pthread_cond_destroy(&m_pRendezvous->condition);
-  pthread_mutex_destroy(&m_pRendezvous->mutex);
-  delete m_pRendezvous;
+  if (!m_pRendezvous->isWaitedFor())
+    delete m_pRendezvous;
 }
 
 void VarnBaseProducerConsumer::lockSyncMutex() {
   const CancellationGuard closed;
-  pthread_mutex_lock(&m_pRendezvous->mutex);
+  m_pRendezvous->lock();
   if (isCancellationDue()) {
-    pthread_mutex_unlock(&m_pRendezvous->mutex);
+    m_pRendezvous->unlock();
     unwindIfPossible();
-    pthread_mutex_lock(&m_pRendezvous->mutex);
+    m_pRendezvous->lock();
   }
   if (isCancellable())
     t_pCancellation->note(*m_pRendezvous);
@@ -105,21 +151,17 @@ void VarnBaseProducerConsumer::unlockSyncMutex() {
   const QuietCancellationGuard closed;
   if (isCancellable())
     t_pCancellation->forget(*m_pRendezvous);
-  pthread_mutex_unlock(&m_pRendezvous->mutex);
+  m_pRendezvous->unlock();
 }
 
 void VarnBaseProducerConsumer::waitForSyncEvent() {
   const CancellationGuard closed;
-  m_pRendezvous->renewAfterFork();
-  const Rendezvous::Waiter waiter(*m_pRendezvous);
-  const BlockingCall cancellable;
-  pthread_cond_wait(&m_pRendezvous->condition, &m_pRendezvous->mutex);
+  m_pRendezvous->wait();
 }
 
 void VarnBaseProducerConsumer::setSyncEvent() {
   const CancellationGuard closed;
-  m_pRendezvous->renewAfterFork();
-  pthread_cond_broadcast(&m_pRendezvous->condition);
+  m_pRendezvous->set();
 }
 
 void VarnBaseProducerConsumer::produceSentinel(bool clearQueue) {

@@ -160,3 +160,52 @@ TEST(VarnProducerConsumer, TheSentinelComesThroughAlthoughTheQueueCannotBeCleare
   });
   EXPECT_THROW(rendezvous.produceSentinel(true), int);
 }
+
+TEST(VarnProducerConsumer, ASetWakesAllWhoWaitWhateverBecomesOfTheMutex) {
+  struct : VarnBaseSynchronizedQueue {
+    void clear() override {}
+  } queue;
+  VarnBaseProducerConsumer meeting(queue);
+  std::atomic<int> woken{0};
+  const auto lock = [&] { meeting.lockSyncMutex(); };
+  const auto set = [&] { meeting.setSyncEvent(); };
+  const auto lockAndSet = [&] { lock(), set(); };
+  const auto unlock = [&] { meeting.unlockSyncMutex(); };
+  const auto waitAndUnlock = [&] { meeting.waitForSyncEvent(), ++woken, unlock(); };
+  const auto wait = [&] { lock(), waitAndUnlock(); };
+  const std::pair<const char*, std::function<void()>> cases[] = {
+      {"given back", [&] { lockAndSet(), unlock(); }},
+      {"free", set},
+      {"held by another", [&] { lock(), elsewhere([&] { return set(), true; }), unlock(); }},
+      {"of a killed thread",
+       [&] {
+         std::atomic<bool> hasSet{false};
+         Task holder([&]() -> int {
+           lockAndSet();
+           for (hasSet = true;;)
+             sleepMs(1);
+         });
+         holder.start();
+         EXPECT_TRUE(eventually([&] { return hasSet.load(); }));
+         killAndJoin(holder);
+       }},
+      {"of a thread that forks", [&] {
+         lockAndSet();
+         EXPECT_EQ(0, runInBareChild([&] { return unlock(), lockAndSet(), unlock(), 0; }));
+         unlock();
+       }}};
+  for (const auto& [mutexIs, act] : cases) {
+    SCOPED_TRACE(mutexIs);
+    woken = 0;
+    const auto first = startSleeper(wait);
+    const auto second = startSleeper(wait);
+    // Waits itself once it has set, which its own set() does not end.
+    const auto third = startSleeper([&] { lockAndSet(), waitAndUnlock(); });
+    EXPECT_TRUE(eventually([&] { return woken == 2; }));
+    const auto fourth = startSleeper(wait);
+    EXPECT_EQ(2, woken);
+    act();
+    EXPECT_TRUE(eventually([&] { return woken == 4; }));
+    lockAndSet(), unlock();
+  }
+}

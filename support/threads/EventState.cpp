@@ -1,10 +1,6 @@
 // A set() moves the number first and wakes the sleepers afterwards, if the same operation has
 // shown that there are any; a waiter counts itself first and compares the number afterwards. In
 // every order of the two, the waiter sees the number moved or is woken.
-//
-// To sleep and to be woken costs a hundred times what a look costs. Waiters therefore look for a
-// while first, as long as that has paid off: waits that looked in vain make the next ones sleep at
-// once, but for one in a while that tries again.
 #include "threads/EventState.h"
 
 #include <linux/futex.h>
@@ -17,17 +13,12 @@
 #include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/ShortWait.h"
 #include "runtime/WaitNote.h"
 
 namespace VarnSupport {
 
 namespace {
-
-// A set() that comes soon is cheaper to wait for than to sleep for. Between two looks the processor
-// is given up, as whoever is about to call set() may need just this one.
-constexpr int kLooksBeforeSleeping = 40;
-// After a wait that looked in vain only one of so many looks before it sleeps.
-constexpr std::uint32_t kWaitsBetweenTrials = 32;
 
 // Returns when the number may have changed, or the deadline passed. A cancellation point, which
 // syscall() is not; there is nothing to destroy in this frame.
@@ -112,18 +103,11 @@ bool EventState::sleepSince(std::uint32_t ticket, const MonotonicTime* deadline)
 
 // Looks at the number for a while, unless it was in vain the last times.
 bool EventState::comesSoon(std::uint32_t ticket) {
-  const std::uint32_t late = m_nLateWaits.load(std::memory_order_relaxed);
-  m_nLateWaits.store(late + 1, std::memory_order_relaxed);
-  if (late % kWaitsBetweenTrials != 0)
-    return number() != ticket;
+  const auto hasCome = [&] { return number() != ticket; };
+  if (!ShortWait::isWorthALook(m_nLateWaits))
+    return hasCome();
   m_nLooking.fetch_add(1, std::memory_order_relaxed);
-  bool has = number() != ticket;
-  for (int looks = 0; !has && looks < kLooksBeforeSleeping; ++looks) {
-    sched_yield();
-    has = number() != ticket;
-  }
-  if (has)
-    m_nLateWaits.store(0, std::memory_order_relaxed);
+  const bool has = ShortWait::brings(m_nLateWaits, hasCome);
   m_nLooking.fetch_sub(1, std::memory_order_release);
   return has;
 }

@@ -107,7 +107,8 @@ TEST(Allocations, OfALargeRecordDoNotLast) {
   EXPECT_LT(inUse(), before + 1000000);
 }
 
-TEST(LookUps, AreNoMoreThanTheTimesThatAreAskedForAndFewForTheSameTimes) {
+// Of each stretch without a change of the zone the system is asked five times at most.
+TEST(LookUps, AreFewForManyTimesAndNoneForTheSameTimes) {
   setenv("TZ", "Europe/Berlin", 1);
   Random random;
   VarnDateTime date;
@@ -117,8 +118,9 @@ TEST(LookUps, AreNoMoreThanTheTimesThatAreAskedForAndFewForTheSameTimes) {
     date.setDateImpl(1, static_cast<unsigned>(1 + random() % 2),
                      static_cast<unsigned>(70 + random() % 60), error);
     date.getTime();
-    ASSERT_GE(2 * i, t_nLookUps - before);
+    ASSERT_GE(5 * i, t_nLookUps - before);
   }
+  EXPECT_GE(1000, t_nLookUps - before);
   for (int i = 0; i < 50; ++i)
     date.getTime();
   const long afterwards = t_nLookUps;

@@ -4,8 +4,7 @@
 // differ in what they normalise first: texts of the RFC form, and modifyDate(), whose sum need not
 // exist.
 //
-// What is a number outside of an int never gets to the system: fitsInt() guards each way in, as the
-// sums of the system would overflow.
+// A number outside of an int never gets to the system, whose sums would overflow: see fitsInt().
 #include "VarnSupport/VarnDateTime.h"
 
 #include <cassert>

@@ -23,12 +23,6 @@
 
 namespace VarnSupport {
 
-namespace {
-
-constexpr long kIdleMilliseconds = 60000;
-
-}  // namespace
-
 // Programs that were built while it was no inline function look for it in the library.
 [[gnu::used]] VarnLogging* (*const keptGetInstance)() = &VarnLogging::getInstance;
 
@@ -48,7 +42,7 @@ VarnLogging::VarnLogging() : VarnLogging("log", kToStandardOutput, State::kLevel
 VarnLogging::VarnLogging(const std::string& fileName, int target, int level)
     : m_nTarget(target),
       m_nLogLevel(level),
-      m_oIdleTimer(kIdleMilliseconds, false),
+      m_oIdleTimer(State::kIdleMilliseconds, false),
       m_sBaseName(fileName) {
   const QuietCancellationGuard closed;
   m_oIdleTimer.addDependent(*this);

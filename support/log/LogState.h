@@ -61,6 +61,7 @@ struct VSUPT_LOCAL VarnLogRecord::Content {
 };
 
 struct VSUPT_LOCAL VarnLogging::State : LogTurns {
+  static constexpr long kIdleMilliseconds = 60000;
   static constexpr int kLevelOff = -1;
   static constexpr int kHighestLevel = 9;
   static constexpr std::int32_t kNoRest = 100;

@@ -315,8 +315,8 @@ void (*const registerLast)(int, char**, char**)
       __cxa_atexit(linger, nullptr, nullptr);
     };
 
-// Allocations are counted. These count as the platform's own functions.
-#define STEPS_OF_PLATFORM [[gnu::section("platform")]]
+// Allocations are counted. These count as the platform's own functions, with all that they call.
+#define STEPS_OF_PLATFORM [[gnu::section("platform"), gnu::flatten]]
 
 STEPS_OF_PLATFORM void* operator new(std::size_t size) {
   void* const block = std::malloc(size);

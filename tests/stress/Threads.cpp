@@ -32,6 +32,22 @@ void runMortals(int count) {
   ASSERT_TRUE(eventually(areAllGone));
 }
 
+// Has nothing to destroy, so that it can be cancelled anywhere.
+struct Locker : VarnThread {
+  std::array<VarnCriticalSectionObject, 2> locks;
+  std::atomic<bool> started{false};
+  int run() override {
+    for (started = true;;) {
+      locks[0].lock();
+      locks[1].lock();
+      locks[0].lock();
+      locks[0].unlock();
+      locks[0].unlock();
+      locks[1].unlock();
+    }
+  }
+};
+
 }  // namespace
 
 TEST(ThreadStress, WaitsRacingTheEndsOfThreads) {
@@ -107,6 +123,24 @@ TEST(ThreadStress, TenThousandSelfDeletingThreadsLeaveNothing) {
   EXPECT_EQ(descriptors, entriesIn("/proc/self/fd"));
   // Each thread that was not joined would keep a page of its stack at least.
   EXPECT_TRUE(kInstrumented || residentKilobytes() < memory + 10000);
+}
+
+// Cancelling instrumented code at any instruction is not supported by the instrumentation.
+TEST(ThreadStress, ThreadsKilledWhileTheyLockLeaveEveryLockFree) {
+  const auto end = Clock::now() + stressTime();
+  for (unsigned round = 0; !kInstrumented && Clock::now() < end; ++round) {
+    Locker locker;
+    locker.start();
+    while (!locker.started) {
+    }
+    spin(round * 37 % 1000);
+    killAndJoin(locker);
+    ASSERT_EQ(-1, locker.getExitCode());
+    for (VarnCriticalSectionObject& lock : locker.locks)
+      ASSERT_TRUE(lock.testAndSet());
+    for (VarnCriticalSectionObject& lock : locker.locks)
+      lock.unlock();
+  }
 }
 
 TEST(ThreadStress, ObserversComeAndGoDuringNotifications) {

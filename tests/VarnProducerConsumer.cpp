@@ -179,6 +179,8 @@ TEST(VarnProducerConsumer, ASetWakesAllWhoWaitWhateverBecomesOfTheMutex) {
       {"held by another", [&] { lock(), elsewhere([&] { return set(), true; }), unlock(); }},
       {"of a killed thread",
        [&] {
+         if (kThreadSanitizer)  // sees nothing of what a thread does while it is unwound
+           return set();
          std::atomic<bool> hasSet{false};
          Task holder([&]() -> int {
            lockAndSet();

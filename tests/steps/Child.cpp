@@ -315,10 +315,9 @@ void (*const registerLast)(int, char**, char**)
       __cxa_atexit(linger, nullptr, nullptr);
     };
 
-// Allocations are counted. These count as the platform's own functions, with all that they call.
-#define STEPS_OF_PLATFORM [[gnu::section("platform"), gnu::flatten]]
+// Allocations are counted, by functions of the program: a kill inside of one loses what it counts.
 
-STEPS_OF_PLATFORM void* operator new(std::size_t size) {
+void* operator new(std::size_t size) {
   void* const block = std::malloc(size);
   if (block == nullptr)
     throw std::bad_alloc();
@@ -326,11 +325,9 @@ STEPS_OF_PLATFORM void* operator new(std::size_t size) {
   return block;
 }
 
-STEPS_OF_PLATFORM void operator delete(void* block) noexcept {
+void operator delete(void* block) noexcept {
   allocations -= block != nullptr ? 1 : 0;
   std::free(block);
 }
 
-STEPS_OF_PLATFORM void operator delete(void* block, std::size_t) noexcept {
-  operator delete(block);
-}
+void operator delete(void* block, std::size_t) noexcept { operator delete(block); }

@@ -11,10 +11,6 @@
 #include "Operations.h"
 #include "Stepper.h"
 
-// The bounds of functions in this program that stand for the platform's.
-extern "C" const char __start_platform[];
-extern "C" const char __stop_platform[];
-
 namespace {
 
 constexpr int kBroken = 3;  // the harness itself failed
@@ -26,9 +22,8 @@ enum tOrigin { LIBRARY, PLATFORM, USER };
 
 // Code has the same addresses in all processes.
 tOrigin originOf(std::uint64_t address) {
-  const auto* const place = reinterpret_cast<const char*>(address);
   Dl_info info{};
-  if (dladdr(place, &info) == 0 || (place >= __start_platform && place < __stop_platform))
+  if (dladdr(reinterpret_cast<const void*>(address), &info) == 0)
     return PLATFORM;
   return contains(info.dli_fname, "/libvsupt.")    ? LIBRARY
          : contains(info.dli_fname, "vsupt_steps") ? USER

@@ -287,7 +287,7 @@ template <typename StringType>
 auto VarnProperties<StringType>::findLocked(const StringType& key) const
     -> const std::pair<const StringType, std::vector<StringType>>* {
   IndexOf<StringType> index(m_sIndex);
-  if (index.exists() || index.isMadeBy(m_mapProperties))
+  if (index.exists() || index.makeIfDue(m_mapProperties))
     return index.find(key);
   const auto found = m_mapProperties.find(key);
   return found != m_mapProperties.end() ? &*found : nullptr;

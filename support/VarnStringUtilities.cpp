@@ -95,13 +95,13 @@ std::size_t expectedTokens(std::size_t found, const char* begin, const char* tex
 // The first of one delimiter in [text, end), else the end. Most tokens are short: a call is worth
 // its price behind their first characters alone.
 template <typename CharT>
-CharT* endOfToken(CharT* text, CharT* end, char delimiter) {
+CharT* endOfToken(CharT* text, CharT* end, SingleDelimiter delimiter) {
   constexpr std::ptrdiff_t shortToken = 16;
   CharT* const near = text + std::min(shortToken, end - text);
-  CharT* const found = std::find(text, near, delimiter);
+  CharT* const found = std::find(text, near, delimiter.get());
   if (found != near || near == end)
     return found;
-  const void* const far = std::memchr(near, delimiter, static_cast<std::size_t>(end - near));
+  const void* const far = std::memchr(near, delimiter.get(), static_cast<std::size_t>(end - near));
   return far == nullptr ? end : text + (static_cast<const char*>(far) - text);
 }
 
@@ -112,12 +112,12 @@ CharT* endOfToken(CharT* text, CharT* end, const DelimiterSet& delimiters) {
 }
 
 // Appends the tokens of [begin, end) and calls `ended` with each delimiter that ends one.
-template <typename CharT, typename Delimiters, typename IsDelimiter, typename Ended>
-void splitTokens(CharT* begin, CharT* end, const Delimiters& delimiters, IsDelimiter isDelimiter,
+template <typename CharT, typename Delimiters, typename Ended>
+void splitTokens(CharT* begin, CharT* end, const Delimiters& delimiters,
                  std::vector<std::string>& tokens, Ended ended) {
   CharT* text = begin;
   while (true) {
-    text = std::find_if_not(text, end, isDelimiter);
+    text = std::find_if_not(text, end, [&](char c) { return delimiters.holds(c); });
     if (text == end)
       return;
     CharT* const tokenEnd = endOfToken(text, end, delimiters);
@@ -131,19 +131,15 @@ void splitTokens(CharT* begin, CharT* end, const Delimiters& delimiters, IsDelim
   }
 }
 
-// The tokens of a NUL-terminated text. A single delimiter needs no table.
+// The tokens of a NUL-terminated text.
 template <typename CharT, typename Ended>
 std::vector<std::string> tokensOf(CharT* text, const char* delimiters, Ended ended) {
   std::vector<std::string> tokens;
   CharT* const end = text + std::strlen(text);
-  if (std::strlen(delimiters) == 1) {
-    const auto isDelimiter = [only = *delimiters](char c) { return c == only; };
-    splitTokens(text, end, *delimiters, isDelimiter, tokens, ended);
-  } else {
-    const DelimiterSet set(delimiters);
-    const auto isDelimiter = [&set](char c) { return set.holds(c); };
-    splitTokens(text, end, set, isDelimiter, tokens, ended);
-  }
+  if (std::strlen(delimiters) == 1)
+    splitTokens(text, end, SingleDelimiter(*delimiters), tokens, ended);
+  else
+    splitTokens(text, end, DelimiterSet(delimiters), tokens, ended);
   return tokens;
 }
 

@@ -9,10 +9,9 @@
 // Calls of one object never overlap; those of different objects do, but for a pool of one thread:
 // what only its functions use needs no lock. Safe from any thread.
 //
-// Who has the pool outlives none of its objects: the pool is made before them, and destroyed behind
-// them. A function that is to run on the pool once is that of a VarnMonotonicTimer, by
-// startOnce(0ms). One that takes more than a second is told in the log, at level 1, while others
-// wait for a thread.
+// A pool is made before the objects that use it, and destroyed after them. A function that is to
+// run on the pool once is that of a VarnMonotonicTimer, by startOnce(0ms). One that takes more than
+// a second is told in the log, at level 1, while others wait for a thread.
 //
 // In the child of a fork a pool has no threads, until an object is started with it there.
 #ifndef VARNSUPPORT_VARNCALLBACKPOOL_H

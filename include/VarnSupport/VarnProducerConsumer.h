@@ -58,7 +58,7 @@ class VSUPT_EXPORT VarnBaseProducerConsumer {
   bool isSentinel() const;
 
  private:
-  struct Rendezvous;
+  struct VSUPT_LOCAL Rendezvous;
 
   bool m_bSentinel = false;
   Rendezvous* m_pRendezvous;

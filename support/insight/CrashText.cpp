@@ -101,7 +101,8 @@ void putRecords(PlainText& text) {
   });
 }
 
-// What an exception says of itself can be found out by throwing it again.
+// What an exception says of itself can be found out by throwing it again, without memory of the
+// heap, which VarnWhat() needs.
 void putWhat(PlainText& text) {
   try {
     throw;

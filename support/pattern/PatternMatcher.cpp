@@ -96,9 +96,10 @@ template <typename StringType>
 auto PatternMatcher<StringType>::giveBack(std::size_t index) -> tOutcome {
   const Token& token = m_oProgram.tokens[index];
   const bool isAtEnd = m_nPosition == m_sText.size();
+  // A fixed literal gives back nothing.
   if (m_nRuns == 1 && !isAtEnd && widthOf(m_oProgram.tokens[m_oProgram.first]) > 1)
-    return tOutcome::Failed;  // a fixed literal, which gives back nothing
-  bool isNowhere = false;     // between the bottom of the stack and the position
+    return tOutcome::Failed;
+  bool isNowhere = false;  // between the bottom of the stack and the position
   std::size_t found = m_nPosition;
   for (bool sought = false;; sought = true) {
     assert(m_nRuns > 0);  // the bottom is fixed: the loop ends there

@@ -7,6 +7,17 @@
 
 namespace VarnSupport {
 
+// One delimiter alone, which needs no table.
+class SingleDelimiter {
+ public:
+  explicit SingleDelimiter(char delimiter) : m_cDelimiter(delimiter) {}
+  bool holds(char c) const { return c == m_cDelimiter; }
+  char get() const { return m_cDelimiter; }
+
+ private:
+  char m_cDelimiter;
+};
+
 // The delimiters that a NUL-terminated set holds, by byte value.
 class DelimiterSet {
  public:

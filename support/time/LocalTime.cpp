@@ -207,13 +207,15 @@ bool fitsFlag(const std::tm& local, const Kind& kind) {
   return local.tm_isdst < 0 || (local.tm_isdst > 0) == kind.daylightSaving;
 }
 
-// The same for a local time that has these seconds, where mktime() would use it. A second beyond
-// the minute is elapsed time for mktime(), which looks up the time without it.
+// The steady kind at a local time that has these seconds, else null. A second beyond the minute is
+// elapsed time for mktime(), which looks up the time without it.
+const Kind* kindAt(const std::tm& local, std::int64_t seconds) {
+  return local.tm_sec < 0 || local.tm_sec >= 60 ? nullptr : steadyKind(zoneNumber(), seconds);
+}
+
+// The same, if mktime() would use it.
 const Kind* kindOf(const std::tm& local, std::int64_t seconds) {
-  const std::uint64_t number = zoneNumber();
-  if (local.tm_sec < 0 || local.tm_sec >= 60)
-    return nullptr;
-  const Kind* const kind = steadyKind(number, seconds);
+  const Kind* const kind = kindAt(local, seconds);
   return kind != nullptr && fitsFlag(local, *kind) ? kind : nullptr;
 }
 
@@ -260,19 +262,16 @@ std::time_t timeOfLocal(const std::tm& local) {
 }
 
 bool isLocalTime(const std::tm& local) {
-  const bool elapses = local.tm_sec < 0 || local.tm_sec >= 60;
-  const std::int64_t seconds = secondsOf(local);
-  const Kind* const kind = elapses ? nullptr : steadyKind(zoneNumber(), seconds);
-  const bool fits = kind != nullptr && fitsFlag(local, *kind);
-  if (kind != nullptr && !fits && kind->refusesOther)
-    return false;
   std::tm normal = local;
-  if (!fits && askForTime(normal) == -1)
-    return false;
-  if (fits && seconds - kind->shift == -1)
-    return false;
-  if (fits)
+  const std::int64_t seconds = secondsOf(local);
+  const Kind* const kind = kindAt(local, seconds);
+  if (kind != nullptr && fitsFlag(local, *kind)) {
+    if (seconds - kind->shift == -1)
+      return false;  // which is a failure for whoever asks mktime()
     breakDown(seconds, normal);
+  } else if ((kind != nullptr && kind->refusesOther) || askForTime(normal) == -1) {
+    return false;
+  }
   return normal.tm_mday == local.tm_mday && normal.tm_mon == local.tm_mon &&
          normal.tm_year == local.tm_year && normal.tm_hour == local.tm_hour &&
          normal.tm_min == local.tm_min && normal.tm_sec == local.tm_sec;

@@ -10,6 +10,7 @@
 #include <cassert>
 #include <ctime>
 #include <iterator>
+#include <new>
 
 #include "runtime/Descriptor.h"
 
@@ -73,11 +74,20 @@ std::string contentsOf(const std::string& path) {
 
 }  // namespace
 
-void ZoneChanges::read(const char* name) {
+void ZoneChanges::read(const char* name) noexcept {
+  m_nCount = 0;
+  m_bKnown = false;
+  try {
+    tryToRead(name);
+  } catch (const std::bad_alloc&) {
+    m_bKnown = false;  // without memory the system is asked
+  }
+}
+
+void ZoneChanges::tryToRead(const char* name) {
   const std::string path = name == nullptr ? "/etc/localtime"
                            : *name == '\0' ? "/usr/share/zoneinfo/Universal"
                                            : std::string("/usr/share/zoneinfo/").append(name);
-  m_nCount = 0;
   if (access(path.c_str(), F_OK) == 0)
     m_bKnown = take(contentsOf(path));
   else

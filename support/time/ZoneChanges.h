@@ -18,10 +18,10 @@ class ZoneChanges {
   static constexpr int kChange = -2;
 
   // Reads the changes of the zone that a value of TZ, or null, names. Where they cannot be known
-  // all is unknown: without a file of 64-bit times, or with one that counts leap seconds, has more
-  // changes than kMost, or was replaced since this process began, as the system then may have
-  // another.
-  void read(const char* name);
+  // all is unknown: without memory or a file of 64-bit times, or with a file that counts leap
+  // seconds, has more changes than kMost, or was replaced since this process began, as the system
+  // then may have another.
+  void read(const char* name) noexcept;
 
   // The number of the stretch, below kMost + 1, that all of [from, to] lies in.
   int between(std::int64_t from, std::int64_t to) const;
@@ -30,6 +30,7 @@ class ZoneChanges {
   bool bounds(int stretch, std::int64_t& begin, std::int64_t& end) const;
 
  private:
+  void tryToRead(const char* name);
   bool take(const std::string& file);
 
   std::array<std::int64_t, kMost> m_aTimes{};

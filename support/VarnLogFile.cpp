@@ -60,9 +60,14 @@ bool VarnLogFile::reopen() {
     return true;
   State& state = State::of(*this);
   const bool isNew = state.reopenFile(*this);
-  if (!isNew && isFileOpen() && getLogLevel() >= LogFile::kFailures)
-    state.writeAlone("VarnLogFile::reopen: cannot open " + lastError(), LogFile::kFailures);
-  return isNew;
+  if (isNew || !isFileOpen())
+    return isNew;
+  const std::string text = "VarnLogFile::reopen: cannot open " + lastError();
+  if (const std::string line = state.file->inOwnForm(text); !line.empty())
+    writeLine(line);
+  else if (getLogLevel() >= LogFile::kFailures)
+    state.writeAlone(text, LogFile::kFailures);
+  return false;
 }
 
 void VarnLogFile::flush() {

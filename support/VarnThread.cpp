@@ -233,6 +233,7 @@ int VarnThread::_run() {
 
 void VarnThread::joinFinally() {
   const QuietCancellationGuard closed;
+  const NoCancellation whole;
   const ThreadControl::Visit control(*this);
   if (!control)
     return;

@@ -344,6 +344,21 @@ TEST(VarnCommand, ADestroyedCommandEndsItsProgramAndWaitsForDone) {
   EXPECT_EQ(killed + killed + killed, texts);
 }
 
+TEST(VarnCommand, WhatAFailingDoneHoldsIsGoneBeforeTheCommand) {
+  const NothingIsLeft atTheEnd;
+  std::atomic<bool> isOver{false};
+  std::shared_ptr<int> held(new int(0), [&](const int* number) {
+    sleepMs(20);
+    EXPECT_FALSE(isOver);
+    delete number;
+  });
+  {
+    VarnCommand command = shell("");
+    command.start([held = std::move(held)](const Result&) { throw 1; });
+  }
+  isOver = true;
+}
+
 TEST(VarnCommand, DoneMayDoEverything) {
   const NothingIsLeft atTheEnd;
   const FileLog log(1);

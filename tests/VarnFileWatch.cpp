@@ -249,6 +249,25 @@ TEST(VarnFileWatch, ALinkStandsForItsFile) {
   EXPECT_TRUE(told.tells({"MADE dangling"}));
 }
 
+// As configuration is switched as a whole.
+TEST(VarnFileWatch, ALinkMayLeadThroughAnother) {
+  const TempFolder folder;
+  for (const std::string version : {"one", "two"}) {
+    fs::create_directory(folder / version);
+    writeFile(folder / (version + "/settings"), version);
+  }
+  fs::create_symlink("one", folder / "..data");
+  fs::create_symlink("..data/settings", folder / "settings");
+  Told told;
+  const Watch watch(folder / "settings", told.function());
+  EXPECT_TRUE(told.tells({"FOUND settings"}));
+  fs::create_symlink("two", folder / "..new");
+  fs::rename(folder / "..new", folder / "..data");
+  EXPECT_TRUE(told.tells({"GONE settings", "MADE settings"}));
+  append(folder / "two/settings", "!");
+  EXPECT_TRUE(told.tells({"CHANGED settings"}));
+}
+
 // The queue of the system takes so many events; a call that blocks the loop lets it run over.
 TEST(VarnFileWatch, LostEventsAreToldAndMadeGood) {
   const int most = std::atoi(contentsOf("/proc/sys/fs/inotify/max_queued_events").c_str());

@@ -111,6 +111,29 @@ TEST(VarnConnection, CallsThatEndTheirOwnConnectionOnSeveralThreadsDoNotWaitForE
   EXPECT_FALSE(connection.isConnected());
 }
 
+TEST(VarnConnection, WhoEndsItFromOutsideWaitsForCallsThatEndItThemselves) {
+  for (int round = 0; round < 100; ++round) {
+    VarnCollaborator source;
+    std::atomic<int> inside{0};
+    std::atomic<bool> isEnded{false};
+    VarnConnection connection(source, [&] {
+      const bool isFirst = ++inside == 1;
+      EXPECT_TRUE(eventually([&] { return inside == 2; }));
+      if (isFirst)
+        connection.disconnect();
+      sleepMs(2);
+      EXPECT_FALSE(isEnded);
+    });
+    onThreads(3, [&](int thread) {
+      if (thread > 0)
+        return source.notify(VarnNotification());
+      EXPECT_TRUE(eventually([&] { return inside == 2; }));
+      connection.disconnect();
+      isEnded = true;
+    });
+  }
+}
+
 TEST(VarnConnection, SourcesAndConnectionsMayGoAtTheSameTime) {
   for (int round = 0; round < 500; ++round) {
     auto source = std::make_unique<VarnCollaborator>();

@@ -180,3 +180,14 @@ TEST(VarnJsonLog, WhatWasLostIsToldAsAnObject) {
     EXPECT_TRUE(line.starts_with("{\"time\":")) << line;
   EXPECT_TRUE(contains(lines.back(), " records lost\"}"));
 }
+
+TEST(VarnJsonLog, AFileThatCannotBeOpenedAgainIsToldInTheOldOne) {
+  const TempFolder folder;
+  std::filesystem::create_directory(folder / "old");
+  VarnJsonLog json(folder / "old/app.json", 5);
+  std::filesystem::rename(folder / "old", folder / "new");
+  EXPECT_FALSE(json.file().reopen());
+  const std::string line = contentsOf(folder / "new/app.json");
+  EXPECT_TRUE(line.starts_with("{\"time\":")) << line;
+  EXPECT_TRUE(contains(line, "VarnLogFile::reopen: cannot open ")) << line;
+}

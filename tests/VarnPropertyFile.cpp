@@ -86,6 +86,22 @@ TEST_F(VarnPropertyFile, OnlyFirstValuesAreSavedInKeyOrder) {
   EXPECT_TRUE(properties.saveProperties("/dev/full"));
 }
 
+TEST_F(VarnPropertyFile, AFileNeverTakesThePlaceOfAStandardStream) {
+  const std::string pipe = path("pipe");
+  ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+  expectInChild([&] {
+    const int reader = open(pipe.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    close(STDOUT_FILENO);
+    Narrow properties;
+    properties.addProperty("a", std::string(1000000, 'x'));
+    std::jthread saver([&] { properties.saveProperties(pipe); });
+    char byte = 0;
+    EXPECT_TRUE(eventually([&] { return read(reader, &byte, 1) == 1; }));
+    EXPECT_EQ(-1, write(STDOUT_FILENO, "x", 1));
+    close(reader);
+  });
+}
+
 TEST_F(VarnPropertyFile, AFileThatCannotBeOpenedChangesNothing) {
   Narrow properties;
   properties.addProperty("a", std::string("1"));

@@ -1,6 +1,8 @@
 #include <latch>
 
 #include "LibraryTools.h"
+#include "VarnSupport/VarnDateTime.h"
+#include "VarnSupport/VarnMonotonicTimer.h"
 #include "VarnSupport/VarnThread.h"
 
 namespace {
@@ -107,6 +109,56 @@ TEST(VarnThread, WaitsForAllOrTheFirstOrATimeOut) {
   gates[0].count_down();
   gates[2].count_down();
   EXPECT_EQ(0, threads[0]->wait(20000) + threads[2]->wait(20000));
+}
+
+TEST(VarnThread, ItsEndIsToldWhileAnotherThatIsWaitedForHasARecordOpen) {
+  expectInChild([] {
+    const FileLog log(9);
+    Gate gate;
+    std::atomic<bool> isOpen{false};
+    Task writer([&] {
+      gate.wait();
+      *VarnLogging::getInstance() << setloglevel(1) << "open";
+      isOpen = true;
+      sleepMs(50);
+      return 0;
+    });
+    Task other([&] { return eventually([&] { return isOpen.load(); }) ? 0 : 1; });
+    std::vector<VarnThread*> threads{&writer, &other};
+    for (VarnThread* const thread : threads)
+      thread->start();
+    const auto opener = gate.openedLater();
+    EXPECT_EQ(0, VarnThread::wait(threads, true, -1));
+  });
+}
+
+// The platform cancels threads that the library does not run, in its own calls.
+TEST(VarnThread, WhatCannotFailDoesNotUnwindAForeignThread) {
+  VarnMonotonicTimer later(1h, [] {});
+  later.start();
+  VarnMonotonicTimer sooner(1min, [] {});
+  struct Cancelled {
+    std::function<void()> operation;
+    bool isDone = false;
+  };
+  Cancelled all[] = {{[] { VarnDateTime().getTime(); }}, {[&] { sooner.start(); }}, {[] {
+                       const VarnFunctionThread thread("", [] { sleepMs(50); });
+                     }}};
+  setenv("TZ", "Pacific/Chatham", 1);  // which has not been looked up yet
+  for (Cancelled& one : all) {
+    const auto run = [](void* given) -> void* {
+      pthread_cancel(pthread_self());
+      static_cast<Cancelled*>(given)->operation();
+      static_cast<Cancelled*>(given)->isDone = true;
+      pthread_testcancel();
+      return nullptr;
+    };
+    pthread_t thread{};
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, run, &one));
+    ASSERT_EQ(0, pthread_join(thread, nullptr));
+    EXPECT_TRUE(one.isDone);
+  }
+  unsetenv("TZ");
 }
 
 TEST(VarnThread, AllWaitersAreToldOfTheEndOfAThreadThatDeletesItself) {

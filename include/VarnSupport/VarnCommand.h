@@ -10,7 +10,11 @@
 // folder, signal mask and ignored signals, but SIGPIPE is never ignored; it has no descriptor but
 // its three streams. It leads a process group of its own: what ends it before its time ends the
 // processes of that group with it. Those that have left the group live on, as daemons do, and so do
-// those that a program leaves behind when it ends by itself.
+// those that a program leaves behind when it ends by itself, or is ended by somebody else.
+//
+// Many programs run at once by start(), each with its own object; a limit to their number is a
+// VarnQueue of commands that as many VarnFunctionThreads run. The function of a timer should not
+// wait for a program.
 //
 // Setting up, running, starting, moving and destroying belong to the owner; kill(), wait() and the
 // queries are safe from any thread. Failures of the program, also to start it, are results; nothing
@@ -108,7 +112,8 @@ class VSUPT_EXPORT VarnCommand {
   using Done = std::function<void(const Result& result)>;
 
   // The first argument is the program. Without a '/' in its name it is looked for in the PATH of
-  // the environment that it gets. A VarnCmdLineTokenizer makes arguments of a line of text.
+  // the environment that it gets. VarnCmdLineTokenizer makes arguments of a line of text
+  // (VarnProgramOptions.h).
   explicit VarnCommand(std::vector<std::string> arguments);
   // A command that was moved from can be assigned to and destroyed, and no more.
   VarnCommand(VarnCommand&& source) noexcept;

@@ -8,9 +8,10 @@
 // A name is followed, not a file: a rotation by rename tells MOVED and then MADE, one that copies
 // and cuts tells CUT. Changes that come together are told as one, and what was made and is gone
 // again not at all: of quick rotations the files between are not told of. The folder may be
-// missing, vanish and come back. A name that is a symbolic link stands for the file that it leads
-// to. The system tells (inotify), not of what other hosts do to a network file system, nor of
-// writes through a mapping.
+// missing, vanish and come back, and is looked for once a second then. A name that is a symbolic
+// link stands for the file that it leads to; that a further link on the way there is changed is
+// told if this one is in the folder, too. The system tells (inotify), not of what other hosts do to
+// a network file system, nor of writes through a mapping.
 //
 // Calls are made by the thread of the loop ("vsupt-loop") or by a VarnCallbackPool, never two of
 // one object at once. Safe from any thread, from their own functions too. What a function throws is

@@ -58,9 +58,10 @@ class VSUPT_EXPORT VarnConnection {
   }
   ~VarnConnection() { disconnect(); }
 
-  // Afterwards the function is not called any more, and calls on other threads have returned, but
-  // for those that wait in here themselves. Inside the function it returns at once if no other
-  // thread is in it. The function must therefore not wait for a lock that the caller has.
+  // Afterwards the function is not called any more, and calls on other threads have returned.
+  // Inside the function it does not wait for calls whose threads are in here themselves, and
+  // returns at once if no other thread is in it. The function must therefore not wait for a lock
+  // that the caller has.
   void disconnect();
   // False once it was disconnected or moved from, or its source has gone.
   bool isConnected() const;

@@ -3,9 +3,11 @@
 #ifndef VARNSUPPORT_VARNLOGHELPERS_H
 #define VARNSUPPORT_VARNLOGHELPERS_H
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -32,7 +34,7 @@ VSUPT_EXPORT bool VarnApplyLogLevels(const std::string& levels, std::string& err
 // in `error`. For a look at a configuration that is not to be in force yet.
 VSUPT_EXPORT bool VarnCheckLogLevels(const std::string& levels, std::string& error);
 
-// Lets a record pass once in an interval; for a call site that may flood the log.
+// Lets a record pass once in an interval, of any length; for a call site that may flood the log.
 //
 //   static VarnLogLimit limit(std::chrono::seconds(10));
 //   VarnLimitedLogRecord(limit, "net", 1) << "cannot connect to " << host;
@@ -42,7 +44,7 @@ VSUPT_EXPORT bool VarnCheckLogLevels(const std::string& levels, std::string& err
 class VarnLogLimit {
  public:
   explicit constexpr VarnLogLimit(std::chrono::nanoseconds interval)
-      : m_nInterval(interval.count()) {}
+      : m_nInterval(std::max<std::int64_t>(interval.count(), 0)) {}
   VarnLogLimit(const VarnLogLimit&) = delete;
   VarnLogLimit& operator=(const VarnLogLimit&) = delete;
 
@@ -52,8 +54,8 @@ class VarnLogLimit {
                                  std::chrono::steady_clock::now().time_since_epoch())
                                  .count();
     std::int64_t next = m_nNext.load(std::memory_order_relaxed);
-    if (now < next ||
-        !m_nNext.compare_exchange_strong(next, now + m_nInterval, std::memory_order_relaxed)) {
+    const std::int64_t after = m_nInterval < kLatest - now ? now + m_nInterval : kLatest;
+    if (now < next || !m_nNext.compare_exchange_strong(next, after, std::memory_order_relaxed)) {
       m_nLeftOut.fetch_add(1, std::memory_order_relaxed);
       return false;
     }
@@ -62,6 +64,8 @@ class VarnLogLimit {
   }
 
  private:
+  static constexpr std::int64_t kLatest = std::numeric_limits<std::int64_t>::max();
+
   const std::int64_t m_nInterval;
   std::atomic<std::int64_t> m_nNext{0};
   std::atomic<std::uint64_t> m_nLeftOut{0};

@@ -60,7 +60,8 @@ class VSUPT_EXPORT VarnLogObserver {
 //    "tid":4711,"text":"cannot connect"}
 //
 // without the line break. Each line is valid UTF-8 whatever the record holds: bytes that are none
-// become U+FFFD, control characters are escaped.
+// become U+FFFD, control characters are escaped. Of a line that the file did not take in whole, as
+// on a full disk, the beginning stays, as a line of its own that is no object.
 class VSUPT_EXPORT VarnJsonLog {
  public:
   // As a VarnLogFile has them; the level is that of the records. With a Background, one of level 1

@@ -34,9 +34,10 @@ class VSUPT_EXPORT VarnStartRefused : public VarnException {
   ~VarnStartRefused() override;
 };
 
-// A file with the identifier of the process that has it, and a line feed. It is locked for as long
-// as the object lives, or its process, however that ends; what a dead process has left is taken
-// over. Safe from any thread.
+// A file with the identifier of the process that has it, and a line feed. Who reads it sends
+// signals: those that must not end the process are to be had by a VarnSignalEvent before. It is
+// locked for as long as the object lives, or its process, however that ends; what a dead process
+// has left is taken over. Safe from any thread.
 //
 // It may be made in the start hook or before start(): the lock and the file go over to the daemon,
 // whose identifier stands in the file before the hook runs. Other children of a fork do not have
@@ -69,8 +70,9 @@ class VSUPT_EXPORT VarnPidFile {
   std::unique_ptr<PidFileState> m_pState;
 };
 
-// Puts /dev/null in place of standard input, output and error, and sets the file mask: a daemon has
-// those of its starter, and 0. What `stdout` still has in its buffer goes out before.
+// Puts /dev/null in place of standard input, output and error, also of files that the program has
+// got there as its starter had closed them, and sets the file mask: a daemon has those of its
+// starter, and 0. What `stdout` still has in its buffer goes out before.
 // Called last in a start hook: what goes wrong before is still told, and whoever reads what the
 // launching process prints does not wait for the daemon's end. Files that the hook makes before
 // have the mask that is in force then. False, and nothing is changed, when /dev/null cannot be

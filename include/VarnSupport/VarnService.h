@@ -2,8 +2,9 @@
 //
 // A concrete service supplies a start hook and a stop hook; start() runs the first, waits until a
 // stop is requested by stop(), SIGINT or SIGTERM, and runs the second. Signals act through
-// ControlHandler(), on a library thread. One service per process answers to signals, the one that
-// was built last. stop() and the queries are safe from any thread.
+// ControlHandler(), on a library thread, unless the starter had them blocked. One service per
+// process answers to signals, the one that was built last. stop() and the queries are safe from any
+// thread.
 //
 // A service manager is told when the start hook has succeeded, and before the stop hook runs; see
 // VarnServiceManager.h. Without one nothing of that happens.
@@ -46,7 +47,8 @@ class VSUPT_EXPORT VarnService {
   // its own, "/" as its folder and 0 as its file mask; descriptors stay as they are, and threads do
   // not come along.
   bool start(const std::string& arguments, bool daemonize);
-  // Requests the end of the running service; always true.
+  // Requests the end of the running service; always true. Before start() there is none, and the
+  // request is forgotten; from the start hook on it counts.
   bool stop();
 
   // Do nothing and return true.

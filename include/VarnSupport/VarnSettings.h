@@ -80,9 +80,10 @@ struct VarnDurationRange {
 //
 // <name> in a value stands for the first value of that setting, whose own references are replaced
 // in turn, or else for what define() says, or else for the environment variable `name`. A name is
-// one or more characters other than '<' and '>'; a '<' that begins none stands for itself. A name
-// that stands for nothing, leads back to itself or is more than 32 references deep is a fault, and
-// so are more references, or text in their place, than a file of 16 MiB has room for.
+// one or more characters other than '<' and '>'; a '<' that begins none stands for itself, and
+// others can be had by define("lt", "<"). A name that stands for nothing, leads back to itself or
+// is more than 32 references deep is a fault, and so are more references, or text in their place,
+// than a file of 16 MiB has room for.
 //
 // A fault reads "FILE:LINE: KEY: REASON", with "command line" or "environment" in place of the file
 // and its line. Control characters in it are escaped, long values cut; behind 100 faults the rest
@@ -192,7 +193,8 @@ class VSUPT_EXPORT VarnSettings {
   // in their order.
   std::vector<std::string> keys(const std::string& prefix) const { return list(prefix, false); }
   // What stands between `prefix` and the next '.' in such keys, each once: "a" and "b" for
-  // groups("rule.") with the settings rule.a.key, rule.a.limit and rule.b.key.
+  // groups("rule.") with the settings rule.a.key, rule.a.limit and rule.b.key. A key without a
+  // further '.' is in no group.
   std::vector<std::string> groups(const std::string& prefix) const { return list(prefix, true); }
 
   // What <name> stands for where no setting has that name.

@@ -39,8 +39,8 @@ class VSUPT_EXPORT VarnSignalEvent final : public VarnEvent {
   //
   // Throws VarnException for a number that is no signal, SIGKILL and SIGSTOP, which cannot be
   // caught, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS and SIGABRT, which end what a thread
-  // does, and SIGALRM, SIGUSR1 and SIGUSR2, which the library needs; and when the system refuses a
-  // thread.
+  // does, and SIGALRM, SIGUSR1 and SIGUSR2, which the library needs: SIGHUP, SIGQUIT and
+  // SIGRTMIN + n are free; and when the system refuses a thread.
   //
   // A signal that all threads block is not delivered. As with every handler, a delivery interrupts
   // calls that are not restarted, such as poll() and sleep().

@@ -97,13 +97,14 @@ class Watch {
   MonotonicTime m_oUntil = MonotonicTime::max();
 };
 
-// On the mask of the thread that has started the command.
+// On the mask of the thread that has started the command. However the call ends, what the function
+// has with it is gone on the return.
 void callDone(VarnCommand::Done& done, const VarnCommand::Result& result, const sigset_t& mask) {
   sigset_t own;
   pthread_sigmask(SIG_SETMASK, &mask, &own);
   try {
-    done(result);
-    done = nullptr;
+    const VarnCommand::Done called = std::move(done);
+    called(result);
   } catch (...) {
     passOnCancellation();
     Uncaught::report([] { return "VarnCommand"; });

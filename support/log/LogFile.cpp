@@ -289,11 +289,17 @@ bool LogFile::tellOfLost() {
   }
 }
 
+std::string LogFile::inOwnForm(const std::string& text) const {
+  const Form form = m_pForm;
+  if (form == nullptr)
+    return {};
+  const std::string name = nameOfThread();
+  return form({std::chrono::system_clock::now(), kFailures, {}, text, name, gettid()});
+}
+
 std::string LogFile::lineOf(const std::string& text) {
-  if (const Form form = m_pForm) {
-    const std::string name = nameOfThread();
-    return form({std::chrono::system_clock::now(), kFailures, {}, text, name, gettid()}) + '\n';
-  }
+  if (std::string line = inOwnForm(text); !line.empty())
+    return line += '\n';
   RecordText record;
   record.append(text);
   m_oHeader.putBefore(record, kFailures, "Global");

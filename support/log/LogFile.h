@@ -62,6 +62,8 @@ class LogFile : public std::enable_shared_from_this<LogFile> {
   // How the file's own records are written, in place of the form of all logs.
   using Form = std::string (*)(const VarnLogEntry& entry);
   void setForm(Form form) { m_pForm = form; }
+  // A record of the file's own in that form, without a line feed; empty if there is none.
+  std::string inOwnForm(const std::string& text) const;
 
   const std::string& name() const { return m_sName; }
   std::uint64_t lostCount() const { return m_nLost; }

@@ -12,11 +12,11 @@
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <new>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -43,9 +43,9 @@ void DescriptorSet::open() {
   m_oEpoll = Descriptor(epoll_create1(EPOLL_CLOEXEC));
   if (m_oEpoll.isOpen())
     m_oWake = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!m_oWake.isOpen())
+  if (!m_oWake.isOpen() || !addOwn(m_oWake.get(), kWakeKey))
     throwSystemError("vsupt-loop", errno);
-  addOwn(m_oWake.get(), kWakeKey);
+  m_vSuspects.reserve(kMostSuspects);
 }
 
 void DescriptorSet::closeInChild() {
@@ -57,6 +57,18 @@ bool DescriptorSet::addOwn(int descriptor, std::uint64_t key) {
   if (key == kFoldersKey)
     m_nFolders = descriptor;
   return control(EPOLL_CTL_ADD, descriptor, EPOLLIN | (key == kWakeKey ? EPOLLET : 0U), key) == 0;
+}
+
+// A program may have closed the descriptor that wakes. What has its number then is not the loop's
+// to close.
+bool DescriptorSet::addWake() {
+  if (addOwn(m_oWake.get(), kWakeKey))
+    return true;
+  if (errno != EBADF && errno != EPERM)
+    return false;
+  m_oWake.release();
+  m_oWake = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  return m_oWake.isOpen() && addOwn(m_oWake.get(), kWakeKey);
 }
 
 // The system's code, or 0.
@@ -153,12 +165,15 @@ void DescriptorSet::release(DescriptorListener& listener) {
     noteClosed(found);
 }
 
-// Its objects are left alone from here on.
+// Its objects are left alone from here on. Without memory that is not told.
 void DescriptorSet::noteClosed(Entries::iterator entry) {
   for (DescriptorListener* const listener : entry->second.listeners)
     listener->setBusy(false);
-  if (!entry->second.listeners.empty())
-    m_vClosed.push_back(entry->first);
+  try {
+    if (!entry->second.listeners.empty())
+      m_vClosed.push_back(entry->first);
+  } catch (const std::bad_alloc&) {
+  }
   m_mapEntries.erase(entry);
 }
 
@@ -172,7 +187,7 @@ void DescriptorSet::deliver(const epoll_event& event) {
   }
   if (fcntl(descriptor, F_GETFD) < 0) {
     noteClosed(found);
-    m_bHasGhosts = true;
+    m_bMustRepair = true;
     return;
   }
   Entry& entry = found->second;
@@ -189,42 +204,35 @@ void DescriptorSet::deliver(const epoll_event& event) {
 // An event may have been on its way when its object left. A second one cannot.
 void DescriptorSet::suspect(std::uint64_t key) {
   if (std::find(m_vSuspects.begin(), m_vSuspects.end(), key) != m_vSuspects.end())
-    m_bHasGhosts = true;
+    m_bMustRepair = true;
   else if (m_vSuspects.size() < kMostSuspects)
     m_vSuspects.push_back(key);
   else
     m_vSuspects.assign(1, key);
 }
 
-std::vector<int> DescriptorSet::repair(bool isBroken) {
+bool DescriptorSet::repair(bool isBroken) {
   assert(LoopLock::isHeld());
-  if (!m_bHasGhosts && !isBroken)
-    return std::exchange(m_vClosed, {});
+  if (!m_bMustRepair && !isBroken)
+    return true;
   Descriptor epoll(epoll_create1(EPOLL_CLOEXEC));
-  if (!epoll.isOpen()) {
-    usleep(kBeforeAnotherTryMicroseconds);
-    return {};
-  }
+  if (!epoll.isOpen())
+    return false;
   // What is no epoll object any more is not the loop's to close.
   if (isBroken)
     m_oEpoll.release();
   m_oEpoll = std::move(epoll);
-  m_bHasGhosts = false;
   m_vSuspects.clear();
-  if (!addOwn(m_oWake.get(), kWakeKey)) {
-    m_oWake.release();
-    m_oWake = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    addOwn(m_oWake.get(), kWakeKey);
-  }
-  if (m_nFolders >= 0)
-    addOwn(m_nFolders, kFoldersKey);
+  m_bMustRepair = !addWake();
+  if (m_nFolders >= 0 && !addOwn(m_nFolders, kFoldersKey))
+    m_nFolders = -1;  // the program has closed it
   for (auto entry = m_mapEntries.begin(); entry != m_mapEntries.end();) {
     const auto present = entry++;
     present->second.isRegistered = false;
     if (arm(present->first, present->second) != 0)
       noteClosed(present);
   }
-  return std::exchange(m_vClosed, {});
+  return !m_bMustRepair;
 }
 
 }  // namespace VarnSupport

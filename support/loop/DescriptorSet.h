@@ -56,8 +56,9 @@ class DescriptorSet {
   void closeInChild();
   int epoll() const { return m_oEpoll.get(); }
   int wakeDescriptor() const { return m_oWake.get(); }
-  // A descriptor of the loop's own, under the key that is told then. False when that fails.
-  bool addOwn(int descriptor, std::uint64_t key);
+  // A descriptor of the loop's own, under the key that is told then. False, with errno, when that
+  // fails.
+  [[nodiscard]] bool addOwn(int descriptor, std::uint64_t key);
 
   // Throws VarnException, and changes nothing then.
   void add(DescriptorListener& listener);
@@ -70,15 +71,15 @@ class DescriptorSet {
   // Has those hear for whom an event has come.
   void deliver(const epoll_event& event);
   // Makes the epoll object anew if it holds what can be taken out of it in no other way, or
-  // `isBroken`. Returns the descriptors that were found to be closed since the last time.
-  std::vector<int> repair(bool isBroken);
+  // `isBroken`. False when the system refuses: then it has to be tried again.
+  bool repair(bool isBroken);
+  // The descriptors that were found to be closed since the last time.
+  std::vector<int> takeClosed() { return std::exchange(m_vClosed, {}); }
 
   static constexpr std::uint64_t kWakeKey = ~std::uint64_t{0};
   static constexpr std::uint64_t kFoldersKey = kWakeKey - 1;
 
  private:
-  static constexpr unsigned kBeforeAnotherTryMicroseconds = 10000;
-
   struct Entry {
     std::vector<DescriptorListener*> listeners;
     std::uint32_t number = 0;  // tells it from earlier ones of the same descriptor
@@ -87,6 +88,7 @@ class DescriptorSet {
   };
   using Entries = std::unordered_map<int, Entry>;
 
+  bool addWake();
   int control(int operation, int descriptor, unsigned events, std::uint64_t key) const;
   bool isStillThere(int descriptor, const Entry& entry) const;
   int arm(int descriptor, Entry& entry);
@@ -99,7 +101,7 @@ class DescriptorSet {
   Entries m_mapEntries;
   std::uint32_t m_nEntries = 0;
   std::vector<std::uint64_t> m_vSuspects;  // keys of events for nobody
-  bool m_bHasGhosts = false;               // registrations that cannot be taken out
+  bool m_bMustRepair = false;              // registrations are missing, or cannot be taken out
   std::vector<int> m_vClosed;
 };
 

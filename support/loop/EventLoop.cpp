@@ -10,6 +10,7 @@
 
 #include <cassert>
 #include <cerrno>
+#include <thread>
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
@@ -23,6 +24,7 @@ namespace {
 
 // How long the thread stays when there is no object any more.
 constexpr std::chrono::seconds kLinger{1};
+constexpr std::chrono::milliseconds kBeforeAnotherTry{10};  // to make the epoll object anew
 
 // For systems before 5.11, whose epoll counts whole milliseconds: ppoll() waits to the nanosecond.
 int waitWithoutTimeout(int epoll, epoll_event* events, int size, const timespec* left) {
@@ -78,7 +80,11 @@ void EventLoop::openFolders() {
   if (m_oFolders.isOpen())
     return;
   m_oFolders.open();
-  m_oDescriptors.addOwn(m_oFolders.descriptor(), DescriptorSet::kFoldersKey);
+  if (m_oDescriptors.addOwn(m_oFolders.descriptor(), DescriptorSet::kFoldersKey))
+    return;
+  const int error = errno;
+  m_oFolders.close();
+  throwSystemError("VarnFileWatch", error);
 }
 
 // From here on no call begins: what looks whether the exit has begun does so under the lock.
@@ -134,14 +140,17 @@ bool EventLoop::waitForWork(LoopLock& lock, StallWatch::Worker& worker) {
     return false;
   }
   take(events, count);
-  const std::vector<int> closed = m_oDescriptors.repair(count < 0);
-  if (!closed.empty()) {
-    lock.unlock();
-    for (const int descriptor : closed)
-      OwnRecords::write(OwnRecords::FAILURE, "VarnDescriptorEvent of descriptor ", descriptor,
-                        ": it was closed before the object, which is called no more");
-    lock.lock();
-  }
+  const bool isWhole = m_oDescriptors.repair(count < 0);
+  const std::vector<int> closed = m_oDescriptors.takeClosed();
+  if (closed.empty() && isWhole)
+    return true;
+  lock.unlock();
+  for (const int descriptor : closed)
+    OwnRecords::write(OwnRecords::FAILURE, "VarnDescriptorEvent of descriptor ", descriptor,
+                      ": it was closed before the object, which is called no more");
+  if (!isWhole)
+    std::this_thread::sleep_for(kBeforeAnotherTry);
+  lock.lock();
   return true;
 }
 
@@ -197,13 +206,13 @@ struct EventLoop::Fork {
     }
     PoolThread::unlockList();
     LoopCalls::unlockList();
-    LoopLock::releaseFork(side == ForkSide::CHILD);
+    LoopLock::releaseFork(side);
   }
 
  private:
   static void leaveBehind(EventLoop& loop) {
     loop.m_oDescriptors.closeInChild();
-    loop.m_oFolders.closeInChild();
+    loop.m_oFolders.close();
     loop.m_oStalls.closeInChild();
     keepForever(&loop);
   }

@@ -72,6 +72,10 @@ void VarnFileWatch::State::noteLoss() {
 void VarnFileWatch::State::hearOfName(const inotify_event& event) {
   assert(LoopLock::isHeld());
   const std::string_view name = event.len > 0 ? event.name : "";
+  if (!m_vTargets.empty() && (event.mask & IN_MODIFY) == 0) {
+    m_oWork.isForAll = true;  // links may lead through that name
+    pend();
+  }
   if (FindFileImplementation::IsPatternMatch(place.pattern.c_str(), name.data())) {
     noteOf(name, [&](FileHint& hint) {
       hint.isModified |= (event.mask & IN_MODIFY) != 0;

@@ -31,10 +31,9 @@ class FolderWatches {
   FolderWatches(const FolderWatches&) = delete;
   FolderWatches& operator=(const FolderWatches&) = delete;
 
-  // Throws VarnException. Opened on first need; closed by a program that closes what it does not
-  // know, it is made anew.
+  // Throws VarnException.
   void open();
-  void closeInChild() { m_oInotify.close(); }
+  void close() { m_oInotify.close(); }
   bool isOpen() const { return m_oInotify.isOpen(); }
   int descriptor() const { return m_oInotify.get(); }
 

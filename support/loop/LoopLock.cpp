@@ -8,6 +8,8 @@
 #include <cassert>
 #include <utility>
 
+#include "runtime/Cancellation.h"
+
 namespace VarnSupport {
 
 constinit std::mutex LoopLock::m_oMutex;
@@ -19,12 +21,14 @@ void LoopLock::unlock() {
   const int toWake = std::exchange(m_nToWake, -1);
   m_bHeld = m_bTaken = false;
   m_oMutex.unlock();
-  if (toWake >= 0)
-    eventfd_write(toWake, 1);
+  if (toWake < 0)
+    return;
+  const NoCancellation whole;
+  eventfd_write(toWake, 1);
 }
 
-void LoopLock::releaseFork(bool isChild) {
-  if (isChild)
+void LoopLock::releaseFork(ForkSide side) {
+  if (side == ForkSide::CHILD)
     m_nToWake = -1;
   m_bTaken = false;
   m_oMutex.unlock();

@@ -5,6 +5,8 @@
 #include <cassert>
 #include <mutex>
 
+#include "runtime/Fork.h"
+
 namespace VarnSupport {
 
 // Holds the lock, for a few instructions and calls of the system that do not wait. When it is given
@@ -39,7 +41,7 @@ class LoopLock {
     m_bTaken = true;
   }
   // Nobody is to be woken in a child: the descriptor is the parent's.
-  static void releaseFork(bool isChild);
+  static void releaseFork(ForkSide side);
 
  private:
   static constinit std::mutex m_oMutex;

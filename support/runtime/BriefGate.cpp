@@ -214,8 +214,10 @@ void BriefGate::forgetOthers() {
     visitor->isCounting = false;
     visitor->isTaken = false;
   }
-  if (m_pCloser != &m_oCrowd)
+  if (m_pCloser != &m_oCrowd) {
+    m_oCrowd.depth = 0;
     std::construct_at(&crowding);
+  }
 }
 
 }  // namespace VarnSupport

@@ -3,13 +3,11 @@
 #define SUPPORT_RUNTIME_CALLUNDERWAY_H
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
 
 #include "runtime/ProcessExit.h"
-#include "runtime/System.h"
 
 namespace VarnSupport {
 
@@ -60,21 +58,14 @@ class CallUnderWay {
   // Waits until no other thread is inside a call for `key`, but while the process exits no longer
   // than that may take.
   static void await(const Key& key) {
-    for (unsigned seen = m_nEnded; isUnderWay(key); seen = m_nEnded) {
-      if (!ProcessExit::hasBegun())
-        m_nEnded.wait(seen);
-      else if (monotonicNow() < ProcessExit::latestEnd())
-        usleep(kLookMicroseconds);
-      else
-        return;
-    }
+    ProcessExit::await(m_nEnded, [&] { return !isUnderWay(key); });
   }
 
   // While the process exits: waits until no other thread is inside a call, but no longer than that
   // may take.
   static void awaitAllAtExit() {
-    while (isAnyElsewhere() && monotonicNow() < ProcessExit::latestEnd())
-      usleep(kLookMicroseconds);
+    while (isAnyElsewhere() && ProcessExit::pause()) {
+    }
   }
 
   // What `key` names goes, and the next thing of that name is another: the calling thread's own
@@ -110,8 +101,6 @@ class CallUnderWay {
     return false;
   }
   bool isOwn() const { return pthread_equal(m_hThread, pthread_self()) != 0; }
-
-  static constexpr useconds_t kLookMicroseconds = 1000;
 
   static inline constinit std::mutex m_oMutex;
   static inline constinit CallUnderWay* m_pFirst = nullptr;  // guarded by the mutex

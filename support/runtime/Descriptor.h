@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "runtime/Cancellation.h"
+
 namespace VarnSupport {
 
 // Closes its descriptor, which is none of a standard stream: those are free in a process that has
@@ -22,6 +24,7 @@ class Descriptor {
     assert(number < 0 || (fcntl(number, F_GETFD) & FD_CLOEXEC) != 0);
     if (number < 0 || number > STDERR_FILENO)
       return;
+    const NoCancellation whole;
     m_nNumber = fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     const int error = errno;
     ::close(number);
@@ -40,6 +43,7 @@ class Descriptor {
   void close() {
     if (!isOpen())
       return;
+    const NoCancellation whole;
     const int error = errno;
     ::close(release());
     errno = error;

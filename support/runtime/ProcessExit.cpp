@@ -4,8 +4,11 @@
 // next of their operations.
 #include "runtime/ProcessExit.h"
 
+#include <unistd.h>
+
 #include <mutex>
 
+#include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 
 // As the C++ binary interface has them. std::atexit() cannot take a handler back.
@@ -15,6 +18,8 @@ extern "C" void __cxa_finalize(void* handle);
 namespace VarnSupport {
 
 namespace {
+
+constexpr useconds_t kPauseMicroseconds = 1000;
 
 constinit std::atomic<MonotonicTime> begin{MonotonicTime::min()};
 constinit std::mutex renewing;
@@ -44,7 +49,8 @@ void ProcessExit::renewHandler() {
   isRenewed = true;
   __cxa_finalize(&handle);
   isRenewed = false;
-  static_cast<void>(__cxa_atexit(&noteBegin, nullptr, &handle));
+  if (__cxa_atexit(&noteBegin, nullptr, &handle) != 0)
+    m_bOutdated = true;  // the next who begins something tries again
 }
 
 void ProcessExit::callAtBegin(void (*function)()) { atBegin = function; }
@@ -53,6 +59,14 @@ bool ProcessExit::hasBegun() { return begin.load() != MonotonicTime::min(); }
 
 MonotonicTime ProcessExit::latestEnd() {
   return (hasBegun() ? begin.load() : monotonicNow()) + kPatience;
+}
+
+bool ProcessExit::pause() {
+  if (monotonicNow() >= latestEnd())
+    return false;
+  const NoCancellation whole;
+  usleep(kPauseMicroseconds);
+  return true;
 }
 
 // The platform's list of handlers is whole in the child.

@@ -35,6 +35,21 @@ class ProcessExit {
   // Until when a destructor may wait that begins to do so now.
   static MonotonicTime latestEnd();
 
+  // Waits until `isDone()`, which is asked again after each change that `changes` is notified of.
+  // Nobody may be left to do so while the process exits: then it is asked now and then, no longer
+  // than until latestEnd(). No cancellation point.
+  template <typename Question>
+  static void await(const std::atomic<unsigned>& changes, Question isDone) {
+    for (unsigned seen = changes; !isDone(); seen = changes) {
+      if (!hasBegun())
+        changes.wait(seen);
+      else if (!pause())
+        return;
+    }
+  }
+  // For a millisecond; false, at once, when latestEnd() has come. No cancellation point.
+  static bool pause();
+
  private:
   static void renewHandler();
 

@@ -61,10 +61,8 @@ LockedFolder::LockedFolder(const std::string& folder)
 
 // A child of a fork may have the descriptor, too: the lock would stay with it.
 LockedFolder::~LockedFolder() {
-  const NoCancellation closing;
   if (m_oFolder.isOpen())
     flock(m_oFolder.get(), LOCK_UN);
-  m_oFolder.close();
 }
 
 // The system's own wait for such a lock cannot be cancelled.
@@ -135,13 +133,13 @@ int FileReplacement::writeNewFile(std::string_view contents) const {
   assert(m_bRead && NoCancellation::isInForce());
   unlink(m_sNewFile.c_str());
   const mode_t mode = m_bExists ? kModeMeanwhile : kModeOfNewFiles;
-  const int descriptor = retrying([&] {
+  Descriptor file(retrying([&] {
     return open(m_sNewFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-  });
-  if (descriptor < 0)
+  }));
+  if (!file.isOpen())
     return errno;
-  const int error = fill(descriptor, contents);
-  const int closing = resultOf(close(descriptor));
+  const int error = fill(file.get(), contents);
+  const int closing = resultOf(close(file.release()));
   return error != 0 ? error : closing == EINTR ? 0 : closing;
 }
 

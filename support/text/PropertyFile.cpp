@@ -47,23 +47,16 @@ int openRetrying(const std::string& fileName, int flags, mode_t mode) {
 }  // namespace
 
 FileDescriptor::FileDescriptor(const std::string& fileName, int flags, mode_t mode)
-    : m_nDescriptor(openRetrying(fileName, flags, mode)), m_nError(m_nDescriptor < 0 ? errno : 0) {
+    : m_oFile(openRetrying(fileName, flags, mode)), m_nError(m_oFile.isOpen() ? 0 : errno) {
   struct stat status {};
-  if (m_nDescriptor < 0 || fstat(m_nDescriptor, &status) != 0)
+  if (!m_oFile.isOpen() || fstat(m_oFile.get(), &status) != 0)
     return;
   if (S_ISDIR(status.st_mode)) {
-    close(m_nDescriptor);
-    m_nDescriptor = -1;
+    m_oFile.close();
     m_nError = EISDIR;
   }
   m_bRegular = S_ISREG(status.st_mode);
   m_nLength = static_cast<std::size_t>(std::max<off_t>(status.st_size, 0));
-}
-
-FileDescriptor::~FileDescriptor() {
-  const NoCancellation closing;
-  if (m_nDescriptor >= 0)
-    close(m_nDescriptor);
 }
 
 template <typename CharT>

@@ -11,19 +11,18 @@
 #include <string_view>
 #include <vector>
 
+#include "runtime/Descriptor.h"
+
 namespace VarnSupport {
 
-// An open file, closed with its owner.
+// An open file, and what is known of it.
 class FileDescriptor {
  public:
   // As open(), with the file closed on exec. A folder counts as a file that cannot be opened.
   FileDescriptor(const std::string& fileName, int flags, mode_t mode);
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor();
 
-  bool isOpen() const { return m_nDescriptor >= 0; }
-  int get() const { return m_nDescriptor; }
+  bool isOpen() const { return m_oFile.isOpen(); }
+  int get() const { return m_oFile.get(); }
   // Why it could not be opened.
   int error() const { return m_nError; }
   // Behind anything but a regular file there may be somebody who writes, or waits for, one line at
@@ -33,7 +32,7 @@ class FileDescriptor {
   std::size_t length() const { return m_nLength; }
 
  private:
-  int m_nDescriptor;
+  Descriptor m_oFile;
   int m_nError;
   bool m_bRegular = false;
   std::size_t m_nLength = 0;

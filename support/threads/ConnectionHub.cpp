@@ -4,12 +4,11 @@
 // is for the next delivery.
 //
 // A connection's calls are counted under the hub's mutex, with those among them whose threads wait
-// in disconnect(): these wait for the others, and nobody for these. Which calls are its own a
+// in disconnect(): these wait for the others and not for each other. Whoever disconnects from
+// outside waits for all. Which calls are its own a
 // thread finds in its scopes. The function is gone before disconnect() returns, unless that is
 // called in the function.
 #include "threads/ConnectionHub.h"
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -23,12 +22,6 @@
 #include "threads/Uncaught.h"
 
 namespace VarnSupport {
-
-namespace {
-
-constexpr useconds_t kLookMicroseconds = 1000;
-
-}  // namespace
 
 // Guarded by the mutex of the hub, apart from what does not change.
 struct VarnConnection::State {
@@ -169,8 +162,6 @@ void ConnectionHub::add(const std::shared_ptr<Connection>& connection) {
   connection->number = ++m_nNewest;
 }
 
-// The exit cannot wait for ever for a function that hangs. A wait for changes has no time limit, so
-// from then on the count is looked at now and then.
 void ConnectionHub::remove(Connection& connection) {
   const int own = Call::countHere(connection);
   std::shared_ptr<Connection> kept;
@@ -187,23 +178,13 @@ void ConnectionHub::remove(Connection& connection) {
   assert(connection.number > 0 && own >= 0);
   if (own > 0)
     connection.tellChange();
-  while (true) {
-    const unsigned seen = connection.changes;
-    const bool gaveUp = ProcessExit::hasBegun() && monotonicNow() >= ProcessExit::latestEnd();
-    {
-      const BriefMutex::Hold hold(m_oMutex);
-      if (gaveUp || connection.calls == connection.leaving) {
-        connection.leaving -= own;
-        break;
-      }
-    }
-    if (ProcessExit::hasBegun())
-      usleep(kLookMicroseconds);
-    else
-      connection.changes.wait(seen);
-  }
+  ProcessExit::await(connection.changes, [&] {
+    const BriefMutex::Hold hold(m_oMutex);
+    return connection.calls == (own > 0 ? connection.leaving : 0);
+  });
   VarnConnection::tFunction function;
   const BriefMutex::Hold hold(m_oMutex);
+  connection.leaving -= own;
   if (connection.calls == 0)
     function.swap(connection.function);
 }

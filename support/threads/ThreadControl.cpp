@@ -169,15 +169,17 @@ void ThreadControl::join() {
   }
   m_bJoinable = false;
   guard.unlock();
-  // A waiter that is cancelled leaves the thread to be joined by another.
+  // A waiter that is cancelled leaves the thread to be joined by another, if its object is there.
   struct Restore {
     ThreadControl& control;
     bool joined = false;
     ~Restore() {
-      if (!joined) {
-        const std::lock_guard again(control.m_oMutex);
-        control.m_bJoinable = true;
-      }
+      if (joined)
+        return;
+      const std::lock_guard again(control.m_oMutex);
+      control.m_bJoinable = control.m_pObject != nullptr;
+      if (!control.m_bJoinable)
+        pthread_detach(control.m_hThread);
     }
   } restore{*this};
   {

@@ -59,24 +59,19 @@ class ThreadWaitDependent : public TrackedDependent {
   ~ThreadWaitDependent() override {
     strikeOff();
     {
-      const VarnCriticalSection guard(m_oLock, true);
+      const VarnCriticalSection guard(m_oLock);
       ThreadWaitDependent::removeEverywhere();
     }
     awaitCalls();
   }
 
+  // Writes without the lock, which a thread may want that has a record open.
   void handleNotification(VarnCollaborator& source, const VarnNotification&) override {
-    const VarnCriticalSection guard(m_oLock, true);
-    m_pLast = &dynamic_cast<VarnThread&>(source);
-    const auto told = std::find(m_vUntold.begin(), m_vUntold.end(), m_pLast);
-    if (told != m_vUntold.end())
-      *told = nullptr;
+    auto& thread = dynamic_cast<VarnThread&>(source);
     const bool traced = m_bTraced && OwnRecords::areWanted(OwnRecords::TRACE);
     if (traced)
-      traceDeparture(*m_pLast);
-    if (*m_pRemaining > 0)
-      --*m_pRemaining;
-    stateOf(m_oEvent).raise();
+      traceDeparture(thread);
+    count(thread);
     if (traced) {
       OwnRecords::write(OwnRecords::TRACE,
                         "ThreadWaitTimer::setJustEvent: delay has not expired, just setting event");
@@ -86,12 +81,22 @@ class ThreadWaitDependent : public TrackedDependent {
 
   // The number of threads still awaited; `last` becomes the thread that finished last, if any did.
   int look(VarnThread*& last) {
-    const VarnCriticalSection guard(m_oLock, true);
+    const VarnCriticalSection guard(m_oLock);
     last = m_pLast;
     return *m_pRemaining;
   }
 
  private:
+  void count(VarnThread& thread) {
+    const VarnCriticalSection guard(m_oLock);
+    m_pLast = &thread;
+    const auto told = std::find(m_vUntold.begin(), m_vUntold.end(), m_pLast);
+    if (told != m_vUntold.end())
+      *told = nullptr;
+    if (*m_pRemaining > 0)
+      --*m_pRemaining;
+    stateOf(m_oEvent).raise();
+  }
   void removeEverywhere() override {
     for (VarnThread* const thread : m_vUntold) {
       if (thread != nullptr)

@@ -12,6 +12,7 @@
 #include <iterator>
 #include <new>
 
+#include "runtime/Cancellation.h"
 #include "runtime/Descriptor.h"
 
 namespace VarnSupport {
@@ -75,6 +76,7 @@ std::string contentsOf(const std::string& path) {
 }  // namespace
 
 void ZoneChanges::read(const char* name) noexcept {
+  const NoCancellation whole;
   m_nCount = 0;
   m_bKnown = false;
   try {

@@ -2,6 +2,7 @@
 // references in texts, expanded.
 #include <mutex>
 #include <numeric>
+#include <shared_mutex>
 
 #include "PropertySides.h"
 
@@ -18,6 +19,26 @@ struct ByReference {
 template <typename Side>
 struct ByCopy {
   static auto get(const Side& side, const typename Side::Key& key) { return side.copy(key); }
+};
+
+// A set that locks nothing by itself, for threads that may change it any time.
+template <typename Side, typename Mutex>
+class Guarded : public Side {
+ public:
+  const auto& find(const typename Side::Key& key) const {
+    const Hold hold(m_oMutex);
+    return Side::find(key);
+  }
+  auto copy(const typename Side::Key& key) const {
+    const Hold hold(m_oMutex);
+    return Side::copy(key);
+  }
+
+ private:
+  using Hold = std::conditional_t<std::is_same_v<Mutex, std::shared_mutex>, std::shared_lock<Mutex>,
+                                  std::lock_guard<Mutex>>;
+
+  mutable Mutex m_oMutex;
 };
 
 // All threads look up in one set, in an order that is drawn; all keys are there, or none.
@@ -54,31 +75,46 @@ void lookUp(benchmark::State& state, int count, bool hit) {
   }
 }
 
-template <typename Side, typename Way>
-void addLookUp(const std::string& name, const std::string& what) {
-  constexpr int kKeys = 1000;
-  const auto hit = [](benchmark::State& state) { lookUp<Side, Way>(state, kKeys, true); };
-  Workload("properties, look-up, " + what).alsoInVarnThread().side(name, hit);
-  Workload("properties, look-up that fails, " + what).side(name, [](benchmark::State& state) {
-    lookUp<Side, Way>(state, kKeys, false);
-  });
+constexpr int kKeys = 1000;
+
+template <typename Side, template <typename> typename Way>
+void addByThreads(const std::string& name, const std::string& what) {
   for (const int threads : {2, 4, 8}) {
     Workload("properties, look-up by " + std::to_string(threads) + " threads, " + what)
         .threads(threads)
-        .side(name, hit);
+        .side(name, [](benchmark::State& state) { lookUp<Side, Way<Side>>(state, kKeys, true); });
   }
+}
+
+template <typename Side, template <typename> typename Way>
+void addLookUp(const std::string& name, const std::string& what) {
+  Workload("properties, look-up, " + what)
+      .alsoInVarnThread()
+      .side(name, [](benchmark::State& state) { lookUp<Side, Way<Side>>(state, kKeys, true); });
+  Workload("properties, look-up that fails, " + what).side(name, [](benchmark::State& state) {
+    lookUp<Side, Way<Side>>(state, kKeys, false);
+  });
+  if constexpr (Side::kLocks) {
+    addByThreads<Side, Way>(name, what);
+  } else {
+    addByThreads<Guarded<Side, std::mutex>, Way>(name + " and a mutex", what);
+    addByThreads<Guarded<Side, std::shared_mutex>, Way>(name + " and a shared mutex", what);
+  }
+  if constexpr (std::is_same_v<Side, Bench::StandardMap>)
+    addByThreads<Side, Way>("limit: " + name + " without a lock", what);
   for (const int count : {1000, 10000, 100000}) {
     Workload("growth of look-ups of " + what + ", each among " + std::to_string(count))
         .iterations(100000)
-        .side(name, [count](benchmark::State& state) { lookUp<Side, Way>(state, count, true); });
+        .side(name,
+              [count](benchmark::State& state) { lookUp<Side, Way<Side>>(state, count, true); });
   }
 }
 
 template <typename Side>
 void addLookUps(const std::string& name) {
   if constexpr (requires(Side side, typename Side::Key key) { side.find(key); })
-    addLookUp<Side, ByReference<Side>>(name, "a reference");
-  addLookUp<Side, ByCopy<Side>>(name, "a copy");
+    addLookUp<Side, ByReference>(name, "a reference");
+  addLookUp<Side, ByCopy>(name, "a copy");
 }
 
 // A text with one reference to each of the properties, per reference.

@@ -42,13 +42,14 @@ inline std::string fileOf(int lines, const std::string& group) {
 }
 
 // Each side loads a file, looks a key up (empty when there is none) by a reference where it has
-// that and by a copy, and saves.
+// that and by a copy, and saves. Where it locks, threads may use and change it at any time.
 
 template <typename StringType>
 class OurProperties {
  public:
   using Key = StringType;
   static constexpr const char* kGroup = "";
+  static constexpr bool kLocks = true;
 
   void load(const std::string& file) { m_oSet.loadProperties(file, '='); }
   const StringType& find(const StringType& key) const {
@@ -70,6 +71,7 @@ class StandardMap {
  public:
   using Key = std::string;
   static constexpr const char* kGroup = "";
+  static constexpr bool kLocks = false;
 
   void load(const std::string& file) {
     std::ifstream stream(file);
@@ -99,6 +101,7 @@ class PocoProperties {
  public:
   using Key = std::string;
   static constexpr const char* kGroup = "";
+  static constexpr bool kLocks = true;
 
   void load(const std::string& file) { m_pSet->load(file); }
   std::string copy(const std::string& key) const { return m_pSet->getString(key, ""); }
@@ -117,6 +120,7 @@ class BoostProperties {
  public:
   using Key = std::string;
   static constexpr const char* kGroup = "";
+  static constexpr bool kLocks = false;
 
   void load(const std::string& file) { boost::property_tree::read_ini(file, m_oSet); }
   std::string copy(const std::string& key) const { return m_oSet.get<std::string>(key, ""); }
@@ -132,6 +136,7 @@ class GLibProperties {
  public:
   using Key = std::string;
   static constexpr const char* kGroup = "[all]\n";
+  static constexpr bool kLocks = false;
 
   void load(const std::string& file) {
     g_key_file_load_from_file(m_pSet.get(), file.c_str(), G_KEY_FILE_NONE, nullptr);

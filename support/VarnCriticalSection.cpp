@@ -5,7 +5,9 @@
 // The locks that a thread holds form a list, newest first, so that the end of a thread can give
 // back what it still holds: VarnCriticalSectionRecoverFn. Only the owner changes the fields of a
 // held lock, and only the owner can find itself in m_hOwner, so that all of them are read without
-// the mutex.
+// the mutex. The owner is noted as soon as the mutex is taken, and taken off just before the mutex
+// is given back: who finds an owner looks for a while before it sleeps at the mutex, as every give
+// back would else have to wake a sleeper that mostly comes too late.
 //
 // A thread of the library that waits for a lock may be killed meanwhile. It takes the lock, as
 // there is no other way to leave the mutex, then gives it back, and unwinds.
@@ -23,7 +25,6 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/NeverDestroyed.h"
-#include "runtime/WaitNote.h"
 
 namespace VarnSupport {
 
@@ -71,8 +72,8 @@ LockImplementation::~LockImplementation() {
 // Books the first level of the mutex, just acquired, as the newest lock of the calling thread.
 void LockImplementation::take() {
   assert(m_hOwner == 0 && m_nCount == 0);
-  m_nCount.store(1, std::memory_order_relaxed);
   m_hOwner.store(callingThread(), std::memory_order_relaxed);
+  m_nCount.store(1, std::memory_order_relaxed);
   LockImplementation* const newest = HeldSections::t_pNewest;
   m_pOlder = newest;
   m_pNewer = nullptr;
@@ -84,9 +85,8 @@ void LockImplementation::take() {
 }
 
 // Takes the lock off the caller's list and frees the mutex.
-void LockImplementation::giveUp() {
+[[gnu::noinline]] void LockImplementation::giveUp() {
   assert(isHeldByCaller() && m_nCount == 0);
-  m_hOwner.store(0, std::memory_order_relaxed);
   if (m_pOlder != nullptr)
     m_pOlder->m_pNewer = m_pNewer;
   if (m_pNewer != nullptr)
@@ -95,6 +95,7 @@ void LockImplementation::giveUp() {
     setNewestLockOfThread(m_pOlder);
   m_pOlder = nullptr;
   m_pNewer = nullptr;
+  m_hOwner.store(0, std::memory_order_relaxed);
   pthread_mutex_unlock(&m_oMutex);
 }
 
@@ -129,11 +130,9 @@ void LockImplementation::lock() {
   take();
 }
 
-// Here a thread may wait for ever: all that is to be known of that is noted before.
 [[gnu::noinline, gnu::cold]] void LockImplementation::acquireHeld() {
   noteOrder();
-  const WaitNote note(WaitNote::SECTION, this);
-  pthread_mutex_lock(&m_oMutex);
+  awaitMutex();
   take();
 }
 
@@ -227,7 +226,8 @@ void VarnCriticalSectionObject::lock() {
 // lock back. As long as nobody asks it to die it takes a short way.
 [[gnu::noinline]] void VarnCriticalSectionObject::lockGuarded() {
   const auto* const shared = m_pState.load(std::memory_order_acquire);
-  if (shared != nullptr && MomentaryGuard::isPossible() && !MomentaryGuard::isRequested()) {
+  if (shared != nullptr && MomentaryGuard::isPossible() && !MomentaryGuard::isRequested())
+      [[likely]] {
     {
       const MomentaryGuard closed;
       (*shared)->lock();
@@ -236,6 +236,10 @@ void VarnCriticalSectionObject::lock() {
       return;
     unlockGuarded();
   }
+  lockCancellably();
+}
+
+[[gnu::noinline]] void VarnCriticalSectionObject::lockCancellably() {
   const CancellationGuard closed;
   LockImplementation& lock = state();
   lock.lock();
@@ -261,13 +265,17 @@ void VarnCriticalSectionObject::unlock() {
 
 [[gnu::noinline]] void VarnCriticalSectionObject::unlockGuarded() {
   const auto* const shared = m_pState.load(std::memory_order_acquire);
-  if (shared != nullptr && MomentaryGuard::isPossible()) {
+  if (shared != nullptr && MomentaryGuard::isPossible()) [[likely]] {
     const MomentaryGuard closed;
     (*shared)->unlock();
   } else {
-    const QuietCancellationGuard closed;
-    state().unlock();
+    unlockQuietly();
   }
+}
+
+[[gnu::noinline]] void VarnCriticalSectionObject::unlockQuietly() {
+  const QuietCancellationGuard closed;
+  state().unlock();
 }
 
 void VarnCriticalSectionObject::unwind() {
@@ -310,26 +318,6 @@ void VarnCriticalSectionRecoverFn(void*) {
     pthread_mutex_unlock(&lock->m_oMutex);
     lock = older;
   }
-}
-
-// The mutex tells, not the owner: a thread notes itself as the owner a moment after it has the
-// mutex. No other thread exists, so that the state can be made anew where it stands, for all who
-// share it.
-bool BriefHold::renewIfLost(VarnCriticalSectionObject& object) {
-  const auto* const shared = object.m_pState.load();
-  if (shared == nullptr || (*shared)->isHeldByCaller())
-    return false;
-  LockImplementation& state = **shared;
-  if (pthread_mutex_trylock(&state.m_oMutex) == 0) {
-    pthread_mutex_unlock(&state.m_oMutex);
-    return false;
-  }
-  pthread_mutex_init(&state.m_oMutex, nullptr);
-  state.m_hOwner = 0;
-  state.m_pOlder = nullptr;
-  state.m_pNewer = nullptr;
-  state.m_nCount = 0;
-  return true;
 }
 
 // The last lock that anything takes.

@@ -56,6 +56,7 @@ class VSUPT_EXPORT LockImplementation : public LockBase {
   void addLevel();
   void acquire();
   VSUPT_LOCAL void acquireHeld();
+  VSUPT_LOCAL void awaitMutex();
   VSUPT_LOCAL void noteOrder() const;
   void take();
   void giveUp();
@@ -114,13 +115,18 @@ class VSUPT_EXPORT VSUPT_CAPABILITY("critical section") VarnCriticalSectionObjec
   friend class HeldSections;
 
   LockImplementation& state() {
-    if (m_pState.load(std::memory_order_acquire) == nullptr)
+    const auto* shared = m_pState.load(std::memory_order_acquire);
+    if (shared == nullptr) {
       makeState();
-    return **m_pState.load(std::memory_order_acquire);
+      shared = m_pState.load(std::memory_order_acquire);
+    }
+    return **shared;
   }
   void makeState();
   void lockGuarded();
+  VSUPT_LOCAL void lockCancellably();
   void unlockGuarded();
+  VSUPT_LOCAL void unlockQuietly();
 
   std::atomic<VarnSmartPointer<LockImplementation>*> m_pState{nullptr};
   bool m_bFlag = false;

@@ -32,18 +32,26 @@ inline bool LockImplementation::isHeldByCaller() const {
 // access and allocation inside, no call-out and no other lock.
 class VSUPT_SCOPED_CAPABILITY BriefHold {
  public:
-  explicit BriefHold(VarnCriticalSectionObject& object) VSUPT_ACQUIRE(object)
+  [[gnu::always_inline]] explicit BriefHold(VarnCriticalSectionObject& object) VSUPT_ACQUIRE(object)
       : m_pLock(&object.state()) {
-    if (m_pLock->isHeldByCaller())
+    const pthread_t owner = m_pLock->m_hOwner.load(std::memory_order_relaxed);
+    if (owner == callingThread()) {
       m_pLock = nullptr;
-    else
+      return;
+    }
+    if (owner == 0) [[likely]]
       pthread_mutex_lock(&m_pLock->m_oMutex);
+    else
+      m_pLock->awaitMutex();
+    m_pLock->m_hOwner.store(kNoThread, std::memory_order_relaxed);
   }
   BriefHold(const BriefHold&) = delete;
   BriefHold& operator=(const BriefHold&) = delete;
-  ~BriefHold() VSUPT_RELEASE() {
-    if (m_pLock != nullptr)
-      pthread_mutex_unlock(&m_pLock->m_oMutex);
+  [[gnu::always_inline]] ~BriefHold() VSUPT_RELEASE() {
+    if (m_pLock == nullptr)
+      return;
+    m_pLock->m_hOwner.store(0, std::memory_order_relaxed);
+    pthread_mutex_unlock(&m_pLock->m_oMutex);
   }
 
   // Whether the caller held the section already.
@@ -68,6 +76,10 @@ class VSUPT_SCOPED_CAPABILITY BriefHold {
 
   // For the child of a fork: frees a section that another thread held. True when that was so.
   static bool renewIfLost(VarnCriticalSectionObject& object);
+
+  // The owner of a lock that is held so, by which others see that it is held. No thread is called
+  // that.
+  static constexpr pthread_t kNoThread = 1;
 
  private:
   LockImplementation* m_pLock;  // null when the caller held the lock already

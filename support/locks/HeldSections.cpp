@@ -2,7 +2,7 @@
 // destroyed or unmapped meanwhile.
 //
 // The platform's mutex notes the thread that has it, which tells of holders that the section does
-// not know: BriefHold notes no owner.
+// not know: BriefHold does not say who it is.
 #include "locks/HeldSections.h"
 
 #include "locks/BriefHold.h"
@@ -27,6 +27,8 @@ bool HeldSections::read(std::uintptr_t address, Section& section) {
       !copyOwnMemory(numberOf(&state->m_pOlder), section.older) ||
       !copyOwnMemory(numberOf(&state->m_oMutex), mutex))
     return false;
+  if (section.owner == BriefHold::kNoThread)
+    section.owner = 0;
   section.thread = mutex.__data.__owner;
   return true;
 }

@@ -64,7 +64,7 @@ class PropertyIndex {
   // Counts a look-up in `properties`, and makes the index when there have been enough of them.
   // Whether there is one now.
   template <typename Properties>
-  bool makeIfDue(const Properties& properties) noexcept {
+  [[gnu::noinline]] bool makeIfDue(const Properties& properties) noexcept {
     assert(!exists());
     if (properties.size() < kFewest)
       return false;

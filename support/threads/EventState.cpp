@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <cassert>
+#include <chrono>
+#include <utility>
 
 #include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
@@ -19,6 +21,9 @@
 namespace VarnSupport {
 
 namespace {
+
+constexpr std::chrono::microseconds kDearLook(100);
+constinit std::atomic<MonotonicTime> processorsAreFree{MonotonicTime::min()};  // from then on
 
 // Returns when the number may have changed, or the deadline passed. A cancellation point, which
 // syscall() is not; there is nothing to destroy in this frame.
@@ -45,10 +50,16 @@ class EventState::Waiter {
   EventState& m_oState;
 };
 
+// In the child of a fork the waits of lost threads are forgotten before another is counted.
+EventState::Wait::Wait(EventState& state) : m_oState(state) {
+  m_oState.renewAfterFork();
+  m_oState.m_nWaits.fetch_add(1, std::memory_order_relaxed);
+}
+
 EventState::EventState() : m_nOwner(g_nForks * 2) {}
 
 EventState::~EventState() {
-  assert(m_nLooking == 0);
+  assert(!isWaitedFor());
   pthread_cond_destroy(&condition);
   pthread_mutex_destroy(&mutex);
 }
@@ -101,21 +112,28 @@ bool EventState::sleepSince(std::uint32_t ticket, const MonotonicTime* deadline)
   return true;
 }
 
-// Looks at the number for a while, unless it was in vain the last times.
-bool EventState::comesSoon(std::uint32_t ticket) {
+// Where others want the processor, a look that gives it up comes back after milliseconds. No wait
+// of the process looks then for a hundred times as long as that look took.
+bool EventState::comesSoon(std::uint32_t ticket, const MonotonicTime* deadline) {
   const auto hasCome = [&] { return number() != ticket; };
-  if (!ShortWait::isWorthALook(m_nLateWaits))
-    return hasCome();
-  m_nLooking.fetch_add(1, std::memory_order_relaxed);
-  const bool has = ShortWait::brings(m_nLateWaits, hasCome);
-  m_nLooking.fetch_sub(1, std::memory_order_release);
-  return has;
+  MonotonicTime before = monotonicNow();
+  const auto isOver = [&] {
+    const MonotonicTime now = monotonicNow();
+    const auto cost = now - std::exchange(before, now);
+    if (cost > kDearLook)
+      processorsAreFree.store(now + cost * 20, std::memory_order_relaxed);
+    return hasCome() || cost > kDearLook || (deadline != nullptr && now >= *deadline);
+  };
+  if (before >= processorsAreFree.load(std::memory_order_relaxed) && !isOver() &&
+      ShortWait::isWorthALook(m_nLateWaits))
+    ShortWait::brings(m_nLateWaits, isOver);
+  return hasCome();
 }
 
 bool EventState::isWaitedFor() {
   renewAfterFork();
   return (m_nWord.load(std::memory_order_acquire) & kWaiters) != 0 ||
-         m_nLooking.load(std::memory_order_acquire) != 0;
+         m_nWaits.load(std::memory_order_acquire) != 0;
 }
 
 void EventState::resetCondition() {
@@ -140,7 +158,7 @@ void EventState::renewAfterFork() {
       pthread_cond_init(&condition, nullptr);
       pthread_mutex_init(&mutex, nullptr);
       m_nWord.fetch_and(~kWaiters, std::memory_order_relaxed);
-      m_nLooking.store(0, std::memory_order_relaxed);
+      m_nWaits.store(0, std::memory_order_relaxed);
       m_nOwner.store(seen = own, std::memory_order_release);
     }
   }

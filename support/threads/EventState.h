@@ -43,11 +43,28 @@ class EventState {
     if (moveOn())
       wake(half, INT_MAX);
   }
+
+  // Stands for a thread that waits, from its first look to its end, for isWaitedFor().
+  class Wait {
+   public:
+    explicit Wait(EventState& state);
+    Wait(const Wait&) = delete;
+    Wait& operator=(const Wait&) = delete;
+    ~Wait() { m_oState.m_nWaits.fetch_sub(1, std::memory_order_release); }
+
+   private:
+    EventState& m_oState;
+  };
+
   // False when `deadline`, if there is one, has passed before the number left `ticket`.
   bool waitSince(std::uint32_t ticket, const MonotonicTime* deadline) {
-    return comesSoon(ticket) || sleepSince(ticket, deadline);
+    const Wait wait(*this);
+    return comesSoon(ticket, deadline) || sleepSince(ticket, deadline);
   }
-  // The same without looking at the number for a while first.
+  // The first half of that: looks at the number for a while, unless this was in vain the last
+  // times.
+  bool comesSoon(std::uint32_t ticket, const MonotonicTime* deadline);
+  // The second half, and a wait of its own for what does not come soon.
   bool sleepSince(std::uint32_t ticket, const MonotonicTime* deadline);
 
   // From here on raise() signals the condition, too.
@@ -79,7 +96,6 @@ class EventState {
   static constexpr std::uint64_t kHandedOut = std::uint64_t{1} << 31;
   static constexpr std::uint64_t kWaiters = kHandedOut - 1;
 
-  bool comesSoon(std::uint32_t ticket);
   void renewAfterFork();
   void broadcast();
 
@@ -87,9 +103,8 @@ class EventState {
   // The process that the rest belongs to, by how often it came of a fork: twice that, one more
   // while it is being renewed.
   std::atomic<std::uint32_t> m_nOwner;
-  // Threads that look at the number for a while before they sleep, and waits in a row that in the
-  // end had to sleep.
-  std::atomic<std::uint32_t> m_nLooking{0};
+  // Those that have a Wait, and waits in a row that in the end had to sleep.
+  std::atomic<std::uint32_t> m_nWaits{0};
   std::atomic<std::uint32_t> m_nLateWaits{0};
 };
 

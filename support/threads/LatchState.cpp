@@ -81,9 +81,15 @@ void LatchWatch::forgetLost() {
 
 bool awaitLatch(LatchState& latch, MonotonicTime deadline) {
   const LatchTicket ticket(latch);
+  if (ticket.isOver())
+    return true;
+  const EventState::Wait wait(latch);
+  const MonotonicTime* const limit = limitOf(deadline);
+  if (!StopScope::isRequested() && latch.comesSoon(ticket.number(), limit))
+    return true;
   if (StopScope::find() != nullptr)
     return awaitLatches({&ticket, 1}, true, deadline).has_value();
-  return ticket.isOver() || latch.sleepSince(ticket.number(), limitOf(deadline));
+  return latch.sleepSince(ticket.number(), limit);
 }
 
 // The watch is entered after a first look, and the latches are looked at once more behind it: what

@@ -277,13 +277,14 @@ VarnProperties<std::string> VarnOptionTable::values() const {
   for (const Option& option : m_pState->list.options()) {
     if (option.given.empty())
       continue;
+    const std::string key(option.key());
     if (option.data == Option::Data::NONE)
-      all.addProperty(option.key(), "true");
+      all.addProperty(key, "true");
     else if (!option.repeats)
-      all.addProperty(option.key(), option.given.back());
+      all.addProperty(key, option.given.back());
     else
       for (const std::string& data : option.given)
-        all.addProperty(option.key(), data);
+        all.addProperty(key, data);
   }
   return all;
 }

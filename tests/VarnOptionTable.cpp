@@ -346,6 +346,8 @@ TEST(VarnOptionTable, AnOptionCostsNoMoreAmongMany) {
   EXPECT_EQ(refusal(table, words), "none");
   EXPECT_LT(Clock::now() - begin, kGenerous);
   EXPECT_EQ(table.text("99999-option"), "99999");
+  table.flag("--99999-options", "");
+  EXPECT_EQ(refusal(table, {"--99999-o"}), "--99999-o may be --99999-option or --99999-options");
 }
 
 std::string printed(VarnOptionTable& table, const char* option) {

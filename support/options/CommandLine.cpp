@@ -24,6 +24,17 @@ std::string question(const std::string& nearest) {
   return nearest.empty() ? std::string() : "; did you mean " + nearest + "?";
 }
 
+// An option as the command line has it.
+struct Spelling {
+  std::string shown() const {
+    return isName ? "--" + option.name : std::string{'-', option.letter};
+  }
+  std::string with(const std::string& data) const { return shown() + (isName ? '=' : ' ') + data; }
+
+  Option& option;
+  bool isName;  // not the letter
+};
+
 class Reader {
  public:
   Reader(const OptionList& list, int argc, const char* const* argv) : m_rList(list) {
@@ -31,6 +42,9 @@ class Reader {
       return;
     m_pNext = argv + 1;
     m_pEnd = std::find(m_pNext, argv + argc, nullptr);
+    const auto count = static_cast<std::size_t>(m_pEnd - m_pNext);
+    m_oFound.options.reserve(count);
+    m_oFound.arguments.reserve(count);
   }
 
   CommandLine read(bool stopsAtArgument) {
@@ -56,14 +70,13 @@ class Reader {
   void readName(std::string_view text) {
     const std::size_t end = std::min(text.find('='), text.size());
     Option& option = named(text.substr(0, end));
-    const std::string shown = "--" + option.name;
-    if (end == text.size()) {
-      note(option, shown, option.data == Option::Data::NEEDED ? nextElement(option, shown) : "");
-    } else if (option.data == Option::Data::NONE) {
-      refuse(shown + " takes no data: " + shownText("--" + std::string(text)));
-    } else {
-      note(option, shown, text.substr(end + 1));
-    }
+    const Spelling spelling{option, true};
+    if (end == text.size())
+      note(spelling, option.data == Option::Data::NEEDED ? nextElement(spelling) : "");
+    else if (option.data != Option::Data::NONE)
+      note(spelling, text.substr(end + 1));
+    else
+      refuse(spelling.shown() + " takes no data: " + shownText("--" + std::string(text)));
   }
 
   // The option of that name or, if there is none, the only one whose name begins so.
@@ -89,19 +102,19 @@ class Reader {
   // A letter that takes data takes the rest of its element, or else the next one.
   void readLetters(std::string_view element) {
     for (std::string_view rest = element.substr(1); !rest.empty();) {
-      const std::string shown{'-', rest[0]};
       Option* const option = m_rList.byLetter(rest[0]);
       if (option == nullptr)
         refuseLetter(element, rest);
+      const Spelling spelling{*option, false};
       rest.remove_prefix(1);
       if (option->data == Option::Data::NONE) {
-        note(*option, shown, "");
+        note(spelling, "");
         if (m_oFound.answer != Option::Answer::NONE)
           return;
         continue;
       }
       const bool isNext = rest.empty() && option->data == Option::Data::NEEDED;
-      note(*option, shown, isNext ? nextElement(*option, shown) : rest);
+      note(spelling, isNext ? nextElement(spelling) : rest);
       return;
     }
   }
@@ -117,17 +130,18 @@ class Reader {
            question(name.size() > 2 ? m_rList.nearest(name) : std::string()));
   }
 
-  std::string_view nextElement(const Option& option, const std::string& shown) {
-    assert(option.data == Option::Data::NEEDED);
+  std::string_view nextElement(const Spelling& spelling) {
+    assert(spelling.option.data == Option::Data::NEEDED);
     if (m_pNext == m_pEnd)
-      refuse(shown + " needs data: " + shown + (shown[1] == '-' ? "=" : " ") + option.dataName);
+      refuse(spelling.shown() + " needs data: " + spelling.with(spelling.option.dataName));
     return *m_pNext++;
   }
 
-  void note(Option& option, const std::string& shown, std::string_view data) {
+  void note(const Spelling& spelling, std::string_view data) {
+    Option& option = spelling.option;
     if (option.fault) {
       if (const std::string fault = option.fault(std::string(data)); !fault.empty())
-        refuse(shown + (shown[1] == '-' ? "=" : " ") + shownText(data) + ' ' + fault);
+        refuse(spelling.with(shownText(data)) + ' ' + fault);
     }
     m_oFound.options.push_back({&option, data});
     m_oFound.answer = option.answer;
@@ -148,7 +162,7 @@ CommandLine readCommandLine(const OptionList& list, int argc, const char* const*
 
 // Arguments that must be there come first to their share, then those that may be left out, in their
 // order, and what is left goes to the one that is repeated.
-void distribute(const std::vector<std::string_view>& found, std::deque<Argument>& arguments) {
+void distribute(const std::vector<std::string_view>& found, std::vector<Argument>& arguments) {
   std::size_t needed = 0;
   std::size_t optional = 0;
   bool hasRepeated = false;
@@ -171,8 +185,8 @@ void distribute(const std::vector<std::string_view>& found, std::deque<Argument>
       ++count;
       --optional;
     }
-    for (; count > 0; --count)
-      argument.given.emplace_back(*next++);
+    const auto first = std::exchange(next, next + static_cast<std::ptrdiff_t>(count));
+    argument.given.assign(first, next);
   }
   assert(next == found.end());
 }

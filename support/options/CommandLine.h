@@ -30,7 +30,7 @@ CommandLine readCommandLine(const OptionList& list, int argc, const char* const*
 // Gives each argument of the list what is for it: each that must be there one, then each that may
 // be, from the left, and the rest to the one that is repeated. Throws VarnOptionError when there
 // are too few or too many; then nothing is given.
-void distribute(const std::vector<std::string_view>& found, std::deque<Argument>& arguments);
+void distribute(const std::vector<std::string_view>& found, std::vector<Argument>& arguments);
 
 }  // namespace VarnSupport
 

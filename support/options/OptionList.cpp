@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
@@ -18,6 +19,8 @@ namespace VarnSupport {
 namespace {
 
 constexpr std::size_t kStandardOptions = 3;
+constexpr std::size_t kFirstNames = 64;
+constexpr std::size_t kLetters = 128;
 
 [[noreturn]] void refuse(const std::string& names, const char* problem) {
   throw VarnException("VarnOptionTable: \"" + names + "\" " + problem, 0);
@@ -106,66 +109,90 @@ Argument readArgument(const std::string& name) {
   return argument;
 }
 
-OptionList::OptionList() {
-  const auto addStandard = [this](const char* names, const char* text, Option::Answer answer) {
-    Option option = readOption(names);
+OptionList::OptionList() : m_vNames(kFirstNames), m_vLetters(kLetters) {
+  const auto addStandard = [this](char letter, const char* name, const char* text,
+                                  Option::Answer answer) {
+    Option option;
+    option.letter = letter;
+    option.name = name;
     option.text = text;
     option.answer = answer;
     option.isStandard = true;
     add(std::move(option));
   };
-  addStandard("-h, --help", "print this text", Option::Answer::HELP);
-  addStandard("-V, --version", "print the version", Option::Answer::VERSION);
-  addStandard("--completion", "print a completion script for bash", Option::Answer::COMPLETION);
+  addStandard('h', "help", "print this text", Option::Answer::HELP);
+  addStandard('V', "version", "print the version", Option::Answer::VERSION);
+  addStandard('\0', "completion", "print a completion script for bash", Option::Answer::COMPLETION);
   assert(m_vOptions.size() == kStandardOptions);
 }
 
-void OptionList::requireUnused(const Option& option) const {
+// The place of a name in the index, or the free one for it.
+std::size_t OptionList::slotOf(std::string_view name) const {
+  const std::size_t mask = m_vNames.size() - 1;
+  assert((m_vNames.size() & mask) == 0 && 2 * m_vOptions.size() <= m_vNames.size());
+  std::size_t slot = std::hash<std::string_view>()(name) & mask;
+  while (m_vNames[slot] != nullptr && m_vNames[slot]->name != name)
+    slot = (slot + 1) & mask;
+  return slot;
+}
+
+// For one more name.
+void OptionList::makeRoom() {
+  if (2 * (m_vOptions.size() + 1) <= m_vNames.size())
+    return;
+  m_vNames.assign(2 * m_vNames.size(), nullptr);
+  for (Option& option : m_vOptions) {
+    if (!option.name.empty())
+      m_vNames[slotOf(option.name)] = &option;
+  }
+}
+
+// `named` is what has the key for its name.
+void OptionList::requireUnused(const Option& option, std::string_view key,
+                               const Option* named) const {
   const auto isTaken = [](const Option* other) { return other != nullptr && !other->isStandard; };
-  const auto isArgument = [this](const std::string& name) {
-    return std::any_of(m_vArguments.begin(), m_vArguments.end(),
-                       [&name](const Argument& argument) { return argument.dataName == name; });
-  };
   // A letter that is alone and a long name of one letter would be one key.
-  const std::string key = option.key();
   const Option* const other = key.size() == 1 ? byLetter(key[0]) : nullptr;
   const bool isOfLetter = other != nullptr && other->name.empty();
-  if (isTaken(byName(key)) || isOfLetter || isArgument(key))
+  const bool isArgument =
+      std::any_of(m_vArguments.begin(), m_vArguments.end(),
+                  [key](const Argument& argument) { return argument.dataName == key; });
+  if (isTaken(named) || isOfLetter || isArgument)
     refuse(option.shown(), "is declared twice");
   if (isTaken(byLetter(option.letter)))
     refuse(std::string{'-', option.letter}, "is declared twice");
 }
 
-// The option where it stays.
-Option& OptionList::place(Option option) {
-  Option* const standard = byName(option.name);
-  if (standard == nullptr)
-    return m_vOptions.emplace_back(std::move(option));
-  if (standard->letter != '\0')
-    m_aLetters[static_cast<unsigned char>(standard->letter)] = nullptr;
-  m_mapNames.erase(standard->name);
-  if (option.data == Option::Data::NONE && !option.store)
-    option.answer = standard->answer;
-  *standard = std::move(option);
-  return *standard;
-}
-
-void OptionList::add(Option option) {
+void OptionList::add(Option&& option) {
   assert(option.letter != '\0' || !option.name.empty());
-  requireUnused(option);
-  Option& placed = place(std::move(option));
-  if (!placed.name.empty())
-    m_mapNames.emplace(placed.name, &placed);
-  if (placed.letter == '\0')
+  makeRoom();
+  const std::string_view key = option.key();
+  Option*& named = m_vNames[slotOf(key)];
+  requireUnused(option, key, named);
+  const bool hasName = !option.name.empty();
+  Option* placed = hasName ? named : nullptr;
+  if (placed == nullptr) {
+    placed = &m_vOptions.emplace_back(std::move(option));
+    m_vSorted.clear();
+    if (hasName)
+      named = placed;
+  } else {
+    if (placed->letter != '\0')
+      m_vLetters[static_cast<unsigned char>(placed->letter)] = nullptr;
+    if (option.data == Option::Data::NONE && !option.store)
+      option.answer = placed->answer;
+    *placed = std::move(option);
+  }
+  if (placed->letter == '\0')
     return;
-  Option*& owner = m_aLetters[static_cast<unsigned char>(placed.letter)];
+  Option*& owner = m_vLetters[static_cast<unsigned char>(placed->letter)];
   assert(owner == nullptr || owner->isStandard);
   if (owner != nullptr)
     owner->letter = '\0';
-  owner = &placed;
+  owner = placed;
 }
 
-void OptionList::add(Argument argument) {
+void OptionList::add(Argument&& argument) {
   const bool isSecond =
       argument.repeats && std::any_of(m_vArguments.begin(), m_vArguments.end(),
                                       [](const Argument& other) { return other.repeats; });
@@ -185,29 +212,35 @@ std::vector<const Option*> OptionList::inOrder() const {
   return all;
 }
 
-Option* OptionList::byName(std::string_view name) const {
-  const auto found = m_mapNames.find(name);
-  return found != m_mapNames.end() ? found->second : nullptr;
-}
-
-const Declared* OptionList::byKey(const std::string& key) const {
+const Declared* OptionList::byKey(std::string_view key) const {
   if (const Option* const option = byName(key); option != nullptr)
     return option;
   if (const Option* const option = key.size() == 1 ? byLetter(key[0]) : nullptr; option != nullptr)
     return option;
   const auto argument =
       std::find_if(m_vArguments.begin(), m_vArguments.end(),
-                   [&key](const Argument& other) { return other.dataName == key; });
+                   [key](const Argument& other) { return other.dataName == key; });
   return argument != m_vArguments.end() ? &*argument : nullptr;
 }
 
-// Names that begin alike stand next to each other in the map.
 std::vector<Option*> OptionList::byBeginning(std::string_view beginning, std::size_t most) const {
+  if (m_vSorted.empty()) {
+    std::vector<Option*> sorted;
+    std::copy_if(m_vNames.begin(), m_vNames.end(), std::back_inserter(sorted),
+                 [](const Option* option) { return option != nullptr; });
+    std::sort(sorted.begin(), sorted.end(),
+              [](const Option* a, const Option* b) { return a->name < b->name; });
+    m_vSorted.swap(sorted);
+  }
+  const auto isLess = [](const Option* option, std::string_view name) {
+    return option->name < name;
+  };
   std::vector<Option*> found;
-  for (auto entry = m_mapNames.lower_bound(beginning); entry != m_mapNames.end(); ++entry) {
-    if (found.size() == most || !entry->first.starts_with(beginning))
+  auto option = std::lower_bound(m_vSorted.begin(), m_vSorted.end(), beginning, isLess);
+  for (; option != m_vSorted.end() && (*option)->name.starts_with(beginning); ++option) {
+    if (found.size() == most)
       break;
-    found.push_back(entry->second);
+    found.push_back(*option);
   }
   return found;
 }

@@ -2,11 +2,9 @@
 #ifndef SUPPORT_OPTIONS_OPTIONLIST_H
 #define SUPPORT_OPTIONS_OPTIONLIST_H
 
-#include <array>
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,7 +30,7 @@ struct Option : Declared {
   // "--name", or the letter where there is no name.
   std::string shown() const;
   // The key of what was given.
-  std::string key() const { return name.empty() ? std::string(1, letter) : name; }
+  std::string_view key() const { return name.empty() ? std::string_view(&letter, 1) : name; }
 
   std::string name;  // without dashes; empty when there is only a letter
   char letter = '\0';
@@ -52,7 +50,7 @@ Option readOption(const std::string& names);
 // Reads "FILE", "[FILE]", "FILE...", "[FILE...]". Throws VarnException.
 Argument readArgument(const std::string& name);
 
-// References to what it holds stay valid.
+// References to options stay valid.
 class OptionList {
  public:
   OptionList();
@@ -61,24 +59,24 @@ class OptionList {
 
   // Throw VarnException, with the list as it was, for a name that is there. A standard option gives
   // way, and its answer goes to a flag that stores nothing.
-  void add(Option option);
-  void add(Argument argument);
+  void add(Option&& option);
+  void add(Argument&& argument);
 
   const std::deque<Option>& options() const { return m_vOptions; }
-  const std::deque<Argument>& arguments() const { return m_vArguments; }
-  std::deque<Argument>& arguments() { return m_vArguments; }
+  const std::vector<Argument>& arguments() const { return m_vArguments; }
+  std::vector<Argument>& arguments() { return m_vArguments; }
   // In the order for readers: the standard options last.
   std::vector<const Option*> inOrder() const;
 
   // Null when there is none.
   Option* byLetter(char letter) const {
     const auto index = static_cast<unsigned char>(letter);
-    return index < m_aLetters.size() ? m_aLetters[index] : nullptr;
+    return index < m_vLetters.size() ? m_vLetters[index] : nullptr;
   }
-  Option* byName(std::string_view name) const;
+  Option* byName(std::string_view name) const { return m_vNames[slotOf(name)]; }
   // What texts of callers name; null when it is not declared.
-  const Declared* byKey(const std::string& key) const;
-  // The first names that begin so, `most` at most.
+  const Declared* byKey(std::string_view key) const;
+  // Those whose names begin so, in the order of the names, `most` at most.
   std::vector<Option*> byBeginning(std::string_view beginning, std::size_t most) const;
   // The declared spelling that is nearest to an unknown name; empty when none is near.
   std::string nearest(std::string_view name) const;
@@ -86,13 +84,18 @@ class OptionList {
   void forgetGiven();
 
  private:
-  void requireUnused(const Option& option) const;
-  Option& place(Option option);
+  std::size_t slotOf(std::string_view name) const;
+  void makeRoom();
+  void requireUnused(const Option& option, std::string_view key, const Option* named) const;
 
   std::deque<Option> m_vOptions;
-  std::deque<Argument> m_vArguments;
-  std::map<std::string_view, Option*> m_mapNames;  // views of names in m_vOptions
-  std::array<Option*, 128> m_aLetters{};
+  std::vector<Argument> m_vArguments;
+  // Options with a name, each at its hash or behind that. They are a power of two, and half of them
+  // are null.
+  std::vector<Option*> m_vNames;
+  // By their names, from the first beginning of a name that is looked for to the next addition.
+  mutable std::vector<Option*> m_vSorted;
+  std::vector<Option*> m_vLetters;  // of ASCII, by their codes
 };
 
 }  // namespace VarnSupport

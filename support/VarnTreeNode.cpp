@@ -1,9 +1,7 @@
 // Children are searched by halves while they are in key order. insert() can break the order, and so
-// can a change of a child's key, which its parents do not hear of: a child whose only parent is
-// known raises a number that is the parent's, another child one that is everybody's, and a node
-// looks at the order of its children again when one of the two has moved. The numbers of parents
-// stand in a table, where parents may share one by chance: a child's thread need not know whether
-// the parent still exists. Children out of order are searched one by one.
+// can a change of a child's key, which its parents do not hear of: see Renames. A node with many
+// children then searches by halves those that are still in order (Order), one with few searches one
+// by one.
 //
 // The children are counted by hand. A smart pointer cannot be moved: shifting a list of them would
 // change every count under the global critical section.
@@ -25,38 +23,13 @@
 #include "VarnSupport/VarnStringUtilities.h"
 #include "runtime/Cancellation.h"
 #include "runtime/ThreadScope.h"
+#include "text/ChildOrder.h"
+#include "text/Renames.h"
 #include "text/TreePath.h"
 
 namespace VarnSupport {
 
 namespace {
-
-constexpr unsigned kChangesBits = 12;
-constinit std::atomic<std::uint64_t> changesOfParents[1U << kChangesBits];
-constinit std::atomic<std::uint64_t> changesOfAll{1};
-
-std::atomic<std::uint64_t>& changesOf(const VarnTreeNode* parent) {
-  constexpr std::uint64_t goldenRatio = 0x9e3779b97f4a7c15;
-  const std::uint64_t mixed = reinterpret_cast<std::uintptr_t>(parent) * goldenRatio;
-  return changesOfParents[mixed >> (64 - kChangesBits)];
-}
-
-// Returns how many there were. The largest value stays, as nobody knows how many it stands for.
-std::uint8_t addParents(std::atomic<std::uint8_t>& parents, int added) {
-  constexpr std::uint8_t many = std::numeric_limits<std::uint8_t>::max();
-  std::uint8_t before = parents.load(std::memory_order_relaxed);
-  while (before != many &&
-         !parents.compare_exchange_weak(before, static_cast<std::uint8_t>(before + added),
-                                        std::memory_order_relaxed)) {
-  }
-  return before;
-}
-
-// Changes whenever a child of the parent may have got another key; never 0.
-std::uint64_t changesAround(const VarnTreeNode* parent) {
-  return changesOf(parent).load(std::memory_order_relaxed) +
-         changesOfAll.load(std::memory_order_relaxed);
-}
 
 // The outermost of the nodes that die on this thread clears up what all of them leave behind.
 struct ClearingUp : ThreadScopeOf<ClearingUp> {
@@ -145,20 +118,9 @@ VarnTreeNode::~VarnTreeNode() {
 void VarnTreeNode::releaseChildren() {
   for (VarnTreeNode* const child : m_vChildren)
     child->loseParent();
+  if (m_nOrder.load(std::memory_order_relaxed) != 0)
+    deleteOrder();
   releaseAll(std::exchange(m_vChildren, {}));
-}
-
-// Threads may change trees that have a child in common. A parent that is noted, and is the only
-// one, is that for certain: its own entry was the first when it was noted, and it withdraws the
-// note before the entry is gone.
-void VarnTreeNode::gainParent(const VarnTreeNode& parent) {
-  const bool isFirst = addParents(m_nParents, 1) == 0;
-  m_pParent.store(isFirst ? &parent : nullptr, std::memory_order_relaxed);
-}
-
-void VarnTreeNode::loseParent() {
-  m_pParent.store(nullptr, std::memory_order_relaxed);
-  addParents(m_nParents, -1);
 }
 
 void VarnTreeNode::exchangeChildren(VarnTreeNode& other) {
@@ -168,7 +130,7 @@ void VarnTreeNode::exchangeChildren(VarnTreeNode& other) {
       const VarnTreeNode* noted = former;
       child->m_pParent.compare_exchange_strong(noted, parent, std::memory_order_relaxed);
     }
-    parent->m_nOrder.store(0, std::memory_order_relaxed);
+    parent->deleteOrder();
   }
 }
 
@@ -178,80 +140,23 @@ void VarnTreeNode::setKey(const std::string& key) {
   keyChanged();
 }
 
-// Nodes that are no children cannot break an order.
-void VarnTreeNode::keyChanged() {
-  const std::uint8_t parents = m_nParents.load(std::memory_order_relaxed);
-  const VarnTreeNode* const parent = m_pParent.load(std::memory_order_relaxed);
-  if (parents == 1 && parent != nullptr)
-    changesOf(parent).fetch_add(1, std::memory_order_relaxed);
-  else if (parents > 0)
-    changesOfAll.fetch_add(1, std::memory_order_relaxed);
-}
-
-// Threads that look things up at once may all find out the same; the last one's answer stays.
-bool VarnTreeNode::isSorted() const {
-  const std::uint64_t now = changesAround(this);
-  const std::uint64_t order = m_nOrder.load(std::memory_order_relaxed);
-  return order >> 1 == now ? (order & 1) != 0 : findOrder(now);
-}
-
-// Children that have only one parent left get to know it, if the first of them does not: those of a
-// copy whose original is gone.
-[[gnu::noinline]] bool VarnTreeNode::findOrder(std::uint64_t now) const {
-  for (VarnTreeNode* const child : m_vChildren) {
-    if (child->m_pParent.load(std::memory_order_relaxed) != nullptr)
-      break;
-    if (child->m_nParents.load(std::memory_order_relaxed) == 1)
-      child->m_pParent.store(this, std::memory_order_relaxed);
-  }
-  const bool sorted = std::is_sorted(
-      m_vChildren.begin(), m_vChildren.end(),
-      [](const auto* left, const auto* right) { return left->m_sKey < right->m_sKey; });
-  m_nOrder.store(now << 1 | (sorted ? 1 : 0), std::memory_order_relaxed);
-  return sorted;
-}
-
-// The position of the first child with this key, or the number of children.
-std::size_t VarnTreeNode::find(std::string_view key) const {
-  auto found = m_vChildren.begin();
-  if (isSorted()) {
-    found = std::lower_bound(
-        m_vChildren.begin(), m_vChildren.end(), key,
-        [](const auto* child, std::string_view wanted) { return child->m_sKey < wanted; });
-    if (found != m_vChildren.end() && (*found)->m_sKey != key)
-      found = m_vChildren.end();
-  } else {
-    found = std::find_if(m_vChildren.begin(), m_vChildren.end(),
-                         [&](const auto* child) { return child->m_sKey == key; });
-  }
-  return static_cast<std::size_t>(found - m_vChildren.begin());
-}
-
-// The position of the first child with a greater key, or the number of children.
-std::size_t VarnTreeNode::findPlaceFor(const std::string& key) const {
-  const auto isLess = [&](const std::string& wanted, const auto* child) {
-    return wanted < child->m_sKey;
-  };
-  const auto place = isSorted()
-                         ? std::upper_bound(m_vChildren.begin(), m_vChildren.end(), key, isLess)
-                         : std::find_if(m_vChildren.begin(), m_vChildren.end(),
-                                        [&](const auto* child) { return isLess(key, child); });
-  return static_cast<std::size_t>(place - m_vChildren.begin());
-}
-
 // Takes a reference to `node` for the child that it becomes. A node that does not fit between its
-// neighbours marks the order as broken.
+// neighbours breaks the order.
 void VarnTreeNode::place(std::size_t position, VarnTreeNode* node) {
   assert(position <= m_vChildren.size() && node != nullptr);
   m_vChildren.insert(m_vChildren.begin() + static_cast<std::ptrdiff_t>(position), node);
   node->addRef();
   node->gainParent(*this);
+  const std::uint64_t known = m_nOrder.load(std::memory_order_relaxed);
+  if (Order* const order = Order::in(known)) {
+    order->noteAdded(*this, position);
+    return;
+  }
   const bool fits =
       (position == 0 || m_vChildren[position - 1]->m_sKey <= node->m_sKey) &&
       (position + 1 == m_vChildren.size() || node->m_sKey <= m_vChildren[position + 1]->m_sKey);
-  if (!fits)
-    m_nOrder.store(m_nOrder.load(std::memory_order_relaxed) & ~std::uint64_t{1},
-                   std::memory_order_relaxed);
+  if (!fits && known != 0)
+    m_nOrder.store(known | Order::UNSORTED, std::memory_order_relaxed);
 }
 
 // The child leaves the list before it is released: the destructor of the child may use this node.
@@ -261,9 +166,12 @@ void VarnTreeNode::remove(std::size_t position) {
   const auto entry = m_vChildren.begin() + static_cast<std::ptrdiff_t>(position);
   VarnTreeNode* const node = *entry;
   m_vChildren.erase(entry);
-  if ((m_nOrder.load(std::memory_order_relaxed) & 1) == 0)
-    m_nOrder.store(0, std::memory_order_relaxed);
   node->loseParent();
+  const std::uint64_t known = m_nOrder.load(std::memory_order_relaxed);
+  if (Order* const order = Order::in(known))
+    order->noteRemoved(*this, node);
+  else if (Order::isKnown(known, Order::UNSORTED))
+    m_nOrder.store(0, std::memory_order_relaxed);
   node->release();
 }
 
@@ -291,8 +199,7 @@ VarnSmartPointer<VarnTreeNode> VarnTreeNode::operator[](int index) const {
 }
 
 VarnSmartPointer<VarnTreeNode> VarnTreeNode::getNode(const std::string& key) const {
-  const std::size_t position = find(key);
-  return position < m_vChildren.size() ? m_vChildren[position] : nullptr;
+  return findNode(key);
 }
 
 void VarnTreeNode::erase(const std::string& key) {
@@ -334,9 +241,8 @@ VarnTreeNode* VarnTreeNode::addPath(VarnTreeNode* node, Path path) {
     return node;
   VarnTreeNode* parent = this;
   while (const std::optional<std::string_view> following = path.next()) {
-    const std::size_t position = parent->find(*key);
-    if (position < parent->m_vChildren.size()) {
-      parent = parent->m_vChildren[position];
+    if (VarnTreeNode* const child = parent->findNode(*key)) {
+      parent = child;
     } else {
       auto made = std::make_unique<VarnTreeNode>(std::string(*key));
       parent->place(parent->findPlaceFor(made->m_sKey), made.get());
@@ -344,13 +250,12 @@ VarnTreeNode* VarnTreeNode::addPath(VarnTreeNode* node, Path path) {
     }
     key = following;
   }
-  const std::size_t position = parent->find(*key);
-  if (position == parent->m_vChildren.size()) {
+  VarnTreeNode* const existing = parent->findNode(*key);
+  if (existing == nullptr) {
     node->setKey(std::string(*key));
     parent->place(parent->findPlaceFor(node->m_sKey), node);
     return node;
   }
-  VarnTreeNode* const existing = parent->m_vChildren[position];
   return isPlain(*existing) && existing != node ? parent->replace(existing, node) : existing;
 }
 
@@ -389,10 +294,9 @@ VarnTreeNode* VarnTreeNode::findPath(Path& path) const {
   const VarnTreeNode* parent = this;
   VarnTreeNode* found = nullptr;
   while (const std::optional<std::string_view> key = path.next()) {
-    const std::size_t position = parent->find(*key);
-    if (position == parent->m_vChildren.size())
+    found = parent->findNode(*key);
+    if (found == nullptr)
       return nullptr;
-    found = parent->m_vChildren[position];
     parent = found;
   }
   return found;

@@ -36,30 +36,37 @@ std::string print(VarnTreeNode& node, int indent = 0, int logLevel = 9) {
 }
 
 // Two nodes, which share children, against plain lists of these: in key order at first, then in
-// any, while keys change.
-TEST(VarnTreeNode, ChildrenStandAndAreFoundAsInAPlainList) {
+// any, while keys change. They have `width` children more than come and go.
+void compareWithPlainLists(const Path& keys, int width, int steps, int period) {
   Random random;
-  const char* const keys[] = {"", "a", "aa", "ab", "b", "\x80", "\xff"};
+  const auto anyKey = [&] { return keys[random() % keys.size()]; };
   VarnTreeNode roots[2];
   std::vector<Node> models[2];
-  for (int step = 0; step < 20000; ++step) {
+  const VarnTreeNode* lastChanged = nullptr;
+  const unsigned sharing = width > 0 ? 20 : 4;  // once in so many steps
+  for (int step = 0; step < steps; ++step) {
     const auto side = random() % 2;
     VarnTreeNode& root = roots[side];
     std::vector<Node>& model = models[side];
     const std::vector<Node>& others = models[1 - side];
-    if (step % 200 < 2) {
+    if (step % period < 2) {
       model.clear();
       root = VarnTreeNode();
+      for (int i = 0; i < width; ++i)
+        root.add(make(anyKey()));
+      for (int i = 0; i < width; ++i)
+        model.push_back(root[i]);
     }
-    const bool isShared = random() % 4 == 0 && !others.empty();
-    const Node node =
-        isShared ? others[random() % others.size()] : make(keys[random() % std::size(keys)]);
+    const bool isShared = random() % sharing == 0 && !others.empty();
+    const Node node = isShared ? others[random() % others.size()] : make(anyKey());
     const std::string key = node->getKey();
     const auto hasKey = [&](const Node& child) { return child->getKey() == key; };
     const auto isGreater = [&](const Node& child) { return child->getKey() > key; };
-    const auto at = model.begin() + static_cast<std::ptrdiff_t>(random() % (model.size() + 1));
+    auto at = model.begin() + static_cast<std::ptrdiff_t>(random() % (model.size() + 1));
+    if (random() % 3 == 0)
+      at = std::find(model.begin(), model.end(), lastChanged);
     const auto first = std::find_if(model.begin(), model.end(), hasKey);
-    const auto choice = random() % (step % 200 < 120 ? 5 : 9);
+    const auto choice = random() % (step % period < period * 3 / 5 ? 5 : 9);
     if (choice < 3) {
       model.insert(std::find_if(model.begin(), model.end(), isGreater), node);
       ASSERT_EQ(node, root.add(node));
@@ -73,8 +80,10 @@ TEST(VarnTreeNode, ChildrenStandAndAreFoundAsInAPlainList) {
       ASSERT_EQ(node, root.insert(static_cast<int>(at - model.begin()), node));
       model.insert(at, node);
     } else if (choice == 6 && at != model.end()) {
-      (*at)->setKey(keys[random() % std::size(keys)]);
-    } else if (choice == 7) {
+      const auto end = at + std::min<std::ptrdiff_t>(model.end() - at, random() % 8 == 0 ? 10 : 1);
+      std::for_each(at, end, [&](const Node& child) { child->setKey(anyKey()); });
+      lastChanged = *at;
+    } else if (choice == 7 && random() % sharing < 4) {
       const bool copiesOther = random() % 4 == 0;
       root = VarnTreeNode(copiesOther ? roots[1 - side] : root);
       if (copiesOther)
@@ -83,11 +92,21 @@ TEST(VarnTreeNode, ChildrenStandAndAreFoundAsInAPlainList) {
     for (std::size_t i = 0; i < model.size(); ++i)
       ASSERT_EQ(model[i], root[static_cast<int>(i)]);
     ASSERT_THROW(root.erase(static_cast<int>(model.size())), VarnException);
+    if (random() % 2 == 0)
+      continue;
     for (int i = 0; i < 2; ++i) {
       const auto found = std::find_if(models[i].begin(), models[i].end(), hasKey);
       ASSERT_EQ(found != models[i].end() ? *found : Node(), roots[i].getNode(key));
     }
   }
+}
+
+TEST(VarnTreeNode, ChildrenStandAndAreFoundAsInAPlainList) {
+  compareWithPlainLists({"", "a", "aa", "ab", "b", "\x80", "\xff"}, 0, 20000, 200);
+  Path many;
+  for (int i = 0; i < 300; ++i)
+    many.push_back(std::to_string(i));
+  compareWithPlainLists(many, 100, 10000, 300);
 }
 
 // Minutes where a changed key is looked for in every tree. Parents may share a number by chance,
@@ -179,9 +198,18 @@ TEST(VarnTreeNode, ThreadsMayLookThingsUpAtOnce) {
   for (int i = 0; i < 100; ++i)
     root.add(make(std::to_string(i) + "/leaf"), "/");
   root[50]->setKey("changed");
-  onThreads(2, [&](int) {
-    for (int i = 0; i < 1000; ++i)
-      EXPECT_EQ("leaf", root.getNode("99/leaf", "/")->getKey());
+  // Keys change in other trees, and below parents that are not known.
+  std::vector<VarnTreeNode> others(2000);
+  for (VarnTreeNode& other : others)
+    other.add(make("child"));
+  others.push_back(others.back());
+  onThreads(3, [&](int thread) {
+    for (int i = 0; i < 2000; ++i) {
+      if (thread == 2)
+        others[2000 - i % 200 * (i % 11)][0]->setKey("other");
+      else
+        EXPECT_EQ("leaf", root.getNode("99/leaf", "/")->getKey());
+    }
   });
 }
 

@@ -74,6 +74,8 @@ class VSUPT_EXPORT VarnTreeNode : public VarnObjectBase, public VarnCollaborator
   virtual void printGuts(int indent);
 
  private:
+  class VSUPT_LOCAL Order;
+
   VSUPT_LOCAL void gainParent(const VarnTreeNode& parent);
   VSUPT_LOCAL void loseParent();
   VSUPT_LOCAL void exchangeChildren(VarnTreeNode& other);
@@ -81,6 +83,9 @@ class VSUPT_EXPORT VarnTreeNode : public VarnObjectBase, public VarnCollaborator
   void keyChanged();
   bool isSorted() const;
   VSUPT_LOCAL bool findOrder(std::uint64_t now) const;
+  VSUPT_LOCAL void deleteOrder();
+  VSUPT_LOCAL VarnTreeNode* findNode(std::string_view key) const;
+  VSUPT_LOCAL VarnTreeNode* findOutOfOrder(std::string_view key) const;
   std::size_t find(std::string_view key) const;
   std::size_t findPlaceFor(const std::string& key) const;
   void place(std::size_t position, VarnTreeNode* node);
@@ -95,7 +100,7 @@ class VSUPT_EXPORT VarnTreeNode : public VarnObjectBase, public VarnCollaborator
   std::string m_sKey;
   // The only parent, while that is known. Not owned, and never followed: it may be gone.
   std::atomic<const VarnTreeNode*> m_pParent{nullptr};
-  // What isSorted() found out, and as of which change of a key.
+  // What isSorted() found out: see Order.
   mutable std::atomic<std::uint64_t> m_nOrder{0};
   // Entries in lists of children. The largest value stays.
   std::atomic<std::uint8_t> m_nParents{0};

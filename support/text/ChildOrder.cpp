@@ -1,0 +1,320 @@
+// An update changes the strays only when a child of this very node has been renamed, which no
+// look-up may run beside: others may still be reading them when a rename elsewhere has moved the
+// count on. That is why a look at all the children leaves strays alone that are still right.
+#include "text/ChildOrder.h"
+
+#include <algorithm>
+#include <cassert>
+#include <new>
+#include <utility>
+
+#include "runtime/Cancellation.h"
+
+namespace VarnSupport {
+
+bool VarnTreeNode::Order::Strays::has(const VarnTreeNode* node) const {
+  const auto end = nodes.begin() + static_cast<std::ptrdiff_t>(count);
+  return std::find(nodes.begin(), end, node) != end;
+}
+
+void VarnTreeNode::Order::Strays::add(VarnTreeNode* node) {
+  if (isLost || has(node))
+    return;
+  if (count < kMostStrays) {
+    nodes[count++] = node;
+  } else {
+    *this = {};
+    isLost = true;
+  }
+}
+
+void VarnTreeNode::Order::Strays::drop(const VarnTreeNode* node) {
+  const auto end = nodes.begin() + static_cast<std::ptrdiff_t>(count);
+  const auto found = std::find(nodes.begin(), end, node);
+  if (found == end)
+    return;
+  *found = nodes[--count];
+  nodes[count] = nullptr;
+}
+
+// The number of children in front of those for which `isBefore` does not hold, of which the first
+// is no stray. Strays are passed over: it need not hold up to one position for them.
+template <typename IsBefore>
+std::size_t VarnTreeNode::Order::boundary(const tChildren& children, const Strays& strays,
+                                          IsBefore isBefore) {
+  std::size_t begin = 0;
+  std::size_t end = children.size();
+  while (begin < end) {
+    const std::size_t middle = begin + (end - begin) / 2;
+    std::size_t at = middle;
+    while (at < end && strays.has(children[at]))
+      ++at;
+    if (at < end && isBefore(children[at]->m_sKey))
+      begin = at + 1;
+    else
+      end = middle;
+  }
+  while (begin < children.size() && strays.has(children[begin]))
+    ++begin;
+  return begin;
+}
+
+// Whether a stray could stand where it does if it were none. Gives up among many that are alike.
+bool VarnTreeNode::Order::isInPlace(const tChildren& children, const Strays& strays,
+                                    const VarnTreeNode* child) {
+  constexpr std::size_t kMostSteps = 16;
+  const std::string& key = child->m_sKey;
+  const std::size_t place =
+      boundary(children, strays, [&key](const std::string& other) { return other < key; });
+  for (std::size_t at = place; at > 0 && place - at < kMostSteps; --at) {
+    if (children[at - 1] == child)
+      return true;
+    if (!strays.has(children[at - 1]))
+      break;
+  }
+  for (std::size_t at = place; at < children.size() && at - place < kMostSteps; ++at) {
+    if (children[at] == child)
+      return true;
+    if (!strays.has(children[at]) && children[at]->m_sKey != key)
+      break;
+  }
+  return false;
+}
+
+// Whether all children but the strays stand in order.
+bool VarnTreeNode::Order::isRight(const tChildren& children, const Strays& strays) {
+  const VarnTreeNode* last = nullptr;
+  for (const VarnTreeNode* const child : children) {
+    if (strays.has(child))
+      continue;
+    if (last != nullptr && child->m_sKey < last->m_sKey)
+      return false;
+    last = child;
+  }
+  return true;
+}
+
+// Where a child is less than the last one, that one is the stray if without it the order goes on.
+VarnTreeNode::Order::Strays VarnTreeNode::Order::lookThrough(const tChildren& children) {
+  Strays strays;
+  VarnTreeNode* last = nullptr;
+  const VarnTreeNode* beforeLast = nullptr;
+  for (VarnTreeNode* const child : children) {
+    if (last == nullptr || last->m_sKey <= child->m_sKey)
+      beforeLast = std::exchange(last, child);
+    else if (beforeLast == nullptr || beforeLast->m_sKey <= child->m_sKey)
+      strays.add(std::exchange(last, child));
+    else
+      strays.add(child);
+    if (strays.isLost)
+      break;
+  }
+  return strays;
+}
+
+void VarnTreeNode::Order::update(const VarnTreeNode& parent) {
+  if (m_nCount.load(std::memory_order_acquire) == Renames::count(&parent))
+    return;
+  const QuietCancellationGuard closed;
+  std::uint64_t count = 0;
+  Renames::Mark mark;
+  Strays strays;
+  {
+    const BriefMutex::Hold hold(m_oMutex);
+    count = m_nCount.load(std::memory_order_relaxed);
+    mark = m_oMark;
+    strays = m_oStrays;
+  }
+  const tChildren& children = parent.m_vChildren;
+  Renames::List renamed;
+  if (Renames::find(&parent, mark, renamed) && count != 0 &&
+      (renamed.size == 0 || !strays.isLost)) {
+    for (std::size_t i = 0; i < renamed.size; ++i)
+      strays.add(renamed.nodes[i]);
+    for (std::size_t i = 0; i < renamed.size && !strays.isLost; ++i) {
+      if (isInPlace(children, strays, renamed.nodes[i]))
+        strays.drop(renamed.nodes[i]);
+    }
+    if (strays.isLost)
+      strays = lookThrough(children);
+  } else {
+    noteOnlyParent(parent);
+    if (strays.isLost || !isRight(children, strays))
+      strays = lookThrough(children);
+  }
+  const BriefMutex::Hold hold(m_oMutex);
+  if (m_nCount.load(std::memory_order_relaxed) != count)
+    return;
+  if (strays != m_oStrays)
+    m_oStrays = strays;
+  m_oMark = mark;
+  m_nCount.store(mark.count(), std::memory_order_release);
+}
+
+VarnTreeNode* VarnTreeNode::Order::find(const tChildren& children, std::string_view key) const {
+  assert(!m_oStrays.isLost);
+  const std::size_t place =
+      boundary(children, m_oStrays, [key](const std::string& other) { return other < key; });
+  const bool isThere = place < children.size() && children[place]->m_sKey == key;
+  VarnTreeNode* found = isThere ? children[place] : nullptr;
+  for (std::size_t i = 0; i < m_oStrays.count; ++i) {
+    VarnTreeNode* const stray = m_oStrays.nodes[i];
+    if (stray->m_sKey != key)
+      continue;
+    const auto isEither = [=](const VarnTreeNode* child) {
+      return child == found || child == stray;
+    };
+    found = found == nullptr ? stray : *std::find_if(children.begin(), children.end(), isEither);
+  }
+  return found;
+}
+
+std::size_t VarnTreeNode::Order::placeFor(const tChildren& children, std::string_view key) const {
+  assert(!m_oStrays.isLost);
+  auto place = children.begin() +
+               static_cast<std::ptrdiff_t>(boundary(
+                   children, m_oStrays, [key](const std::string& other) { return other <= key; }));
+  for (std::size_t i = 0; i < m_oStrays.count; ++i) {
+    if (m_oStrays.nodes[i]->m_sKey > key)
+      place = std::find(children.begin(), place, m_oStrays.nodes[i]);
+  }
+  return static_cast<std::size_t>(place - children.begin());
+}
+
+void VarnTreeNode::Order::noteOnlyParent(const VarnTreeNode& parent) {
+  for (VarnTreeNode* const child : parent.m_vChildren) {
+    if (child->m_pParent.load(std::memory_order_relaxed) != nullptr)
+      return;
+    if (child->m_nParents.load(std::memory_order_relaxed) == 1)
+      child->m_pParent.store(&parent, std::memory_order_relaxed);
+  }
+}
+
+// A child that does not fit between its neighbours is a stray. Among renamed ones that are not
+// looked at yet, nothing can be said.
+void VarnTreeNode::Order::noteAdded(const VarnTreeNode& parent, std::size_t position) {
+  const tChildren& children = parent.m_vChildren;
+  assert(position < children.size());
+  VarnTreeNode* const child = children[position];
+  if (m_nCount.load(std::memory_order_relaxed) != Renames::count(&parent)) {
+    m_nCount.store(0, std::memory_order_relaxed);
+    return;
+  }
+  const auto isStray = [this](const VarnTreeNode* node) { return m_oStrays.has(node); };
+  std::size_t before = position;
+  while (before > 0 && isStray(children[before - 1]))
+    --before;
+  std::size_t behind = position + 1;
+  while (behind < children.size() && isStray(children[behind]))
+    ++behind;
+  const bool fits = (before == 0 || children[before - 1]->m_sKey <= child->m_sKey) &&
+                    (behind == children.size() || child->m_sKey <= children[behind]->m_sKey);
+  if (!fits)
+    m_oStrays.add(child);
+}
+
+// What the child has told before it went is not noted for it any more, so that all is looked at
+// again if there was something. So it is for another entry of a stray, and if fewer may be strays.
+void VarnTreeNode::Order::noteRemoved(const VarnTreeNode& parent, const VarnTreeNode* child) {
+  const bool hasNews = Renames::mark(&parent).count() != m_nCount.load(std::memory_order_relaxed);
+  const bool isElsewhere = child->m_nParents.load(std::memory_order_relaxed) > 0;
+  if (hasNews || m_oStrays.isLost || (isElsewhere && m_oStrays.has(child)))
+    m_nCount.store(0, std::memory_order_relaxed);
+  m_oStrays.drop(child);
+}
+
+// Without memory for more the children are searched one by one.
+[[gnu::noinline]] bool VarnTreeNode::findOrder(std::uint64_t now) const {
+  std::uint64_t known = m_nOrder.load(std::memory_order_acquire);
+  if (Order* const order = Order::in(known)) {
+    order->update(*this);
+    return order->isSorted();
+  }
+  const bool isWide = m_vChildren.size() >= Order::kFewest;
+  if (!isWide && known == Order::known(now, Order::UNSORTED))
+    return false;
+  if (!isWide || known == 0) {
+    Order::noteOnlyParent(*this);
+    const bool sorted = std::is_sorted(
+        m_vChildren.begin(), m_vChildren.end(),
+        [](const auto* left, const auto* right) { return left->m_sKey < right->m_sKey; });
+    if (sorted || !isWide) {
+      const std::uint64_t found = Order::known(now, sorted ? Order::SORTED : Order::UNSORTED);
+      m_nOrder.compare_exchange_strong(known, found, std::memory_order_relaxed);
+      return sorted;
+    }
+  }
+  Order* const made = new (std::nothrow) Order;
+  if (made == nullptr)
+    return false;
+  made->update(*this);
+  const bool sorted = made->isSorted();
+  if (!m_nOrder.compare_exchange_strong(known, made->asKnown(), std::memory_order_release))
+    delete made;
+  return sorted;
+}
+
+[[gnu::noinline]] void VarnTreeNode::deleteOrder() {
+  delete Order::in(m_nOrder.load(std::memory_order_relaxed));
+  m_nOrder.store(0, std::memory_order_relaxed);
+}
+
+bool VarnTreeNode::isSorted() const {
+  const std::uint64_t now = Renames::count(this);
+  const std::uint64_t order = m_nOrder.load(std::memory_order_relaxed);
+  return order == Order::known(now, Order::SORTED) || findOrder(now);
+}
+
+// The first child with this key, or null.
+VarnTreeNode* VarnTreeNode::findNode(std::string_view key) const {
+  if (!isSorted())
+    return findOutOfOrder(key);
+  const auto found = std::lower_bound(
+      m_vChildren.begin(), m_vChildren.end(), key,
+      [](const auto* child, std::string_view wanted) { return child->m_sKey < wanted; });
+  return found != m_vChildren.end() && (*found)->m_sKey == key ? *found : nullptr;
+}
+
+[[gnu::noinline]] VarnTreeNode* VarnTreeNode::findOutOfOrder(std::string_view key) const {
+  const Order* const order = Order::in(m_nOrder.load(std::memory_order_acquire));
+  if (order != nullptr && !order->isLost())
+    return order->find(m_vChildren, key);
+  const auto found = std::find_if(m_vChildren.begin(), m_vChildren.end(),
+                                  [&](const auto* child) { return child->m_sKey == key; });
+  return found != m_vChildren.end() ? *found : nullptr;
+}
+
+// The position of the first child with this key, or the number of children.
+std::size_t VarnTreeNode::find(std::string_view key) const {
+  auto found = m_vChildren.begin();
+  if (isSorted()) {
+    found = std::lower_bound(
+        m_vChildren.begin(), m_vChildren.end(), key,
+        [](const auto* child, std::string_view wanted) { return child->m_sKey < wanted; });
+    if (found != m_vChildren.end() && (*found)->m_sKey != key)
+      found = m_vChildren.end();
+  } else {
+    found = std::find(m_vChildren.begin(), m_vChildren.end(), findOutOfOrder(key));
+  }
+  return static_cast<std::size_t>(found - m_vChildren.begin());
+}
+
+// The position of the first child with a greater key, or the number of children.
+std::size_t VarnTreeNode::findPlaceFor(const std::string& key) const {
+  const auto isLess = [&](const std::string& wanted, const auto* child) {
+    return wanted < child->m_sKey;
+  };
+  auto place = m_vChildren.begin();
+  if (isSorted()) {
+    place = std::upper_bound(m_vChildren.begin(), m_vChildren.end(), key, isLess);
+  } else {
+    const Order* const order = Order::in(m_nOrder.load(std::memory_order_acquire));
+    if (order != nullptr && !order->isLost())
+      return order->placeFor(m_vChildren, key);
+    place = std::find_if(m_vChildren.begin(), m_vChildren.end(),
+                         [&](const auto* child) { return isLess(key, child); });
+  }
+  return static_cast<std::size_t>(place - m_vChildren.begin());
+}
+
+}  // namespace VarnSupport

@@ -1,0 +1,85 @@
+// The order of the children of a node in which some have been renamed.
+#ifndef SUPPORT_TEXT_CHILDORDER_H
+#define SUPPORT_TEXT_CHILDORDER_H
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "VarnSupport/VarnTreeNode.h"
+#include "runtime/BriefMutex.h"
+#include "text/Renames.h"
+
+namespace VarnSupport {
+
+// All children but the strays stand in key order, so that they can be searched by halves. Strays
+// are known as such, not by their positions, which move.
+class VSUPT_LOCAL VarnTreeNode::Order {
+ public:
+  using tChildren = std::vector<VarnTreeNode*>;
+
+  // What a node keeps about its children, in one number: 0 for nothing, an Order, or for a count of
+  // renames whether they are all in order.
+  enum tState : std::uint64_t { SORTED = 1, UNSORTED = 3 };
+  static std::uint64_t known(std::uint64_t count, tState state) { return count << 2 | state; }
+  static bool isKnown(std::uint64_t known, tState state) { return (known & 3) == state; }
+  static Order* in(std::uint64_t known) {
+    return (known & 3) == 0 ? reinterpret_cast<Order*>(known) : nullptr;
+  }
+  std::uint64_t asKnown() const { return reinterpret_cast<std::uintptr_t>(this); }
+  // Nodes with less children have none.
+  static constexpr std::size_t kFewest = 64;
+
+  // Finds out what the renames have changed. Threads that look things up may do so at once.
+  void update(const VarnTreeNode& parent);
+  // Of the last update.
+  bool isSorted() const { return !m_oStrays.isLost && m_oStrays.count == 0; }
+  bool isLost() const { return m_oStrays.isLost; }
+
+  // The first of the children with this key, or null. Requires here and below: not lost.
+  VarnTreeNode* find(const tChildren& children, std::string_view key) const;
+  // The position of the first of the children with a greater key, or their number.
+  std::size_t placeFor(const tChildren& children, std::string_view key) const;
+
+  // Lets children that have only one parent left know it, if the first of them does not: those of a
+  // copy whose original is gone.
+  static void noteOnlyParent(const VarnTreeNode& parent);
+
+  // A child has come, or has gone and does not tell the parent any more.
+  void noteAdded(const VarnTreeNode& parent, std::size_t position);
+  void noteRemoved(const VarnTreeNode& parent, const VarnTreeNode* child);
+
+ private:
+  static constexpr std::size_t kMostStrays = 32;
+  // Compared as a whole: what is not used is null.
+  struct Strays {
+    bool operator==(const Strays&) const = default;
+    bool has(const VarnTreeNode* node) const;
+    void add(VarnTreeNode* node);
+    void drop(const VarnTreeNode* node);
+
+    std::array<VarnTreeNode*, kMostStrays> nodes{};
+    std::size_t count = 0;
+    bool isLost = false;  // there are more
+  };
+
+  template <typename IsBefore>
+  static std::size_t boundary(const tChildren& children, const Strays& strays, IsBefore isBefore);
+  static bool isInPlace(const tChildren& children, const Strays& strays, const VarnTreeNode* child);
+  static bool isRight(const tChildren& children, const Strays& strays);
+  static Strays lookThrough(const tChildren& children);
+
+  // The count of renames that the strays are right for; 0 for none. Who reads it equal to the
+  // present one may read the strays, as whatever changes these has then not begun.
+  std::atomic<std::uint64_t> m_nCount{0};
+  BriefMutex m_oMutex;  // of those who update
+  Renames::Mark m_oMark;
+  Strays m_oStrays;
+};
+
+}  // namespace VarnSupport
+
+#endif

@@ -11,7 +11,6 @@
 #include <cassert>
 #include <cstdint>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <new>
 #include <optional>
@@ -138,6 +137,12 @@ void VarnTreeNode::setKey(const std::string& key) {
   const CancellationGuard closed;
   m_sKey = key;
   keyChanged();
+}
+
+// Nodes that are no children cannot break an order.
+void VarnTreeNode::keyChanged() {
+  if (m_nParents.load(std::memory_order_relaxed) > 0)
+    Renames::tell(this, m_pParent);
 }
 
 // Takes a reference to `node` for the child that it becomes. A node that does not fit between its

@@ -1,4 +1,5 @@
-// The order of the children of a node in which some have been renamed.
+// The order of the children of a node in which some have been renamed; and how children know their
+// parents, which they tell of renames.
 #ifndef SUPPORT_TEXT_CHILDORDER_H
 #define SUPPORT_TEXT_CHILDORDER_H
 
@@ -6,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <string_view>
 #include <vector>
 
@@ -79,6 +81,30 @@ class VSUPT_LOCAL VarnTreeNode::Order {
   Renames::Mark m_oMark;
   Strays m_oStrays;
 };
+
+// Returns how many there were. The largest value stays, as nobody knows how many it stands for.
+inline std::uint8_t addParents(std::atomic<std::uint8_t>& parents, int added) {
+  constexpr std::uint8_t many = std::numeric_limits<std::uint8_t>::max();
+  std::uint8_t before = parents.load(std::memory_order_relaxed);
+  while (before != many &&
+         !parents.compare_exchange_weak(before, static_cast<std::uint8_t>(before + added),
+                                        std::memory_order_relaxed)) {
+  }
+  return before;
+}
+
+// Threads may change trees that have a child in common. A parent that is noted, and is the only
+// one, is that for certain: its own entry was the first when it was noted, and it withdraws the
+// note before the entry is gone.
+inline void VarnTreeNode::gainParent(const VarnTreeNode& parent) {
+  const bool isFirst = addParents(m_nParents, 1) == 0;
+  m_pParent.store(isFirst ? &parent : nullptr, std::memory_order_relaxed);
+}
+
+inline void VarnTreeNode::loseParent() {
+  m_pParent.store(nullptr, std::memory_order_relaxed);
+  addParents(m_nParents, -1);
+}
 
 }  // namespace VarnSupport
 

@@ -1,26 +1,8 @@
 #include "text/Renames.h"
 
 #include <cassert>
-#include <limits>
-
-#include "VarnSupport/VarnTreeNode.h"
 
 namespace VarnSupport {
-
-namespace {
-
-// Returns how many there were. The largest value stays, as nobody knows how many it stands for.
-std::uint8_t addParents(std::atomic<std::uint8_t>& parents, int added) {
-  constexpr std::uint8_t many = std::numeric_limits<std::uint8_t>::max();
-  std::uint8_t before = parents.load(std::memory_order_relaxed);
-  while (before != many &&
-         !parents.compare_exchange_weak(before, static_cast<std::uint8_t>(before + added),
-                                        std::memory_order_relaxed)) {
-  }
-  return before;
-}
-
-}  // namespace
 
 constinit std::atomic<std::uint64_t> Renames::m_aCounts[];
 constinit Renames::Place Renames::m_aPlaces[];
@@ -61,25 +43,6 @@ bool Renames::find(const VarnTreeNode* parent, Mark& mark, List& renamed) {
       renamed.nodes[renamed.size++] = note.child;
   }
   return true;
-}
-
-// Threads may change trees that have a child in common. A parent that is noted, and is the only
-// one, is that for certain: its own entry was the first when it was noted, and it withdraws the
-// note before the entry is gone.
-void VarnTreeNode::gainParent(const VarnTreeNode& parent) {
-  const bool isFirst = addParents(m_nParents, 1) == 0;
-  m_pParent.store(isFirst ? &parent : nullptr, std::memory_order_relaxed);
-}
-
-void VarnTreeNode::loseParent() {
-  m_pParent.store(nullptr, std::memory_order_relaxed);
-  addParents(m_nParents, -1);
-}
-
-// Nodes that are no children cannot break an order.
-void VarnTreeNode::keyChanged() {
-  if (m_nParents.load(std::memory_order_relaxed) > 0)
-    Renames::tell(this, m_pParent);
 }
 
 }  // namespace VarnSupport

@@ -18,6 +18,7 @@
 #include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "runtime/ThreadScope.h"
+#include "threads/DependentList.h"
 #include "threads/KeptDependent.h"
 #include "threads/TrackedDependent.h"
 
@@ -85,10 +86,10 @@ VarnCollaborator& VarnCollaborator::operator=(const VarnCollaborator&) { return 
 
 VarnCollaborator::~VarnCollaborator() {
   Walk::orphanAll(*this);
-  for (VarnDependent* const entry : m_vDependents) {
-    if (KeptDependent* const kept = KeptDependent::findIn(entry))
-      kept->leaveSource();
-  }
+  DependentList list(m_vDependents);
+  if (KeptDependent* const kept = list.first(KeptDependent::findIn))
+    kept->leaveSource();
+  list.clear();
 }
 
 void VarnCollaborator::addDependent(VarnDependent& dependent) { addEntry(&dependent); }
@@ -96,7 +97,7 @@ void VarnCollaborator::addDependent(VarnDependent& dependent) { addEntry(&depend
 void VarnCollaborator::addEntry(VarnDependent* entry) {
   const CancellationGuard closed;
   const ListHold hold(m_oLock);
-  m_vDependents.push_back(entry);
+  DependentList(m_vDependents).add(entry);
   m_nChanges.fetch_add(1, std::memory_order_release);
 }
 
@@ -106,29 +107,16 @@ void VarnCollaborator::removeDependent(VarnDependent& dependent) {
     return;
   const QuietCancellationGuard closed;
   const ListHold hold(m_oLock);
-  const auto isEntry = [&](VarnDependent* entry) {
-    return TrackedDependent::isEntryOf(entry, dependent);
-  };
-  // What lies between two entries of the dependent moves as a whole.
-  const auto end = m_vDependents.end();
-  auto found = std::find_if(m_vDependents.begin(), end, isEntry);
-  auto kept = found;
-  while (found != end) {
-    const auto begin = found + 1;
-    found = std::find_if(begin, end, isEntry);
-    kept = std::move(begin, found, kept);
-  }
-  m_vDependents.erase(kept, end);
+  DependentList(m_vDependents).removeAll(dependent);
   m_nChanges.fetch_add(1, std::memory_order_release);
 }
 
 KeptDependent& VarnCollaborator::keep(KeptDependent& made) {
   const ListHold hold(m_oLock);
-  for (VarnDependent* const entry : m_vDependents) {
-    if (KeptDependent* const found = KeptDependent::findIn(entry))
-      return *found;
-  }
-  m_vDependents.push_back(KeptDependent::entryOf(made));
+  DependentList list(m_vDependents);
+  if (KeptDependent* const found = list.first(KeptDependent::findIn))
+    return *found;
+  list.add(KeptDependent::entryOf(made));
   m_nChanges.fetch_add(1, std::memory_order_release);
   return made;
 }
@@ -165,7 +153,7 @@ class VSUPT_LOCAL VarnCollaborator::Cursor {
   // first, takes it out of the list, begins its call and returns it.
   TrackedDependent* read(TrackedDependent::Call& call);
 
-  static constexpr std::size_t kBatch = 16;
+  static constexpr std::size_t kBatch = 32;
 
   VarnCollaborator& m_oCollaborator;
   std::size_t m_nPosition = 0;                   // of the entry that is next
@@ -179,21 +167,22 @@ class VSUPT_LOCAL VarnCollaborator::Cursor {
 TrackedDependent* VarnCollaborator::Cursor::read(TrackedDependent::Call& call) {
   assert(m_nBegin <= m_nPosition && m_nPosition <= m_nEnd && m_nEnd <= m_nSize);
   const ListHold hold(m_oCollaborator.m_oLock);
-  std::vector<VarnDependent*>& list = m_oCollaborator.m_vDependents;
+  DependentList list(m_oCollaborator.m_vDependents);
   m_nPosition = m_nBegin = std::min(m_nPosition, list.size());
-  const auto first = list.begin() + static_cast<std::ptrdiff_t>(m_nBegin);
-  auto last = first + static_cast<std::ptrdiff_t>(std::min(kBatch, list.size() - m_nBegin));
-  if (TrackedDependent::exist())
-    last = std::find_if(first, last, TrackedDependent::findIn);
-  m_nEnd = m_nBegin + static_cast<std::size_t>(last - first);
-  std::transform(first, last, m_aBatch.begin(), KeptDependent::dependentOf);
+  const std::size_t count = list.copy(m_nBegin, m_aBatch.data(), kBatch);
+  const auto end = m_aBatch.begin() + static_cast<std::ptrdiff_t>(count);
+  const auto last = TrackedDependent::exist()
+                        ? std::find_if(m_aBatch.begin(), end, TrackedDependent::findIn)
+                        : end;
+  m_nEnd = m_nBegin + static_cast<std::size_t>(last - m_aBatch.begin());
   TrackedDependent* tracked = nullptr;
-  if (first == last && first != list.end()) {
-    tracked = TrackedDependent::findIn(*first);
+  if (last == m_aBatch.begin() && last != end) {
+    tracked = TrackedDependent::findIn(m_aBatch[0]);
     call.begin(*tracked);
-    list.erase(first);
+    list.removeAt(m_nBegin);
     m_oCollaborator.m_nChanges.fetch_add(1, std::memory_order_release);
   }
+  std::transform(m_aBatch.begin(), last, m_aBatch.begin(), KeptDependent::dependentOf);
   m_nSize = list.size();
   m_nChanges = m_oCollaborator.m_nChanges.load(std::memory_order_relaxed);
   return tracked;

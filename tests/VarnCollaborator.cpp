@@ -69,3 +69,50 @@ TEST_F(VarnCollaboratorTest, CopiesStartWithoutDependents) {
   other.notify(VarnNotification());
   EXPECT_EQ("b", calls);
 }
+
+// Against a plain list, while observers that stand in it several times come and go, at times one of
+// them in its own call, which skips the next.
+TEST_F(VarnCollaboratorTest, ManyDependentsComeAndGoAsInAPlainList) {
+  Random random;
+  VarnCollaborator many;
+  std::vector<std::size_t> told;
+  std::vector<std::size_t> model;
+  std::deque<Observer> observers;
+  std::size_t leaving = std::string::npos;
+  for (std::size_t i = 0; i < 1200; ++i) {
+    observers.emplace_back(many, [&, i] {
+      told.push_back(i);
+      if (i == leaving)
+        many.removeDependent(observers[i]);
+    });
+    model.push_back(i);
+  }
+  const auto remove = [&](std::size_t which) { std::erase(model, which); };
+  for (int step = 0; step < 6000; ++step) {
+    const std::size_t which = random() % observers.size();
+    if (step % 3000 < 1500 ? random() % 4 != 0 : random() % 4 == 0) {
+      many.removeDependent(observers[which]);
+      remove(which);
+    } else if (model.size() < 3000) {
+      many.addDependent(observers[which]);
+      model.push_back(which);
+    }
+    if (step % 20 != 0)
+      continue;
+    told.clear();
+    many.notify(VarnNotification());
+    ASSERT_EQ(model, told) << step;
+    if (std::count(model.begin(), model.end(), which) != 1)
+      continue;
+    leaving = which;
+    told.clear();
+    many.notify(VarnNotification());
+    leaving = std::string::npos;
+    std::vector<std::size_t> expected = model;
+    const auto next = std::find(expected.begin(), expected.end(), which) + 1;
+    if (next != expected.end())
+      expected.erase(next);
+    ASSERT_EQ(expected, told) << step;
+    remove(which);
+  }
+}

@@ -134,6 +134,24 @@ TEST(VarnConnection, WhoEndsItFromOutsideWaitsForCallsThatEndItThemselves) {
   }
 }
 
+TEST(VarnConnection, ThoseThatAreLeftAreCalledInTheirOrder) {
+  Random random;
+  VarnCollaborator source;
+  std::vector<int> told;
+  std::map<int, VarnConnection> left;
+  for (int i = 0; i < 300; ++i) {
+    left.emplace(std::piecewise_construct, std::forward_as_tuple(i),
+                 std::forward_as_tuple(source, [&told, i] { told.push_back(i); }));
+    if (i % 3 != 0)
+      left.erase(std::next(left.begin(), static_cast<std::ptrdiff_t>(random() % left.size())));
+    told.clear();
+    source.notify(VarnNotification());
+    ASSERT_EQ(left.size(), told.size());
+    for (auto [called, entry] = std::pair(told.begin(), left.begin()); entry != left.end(); ++entry)
+      ASSERT_EQ(entry->first, *called++);
+  }
+}
+
 TEST(VarnConnection, SourcesAndConnectionsMayGoAtTheSameTime) {
   for (int round = 0; round < 500; ++round) {
     auto source = std::make_unique<VarnCollaborator>();

@@ -5,9 +5,8 @@
 //
 // A connection's calls are counted under the hub's mutex, with those among them whose threads wait
 // in disconnect(): these wait for the others and not for each other. Whoever disconnects from
-// outside waits for all. Which calls are its own a
-// thread finds in its scopes. The function is gone before disconnect() returns, unless that is
-// called in the function.
+// outside waits for all. Which calls are its own a thread finds in its scopes. The function is gone
+// before disconnect() returns, unless that is called in the function.
 #include "threads/ConnectionHub.h"
 
 #include <algorithm>
@@ -54,10 +53,12 @@ class ConnectionHub::Use {
  public:
   Use(ConnectionHub& hub, std::uint64_t last, std::uint64_t newest) : m_oHub(hub) {
     const BriefMutex::Hold hold(m_oHub.m_oMutex);
-    const auto next = m_oHub.behindLocked(last);
-    if (next == m_oHub.m_vConnections.end() || (*next)->number > newest)
+    auto next = m_oHub.atLocked(last + 1);
+    while (next != m_oHub.m_vConnections.end() && next->connection == nullptr)
+      ++next;
+    if (next == m_oHub.m_vConnections.end() || next->number > newest)
       return;
-    m_pConnection = *next;
+    m_pConnection = next->connection;
     m_pConnection->forgetLost();
     ++m_pConnection->calls;
   }
@@ -158,7 +159,7 @@ void ConnectionHub::handleNotification(VarnCollaborator&, const VarnNotification
 void ConnectionHub::add(const std::shared_ptr<Connection>& connection) {
   const BriefMutex::Hold hold(m_oMutex);
   assert(connection->number == 0);
-  m_vConnections.push_back(connection);
+  m_vConnections.push_back({m_nNewest + 1, connection});
   connection->number = ++m_nNewest;
 }
 
@@ -167,10 +168,11 @@ void ConnectionHub::remove(Connection& connection) {
   std::shared_ptr<Connection> kept;
   {
     const BriefMutex::Hold hold(m_oMutex);
-    const auto found = behindLocked(connection.number - 1);
-    if (found != m_vConnections.end() && found->get() == &connection) {
-      kept = std::move(*found);
-      m_vConnections.erase(found);
+    const auto found = atLocked(connection.number);
+    if (found != m_vConnections.end() && found->connection.get() == &connection) {
+      kept = std::move(found->connection);
+      ++m_nGone;
+      dropGoneLocked();
     }
     connection.forgetLost();
     connection.leaving += own;
@@ -191,16 +193,23 @@ void ConnectionHub::remove(Connection& connection) {
 
 bool ConnectionHub::has(const Connection& connection) {
   const BriefMutex::Hold hold(m_oMutex);
-  const auto found = behindLocked(connection.number - 1);
-  return found != m_vConnections.end() && found->get() == &connection;
+  const auto found = atLocked(connection.number);
+  return found != m_vConnections.end() && found->connection.get() == &connection;
 }
 
-// The first with a higher number. Requires: the mutex is held.
-ConnectionHub::tConnections::iterator ConnectionHub::behindLocked(std::uint64_t number) {
-  return std::upper_bound(m_vConnections.begin(), m_vConnections.end(), number,
-                          [](std::uint64_t bound, const std::shared_ptr<Connection>& connection) {
-                            return bound < connection->number;
-                          });
+// The first with that number or a higher one. Requires: the mutex is held.
+ConnectionHub::tConnections::iterator ConnectionHub::atLocked(std::uint64_t number) {
+  return std::lower_bound(
+      m_vConnections.begin(), m_vConnections.end(), number,
+      [](const Entry& entry, std::uint64_t wanted) { return entry.number < wanted; });
+}
+
+// Moves the others together when half of all have gone, so that each of them pays for one move.
+void ConnectionHub::dropGoneLocked() {
+  if (m_nGone * 2 < m_vConnections.size())
+    return;
+  std::erase_if(m_vConnections, [](const Entry& entry) { return entry.connection == nullptr; });
+  m_nGone = 0;
 }
 
 void ConnectionHub::forgetLostCalls() { Call::countAgain(); }

@@ -37,15 +37,22 @@ class ConnectionHub : public KeptDependent, public std::enable_shared_from_this<
  private:
   class Use;
   class Call;
-  using tConnections = std::vector<std::shared_ptr<Connection>>;
+  // By numbers, that of a connection that has gone stays until there are many.
+  struct Entry {
+    std::uint64_t number;
+    std::shared_ptr<Connection> connection;
+  };
+  using tConnections = std::vector<Entry>;
 
-  tConnections::iterator behindLocked(std::uint64_t number);
+  tConnections::iterator atLocked(std::uint64_t number);
+  void dropGoneLocked();
 
   std::shared_ptr<ConnectionHub> m_pOwn;  // as long as the source lives
   BriefMutex m_oMutex;
   // Guarded by the mutex.
   std::uint64_t m_nNewest = 0;
-  tConnections m_vConnections;  // by number
+  tConnections m_vConnections;
+  std::size_t m_nGone = 0;  // of the entries
 };
 
 }  // namespace VarnSupport

@@ -29,8 +29,12 @@ class TrackedDependent : public VarnDependent {
   // The entry of a tracked dependent in a list of dependents: its address with the lowest bit set.
   static VarnDependent* entryOf(TrackedDependent& dependent);
   static TrackedDependent* findIn(VarnDependent* entry);
+  // The dependent of an entry, tracked or not; a kept one's entry stays as it is.
+  static VarnDependent* dependentOf(VarnDependent* entry) {
+    return reinterpret_cast<VarnDependent*>(bitsOf(entry) & ~kTracked);
+  }
   static bool isEntryOf(VarnDependent* entry, const VarnDependent& dependent) {
-    return (bitsOf(entry) & ~kTracked) == bitsOf(&dependent);
+    return dependentOf(entry) == &dependent;
   }
 
   // One call, counted while it lasts.

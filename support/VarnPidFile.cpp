@@ -245,6 +245,19 @@ VarnPidFile::~VarnPidFile() {
 
 const std::string& VarnPidFile::path() const { return m_pState->path(); }
 
+namespace {
+
+// The system may be busy with an open() that is about to get the number of the stream.
+bool replaceStream(int stream, int file) {
+  int result = -1;
+  do {
+    result = dup2(file, stream);
+  } while (result == -1 && (errno == EINTR || errno == EBUSY));
+  return result != -1;
+}
+
+}  // namespace
+
 bool VarnDetachStreams(mode_t mask) {
   const CancellationGuard closed;
   const NoCancellation detaching;
@@ -252,16 +265,17 @@ bool VarnDetachStreams(mode_t mask) {
   if (nothing < 0)
     return false;
   std::fflush(stdout);
+  bool isDetached = true;
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (stream == nothing)
       fcntl(nothing, F_SETFD, 0);
     else
-      retrying([&] { return dup2(nothing, stream); });
+      isDetached &= replaceStream(stream, nothing);
   }
   if (nothing > STDERR_FILENO)
     close(nothing);
   umask(mask);
-  return true;
+  return isDetached;
 }
 
 }  // namespace VarnSupport

@@ -137,7 +137,8 @@ CommandThread::Expectation::Expectation() {
   const std::lock_guard guard(commandLock);
   auto& state = thread.value;
   state.tasks.reserve(state.tasks.size() + static_cast<std::size_t>(state.expected) + 1);
-  startLocked();
+  if (const int error = startLocked(); error != 0)
+    throw VarnException("VarnCommand: the system refuses a thread", error);
   ++state.expected;
 }
 
@@ -234,10 +235,10 @@ bool CommandThread::isCallerLocked() {
   return thread.value.isRunning && pthread_equal(thread.value.thread, pthread_self()) != 0;
 }
 
-void CommandThread::startLocked() {
+int CommandThread::startLocked() noexcept {
   auto& state = thread.value;
   if (state.isRunning)
-    return;
+    return 0;
   state.bell = makeBell();
   int error = state.bell.isOpen() ? 0 : errno;
   const sigset_t all = allSignals();
@@ -245,10 +246,11 @@ void CommandThread::startLocked() {
     error = startDetached("vsupt-commands", &CommandThread::run, &all, &state.thread);
   if (error != 0) {
     state.bell.close();
-    throw VarnException("VarnCommand: the system refuses a thread", error);
+    return error;
   }
   state.isRunning = true;
   state.idleSince = monotonicNow();
+  return 0;
 }
 
 // A `done` may end the thread: others then take over what is left.
@@ -263,12 +265,8 @@ class CommandThread::Presence {
       return;
     thread.value.isRunning = false;
     thread.value.bell.close();
-    try {
-      if (!thread.value.tasks.empty() || thread.value.expected > 0)
-        startLocked();
-    } catch (const VarnException&) {
-      return;  // the next command starts it
-    }
+    if (!thread.value.tasks.empty() || thread.value.expected > 0)
+      static_cast<void>(startLocked());  // or else the next command does
   }
 };
 

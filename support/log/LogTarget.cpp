@@ -62,10 +62,10 @@ AppendedFile openForAppending(const std::string& name) {
   if (!file.isOpen())  // ENXIO: a pipe without a reader, or a socket
     return {-1, errno == ENXIO ? kNotForRecords : errno, false};
   struct stat status {};
-  fstat(file.get(), &status);
+  if (fstat(file.get(), &status) != 0 || fcntl(file.get(), F_SETFL, O_APPEND) != 0)
+    return {-1, errno, false};
   if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode))
     return {-1, kNotForRecords, false};
-  fcntl(file.get(), F_SETFL, O_APPEND);
   const bool torn = S_ISREG(status.st_mode) && isTorn(file.get(), status.st_size);
   return {file.release(), 0, torn};
 }

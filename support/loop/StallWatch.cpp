@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
+#include <new>
 #include <utility>
 
 #include "log/OwnRecords.h"
@@ -18,6 +19,19 @@
 #include "loop/LoopThread.h"
 
 namespace VarnSupport {
+
+namespace {
+
+// Without memory nothing is told.
+void noteDescription(std::vector<std::string>& descriptions, const LoopObject& object) {
+  try {
+    descriptions.push_back(object.describe());
+  } catch (const std::bad_alloc&) {
+    return;
+  }
+}
+
+}  // namespace
 
 // Workers are linked where they lie, on the stacks of their threads.
 StallWatch::Worker::Worker(StallWatch& watch, const std::size_t* waiting)
@@ -97,7 +111,7 @@ std::vector<std::string> StallWatch::takeStalled() {
       next = std::min(next, now + kPatience);
     } else {
       worker->m_bTold = true;
-      stalled.push_back(worker->m_pObject->describe());
+      noteDescription(stalled, *worker->m_pObject);
     }
   }
   if (next != MonotonicTime::max())

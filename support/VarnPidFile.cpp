@@ -28,6 +28,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Descriptor.h"
 #include "runtime/Fork.h"
+#include "runtime/LinkedNodes.h"
 #include "runtime/System.h"
 #include "text/NumberText.h"
 
@@ -86,7 +87,7 @@ bool isStillAt(const std::string& path, int descriptor) {
   struct stat here {};
   struct stat there {};
   return fstat(descriptor, &here) == 0 && lstat(path.c_str(), &there) == 0 &&
-         here.st_dev == there.st_dev && here.st_ino == there.st_ino;
+         isSameFile(here, there);
 }
 
 // Does not block at a pipe that somebody has put there.
@@ -140,10 +141,7 @@ PidFileState::~PidFileState() {
   const std::lock_guard guard(m_oMutex);
   if (!m_oFile.isOpen())
     return;
-  PidFileState** link = &m_pFirst;
-  while (*link != this)
-    link = &(*link)->m_pNext;
-  *link = m_pNext;
+  takeOut(m_pFirst, *this, &PidFileState::m_pNext);
   if (isStillAt(m_sPath, m_oFile.get()))
     unlink(m_sPath.c_str());
   // A child that another thread is just making has the descriptor, too.

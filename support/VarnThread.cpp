@@ -53,7 +53,7 @@ std::string defaultName() {
 // Has the calling thread joined once it has ended.
 void leaveToReaper() {
   try {
-    const VarnCriticalSection guard(g_exitThreadLock, true);
+    const VarnCriticalSection guard(g_exitThreadLock);
     g_vExitThreads.push_back(pthread_self());
   } catch (const std::bad_alloc&) {
     pthread_detach(pthread_self());

@@ -78,12 +78,11 @@ class Watch {
 
   // Can be cancelled.
   void wait() {
-    const auto left = std::max(m_oUntil - monotonicNow(), MonotonicTime::duration::zero());
-    const timespec time = toTimespec(MonotonicTime(left));
+    const timespec left = timeLeft(m_oUntil);
     const int count = ppoll(m_vPolled.data(), m_vPolled.size(),
-                            m_oUntil == MonotonicTime::max() ? nullptr : &time, nullptr);
+                            m_oUntil == MonotonicTime::max() ? nullptr : &left, nullptr);
     if (count == -1 && errno != EINTR) {
-      const timespec pause = toTimespec(MonotonicTime(kLook));
+      const timespec pause = toTimespec(kLook);
       ppoll(nullptr, 0, &pause, nullptr);
     }
     eventfd_t rung = 0;

@@ -17,6 +17,7 @@
 #include "loop/LoopLock.h"
 #include "loop/LoopObject.h"
 #include "loop/LoopThread.h"
+#include "runtime/LinkedNodes.h"
 
 namespace VarnSupport {
 
@@ -43,10 +44,7 @@ StallWatch::Worker::Worker(StallWatch& watch, const std::size_t* waiting)
 
 StallWatch::Worker::~Worker() {
   const LoopLock lock;
-  Worker** link = &m_oWatch.m_pWorkers;
-  while (*link != this)
-    link = &(*link)->m_pNext;
-  *link = m_pNext;
+  takeOut(m_oWatch.m_pWorkers, *this, &Worker::m_pNext);
 }
 
 void StallWatch::Worker::begin(const LoopObject& object, MonotonicTime now) {

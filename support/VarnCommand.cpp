@@ -92,11 +92,13 @@ struct VarnCommand::State {
       m_pState->isClaimed = false;
     }
 
-    // Makes `next` the latest task, and hands it to the thread of all commands. The next run may
-    // begin at once, in the `done` of this one.
-    void publish(std::shared_ptr<CommandTask> next, bool toThread) {
+    enum tServer { CALLER, THREAD };
+
+    // Makes `next` the latest task, and hands it to the thread of all commands if that is to serve
+    // it. The next run may begin at once, in the `done` of this one.
+    void publish(std::shared_ptr<CommandTask> next, tServer server) {
       const std::lock_guard guard(commandLock);
-      if (toThread)
+      if (server == THREAD)
         CommandThread::addLocked(next);
       m_pState->task.swap(next);
       m_pState->isClaimed = false;
@@ -251,7 +253,7 @@ VarnCommand::Result VarnCommand::run() {
       run.task->job.start(m_pState->settings);
     else
       run.task->job.fail(errno, "eventfd");
-    claim.publish(run.task, false);
+    claim.publish(run.task, State::Claim::CALLER);
   }
   CommandThread::serve(*run.task);
   return run.task->job.result();
@@ -265,7 +267,7 @@ void VarnCommand::start(Done done) {
   const CommandThread::Expectation expectation;
   const std::shared_ptr<CommandTask> task = m_pState->makeTask(std::move(done));
   task->job.start(m_pState->settings);
-  claim.publish(task, true);
+  claim.publish(task, State::Claim::THREAD);
 }
 
 void VarnCommand::kill() {

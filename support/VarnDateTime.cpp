@@ -65,7 +65,7 @@ std::string shiftMessage(std::int64_t fieldAndAmount) {
 constinit std::atomic<std::uint32_t> VarnDateTime::m_objectCounter{0};
 
 // A present time that no object can hold, as the year is beyond 32 bits, leaves 1 January 1970.
-VarnDateTime::VarnDateTime() : m_oLocale(VarnLocaleFactory::getDefaultLocale(true)) {
+VarnDateTime::VarnDateTime() : m_oLocale(VarnLocaleFactory::getDefaultLocale()) {
   const CancellationGuard closed;
   std::tm now{};
   if (toLocalTime(std::time(nullptr), now) && fitsInt(std::int64_t{now.tm_year} + kFirstYear))

@@ -15,11 +15,11 @@ namespace VarnSupport {
 namespace {
 
 std::wstring widened(const std::string& text) {
-  return VarnStringUtilities::widen(text, VarnLocaleFactory::getDefaultLocale(true));
+  return VarnStringUtilities::widen(text, VarnLocaleFactory::getDefaultLocale());
 }
 
 std::string narrowed(const std::wstring& text) {
-  return VarnStringUtilities::narrow(text, VarnLocaleFactory::getDefaultLocale(true));
+  return VarnStringUtilities::narrow(text, VarnLocaleFactory::getDefaultLocale());
 }
 
 std::string notFound(const char* key, std::size_t length) {

@@ -57,9 +57,10 @@ void VarnFileWatch::State::makeCall() {
       if (!isOver())
         guarded([&] { function(change); });
     }
+    m_bUndone = true;
     const FileWork work = std::exchange(m_oTaken, {});
     if (work.isLost)
-      tell(LOST, {});
+      tell({LOST, place.given, {}, 0});
     if (work.isRenewed)
       attach();
     if (work.isRenewed || work.isLost || work.isForAll) {
@@ -68,20 +69,31 @@ void VarnFileWatch::State::makeCall() {
       for (const auto& [name, hint] : work.names)
         lookAt(name, hint);
     }
+    m_bUndone = false;
   });
 }
 
+// What there was no memory for is done at the next try, like after a loss of events.
 void VarnFileWatch::State::endCall() {
+  if (std::exchange(m_bUndone, false)) {
+    noteLoss();
+    m_oWork.isRenewed = true;
+    m_bIncomplete = true;
+  }
   if (m_bIncomplete && !std::exchange(m_bRetrySet, true))
     setDeadline(monotonicNow() + kBetweenTries);
 }
 
-void VarnFileWatch::State::tell(tChange what, const std::string& name, std::uint64_t size,
-                                const std::string& newName) {
+// Made before what is known changes: a change that there is no memory for is found again.
+VarnFileWatch::Change VarnFileWatch::State::changeOf(tChange what, const std::string& name,
+                                                     std::uint64_t size,
+                                                     const std::string& newName) const {
+  return {what, place.shown + name, newName.empty() ? newName : place.shown + newName, size};
+}
+
+void VarnFileWatch::State::tell(const Change& change) {
   if (isOver())
     return;
-  const std::string path = what == LOST ? place.given : place.shown + name;
-  const Change change{what, path, newName.empty() ? newName : place.shown + newName, size};
   if (m_bBeginning)
     m_vFound.push_back(change);
   else
@@ -110,18 +122,18 @@ void VarnFileWatch::State::lookAtAll(const FileWork& work) {
 void VarnFileWatch::State::forget(const std::string& name, const FileHint& hint) {
   const auto found = m_mapKnown.find(name);
   assert(found != m_mapKnown.end());
-  const Known known = found->second;
-  m_mapKnown.erase(found);
-  if (known.target >= 0)
-    removeTargetWatch(known.target, name);
+  const Known& known = found->second;
   const auto newName =
       std::find_if(hint.newNames.begin(), hint.newNames.end(), [&](const std::string& its) {
         return FileStatus::of(place.folder + '/' + its).isSameFile(known.status);
       });
-  if (newName != hint.newNames.end())
-    tell(MOVED, name, 0, *newName);
-  else
-    tell(hint.isMoved ? MOVED : GONE, name);
+  const Change change = newName != hint.newNames.end()
+                            ? changeOf(MOVED, name, 0, *newName)
+                            : changeOf(hint.isMoved ? MOVED : GONE, name);
+  if (known.target >= 0)
+    removeTargetWatch(known.target, name);
+  m_mapKnown.erase(found);
+  tell(change);
 }
 
 // The link may lead elsewhere by the time that its file is watched.
@@ -154,19 +166,25 @@ void VarnFileWatch::State::lookAt(const std::string& name, FileHint hint) {
     return;
   }
   if (found == m_mapKnown.end()) {
-    Known& known = m_mapKnown[name];
+    const Change change = changeOf(m_bBeginning ? FOUND : MADE, name, now.size);
+    std::map<std::string, Known> made;
+    Known& known = made[name];
     known.status = now;
     watchTarget(name, path, known);
-    tell(m_bBeginning ? FOUND : MADE, name, now.size);
+    m_mapKnown.merge(made);
+    tell(change);
     return;
   }
-  const FileStatus before = std::exchange(found->second.status, now);
-  if (now.isFolder)
+  FileStatus& before = found->second.status;
+  const bool isCut = now.size < before.size;
+  const bool isOther = hint.isModified || now.size != before.size || now.changed != before.changed;
+  if (now.isFolder || !isOther) {
+    before = now;
     return;
-  if (now.size < before.size)
-    tell(CUT, name, now.size);
-  else if (hint.isModified || now.size != before.size || now.changed != before.changed)
-    tell(CHANGED, name, now.size);
+  }
+  const Change change = changeOf(isCut ? CUT : CHANGED, name, now.size);
+  before = now;
+  tell(change);
 }
 
 // Calls are held until the first look is complete: what it finds is told before any change of it.

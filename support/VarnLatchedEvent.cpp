@@ -2,10 +2,10 @@
 // wait at exit for an event that is static need it for longer.
 #include "VarnSupport/VarnLatchedEvent.h"
 
+#include <cassert>
+
 #include "runtime/Cancellation.h"
 #include "threads/LatchState.h"
-
-#include <cassert>
 
 namespace VarnSupport {
 

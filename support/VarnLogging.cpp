@@ -175,7 +175,7 @@ void VarnLogging::setLogLevel(const std::string& component, int level) {
 
 void VarnLogging::setCurrentLevel(const std::string& component, int level) {
   const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oRecordLock, true);
+  const VarnCriticalSection guard(m_oRecordLock);
   if (level < State::kLevelOff)
     return;
   m_pState->setAside(*this);

@@ -21,11 +21,6 @@ constexpr const char* kKind = "VarnMonotonicTimer";
 
 using std::chrono::nanoseconds;
 
-// A sum that no clock reaches is never.
-MonotonicTime sumOf(MonotonicTime time, nanoseconds interval) {
-  return interval < MonotonicTime::max() - time ? time + interval : MonotonicTime::max();
-}
-
 }  // namespace
 
 struct VSUPT_LOCAL VarnMonotonicTimer::State final : Callee {

@@ -118,13 +118,13 @@ VarnObjectFactory::~VarnObjectFactory() = default;
 
 void VarnObjectFactory::add(const std::string& name, tCreateFunction function) {
   const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oLock, true);
+  const VarnCriticalSection guard(m_oLock);
   m_mapFunctions[name] = function;
 }
 
 void VarnObjectFactory::add(const std::string& name, VarnObjectFactoryRegistration& registration) {
   const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oLock, true);
+  const VarnCriticalSection guard(m_oLock);
   LibraryLoad::note(registration);
   ProcessExit::noteObject();
   m_mapRegistrations[name] = &registration;
@@ -132,14 +132,14 @@ void VarnObjectFactory::add(const std::string& name, VarnObjectFactoryRegistrati
 
 void VarnObjectFactory::remove(const std::string& name) {
   const QuietCancellationGuard closed;
-  const VarnCriticalSection guard(m_oLock, true);
+  const VarnCriticalSection guard(m_oLock);
   if (m_mapRegistrations.erase(name) == 0)
     m_mapFunctions.erase(name);
 }
 
 VarnSmartPointer<VarnObjectBase> VarnObjectFactory::construct(const std::string& name) {
   const CancellationGuard closed;
-  VarnCriticalSection guard(m_oLock, true);
+  VarnCriticalSection guard(m_oLock);
   VarnObjectFactoryRegistration* registration = entryOf(m_mapRegistrations, name);
   if (registration != nullptr && LibraryLoad::isElsewhere(*registration))
     registration = nullptr;
@@ -166,7 +166,7 @@ std::vector<std::string> VarnObjectFactory::getRegisteredClasses() const {
 }
 
 void VarnObjectFactory::clear() {
-  const VarnCriticalSection guard(m_oLock, true);
+  const VarnCriticalSection guard(m_oLock);
   m_mapFunctions.clear();
   m_mapRegistrations.clear();
 }

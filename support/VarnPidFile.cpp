@@ -28,6 +28,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Descriptor.h"
 #include "runtime/Fork.h"
+#include "runtime/LinkedNodes.h"
 #include "runtime/System.h"
 #include "text/NumberText.h"
 
@@ -86,7 +87,7 @@ bool isStillAt(const std::string& path, int descriptor) {
   struct stat here {};
   struct stat there {};
   return fstat(descriptor, &here) == 0 && lstat(path.c_str(), &there) == 0 &&
-         here.st_dev == there.st_dev && here.st_ino == there.st_ino;
+         isSameFile(here, there);
 }
 
 // Does not block at a pipe that somebody has put there.
@@ -140,10 +141,7 @@ PidFileState::~PidFileState() {
   const std::lock_guard guard(m_oMutex);
   if (!m_oFile.isOpen())
     return;
-  PidFileState** link = &m_pFirst;
-  while (*link != this)
-    link = &(*link)->m_pNext;
-  *link = m_pNext;
+  takeOut(m_pFirst, *this, &PidFileState::m_pNext);
   if (isStillAt(m_sPath, m_oFile.get()))
     unlink(m_sPath.c_str());
   // A child that another thread is just making has the descriptor, too.
@@ -245,6 +243,19 @@ VarnPidFile::~VarnPidFile() {
 
 const std::string& VarnPidFile::path() const { return m_pState->path(); }
 
+namespace {
+
+// The system may be busy with an open() that is about to get the number of the stream.
+bool replaceStream(int stream, int file) {
+  int result = -1;
+  do {
+    result = dup2(file, stream);
+  } while (result == -1 && (errno == EINTR || errno == EBUSY));
+  return result != -1;
+}
+
+}  // namespace
+
 bool VarnDetachStreams(mode_t mask) {
   const CancellationGuard closed;
   const NoCancellation detaching;
@@ -252,16 +263,17 @@ bool VarnDetachStreams(mode_t mask) {
   if (nothing < 0)
     return false;
   std::fflush(stdout);
+  bool isDetached = true;
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (stream == nothing)
       fcntl(nothing, F_SETFD, 0);
     else
-      retrying([&] { return dup2(nothing, stream); });
+      isDetached &= replaceStream(stream, nothing);
   }
   if (nothing > STDERR_FILENO)
     close(nothing);
   umask(mask);
-  return true;
+  return isDetached;
 }
 
 }  // namespace VarnSupport

@@ -210,7 +210,7 @@ void VarnGetOSErrorMessage(int errorNumber, std::wstring& message) {
   message.clear();
   const char* const text = std::strerror(errorNumber);
   if (text != nullptr && *text != '\0')
-    message = VarnStringUtilities::widen(text, VarnLocaleFactory::getDefaultLocale(true));
+    message = VarnStringUtilities::widen(text, VarnLocaleFactory::getDefaultLocale());
   message =
       VarnStringUtilities::trim(message, std::wstring(L" \t\r\n"), VarnStringUtilities::TRIM_BOTH);
   if (!message.empty())

@@ -145,8 +145,8 @@ std::string programName(int argc, char** argv) {
 
 }  // namespace
 
-// A token without quotes is but the simplest case.
-// Inside quotes delimiters are text, and a quote that is doubled stands for itself.
+// Inside quotes delimiters are text, and a quote that is doubled stands for itself. A token without
+// quotes is the simplest case of that.
 template <typename StringType>
 StringType VarnCmdLineTokenizer<StringType>::next() {
   const CancellationGuard closed;

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cassert>
 #include <functional>
+#include <iterator>
 
 #include "VarnSupport/VarnException.h"
 #include "locks/BriefHold.h"

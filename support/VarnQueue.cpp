@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <optional>
 
 #include "runtime/BriefMutex.h"
 #include "runtime/Cancellation.h"
@@ -77,7 +78,7 @@ struct alignas(64) VarnQueueTurns::State {
 
   void setSize(std::size_t now) { size.store(now, std::memory_order_relaxed); }
   bool hasRoom() const { return capacity == 0 || size < capacity; }
-  // Whether there is something for those in line; and whether there may ever be.
+  // Whether there is an element for takers, or room in an open queue for givers.
   bool isOpenTo(const Line& line) const {
     return &line == &takers ? size > 0 : hasRoom() && !isClosed;
   }

@@ -73,9 +73,9 @@ VarnRegularExpressionImplementation<StringType>::~VarnRegularExpressionImplement
   ProgramSlot<StringType>(m_nProgram).clear();
 }
 
-template <typename StringType>
 // A pattern with a fault leaves the tokens before the fault in force, and the text of the pattern
 // as it was.
+template <typename StringType>
 bool VarnRegularExpressionImplementation<StringType>::compile(const StringType& pattern,
                                                               std::string& error) {
   const CancellationGuard closed;

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cassert>
 #include <filesystem>
+#include <limits>
+#include <set>
 #include <utility>
 
 #include "runtime/Cancellation.h"
@@ -17,6 +19,7 @@
 #include "settings/SettingsState.h"
 #include "settings/UpdatedText.h"
 #include "settings/ValueText.h"
+#include "text/NumberText.h"
 #include "text/TextColumns.h"
 
 namespace VarnSupport {
@@ -159,7 +162,7 @@ double VarnSettings::readReal(const std::string& key, const double* preset, Varn
   const VarnRealRange all;
   m_pState->fault(*value, shownValue(value->text) + " is no number" +
                               rangeText(std::pair(range.lowest, range.highest),
-                                        std::pair(all.lowest, all.highest), realNumberText));
+                                        std::pair(all.lowest, all.highest), textOfNumber<double>));
   return otherwise(preset, range);
 }
 

@@ -236,9 +236,7 @@ VarnSignalEvent::~VarnSignalEvent() {
 // Takes a ticket before it looks: a delivery after the look raises the number.
 std::uint64_t VarnSignalEvent::take(std::chrono::nanoseconds limit) {
   const CancellationGuard closed;
-  const MonotonicTime now = monotonicNow();
-  const MonotonicTime deadline =
-      limit < MonotonicTime::max() - now ? now + limit : MonotonicTime::max();
+  const MonotonicTime deadline = sumOf(monotonicNow(), limit);
   while (true) {
     const EventTicket ticket(m_pEntry->arrivals);
     const std::uint64_t come = SignalRelay::deliveries(m_pEntry->signal);

@@ -53,7 +53,7 @@ std::string defaultName() {
 // Has the calling thread joined once it has ended.
 void leaveToReaper() {
   try {
-    const VarnCriticalSection guard(g_exitThreadLock, true);
+    const VarnCriticalSection guard(g_exitThreadLock);
     g_vExitThreads.push_back(pthread_self());
   } catch (const std::bad_alloc&) {
     pthread_detach(pthread_self());
@@ -129,8 +129,9 @@ bool VarnThread::launch() {
   ProcessExit::watch();
   // All is in place before the thread may run, as it may end, or even delete the object, at once.
   auto handle = std::make_unique<pthread_t>();
-  ThreadControl& control = ThreadControl::make(
-      *this, m_sName == defaultName() ? std::string() : m_sName, {m_pRunnable, m_pWorkInformation});
+  const std::string name = getName();
+  ThreadControl& control = ThreadControl::make(*this, name == defaultName() ? std::string() : name,
+                                               {m_pRunnable, m_pWorkInformation});
   pthread_t& identifier = *handle;
   m_nExitCode = -1;
   m_pHandle = handle.release();
@@ -179,9 +180,15 @@ int VarnThread::wait(int count, VarnThread* threads, bool waitAll, int timeoutMs
   return wait(addresses, waitAll, timeoutMs);
 }
 
-std::string VarnThread::getName() const { return m_sName; }
+std::string VarnThread::getName() const {
+  const CancellationGuard closed;
+  return ThreadControl::nameOf(*this);
+}
 
-void VarnThread::setName(const std::string& name) { m_sName = name; }
+void VarnThread::setName(const std::string& name) {
+  const CancellationGuard closed;
+  ThreadControl::setNameOf(*this, name);
+}
 
 void* VarnThread::getHandle() const { return m_pHandle; }
 
@@ -260,7 +267,7 @@ int VarnThread::callBody(ThreadControl* control, VarnRunnable* runnable,
     return workInformation != nullptr ? run(*workInformation) : run();
   } catch (...) {
     passOnCancellation();
-    Uncaught::tell([&] { return "thread " + (control ? control->nameOfObject() : m_sName); });
+    Uncaught::tell([&] { return "thread " + (control ? control->nameOfObject() : getName()); });
     return 0;
   }
 }

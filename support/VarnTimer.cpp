@@ -108,13 +108,13 @@ void VarnTimer::start(long seconds, long milliseconds, bool oneShot) {
   const CancellationGuard closed;
   try {
     VarnTimerManager& manager = VarnTimerManager::getInstance();
-    const VarnCriticalSection guard(manager.m_oListLock, true);
+    const VarnCriticalSection guard(manager.m_oListLock);
     manager.m_pState->remove(*this);
     m_oInterval.set(seconds, milliseconds);
     m_bOneShot = oneShot;
     if (seconds >= 1 || milliseconds >= 1)
       manager.addImpl(*this);
-    manager.m_pState->arm(false);
+    manager.m_pState->arm();
   } catch (const VarnException&) {
     // The timers have been shut down.
     m_oInterval.set(seconds, milliseconds);
@@ -155,7 +155,7 @@ VarnTimerManager& VarnTimerManager::getInstance() {
   if (manager != nullptr)
     return *manager;
   const CancellationGuard closed;
-  const VarnCriticalSection guard(globalSection(), true);
+  const VarnCriticalSection guard(globalSection());
   if (theManager == nullptr)
     theManager = new VarnTimerManager;
   manager = theManager;
@@ -176,7 +176,7 @@ bool VarnTimerManager::isAtRest(const VarnTimer& timer) {
   VarnTimerManager* const manager = m_pThis;
   if (manager == nullptr || m_bExiting || ProcessExit::hasBegun())
     return true;
-  const VarnCriticalSection guard(manager->m_oListLock, true);
+  const VarnCriticalSection guard(manager->m_oListLock);
   return !timer.m_bActive && !TimerCall::isUnderWay(&timer);
 }
 
@@ -193,7 +193,7 @@ VarnTimerManager::~VarnTimerManager() { shutDown(); }
 // from here on a timer that is destroyed does not take itself out.
 void VarnTimerManager::shutDown() {
   {
-    const VarnCriticalSection guard(m_oListLock, true);
+    const VarnCriticalSection guard(m_oListLock);
     m_bExiting = true;
     m_pState->schedule.clear();
   }
@@ -204,19 +204,19 @@ void VarnTimerManager::shutDown() {
 
 void VarnTimerManager::add(VarnTimer& timer) {
   const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oListLock, true);
+  const VarnCriticalSection guard(m_oListLock);
   addImpl(timer);
-  m_pState->arm(false);
+  m_pState->arm();
 }
 
 void VarnTimerManager::remove(VarnTimer& timer) {
   const QuietCancellationGuard closed;
-  const VarnCriticalSection guard(m_oListLock, true);
+  const VarnCriticalSection guard(m_oListLock);
   m_pState->remove(timer);
   if (m_pState->schedule.isEmpty())
     cancelTimer();
   else
-    m_pState->arm(false);
+    m_pState->arm();
 }
 
 void VarnTimerManager::addImpl(VarnTimer& timer) {
@@ -228,7 +228,7 @@ void VarnTimerManager::addImpl(VarnTimer& timer) {
 
 void VarnTimerManager::reset(bool inSignal) {
   const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oListLock, true);
+  const VarnCriticalSection guard(m_oListLock);
   if (inSignal)
     m_pState->armRequested = false;
   m_pState->arm(inSignal);
@@ -236,7 +236,7 @@ void VarnTimerManager::reset(bool inSignal) {
 
 void VarnTimerManager::timeout() {
   const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oListLock, true);
+  const VarnCriticalSection guard(m_oListLock);
   m_pState->armedUntil = 0;
   m_pState->startPass();
 }
@@ -245,7 +245,7 @@ void VarnTimerManager::cancelTimer() {
   const QuietCancellationGuard closed;
   m_bCancel = true;
   {
-    const VarnCriticalSection guard(m_oListLock, true);
+    const VarnCriticalSection guard(m_oListLock);
     stateOf(m_oEvent).raise();
   }
   m_bCancel = false;

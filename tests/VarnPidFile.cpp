@@ -228,3 +228,13 @@ TEST(VarnDetachStreams, LeavesNothingOfTheStarter) {
   });
   EXPECT_EQ("buffered", contentsOf(folder / "output"));
 }
+
+TEST(VarnDetachStreams, TellsOfAStreamThatStaysWhatItWas) {
+  expectInChild([] {
+    close(STDIN_FILENO);  // what /dev/null gets, and no other number is to be had
+    const rlimit limit{1, 1};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_FALSE(VarnDetachStreams(027));
+    EXPECT_EQ(027U, umask(0));
+  });
+}

@@ -90,7 +90,7 @@ TEST(VarnService, ADaemonReportsItsStartAndStopsOnSigterm) {
   const std::string file = folder / "daemon";
   expectInChild([&] {
     HookedService service;
-    rlimit limit{};  // more descriptors than select() has room for
+    rlimit limit{};  // more descriptors than a set of them has room for
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);

@@ -330,6 +330,19 @@ TEST(VarnThread, AThreadMayBeKilledInDestructorsAndItsChildrenLive) {
   });
 }
 
+TEST(VarnThread, ANameMayBeAskedForWhileItIsGiven) {
+  const std::string names[] = {std::string(100, 'a'), std::string(200, 'b')};
+  VarnThread thread(names[0]);
+  const std::jthread other([&](const std::stop_token& over) {
+    for (unsigned i = 0; !over.stop_requested(); ++i)
+      thread.setName(names[i % 2]);
+  });
+  for (int i = 0; i < 300000; ++i) {
+    const std::string name = thread.getName();
+    ASSERT_TRUE(name == names[0] || name == names[1]) << name;
+  }
+}
+
 // The main thread may end before the others; the last of them ends the process.
 TEST(VarnThread, TheProcessEndsWithItsLastThreadAlthoughTheLibraryHasOne) {
   if (kThreadSanitizer)

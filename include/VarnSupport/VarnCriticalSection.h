@@ -160,8 +160,8 @@ class VSUPT_EXPORT VSUPT_SCOPED_CAPABILITY VarnCriticalSection {
 // clean-up step of a thread whose run is being unwound.
 VSUPT_EXPORT void VarnCriticalSectionRecoverFn(void*);
 
-// Guards all reference counts and the creation of every other lock's state. Null before the library
-// has attached and after it has detached.
+// The global section: while a thread holds it, reference counts stand still for all others. Null
+// before the library has attached and after it has detached.
 extern VSUPT_EXPORT VarnCriticalSectionObject* g_pCriticalSection;
 
 }  // namespace VarnSupport

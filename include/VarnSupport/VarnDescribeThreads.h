@@ -36,8 +36,8 @@ namespace VarnSupport {
 // - Read-write locks, and mutexes that are none of the library, show as calls of the system.
 //
 // Without /proc, or without a free descriptor, there is the calling thread alone, and the text says
-// so; where the system keeps from a process what its
-// threads are in (after a change of user, say), calls of the system are left out.
+// so; where the system keeps from a process what its threads are in (after a change of user, say),
+// calls of the system are left out.
 //
 // The text is on the heap: where a thread may hang inside of that, use the other form.
 // Throws std::bad_alloc.

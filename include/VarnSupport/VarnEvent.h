@@ -29,7 +29,8 @@ class VSUPT_EXPORT VarnEvent {
   // Calls every dependent on this thread, with what createNotification() makes, then wakes all
   // threads in wait(). When there is no memory for that, wakes them and throws std::bad_alloc.
   virtual void set();
-  // Makes the condition variable anew if nobody waits; otherwise nothing changes.
+  // Makes the condition variable anew if nobody waits and getHandle() was never called; otherwise
+  // nothing changes.
   virtual void reset();
   // With -1 waits for the next set() and returns 0. Any other time-out ends at once, without
   // waiting: -2 when timeoutMs x 1000000 in unsigned 32-bit arithmetic is a valid count of

@@ -18,8 +18,7 @@ namespace VarnSupport {
 
 // The text in one line that cannot be taken for another, and changes nothing on a terminal: control
 // characters, those beyond ASCII too, and bytes that are no UTF-8 become "\n", "\r", "\t" or
-// "\x1b", backslashes "\\"; line and paragraph separators as their
-// six-character escapes.
+// "\x1b", backslashes "\\"; line and paragraph separators become their six-character escapes.
 VSUPT_EXPORT std::string VarnEscaped(std::string_view text);
 
 // Applies levels such as "5,net=9,db=1" to the registered log: net's records up to 9, db's up to 1,

@@ -1,10 +1,11 @@
 // Reference-counted objects and the smart pointer that owns them.
 //
 // An object is created with new, starts with a count of 0 and is handed at once to a
-// VarnSmartPointer; it is deleted when its count returns to 0. All counts are guarded by the one
-// global critical section (g_pCriticalSection, VarnCriticalSection.h), so addRef() and release()
-// are safe from any thread. One smart pointer object must not be assigned by two threads at once;
-// distinct smart pointers to one object may be used from different threads.
+// VarnSmartPointer; it is deleted when its count returns to 0. addRef() and release() are safe from
+// any thread; while one holds the global critical section (g_pCriticalSection,
+// VarnCriticalSection.h), the counts stand still for all others. One smart pointer object must not
+// be assigned by two threads at once; distinct smart pointers to one object may be used from
+// different threads.
 #ifndef VARNSUPPORT_VARNOBJECTBASE_H
 #define VARNSUPPORT_VARNOBJECTBASE_H
 

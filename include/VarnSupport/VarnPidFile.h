@@ -75,8 +75,8 @@ class VSUPT_EXPORT VarnPidFile {
 // starter, and 0. What `stdout` still has in its buffer goes out before.
 // Called last in a start hook: what goes wrong before is still told, and whoever reads what the
 // launching process prints does not wait for the daemon's end. Files that the hook makes before
-// have the mask that is in force then. False, and nothing is changed, when /dev/null cannot be
-// opened.
+// have the mask that is in force then. False when /dev/null cannot be opened, and nothing is
+// changed then; and when a stream cannot be replaced, while the others are, and the mask is set.
 VSUPT_EXPORT bool VarnDetachStreams(mode_t mask = 022);
 
 }  // namespace VarnSupport

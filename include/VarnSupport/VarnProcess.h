@@ -43,8 +43,8 @@ VSUPT_EXPORT void VarnGetOSErrorMessage(int errorNumber, std::string& message);
 // a signal ended it. Without, the child's id is in `processId`, and the caller must wait for it.
 // Either may be null, and each is left alone in the other case.
 // No handler of pthread_atfork() runs. False only when the process cannot fork; `exitStatus` is -1
-// then. A program that cannot be
-// started, or given its handles, counts as one that exits with 0; callers rely on it.
+// then. A program that cannot be started, or given its handles, counts as one that exits with 0;
+// callers rely on it.
 VSUPT_EXPORT bool VarnExecuteProgramEx(const std::string& commandLine, int stdinHandle,
                                        int stdoutHandle, bool wait, int* processId,
                                        int* exitStatus);

@@ -2,8 +2,8 @@
 //
 // A thread runs its runnable, or its own run(), and when the body returns tells its dependents with
 // ThreadDone, on the thread itself. Exceptions never leave a body: they make its exit code 0.
-// Waiting, killing and the queries are safe from any thread; starting and destroying belong to the
-// owner.
+// Waiting, killing, naming and the queries are safe from any thread; starting and destroying belong
+// to the owner.
 //
 // kill() makes a body unwind, with the destructors of its frames: at the entry of an operation of
 // the library that takes something (a lock, a reference, an entry in a list), before that is taken;

@@ -78,12 +78,11 @@ class Watch {
 
   // Can be cancelled.
   void wait() {
-    const auto left = std::max(m_oUntil - monotonicNow(), MonotonicTime::duration::zero());
-    const timespec time = toTimespec(MonotonicTime(left));
+    const timespec left = timeLeft(m_oUntil);
     const int count = ppoll(m_vPolled.data(), m_vPolled.size(),
-                            m_oUntil == MonotonicTime::max() ? nullptr : &time, nullptr);
+                            m_oUntil == MonotonicTime::max() ? nullptr : &left, nullptr);
     if (count == -1 && errno != EINTR) {
-      const timespec pause = toTimespec(MonotonicTime(kLook));
+      const timespec pause = toTimespec(kLook);
       ppoll(nullptr, 0, &pause, nullptr);
     }
     eventfd_t rung = 0;
@@ -138,7 +137,8 @@ CommandThread::Expectation::Expectation() {
   const std::lock_guard guard(commandLock);
   auto& state = thread.value;
   state.tasks.reserve(state.tasks.size() + static_cast<std::size_t>(state.expected) + 1);
-  startLocked();
+  if (const int error = startLocked(); error != 0)
+    throw VarnException("VarnCommand: the system refuses a thread", error);
   ++state.expected;
 }
 
@@ -235,10 +235,10 @@ bool CommandThread::isCallerLocked() {
   return thread.value.isRunning && pthread_equal(thread.value.thread, pthread_self()) != 0;
 }
 
-void CommandThread::startLocked() {
+int CommandThread::startLocked() noexcept {
   auto& state = thread.value;
   if (state.isRunning)
-    return;
+    return 0;
   state.bell = makeBell();
   int error = state.bell.isOpen() ? 0 : errno;
   const sigset_t all = allSignals();
@@ -246,10 +246,11 @@ void CommandThread::startLocked() {
     error = startDetached("vsupt-commands", &CommandThread::run, &all, &state.thread);
   if (error != 0) {
     state.bell.close();
-    throw VarnException("VarnCommand: the system refuses a thread", error);
+    return error;
   }
   state.isRunning = true;
   state.idleSince = monotonicNow();
+  return 0;
 }
 
 // A `done` may end the thread: others then take over what is left.
@@ -264,12 +265,8 @@ class CommandThread::Presence {
       return;
     thread.value.isRunning = false;
     thread.value.bell.close();
-    try {
-      if (!thread.value.tasks.empty() || thread.value.expected > 0)
-        startLocked();
-    } catch (const VarnException&) {
-      return;  // the next command starts it
-    }
+    if (!thread.value.tasks.empty() || thread.value.expected > 0)
+      static_cast<void>(startLocked());  // or else the next command does
   }
 };
 

@@ -75,7 +75,8 @@ class CommandThread {
 
  private:
   class Presence;
-  static void startLocked();
+  // Starts the thread unless it runs. Returns 0, or the system's code.
+  static int startLocked() noexcept;
   static void run();
   static bool isCallerLocked();
   static bool turn();

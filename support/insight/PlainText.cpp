@@ -30,8 +30,7 @@ bool becomesReady(int descriptor) {
   const MonotonicTime deadline = monotonicNow() + kTimeToTake;
   pollfd ready{descriptor, POLLOUT, 0};
   return retrying([&] {
-           const timespec left = toTimespec(
-               MonotonicTime(std::max(deadline - monotonicNow(), MonotonicTime::duration(0))));
+           const timespec left = timeLeft(deadline);
            return ppoll(&ready, 1, &left, nullptr);
          }) == 1;
 }

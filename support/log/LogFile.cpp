@@ -43,11 +43,11 @@ bool isErrorStreamOfJournal() {
          std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == named;
 }
 
-bool isSameFile(int one, int other) {
+bool leadToSameFile(int one, int other) {
   struct stat first {};
   struct stat second {};
   return one >= 0 && fstat(one, &first) == 0 && fstat(other, &second) == 0 &&
-         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+         isSameFile(first, second);
 }
 
 // As the journal and syslog count, from 0, the worst, to 7.
@@ -81,7 +81,7 @@ bool LogFile::open() {
     return false;
   }
   // Other processes may be in the middle of a record in the same file.
-  const bool isTorn = isSameFile(m_nDescriptor, opened.descriptor) ? m_bTorn : opened.isTorn;
+  const bool isTorn = leadToSameFile(m_nDescriptor, opened.descriptor) ? m_bTorn : opened.isTorn;
   close();
   m_bJournal = m_sName.empty() && isErrorStreamOfJournal();
   m_nDescriptor = opened.descriptor;

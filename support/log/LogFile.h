@@ -42,9 +42,10 @@ class LogFile : public std::enable_shared_from_this<LogFile> {
   LogFile& operator=(const LogFile&) = delete;
   ~LogFile();
 
-  // Opens the file anew, and closes it. What cannot be opened leaves the old one in force.
+  // Opens the file anew; false, and the old one stays in force, when that cannot be done.
   // Requires: the caller has the turn at the file.
   bool open();
+  // Requires: the same.
   void close();
   bool isOpen() const { return m_nDescriptor >= 0; }
 

@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <optional>
+#include <utility>
 
 #include "runtime/Descriptor.h"
 #include "runtime/System.h"
@@ -38,6 +39,59 @@ bool isTorn(int descriptor, off_t size) {
   char last = '\n';
   return reader.isOpen() && pread(reader.get(), &last, 1, size - 1) == 1 && last != '\n';
 }
+
+using Pieces = std::array<iovec, 257>;
+
+// The records that are yet to be written, the first perhaps in part.
+class RecordsLeft {
+ public:
+  RecordsLeft(const std::string_view* records, std::size_t count, bool& torn)
+      : m_pRecords(records), m_nCount(count), m_bTorn(torn) {}
+
+  bool isEmpty() const { return m_nDone == m_nCount; }
+  // How many are written in whole.
+  std::size_t done() const { return m_nDone; }
+
+  // The line feed that ends a torn line, and as many records as there is room for. Returns how many
+  // pieces these are.
+  std::size_t gather(Pieces& pieces) const {
+    static char lineFeed = '\n';
+    std::size_t used = 0;
+    if (hasLead())
+      pieces[used++] = {&lineFeed, 1};
+    for (std::size_t next = m_nDone, from = m_nOffset; next < m_nCount && used < pieces.size();
+         ++next) {
+      const std::string_view record = m_pRecords[next].substr(std::exchange(from, 0));
+      pieces[used++] = {const_cast<char*>(record.data()), record.size()};
+    }
+    return used;
+  }
+
+  // Takes off what was written of the pieces. Requires: it is more than nothing.
+  void take(std::size_t written) {
+    assert(written > 0);
+    if (hasLead()) {
+      m_bTorn = false;
+      --written;
+    }
+    m_nOffset += written;
+    for (; m_nDone < m_nCount && m_nOffset >= m_pRecords[m_nDone].size(); ++m_nDone) {
+      m_nOffset -= m_pRecords[m_nDone].size();
+      m_bTorn = false;
+    }
+    if (m_nOffset > 0)
+      m_bTorn = m_pRecords[m_nDone][m_nOffset - 1] != '\n';
+  }
+
+ private:
+  bool hasLead() const { return m_bTorn && m_nOffset == 0; }
+
+  const std::string_view* const m_pRecords;
+  const std::size_t m_nCount;
+  std::size_t m_nDone = 0;
+  std::size_t m_nOffset = 0;  // what is written of the next
+  bool& m_bTorn;              // the target's last line has no end
+};
 
 }  // namespace
 
@@ -62,10 +116,10 @@ AppendedFile openForAppending(const std::string& name) {
   if (!file.isOpen())  // ENXIO: a pipe without a reader, or a socket
     return {-1, errno == ENXIO ? kNotForRecords : errno, false};
   struct stat status {};
-  fstat(file.get(), &status);
+  if (fstat(file.get(), &status) != 0 || fcntl(file.get(), F_SETFL, O_APPEND) != 0)
+    return {-1, errno, false};
   if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode))
     return {-1, kNotForRecords, false};
-  fcntl(file.get(), F_SETFL, O_APPEND);
   const bool torn = S_ISREG(status.st_mode) && isTorn(file.get(), status.st_size);
   return {file.release(), 0, torn};
 }
@@ -81,24 +135,13 @@ bool mayWriteRaise(int descriptor) {
 std::size_t writeRecords(int descriptor, const std::string_view* records, std::size_t count,
                          bool isQuiet, bool& torn) {
   assert(descriptor >= 0 && count > 0);
-  constexpr std::size_t piecesAtOnce = 257;
-  static char lineFeed = '\n';
-  std::array<iovec, piecesAtOnce> pieces;
+  Pieces pieces;
   std::optional<WithoutWriteSignals> quiet;
   if (isQuiet)
     quiet.emplace();
-  std::size_t done = 0;
-  std::size_t offset = 0;  // what is written of the next record
-  while (done < count) {
-    std::size_t used = 0;
-    const bool hasLead = torn && offset == 0;
-    if (hasLead)
-      pieces[used++] = {&lineFeed, 1};
-    for (std::size_t next = done, from = offset; next < count && used < piecesAtOnce; ++next) {
-      pieces[used++] = {const_cast<char*>(records[next].data() + from),
-                        records[next].size() - from};
-      from = 0;
-    }
+  RecordsLeft left(records, count, torn);
+  while (!left.isEmpty()) {
+    const std::size_t used = left.gather(pieces);
     const ssize_t written = retrying([&] {
       return used == 1 ? write(descriptor, pieces[0].iov_base, pieces[0].iov_len)
                        : writev(descriptor, pieces.data(), static_cast<int>(used));
@@ -106,21 +149,13 @@ std::size_t writeRecords(int descriptor, const std::string_view* records, std::s
     if (written <= 0) {
       if (quiet)
         quiet->take(errno);
-      return done;
+      break;
     }
-    if (hasLead)
-      torn = false;
-    offset += static_cast<std::size_t>(written) - (hasLead ? 1 : 0);
-    for (; done < count && offset >= records[done].size(); ++done) {
-      offset -= records[done].size();
-      torn = false;
-    }
-    if (offset > 0)
-      torn = records[done][offset - 1] != '\n';
-    if (done < count && !quiet)
+    left.take(static_cast<std::size_t>(written));
+    if (!left.isEmpty() && !quiet)
       quiet.emplace();
   }
-  return done;
+  return left.done();
 }
 
 void writeLine(int descriptor, std::string_view line, bool& torn) {

@@ -52,7 +52,7 @@ void VarnLogging::put(const std::wstring& value) {
   const QuietCancellationGuard closed;
   std::string text;
   try {
-    text = VarnStringUtilities::narrow(value, VarnLocaleFactory::getDefaultLocale(true));
+    text = VarnStringUtilities::narrow(value, VarnLocaleFactory::getDefaultLocale());
   } catch (const VarnException&) {
   } catch (const std::bad_alloc&) {
   }

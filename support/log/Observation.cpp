@@ -42,8 +42,8 @@ namespace {
 
 using Call = CallUnderWay<const Observation::Observer*>;
 
-// An observer that the calling thread is inside a call of.
-// An observer is not told of records that its own function writes, on any level of calls.
+// An observer that the calling thread is inside a call of: it is not told of records that its own
+// function writes, on any level of calls.
 struct Inside : ThreadScopeOf<Inside> {
   explicit Inside(const Observation::Observer* which) : observer(which) {}
 

@@ -158,7 +158,7 @@ bool EventLoop::waitForWork(LoopLock& lock, StallWatch::Worker& worker) {
 int EventLoop::wait(Events& events, MonotonicTime until) const {
   timespec left{};
   if (until != MonotonicTime::max())
-    left = toTimespec(MonotonicTime(std::max(until - monotonicNow(), MonotonicTime::duration(0))));
+    left = timeLeft(until);
   const timespec* const timeout = until != MonotonicTime::max() ? &left : nullptr;
   const int epoll = m_oDescriptors.epoll();
   const int size = static_cast<int>(events.size());

@@ -95,8 +95,9 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
   void lookAt(const std::string& name, FileHint hint);
   void forget(const std::string& name, const FileHint& hint);
   void watchTarget(const std::string& name, const std::string& path, Known& known);
-  void tell(tChange what, const std::string& name, std::uint64_t size = 0,
-            const std::string& newName = {});
+  Change changeOf(tChange what, const std::string& name, std::uint64_t size = 0,
+                  const std::string& newName = {}) const;
+  void tell(const Change& change);
 
   const FileWatchPlace place;
   const Function function;
@@ -117,6 +118,7 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
   bool m_bBeginning = true;      // in the constructor
   bool m_bMissing = false;       // the folder is
   bool m_bIncomplete = false;    // to be tried again
+  bool m_bUndone = false;        // the call ended in the middle
   int m_nRefusal = 0;            // the system's code that is in the log
 };
 

@@ -10,14 +10,29 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
+#include <new>
 #include <utility>
 
 #include "log/OwnRecords.h"
 #include "loop/LoopLock.h"
 #include "loop/LoopObject.h"
 #include "loop/LoopThread.h"
+#include "runtime/LinkedNodes.h"
 
 namespace VarnSupport {
+
+namespace {
+
+// Without memory nothing is told.
+void noteDescription(std::vector<std::string>& descriptions, const LoopObject& object) {
+  try {
+    descriptions.push_back(object.describe());
+  } catch (const std::bad_alloc&) {
+    return;
+  }
+}
+
+}  // namespace
 
 // Workers are linked where they lie, on the stacks of their threads.
 StallWatch::Worker::Worker(StallWatch& watch, const std::size_t* waiting)
@@ -29,10 +44,7 @@ StallWatch::Worker::Worker(StallWatch& watch, const std::size_t* waiting)
 
 StallWatch::Worker::~Worker() {
   const LoopLock lock;
-  Worker** link = &m_oWatch.m_pWorkers;
-  while (*link != this)
-    link = &(*link)->m_pNext;
-  *link = m_pNext;
+  takeOut(m_oWatch.m_pWorkers, *this, &Worker::m_pNext);
 }
 
 void StallWatch::Worker::begin(const LoopObject& object, MonotonicTime now) {
@@ -97,7 +109,7 @@ std::vector<std::string> StallWatch::takeStalled() {
       next = std::min(next, now + kPatience);
     } else {
       worker->m_bTold = true;
-      stalled.push_back(worker->m_pObject->describe());
+      noteDescription(stalled, *worker->m_pObject);
     }
   }
   if (next != MonotonicTime::max())

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "runtime/LinkedNodes.h"
 #include "runtime/ProcessExit.h"
 
 namespace VarnSupport {
@@ -26,10 +27,7 @@ class CallUnderWay {
   ~CallUnderWay() {
     {
       const std::lock_guard guard(m_oMutex);
-      CallUnderWay** link = &m_pFirst;
-      while (*link != this)
-        link = &(*link)->m_pNext;
-      *link = m_pNext;
+      takeOut(m_pFirst, *this, &CallUnderWay::m_pNext);
     }
     m_nEnded.fetch_add(1);
     m_nEnded.notify_all();

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "runtime/BriefGate.h"
+#include "runtime/LinkedNodes.h"
 #include "runtime/UnwindCheck.h"
 
 // Of AddressSanitizer's runtime, where there is one: the frames that an unwinding leaves behind are
@@ -133,13 +134,7 @@ void CancellationState::leaveBody() {
   m_bInBody = false;
 }
 
-void CancellationState::forget(Held& held) {
-  Held** link = &m_pNewestHeld;
-  while (*link != nullptr && *link != &held)
-    link = &(*link)->older;
-  if (*link != nullptr)
-    *link = held.older;
-}
+void CancellationState::forget(Held& held) { takeOut(m_pNewestHeld, held, &Held::older); }
 
 void CancellationState::giveBackAll() {
   while (Held* const held = m_pNewestHeld) {

@@ -64,6 +64,7 @@ struct RelayState {
   std::mutex mutex;
   // Guarded by mutex.
   bool prepared = false;
+  bool mainIsWatched = false;
   bool running = false;
   bool ranInParent = false;  // when this process was forked
   pthread_t thread{};
@@ -163,8 +164,12 @@ void* runRelay(void*) {
   return nullptr;
 }
 
-// Has the relay told when the calling thread, the main one, ends by pthread_exit().
-void watchMainThread() {
+// Has the relay told when the calling thread ends by pthread_exit(), if that is the main one: only
+// that thread itself can have this told.
+void watchMainThreadLocked() {
+  if (relay.mainIsWatched || gettid() != getpid())
+    return;
+  relay.mainIsWatched = true;
   static pthread_key_t key;
   static const bool hasKey = pthread_key_create(&key, [](void*) {
                                relay.mainHasEnded = true;
@@ -176,6 +181,7 @@ void watchMainThread() {
 
 // Starts the relay with every signal blocked, so that none of the program's handlers runs on it.
 void startLocked() {
+  watchMainThreadLocked();
   if (relay.running)
     return;
   sigset_t all;
@@ -193,12 +199,11 @@ bool hasWork() {
 
 // What is needed before a handler is installed.
 void prepareLocked() {
+  watchMainThreadLocked();
   if (relay.prepared)
     return;
   sem_init(&relay.semaphore, 0, 0);
   relay.prepared = true;
-  if (gettid() == getpid())
-    watchMainThread();
 }
 
 bool isRelayLocked() { return relay.running && pthread_equal(relay.thread, pthread_self()) != 0; }
@@ -335,7 +340,8 @@ void releaseRelay(ForkSide side) {
       route.pending.store(false);
       route.expectedUntil = kNever;
     }
-    watchMainThread();
+    relay.mainIsWatched = false;
+    watchMainThreadLocked();
   }
   relay.mutex.unlock();
 }

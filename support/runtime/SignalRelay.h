@@ -3,7 +3,8 @@
 // A handler may interrupt malloc() or a half-taken lock, so none of ours does more than note the
 // signal and post a semaphore. One library thread, the relay, then runs the routine that the signal
 // is routed to. The relay is started on first need, and again in the child after a fork. It ends
-// when the main thread has ended by pthread_exit() and it is the last thread.
+// when the main thread has ended by pthread_exit() and it is the last thread. The main thread's end
+// is seen if that thread itself has called route(), listen() or ensureRunning() at some time.
 //
 // A routine must not wait: for no thread that has not ended, for no code of users, for no lock that
 // users can hold. What has to gets a thread of its own.

@@ -2,6 +2,9 @@
 #ifndef SUPPORT_RUNTIME_SYSTEM_H
 #define SUPPORT_RUNTIME_SYSTEM_H
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
@@ -13,11 +16,26 @@ using MonotonicTime = std::chrono::steady_clock::time_point;
 
 inline MonotonicTime monotonicNow() { return std::chrono::steady_clock::now(); }
 
-inline timespec toTimespec(MonotonicTime time) {
-  const auto sinceStart = time.time_since_epoch();
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceStart);
-  const std::chrono::nanoseconds rest = sinceStart - seconds;
+// A sum that no clock reaches is never.
+inline MonotonicTime sumOf(MonotonicTime time, std::chrono::nanoseconds span) {
+  return span < MonotonicTime::max() - time ? time + span : MonotonicTime::max();
+}
+
+inline timespec toTimespec(std::chrono::nanoseconds span) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(span);
+  const std::chrono::nanoseconds rest = span - seconds;
   return {static_cast<std::time_t>(seconds.count()), static_cast<long>(rest.count())};
+}
+
+inline timespec toTimespec(MonotonicTime time) { return toTimespec(time.time_since_epoch()); }
+
+// How long it is until `deadline`; no time at all once that has passed.
+inline timespec timeLeft(MonotonicTime deadline) {
+  return toTimespec(std::max(deadline - monotonicNow(), MonotonicTime::duration::zero()));
+}
+
+inline bool isSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 // Calls until a signal no longer interrupts, and returns the result.

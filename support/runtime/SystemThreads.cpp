@@ -1,5 +1,6 @@
-// All threads of the library begin here. They are detached, have their name before their first
-// step, and a place for their signal handlers where one is wanted (AlternateStack.h).
+// A thread that startDetached() makes has its name before its first step, and a place for its
+// signal handlers where one is wanted (AlternateStack.h). The relay, on a stack of its own, sees to
+// both by itself, and so do the threads that have an object (ThreadControl).
 #include "runtime/SystemThreads.h"
 
 #include <dirent.h>

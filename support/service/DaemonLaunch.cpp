@@ -4,10 +4,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/select.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -32,26 +30,13 @@ constexpr std::chrono::seconds kAnswerTime{60};
 
 constexpr int kPresentationMilliseconds = 3000;  // longer than a manager is waited for
 
-timeval timeUntil(MonotonicTime deadline) {
-  using std::chrono::microseconds;
-  const auto left = std::max(deadline - monotonicNow(), MonotonicTime::duration::zero());
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-  const auto rest = std::chrono::duration_cast<microseconds>(left - seconds);
-  return {static_cast<std::time_t>(seconds.count()), static_cast<suseconds_t>(rest.count())};
-}
-
 // Waits for the daemon's report in the launching process, which ends afterwards.
 std::int32_t awaitReport(int descriptor) {
-  // A set of descriptors has no place for high ones; standard input is not needed any more.
-  if (descriptor >= FD_SETSIZE)
-    descriptor = dup2(descriptor, STDIN_FILENO);
   const MonotonicTime deadline = monotonicNow() + kAnswerTime;
+  pollfd report{descriptor, POLLIN, 0};
   const int ready = retrying([&] {
-    fd_set descriptors;
-    FD_ZERO(&descriptors);
-    FD_SET(descriptor, &descriptors);
-    timeval left = timeUntil(deadline);
-    return select(descriptor + 1, &descriptors, nullptr, nullptr, &left);
+    const timespec left = timeLeft(deadline);
+    return ppoll(&report, 1, &left, nullptr);
   });
   if (ready <= 0)
     return ready == 0 ? kNoAnswer : kWaitFailed;
@@ -136,8 +121,7 @@ DaemonReport::DaemonReport(int descriptor) : m_nDescriptor(descriptor) {
 
 void DaemonReport::send(bool hasStarted) {
   struct stat now {};
-  if (fstat(m_nDescriptor, &now) != 0 || now.st_dev != m_oStatus.st_dev ||
-      now.st_ino != m_oStatus.st_ino)
+  if (fstat(m_nDescriptor, &now) != 0 || !isSameFile(now, m_oStatus))
     return;
   const std::int32_t status = hasStarted ? kStarted : kNotStarted;
   retrying([&] { return write(m_nDescriptor, &status, sizeof status); });

@@ -4,13 +4,11 @@
 #include "settings/ValueText.h"
 
 #include <algorithm>
-#include <array>
-#include <cassert>
-#include <charconv>
 #include <cmath>
 #include <iterator>
 #include <limits>
 
+#include "text/NearText.h"
 #include "text/NumberText.h"
 #include "text/TextColumns.h"
 
@@ -30,7 +28,6 @@ constexpr std::string_view kSizes = "KMGTP";
 constexpr std::size_t kMostShown = 60;  // bytes
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 // The digits at the front of `text`, which are taken off it.
 std::optional<long long> takeNumber(std::string_view& text) {
@@ -66,14 +63,14 @@ std::optional<double> realNumberIn(std::string_view text) {
 
 // Without regard to the case of ASCII letters.
 std::optional<bool> flagIn(std::string_view text) {
-  std::string folded(text);
-  std::transform(folded.begin(), folded.end(), folded.begin(), lower);
+  std::string given(text);
+  std::transform(given.begin(), given.end(), given.begin(), folded);
   for (const std::string_view word : {"true", "yes", "on", "1"}) {
-    if (folded == word)
+    if (given == word)
       return true;
   }
   for (const std::string_view word : {"false", "no", "off", "0"}) {
-    if (folded == word)
+    if (given == word)
       return false;
   }
   return std::nullopt;
@@ -112,13 +109,6 @@ std::optional<long long> bytesIn(std::string_view text) {
   if (!number || !unit || __builtin_mul_overflow(*number, *unit, &bytes))
     return std::nullopt;
   return bytes;
-}
-
-std::string realNumberText(double number) {
-  std::array<char, 32> digits;
-  const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), number);
-  assert(error == std::errc());
-  return {digits.data(), end};
 }
 
 std::string durationText(long long milliseconds) {

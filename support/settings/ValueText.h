@@ -16,7 +16,6 @@ std::optional<long long> millisecondsIn(std::string_view text);
 std::optional<long long> bytesIn(std::string_view text);
 
 // What reads back as the same value.
-std::string realNumberText(double number);
 std::string durationText(long long milliseconds);
 std::string bytesText(long long bytes);
 

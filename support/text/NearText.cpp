@@ -14,8 +14,6 @@ namespace VarnSupport {
 
 namespace {
 
-char folded(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 bool isSame(char a, char b) { return folded(a) == folded(b); }
 
 }  // namespace

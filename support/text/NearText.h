@@ -7,6 +7,11 @@
 
 namespace VarnSupport {
 
+// A letter of ASCII in the lower case, and any other character as it is.
+constexpr char folded(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
 // The number of characters to insert, remove, replace or swap with their neighbour that lead from
 // one text to the other; more than `most` counts as `most` + 1. Letters of ASCII match in either
 // case.

@@ -2,8 +2,11 @@
 #ifndef SUPPORT_TEXT_NUMBERTEXT_H
 #define SUPPORT_TEXT_NUMBERTEXT_H
 
+#include <array>
+#include <cassert>
 #include <charconv>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -19,6 +22,15 @@ std::optional<Number> numberIn(std::string_view text) {
   if (result.ec != std::errc() || result.ptr != end)
     return std::nullopt;
   return number;
+}
+
+// The shortest text that reads back as the same number.
+template <typename Number>
+std::string textOfNumber(Number number) {
+  std::array<char, 32> digits;
+  const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), number);
+  assert(error == std::errc());
+  return {digits.data(), end};
 }
 
 }  // namespace VarnSupport

@@ -284,7 +284,17 @@ bool ThreadControl::isAbandoned() {
 
 std::string ThreadControl::nameOfObject() {
   const std::lock_guard guard(m_oMutex);
-  return m_pObject != nullptr ? m_pObject->m_sName : std::string();
+  return m_pObject != nullptr ? nameOf(*m_pObject) : std::string();
+}
+
+std::string ThreadControl::nameOf(const VarnThread& object) {
+  const std::lock_guard guard(controlMutex);
+  return object.m_sName;
+}
+
+void ThreadControl::setNameOf(VarnThread& object, std::string name) {
+  const std::lock_guard guard(controlMutex);
+  object.m_sName.swap(name);
 }
 
 void ThreadControl::endAnnouncement() {

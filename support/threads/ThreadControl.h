@@ -52,6 +52,10 @@ class ThreadControl : public CancellationState {
   // Separates the object from its control, if it has one, and both from the thread.
   static void part(VarnThread& object);
 
+  // The name of an object, which any thread may change at any time.
+  static std::string nameOf(const VarnThread& object);
+  static void setNameOf(VarnThread& object, std::string name);
+
   ThreadControl(const ThreadControl&) = delete;
   ThreadControl& operator=(const ThreadControl&) = delete;
 

@@ -10,6 +10,8 @@
 #include <cassert>
 #include <mutex>
 
+#include "runtime/LinkedNodes.h"
+
 namespace VarnSupport {
 
 namespace {
@@ -45,10 +47,7 @@ void TrackedDependent::addTo(VarnCollaborator& collaborator) {
 
 void TrackedDependent::strikeOff() {
   const std::lock_guard guard(listMutex);
-  TrackedDependent** link = &m_pFirst;
-  while (*link != this)
-    link = &(*link)->m_pNext;
-  *link = m_pNext;
+  takeOut(m_pFirst, *this, &TrackedDependent::m_pNext);
 }
 
 void TrackedDependent::awaitCalls() {

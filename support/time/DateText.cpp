@@ -139,6 +139,7 @@ const char* readNamedText(const std::string& text, DateParts& parts) {
   parts.month = monthIndex(month);
   return nullptr;
 }
+
 auto numbersOf(const std::tm& time) {
   return std::tie(time.tm_sec, time.tm_min, time.tm_hour, time.tm_mday, time.tm_mon, time.tm_year,
                   time.tm_wday, time.tm_yday, time.tm_isdst, time.tm_gmtoff);

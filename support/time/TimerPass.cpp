@@ -21,7 +21,7 @@ namespace VarnSupport {
 class VarnTimerManager::Pass {
  public:
   explicit Pass(VarnTimerManager& manager) : m_oManager(manager) {
-    const VarnCriticalSection guard(m_oManager.m_oListLock, true);
+    const VarnCriticalSection guard(m_oManager.m_oListLock);
     m_bBegun = !m_oManager.m_bBusy;
     m_oManager.m_bBusy = true;
     m_oManager.m_pState->passRequested = false;
@@ -31,11 +31,11 @@ class VarnTimerManager::Pass {
   Pass& operator=(const Pass&) = delete;
   ~Pass() {
     {
-      const VarnCriticalSection guard(m_oManager.m_oListLock, true);
+      const VarnCriticalSection guard(m_oManager.m_oListLock);
       if (m_bBegun) {
         m_oManager.m_pState->endRound();
         m_oManager.m_bBusy = false;
-        m_oManager.m_pState->arm(false);
+        m_oManager.m_pState->arm();
       }
     }
     m_oManager.m_pState->users.end();
@@ -48,7 +48,7 @@ class VarnTimerManager::Pass {
   bool runRound() {
     while (setNextDue()) {
     }
-    const VarnCriticalSection guard(m_oManager.m_oListLock, true);
+    const VarnCriticalSection guard(m_oManager.m_oListLock);
     State& state = *m_oManager.m_pState;
     state.endRound();
     return !state.schedule.isEmpty() && state.isOverdue();
@@ -60,7 +60,7 @@ class VarnTimerManager::Pass {
     std::optional<TimerCall> call;
     VarnTimer* timer = nullptr;
     {
-      const VarnCriticalSection guard(m_oManager.m_oListLock, true);
+      const VarnCriticalSection guard(m_oManager.m_oListLock);
       timer = m_oManager.m_pState->takeDue();
       if (timer == nullptr)
         return false;
@@ -85,7 +85,7 @@ class VarnTimerManager::Pass {
 // Callbacks that take longer than a period leave more to do: another round, not another level.
 void VarnTimerManager::elapsed() {
   const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oPassLock, true);
+  const VarnCriticalSection guard(m_oPassLock);
   Pass pass(*this);
   while (pass.hasBegun() && pass.runRound() && !m_bExiting) {
   }
@@ -128,9 +128,9 @@ bool VarnTimerThread::launchFor(VarnTimerManager& manager) {
 // What a pass that was skipped would have done at its end.
 void VarnTimerManager::declinePass() {
   const CancellationGuard closed;
-  const VarnCriticalSection guard(m_oListLock, true);
+  const VarnCriticalSection guard(m_oListLock);
   m_pState->passRequested = false;
-  m_pState->arm(false);
+  m_pState->arm();
 }
 
 }  // namespace VarnSupport

@@ -44,9 +44,10 @@ struct VSUPT_LOCAL VarnTimerManager::State {
   VarnTimer* takeDue();
   void endRound();
 
-  // Sees to it that the interval timer is armed for the first deadline: on the relay directly, else
-  // by a signal, unless it is armed already. A deadline that has passed starts a pass.
-  void arm(bool inSignal) VSUPT_UNCHECKED;
+  // Sees to it that the interval timer is armed for the first deadline, by a signal unless it is
+  // armed already; on the relay, for such a signal, directly. A deadline that has passed starts a
+  // pass.
+  void arm(bool inSignal = false) VSUPT_UNCHECKED;
   // Notes how far away the first deadline is; true when it has passed. Requires: there is one.
   bool isOverdue() VSUPT_UNCHECKED;
   void startPass() VSUPT_UNCHECKED;

@@ -1,8 +1,8 @@
 #include "Failures.h"
 
 #include <dlfcn.h>
+#include <poll.h>
 #include <pthread.h>
-#include <sys/select.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -55,7 +55,7 @@ constinit Real<int, int, int> realDup2("dup2");
 constinit Real<int, const char*, int, mode_t> realOpen("open");
 constinit Real<std::FILE*, const char*, const char*> realFopen("fopen");
 constinit Real<ssize_t, int, const void*, std::size_t> realWrite("write");
-constinit Real<int, int, fd_set*, fd_set*, fd_set*, timeval*> realSelect("select");
+constinit Real<int, pollfd*, nfds_t, const timespec*, const sigset_t*> realPpoll("ppoll");
 
 bool noMemory() { return fails(Failures::MEMORY, ENOMEM); }
 
@@ -123,8 +123,8 @@ ssize_t write(int descriptor, const void* bytes, std::size_t count) {
   return fails(Failures::SYSTEM, ENOSPC) ? -1 : realWrite(descriptor, bytes, count);
 }
 
-int select(int count, fd_set* readable, fd_set* writable, fd_set* other, timeval* time) {
-  return fails(Failures::SYSTEM, ENOMEM) ? -1 : realSelect(count, readable, writable, other, time);
+int ppoll(pollfd* polled, nfds_t count, const timespec* time, const sigset_t* mask) {
+  return fails(Failures::SYSTEM, ENOMEM) ? -1 : realPpoll(polled, count, time, mask);
 }
 
 }  // extern "C"

@@ -336,6 +336,71 @@ TEST(FailureInjection, AStartThatIsRefusedEndsTheWaitsForTheThread) {
   });
 }
 
+TEST(FailureInjection, AWatchOfFilesTellsLaterWhatItHadNoMemoryFor) {
+  expectInChild([] {
+    const TempFolder folder;
+    static Failures* failures = nullptr;
+    static std::atomic<bool> isTold{false};
+    const std::string names[] = {folder / "1", folder / "2", folder / "3"};
+    const VarnFileWatch watch(folder / "*", [&](const VarnFileWatch::Change& change) {
+      if (change.path == names[0] && change.what == VarnFileWatch::MADE) {
+        writeFile(names[1], "");  // both are told of by the next call
+        writeFile(names[2], "");
+      } else if (change.path == names[1] && failures == nullptr) {
+        failures = new Failures(Failures::MEMORY, 1);
+      }
+      isTold = isTold || change.path == names[2];
+    });
+    close(creat(names[0].c_str(), 0600));  // as this thread may have no memory from then on
+    while (Failures::count() == 0)
+      sleepMs(1);
+    delete failures;
+    EXPECT_TRUE(eventually([] { return isTold.load(); }));
+  });
+}
+
+TEST(FailureInjection, StalledCallsThatThereIsNoMemoryToTellOfEndNothing) {
+  expectInChild([] {
+    static std::atomic<int> calls{0};
+    const FileLog log(1);
+    std::atomic<bool> isTold{false};
+    VarnMonotonicTimer timer(std::chrono::milliseconds(1), [&] {
+      if (++calls > 1) {
+        isTold = eventually([&] { return contains(contentsOf(log.file()), "for more than"); });
+        return;
+      }
+      const Failures failures(Failures::MEMORY, 1);
+      while (Failures::count() == 0)
+        sleepMs(1);
+    });
+    timer.start();
+    while (calls < 2)
+      sleepMs(1);
+    EXPECT_TRUE(eventually([&] { return isTold.load(); }));
+  });
+}
+
+TEST(FailureInjection, ACommandsThreadThatCannotBeReplacedIsReplacedByTheNext) {
+  expectInChild([] {
+    std::thread([] { pthread_exit(nullptr); }).join();  // loads what unwinds
+    static Failures* failures = nullptr;
+    VarnCommand waiting({"sleep", "0.2"});
+    VarnCommand ending({"true"});
+    waiting.start();
+    ending.start([](const VarnCommand::Result&) {
+      failures = new Failures(Failures::MEMORY, 1);
+      pthread_exit(nullptr);
+    });
+    while (Failures::count() == 0)
+      sleepMs(1);
+    delete failures;
+    VarnCommand next({"true"});
+    next.start();
+    EXPECT_TRUE(next.wait().succeeded());
+    EXPECT_TRUE(waiting.wait().succeeded());
+  });
+}
+
 TEST(FailureInjection, AFullDiskDoesNotStopOtherTargets) {
   TempFolder folder;
   expectInChild([&] {

@@ -1,5 +1,6 @@
 // A plug-in that adds a class to the global factory while it is loaded.
 #include "VarnSupport/VarnObjectFactory.h"
+#include "VarnSupport/VarnTimer.h"
 
 #include <unistd.h>
 
@@ -43,3 +44,8 @@ GreetingRegistration registration;
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) int greetingVersion() { return 7; }
+
+// For programs that are not linked with the library.
+extern "C" __attribute__((visibility("default"))) void useTimer() {
+  VarnTimer(1000, false).reset();
+}

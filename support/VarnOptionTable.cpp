@@ -7,10 +7,8 @@
 // VarnOptionError, whose code is the exit status.
 #include "VarnSupport/VarnOptionTable.h"
 
-#include <array>
 #include <cassert>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -48,14 +46,6 @@ namespace {
 
 constexpr int kWrongUse = 2;  // the exit code
 
-template <typename Number>
-std::string numberText(Number number) {
-  std::array<char, 32> digits{};
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number);
-  assert(end.ec == std::errc());
-  return {digits.data(), end.ptr};
-}
-
 // All of `text`, which may begin with a plus sign, as a decimal number in the range.
 template <typename Number>
 std::optional<Number> numberWithin(std::string_view text, Number lowest, Number highest) {
@@ -69,10 +59,10 @@ std::optional<Number> numberWithin(std::string_view text, Number lowest, Number 
 template <typename Range>
 std::string limitsText(const Range& range) {
   if (range.hasLowest && range.hasHighest)
-    return numberText(range.lowest) + " to " + numberText(range.highest);
+    return textOfNumber(range.lowest) + " to " + textOfNumber(range.highest);
   if (range.hasLowest)
-    return "at least " + numberText(range.lowest);
-  return range.hasHighest ? "at most " + numberText(range.highest) : std::string();
+    return "at least " + textOfNumber(range.lowest);
+  return range.hasHighest ? "at most " + textOfNumber(range.highest) : std::string();
 }
 
 template <typename Range>
@@ -192,7 +182,7 @@ VarnOptionTable& VarnOptionTable::addNumber(const std::string& names, const std:
   const CancellationGuard closed;
   m_pState->list.add(numberOption(
       names, text, range, store,
-      "a whole number from " + numberText(range.lowest) + " to " + numberText(range.highest)));
+      "a whole number from " + textOfNumber(range.lowest) + " to " + textOfNumber(range.highest)));
   return *this;
 }
 

@@ -10,6 +10,7 @@
 #include "runtime/BriefMutex.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/LinkedNodes.h"
 
 namespace VarnSupport {
 
@@ -53,11 +54,7 @@ LatchWatch::~LatchWatch() {
     ticket.latch().removeWaiter();
   const BriefMutex::Hold hold(watchMutex);
   forgetLost();
-  LatchWatch** link = &theWatches;
-  while (*link != nullptr && *link != this)
-    link = &(*link)->m_pNext;
-  if (*link != nullptr)
-    *link = m_pNext;
+  takeOut(theWatches, *this, &LatchWatch::m_pNext);
 }
 
 void LatchWatch::tell(const LatchState* latch) {

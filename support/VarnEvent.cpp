@@ -7,8 +7,6 @@
 // the plain wait() takes its ticket when it begins, and misses what was set before.
 #include "VarnSupport/VarnEvent.h"
 
-#include <dlfcn.h>
-
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -21,16 +19,6 @@
 
 namespace VarnSupport {
 
-namespace {
-
-// Whether the object lies in the memory of the program or of a library.
-bool isStatic(const void* object) {
-  dl_find_object found;
-  return _dl_find_object(const_cast<void*>(object), &found) == 0;
-}
-
-}  // namespace
-
 struct VarnEvent::State : EventState {};
 
 EventState& stateOf(VarnEvent& event) { return *event.m_pState; }
@@ -42,11 +30,9 @@ VarnEvent::VarnEvent() : m_pState(nullptr) {
   m_pState = new State;
 }
 
-// At exit threads may be waiting for an event that is static, or be about to. They wait on, on
-// memory that stays; so does that of the static events of a library that is unloaded.
 VarnEvent::~VarnEvent() {
   const QuietCancellationGuard closed;
-  if (!m_pState->isWaitedFor() && !isStatic(this))
+  if (!m_pState->staysBehind(this))
     delete m_pState;
 }
 

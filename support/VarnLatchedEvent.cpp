@@ -20,11 +20,10 @@ VarnLatchedEvent::State* VarnLatchedEvent::makeState(bool isSet) {
   return new State(isSet);
 }
 
-// At exit threads may be waiting for an event that is static. They wait on, on memory that stays.
-void VarnLatchedEvent::giveUpState(State* state) {
+void VarnLatchedEvent::giveUpState() {
   const QuietCancellationGuard closed;
-  if (!state->isWaitedFor())
-    delete state;
+  if (!m_pState->staysBehind(this))
+    delete m_pState;
 }
 
 void VarnLatchedEvent::change(bool isSet) {

@@ -129,9 +129,8 @@ VarnCriticalSectionObject& VarnBaseSynchronizedQueue::getLock() { return m_oLock
 VarnBaseProducerConsumer::VarnBaseProducerConsumer(VarnBaseSynchronizedQueue& queue)
     : m_pRendezvous(new Rendezvous), m_oQueue(queue) {}
 
-// At exit consumers may be waiting at one that is static. They wait on, on memory that stays.
 VarnBaseProducerConsumer::~VarnBaseProducerConsumer() {
-  if (!m_pRendezvous->isWaitedFor())
+  if (!m_pRendezvous->staysBehind(this))
     delete m_pRendezvous;
 }
 

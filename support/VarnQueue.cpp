@@ -165,11 +165,10 @@ VarnQueueTurns::State* VarnQueueTurns::makeState(std::size_t capacity) {
   return new State(capacity);
 }
 
-// At exit threads may be waiting at a queue that is static. They wait on, on memory that stays.
-void VarnQueueTurns::giveUpState(State* state) {
+void VarnQueueTurns::giveUpState() {
   const QuietCancellationGuard closed;
-  if (!state->givers.isWaitedFor() && !state->takers.isWaitedFor())
-    delete state;
+  if (!m_pState->givers.staysBehind(this) && !m_pState->takers.staysBehind(this))
+    delete m_pState;
 }
 
 bool VarnQueueTurns::give(tMoment deadline, tMove move, void* what) {

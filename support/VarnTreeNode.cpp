@@ -139,10 +139,13 @@ void VarnTreeNode::setKey(const std::string& key) {
   keyChanged();
 }
 
-// Nodes that are no children cannot break an order.
+// Nodes that are no children cannot break an order. Threads that made the node a child of several
+// parents at once may have noted one of them.
 void VarnTreeNode::keyChanged() {
-  if (m_nParents.load(std::memory_order_relaxed) > 0)
-    Renames::tell(this, m_pParent);
+  static constinit const Renames::tParent unknown{nullptr};
+  const std::uint8_t parents = m_nParents.load(std::memory_order_relaxed);
+  if (parents > 0)
+    Renames::tell(this, parents == 1 ? m_pParent : unknown);
 }
 
 // Takes a reference to `node` for the child that it becomes. A node that does not fit between its

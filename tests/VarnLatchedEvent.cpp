@@ -144,3 +144,19 @@ TEST(VarnLatchedEvent, WorksInTheChildOfAForkOfAWaitedForProcess) {
   event.set();
   other.set();
 }
+
+// Other threads may be at it, or about to, in exit().
+TEST(VarnLatchedEvent, LeavesItsMemoryWhereItIsWhenItIsStatic) {
+  const auto stateOf = [](const VarnLatchedEvent& event) {
+    void* state = nullptr;
+    static_assert(sizeof event == sizeof state);
+    std::memcpy(&state, static_cast<const void*>(&event), sizeof state);
+    return state;
+  };
+  static std::optional<VarnLatchedEvent> event(std::in_place);
+  const void* const state = stateOf(*event);
+  event.reset();
+  const auto others = std::make_unique<std::array<VarnLatchedEvent, 8>>();
+  EXPECT_TRUE(std::none_of(others->begin(), others->end(),
+                           [&](const VarnLatchedEvent& other) { return stateOf(other) == state; }));
+}

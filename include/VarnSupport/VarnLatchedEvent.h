@@ -41,7 +41,7 @@ class VSUPT_EXPORT VarnLatchedEvent {
   // Threads wait for its address.
   VarnLatchedEvent(const VarnLatchedEvent&) = delete;
   VarnLatchedEvent& operator=(const VarnLatchedEvent&) = delete;
-  ~VarnLatchedEvent() { giveUpState(m_pState); }
+  ~VarnLatchedEvent() { giveUpState(); }
 
   // Sets the event and wakes all who wait. What was done before is seen by those who find it set.
   // With nobody waiting it is one atomic operation.
@@ -85,7 +85,7 @@ class VSUPT_EXPORT VarnLatchedEvent {
   struct State;
 
   static State* makeState(bool isSet);
-  static void giveUpState(State* state);
+  void giveUpState();
   void change(bool isSet);
   bool waitUntil(tMoment deadline);
   static std::optional<std::size_t> waitForSeveral(const std::vector<VarnLatchedEvent*>& events,

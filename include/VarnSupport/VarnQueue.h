@@ -35,7 +35,7 @@ class VSUPT_EXPORT VarnQueueTurns {
       : m_nCapacity(capacity), m_pState(makeState(capacity)) {}
   VarnQueueTurns(const VarnQueueTurns&) = delete;
   VarnQueueTurns& operator=(const VarnQueueTurns&) = delete;
-  ~VarnQueueTurns() { giveUpState(m_pState); }
+  ~VarnQueueTurns() { giveUpState(); }
 
   // Each waits until `deadline` for room, or an element, and has it moved; false when there was
   // none. What a move throws goes on to the caller, and the number of elements stays.
@@ -53,7 +53,7 @@ class VSUPT_EXPORT VarnQueueTurns {
   struct State;
 
   static State* makeState(std::size_t capacity);
-  static void giveUpState(State* state);
+  void giveUpState();
 
   const std::size_t m_nCapacity;
   State* const m_pState;

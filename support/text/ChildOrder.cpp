@@ -211,6 +211,9 @@ void VarnTreeNode::Order::noteAdded(const VarnTreeNode& parent, std::size_t posi
                     (behind == children.size() || child->m_sKey <= children[behind]->m_sKey);
   if (!fits)
     m_oStrays.add(child);
+  // What is lost this way may be known after a look at all children, which then must come first.
+  if (m_oStrays.isLost)
+    m_nCount.store(0, std::memory_order_relaxed);
 }
 
 // What the child has told before it went is not noted for it any more, so that all is looked at

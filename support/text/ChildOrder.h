@@ -93,9 +93,10 @@ inline std::uint8_t addParents(std::atomic<std::uint8_t>& parents, int added) {
   return before;
 }
 
-// Threads may change trees that have a child in common. A parent that is noted, and is the only
-// one, is that for certain: its own entry was the first when it was noted, and it withdraws the
-// note before the entry is gone.
+// Threads may change trees that have a child in common, and leave a parent noted that is not the
+// only one; the number of the parents tells. A parent that is noted, and is the only one, is that
+// for certain: its own entry was the first when it was noted, and it withdraws the note before the
+// entry is gone.
 inline void VarnTreeNode::gainParent(const VarnTreeNode& parent) {
   const bool isFirst = addParents(m_nParents, 1) == 0;
   m_pParent.store(isFirst ? &parent : nullptr, std::memory_order_relaxed);

@@ -3,11 +3,13 @@
 // every order of the two, the waiter sees the number moved or is woken.
 #include "threads/EventState.h"
 
+#include <dlfcn.h>
 #include <linux/futex.h>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
 #include <chrono>
 #include <utility>
@@ -23,6 +25,7 @@ namespace VarnSupport {
 namespace {
 
 constexpr std::chrono::microseconds kDearLook(100);
+constexpr std::chrono::milliseconds kDearestLook(10);  // what takes longer has other reasons
 constinit std::atomic<MonotonicTime> processorsAreFree{MonotonicTime::min()};  // from then on
 
 // Returns when the number may have changed, or the deadline passed. A cancellation point, which
@@ -113,13 +116,14 @@ bool EventState::sleepSince(std::uint32_t ticket, const MonotonicTime* deadline)
 }
 
 // Where others want the processor, a look that gives it up comes back after milliseconds. No wait
-// of the process looks then for a hundred times as long as that look took.
+// of the process looks then for twenty times as long as that look took.
 bool EventState::comesSoon(std::uint32_t ticket, const MonotonicTime* deadline) {
   const auto hasCome = [&] { return number() != ticket; };
   MonotonicTime before = monotonicNow();
   const auto isOver = [&] {
     const MonotonicTime now = monotonicNow();
-    const auto cost = now - std::exchange(before, now);
+    const auto cost =
+        std::min<MonotonicTime::duration>(now - std::exchange(before, now), kDearestLook);
     if (cost > kDearLook)
       processorsAreFree.store(now + cost * 20, std::memory_order_relaxed);
     return hasCome() || cost > kDearLook || (deadline != nullptr && now >= *deadline);
@@ -134,6 +138,11 @@ bool EventState::isWaitedFor() {
   renewAfterFork();
   return (m_nWord.load(std::memory_order_acquire) & kWaiters) != 0 ||
          m_nWaits.load(std::memory_order_acquire) != 0;
+}
+
+bool EventState::staysBehind(const void* owner) {
+  dl_find_object found;
+  return isWaitedFor() || _dl_find_object(const_cast<void*>(owner), &found) == 0;
 }
 
 void EventState::resetCondition() {

@@ -69,7 +69,10 @@ class EventState {
 
   // From here on raise() signals the condition, too.
   void handOut();
-  bool isWaitedFor();
+  // Whether the state is to stay when its owner goes. At exit threads may be waiting for an owner
+  // that is static, or be about to: they wait on, on memory that stays. So does that of the static
+  // owners in a library that is unloaded.
+  bool staysBehind(const void* owner);
   // Makes the condition anew unless somebody may be waiting for it.
   void resetCondition();
 
@@ -90,6 +93,8 @@ class EventState {
 
  private:
   class Waiter;
+
+  bool isWaitedFor();
 
   static constexpr unsigned kNumberBits = 32;
   static constexpr std::uint64_t kOneSet = std::uint64_t{1} << kNumberBits;

@@ -232,9 +232,13 @@ TEST(VarnDetachStreams, LeavesNothingOfTheStarter) {
 TEST(VarnDetachStreams, TellsOfAStreamThatStaysWhatItWas) {
   expectInChild([] {
     close(STDIN_FILENO);  // what /dev/null gets, and no other number is to be had
-    const rlimit limit{1, 1};
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit limit{1, usual.rlim_max};
     setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_FALSE(VarnDetachStreams(027));
+    const bool isDetached = VarnDetachStreams(027);
+    setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_FALSE(isDetached);
     EXPECT_EQ(027U, umask(0));
   });
 }

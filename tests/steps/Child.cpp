@@ -275,7 +275,8 @@ void performOperation(const Operation& chosen, int mode, Slot& shared) {
   slot = &shared;
   operation = &chosen;
   const bool isKill = mode == KILL || mode == KILL_HELD;
-  world = new World(mode == FORK ? 2000 : 1000000000);  // in the child it ticks, before not
+  // In the child it ticks, before not: steps may take longer than a second.
+  world = new World(mode == FORK ? 3000 : 1000000000);
   useShared();
   complete(start(false, false));
   if (isKill || (mode == TRACE && !operation->deletesItself))

@@ -103,6 +103,15 @@ Descriptor openFile(const std::string& path) {
   return file;
 }
 
+// The system may be busy with an open() that is about to get the number of the stream.
+bool replaceStream(int stream, int file) {
+  int result = -1;
+  do {
+    result = dup2(file, stream);
+  } while (result == -1 && (errno == EINTR || errno == EBUSY));
+  return result != -1;
+}
+
 }  // namespace
 
 // What an object has in the process that has the file. All are in a list, for those who fork: the
@@ -242,19 +251,6 @@ VarnPidFile::~VarnPidFile() {
 }
 
 const std::string& VarnPidFile::path() const { return m_pState->path(); }
-
-namespace {
-
-// The system may be busy with an open() that is about to get the number of the stream.
-bool replaceStream(int stream, int file) {
-  int result = -1;
-  do {
-    result = dup2(file, stream);
-  } while (result == -1 && (errno == EINTR || errno == EBUSY));
-  return result != -1;
-}
-
-}  // namespace
 
 bool VarnDetachStreams(mode_t mask) {
   const CancellationGuard closed;

@@ -19,16 +19,17 @@ LongDependentList::LongDependentList(const std::vector<tEntry>& entries) {
 }
 
 void LongDependentList::add(tEntry entry) {
+  std::unique_ptr<Block> made;
   if (m_vBlocks.empty() || m_vBlocks.back()->size() == kBlock) {
-    auto block = std::make_unique<Block>();
-    block->reserve(kBlock);
+    made = std::make_unique<Block>();
+    made->reserve(kBlock);
     m_vBlocks.reserve(m_vBlocks.size() + 1);
-    m_mapBlocks.emplace(TrackedDependent::dependentOf(entry), block.get());
-    m_vBlocks.push_back(std::move(block));
-  } else {
-    m_mapBlocks.emplace(TrackedDependent::dependentOf(entry), m_vBlocks.back().get());
   }
-  m_vBlocks.back()->push_back(entry);
+  Block* const last = made != nullptr ? made.get() : m_vBlocks.back().get();
+  m_mapBlocks.emplace(TrackedDependent::dependentOf(entry), last);
+  if (made != nullptr)
+    m_vBlocks.push_back(std::move(made));
+  last->push_back(entry);
   ++m_nSize;
 }
 

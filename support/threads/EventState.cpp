@@ -129,8 +129,9 @@ bool EventState::comesSoon(std::uint32_t ticket, const MonotonicTime* deadline) 
     return hasCome() || cost > kDearLook || (deadline != nullptr && now >= *deadline);
   };
   if (before >= processorsAreFree.load(std::memory_order_relaxed) && !isOver() &&
-      ShortWait::isWorthALook(m_nLateWaits))
-    ShortWait::brings(m_nLateWaits, isOver);
+      ShortWait::isWorthALook(m_nLateWaits) && ShortWait::brings(m_nLateWaits, isOver) &&
+      !hasCome())
+    m_nLateWaits.store(1, std::memory_order_relaxed);  // it is over, but was in vain
   return hasCome();
 }
 

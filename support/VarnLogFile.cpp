@@ -4,8 +4,8 @@
 // the file of a later reopen() is to be the same one.
 #include "VarnSupport/VarnLogFile.h"
 
+#include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <system_error>
@@ -13,6 +13,7 @@
 #include "log/LogFile.h"
 #include "log/LogState.h"
 #include "runtime/Cancellation.h"
+#include "runtime/ProcessExit.h"
 
 namespace VarnSupport {
 
@@ -27,9 +28,10 @@ std::string absoluteName(const std::string& name) {
 // Once, before the first log that has to be finished; what is static and older writes at once.
 // Functions that the program has registered later run earlier, so that their records are still
 // gathered and then written.
-bool finishAtExit() {
-  static const bool isNoted = std::atexit(&VarnLogging::State::finishFiles) == 0;
-  return isNoted;
+void finishAtExit() {
+  static constinit std::atomic<bool> isNoted{false};
+  if (!isNoted.exchange(true))
+    isNoted = ProcessExit::addHandler(&VarnLogging::State::finishFiles);
 }
 
 }  // namespace
@@ -41,7 +43,7 @@ VarnLogFile::VarnLogFile(const std::string& name, int level, Background backgrou
     : VarnLogging(name, 0, level) {
   const QuietCancellationGuard closed;
   if (background.queueBytes > 0)
-    static_cast<void>(finishAtExit());
+    finishAtExit();
   State& state = State::of(*this);
   state.setFile(std::make_shared<LogFile>(state, absoluteName(name), background.queueBytes));
   setTarget(kToFile);

@@ -2,14 +2,21 @@
 // static objects. To know of the exit before the destructor of an object runs, the handler must be
 // younger than that object: it is renewed when threads and timers have been made since, at the
 // next of their operations.
+//
+// In the child of a fork the platform's list of handlers may be locked for ever: by a thread that
+// the child does not have, and that was registering a handler or unloading a library. A thread that
+// exists for nothing else finds out, as it may never come back.
 #include "runtime/ProcessExit.h"
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <mutex>
+#include <utility>
 
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/SystemThreads.h"
 
 // As the C++ binary interface has them. std::atexit() cannot take a handler back.
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* handle);
@@ -20,12 +27,44 @@ namespace VarnSupport {
 namespace {
 
 constexpr useconds_t kPauseMicroseconds = 1000;
+constexpr useconds_t kLookMicroseconds = 50;
+constexpr std::chrono::milliseconds kTimeToComeBack{100};
 
 constinit std::atomic<MonotonicTime> begin{MonotonicTime::min()};
 constinit std::mutex renewing;
 constinit std::atomic<bool> isRenewed{false};
 constinit std::atomic<void (*)()> atBegin{nullptr};
 constinit char handle = 0;  // its address is the name of the handler
+constinit char nobody = 0;  // the name of no handler
+
+// By the number of forks before them, processes whose list of handlers has been found usable, and
+// asked about; the latter is guarded by the mutex.
+constinit std::atomic<std::uint32_t> usableIn{0};
+constinit std::uint32_t askedAbout = 0;
+
+// Whether whoever uses the list of handlers comes back. Waits for the answer once in a process.
+// Requires: the mutex is held.
+bool isListUsable() {
+  const std::uint32_t process = g_nForks;
+  if (usableIn == process)
+    return true;
+  if (std::exchange(askedAbout, process) == process)
+    return false;
+  const auto ask = [process] {
+    __cxa_finalize(&nobody);
+    usableIn = process;
+  };
+  const sigset_t mask = allSignals();
+  if (startDetached("vsupt-exit", ask, &mask) != 0) {
+    askedAbout = 0;
+    return false;
+  }
+  const NoCancellation whole;
+  const MonotonicTime latest = monotonicNow() + kTimeToComeBack;
+  while (usableIn != process && monotonicNow() < latest)
+    usleep(kLookMicroseconds);
+  return usableIn == process;
+}
 
 void noteBegin(void*) {
   if (isRenewed)
@@ -44,13 +83,19 @@ constinit std::atomic<bool> ProcessExit::m_bOutdated{true};
 // Takes the older handler out, which calls it: the list of handlers must not grow.
 void ProcessExit::renewHandler() {
   const std::lock_guard guard(renewing);
-  if (!m_bOutdated.exchange(false) || hasBegun())
+  if (!m_bOutdated || hasBegun() || !isListUsable())
     return;
+  m_bOutdated = false;
   isRenewed = true;
   __cxa_finalize(&handle);
   isRenewed = false;
   if (__cxa_atexit(&noteBegin, nullptr, &handle) != 0)
     m_bOutdated = true;  // the next who begins something tries again
+}
+
+bool ProcessExit::addHandler(void (*function)()) {
+  const std::lock_guard guard(renewing);
+  return isListUsable() && std::atexit(function) == 0;
 }
 
 void ProcessExit::callAtBegin(void (*function)()) { atBegin = function; }

@@ -31,6 +31,10 @@ class ProcessExit {
   // noted until then: it waits for what must not run beside them, no longer than latestEnd().
   static void callAtBegin(void (*function)());
 
+  // std::atexit(); false, too, where that would never return: in the child of a fork another thread
+  // may have left the platform's list of handlers locked.
+  static bool addHandler(void (*function)());
+
   static bool hasBegun();
   // Until when a destructor may wait that begins to do so now.
   static MonotonicTime latestEnd();

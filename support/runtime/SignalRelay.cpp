@@ -67,6 +67,7 @@ struct RelayState {
   bool mainIsWatched = false;
   bool running = false;
   bool ranInParent = false;  // when this process was forked
+  bool isHeldBack = false;   // in the child of a fork, until all of the library is whole
   pthread_t thread{};
   sigset_t callersMask{};
 };
@@ -182,7 +183,7 @@ void watchMainThreadLocked() {
 // Starts the relay with every signal blocked, so that none of the program's handlers runs on it.
 void startLocked() {
   watchMainThreadLocked();
-  if (relay.running)
+  if (relay.running || relay.isHeldBack)
     return;
   sigset_t all;
   sigset_t previous;
@@ -316,11 +317,17 @@ void SignalRelay::settle() {
 }
 
 void SignalRelay::resumeInChild() {
+  const auto isAny = [](auto is) {
+    return std::any_of(relay.routes.begin(), relay.routes.end(), is);
+  };
+  const auto isExpected = [](const Route& route) { return route.expectedUntil != kNever; };
   const auto isListenedFor = [](const Route& route) { return route.listener.load() != nullptr; };
   const auto isRouted = [](int signal) { return routeOf(signal).routine.load() != nullptr; };
-  if (relay.ranInParent && (isRouted(SIGTERM) || isRouted(SIGINT) ||
-                            std::any_of(relay.routes.begin(), relay.routes.end(), isListenedFor)))
-    ensureRunning();
+  const std::lock_guard guard(relay.mutex);
+  relay.isHeldBack = false;
+  if (isAny(isExpected) ||
+      (relay.ranInParent && (isRouted(SIGTERM) || isRouted(SIGINT) || isAny(isListenedFor))))
+    startLocked();
 }
 
 namespace {
@@ -334,6 +341,7 @@ void releaseRelay(ForkSide side) {
     relay.ranInParent = relay.running;
     relay.running = isRelayLocked();
     relay.busy = relay.running;
+    relay.isHeldBack = true;
     relay.mainHasEnded = false;
     sem_init(&relay.semaphore, 0, 0);
     for (Route& route : relay.routes) {

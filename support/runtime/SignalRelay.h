@@ -64,8 +64,9 @@ class SignalRelay {
   // Gives the relay some milliseconds to finish what it is at. Before a fork: what the relay is in
   // the middle of, the child would find half done, and not every heap is whole in a child then.
   static void settle();
-  // In the child of a fork, when all is whole: starts the relay again if it ran and others than the
-  // library may send the signals that are routed or listened for.
+  // In the child of a fork, when all is whole: lets the relay start from here on, and starts it if
+  // a signal is expected, or if it ran and others than the library may send the signals that are
+  // routed or listened for.
   static void resumeInChild();
 };
 

@@ -268,7 +268,7 @@ void useEverythingInChild() {
   waiting.waitForThreadExit();
   stopping.waitForThreadExit();
   at("exit()");
-  std::exit(kExitCode);
+  operation->locksExit ? _exit(kExitCode) : std::exit(kExitCode);
 }
 
 void performOperation(const Operation& chosen, int mode, Slot& shared) {

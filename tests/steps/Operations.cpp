@@ -337,7 +337,8 @@ const std::vector<Operation>& g_vOperations = *new std::vector<Operation>{
     Operation{"factory-construct", [] { world->factory.construct("made"); }}.with(
         [] { world->factory.add("made", makeCounted); }),
     Operation{"factory-remove", removeClass}.with(addClass).giving(isAdded, 0),
-    Operation{"library-scope", [] { const VarnLibrary library(VSUPT_STEPS_PLUGIN, true); }},
+    Operation{"library-scope", [] { const VarnLibrary library(VSUPT_STEPS_PLUGIN, true); }}.set(
+        &Operation::locksExit, true),
     Operation{"program-start", startProgram}.giving(outcome, 0),
     Operation{"program-run", runProgram}.giving(value, 1),
     Operation{"fork", forkAndUse}.giving(outcome, kExitCode),

@@ -26,6 +26,7 @@ struct Operation {
   const Assistance* assistance = nullptr;
   bool awaitsTick = false;     // the child of a fork, for a timer that was running
   bool deletesItself = false;  // the thread does
+  bool locksExit = false;      // for ever, in the child of a fork: the platform's exit()
 
   Operation with(void (*preparation)()) const { return set(&Operation::prepare, preparation); }
   Operation undoneBy(void (*action)()) const { return set(&Operation::undo, action); }

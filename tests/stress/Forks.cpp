@@ -3,6 +3,9 @@
 
 #include "LibraryTools.h"
 
+extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* handle);
+extern "C" void __cxa_finalize(void* handle);
+
 namespace {
 
 void useDates() {
@@ -293,6 +296,27 @@ TEST(ForkStress, ATimerManagerMadeDuringAForkDoesNotLockUpTheChild) {
                 return runInBareChild(useEverything);
               }));
   }
+}
+
+// Such a child cannot exit(), but all else goes on. A thread that unloads a library locks the list,
+// too.
+TEST(ForkStress, AListOfExitHandlersThatIsLeftLockedHoldsNothingUp) {
+  EXPECT_EQ(0, runInBareChild([] {
+              constexpr int kHandlers = 200000;  // they are looked at while the list is locked
+              static char others;
+              static char none;
+              for (int i = 0; i < kHandlers; ++i)
+                __cxa_atexit([](void*) {}, nullptr, &others);
+              std::thread([] {
+                while (true)
+                  __cxa_finalize(&none);
+              }).detach();
+              sleepMs(10);
+              return runInBareChild([] {
+                VarnLogFile log("/dev/null", 5, VarnLogFile::Background{1000});
+                return useEverything();
+              });
+            }));
 }
 
 TEST(ProcessStress, WhatAThreadSleepsOnWorksInAChild) {

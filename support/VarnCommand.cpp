@@ -21,21 +21,19 @@
 #include "command/CommandSettings.h"
 #include "command/CommandThread.h"
 #include "runtime/Cancellation.h"
+#include "runtime/NeverDestroyed.h"
 #include "runtime/ProcessExit.h"
 
 namespace VarnSupport {
 
 namespace {
 
-// Made when it is first asked for, and never destroyed: results may be looked at during the exit.
-const CommandOutcome& neverStarted() {
-  static const CommandOutcome* const outcome = [] {
-    auto* const made = new CommandOutcome;
-    made->outcome = VarnCommand::NOT_STARTED;
-    return made;
-  }();
-  return *outcome;
-}
+// Made while the library is loaded; results may be looked at during the exit.
+const NeverDestroyed<CommandOutcome> neverStarted([] {
+  CommandOutcome outcome;
+  outcome.outcome = VarnCommand::NOT_STARTED;
+  return outcome;
+}());
 
 std::string describe(const CommandOutcome& outcome) {
   switch (outcome.outcome) {
@@ -58,7 +56,7 @@ std::string describe(const CommandOutcome& outcome) {
 }  // namespace
 
 const VarnCommand::Outcome& VarnCommand::Result::outcome() const {
-  return m_pOutcome != nullptr ? *m_pOutcome : neverStarted();
+  return m_pOutcome != nullptr ? *m_pOutcome : neverStarted.value;
 }
 
 std::string VarnCommand::Result::getText() const {

@@ -4,6 +4,7 @@
 #include "VarnSupport/VarnStringUtilities.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cassert>
 #include <climits>
 #include <cstdint>
@@ -43,10 +44,16 @@ auto converted(const char* failure, Conversion conversion) {
 
 using Facet = std::ctype<wchar_t>;
 
-// Never destroyed, so that its address tells it from all others.
+// Never destroyed, so that its address tells it from all others. Each thread that comes early finds
+// it by itself: the child of a fork would wait for ever for one that it does not have.
 const Facet& classicFacet() {
-  static const Facet& facet = std::use_facet<Facet>(std::locale::classic());
-  return facet;
+  static constinit std::atomic<const Facet*> kept{nullptr};
+  const Facet* facet = kept.load(std::memory_order_relaxed);
+  if (facet == nullptr) {
+    facet = &std::use_facet<Facet>(std::locale::classic());
+    kept.store(facet, std::memory_order_relaxed);
+  }
+  return *facet;
 }
 
 // Copies characters; false if not all of them are ASCII, which narrow and wide text share.

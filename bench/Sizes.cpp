@@ -35,14 +35,46 @@ constexpr auto kLockOnce = [](auto& lock) {
 constexpr auto kSetOnce = [](auto& event) { event.set(); };
 constexpr std::chrono::hours kHour(1);
 
+// What the binary interface lays down for a lock: copies share a state, to which each has a pointer
+// in a block of its own.
+template <typename State>
+using SharedState = std::unique_ptr<std::unique_ptr<State>>;
+template <typename State>
+SharedState<State> makeState() {
+  return std::make_unique<std::unique_ptr<State>>(std::make_unique<State>());
+}
+struct LeastLock {
+  struct State {
+    void* table;
+    int references;
+    pthread_mutex_t mutex;
+    pthread_t owner;
+    void* links[2];
+    int count;
+  };
+  SharedState<State> state = makeState<State>();
+  bool isRecursive;
+};
+struct LeastReadWriteLock {
+  struct State {
+    void* table;
+    int references;
+    pthread_rwlock_t lock;
+  };
+  void* table;
+  SharedState<State> state = makeState<State>();
+};
+
 void addLocks() {
   const auto readOnce = [](auto& lock) {
     lock.readLock();
     lock.readUnLock();
   };
   addSize<VarnCriticalSectionObject>("lock", "ours", kLockOnce);
+  addSize<LeastLock>("lock", "limit: its fields", kUnused);
   addSize<std::recursive_mutex>("lock", "std", kLockOnce);
   addSize<VarnReadWriteLock>("read-write lock", "ours", readOnce);
+  addSize<LeastReadWriteLock>("read-write lock", "limit: its fields", kUnused);
   addSize<std::shared_mutex>("read-write lock", "std", kLockOnce);
 #ifdef PEER_POCO
   addSize<Poco::Mutex>("lock", "POCO", kLockOnce);

@@ -52,6 +52,8 @@ class Row:
         goal = WANTED['goals'].get(f'{workload.name}/{side}')
         has_ratio = best is not None and best > base
         self.ratio = Ratio((self.ours - base) / (best - base) if has_ratio else None, goal)
+        limits = workload.sides_of(LIMIT).values()
+        self.limit_ratio = (min(limits) - base) / (best - base) if has_ratio and limits else None
 
     def shown(self, figures, side):
         """A figure of a side, with its name unless it is ours."""
@@ -132,9 +134,11 @@ def summary(workloads):
         if not ratios:
             return f'- {what}: no ratios'
         met = f', {sum(goals)} of {len(goals)} goals are met' if goals else ''
+        bound = sum(row.limit_ratio is not None and row.limit_ratio > 2 for row in rows)
+        so_is_limit = f', in {bound} of them the limit, too' if bound else ''
         return (f'- {what}: {len(ratios)} ratios, their geometric mean is '
                 f'{statistics.geometric_mean(ratios):.2f}, {sum(ratio > 2 for ratio in ratios)} are '
-                f'above 2.0{met}')
+                f'above 2.0{so_is_limit}{met}')
     tails = [workload for workload in workloads if workload.group == TAIL]
     others = [workload for workload in workloads if workload.group != TAIL]
     return '\n'.join((told('ours to the best peer', rows_of(others)),

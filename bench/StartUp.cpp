@@ -113,6 +113,7 @@ void add(const std::string& side, const std::vector<std::string>& tasks) {
 const bool g_bAdded = [] {
   add("ours", {"properties", "find", "tree", "idle"});
   add("empty", {"properties"});
+  addStart("limit: the locale read", programOf("locale"));
 #ifdef PEER_GLIB
   add("GLib", {"properties"});
 #endif

@@ -52,7 +52,7 @@ class Row:
         goal = WANTED['goals'].get(f'{workload.name}/{side}')
         has_ratio = best is not None and best > base
         self.ratio = Ratio((self.ours - base) / (best - base) if has_ratio else None, goal)
-        limits = workload.sides_of(LIMIT).values()
+        limits = [limit for limit in workload.sides_of(LIMIT).values() if limit > base]
         self.limit_ratio = (min(limits) - base) / (best - base) if has_ratio and limits else None
 
     def shown(self, figures, side):

@@ -5,16 +5,48 @@
 //
 // A locale that the system does not have is replaced by the classic one, never by a failure:
 // callers are about to write a text that matters more than its form.
+//
+// The platform has a lock around the making of a locale and around its end, which a fork leaves
+// locked in the child if another thread is just at it. The library therefore makes each locale once
+// and keeps it, and a fork waits for the making.
 #include "VarnSupport/VarnLocaleFactory.h"
 
+#include <array>
+#include <cstdlib>
 #include <exception>
+#include <map>
+#include <mutex>
 
 #include "runtime/Cancellation.h"
+#include "runtime/Fork.h"
 #include "runtime/NeverDestroyed.h"
 
 namespace VarnSupport {
 
 namespace {
+
+constinit std::mutex makingLocale;
+// By name and what of the environment that depends on; guarded by the mutex.
+NeverDestroyed<std::map<std::string, std::locale>> madeLocales;
+
+// Throws what the constructor of a locale throws.
+std::locale makeLocale(const std::string& name) {
+  constexpr std::array kVariables{
+      "LC_ALL",       "LC_CTYPE",       "LC_NUMERIC",        "LC_TIME", "LC_COLLATE",
+      "LC_MONETARY",  "LC_MESSAGES",    "LC_PAPER",          "LC_NAME", "LC_ADDRESS",
+      "LC_TELEPHONE", "LC_MEASUREMENT", "LC_IDENTIFICATION", "LANG",    "LOCPATH"};
+  std::string key = name;
+  for (const char* const variable : kVariables) {
+    const char* const value = std::getenv(variable);
+    key += '\n';
+    key += value != nullptr ? value : "";
+  }
+  const std::lock_guard guard(makingLocale);
+  const auto found = madeLocales.value.find(key);
+  return found != madeLocales.value.end()
+             ? found->second
+             : madeLocales.value.emplace(key, std::locale(name)).first->second;
+}
 
 // What the exported references stand for. Threads that outlive main() still build exception texts.
 NeverDestroyed<std::map<std::string, std::string>> languageData;
@@ -63,7 +95,7 @@ std::locale VarnLocaleFactory::getLocale(Language language) {
   if (found == g_oLocaleData.end())
     return std::locale::classic();
   try {
-    return std::locale(found->second);
+    return makeLocale(found->second);
   } catch (const std::exception&) {
     return std::locale::classic();
   }
@@ -99,10 +131,13 @@ void VarnLocaleFactory::initializeLanguageCountryCode() {
 std::locale GetAppropriateLocaleObject() {
   const CancellationGuard closed;
   try {
-    return std::locale("");
+    return makeLocale("");
   } catch (const std::exception&) {
     return std::locale();
   }
 }
+
+constinit const ForkPart localeFork{[] { makingLocale.lock(); },
+                                    [](ForkSide) { makingLocale.unlock(); }};
 
 }  // namespace VarnSupport

@@ -7,6 +7,7 @@
 #include "VarnSupport/VarnLogObserver.h"
 
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -16,6 +17,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/ProcessExit.h"
 #include "runtime/Utf8.h"
+#include "time/LocalTime.h"
 
 namespace VarnSupport {
 
@@ -48,15 +50,13 @@ void appendText(std::string& to, std::string_view name, std::string_view text) {
 std::string timeText(
     std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds> time) {
   const auto second = std::chrono::floor<std::chrono::seconds>(time);
-  const std::time_t calendar = second.time_since_epoch().count();
   std::tm utc{};
-  gmtime_r(&calendar, &utc);
-  std::array<char, 80> text;
-  const std::size_t length = std::strftime(text.data(), text.size(), "%FT%T", &utc);
-  std::array<char, 16> fraction;
-  std::snprintf(fraction.data(), fraction.size(), ".%09dZ",
-                static_cast<int>((time - second).count()));
-  return std::string(text.data(), length) + fraction.data();
+  toUniversalTime(second.time_since_epoch().count(), utc);
+  std::array<char, 96> text;
+  std::snprintf(text.data(), text.size(), "%jd-%02d-%02dT%02d:%02d:%02d.%09dZ",
+                std::intmax_t{utc.tm_year} + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour,
+                utc.tm_min, utc.tm_sec, static_cast<int>((time - second).count()));
+  return text.data();
 }
 
 }  // namespace

@@ -21,10 +21,10 @@ namespace {
 
 // In lock order: what is taken first stands first. The global section is the last lock that
 // anything takes; the gate is closed when there is nothing left to wait for.
-constexpr std::array kParts{&serviceFork,    &factoryFork, &threadFork, &waitFork,
-                            &connectionFork, &timerFork,   &loopFork,   &controlFork,
-                            &logFork,        &commandFork, &zoneFork,   &signalEventFork,
-                            &pidFileFork,    &relayFork,   &exitFork,   &sectionFork};
+constexpr std::array kParts{
+    &serviceFork,     &factoryFork, &threadFork, &waitFork,    &connectionFork, &timerFork,
+    &loopFork,        &controlFork, &logFork,    &commandFork, &zoneFork,       &localeFork,
+    &signalEventFork, &pidFileFork, &relayFork,  &exitFork,    &sectionFork};
 
 void prepare() {
   closeCancellationQuietly();

@@ -36,6 +36,7 @@ extern const ForkPart controlFork;
 extern const ForkPart logFork;
 extern const ForkPart commandFork;
 extern const ForkPart zoneFork;
+extern const ForkPart localeFork;
 extern const ForkPart signalEventFork;
 extern const ForkPart pidFileFork;
 extern const ForkPart relayFork;

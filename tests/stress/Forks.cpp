@@ -103,6 +103,22 @@ TEST(ForkStress, AChildOfABusyProcessFindsEverythingUsable) {
     ASSERT_EQ(0, runInBareChild(useEverything)) << "child " << i;
 }
 
+// The platform has locks around its looks at the zone and the making of a locale.
+TEST(ForkStress, AChildUsesZonesAndLocalesThatOtherThreadsAreJustAt) {
+  if (kAddressSanitizer)
+    return;
+  const VarnLogEntry entry{std::chrono::system_clock::now(), 5, "component", "text", "thread", 1};
+  const std::jthread threads[] = {repeating([&] { VarnJsonLog::toJson(entry); }),
+                                  repeating([] { GetAppropriateLocaleObject(); })};
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(0, runInBareChild([] {
+                setenv("TZ", "Asia/Tokyo", 1);
+                useDates();
+                return GetAppropriateLocaleObject().name().empty() ? 1 : 0;
+              }));
+  }
+}
+
 TEST(ForkStress, DaemonsOfBusyProcessesTimeLogAndStop) {
   constexpr int kTogether = 25;  // they wait for their timers most of the time
   for (int round = 0; round < 4; ++round) {

@@ -69,38 +69,54 @@ LockImplementation::~LockImplementation() {
   pthread_mutex_destroy(&m_oMutex);
 }
 
-// Books the first level of the mutex, just acquired, as the newest lock of the calling thread.
-void LockImplementation::take() {
-  assert(m_hOwner == 0 && m_nCount == 0);
+// Books the first level of the mutex, just acquired, as the newest lock of the calling thread. A
+// lock that is free has no links: only those that change are written, as the mutex is given back no
+// sooner than all that was written before has reached the processor's cache.
+[[gnu::always_inline]] inline void LockImplementation::book() {
+  assert(m_hOwner == 0 && m_nCount == 0 && m_pOlder == nullptr && m_pNewer == nullptr);
   m_hOwner.store(callingThread(), std::memory_order_relaxed);
   m_nCount.store(1, std::memory_order_relaxed);
-  LockImplementation* const newest = HeldSections::t_pNewest;
-  m_pOlder = newest;
-  m_pNewer = nullptr;
-  if (newest != nullptr)
+  if (LockImplementation* const newest = HeldSections::t_pNewest) {
+    m_pOlder = newest;
     newest->m_pNewer = this;
+  }
+  HeldSections::t_pNewest = this;
   if (BriefHold::isStateOf(globalSection(), this)) [[unlikely]]
     BriefGate::holdCounts();
-  setNewestLockOfThread(this);
+  pthread_setspecific(LockThreadStorage::m_mutexListKey, this);
 }
 
+void LockImplementation::take() { book(); }
+
 // Takes the lock off the caller's list and frees the mutex.
-[[gnu::noinline]] void LockImplementation::giveUp() {
+[[gnu::always_inline]] inline void LockImplementation::free() {
   assert(isHeldByCaller() && m_nCount == 0);
-  if (m_pOlder != nullptr)
-    m_pOlder->m_pNewer = m_pNewer;
-  if (m_pNewer != nullptr)
-    m_pNewer->m_pOlder = m_pOlder;
-  else
-    setNewestLockOfThread(m_pOlder);
-  m_pOlder = nullptr;
-  m_pNewer = nullptr;
+  LockImplementation* const older = m_pOlder;
+  if (older != nullptr) {
+    older->m_pNewer = m_pNewer;
+    m_pOlder = nullptr;
+  }
+  if (m_pNewer != nullptr) [[unlikely]] {
+    m_pNewer->m_pOlder = older;
+    m_pNewer = nullptr;
+  } else {
+    setNewestLockOfThread(older);
+  }
   m_hOwner.store(0, std::memory_order_relaxed);
   pthread_mutex_unlock(&m_oMutex);
 }
 
+[[gnu::noinline]] void LockImplementation::giveUp() { free(); }
+
 void LockImplementation::addLevel() {
   m_nCount.store(m_nCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+// Whether that was the last level.
+[[gnu::always_inline]] inline bool LockImplementation::dropLevel() {
+  const std::int32_t count = m_nCount.load(std::memory_order_relaxed) - 1;
+  m_nCount.store(count, std::memory_order_relaxed);
+  return count <= 0;
 }
 
 // The order counts of what is taken by waiting, if need be: who only tries cannot be held up.
@@ -123,12 +139,14 @@ void LockImplementation::lock() {
     acquireHeld();
 }
 
-[[gnu::noinline]] void LockImplementation::acquire() {
+[[gnu::always_inline]] inline void LockImplementation::acquireFree() {
   if (LockOrder::isChecked()) [[unlikely]]
     noteOrder();  // before: another thread may have come first, and never go on
   pthread_mutex_lock(&m_oMutex);
-  take();
+  book();
 }
+
+[[gnu::noinline]] void LockImplementation::acquire() { acquireFree(); }
 
 [[gnu::noinline, gnu::cold]] void LockImplementation::acquireHeld() {
   noteOrder();
@@ -151,9 +169,7 @@ bool LockImplementation::testAndSet() {
 void LockImplementation::unlock() {
   if (!isHeldByCaller())
     return;
-  const std::int32_t count = m_nCount.load(std::memory_order_relaxed) - 1;
-  m_nCount.store(count, std::memory_order_relaxed);
-  if (count <= 0)
+  if (dropLevel())
     giveUp();
 }
 
@@ -222,26 +238,48 @@ void VarnCriticalSectionObject::lock() {
     lockGuarded();
 }
 
-// A thread that is killed while it waits for the lock dies once it has it, after it has given the
-// lock back. As long as nobody asks it to die it takes a short way.
+// As long as nobody asks the thread to die it takes a short way. A further level is no more than a
+// few instructions of the library, inside of which a thread is not unwound.
 [[gnu::noinline]] void VarnCriticalSectionObject::lockGuarded() {
   const auto* const shared = m_pState.load(std::memory_order_acquire);
-  if (shared != nullptr && MomentaryGuard::isPossible() && !MomentaryGuard::isRequested())
-      [[likely]] {
-    {
-      const MomentaryGuard closed;
-      (*shared)->lock();
-    }
-    if (!MomentaryGuard::isRequested()) [[likely]]
-      return;
-    unlockGuarded();
-  }
-  lockCancellably();
+  if (shared == nullptr || !MomentaryGuard::isPossible() || MomentaryGuard::isRequested())
+      [[unlikely]]
+    lockSlowly();
+  else if ((*shared)->isHeldByCaller())
+    (*shared)->addLevel();
+  else
+    acquireGuarded(**shared);
 }
 
-[[gnu::noinline]] void VarnCriticalSectionObject::lockCancellably() {
+[[gnu::noinline]] void VarnCriticalSectionObject::lockSlowly() {
+  init();
+  lockCancellably(**m_pState.load(std::memory_order_acquire));
+}
+
+// A thread that is killed while it waits for the lock dies once it has it, after it has given the
+// lock back.
+[[gnu::noinline]] void VarnCriticalSectionObject::acquireGuarded(LockImplementation& lock) {
+  CancellationState& state = *t_pCancellation;
+  state.enterMoment();
+  if (lock.m_hOwner.load(std::memory_order_relaxed) == 0) [[likely]]
+    lock.acquireFree();
+  else
+    lock.acquireHeld();
+  state.leaveMoment();
+  if (state.isRequested()) [[unlikely]]
+    lockAnew(lock);
+}
+
+[[gnu::noinline, gnu::cold]] void VarnCriticalSectionObject::lockAnew(LockImplementation& lock) {
+  {
+    const QuietCancellationGuard closed;
+    lock.unlock();
+  }
+  lockCancellably(lock);
+}
+
+[[gnu::noinline]] void VarnCriticalSectionObject::lockCancellably(LockImplementation& lock) {
   const CancellationGuard closed;
-  LockImplementation& lock = state();
   lock.lock();
   if (isCancellationDue()) {
     lock.unlock();
@@ -265,12 +303,15 @@ void VarnCriticalSectionObject::unlock() {
 
 [[gnu::noinline]] void VarnCriticalSectionObject::unlockGuarded() {
   const auto* const shared = m_pState.load(std::memory_order_acquire);
-  if (shared != nullptr && MomentaryGuard::isPossible()) [[likely]] {
-    const MomentaryGuard closed;
-    (*shared)->unlock();
-  } else {
+  if (shared == nullptr || !MomentaryGuard::isPossible()) [[unlikely]]
     unlockQuietly();
-  }
+  else if ((*shared)->isHeldByCaller() && (*shared)->dropLevel())
+    giveUpGuarded(**shared);
+}
+
+[[gnu::noinline]] void VarnCriticalSectionObject::giveUpGuarded(LockImplementation& lock) {
+  const MomentaryGuard closed;
+  lock.free();
 }
 
 [[gnu::noinline]] void VarnCriticalSectionObject::unlockQuietly() {

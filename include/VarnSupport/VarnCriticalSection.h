@@ -50,16 +50,21 @@ class VSUPT_EXPORT LockImplementation : public LockBase {
  private:
   friend class BriefHold;
   friend class HeldSections;
+  friend class VarnCriticalSectionObject;
   friend VSUPT_EXPORT void VarnCriticalSectionRecoverFn(void*);
 
   bool isHeldByCaller() const;
   void addLevel();
+  VSUPT_LOCAL bool dropLevel();
   void acquire();
+  VSUPT_LOCAL void acquireFree();
   VSUPT_LOCAL void acquireHeld();
   VSUPT_LOCAL void awaitMutex();
   VSUPT_LOCAL void noteOrder() const;
   void take();
+  VSUPT_LOCAL void book();
   void giveUp();
+  VSUPT_LOCAL void free();
 
   // Changed by the thread that holds the mutex; owner and count are read by others as snapshots.
   pthread_mutex_t m_oMutex;
@@ -124,8 +129,12 @@ class VSUPT_EXPORT VSUPT_CAPABILITY("critical section") VarnCriticalSectionObjec
   }
   void makeState();
   void lockGuarded();
-  VSUPT_LOCAL void lockCancellably();
+  VSUPT_LOCAL void lockSlowly();
+  VSUPT_LOCAL static void lockCancellably(LockImplementation& lock);
+  VSUPT_LOCAL static void lockAnew(LockImplementation& lock);
+  VSUPT_LOCAL static void acquireGuarded(LockImplementation& lock);
   void unlockGuarded();
+  VSUPT_LOCAL static void giveUpGuarded(LockImplementation& lock);
   VSUPT_LOCAL void unlockQuietly();
 
   std::atomic<VarnSmartPointer<LockImplementation>*> m_pState{nullptr};

@@ -103,7 +103,7 @@ void VarnCollaborator::addEntry(VarnDependent* entry) {
 
 // Destructors and ending threads come here and below: what nobody was ever added to needs no lock.
 void VarnCollaborator::removeDependent(VarnDependent& dependent) {
-  if (BriefHold::isUnused(m_oLock))
+  if (neverHadDependents(*this))
     return;
   const QuietCancellationGuard closed;
   const ListHold hold(m_oLock);
@@ -206,7 +206,7 @@ TrackedDependent* VarnCollaborator::Cursor::read(TrackedDependent::Call& call) {
 
 // What never had a dependent needs no frame for a walk.
 bool deliver(VarnCollaborator& collaborator, const VarnNotification& notification) {
-  return BriefHold::isUnused(collaborator.m_oLock) ||
+  return neverHadDependents(collaborator) ||
          VarnCollaborator::Cursor::tellAll(collaborator, notification);
 }
 

@@ -14,6 +14,7 @@
 
 #include "runtime/Cancellation.h"
 #include "runtime/SpareMemory.h"
+#include "threads/DependentList.h"
 #include "threads/EventState.h"
 #include "threads/EventTicket.h"
 
@@ -42,7 +43,15 @@ void VarnEvent::removeDependent(VarnDependent& dependent) {
   m_oDependents.removeDependent(dependent);
 }
 
+// An event of this very class makes a notification for its dependents alone.
 void VarnEvent::set() {
+  if (&typeid(*this) != &typeid(VarnEvent) || !neverHadDependents(m_oDependents))
+    return setAndTell();
+  const CancellationGuard closed;
+  m_pState->raise();
+}
+
+[[gnu::noinline]] void VarnEvent::setAndTell() {
   const CancellationGuard closed;
   bool alive = true;
   {

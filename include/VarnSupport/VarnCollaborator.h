@@ -88,6 +88,7 @@ class VSUPT_EXPORT VarnCollaborator {
  private:
   // Of the library itself: notify(), which tells whether the collaborator lives.
   friend bool deliver(VarnCollaborator& collaborator, const VarnNotification& notification);
+  friend bool neverHadDependents(const VarnCollaborator& collaborator);
   friend class TrackedDependent;
   friend class KeptDependent;
   class Cursor;

@@ -60,6 +60,7 @@ class VSUPT_EXPORT VarnEvent {
   friend VarnCollaborator& dependentsOf(VarnEvent& event);
   struct State;
 
+  VSUPT_LOCAL void setAndTell();
   VarnNotification* makeNotification();
 
   VarnCollaborator m_oDependents;

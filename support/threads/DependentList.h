@@ -12,8 +12,14 @@
 #include <vector>
 
 #include "VarnSupport/VarnCollaborator.h"
+#include "locks/BriefHold.h"
 
 namespace VarnSupport {
+
+// What nobody was ever added to has not used its lock.
+inline bool neverHadDependents(const VarnCollaborator& collaborator) {
+  return BriefHold::isUnused(collaborator.m_oLock);
+}
 
 // Entries in blocks, and for each dependent the blocks that it stands in: to take one out costs the
 // same wherever it stands, and positions are counted by blocks.

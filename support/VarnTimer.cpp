@@ -109,12 +109,14 @@ void VarnTimer::start(long seconds, long milliseconds, bool oneShot) {
   try {
     VarnTimerManager& manager = VarnTimerManager::getInstance();
     const VarnCriticalSection guard(manager.m_oListLock);
-    manager.m_pState->remove(*this);
+    VarnTimerManager::State& state = *manager.m_pState;
+    state.remove(*this);
     m_oInterval.set(seconds, milliseconds);
     m_bOneShot = oneShot;
-    if (seconds >= 1 || milliseconds >= 1)
-      manager.addImpl(*this);
-    manager.m_pState->arm();
+    const VarnTimerManager::State::Moment now = state.look();
+    if ((seconds >= 1 || milliseconds >= 1) && !VarnTimerManager::m_bExiting)
+      state.insert(*this, now);
+    state.arm(now);
   } catch (const VarnException&) {
     // The timers have been shut down.
     m_oInterval.set(seconds, milliseconds);
@@ -223,7 +225,7 @@ void VarnTimerManager::addImpl(VarnTimer& timer) {
   if (m_bExiting)
     return;
   m_pState->remove(timer);
-  m_pState->insert(timer);
+  m_pState->insert(timer, m_pState->look());
 }
 
 void VarnTimerManager::reset(bool inSignal) {

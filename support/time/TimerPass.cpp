@@ -51,7 +51,7 @@ class VarnTimerManager::Pass {
     const VarnCriticalSection guard(m_oManager.m_oListLock);
     State& state = *m_oManager.m_pState;
     state.endRound();
-    return !state.schedule.isEmpty() && state.isOverdue();
+    return !state.schedule.isEmpty() && state.isOverdue(state.look());
   }
 
  private:

@@ -39,12 +39,12 @@ std::int64_t coarseMilliseconds() {
 }  // namespace
 
 // The timer keeps its slot where its deadline would be.
-void VarnTimerManager::State::insert(VarnTimer& timer) {
+void VarnTimerManager::State::insert(VarnTimer& timer, const Moment& now) {
   assert(!timer.m_bActive);
   if (!manager.m_bBusy)
     timer.m_bVisited = false;
   timer.m_oDeadline.seconds =
-      schedule.insert(timer, now() + timer.m_oInterval.seconds, timer.m_bVisited);
+      schedule.insert(timer, now.wall + timer.m_oInterval.seconds, timer.m_bVisited);
   timer.m_bActive = true;
 }
 
@@ -60,14 +60,15 @@ void VarnTimerManager::State::remove(VarnTimer& timer) {
 VarnTimer* VarnTimerManager::State::takeDue() {
   if (m_bExiting)
     return nullptr;
-  VarnTimer* const timer = schedule.firstDue(now());
+  const Moment now = look();
+  VarnTimer* const timer = schedule.firstDue(now.wall);
   if (timer == nullptr)
     return nullptr;
   timer->m_bVisited = true;
   if (timer->m_bOneShot)
     remove(*timer);
   else
-    schedule.repeat(timer->m_oDeadline.seconds, now() + timer->m_oInterval.seconds);
+    schedule.repeat(timer->m_oDeadline.seconds, now.wall + timer->m_oInterval.seconds);
   return timer;
 }
 
@@ -75,36 +76,36 @@ void VarnTimerManager::State::endRound() {
   schedule.endRound([](VarnTimer& timer) { timer.m_bVisited = false; });
 }
 
-// The wall-clock time. When that clock was set, all deadlines move with it: a timer measures how
-// much time passes, as the interval timer does.
-std::time_t VarnTimerManager::State::now() {
-  const std::time_t time = std::time(nullptr);
-  const std::time_t offset = time - coarseMilliseconds() / 1000;
+// When the wall clock was set, all deadlines move with it: a timer measures how much time passes,
+// as the interval timer does.
+VarnTimerManager::State::Moment VarnTimerManager::State::look() {
+  const Moment now{std::time(nullptr), coarseMilliseconds()};
+  const std::time_t offset = now.wall - now.monotonic / 1000;
   const std::time_t step = offset - m_nClockOffset;
   if (std::abs(step) >= kClockStepSeconds || schedule.isEmpty()) {
     schedule.moveBy(step);
     m_nClockOffset = offset;
   }
-  return time;
+  return now;
 }
 
-bool VarnTimerManager::State::isOverdue() {
+bool VarnTimerManager::State::isOverdue(const Moment& now) {
   constexpr std::int64_t farthest = std::numeric_limits<std::int32_t>::max();
-  const std::int64_t left = schedule.firstDeadline() - now();
+  const std::int64_t left = schedule.firstDeadline() - now.wall;
   VarnTimer::TimeInterval& expiry = manager.m_oNextExpiry;
   expiry.seconds = static_cast<std::int32_t>(std::clamp(left, -farthest, farthest));
   expiry.milliseconds = schedule.first().m_oInterval.milliseconds;
   return left < 0 || (left == 0 && expiry.milliseconds <= 0);
 }
 
-void VarnTimerManager::State::arm(bool inSignal) {
+void VarnTimerManager::State::arm(const Moment& now, bool inSignal) {
   if (manager.m_bBusy || schedule.isEmpty() || m_bExiting)
     return;
-  if (isOverdue()) {
+  if (isOverdue(now)) {
     startPass();
   } else if (inSignal) {
     setIntervalTimer();
-  } else if (!armRequested && (armedUntil == 0 || armedUntil > nextExpiry())) {
+  } else if (!armRequested && (armedUntil == 0 || armedUntil > nextExpiry(now.monotonic))) {
     SignalRelay::rememberCallersMask();
     armRequested = SignalRelay::ensureRunning();
     kill(getpid(), SIGUSR1);
@@ -125,10 +126,9 @@ void VarnTimerManager::State::startPass() {
   }
 }
 
-std::int64_t VarnTimerManager::State::nextExpiry() const {
+std::int64_t VarnTimerManager::State::nextExpiry(std::int64_t now) const {
   const VarnTimer::TimeInterval& expiry = manager.m_oNextExpiry;
-  return coarseMilliseconds() + std::int64_t{expiry.seconds} * 1000 +
-         (expiry.milliseconds > 0 ? 1 : 0);
+  return now + std::int64_t{expiry.seconds} * 1000 + (expiry.milliseconds > 0 ? 1 : 0);
 }
 
 // Arms the interval timer for the next expiry. The milliseconds are used as microseconds: expiries
@@ -140,7 +140,7 @@ void VarnTimerManager::State::setIntervalTimer() {
   value.it_value.tv_usec = std::max(expiry.milliseconds, 0);
   setitimer(ITIMER_REAL, &value, nullptr);
   SignalRelay::expectWithin(SIGALRM, expiry.seconds * 1000L + kLostSignalMilliseconds);
-  armedUntil = nextExpiry();
+  armedUntil = nextExpiry(coarseMilliseconds());
 }
 
 // An interval timer that the child set at once would survive an exec, so the relay looks after the
@@ -151,7 +151,8 @@ void VarnTimerManager::State::renew() {
   passRequested = false;
   users.forgetOthers(TimerUse::countHere());
   if (!manager.m_bBusy && !schedule.isEmpty())
-    SignalRelay::expectWithin(SIGALRM, isOverdue() ? 0 : manager.m_oNextExpiry.seconds * 1000L);
+    SignalRelay::expectWithin(SIGALRM,
+                              isOverdue(look()) ? 0 : manager.m_oNextExpiry.seconds * 1000L);
 }
 
 }  // namespace VarnSupport

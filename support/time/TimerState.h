@@ -35,9 +35,18 @@ class TimerUse : public ThreadScopeOf<TimerUse> {
 // relay: SIGUSR1 -> reset(true). SIGALRM -> timeout() starts a VarnTimerThread, whose pass calls
 // set() of what is due, round by round, and arms the interval timer for the rest.
 struct VSUPT_LOCAL VarnTimerManager::State {
+  // What the clocks say: the wall clock in seconds, the monotonic one in milliseconds.
+  struct Moment {
+    std::time_t wall;
+    std::int64_t monotonic;
+  };
+
   explicit State(VarnTimerManager& owner) : manager(owner) {}
 
-  void insert(VarnTimer& timer) VSUPT_UNCHECKED;
+  // For the steps of one operation, as the clocks are a good part of its price.
+  Moment look();
+
+  void insert(VarnTimer& timer, const Moment& now) VSUPT_UNCHECKED;
   void remove(VarnTimer& timer);
   // Takes the first timer that is due and was not taken in this round out of the schedule, or gives
   // a periodic one its next deadline; null when there is none.
@@ -47,9 +56,10 @@ struct VSUPT_LOCAL VarnTimerManager::State {
   // Sees to it that the interval timer is armed for the first deadline, by a signal unless it is
   // armed already; on the relay, for such a signal, directly. A deadline that has passed starts a
   // pass.
-  void arm(bool inSignal = false) VSUPT_UNCHECKED;
+  void arm(const Moment& now, bool inSignal = false) VSUPT_UNCHECKED;
+  void arm(bool inSignal = false) VSUPT_UNCHECKED { arm(look(), inSignal); }
   // Notes how far away the first deadline is; true when it has passed. Requires: there is one.
-  bool isOverdue() VSUPT_UNCHECKED;
+  bool isOverdue(const Moment& now) VSUPT_UNCHECKED;
   void startPass() VSUPT_UNCHECKED;
 
   // For the child of a fork, which has no interval timer.
@@ -67,9 +77,8 @@ struct VSUPT_LOCAL VarnTimerManager::State {
   std::int64_t armedUntil = 0;
 
  private:
-  std::time_t now();
   void setIntervalTimer() VSUPT_UNCHECKED;
-  std::int64_t nextExpiry() const VSUPT_UNCHECKED;
+  std::int64_t nextExpiry(std::int64_t now) const VSUPT_UNCHECKED;
 
   // Wall-clock seconds minus monotonic seconds when they were last compared.
   std::time_t m_nClockOffset = 0;

@@ -6,6 +6,9 @@
 // the number on. Whom that lets go on cannot do so before the mutex is free, and is woken only
 // then. The count of waiters tells a set() that there are some, and a flag that one of them has not
 // been called since: while those who were called are on their way, another set() costs a look.
+//
+// Who waits alone looks for a while before it sleeps, as a set() mostly comes soon. Several would
+// take turns at the processor, and at the mutex, for each single element.
 #include "VarnSupport/VarnProducerConsumer.h"
 
 #include <pthread.h>
@@ -86,27 +89,26 @@ struct alignas(64) VarnBaseProducerConsumer::Rendezvous : CancellationState::Hel
 // A time without the mutex, which a cancellation may end.
 class VarnBaseProducerConsumer::Rendezvous::Interval {
  public:
-  explicit Interval(Rendezvous& rendezvous) : m_oRendezvous(rendezvous) {
-    m_oRendezvous.addWaiter();
+  explicit Interval(Rendezvous& rendezvous) : m_oRendezvous(rendezvous), m_oWait(rendezvous) {
     m_oRendezvous.unlock();
   }
   Interval(const Interval&) = delete;
   Interval& operator=(const Interval&) = delete;
-  ~Interval() {
-    m_oRendezvous.lock();
-    m_oRendezvous.removeWaiter();
-  }
+  ~Interval() { m_oRendezvous.lock(); }
 
  private:
   Rendezvous& m_oRendezvous;
+  const Wait m_oWait;
 };
 
 void VarnBaseProducerConsumer::Rendezvous::wait() {
   assert(holder != 0);
   const std::uint32_t ticket = number();
+  const bool isAlone = !isWaitedFor();
   isAwaited.store(true, std::memory_order_release);
   const Interval open(*this);
-  sleepSince(ticket, nullptr);
+  if (!isAlone || !comesSoon(ticket, nullptr))
+    sleepSince(ticket, nullptr);
 }
 
 // Who does not hold the mutex may come between a ticket and the flag, and then moves the number

@@ -2,6 +2,9 @@
 // on once for each element, or place, that there is for somebody in line. Those in line who were
 // not woken yet are counted under the mutex, so that nobody is woken twice.
 //
+// Who is alone in line looks for a while before it sleeps, as what it waits for mostly comes soon.
+// Several would take turns at the processor, and at the mutex, for each single element.
+//
 // That count may be too high, as the system chooses whom it wakes; then a wake-up finds nobody. It
 // is never too low: who is killed while there is something for the next in line, wakes the next.
 #include "VarnSupport/VarnQueue.h"
@@ -45,6 +48,7 @@ class Line : public EventState {
     return {numberHalf(), moveOn() ? INT_MAX : 0};
   }
 
+  bool isEmpty() const { return m_nWaiting == 0; }
   void enter() {
     ++m_nWaiting;
     ++m_nUnwoken;
@@ -111,7 +115,8 @@ class VarnQueueTurns::State::Turn {
 // A place in line, without the mutex as long as it exists.
 class VarnQueueTurns::State::Place {
  public:
-  Place(Turn& turn, Line& line) : m_oTurn(turn), m_oLine(line), m_nTicket(line.number()) {
+  Place(Turn& turn, Line& line)
+      : m_oTurn(turn), m_oLine(line), m_nTicket(line.number()), m_bAlone(line.isEmpty()) {
     m_oLine.enter();
     m_oTurn.m_oHold.reset();
   }
@@ -124,8 +129,13 @@ class VarnQueueTurns::State::Place {
       m_oLine.next().make();
   }
 
+  // Others may take time and again what there was: a request to end is noticed between two looks.
   void wait(tMoment deadline) {
-    awaitChange(m_oLine, m_nTicket, deadline);
+    if (isCancellationDue())
+      unwindIfPossible();
+    const MonotonicTime* const limit = deadline == tMoment::max() ? nullptr : &deadline;
+    if (!m_bAlone || StopScope::isRequested() || !m_oLine.comesSoon(m_nTicket, limit))
+      awaitChange(m_oLine, m_nTicket, deadline);
     m_bKilled = false;
   }
 
@@ -133,6 +143,7 @@ class VarnQueueTurns::State::Place {
   Turn& m_oTurn;
   Line& m_oLine;
   const std::uint32_t m_nTicket;
+  const bool m_bAlone;
   bool m_bKilled = true;  // until the wait has come to its end
 };
 

@@ -84,6 +84,8 @@ class EventState {
   static void wake(std::uint32_t* number, int count);
   // Counts one more, or less, who waits in a way of its own.
   void addWaiter();
+  // Whether any thread waits, or is about to look or to leave.
+  bool isWaitedFor();
   void removeWaiter() { m_nWord.fetch_sub(1, std::memory_order_release); }
   // The half of the word that holds the number: the system waits on 32 bits.
   std::uint32_t* numberHalf() {
@@ -93,8 +95,6 @@ class EventState {
 
  private:
   class Waiter;
-
-  bool isWaitedFor();
 
   static constexpr unsigned kNumberBits = 32;
   static constexpr std::uint64_t kOneSet = std::uint64_t{1} << kNumberBits;

@@ -8,8 +8,6 @@
 // noted, which is before the thread has quite gone.
 #include "threads/ThreadControl.h"
 
-#include <unistd.h>
-
 #include <cassert>
 #include <chrono>
 #include <csignal>
@@ -93,7 +91,7 @@ ThreadControl::ThreadControl(VarnThread& object, const std::string& systemName, 
       m_pIdentity(&object),
       m_oWork(work),
       m_pObject(&object),
-      m_nProcess(getpid()) {}
+      m_nForks(g_nForks) {}
 
 ThreadControl& ThreadControl::make(VarnThread& object, const std::string& systemName,
                                    const Work& work) {
@@ -303,7 +301,7 @@ void ThreadControl::endAnnouncement() {
   m_oChanged.notify_all();
 }
 
-bool ThreadControl::belongsToThisProcess() const { return m_nProcess == getpid(); }
+bool ThreadControl::belongsToThisProcess() const { return m_nForks == g_nForks; }
 
 // The thread that forks is the only one in the child: its control belongs there, and its mutex may
 // have been held, or waited for, by another thread. The other controls are of threads that the
@@ -316,7 +314,7 @@ struct ThreadControl::Fork {
       return;
     std::construct_at(&ownControl()->m_oMutex);
     std::construct_at(&ownControl()->m_oChanged);
-    ownControl()->m_nProcess = getpid();
+    ownControl()->m_nForks = g_nForks;
     ownControl()->forgetRequest();
   }
 };

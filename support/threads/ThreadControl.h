@@ -3,11 +3,11 @@
 #define SUPPORT_THREADS_THREADCONTROL_H
 
 #include <pthread.h>
-#include <sys/types.h>
 
 #include <atomic>
 #include <cassert>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -136,7 +136,7 @@ class ThreadControl : public CancellationState {
   // Guarded by m_oMutex.
   VarnThread* m_pObject;  // null once the object is gone
   pthread_t m_hThread{};
-  pid_t m_nProcess;
+  std::uint32_t m_nForks;  // of the process that the thread is in
   tPhase m_ePhase = BODY;
   std::atomic<bool> m_bEnded{false};
   bool m_bJoinable = false;

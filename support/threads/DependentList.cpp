@@ -1,6 +1,8 @@
 // A long list stays one until it is empty.
 #include "threads/DependentList.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "threads/TrackedDependent.h"
@@ -9,7 +11,8 @@ namespace VarnSupport {
 
 namespace {
 
-constexpr std::size_t kBlock = 1024;
+// An entry is sought in its block, and moves those behind it; walks go over blocks.
+constexpr std::size_t kBlock = 256;
 
 }  // namespace
 
@@ -23,7 +26,8 @@ void LongDependentList::add(tEntry entry) {
   if (m_vBlocks.empty() || m_vBlocks.back()->size() == kBlock) {
     made = std::make_unique<Block>();
     made->reserve(kBlock);
-    m_vBlocks.reserve(m_vBlocks.size() + 1);
+    if (m_vBlocks.size() == m_vBlocks.capacity())
+      m_vBlocks.reserve(2 * m_vBlocks.size() + 1);
   }
   Block* const last = made != nullptr ? made.get() : m_vBlocks.back().get();
   m_mapBlocks.emplace(TrackedDependent::dependentOf(entry), last);
@@ -33,15 +37,26 @@ void LongDependentList::add(tEntry entry) {
   ++m_nSize;
 }
 
-// The first visit of a block takes all entries out of it, further ones find none.
+// The first visit of a block takes all entries out of it, further ones find none. Who leaves came
+// last, as a rule, and stands there once.
 void LongDependentList::removeAll(const VarnDependent& dependent) {
+  const auto isOwn = [&](tEntry entry) { return TrackedDependent::isEntryOf(entry, dependent); };
   const auto [begin, end] = m_mapBlocks.equal_range(&dependent);
+  const auto entries = static_cast<std::size_t>(std::distance(begin, end));
+  bool isAnyEmpty = false;
   for (auto found = begin; found != end; ++found) {
-    m_nSize -= std::erase_if(*found->second, [&](tEntry entry) {
-      return TrackedDependent::isEntryOf(entry, dependent);
-    });
+    Block& block = *found->second;
+    const auto last = std::find_if(block.rbegin(), block.rend(), isOwn);
+    if (last == block.rend())
+      continue;
+    const auto behind = block.erase(std::next(last).base());
+    if (entries > 1)
+      block.erase(std::remove_if(block.begin(), behind, isOwn), behind);
+    isAnyEmpty = isAnyEmpty || block.empty();
   }
-  for (auto found = begin; found != end; ++found)
+  m_nSize -= entries;
+  m_nFoundBlock = m_nFoundBegin = 0;
+  for (auto found = begin; isAnyEmpty && found != end; ++found)
     dropIfEmpty(found->second);
   m_mapBlocks.erase(begin, end);
 }
@@ -56,10 +71,11 @@ void LongDependentList::removeAt(std::size_t position) {
   m_mapBlocks.erase(found);
   block->erase(entry);
   --m_nSize;
+  m_nFoundBlock = m_nFoundBegin = 0;
   dropIfEmpty(block);
 }
 
-std::size_t LongDependentList::copy(std::size_t position, tEntry* to, std::size_t most) const {
+std::size_t LongDependentList::copy(std::size_t position, tEntry* to, std::size_t most) {
   std::size_t copied = 0;
   for (std::size_t block = blockOf(position); copied < most && block < m_vBlocks.size(); ++block) {
     const Block& entries = *m_vBlocks[block];
@@ -71,12 +87,19 @@ std::size_t LongDependentList::copy(std::size_t position, tEntry* to, std::size_
   return copied;
 }
 
-std::size_t LongDependentList::blockOf(std::size_t& position) const {
+std::size_t LongDependentList::blockOf(std::size_t& position) {
   assert(position <= m_nSize);
-  std::size_t block = 0;
-  while (block < m_vBlocks.size() && position >= m_vBlocks[block]->size())
-    position -= m_vBlocks[block++]->size();
-  return block;
+  if (position < m_nFoundBegin)
+    m_nFoundBlock = m_nFoundBegin = 0;
+  position -= m_nFoundBegin;
+  while (m_nFoundBlock < m_vBlocks.size() && position >= m_vBlocks[m_nFoundBlock]->size()) {
+    if (m_nFoundBlock + 1 == m_vBlocks.size())
+      return m_vBlocks.size();  // what is added next may stand in the last block
+    const std::size_t size = m_vBlocks[m_nFoundBlock++]->size();
+    position -= size;
+    m_nFoundBegin += size;
+  }
+  return m_nFoundBlock;
 }
 
 // A block that was dropped before is not looked into.

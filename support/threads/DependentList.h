@@ -37,19 +37,22 @@ class LongDependentList {
   void removeAll(const VarnDependent& dependent);
   void removeAt(std::size_t position);
   // Copies up to `most` entries from a position on, and returns their number.
-  std::size_t copy(std::size_t position, tEntry* to, std::size_t most) const;
+  std::size_t copy(std::size_t position, tEntry* to, std::size_t most);
 
  private:
   using Block = std::vector<tEntry>;
   using tBlocks = std::vector<std::unique_ptr<Block>>;
 
   // The block of a position, which becomes the position in there. Their number behind the last.
-  std::size_t blockOf(std::size_t& position) const;
+  std::size_t blockOf(std::size_t& position);
   void dropIfEmpty(const Block* block);
 
   tBlocks m_vBlocks;                                                  // none is empty
   std::unordered_multimap<const VarnDependent*, Block*> m_mapBlocks;  // an entry for each entry
   std::size_t m_nSize = 0;
+  // A block and the position of its first entry, from which walks go on to the next.
+  std::size_t m_nFoundBlock = 0;
+  std::size_t m_nFoundBegin = 0;
 };
 
 // A view of the list that a collaborator has: its entries as they are, or a long list alone, with

@@ -71,12 +71,12 @@ std::string realNumber(const Range& range) {
   return limits.empty() ? "a number" : "a number of " + limits;
 }
 
-// A number's option, whose data is read twice: checked while it is parsed, and stored in the end.
-// Throws VarnException.
+// Makes `option` a number's, whose data is read twice: checked while it is parsed, and stored in
+// the end. Throws VarnException.
 template <typename Range, typename Number>
-Option numberOption(const std::string& names, const std::string& text, const Range& range,
-                    const std::function<void(Number)>& store, const std::string& wanted) {
-  Option option = readOption(names);
+void completeNumber(Option& option, const std::string& names, const std::string& text,
+                    const Range& range, const std::function<void(Number)>& store,
+                    const std::string& wanted) {
   if (option.data != Option::Data::NEEDED || !(range.lowest <= range.highest))
     throw VarnException("VarnOptionTable: \"" + names + "\" declares no number", 0);
   const std::string limits = limitsText(range);
@@ -92,7 +92,6 @@ Option numberOption(const std::string& names, const std::string& text, const Ran
     assert(number && "only what has no fault is stored");
     store(*number);
   };
-  return option;
 }
 
 // Throws VarnException when not all of it can be written.
@@ -128,8 +127,8 @@ void VarnOptionTable::State::store() const {
     if (declared.store && !declared.given.empty())
       declared.store(declared.given);
   };
-  for (const Option& option : list.options())
-    storeOne(option);
+  for (const Option* const option : list.options())
+    storeOne(*option);
   for (const Argument& argument : list.arguments())
     storeOne(argument);
 }
@@ -164,15 +163,15 @@ VarnOptionTable& VarnOptionTable::add(tKind kind, const std::string& names, cons
     m_pState->list.add(std::move(argument));
     return *this;
   }
-  Option option = readOption(names);
-  if ((kind == FLAG) != (option.data == Option::Data::NONE))
-    throw VarnException("VarnOptionTable: \"" + names + '"' +
-                            (kind == FLAG ? " is a flag with data" : " does not name its data"),
-                        0);
-  option.text = text;
-  option.repeats = kind == VALUES;
-  option.store = store;
-  m_pState->list.add(std::move(option));
+  m_pState->list.add(names, [&](Option& option) {
+    if ((kind == FLAG) != (option.data == Option::Data::NONE))
+      throw VarnException("VarnOptionTable: \"" + names + '"' +
+                              (kind == FLAG ? " is a flag with data" : " does not name its data"),
+                          0);
+    option.text = text;
+    option.repeats = kind == VALUES;
+    option.store = store;
+  });
   return *this;
 }
 
@@ -180,9 +179,11 @@ VarnOptionTable& VarnOptionTable::addNumber(const std::string& names, const std:
                                             const Range<std::int64_t>& range,
                                             const std::function<void(std::int64_t)>& store) {
   const CancellationGuard closed;
-  m_pState->list.add(numberOption(
-      names, text, range, store,
-      "a whole number from " + textOfNumber(range.lowest) + " to " + textOfNumber(range.highest)));
+  m_pState->list.add(names, [&](Option& option) {
+    completeNumber(
+        option, names, text, range, store,
+        "a whole number from " + textOfNumber(range.lowest) + " to " + textOfNumber(range.highest));
+  });
   return *this;
 }
 
@@ -190,7 +191,9 @@ VarnOptionTable& VarnOptionTable::addNumber(const std::string& names, const std:
                                             const Range<float>& range,
                                             const std::function<void(float)>& store) {
   const CancellationGuard closed;
-  m_pState->list.add(numberOption(names, text, range, store, realNumber(range)));
+  m_pState->list.add(names, [&](Option& option) {
+    completeNumber(option, names, text, range, store, realNumber(range));
+  });
   return *this;
 }
 
@@ -198,7 +201,9 @@ VarnOptionTable& VarnOptionTable::addNumber(const std::string& names, const std:
                                             const Range<double>& range,
                                             const std::function<void(double)>& store) {
   const CancellationGuard closed;
-  m_pState->list.add(numberOption(names, text, range, store, realNumber(range)));
+  m_pState->list.add(names, [&](Option& option) {
+    completeNumber(option, names, text, range, store, realNumber(range));
+  });
   return *this;
 }
 
@@ -264,16 +269,16 @@ std::vector<std::string> VarnOptionTable::arguments() const {
 VarnProperties<std::string> VarnOptionTable::values() const {
   const CancellationGuard closed;
   VarnProperties<std::string> all;
-  for (const Option& option : m_pState->list.options()) {
-    if (option.given.empty())
+  for (const Option* const option : m_pState->list.options()) {
+    if (option->given.empty())
       continue;
-    const std::string key(option.key());
-    if (option.data == Option::Data::NONE)
+    const std::string key(option->key());
+    if (option->data == Option::Data::NONE)
       all.addProperty(key, "true");
-    else if (!option.repeats)
-      all.addProperty(key, option.given.back());
+    else if (!option->repeats)
+      all.addProperty(key, option->given.back());
     else
-      for (const std::string& data : option.given)
+      for (const std::string& data : option->given)
         all.addProperty(key, data);
   }
   return all;

@@ -2,8 +2,7 @@
 // "--help" itself takes the place of the standard one; a letter of a standard option that a program
 // takes for another one is taken away from it.
 //
-// Options stay where they are in a deque, so that the indexes by name and by letter can point to
-// them.
+// Options stay where they are: a deque would have a block of memory for every two of them.
 #include "options/OptionList.h"
 
 #include <algorithm>
@@ -19,7 +18,7 @@ namespace VarnSupport {
 namespace {
 
 constexpr std::size_t kStandardOptions = 3;
-constexpr std::size_t kFirstNames = 64;
+constexpr std::size_t kFirstNames = 32;
 constexpr std::size_t kLetters = 128;
 
 [[noreturn]] void refuse(const std::string& names, const char* problem) {
@@ -89,11 +88,9 @@ bool readNames(std::string_view rest, Option& option) {
 
 std::string Option::shown() const { return name.empty() ? std::string{'-', letter} : "--" + name; }
 
-Option readOption(const std::string& names) {
-  Option option;
-  if (!readNames(names, option))
+void Option::declare(const std::string& names) {
+  if (!readNames(names, *this))
     refuse(names, "declares no option");
-  return option;
 }
 
 Argument readArgument(const std::string& name) {
@@ -110,41 +107,52 @@ Argument readArgument(const std::string& name) {
 }
 
 OptionList::OptionList() : m_vNames(kFirstNames), m_vLetters(kLetters) {
-  const auto addStandard = [this](char letter, const char* name, const char* text,
-                                  Option::Answer answer) {
-    Option option;
-    option.letter = letter;
-    option.name = name;
-    option.text = text;
-    option.answer = answer;
-    option.isStandard = true;
-    add(std::move(option));
+  const auto addStandard = [this](const char* names, const char* text, Option::Answer answer) {
+    add(names, [text, answer](Option& option) {
+      option.text = text;
+      option.answer = answer;
+      option.isStandard = true;
+    });
   };
-  addStandard('h', "help", "print this text", Option::Answer::HELP);
-  addStandard('V', "version", "print the version", Option::Answer::VERSION);
-  addStandard('\0', "completion", "print a completion script for bash", Option::Answer::COMPLETION);
+  addStandard("-h, --help", "print this text", Option::Answer::HELP);
+  addStandard("-V, --version", "print the version", Option::Answer::VERSION);
+  addStandard("--completion", "print a completion script for bash", Option::Answer::COMPLETION);
   assert(m_vOptions.size() == kStandardOptions);
 }
 
+// The next one of the list, with nothing declared.
+Option& OptionList::unused() {
+  const std::size_t count = m_vOptions.size();
+  if (count == kBlock * m_vBlocks.size())
+    m_vBlocks.push_back(std::make_unique<std::array<Option, kBlock>>());
+  return (*m_vBlocks[count / kBlock])[count % kBlock];
+}
+
 // The place of a name in the index, or the free one for it.
-std::size_t OptionList::slotOf(std::string_view name) const {
+std::size_t OptionList::placeOf(std::string_view name, std::uint32_t hash) const {
   const std::size_t mask = m_vNames.size() - 1;
   assert((m_vNames.size() & mask) == 0 && 2 * m_vOptions.size() <= m_vNames.size());
-  std::size_t slot = std::hash<std::string_view>()(name) & mask;
-  while (m_vNames[slot] != nullptr && m_vNames[slot]->name != name)
-    slot = (slot + 1) & mask;
-  return slot;
+  std::size_t place = hash & mask;
+  while (m_vNames[place].number > 0 && (m_vNames[place].hash != hash || at(place)->name != name))
+    place = (place + 1) & mask;
+  return place;
 }
 
 // For one more name.
 void OptionList::makeRoom() {
   if (2 * (m_vOptions.size() + 1) <= m_vNames.size())
     return;
-  m_vNames.assign(2 * m_vNames.size(), nullptr);
-  for (Option& option : m_vOptions) {
-    if (!option.name.empty())
-      m_vNames[slotOf(option.name)] = &option;
+  std::vector<Slot> names(2 * m_vNames.size());
+  const std::size_t mask = names.size() - 1;
+  for (const Slot& slot : m_vNames) {
+    if (slot.number == 0)
+      continue;
+    std::size_t place = slot.hash & mask;
+    while (names[place].number > 0)
+      place = (place + 1) & mask;
+    names[place] = slot;
   }
+  m_vNames.swap(names);
 }
 
 // `named` is what has the key for its name.
@@ -163,25 +171,26 @@ void OptionList::requireUnused(const Option& option, std::string_view key,
     refuse(std::string{'-', option.letter}, "is declared twice");
 }
 
-void OptionList::add(Option&& option) {
+// `option` is the one that is not used. It takes the place of a standard one in the list.
+void OptionList::enter(Option& option) {
   assert(option.letter != '\0' || !option.name.empty());
   makeRoom();
   const std::string_view key = option.key();
-  Option*& named = m_vNames[slotOf(key)];
-  requireUnused(option, key, named);
-  const bool hasName = !option.name.empty();
-  Option* placed = hasName ? named : nullptr;
+  const std::uint32_t hash = hashOf(key);
+  const std::size_t place = placeOf(key, hash);
+  requireUnused(option, key, at(place));
+  Option* placed = option.name.empty() ? nullptr : at(place);
   if (placed == nullptr) {
-    placed = &m_vOptions.emplace_back(std::move(option));
+    placed = m_vOptions.emplace_back(&option);
     m_vSorted.clear();
-    if (hasName)
-      named = placed;
+    if (!option.name.empty())
+      m_vNames[place] = {static_cast<std::uint32_t>(m_vOptions.size()), hash};
   } else {
     if (placed->letter != '\0')
       m_vLetters[static_cast<unsigned char>(placed->letter)] = nullptr;
     if (option.data == Option::Data::NONE && !option.store)
       option.answer = placed->answer;
-    *placed = std::move(option);
+    *placed = std::exchange(option, {});
   }
   if (placed->letter == '\0')
     return;
@@ -204,9 +213,7 @@ void OptionList::add(Argument&& argument) {
 }
 
 std::vector<const Option*> OptionList::inOrder() const {
-  std::vector<const Option*> all;
-  for (const Option& option : m_vOptions)
-    all.push_back(&option);
+  std::vector<const Option*> all(m_vOptions.begin(), m_vOptions.end());
   assert(all.size() >= kStandardOptions);
   std::rotate(all.begin(), all.begin() + kStandardOptions, all.end());
   return all;
@@ -226,8 +233,8 @@ const Declared* OptionList::byKey(std::string_view key) const {
 std::vector<Option*> OptionList::byBeginning(std::string_view beginning, std::size_t most) const {
   if (m_vSorted.empty()) {
     std::vector<Option*> sorted;
-    std::copy_if(m_vNames.begin(), m_vNames.end(), std::back_inserter(sorted),
-                 [](const Option* option) { return option != nullptr; });
+    std::copy_if(m_vOptions.begin(), m_vOptions.end(), std::back_inserter(sorted),
+                 [](const Option* option) { return !option->name.empty(); });
     std::sort(sorted.begin(), sorted.end(),
               [](const Option* a, const Option* b) { return a->name < b->name; });
     m_vSorted.swap(sorted);
@@ -248,16 +255,16 @@ std::vector<Option*> OptionList::byBeginning(std::string_view beginning, std::si
 std::string OptionList::nearest(std::string_view name) const {
   NearText wanted(name);
   const Option* near = nullptr;
-  for (const Option& option : m_vOptions) {
-    if (!option.name.empty() && wanted.isNearer(option.name))
-      near = &option;
+  for (const Option* const option : m_vOptions) {
+    if (!option->name.empty() && wanted.isNearer(option->name))
+      near = option;
   }
   return near != nullptr ? near->shown() : std::string();
 }
 
 void OptionList::forgetGiven() {
-  for (Option& option : m_vOptions)
-    option.given.clear();
+  for (Option* const option : m_vOptions)
+    option->given.clear();
   for (Argument& argument : m_vArguments)
     argument.given.clear();
 }

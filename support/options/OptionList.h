@@ -2,9 +2,11 @@
 #ifndef SUPPORT_OPTIONS_OPTIONLIST_H
 #define SUPPORT_OPTIONS_OPTIONLIST_H
 
+#include <array>
 #include <cstddef>
-#include <deque>
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +29,8 @@ struct Option : Declared {
   enum class Data { NONE, OPTIONAL, NEEDED };
   enum class Answer { NONE, HELP, VERSION, COMPLETION };
 
+  // Reads "-c, --config=FILE" and its kind. Throws VarnException.
+  void declare(const std::string& names);
   // "--name", or the letter where there is no name.
   std::string shown() const;
   // The key of what was given.
@@ -45,8 +49,6 @@ struct Argument : Declared {
   bool isOptional = false;
 };
 
-// Reads "-c, --config=FILE" and its kind. Throws VarnException.
-Option readOption(const std::string& names);
 // Reads "FILE", "[FILE]", "FILE...", "[FILE...]". Throws VarnException.
 Argument readArgument(const std::string& name);
 
@@ -57,12 +59,25 @@ class OptionList {
   OptionList(const OptionList&) = delete;
   OptionList& operator=(const OptionList&) = delete;
 
-  // Throw VarnException, with the list as it was, for a name that is there. A standard option gives
-  // way, and its answer goes to a flag that stores nothing.
-  void add(Option&& option);
+  // Adds what `names` declares, once `complete` has been called with it. Throws VarnException, with
+  // the list as it was, for a name that is there, and what `complete` throws. A standard option
+  // gives way, and its answer goes to a flag that stores nothing.
+  template <typename Complete>
+  void add(const std::string& names, Complete complete) {
+    Option& option = unused();
+    try {
+      option.declare(names);
+      complete(option);
+      enter(option);
+    } catch (...) {
+      option = {};
+      throw;
+    }
+  }
+  // Throws VarnException, with the list as it was, for a name that is there.
   void add(Argument&& argument);
 
-  const std::deque<Option>& options() const { return m_vOptions; }
+  const std::vector<Option*>& options() const { return m_vOptions; }
   const std::vector<Argument>& arguments() const { return m_vArguments; }
   std::vector<Argument>& arguments() { return m_vArguments; }
   // In the order for readers: the standard options last.
@@ -73,7 +88,7 @@ class OptionList {
     const auto index = static_cast<unsigned char>(letter);
     return index < m_vLetters.size() ? m_vLetters[index] : nullptr;
   }
-  Option* byName(std::string_view name) const { return m_vNames[slotOf(name)]; }
+  Option* byName(std::string_view name) const { return at(placeOf(name, hashOf(name))); }
   // What texts of callers name; null when it is not declared.
   const Declared* byKey(std::string_view key) const;
   // Those whose names begin so, in the order of the names, `most` at most.
@@ -84,15 +99,32 @@ class OptionList {
   void forgetGiven();
 
  private:
-  std::size_t slotOf(std::string_view name) const;
+  // Of the index of names.
+  struct Slot {
+    std::uint32_t number = 0;  // of an option in the list, from 1; 0 where there is none
+    std::uint32_t hash = 0;    // of its name
+  };
+  static constexpr std::size_t kBlock = 4;  // options
+
+  static std::uint32_t hashOf(std::string_view name) {
+    return static_cast<std::uint32_t>(std::hash<std::string_view>()(name));
+  }
+  Option* at(std::size_t place) const {
+    const std::uint32_t number = m_vNames[place].number;
+    return number > 0 ? m_vOptions[number - 1] : nullptr;
+  }
+  std::size_t placeOf(std::string_view name, std::uint32_t hash) const;
+  Option& unused();
   void makeRoom();
+  void enter(Option& option);
   void requireUnused(const Option& option, std::string_view key, const Option* named) const;
 
-  std::deque<Option> m_vOptions;
+  // Made several at a time, where they stay; those behind the list are not declared yet.
+  std::vector<std::unique_ptr<std::array<Option, kBlock>>> m_vBlocks;
+  std::vector<Option*> m_vOptions;
   std::vector<Argument> m_vArguments;
-  // Options with a name, each at its hash or behind that. They are a power of two, and half of them
-  // are null.
-  std::vector<Option*> m_vNames;
+  // Each name at its hash or behind that. The slots are a power of two, and half of them are empty.
+  std::vector<Slot> m_vNames;
   // By their names, from the first beginning of a name that is looked for to the next addition.
   mutable std::vector<Option*> m_vSorted;
   std::vector<Option*> m_vLetters;  // of ASCII, by their codes

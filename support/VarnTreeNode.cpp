@@ -248,20 +248,24 @@ VarnTreeNode* VarnTreeNode::addPath(VarnTreeNode* node, Path path) {
   if (!key)
     return node;
   VarnTreeNode* parent = this;
+  std::size_t position = 0;
   while (const std::optional<std::string_view> following = path.next()) {
-    if (VarnTreeNode* const child = parent->findNode(*key)) {
+    if (VarnTreeNode* const child = parent->findNode(*key, &position)) {
       parent = child;
     } else {
       auto made = std::make_unique<VarnTreeNode>(std::string(*key));
-      parent->place(parent->findPlaceFor(made->m_sKey), made.get());
+      parent->place(position, made.get());
       parent = made.release();
     }
     key = following;
   }
-  VarnTreeNode* const existing = parent->findNode(*key);
+  VarnTreeNode* const existing = parent->findNode(*key, &position);
   if (existing == nullptr) {
     node->setKey(std::string(*key));
-    parent->place(parent->findPlaceFor(node->m_sKey), node);
+    // A node that is a child already may have moved the place for its new key.
+    if (node->m_nParents.load(std::memory_order_relaxed) > 0)
+      position = parent->findPlaceFor(node->m_sKey);
+    parent->place(position, node);
     return node;
   }
   return isPlain(*existing) && existing != node ? parent->replace(existing, node) : existing;

@@ -102,10 +102,10 @@ void compareWithPlainLists(const Path& keys, int width, int steps, int period) {
 }
 
 TEST(VarnTreeNode, ChildrenStandAndAreFoundAsInAPlainList) {
-  compareWithPlainLists({"", "a", "aa", "ab", "b", "\x80", "\xff"}, 0, 20000, 200);
+  compareWithPlainLists({"", "a", {"a\0", 2}, "aa", "ab", "b", "\x80", "\xff"}, 0, 20000, 200);
   Path many;
   for (int i = 0; i < 300; ++i)
-    many.push_back(std::to_string(i));
+    many.push_back(std::string(i % 25, '1') + std::to_string(i));
   compareWithPlainLists(many, 100, 10000, 300);
 }
 
@@ -152,6 +152,12 @@ TEST(VarnTreeNode, APathMakesWhatIsMissingAndReplacesPlainNodes) {
   const Node last = root.add(make("x"), "/");
   EXPECT_EQ(equal, root[0]);
   EXPECT_EQ(last, root[1]);
+  // A child that gets another key by its path counts with that.
+  VarnTreeNode list("list");
+  const Node child = list.insert(0, make("z"));
+  list.insert(1, make("b"));
+  list.add(child, path = {"k"});
+  EXPECT_EQ("list .k .b .k ", print(list));
 }
 
 TEST(VarnTreeNode, PathsAreFoundKeyByKey) {

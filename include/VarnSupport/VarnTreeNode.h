@@ -84,7 +84,7 @@ class VSUPT_EXPORT VarnTreeNode : public VarnObjectBase, public VarnCollaborator
   bool isSorted() const;
   VSUPT_LOCAL bool findOrder(std::uint64_t now) const;
   VSUPT_LOCAL void deleteOrder();
-  VSUPT_LOCAL VarnTreeNode* findNode(std::string_view key) const;
+  VSUPT_LOCAL VarnTreeNode* findNode(std::string_view key, std::size_t* place = nullptr) const;
   VSUPT_LOCAL VarnTreeNode* findOutOfOrder(std::string_view key) const;
   std::size_t find(std::string_view key) const;
   std::size_t findPlaceFor(const std::string& key) const;

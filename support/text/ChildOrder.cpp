@@ -12,6 +12,44 @@
 
 namespace VarnSupport {
 
+namespace {
+
+// Children in front of a boundary: compared() gives this at most.
+enum tBefore : int { LESS = -1, NOT_GREATER = 0 };
+
+struct Boundary {
+  std::size_t position;
+  bool isOfKey;  // the child there has the key
+};
+
+// Requires: the children stand in order. Both that may be next are fetched beforehand: nodes are
+// seldom in a cache.
+template <int kBefore>
+Boundary boundaryOf(const std::vector<VarnTreeNode*>& children, const SoughtKey& key) {
+  constexpr std::size_t kFar = 16;
+  Boundary boundary{0, false};
+  for (std::size_t count = children.size(); count > 0;) {
+    const std::size_t half = count / 2;
+    const std::size_t behind = count - half - 1;
+    VarnTreeNode* const* const first = children.data() + boundary.position;
+    if (count > kFar) {
+      __builtin_prefetch(&first[half / 2]->getKey());
+      __builtin_prefetch(&first[half + 1 + behind / 2]->getKey());
+    }
+    const int order = key.compared(first[half]->getKey());
+    if (order <= kBefore) {
+      boundary.position += half + 1;
+      count = behind;
+    } else {
+      boundary.isOfKey = order == 0;
+      count = half;
+    }
+  }
+  return boundary;
+}
+
+}  // namespace
+
 bool VarnTreeNode::Order::Strays::has(const VarnTreeNode* node) const {
   const auto end = nodes.begin() + static_cast<std::ptrdiff_t>(count);
   return std::find(nodes.begin(), end, node) != end;
@@ -37,11 +75,11 @@ void VarnTreeNode::Order::Strays::drop(const VarnTreeNode* node) {
   nodes[count] = nullptr;
 }
 
-// The number of children in front of those for which `isBefore` does not hold, of which the first
-// is no stray. Strays are passed over: it need not hold up to one position for them.
-template <typename IsBefore>
+// The number of children in front of the boundary, behind which the first one is no stray. Strays
+// are passed over, on whatever side they stand.
+template <int kBefore>
 std::size_t VarnTreeNode::Order::boundary(const tChildren& children, const Strays& strays,
-                                          IsBefore isBefore) {
+                                          const SoughtKey& key) {
   std::size_t begin = 0;
   std::size_t end = children.size();
   while (begin < end) {
@@ -49,7 +87,7 @@ std::size_t VarnTreeNode::Order::boundary(const tChildren& children, const Stray
     std::size_t at = middle;
     while (at < end && strays.has(children[at]))
       ++at;
-    if (at < end && isBefore(children[at]->m_sKey))
+    if (at < end && key.compared(children[at]->m_sKey) <= kBefore)
       begin = at + 1;
     else
       end = middle;
@@ -64,8 +102,7 @@ bool VarnTreeNode::Order::isInPlace(const tChildren& children, const Strays& str
                                     const VarnTreeNode* child) {
   constexpr std::size_t kMostSteps = 16;
   const std::string& key = child->m_sKey;
-  const std::size_t place =
-      boundary(children, strays, [&key](const std::string& other) { return other < key; });
+  const std::size_t place = boundary<LESS>(children, strays, SoughtKey(key));
   for (std::size_t at = place; at > 0 && place - at < kMostSteps; --at) {
     if (children[at - 1] == child)
       return true;
@@ -153,8 +190,7 @@ void VarnTreeNode::Order::update(const VarnTreeNode& parent) {
 
 VarnTreeNode* VarnTreeNode::Order::find(const tChildren& children, std::string_view key) const {
   assert(!m_oStrays.isLost);
-  const std::size_t place =
-      boundary(children, m_oStrays, [key](const std::string& other) { return other < key; });
+  const std::size_t place = boundary<LESS>(children, m_oStrays, SoughtKey(key));
   const bool isThere = place < children.size() && children[place]->m_sKey == key;
   VarnTreeNode* found = isThere ? children[place] : nullptr;
   for (std::size_t i = 0; i < m_oStrays.count; ++i) {
@@ -171,9 +207,8 @@ VarnTreeNode* VarnTreeNode::Order::find(const tChildren& children, std::string_v
 
 std::size_t VarnTreeNode::Order::placeFor(const tChildren& children, std::string_view key) const {
   assert(!m_oStrays.isLost);
-  auto place = children.begin() +
-               static_cast<std::ptrdiff_t>(boundary(
-                   children, m_oStrays, [key](const std::string& other) { return other <= key; }));
+  auto place = children.begin() + static_cast<std::ptrdiff_t>(
+                                      boundary<NOT_GREATER>(children, m_oStrays, SoughtKey(key)));
   for (std::size_t i = 0; i < m_oStrays.count; ++i) {
     if (m_oStrays.nodes[i]->m_sKey > key)
       place = std::find(children.begin(), place, m_oStrays.nodes[i]);
@@ -268,14 +303,18 @@ bool VarnTreeNode::isSorted() const {
   return order == Order::known(now, Order::SORTED) || findOrder(now);
 }
 
-// The first child with this key, or null.
-VarnTreeNode* VarnTreeNode::findNode(std::string_view key) const {
-  if (!isSorted())
-    return findOutOfOrder(key);
-  const auto found = std::lower_bound(
-      m_vChildren.begin(), m_vChildren.end(), key,
-      [](const auto* child, std::string_view wanted) { return child->m_sKey < wanted; });
-  return found != m_vChildren.end() && (*found)->m_sKey == key ? *found : nullptr;
+// The first child with this key, or null. Then `place` becomes the position for one that is added.
+VarnTreeNode* VarnTreeNode::findNode(std::string_view key, std::size_t* place) const {
+  if (!isSorted()) {
+    VarnTreeNode* const found = findOutOfOrder(key);
+    if (place != nullptr && found == nullptr)
+      *place = findPlaceFor(std::string(key));
+    return found;
+  }
+  const Boundary boundary = boundaryOf<LESS>(m_vChildren, SoughtKey(key));
+  if (place != nullptr)
+    *place = boundary.position;
+  return boundary.isOfKey ? m_vChildren[boundary.position] : nullptr;
 }
 
 [[gnu::noinline]] VarnTreeNode* VarnTreeNode::findOutOfOrder(std::string_view key) const {
@@ -289,34 +328,23 @@ VarnTreeNode* VarnTreeNode::findNode(std::string_view key) const {
 
 // The position of the first child with this key, or the number of children.
 std::size_t VarnTreeNode::find(std::string_view key) const {
-  auto found = m_vChildren.begin();
   if (isSorted()) {
-    found = std::lower_bound(
-        m_vChildren.begin(), m_vChildren.end(), key,
-        [](const auto* child, std::string_view wanted) { return child->m_sKey < wanted; });
-    if (found != m_vChildren.end() && (*found)->m_sKey != key)
-      found = m_vChildren.end();
-  } else {
-    found = std::find(m_vChildren.begin(), m_vChildren.end(), findOutOfOrder(key));
+    const Boundary boundary = boundaryOf<LESS>(m_vChildren, SoughtKey(key));
+    return boundary.isOfKey ? boundary.position : m_vChildren.size();
   }
+  const auto found = std::find(m_vChildren.begin(), m_vChildren.end(), findOutOfOrder(key));
   return static_cast<std::size_t>(found - m_vChildren.begin());
 }
 
 // The position of the first child with a greater key, or the number of children.
 std::size_t VarnTreeNode::findPlaceFor(const std::string& key) const {
-  const auto isLess = [&](const std::string& wanted, const auto* child) {
-    return wanted < child->m_sKey;
-  };
-  auto place = m_vChildren.begin();
-  if (isSorted()) {
-    place = std::upper_bound(m_vChildren.begin(), m_vChildren.end(), key, isLess);
-  } else {
-    const Order* const order = Order::in(m_nOrder.load(std::memory_order_acquire));
-    if (order != nullptr && !order->isLost())
-      return order->placeFor(m_vChildren, key);
-    place = std::find_if(m_vChildren.begin(), m_vChildren.end(),
-                         [&](const auto* child) { return isLess(key, child); });
-  }
+  if (isSorted())
+    return boundaryOf<NOT_GREATER>(m_vChildren, SoughtKey(key)).position;
+  const Order* const order = Order::in(m_nOrder.load(std::memory_order_acquire));
+  if (order != nullptr && !order->isLost())
+    return order->placeFor(m_vChildren, key);
+  const auto place = std::find_if(m_vChildren.begin(), m_vChildren.end(),
+                                  [&](const auto* child) { return key < child->m_sKey; });
   return static_cast<std::size_t>(place - m_vChildren.begin());
 }
 

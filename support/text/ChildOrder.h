@@ -14,6 +14,7 @@
 #include "VarnSupport/VarnTreeNode.h"
 #include "runtime/BriefMutex.h"
 #include "text/Renames.h"
+#include "text/SoughtKey.h"
 
 namespace VarnSupport {
 
@@ -68,8 +69,9 @@ class VSUPT_LOCAL VarnTreeNode::Order {
     bool isLost = false;  // there are more
   };
 
-  template <typename IsBefore>
-  static std::size_t boundary(const tChildren& children, const Strays& strays, IsBefore isBefore);
+  template <int kBefore>
+  static std::size_t boundary(const tChildren& children, const Strays& strays,
+                              const SoughtKey& key);
   static bool isInPlace(const tChildren& children, const Strays& strays, const VarnTreeNode* child);
   static bool isRight(const tChildren& children, const Strays& strays);
   static Strays lookThrough(const tChildren& children);

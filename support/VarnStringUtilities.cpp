@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
+#include "pattern/TextSearch.h"
 #include "runtime/Cancellation.h"
 #include "text/DelimiterSet.h"
 
@@ -103,12 +104,14 @@ std::size_t expectedTokens(std::size_t found, const char* begin, const char* tex
 // its price behind their first characters alone.
 template <typename CharT>
 CharT* endOfToken(CharT* text, CharT* end, SingleDelimiter delimiter) {
-  constexpr std::ptrdiff_t shortToken = 16;
-  CharT* const near = text + std::min(shortToken, end - text);
-  CharT* const found = std::find(text, near, delimiter.get());
-  if (found != near || near == end)
-    return found;
-  const void* const far = std::memchr(near, delimiter.get(), static_cast<std::size_t>(end - near));
+  constexpr std::size_t near = kLanes<char>;
+  if (static_cast<std::size_t>(end - text) < near)
+    return std::find(text, end, delimiter.get());
+  const std::size_t lane = firstLane<char>(load<char>(text) == delimiter.get());
+  if (lane < near)
+    return text + lane;
+  const auto left = static_cast<std::size_t>(end - text) - near;
+  const void* const far = std::memchr(text + near, delimiter.get(), left);
   return far == nullptr ? end : text + (static_cast<const char*>(far) - text);
 }
 
@@ -116,6 +119,17 @@ CharT* endOfToken(CharT* text, CharT* end, SingleDelimiter delimiter) {
 template <typename CharT>
 CharT* endOfToken(CharT* text, CharT* end, const DelimiterSet& delimiters) {
   return std::find_if(text, end, [&](char c) { return delimiters.holds(c); });
+}
+
+// Appends the token that ends at `tokenEnd`, in a text that goes on to `end`. Characters of a
+// number that is known, and takes no memory, are copied without a call.
+void appendToken(const char* text, const char* tokenEnd, const char* end,
+                 std::vector<std::string>& tokens) {
+  constexpr std::ptrdiff_t shortToken = 15;
+  if (tokenEnd - text <= shortToken && end - text >= shortToken)
+    tokens.emplace_back(text, shortToken).resize(static_cast<std::size_t>(tokenEnd - text));
+  else
+    tokens.emplace_back(text, tokenEnd);
 }
 
 // Appends the tokens of [begin, end) and calls `ended` with each delimiter that ends one.
@@ -130,7 +144,7 @@ void splitTokens(CharT* begin, CharT* end, const Delimiters& delimiters,
     CharT* const tokenEnd = endOfToken(text, end, delimiters);
     if (tokens.size() == tokens.capacity())
       tokens.reserve(expectedTokens(tokens.size(), begin, text, end));
-    tokens.emplace_back(text, tokenEnd);
+    appendToken(text, tokenEnd, end, tokens);
     if (tokenEnd == end)
       return;
     ended(tokenEnd);

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 
 namespace VarnSupport {
 
@@ -42,12 +43,33 @@ Vector<CharT> load(const CharT* text) {
   return loaded;
 }
 
+// The first lane of a vector that is not zero, of lanes that are zero or all ones; kLanes when
+// there is none. Some processors tell so of a vector in one step, here and below.
+template <typename CharT>
+std::size_t firstLane(Vector<std::make_signed_t<CharT>> found) {
+#ifdef __SSE2__
+  const auto bytes =
+      static_cast<unsigned int>(__builtin_ia32_pmovmskb128(std::bit_cast<Vector<char>>(found)));
+  return bytes != 0 ? static_cast<std::size_t>(std::countr_zero(bytes)) / sizeof(CharT)
+                    : kLanes<CharT>;
+#else
+  std::size_t lane = 0;
+  while (lane < kLanes<CharT> && found[lane] == 0)
+    ++lane;
+  return lane;
+#endif
+}
+
 // True when the test of the vectors that begin at a distance from the block's begin finds any.
 template <typename CharT, typename Test>
 bool anyInBlock(Test test) {
   const auto found = test(0) | test(kLanes<CharT>);
+#ifdef __SSE2__
+  return __builtin_ia32_pmovmskb128(std::bit_cast<Vector<char>>(found)) != 0;
+#else
   const auto halves = std::bit_cast<std::array<std::uint64_t, 2>>(found);
   return (halves[0] | halves[1]) != 0;
+#endif
 }
 
 // The first position of a block for which the test of the vectors holds and `isWanted` says so, as

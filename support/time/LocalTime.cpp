@@ -244,13 +244,13 @@ bool toLocalTime(std::time_t time, std::tm& local) {
 }
 
 std::time_t fromLocalTime(std::tm& local) {
-  const std::int64_t seconds = secondsOf(local);
-  const Kind* const kind = kindOf(local, seconds);
+  const CalendarTime time(local);
+  const Kind* const kind = kindOf(local, time.seconds());
   if (kind == nullptr)
     return askForTime(local);
-  breakDown(seconds, local);
+  time.normalise(local);
   complete(*kind, local);
-  return seconds - kind->shift;
+  return time.seconds() - kind->shift;
 }
 
 std::time_t timeOfLocal(const std::tm& local) {
@@ -263,12 +263,12 @@ std::time_t timeOfLocal(const std::tm& local) {
 
 bool isLocalTime(const std::tm& local) {
   std::tm normal = local;
-  const std::int64_t seconds = secondsOf(local);
-  const Kind* const kind = kindAt(local, seconds);
+  const CalendarTime time(local);
+  const Kind* const kind = kindAt(local, time.seconds());
   if (kind != nullptr && fitsFlag(local, *kind)) {
-    if (seconds - kind->shift == -1)
+    if (time.seconds() - kind->shift == -1)
       return false;  // which is a failure for whoever asks mktime()
-    breakDown(seconds, normal);
+    time.normalise(normal);
   } else if ((kind != nullptr && kind->refusesOther) || askForTime(normal) == -1) {
     return false;
   }
@@ -283,13 +283,14 @@ bool shiftLocalTime(std::tm& local, int std::tm::*field, int value) {
   shifted.*field = value;
   if (local.tm_sec >= 60 || shifted.tm_sec < 0 || shifted.tm_sec >= 60)
     return false;
-  const std::int64_t seconds = secondsOf(shifted);
+  const CalendarTime time(shifted);
   const Kind* const before = steadyKind(number, secondsOf(local));
-  const Kind* const after = before != nullptr ? steadyKind(number, seconds) : nullptr;
+  const Kind* const after = before != nullptr ? steadyKind(number, time.seconds()) : nullptr;
   if (after == nullptr || after->daylightSaving != before->daylightSaving ||
-      seconds - after->shift == -1)
+      time.seconds() - after->shift == -1)
     return false;
-  breakDown(seconds, local);
+  local.*field = value;
+  time.normalise(local);
   return true;
 }
 

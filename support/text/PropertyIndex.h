@@ -13,6 +13,7 @@
 #include <bit>
 #include <cassert>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -24,6 +25,33 @@
 
 namespace VarnSupport {
 
+// The hash of a text by its words; of letters that differ in the bits of `caseBits` alone it is
+// one.
+inline std::size_t hashOfBytes(const char* text, std::size_t length, std::uint64_t caseBits) {
+  std::uint64_t hash = length;
+  const auto add = [&hash, caseBits](const char* from, std::size_t count) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, from, count);
+    hash ^= word | caseBits;
+    hash = (hash ^ hash >> 32) * 0x9e3779b97f4a7c15;
+    hash ^= hash >> 32;
+  };
+  if (length < sizeof hash) {
+    if (length >= 4) {
+      add(text, 4);
+      add(text + length - 4, 4);
+    } else {
+      for (std::size_t i = 0; i < length; ++i)
+        add(text + i, 1);
+    }
+    return hash;
+  }
+  for (std::size_t i = 0; i < length - sizeof hash; i += sizeof hash)
+    add(text + i, sizeof hash);
+  add(text + length - sizeof hash, sizeof hash);
+  return hash;
+}
+
 // Keys that are equal have one hash, whatever the locale, which may change between two calls, says
 // of letters: case-insensitive keys count without the bit that tells the cases of ASCII letters
 // apart. Wide, other characters may be letters of ASCII as well, the Kelvin sign a 'k' and a dotted
@@ -32,13 +60,17 @@ template <typename StringType>
 std::size_t hashOfKey(const StringType& key) {
   using CharT = typename StringType::value_type;
   using tView = std::basic_string_view<CharT>;
+  constexpr bool isCaseless =
+      !std::is_same_v<typename StringType::traits_type, std::char_traits<CharT>>;
+  if constexpr (sizeof(CharT) == 1)
+    return hashOfBytes(key.data(), key.size(), isCaseless ? 0x2020202020202020 : 0);
   constexpr std::hash<tView> hash;
   tView text(key.data(), key.size());
-  if constexpr (std::is_same_v<typename StringType::traits_type, std::char_traits<CharT>>)
+  if constexpr (!isCaseless)
     return hash(text);
   constexpr auto withoutCase = [](CharT c) {
     const auto small = static_cast<CharT>(c | 0x20);
-    const bool isAmbiguous = sizeof(CharT) > 1 && (small == 'k' || small < 0 || small > 0x7F);
+    const bool isAmbiguous = small == 'k' || small < 0 || small > 0x7F;
     return isAmbiguous ? CharT('i') : small;
   };
   std::array<CharT, 64> part;

@@ -330,10 +330,8 @@ void VarnProperties<StringType>::addLines(const std::vector<tView>& lines, CharT
   properties.reserve(lines.size());
   for (const tView line : lines)
     properties.emplace_back(line, separator);
-  const auto byKey = [](const PropertyLine<StringType>& left,
-                        const PropertyLine<StringType>& right) { return left.key < right.key; };
-  if (!std::is_sorted(properties.begin(), properties.end(), byKey))
-    std::stable_sort(properties.begin(), properties.end(), byKey);
+  if (!std::is_sorted(properties.begin(), properties.end()))
+    std::stable_sort(properties.begin(), properties.end());
   StringType key;
   for (const PropertyLine<StringType>& property : properties) {
     if (property.key.empty())

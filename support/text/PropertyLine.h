@@ -5,7 +5,12 @@
 #include <algorithm>
 #include <cassert>
 #include <cstddef>
+#include <cstdint>
+#include <string>
 #include <string_view>
+#include <type_traits>
+
+#include "text/SoughtKey.h"
 
 namespace VarnSupport {
 
@@ -21,8 +26,14 @@ struct PropertyLine {
   static std::size_t positionOf(CharT separator, tView line);
   static tView valueBehind(std::size_t position, tView line);
 
+  // By the keys. The numbers spare most calls that compare texts.
+  bool operator<(const PropertyLine& other) const {
+    return head != other.head ? head < other.head : key < other.key;
+  }
+
   tKey key;
   tView value;
+  std::uint64_t head = 0;  // of a narrow key whose case counts
 };
 
 template <typename StringType>
@@ -31,6 +42,8 @@ PropertyLine<StringType>::PropertyLine(tView line, CharT separator) {
     return;
   const std::size_t position = positionOf(separator, line);
   key = tKey(line.data(), std::min(position, line.size()));
+  if constexpr (std::is_same_v<StringType, std::string>)
+    head = headOf(key);
   if (position != line.npos)
     value = valueBehind(position, line);
 }

@@ -1,5 +1,4 @@
-// A key that is sought among others, whose first bytes are compared as a number: calls of memcmp()
-// cost more than that.
+// Keys whose first bytes are compared as numbers: calls of memcmp() cost more than that.
 #ifndef SUPPORT_TEXT_SOUGHTKEY_H
 #define SUPPORT_TEXT_SOUGHTKEY_H
 
@@ -13,6 +12,35 @@
 
 namespace VarnSupport {
 
+constexpr std::size_t kKeyHead = sizeof(std::uint64_t);
+
+// Bytes as a number, in the order in which texts compare: the first one counts most.
+inline std::uint64_t eightAt(const char* at) {
+  std::uint64_t bytes = 0;
+  std::memcpy(&bytes, at, sizeof bytes);
+  return std::endian::native == std::endian::little ? __builtin_bswap64(bytes) : bytes;
+}
+inline std::uint64_t fourAt(const char* at) {
+  std::uint32_t bytes = 0;
+  std::memcpy(&bytes, at, sizeof bytes);
+  return std::endian::native == std::endian::little ? __builtin_bswap32(bytes) : bytes;
+}
+
+// The first bytes of a key; zeros stand behind a shorter one. Keys whose heads differ compare as
+// these do.
+inline std::uint64_t headOf(std::string_view key) {
+  const char* const first = key.data();
+  if (key.size() >= kKeyHead)
+    return eightAt(first);
+  if (key.size() >= 4)
+    return fourAt(first) << 32 | fourAt(first + key.size() - 4) << 8 * (kKeyHead - key.size());
+  std::uint64_t number = 0;
+  for (std::size_t i = 0; i < key.size(); ++i)
+    number |= static_cast<std::uint64_t>(static_cast<unsigned char>(first[i])) << (56 - 8 * i);
+  return number;
+}
+
+// A key that is sought among others.
 class SoughtKey {
  public:
   // Requires: the text outlives the object.
@@ -24,7 +52,7 @@ class SoughtKey {
     if (head != m_nHead)
       return head < m_nHead ? -1 : 1;
     const std::size_t common = std::min(other.size(), m_sKey.size());
-    if (common > kHead) {
+    if (common > kKeyHead) {
       if (const int order = comparedBehindHeads(other, common); order != 0)
         return order;
     }
@@ -32,45 +60,19 @@ class SoughtKey {
   }
 
  private:
-  static constexpr std::size_t kHead = sizeof(std::uint64_t);
-
   template <typename Number>
   static int signOf(Number left, Number right) {
     return left < right ? -1 : left > right ? 1 : 0;
   }
 
-  // Bytes as a number, in the order in which texts compare: the first one counts most.
-  static std::uint64_t eightAt(const char* at) {
-    std::uint64_t bytes = 0;
-    std::memcpy(&bytes, at, sizeof bytes);
-    return std::endian::native == std::endian::little ? __builtin_bswap64(bytes) : bytes;
-  }
-  static std::uint64_t fourAt(const char* at) {
-    std::uint32_t bytes = 0;
-    std::memcpy(&bytes, at, sizeof bytes);
-    return std::endian::native == std::endian::little ? __builtin_bswap32(bytes) : bytes;
-  }
-
-  // Of the first bytes; zeros stand behind a shorter key.
-  static std::uint64_t headOf(std::string_view key) {
-    const char* const first = key.data();
-    if (key.size() >= kHead)
-      return eightAt(first);
-    if (key.size() >= 4)
-      return fourAt(first) << 32 | fourAt(first + key.size() - 4) << 8 * (kHead - key.size());
-    std::uint64_t number = 0;
-    for (std::size_t i = 0; i < key.size(); ++i)
-      number |= static_cast<std::uint64_t>(static_cast<unsigned char>(first[i])) << (56 - 8 * i);
-    return number;
-  }
-
   // Bytes that are known to be alike may be looked at again.
   int comparedBehindHeads(const std::string& other, std::size_t common) const {
-    if (common <= 2 * kHead) {
-      const std::size_t last = common - kHead;
+    if (common <= 2 * kKeyHead) {
+      const std::size_t last = common - kKeyHead;
       return signOf(eightAt(other.data() + last), eightAt(m_sKey.data() + last));
     }
-    return signOf(std::memcmp(other.data() + kHead, m_sKey.data() + kHead, common - kHead), 0);
+    return signOf(std::memcmp(other.data() + kKeyHead, m_sKey.data() + kKeyHead, common - kKeyHead),
+                  0);
   }
 
   std::string_view m_sKey;

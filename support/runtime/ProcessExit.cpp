@@ -8,8 +8,11 @@
 // exists for nothing else finds out, as it may never come back.
 #include "runtime/ProcessExit.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <mutex>
 #include <utility>
@@ -42,28 +45,41 @@ constinit char nobody = 0;  // the name of no handler
 constinit std::atomic<std::uint32_t> usableIn{0};
 constinit std::uint32_t askedAbout = 0;
 
-// Whether whoever uses the list of handlers comes back. Waits for the answer once in a process.
+void* ask(void*) {
+  pthread_setname_np(pthread_self(), "vsupt-exit");
+  __cxa_finalize(&nobody);
+  usableIn = g_nForks.load();
+  return nullptr;
+}
+
+// Whether whoever uses the list of handlers comes back. Waits for the answer once in a process, and
+// then for the quite end of the thread: the next fork may be near.
 // Requires: the mutex is held.
 bool isListUsable() {
-  const std::uint32_t process = g_nForks;
-  if (usableIn == process)
+  if (usableIn == g_nForks)
     return true;
-  if (std::exchange(askedAbout, process) == process)
+  if (std::exchange(askedAbout, g_nForks) == g_nForks)
     return false;
-  const auto ask = [process] {
-    __cxa_finalize(&nobody);
-    usableIn = process;
-  };
   const sigset_t mask = allSignals();
-  if (startDetached("vsupt-exit", ask, &mask) != 0) {
+  sigset_t previous;
+  pthread_sigmask(SIG_SETMASK, &mask, &previous);
+  pthread_t thread{};
+  const bool isAsked = pthread_create(&thread, nullptr, ask, nullptr) == 0;
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (!isAsked) {
     askedAbout = 0;
     return false;
   }
   const NoCancellation whole;
   const MonotonicTime latest = monotonicNow() + kTimeToComeBack;
-  while (usableIn != process && monotonicNow() < latest)
+  while (pthread_tryjoin_np(thread, nullptr) == EBUSY) {
+    if (monotonicNow() >= latest) {
+      pthread_detach(thread);
+      break;
+    }
     usleep(kLookMicroseconds);
-  return usableIn == process;
+  }
+  return usableIn == g_nForks;
 }
 
 void noteBegin(void*) {

@@ -156,6 +156,7 @@ void* runRelay(void*) {
     sigaddset(&ours, signal);
   pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
   const AlternateStack stack;
+  relay.busy = false;
   while (!isLast()) {
     awaitWork();
     relay.busy = true;
@@ -189,7 +190,10 @@ void startLocked() {
   sigset_t previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
+  relay.busy = true;  // until it has begun
   relay.running = startOnOwnStack(relay.thread, runRelay);
+  if (!relay.running)
+    relay.busy = false;
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 

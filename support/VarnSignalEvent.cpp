@@ -223,10 +223,10 @@ VarnSignalEvent::VarnSignalEvent(int signal) : m_pEntry(nullptr) {
 
 VarnSignalEvent::~VarnSignalEvent() {
   const QuietCancellationGuard closed;
-  StackObjects<VarnSignalEvent>::forget(*this);
   {
     const std::lock_guard guard(tableMutex);
     leaveLocked(*m_pEntry);
+    StackObjects<VarnSignalEvent>::forget(*this);  // a child of a fork knows both, or neither
     sweepLocked();
   }
   Telling::await(this);

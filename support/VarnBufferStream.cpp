@@ -77,7 +77,7 @@ VarnBufferStream::VarnBufferStream(const void* bytes, unsigned int size) : VarnB
 VarnBufferStream::VarnBufferStream(const VarnBufferStream& source)
     : VarnInputObjectStream(source), VarnOutputObjectStream(source) {
   const CancellationGuard closed;
-  const BriefHold hold(source.m_oLock);
+  const WholeHold hold(source.m_oLock);
   m_pBuffer = duplicate(source.m_pBuffer, source.m_nCapacity);
   m_nReadPosition = source.front();
   m_nEnd = source.m_nEnd.load();
@@ -92,7 +92,7 @@ VarnBufferStream& VarnBufferStream::operator=(const VarnBufferStream& source) {
     return *this;
   const CancellationGuard closed;
   VarnBufferStream copy(source);
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   std::swap(m_pBuffer, copy.m_pBuffer);
   m_nReadPosition = copy.m_nReadPosition;
   m_nEnd = copy.m_nEnd.load();
@@ -126,7 +126,7 @@ unsigned VarnBufferStream::peek(void* data, unsigned elementSize, unsigned count
 
 unsigned VarnBufferStream::copyOut(void* data, unsigned elementSize, unsigned count, bool remove) {
   const std::uint64_t wanted = std::uint64_t{elementSize} * count;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   // One look at the end: reset() may move it meanwhile.
   const std::uint32_t unread = m_nEnd.load(std::memory_order_relaxed) - kHeaderSize;
   if (wanted > kLargest || wanted == 0 || unread == 0)
@@ -149,7 +149,7 @@ unsigned VarnBufferStream::copyOut(void* data, unsigned elementSize, unsigned co
 // All of the bytes or none: what is there stays whole when there is no memory.
 unsigned VarnBufferStream::append(const void* data, unsigned elementSize, unsigned count) {
   const std::uint64_t added = std::uint64_t{elementSize} * count;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   const std::uint32_t unread = m_nEnd.load(std::memory_order_relaxed) - kHeaderSize;
   std::uint64_t end = std::uint64_t{front()} + unread;
   if (added > kLargest)

@@ -15,7 +15,6 @@
 #include <cassert>
 
 #include "locks/BriefHold.h"
-#include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "runtime/ThreadScope.h"
 #include "threads/DependentList.h"
@@ -42,19 +41,6 @@ class Walk : public ThreadScopeOf<Walk> {
 
  private:
   const VarnCollaborator* m_pCollaborator;
-};
-
-// Excludes other threads from a list of dependents, which is whole in the child of a fork, too.
-class VSUPT_SCOPED_CAPABILITY ListHold {
- public:
-  explicit ListHold(VarnCriticalSectionObject& lock) VSUPT_ACQUIRE(lock) : m_oHold(lock) {}
-  ListHold(const ListHold&) = delete;
-  ListHold& operator=(const ListHold&) = delete;
-  ~ListHold() VSUPT_RELEASE() {}
-
- private:
-  BriefGate::Pass m_oPass;
-  BriefHold m_oHold;
 };
 
 }  // namespace
@@ -96,7 +82,7 @@ void VarnCollaborator::addDependent(VarnDependent& dependent) { addEntry(&depend
 
 void VarnCollaborator::addEntry(VarnDependent* entry) {
   const CancellationGuard closed;
-  const ListHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   DependentList(m_vDependents).add(entry);
   m_nChanges.fetch_add(1, std::memory_order_release);
 }
@@ -106,13 +92,13 @@ void VarnCollaborator::removeDependent(VarnDependent& dependent) {
   if (neverHadDependents(*this))
     return;
   const QuietCancellationGuard closed;
-  const ListHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   DependentList(m_vDependents).removeAll(dependent);
   m_nChanges.fetch_add(1, std::memory_order_release);
 }
 
 KeptDependent& VarnCollaborator::keep(KeptDependent& made) {
-  const ListHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   DependentList list(m_vDependents);
   if (KeptDependent* const found = list.first(KeptDependent::findIn))
     return *found;
@@ -166,7 +152,7 @@ class VSUPT_LOCAL VarnCollaborator::Cursor {
 
 TrackedDependent* VarnCollaborator::Cursor::read(TrackedDependent::Call& call) {
   assert(m_nBegin <= m_nPosition && m_nPosition <= m_nEnd && m_nEnd <= m_nSize);
-  const ListHold hold(m_oCollaborator.m_oLock);
+  const WholeHold hold(m_oCollaborator.m_oLock);
   DependentList list(m_oCollaborator.m_vDependents);
   m_nPosition = m_nBegin = std::min(m_nPosition, list.size());
   const std::size_t count = list.copy(m_nBegin, m_aBatch.data(), kBatch);

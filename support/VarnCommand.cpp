@@ -13,7 +13,6 @@
 #include <cassert>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <mutex>
 #include <utility>
 
@@ -23,6 +22,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/NeverDestroyed.h"
 #include "runtime/ProcessExit.h"
+#include "runtime/System.h"
 
 namespace VarnSupport {
 
@@ -40,7 +40,7 @@ std::string describe(const CommandOutcome& outcome) {
     case VarnCommand::NOT_STARTED:
       if (outcome.error == 0)
         return "was never started";
-      return "could not be started: " + outcome.subject + ": " + std::strerror(outcome.error);
+      return "could not be started: " + outcome.subject + ": " + errorText(outcome.error);
     case VarnCommand::EXITED:
       return "exited with " + std::to_string(outcome.exitCode);
     case VarnCommand::SIGNALLED: {

@@ -6,13 +6,15 @@
 
 #include "VarnSupport/VarnException.h"
 #include "plugin/LibraryLoad.h"
+#include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 
 namespace VarnSupport {
 
 template class VarnSmartPointer<VarnLibrary>;
 
-// The loader's text is taken before any other call can change it.
+// The loader's text is taken before any other call can change it. It is translated under the
+// platform's lock of the locales.
 VarnLibrary::VarnLibrary(const std::string& name, bool exactName) : m_sName(name) {
   const CancellationGuard closed;
   const std::string file = exactName ? name : "lib" + name + ".so";
@@ -20,7 +22,7 @@ VarnLibrary::VarnLibrary(const std::string& name, bool exactName) : m_sName(name
   m_pHandle = dlopen(file.c_str(), RTLD_NOW);
   if (m_pHandle != nullptr)
     return;
-  const char* const reason = dlerror();
+  const char* const reason = BriefGate::inside(dlerror);
   throw VarnException("VarnLibrary::VarnLibrary: failed to load: " + name + ".  " +
                           (reason != nullptr ? reason : ""),
                       0);
@@ -48,9 +50,9 @@ void* VarnLibrary::getProcAddr(const std::string& symbol) {
   if (m_pHandle == nullptr)
     return nullptr;
   const CancellationGuard closed;
-  dlerror();  // forgets an earlier error
+  BriefGate::inside(dlerror);  // forgets an earlier error
   void* const address = dlsym(m_pHandle, symbol.c_str());
-  return dlerror() == nullptr ? address : nullptr;
+  return BriefGate::inside(dlerror) == nullptr ? address : nullptr;
 }
 
 }  // namespace VarnSupport

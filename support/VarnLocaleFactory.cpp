@@ -17,6 +17,7 @@
 #include <map>
 #include <mutex>
 
+#include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/NeverDestroyed.h"
@@ -133,7 +134,7 @@ std::locale GetAppropriateLocaleObject() {
   try {
     return makeLocale("");
   } catch (const std::exception&) {
-    return std::locale();
+    return BriefGate::inside([] { return std::locale(); });
   }
 }
 

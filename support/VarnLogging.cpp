@@ -19,6 +19,7 @@
 #include "log/LogState.h"
 #include "log/LogTarget.h"
 #include "log/Observation.h"
+#include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 
 namespace VarnSupport {
@@ -106,7 +107,7 @@ void VarnLogging::openLogFile() {
     return;
   }
   std::string name = m_sBaseName.substr(0, m_sBaseName.rfind('.'));
-  name += std::to_string(std::rand());
+  name += std::to_string(BriefGate::inside(std::rand));
   name += ".log";
   if (name.front() == '"')
     name.erase(0, 1);

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -21,6 +20,7 @@
 #include "options/OptionList.h"
 #include "options/OptionTexts.h"
 #include "runtime/Cancellation.h"
+#include "runtime/System.h"
 #include "text/NumberText.h"
 #include "text/TextColumns.h"
 
@@ -98,7 +98,7 @@ void completeNumber(Option& option, const std::string& names, const std::string&
 void print(const std::string& text) {
   errno = 0;
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
-    throw VarnException(std::string("cannot write to standard output: ") + std::strerror(errno), 0);
+    throw VarnException(std::string("cannot write to standard output: ") + errorText(errno), 0);
 }
 
 }  // namespace

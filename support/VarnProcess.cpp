@@ -22,7 +22,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <cwchar>
 #include <vector>
 
@@ -208,7 +207,7 @@ std::string VarnExpandString(const std::string& text) {
 void VarnGetOSErrorMessage(int errorNumber, std::wstring& message) {
   const CancellationGuard closed;
   message.clear();
-  const char* const text = std::strerror(errorNumber);
+  const char* const text = errorText(errorNumber);
   if (text != nullptr && *text != '\0')
     message = VarnStringUtilities::widen(text, VarnLocaleFactory::getDefaultLocale());
   message =
@@ -223,7 +222,7 @@ void VarnGetOSErrorMessage(int errorNumber, std::wstring& message) {
 
 void VarnGetOSErrorMessage(int errorNumber, std::string& message) {
   const CancellationGuard closed;
-  const char* const text = std::strerror(errorNumber);
+  const char* const text = errorText(errorNumber);
   message = VarnStringUtilities::trim(std::string(text != nullptr ? text : ""),
                                       std::string(" \t\r\n"), VarnStringUtilities::TRIM_BOTH);
   if (!message.empty())

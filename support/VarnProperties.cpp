@@ -17,6 +17,7 @@
 #include "VarnSupport/VarnException.h"
 #include "locks/BriefHold.h"
 #include "log/OwnRecords.h"
+#include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "text/PropertyFile.h"
 #include "text/PropertyIndex.h"
@@ -59,7 +60,7 @@ template <typename StringType>
 VarnProperties<StringType>::VarnProperties(const VarnProperties& source)
     : VarnObjectBase(source), VarnCollaborator(source) {
   const CancellationGuard closed;
-  const BriefHold hold(source.m_oLock);
+  const WholeHold hold(source.m_oLock);
   m_mapProperties = source.m_mapProperties;
   m_bMultiValued = source.m_bMultiValued;
 }
@@ -72,6 +73,7 @@ VarnProperties<StringType>& VarnProperties<StringType>::operator=(const VarnProp
   const CancellationGuard closed;
   tProperties properties;  // what was there goes after the locks
   const bool lockedFirst = std::less<const VarnProperties*>()(this, &source);
+  const BriefGate::Pass pass;
   const VarnCriticalSection first(lockedFirst ? m_oLock : source.m_oLock);
   const VarnCriticalSection second(lockedFirst ? source.m_oLock : m_oLock);
   properties = source.m_mapProperties;
@@ -92,7 +94,7 @@ template <typename StringType>
 StringType VarnProperties<StringType>::getProperty(const StringType& key) const {
   const CancellationGuard closed;
   {
-    const BriefHold hold(m_oLock);
+    const WholeHold hold(m_oLock);
     const StringType* const value = firstValueLocked(key);
     if (value != nullptr)
       return *value;
@@ -105,7 +107,7 @@ template <typename StringType>
 const StringType& VarnProperties<StringType>::getProperty(const StringType& key,
                                                           const StringType& defaultValue) const {
   const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   const StringType* const value = firstValueLocked(key);
   return value != nullptr ? *value : defaultValue;
 }
@@ -113,7 +115,7 @@ const StringType& VarnProperties<StringType>::getProperty(const StringType& key,
 template <typename StringType>
 bool VarnProperties<StringType>::getPropertyValue(const StringType& key, StringType& value) const {
   const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   const StringType* const found = firstValueLocked(key);
   if (found == nullptr)
     return false;
@@ -124,7 +126,7 @@ bool VarnProperties<StringType>::getPropertyValue(const StringType& key, StringT
 template <typename StringType>
 std::vector<StringType> VarnProperties<StringType>::getPropertyValues(const StringType& key) const {
   const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   const auto* const found = findLocked(key);
   return found != nullptr ? found->second : std::vector<StringType>();
 }
@@ -132,14 +134,14 @@ std::vector<StringType> VarnProperties<StringType>::getPropertyValues(const Stri
 template <typename StringType>
 auto VarnProperties<StringType>::getProperties() const -> tProperties {
   const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   return m_mapProperties;
 }
 
 template <typename StringType>
 std::size_t VarnProperties<StringType>::size() const {
   const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   return m_mapProperties.size();
 }
 
@@ -148,7 +150,7 @@ void VarnProperties<StringType>::addProperty(const StringType& key, const String
   if (key.empty())
     return;
   const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   addLocked(key, tView(value.data(), value.size()));
 }
 
@@ -159,7 +161,7 @@ void VarnProperties<StringType>::addProperty(const StringType& line, CharT separ
   const StringType key(property.key);
   if (key.empty())
     return;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   addLocked(key, property.value);
 }
 
@@ -176,7 +178,7 @@ void VarnProperties<StringType>::setProperty(const StringType& key, const String
   if (key.empty())
     return;
   const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   const auto found = m_mapProperties.find(key);
   if (found != m_mapProperties.end())
     found->second.front() = value;
@@ -187,7 +189,7 @@ void VarnProperties<StringType>::setProperty(const StringType& key, const String
 template <typename StringType>
 void VarnProperties<StringType>::removeProperty(const StringType& key) {
   const CancellationGuard closed;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   const auto found = m_mapProperties.find(key);
   if (found == m_mapProperties.end())
     return;
@@ -337,7 +339,7 @@ void VarnProperties<StringType>::addLines(const std::vector<tView>& lines, CharT
     if (property.key.empty())
       continue;
     key = property.key;
-    const BriefHold hold(m_oLock);
+    const WholeHold hold(m_oLock);
     addLocked(key, property.value);
   }
 }
@@ -347,7 +349,7 @@ void VarnProperties<StringType>::addLines(const std::vector<tView>& lines, CharT
 template <typename StringType>
 std::vector<StringType> VarnProperties<StringType>::blocksOfLines() const {
   std::vector<StringType> blocks;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   for (const auto& [key, values] : m_mapProperties) {
     const StringType& value = values.front();
     const std::size_t length = key.size() + value.size() + 2;

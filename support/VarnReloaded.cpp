@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "locks/BriefHold.h"
-#include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "threads/TrackedDependent.h"
 
@@ -40,8 +39,7 @@ struct VarnReloadedSlot::Entry {
 
 std::shared_ptr<const void> VarnReloadedSlot::get() const {
   const CancellationGuard closed;
-  const BriefGate::Pass pass;
-  const BriefHold hold(m_oLock);
+  const WholeHold hold(m_oLock);
   return m_pEntry != nullptr ? m_pEntry->value : nullptr;
 }
 
@@ -54,8 +52,7 @@ void VarnReloadedSlot::install(VarnCollaborator& teller, std::uint64_t number,
       std::make_shared<const Entry>(Entry{number, std::move(value), settings.found()});
   const std::shared_ptr<const Entry> installed = entry;
   {
-    const BriefGate::Pass pass;
-    const BriefHold hold(m_oLock);
+    const WholeHold hold(m_oLock);
     if (m_pEntry != nullptr && m_pEntry->number > number)
       return;
     m_pEntry.swap(entry);

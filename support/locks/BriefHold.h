@@ -3,6 +3,7 @@
 #define SUPPORT_LOCKS_BRIEFHOLD_H
 
 #include "VarnSupport/VarnCriticalSection.h"
+#include "runtime/BriefGate.h"
 #include "runtime/NeverDestroyed.h"
 
 namespace VarnSupport {
@@ -83,6 +84,21 @@ class VSUPT_SCOPED_CAPABILITY BriefHold {
 
  private:
   LockImplementation* m_pLock;  // null when the caller held the lock already
+};
+
+// The same for the lock of an object that a child of a fork may use: a fork waits for the holder,
+// so that the lock is free there, and what it guards is whole.
+class VSUPT_SCOPED_CAPABILITY WholeHold {
+ public:
+  [[gnu::always_inline]] explicit WholeHold(VarnCriticalSectionObject& object) VSUPT_ACQUIRE(object)
+      : m_oHold(object) {}
+  WholeHold(const WholeHold&) = delete;
+  WholeHold& operator=(const WholeHold&) = delete;
+  [[gnu::always_inline]] ~WholeHold() VSUPT_RELEASE() {}
+
+ private:
+  BriefGate::Pass m_oPass;
+  BriefHold m_oHold;
 };
 
 }  // namespace VarnSupport

@@ -16,6 +16,7 @@
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLocaleFactory.h"
 #include "log/LogState.h"
+#include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 
 namespace VarnSupport {
@@ -125,7 +126,8 @@ void VarnLogging::put(const char* value) {
 void VarnLogRecord::stream(Writer writer, const void* value) {
   std::string text;
   try {
-    std::ostringstream stream;
+    // It takes the lock of the global locale.
+    std::ostringstream stream = BriefGate::inside([] { return std::ostringstream(); });
     stream.imbue(std::locale::classic());
     writer(stream, value);
     text = stream.str();

@@ -39,6 +39,14 @@ class BriefGate {
     Visitor* m_pVisitor;
   };
 
+  // What `call` gives from inside of a section. For what the platform does under a lock of its own
+  // that no fork waits for: the lock is free in the child.
+  template <typename Call>
+  static auto inside(Call call) {
+    const Pass pass;
+    return call();
+  }
+
   // The change of a count, an atomic operation and nothing else: it may be made when isOpen(), and
   // otherwise under the global section alone. Nothing waits inside, but for a signal handler.
   class Count {

@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <ctime>
+
+#include "runtime/BriefGate.h"
 
 namespace VarnSupport {
 
@@ -32,6 +35,11 @@ inline timespec toTimespec(MonotonicTime time) { return toTimespec(time.time_sin
 // How long it is until `deadline`; no time at all once that has passed.
 inline timespec timeLeft(MonotonicTime deadline) {
   return toTimespec(std::max(deadline - monotonicNow(), MonotonicTime::duration::zero()));
+}
+
+// The platform looks for a translation, under its lock of the locales.
+inline const char* errorText(int error) {
+  return BriefGate::inside([error] { return std::strerror(error); });
 }
 
 inline bool isSameFile(const struct stat& one, const struct stat& other) {

@@ -21,6 +21,7 @@
 
 #include "VarnSupport/VarnDateTime.h"
 #include "VarnSupport/VarnLocaleFactory.h"
+#include "runtime/BriefGate.h"
 #include "time/LocalTime.h"
 
 namespace VarnSupport {
@@ -202,7 +203,8 @@ class Formatter {
   std::locale m_oLocale;
   const std::time_put<wchar_t>& m_oFacet;
   const bool m_bStandard;  // no facet that is called is a user's, which may do anything
-  std::wostringstream m_oStream;
+  // It takes the lock of the global locale.
+  std::wostringstream m_oStream = BriefGate::inside([] { return std::wostringstream(); });
   std::wstring m_sText;  // of m_oTextTime in the zone m_sTextZone
   std::tm m_oTextTime{};
   std::string m_sTextZone;

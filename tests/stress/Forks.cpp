@@ -57,6 +57,9 @@ int useEverything() {
   return fired ? 0 : 1;
 }
 
+struct Streamed {};
+std::ostream& operator<<(std::ostream& stream, Streamed) { return stream; }
+
 }  // namespace
 
 TEST(ProcessStress, EveryProgramComesBackWhileOthersLogAllocateAndFork) {
@@ -117,6 +120,48 @@ TEST(ForkStress, AChildUsesZonesAndLocalesThatOtherThreadsAreJustAt) {
                 return GetAppropriateLocaleObject().name().empty() ? 1 : 0;
               }));
   }
+}
+
+// The platform locks its locales for the texts of errors, and the global one for each new stream.
+TEST(ForkStress, AChildMakesLocalesAndStreamsThatOtherThreadsAreJustAt) {
+  if (kAddressSanitizer)
+    return;
+  const auto use = [] {
+    std::string text;
+    VarnGetOSErrorMessage(ENOENT, text);
+    VarnLogRecord(5) << Streamed();
+  };
+  EXPECT_EQ(0, runInBareChild([&] {
+              const FileLog log(5);
+              std::locale::global(std::locale(std::locale(), new std::numpunct<char>));
+              const std::jthread threads[] = {repeating(use), repeating(use)};
+              for (int i = 0; i < 200; ++i) {
+                if (runInBareChild([&] {
+                      use();
+                      setenv("LC_ALL", "none", 1);
+                      GetAppropriateLocaleObject();
+                    }) != 0)
+                  return 1;
+              }
+              return 0;
+            }));
+}
+
+TEST(ForkStress, AChildUsesObjectsThatOtherThreadsAreJustAt) {
+  if (kAddressSanitizer)
+    return;
+  VarnProperties<std::string> properties;
+  VarnBufferStream stream;
+  const auto use = [&] {
+    properties.setProperty("key", "value");
+    properties = VarnProperties<std::string>(properties);
+    stream << 1;
+    const VarnBufferStream copy(stream);
+    stream.reset();
+  };
+  const std::jthread threads[] = {repeating(use), repeating(use)};
+  for (int i = 0; i < 100; ++i)
+    ASSERT_EQ(0, runInBareChild(use)) << "child " << i;
 }
 
 TEST(ForkStress, DaemonsOfBusyProcessesTimeLogAndStop) {

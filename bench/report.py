@@ -53,7 +53,7 @@ class Row:
         has_ratio = best is not None and best > base
         self.ratio = Ratio((self.ours - base) / (best - base) if has_ratio else None, goal)
         limits = [limit for limit in workload.sides_of(LIMIT).values() if limit > base]
-        self.limit_ratio = (min(limits) - base) / (best - base) if has_ratio and limits else None
+        self.is_limit_above = has_ratio and bool(limits) and min(limits) - base > 2 * (best - base)
 
     def shown(self, figures, side):
         """A figure of a side, with its name unless it is ours."""
@@ -84,6 +84,7 @@ class InThread:
         inside = Row(workload, side)
         self.ratio = Ratio(inside.ours / outside.ours, WANTED['in the body of a VarnThread'])
         self.to_peer = inside.ratio
+        self.is_limit_above = False
         self.row = [outside.name, figure(outside.ours, workload.unit),
                     figure(inside.ours, workload.unit)]
 
@@ -134,8 +135,8 @@ def summary(workloads):
         if not ratios:
             return f'- {what}: no ratios'
         met = f', {sum(goals)} of {len(goals)} goals are met' if goals else ''
-        bound = sum(row.limit_ratio is not None and row.limit_ratio > 2 for row in rows)
-        so_is_limit = f', in {bound} of them the limit, too' if bound else ''
+        bound = sum(row.is_limit_above for row in rows)
+        so_is_limit = f', {bound} of them as the limit is' if bound else ''
         return (f'- {what}: {len(ratios)} ratios, their geometric mean is '
                 f'{statistics.geometric_mean(ratios):.2f}, {sum(ratio > 2 for ratio in ratios)} are '
                 f'above 2.0{so_is_limit}{met}')

@@ -135,7 +135,7 @@ def summary(workloads):
         if not ratios:
             return f'- {what}: no ratios'
         met = f', {sum(goals)} of {len(goals)} goals are met' if goals else ''
-        bound = sum(row.is_limit_above for row in rows)
+        bound = sum(row.is_limit_above and row.ratio.value > 2 for row in rows)
         so_is_limit = f', {bound} of them as the limit is' if bound else ''
         return (f'- {what}: {len(ratios)} ratios, their geometric mean is '
                 f'{statistics.geometric_mean(ratios):.2f}, {sum(ratio > 2 for ratio in ratios)} are '

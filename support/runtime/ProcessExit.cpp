@@ -8,10 +8,8 @@
 // exists for nothing else finds out, as it may never come back.
 #include "runtime/ProcessExit.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <mutex>
@@ -44,41 +42,32 @@ constinit char nobody = 0;  // the name of no handler
 // asked about; the latter is guarded by the mutex.
 constinit std::atomic<std::uint32_t> usableIn{0};
 constinit std::uint32_t askedAbout = 0;
-
-void* ask(void*) {
-  pthread_setname_np(pthread_self(), "vsupt-exit");
-  __cxa_finalize(&nobody);
-  usableIn = g_nForks.load();
-  return nullptr;
-}
+constinit std::atomic<pid_t> asking{0};  // the thread
 
 // Whether whoever uses the list of handlers comes back. Waits for the answer once in a process, and
-// then for the quite end of the thread: the next fork may be near.
+// then for the quite end of the thread that has asked: the next fork may be near.
 // Requires: the mutex is held.
 bool isListUsable() {
   if (usableIn == g_nForks)
     return true;
   if (std::exchange(askedAbout, g_nForks) == g_nForks)
     return false;
+  const auto ask = [] {
+    asking = gettid();
+    __cxa_finalize(&nobody);
+    usableIn = g_nForks.load();
+  };
+  asking = 0;
   const sigset_t mask = allSignals();
-  sigset_t previous;
-  pthread_sigmask(SIG_SETMASK, &mask, &previous);
-  pthread_t thread{};
-  const bool isAsked = pthread_create(&thread, nullptr, ask, nullptr) == 0;
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  if (!isAsked) {
+  if (startDetached("vsupt-exit", ask, &mask) != 0) {
     askedAbout = 0;
     return false;
   }
   const NoCancellation whole;
   const MonotonicTime latest = monotonicNow() + kTimeToComeBack;
-  while (pthread_tryjoin_np(thread, nullptr) == EBUSY) {
-    if (monotonicNow() >= latest) {
-      pthread_detach(thread);
-      break;
-    }
+  const auto hasEnded = [] { return asking != 0 && tgkill(getpid(), asking, 0) != 0; };
+  while (!hasEnded() && monotonicNow() < latest)
     usleep(kLookMicroseconds);
-  }
   return usableIn == g_nForks;
 }
 

@@ -61,7 +61,7 @@ bool isListUsable() {
   const sigset_t mask = allSignals();
   if (startDetached("vsupt-exit", ask, &mask) != 0) {
     askedAbout = 0;
-    return false;
+    return true;  // to do without a handler is the greater risk
   }
   const NoCancellation whole;
   const MonotonicTime latest = monotonicNow() + kTimeToComeBack;

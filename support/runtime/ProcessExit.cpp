@@ -8,6 +8,7 @@
 // exists for nothing else finds out, as it may never come back.
 #include "runtime/ProcessExit.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -33,10 +34,12 @@ constexpr std::chrono::milliseconds kTimeToComeBack{100};
 
 constinit std::atomic<MonotonicTime> begin{MonotonicTime::min()};
 constinit std::mutex renewing;
-constinit std::atomic<bool> isRenewed{false};
+constinit std::atomic<pthread_t> renewer{0};
 constinit std::atomic<void (*)()> atBegin{nullptr};
-constinit char handle = 0;  // its address is the name of the handler
-constinit char nobody = 0;  // the name of no handler
+// Their addresses are names of handlers: of ours, in turns, and of none.
+constinit char names[2]{};
+constinit char nobody = 0;
+constinit char* name = nullptr;  // of the handler there is; guarded by the mutex
 
 // By the number of forks before them, processes whose list of handlers has been found usable, and
 // asked about; the latter is guarded by the mutex.
@@ -71,9 +74,30 @@ bool isListUsable() {
   return usableIn == g_nForks;
 }
 
+void noteBegin(void*);
+
+bool addNext() {
+  char* const next = name == &names[0] ? &names[1] : &names[0];
+  if (__cxa_atexit(&noteBegin, nullptr, next) != 0)
+    return false;
+  name = next;
+  return true;
+}
+
+// Whoever takes a handler out goes on in memory that exit() may have freed during the call, but
+// begins anew where the call has added one. When exit() has done all of them no more can be added,
+// and the process ends.
+void replace() {
+  const NoCancellation whole;
+  while (!addNext())
+    usleep(kPauseMicroseconds);
+}
+
 void noteBegin(void*) {
-  if (isRenewed)
+  if (renewer == pthread_self()) {
+    replace();
     return;
+  }
   MonotonicTime never = MonotonicTime::min();
   if (!begin.compare_exchange_strong(never, monotonicNow()))
     return;
@@ -91,11 +115,13 @@ void ProcessExit::renewHandler() {
   if (!m_bOutdated || hasBegun() || !isListUsable())
     return;
   m_bOutdated = false;
-  isRenewed = true;
-  __cxa_finalize(&handle);
-  isRenewed = false;
-  if (__cxa_atexit(&noteBegin, nullptr, &handle) != 0)
-    m_bOutdated = true;  // the next who begins something tries again
+  if (name == nullptr) {
+    m_bOutdated = !addNext();  // the next who begins something tries again
+    return;
+  }
+  renewer = pthread_self();
+  __cxa_finalize(name);
+  renewer = 0;
 }
 
 bool ProcessExit::addHandler(void (*function)()) {

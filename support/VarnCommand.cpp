@@ -135,7 +135,7 @@ void VarnCommand::State::end() {
   const NoCancellation whole;
   std::shared_ptr<CommandTask> ended;
   while (true) {
-    const bool isExit = ProcessExit::hasBegun();
+    const bool isExit = ProcessExit::hasBegunHere();
     const MonotonicTime deadline = isExit ? ProcessExit::latestEnd() : MonotonicTime::max();
     {
       const std::lock_guard guard(commandLock);

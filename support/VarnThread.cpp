@@ -244,7 +244,7 @@ void VarnThread::joinFinally() {
   const ThreadControl::Visit control(*this);
   if (!control)
     return;
-  if (ProcessExit::hasBegun())
+  if (ProcessExit::hasBegunHere())
     control->joinBefore(ProcessExit::latestEnd());
   else
     control->join();

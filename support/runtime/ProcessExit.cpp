@@ -1,7 +1,8 @@
 // Handlers of the exit run in the reverse order of their registration, and so do destructors of
 // static objects. To know of the exit before the destructor of an object runs, the handler must be
 // younger than that object: it is renewed when threads and timers have been made since, at the
-// next of their operations.
+// next of their operations. An exit() that another thread begins in the middle of that misses it;
+// who is about to wait inside of exit() finds out by its own frames.
 //
 // In the child of a fork the platform's list of handlers may be locked for ever: by a thread that
 // the child does not have, and that was registering a handler or unloading a library. A thread that
@@ -10,8 +11,10 @@
 
 #include <pthread.h>
 #include <unistd.h>
+#include <unwind.h>
 
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <mutex>
 #include <utility>
@@ -74,11 +77,11 @@ bool isListUsable() {
   return usableIn == g_nForks;
 }
 
-void noteBegin(void*);
+void handleExit(void*);
 
 bool addNext() {
   char* const next = name == &names[0] ? &names[1] : &names[0];
-  if (__cxa_atexit(&noteBegin, nullptr, next) != 0)
+  if (__cxa_atexit(&handleExit, nullptr, next) != 0)
     return false;
   name = next;
   return true;
@@ -93,16 +96,32 @@ void replace() {
     usleep(kPauseMicroseconds);
 }
 
-void noteBegin(void*) {
+void noteBegin() {
+  MonotonicTime never = MonotonicTime::min();
+  begin.compare_exchange_strong(never, monotonicNow());
+}
+
+void handleExit(void*) {
   if (renewer == pthread_self()) {
     replace();
     return;
   }
-  MonotonicTime never = MonotonicTime::min();
-  if (!begin.compare_exchange_strong(never, monotonicNow()))
-    return;
-  if (void (*const function)() = atBegin)
+  noteBegin();
+  if (void (*const function)() = atBegin.exchange(nullptr))
     function();
+}
+
+// Whether the calling thread is inside of exit().
+bool isCallerExiting() {
+  bool isExiting = false;
+  const auto look = [](_Unwind_Context* frame, void* found) {
+    if (_Unwind_GetRegionStart(frame) != reinterpret_cast<std::uintptr_t>(&std::exit))
+      return _URC_NO_REASON;
+    *static_cast<bool*>(found) = true;
+    return _URC_NORMAL_STOP;
+  };
+  _Unwind_Backtrace(look, &isExiting);
+  return isExiting;
 }
 
 }  // namespace
@@ -132,6 +151,12 @@ bool ProcessExit::addHandler(void (*function)()) {
 void ProcessExit::callAtBegin(void (*function)()) { atBegin = function; }
 
 bool ProcessExit::hasBegun() { return begin.load() != MonotonicTime::min(); }
+
+bool ProcessExit::hasBegunHere() {
+  if (!hasBegun() && isCallerExiting())
+    noteBegin();
+  return hasBegun();
+}
 
 MonotonicTime ProcessExit::latestEnd() {
   return (hasBegun() ? begin.load() : monotonicNow()) + kPatience;

@@ -36,6 +36,9 @@ class ProcessExit {
   static bool addHandler(void (*function)());
 
   static bool hasBegun();
+  // The same for who is about to wait without limit, at the price of a walk over its frames: true,
+  // too, inside of an exit() that the handler has missed.
+  static bool hasBegunHere();
   // Until when a destructor may wait that begins to do so now.
   static MonotonicTime latestEnd();
 
@@ -45,7 +48,7 @@ class ProcessExit {
   template <typename Question>
   static void await(const std::atomic<unsigned>& changes, Question isDone) {
     for (unsigned seen = changes; !isDone(); seen = changes) {
-      if (!hasBegun())
+      if (!hasBegunHere())
         changes.wait(seen);
       else if (!pause())
         return;

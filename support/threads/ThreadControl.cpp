@@ -242,7 +242,7 @@ void ThreadControl::abandon() {
   if (ownControl() != this) {
     const NoCancellation whole;
     const auto isToldOrGone = [this] { return m_ePhase != ANNOUNCING || m_bEnded.load(); };
-    if (ProcessExit::hasBegun())
+    if (!isToldOrGone() && ProcessExit::hasBegunHere())
       m_oChanged.wait_until(guard, ProcessExit::latestEnd(), isToldOrGone);
     else
       m_oChanged.wait(guard, isToldOrGone);

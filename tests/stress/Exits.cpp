@@ -47,27 +47,41 @@ TEST(ProcessStress, ExitFromAnywhereKeepsItsCode) {
 TEST(ProcessStress, ExitWaitsOnlyForAWhileForCallbacksAndBodiesThatHang) {
   if (kThreadSanitizer)
     return;  // what hangs goes on while its object is destroyed
+  static std::atomic<bool> hangs{false};
   const auto hangInACallback = [] {
     VarnTimer(1000, true).reset();
-    static std::atomic<bool> hangs{false};
     static VarnTimer timer(1, true);
     static const Observer callback(timer, [] {
       hangs = true;
       pause();
     });
     timer.reset();
-    EXPECT_TRUE(eventually([] { return hangs.load(); }));
+  };
+  struct Worker : VarnThread {
+    int run() override {
+      hangs = true;
+      return pause();
+    }
   };
   const auto hangInABody = [] {
-    struct Worker : VarnThread {
-      int run() override { return pause(); }
-    };
     static Worker worker;
     worker.start();
   };
-  for (const std::function<void()> hang : {+hangInACallback, +hangInABody}) {
+  // Its handler is younger than the library's, and comes first.
+  const auto hangInABodyEndedByAHandler = [] {
+    static Worker* worker = nullptr;
+    worker = new Worker;
+    worker->start();
+    std::atexit([] { delete worker; });
+  };
+  for (const std::function<void()> hang :
+       {+hangInACallback, +hangInABody, +hangInABodyEndedByAHandler}) {
     const auto begin = Clock::now();
-    EXPECT_EQ(7, runInChild([&] { return hang(), 7; }));
+    EXPECT_EQ(7, runInChild([&] {
+                hang();
+                EXPECT_TRUE(eventually([] { return hangs.load(); }));
+                return 7;
+              }));
     EXPECT_LT(Clock::now() - begin, 8s);
   }
 }

@@ -9,6 +9,10 @@
 // is given back: who finds an owner looks for a while before it sleeps at the mutex, as every give
 // back would else have to wake a sleeper that mostly comes too late.
 //
+// Taking and giving back are short and called from two sides, by threads that can be killed and by
+// those that cannot. They are inlined into both, and each side is a function of its own, so that a
+// further level of a lock, which is no more than a count, pays for none of their frames.
+//
 // A thread of the library that waits for a lock may be killed meanwhile. It takes the lock, as
 // there is no other way to leave the mutex, then gives it back, and unwinds.
 #include "VarnSupport/VarnCriticalSection.h"
@@ -72,7 +76,7 @@ LockImplementation::~LockImplementation() {
 // Books the first level of the mutex, just acquired, as the newest lock of the calling thread. A
 // lock that is free has no links: only those that change are written, as the mutex is given back no
 // sooner than all that was written before has reached the processor's cache.
-[[gnu::always_inline]] inline void LockImplementation::book() {
+[[gnu::always_inline]] inline void LockImplementation::take() {
   assert(m_hOwner == 0 && m_nCount == 0 && m_pOlder == nullptr && m_pNewer == nullptr);
   m_hOwner.store(callingThread(), std::memory_order_relaxed);
   m_nCount.store(1, std::memory_order_relaxed);
@@ -85,8 +89,6 @@ LockImplementation::~LockImplementation() {
     BriefGate::holdCounts();
   pthread_setspecific(LockThreadStorage::m_mutexListKey, this);
 }
-
-void LockImplementation::take() { book(); }
 
 // Takes the lock off the caller's list and frees the mutex.
 [[gnu::always_inline]] inline void LockImplementation::free() {
@@ -143,7 +145,7 @@ void LockImplementation::lock() {
   if (LockOrder::isChecked()) [[unlikely]]
     noteOrder();  // before: another thread may have come first, and never go on
   pthread_mutex_lock(&m_oMutex);
-  book();
+  take();
 }
 
 [[gnu::noinline]] void LockImplementation::acquire() { acquireFree(); }

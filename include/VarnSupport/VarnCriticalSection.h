@@ -54,16 +54,15 @@ class VSUPT_EXPORT LockImplementation : public LockBase {
   friend VSUPT_EXPORT void VarnCriticalSectionRecoverFn(void*);
 
   bool isHeldByCaller() const;
-  void addLevel();
+  VSUPT_LOCAL void addLevel();
   VSUPT_LOCAL bool dropLevel();
-  void acquire();
+  VSUPT_LOCAL void acquire();
   VSUPT_LOCAL void acquireFree();
   VSUPT_LOCAL void acquireHeld();
   VSUPT_LOCAL void awaitMutex();
   VSUPT_LOCAL void noteOrder() const;
-  void take();
-  VSUPT_LOCAL void book();
-  void giveUp();
+  VSUPT_LOCAL void take();
+  VSUPT_LOCAL void giveUp();
   VSUPT_LOCAL void free();
 
   // Changed by the thread that holds the mutex; owner and count are read by others as snapshots.
@@ -127,13 +126,13 @@ class VSUPT_EXPORT VSUPT_CAPABILITY("critical section") VarnCriticalSectionObjec
     }
     return **shared;
   }
-  void makeState();
-  void lockGuarded();
+  VSUPT_LOCAL void makeState();
+  VSUPT_LOCAL void lockGuarded();
   VSUPT_LOCAL void lockSlowly();
   VSUPT_LOCAL static void lockCancellably(LockImplementation& lock);
   VSUPT_LOCAL static void lockAnew(LockImplementation& lock);
   VSUPT_LOCAL static void acquireGuarded(LockImplementation& lock);
-  void unlockGuarded();
+  VSUPT_LOCAL void unlockGuarded();
   VSUPT_LOCAL static void giveUpGuarded(LockImplementation& lock);
   VSUPT_LOCAL void unlockQuietly();
 

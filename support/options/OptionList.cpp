@@ -1,8 +1,6 @@
 // The standard options are the first of the list, and the last for readers. A program that declares
 // "--help" itself takes the place of the standard one; a letter of a standard option that a program
 // takes for another one is taken away from it.
-//
-// Options stay where they are: a deque would have a block of memory for every two of them.
 #include "options/OptionList.h"
 
 #include <algorithm>
@@ -128,14 +126,23 @@ Option& OptionList::unused() {
   return (*m_vBlocks[count / kBlock])[count % kBlock];
 }
 
-// The place of a name in the index, or the free one for it.
-std::size_t OptionList::placeOf(std::string_view name, std::uint32_t hash) const {
-  const std::size_t mask = m_vNames.size() - 1;
-  assert((m_vNames.size() & mask) == 0 && 2 * m_vOptions.size() <= m_vNames.size());
+// The first place from that of the hash on which is free or has what is looked for.
+template <typename IsIt>
+std::size_t OptionList::firstPlace(const std::vector<Slot>& names, std::uint32_t hash, IsIt isIt) {
+  const std::size_t mask = names.size() - 1;
+  assert((names.size() & mask) == 0);
   std::size_t place = hash & mask;
-  while (m_vNames[place].number > 0 && (m_vNames[place].hash != hash || at(place)->name != name))
+  while (names[place].number > 0 && !isIt(place))
     place = (place + 1) & mask;
   return place;
+}
+
+// The place of a name in the index, or the free one for it.
+std::size_t OptionList::placeOf(std::string_view name, std::uint32_t hash) const {
+  assert(2 * m_vOptions.size() <= m_vNames.size());
+  return firstPlace(m_vNames, hash, [this, name, hash](std::size_t place) {
+    return m_vNames[place].hash == hash && at(place)->name == name;
+  });
 }
 
 // For one more name.
@@ -143,14 +150,9 @@ void OptionList::makeRoom() {
   if (2 * (m_vOptions.size() + 1) <= m_vNames.size())
     return;
   std::vector<Slot> names(2 * m_vNames.size());
-  const std::size_t mask = names.size() - 1;
   for (const Slot& slot : m_vNames) {
-    if (slot.number == 0)
-      continue;
-    std::size_t place = slot.hash & mask;
-    while (names[place].number > 0)
-      place = (place + 1) & mask;
-    names[place] = slot;
+    if (slot.number > 0)
+      names[firstPlace(names, slot.hash, [](std::size_t) { return false; })] = slot;
   }
   m_vNames.swap(names);
 }

@@ -113,6 +113,8 @@ class OptionList {
     const std::uint32_t number = m_vNames[place].number;
     return number > 0 ? m_vOptions[number - 1] : nullptr;
   }
+  template <typename IsIt>
+  static std::size_t firstPlace(const std::vector<Slot>& names, std::uint32_t hash, IsIt isIt);
   std::size_t placeOf(std::string_view name, std::uint32_t hash) const;
   Option& unused();
   void makeRoom();

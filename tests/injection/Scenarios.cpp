@@ -33,6 +33,8 @@ int useTwice(Failures::tKind kind, int every) {
     const Failures failures(kind, every);
     if (kForks)
       child = fork();
+    if (kForks && child == 0)
+      std::srand(2);  // opening a log empties its file: no name is to be the parent's
     scenario.use();
   } catch (const std::bad_alloc&) {
   } catch (const VarnException&) {

@@ -29,6 +29,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/NeverDestroyed.h"
+#include "runtime/SpareMemory.h"
 
 namespace VarnSupport {
 
@@ -371,6 +372,7 @@ void VSUPTInitVarnObjectBase() {
   // While there is one thread: the second makes the key that all locks share.
   BriefGate::prepare();
   LockOrder::prepare();
+  SpareMemory::prepare();
   globalSection().init();
   g_pCriticalSection = &globalSection();
 }

@@ -187,6 +187,18 @@ TEST(VarnLibrary, CopiesHaveTheHandleAndCloseItOnceMore) {
   EXPECT_EQ(nullptr, dlopen(VSUPT_TEST_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
 }
 
+// Who unloads it has the loader's lock, and waits for a call that is under way.
+TEST(VarnLibrary, ATimerOfAPlugInEndsWithIt) {
+  const auto unloadAsTheTimerElapses = [] {
+    for (int i = 0; i < 50; ++i) {
+      VarnLibrary library(VSUPT_TEST_PLUGIN, true);
+      reinterpret_cast<void (*)()>(library.getProcAddr("keepTimer"))();
+      usleep(static_cast<useconds_t>(800 + 37 * i % 600));
+    }
+  };
+  EXPECT_EQ(0, runInChild(unloadAsTheTimerElapses));
+}
+
 TEST(VarnLibrary, OthersMayAskForItsClassesWhileItIsBeingLoaded) {
   std::atomic<int> made{0};
   std::mutex products;  // objects of the plug-in must be gone before it is

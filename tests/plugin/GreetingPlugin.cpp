@@ -49,3 +49,9 @@ extern "C" __attribute__((visibility("default"))) int greetingVersion() { return
 extern "C" __attribute__((visibility("default"))) void useTimer() {
   VarnTimer(1000, false).reset();
 }
+
+// Until the plug-in is unloaded.
+extern "C" __attribute__((visibility("default"))) void keepTimer() {
+  static VarnTimer timer(1, true);
+  timer.reset();
+}

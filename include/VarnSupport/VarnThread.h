@@ -20,7 +20,8 @@
 // - An object that a body is changing by itself when the 110 ms are over is destroyed half changed.
 // - A handler for all exceptions (...) must throw again: the platform ends the process otherwise.
 // - A body that never leaves a destructor, a function that must not throw, code without unwind
-//   tables, or a callback that an operation of the library makes for it, goes on until it does.
+//   tables, exit(), or a callback that an operation of the library makes for it, goes on until it
+//   does.
 // - The library interrupts the thread by SIGUSR2. Where a body blocks that signal, it is killed in
 //   the next operation that takes something.
 #ifndef VARNSUPPORT_VARNTHREAD_H

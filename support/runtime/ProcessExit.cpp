@@ -11,10 +11,8 @@
 
 #include <pthread.h>
 #include <unistd.h>
-#include <unwind.h>
 
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
 #include <mutex>
 #include <utility>
@@ -22,6 +20,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/SystemThreads.h"
+#include "runtime/UnwindCheck.h"
 
 // As the C++ binary interface has them. std::atexit() cannot take a handler back.
 extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* handle);
@@ -111,19 +110,6 @@ void handleExit(void*) {
     function();
 }
 
-// Whether the calling thread is inside of exit().
-bool isCallerExiting() {
-  bool isExiting = false;
-  const auto look = [](_Unwind_Context* frame, void* found) {
-    if (_Unwind_GetRegionStart(frame) != reinterpret_cast<std::uintptr_t>(&std::exit))
-      return _URC_NO_REASON;
-    *static_cast<bool*>(found) = true;
-    return _URC_NORMAL_STOP;
-  };
-  _Unwind_Backtrace(look, &isExiting);
-  return isExiting;
-}
-
 }  // namespace
 
 constinit std::atomic<bool> ProcessExit::m_bOutdated{true};
@@ -153,13 +139,13 @@ void ProcessExit::callAtBegin(void (*function)()) { atBegin = function; }
 bool ProcessExit::hasBegun() { return begin.load() != MonotonicTime::min(); }
 
 bool ProcessExit::hasBegunHere() {
-  if (!hasBegun() && isCallerExiting())
+  if (!hasBegun() && UnwindCheck::isInsideExit())
     noteBegin();
   return hasBegun();
 }
 
 MonotonicTime ProcessExit::latestEnd() {
-  return (hasBegun() ? begin.load() : monotonicNow()) + kPatience;
+  return (hasBegunHere() ? begin.load() : monotonicNow()) + kPatience;
 }
 
 bool ProcessExit::pause() {

@@ -39,7 +39,7 @@ class ProcessExit {
   // The same for who is about to wait without limit, at the price of a walk over its frames: true,
   // too, inside of an exit() that the handler has missed.
   static bool hasBegunHere();
-  // Until when a destructor may wait that begins to do so now.
+  // Until when a destructor may wait that begins to do so now, with hasBegunHere().
   static MonotonicTime latestEnd();
 
   // Waits until `isDone()`, which is asked again after each change that `changes` is notified of.

@@ -7,6 +7,7 @@
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <gnu/lib-names.h>
 #include <link.h>
 #include <pthread.h>
 #include <sys/auxv.h>
@@ -40,6 +41,18 @@ constinit std::array<Segment, 7> theSegments;
 constexpr std::size_t kLibrary = 0;
 constexpr std::size_t kCLibrary = 1;
 constexpr std::size_t kLoader = 2;
+
+constinit std::uintptr_t theExit = 0;
+
+bool isOfExit(_Unwind_Context* frame) { return _Unwind_GetRegionStart(frame) == theExit; }
+
+// A program that is loaded at fixed addresses may have one of its own for exit().
+std::uintptr_t addressOfExit() {
+  void* const library = dlopen(LIBC_SO, RTLD_LAZY | RTLD_NOLOAD);
+  void* const found = library != nullptr ? dlsym(library, "exit") : nullptr;
+  return found != nullptr ? reinterpret_cast<std::uintptr_t>(found)
+                          : reinterpret_cast<std::uintptr_t>(&std::exit);
+}
 
 bool isInPlatformOrLibrary(std::uintptr_t address) {
   return std::any_of(theSegments.begin(), theSegments.end(),
@@ -226,7 +239,9 @@ class Look {
     // The loader holds its lock while it runs what libraries do as they come and go.
     if (theSegments[kLoader].contains(address))
       m_bPossible = m_bPossible && isInterrupted != 0;
-    else if (m_bPossible && !m_bHasReachedStart)
+    else if (m_bHasReachedStart)
+      m_bPossible = m_bPossible && !isOfExit(frame);
+    else if (m_bPossible)
       m_bPossible = canPass(frame, isInterrupted != 0 ? address : address - 1);
     return m_bPossible;
   }
@@ -271,6 +286,7 @@ void UnwindCheck::prepare() {
                  segmentOf(&abi::__cxa_begin_catch),
                  segmentOf(&_Unwind_Resume),
                  segmentOf(&std::free)};
+  theExit = addressOfExit();
   isPossibleHere();
 }
 
@@ -282,6 +298,17 @@ bool UnwindCheck::isPossibleWhereInterrupted(bool destroysNothing) {
 
 bool UnwindCheck::isPossibleAroundCancellationPoint() {
   return Look(Look::AROUND_CANCELLATION_POINT).isPossible();
+}
+
+bool UnwindCheck::isInsideExit() {
+  bool isInside = false;
+  const auto look = [](_Unwind_Context* frame, void* found) {
+    bool& isFound = *static_cast<bool*>(found);
+    isFound = isOfExit(frame);
+    return isFound ? _URC_NORMAL_STOP : _URC_NO_REASON;
+  };
+  _Unwind_Backtrace(look, &isInside);
+  return isInside;
 }
 
 }  // namespace VarnSupport

@@ -3,7 +3,8 @@
 // To unwind a thread runs the destructors of its frames. A frame that has some lists the calls at
 // which they can run in its exception table; unwound anywhere else, or through a function that must
 // not throw, the platform ends the process. Unwound inside the heap or another part of the
-// platform, a thread leaves a lock of the platform locked. So the library looks first.
+// platform, a thread leaves a lock of the platform locked; unwound out of exit(), it leaves a
+// process that never ends. So the library looks first.
 #ifndef SUPPORT_RUNTIME_UNWINDCHECK_H
 #define SUPPORT_RUNTIME_UNWINDCHECK_H
 
@@ -26,6 +27,10 @@ class UnwindCheck {
 
   // The same for a thread that is known to be inside a cancellation point of the platform.
   static bool isPossibleAroundCancellationPoint();
+
+  // Whether the calling thread is inside of exit(). False, too, where there is a frame without
+  // unwind tables in between.
+  static bool isInsideExit();
 };
 
 }  // namespace VarnSupport

@@ -74,14 +74,52 @@ TEST(ProcessStress, ExitWaitsOnlyForAWhileForCallbacksAndBodiesThatHang) {
     worker->start();
     std::atexit([] { delete worker; });
   };
+  const auto hangInRecordsOfLogs = [] {
+    static FileLog logs[3]{FileLog(9), FileLog(9), FileLog(9)};
+    for (FileLog& log : logs) {
+      hangs = false;
+      VarnLogging::setInstance(log.log());
+      std::thread([] {
+        const VarnLogRecord open(5);
+        hangs = true;
+        pause();
+      }).detach();
+      EXPECT_TRUE(eventually([] { return hangs.load(); }));
+    }
+  };
+  const auto begin = Clock::now();
+  std::vector<pid_t> children;
   for (const std::function<void()> hang :
-       {+hangInACallback, +hangInABody, +hangInABodyEndedByAHandler}) {
-    const auto begin = Clock::now();
-    EXPECT_EQ(7, runInChild([&] {
-                hang();
-                EXPECT_TRUE(eventually([] { return hangs.load(); }));
-                return 7;
-              }));
-    EXPECT_LT(Clock::now() - begin, 8s);
+       {+hangInACallback, +hangInABody, +hangInABodyEndedByAHandler, +hangInRecordsOfLogs}) {
+    children.push_back(startChild([&] {
+      hang();
+      EXPECT_TRUE(eventually([] { return hangs.load(); }));
+      return 7;
+    }));
   }
+  for (const pid_t child : children)
+    EXPECT_EQ(7, outcomeOf(child));
+  EXPECT_LT(Clock::now() - begin, 8s);
+}
+
+TEST(ProcessStress, AThreadThatIsKilledInsideExitEndsTheProcess) {
+  if (kThreadSanitizer)
+    return;  // the platform cancels the thread there
+  const auto exitMeanwhile = [] {
+    static std::atomic<bool> exits{false};
+    struct Worker : VarnThread {
+      int run() override { std::exit(7); }
+    };
+    std::atexit([] {
+      exits = true;
+      sleepMs(300);
+    });
+    auto* const worker = new Worker;
+    worker->start();
+    EXPECT_TRUE(eventually([] { return exits.load(); }));
+    worker->kill();
+    sleepMs(30000);
+    return 1;
+  };
+  EXPECT_EQ(7, runInChild(exitMeanwhile));
 }

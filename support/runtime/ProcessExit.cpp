@@ -50,7 +50,7 @@ constinit std::uint32_t askedAbout = 0;
 constinit std::atomic<pid_t> asking{0};  // the thread
 
 // Whether whoever uses the list of handlers comes back. Waits for the answer once in a process, and
-// then for the quite end of the thread that has asked: the next fork may be near.
+// then for the very end of the thread that has asked: the next fork may be near.
 // Requires: the mutex is held.
 bool isListUsable() {
   if (usableIn == g_nForks)

@@ -42,7 +42,7 @@ constexpr std::size_t kLibrary = 0;
 constexpr std::size_t kCLibrary = 1;
 constexpr std::size_t kLoader = 2;
 
-constinit std::uintptr_t theExit = 0;
+constinit std::uintptr_t theExit = UINTPTR_MAX;  // until prepare() no function's address
 
 bool isOfExit(_Unwind_Context* frame) { return _Unwind_GetRegionStart(frame) == theExit; }
 

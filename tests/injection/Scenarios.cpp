@@ -31,9 +31,7 @@ int useTwice(Failures::tKind kind, int every) {
   pid_t child = 0;
   try {
     const Failures failures(kind, every);
-    if (kForks)
-      child = fork();
-    if (kForks && child == 0)
+    if (kForks && (child = fork()) == 0)
       std::srand(2);  // opening a log empties its file: no name is to be the parent's
     scenario.use();
   } catch (const std::bad_alloc&) {

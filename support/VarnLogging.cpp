@@ -38,6 +38,11 @@ VarnLogging* VarnLogging::Registration::operator=(VarnLogging* log) {
 
 void VarnLogging::setInstance(VarnLogging& log) { m_pInstance = &log; }
 
+bool VarnLogging::admits(const std::string& component, int level) {
+  const CancellationGuard closed;
+  return admits(level) && !State::isRejected(component, level);
+}
+
 VarnLogging::VarnLogging() : VarnLogging("log", kToStandardOutput, State::kLevelOff) {}
 
 VarnLogging::VarnLogging(const std::string& fileName, int target, int level)

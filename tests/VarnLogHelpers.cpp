@@ -120,10 +120,12 @@ TEST(VarnApplyLogLevels, FaultsChangeNothingAndAreNamed) {
 
 TEST(VarnLogLimit, LetsOneRecordOfAFloodPassAndSaysHowManyItHeldBack) {
   FileLog log(5);
+  log.log().setLogLevel("disk", 1);
   static VarnLogLimit never(std::chrono::nanoseconds::max());
   static VarnLogLimit soon(50ms);
   for (int i = 0; i < 10; ++i) {
     VarnLimitedLogRecord(never, 6) << "rejected by the level";
+    VarnLimitedLogRecord(never, "disk", 5) << "rejected by the component's";
     VarnLimitedLogRecord(never, "net", 5) << "once " << i;
   }
   onThreads(4, [](int) {

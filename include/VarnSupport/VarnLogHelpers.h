@@ -70,19 +70,19 @@ class VarnLogLimit {
   std::atomic<std::uint64_t> m_nLeftOut{0};
 };
 
-// A VarnLogRecord that is not admitted while its limit lets none pass. Records that the log's level
-// rejects do not count.
+// A VarnLogRecord that is not admitted while its limit lets none pass. Records that the level of the
+// log or of the component rejects do not count.
 class VarnLimitedLogRecord : public VarnLogRecord {
  public:
   VarnLimitedLogRecord(VarnLogLimit& limit, int level)
       : VarnLimitedLogRecord(limit, std::string(), level) {}
   VarnLimitedLogRecord(VarnLogLimit& limit, const std::string& component, int level)
-      : VarnLimitedLogRecord(component, level, Admission(limit, level)) {}
+      : VarnLimitedLogRecord(component, level, Admission(limit, component, level)) {}
 
  private:
   struct Admission {
-    Admission(VarnLogLimit& limit, int level)
-        : passes(VarnLogging::admits(level) && limit.passes(leftOut)) {}
+    Admission(VarnLogLimit& limit, const std::string& component, int level)
+        : passes(VarnLogging::admits(component, level) && limit.passes(leftOut)) {}
 
     std::uint64_t leftOut = 0;
     bool passes;

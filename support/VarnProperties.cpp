@@ -29,6 +29,8 @@ namespace VarnSupport {
 namespace {
 
 constexpr std::size_t kBlockCharacters = 32768;
+constexpr std::size_t kLinesPerHold = 32;
+constexpr int kPlacesTried = 4;
 
 void logFile(const char* step, const std::string& fileName) {
   OwnRecords::write(OwnRecords::EVENT, "VarnProperties<StringType>::", step, fileName);
@@ -42,6 +44,21 @@ void logFile(const char* step, const std::string& fileName) {
 
 template <typename StringType>
 using IndexOf = PropertyIndex<StringType, std::pair<const StringType, std::vector<StringType>>>;
+
+// Where a key is, or belongs. Keys often come in order: the end is tried, and the places from
+// `near` on, which is not behind the one sought unless it is the end, before the search.
+template <typename Properties>
+auto placeOf(Properties& properties, const typename Properties::key_type& key,
+             typename Properties::iterator near) {
+  const auto less = properties.key_comp();
+  if (properties.empty() || less(std::prev(properties.end())->first, key))
+    return properties.end();
+  for (int tried = 0; near != properties.end() && tried < kPlacesTried; ++near, ++tried) {
+    if (!less(near->first, key))
+      return near;
+  }
+  return properties.lower_bound(key);
+}
 
 // The global level is exactly the trace level.
 bool isTracing() {
@@ -151,7 +168,7 @@ void VarnProperties<StringType>::addProperty(const StringType& key, const String
     return;
   const CancellationGuard closed;
   const WholeHold hold(m_oLock);
-  addLocked(key, tView(value.data(), value.size()));
+  addLocked(key, tView(value.data(), value.size()), m_mapProperties.end());
 }
 
 template <typename StringType>
@@ -162,7 +179,7 @@ void VarnProperties<StringType>::addProperty(const StringType& line, CharT separ
   if (key.empty())
     return;
   const WholeHold hold(m_oLock);
-  addLocked(key, property.value);
+  addLocked(key, property.value, m_mapProperties.end());
 }
 
 // The whole line is the key, and the value is empty.
@@ -183,7 +200,7 @@ void VarnProperties<StringType>::setProperty(const StringType& key, const String
   if (found != m_mapProperties.end())
     found->second.front() = value;
   else
-    addLocked(key, tView(value.data(), value.size()));
+    addLocked(key, tView(value.data(), value.size()), m_mapProperties.end());
 }
 
 template <typename StringType>
@@ -303,15 +320,12 @@ const StringType* VarnProperties<StringType>::firstValueLocked(const StringType&
   return found != nullptr ? &found->second.front() : nullptr;
 }
 
-// Keys often come in order: the end is tried before the search.
 template <typename StringType>
-void VarnProperties<StringType>::addLocked(const StringType& key, tView value) {
+auto VarnProperties<StringType>::addLocked(const StringType& key, tView value, tPlace near)
+    -> tPlace {
   assert(!key.empty());
-  const auto less = m_mapProperties.key_comp();
-  auto place = m_mapProperties.end();
-  if (!m_mapProperties.empty() && !less(std::prev(place)->first, key))
-    place = m_mapProperties.lower_bound(key);
-  if (place == m_mapProperties.end() || less(key, place->first)) {
+  auto place = placeOf(m_mapProperties, key, near);
+  if (place == m_mapProperties.end() || m_mapProperties.key_comp()(key, place->first)) {
     std::vector<StringType> values;
     values.emplace_back(value.data(), value.size());
     place = m_mapProperties.emplace_hint(place, key, std::move(values));
@@ -322,6 +336,7 @@ void VarnProperties<StringType>::addLocked(const StringType& key, tView value) {
   } else {
     place->second.front().assign(value.data(), value.size());
   }
+  return place;
 }
 
 // Adds lines in key order, which costs a sort but spares most of the search, and leaves neighbours
@@ -335,12 +350,14 @@ void VarnProperties<StringType>::addLines(const std::vector<tView>& lines, CharT
   if (!std::is_sorted(properties.begin(), properties.end()))
     std::stable_sort(properties.begin(), properties.end());
   StringType key;
-  for (const PropertyLine<StringType>& property : properties) {
-    if (property.key.empty())
-      continue;
-    key = property.key;
+  for (auto property = properties.begin(); property != properties.end();) {
     const WholeHold hold(m_oLock);
-    addLocked(key, property.value);
+    tPlace place = m_mapProperties.end();
+    for (std::size_t i = 0; i < kLinesPerHold && property != properties.end(); ++i, ++property) {
+      key = property->key;
+      if (!key.empty())
+        place = addLocked(key, property->value, place);
+    }
   }
 }
 

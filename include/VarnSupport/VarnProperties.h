@@ -150,11 +150,13 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
 
  private:
   using tView = std::basic_string_view<CharT>;
+  using tPlace = typename tProperties::iterator;
 
   VSUPT_LOCAL const std::pair<const StringType, std::vector<StringType>>* findLocked(
       const StringType& key) const VSUPT_REQUIRES(m_oLock);
   const StringType* firstValueLocked(const StringType& key) const VSUPT_REQUIRES(m_oLock);
-  void addLocked(const StringType& key, tView value) VSUPT_REQUIRES(m_oLock);
+  VSUPT_LOCAL tPlace addLocked(const StringType& key, tView value, tPlace near)
+      VSUPT_REQUIRES(m_oLock);
   void addLines(const std::vector<tView>& lines, CharT separator);
   std::vector<StringType> blocksOfLines() const;
 

@@ -131,12 +131,24 @@ void addNodes() {
 }
 
 void addProperties() {
+  constexpr int kProperties = 10000;
   Bench::addPropertySides([](auto side, const char* name) {
     using Side = typename decltype(side)::type;
     addSizeOfFilled(
-        "property of a set", name, 10000, [] { return std::make_unique<Side>(); },
+        "property of a set", name, kProperties,
+        [] {
+          Bench::fileOf(kProperties, Side::kGroup);  // and the properties, which stay
+          return std::make_unique<Side>();
+        },
         [](auto& set, int count) { set->load(Bench::fileOf(count, Side::kGroup)); });
   });
+  using Map = std::map<std::string, std::vector<std::string>>;
+  addSizeOfFilled(
+      "property of a set", "limit: map of vectors", kProperties, [] { return Map(); },
+      [](Map& map, int count) {
+        for (const Bench::Property& property : Bench::properties(count))
+          map[property.key].push_back(property.value);
+      });
 }
 
 void addOthers() {

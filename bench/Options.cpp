@@ -152,6 +152,20 @@ Parse withGetopt(CommandLine& line) {
   };
 }
 
+// What callers of a table do for each parse: they make the texts of its declarations, which it
+// keeps.
+Parse withTexts(CommandLine& line) {
+  return [&line, parse = withGetopt(line)] {
+    Texts declared;
+    for (const std::string& name : line.withData)
+      declared.push_back("--" + name + "=X");
+    for (const std::string& name : line.flags)
+      declared.push_back("--" + name);
+    benchmark::DoNotOptimize(declared.data());
+    return parse();
+  };
+}
+
 #ifdef PEER_CXXOPTS
 Parse withCxxopts(CommandLine& line) {
   return [&line, all = line.arguments()] {
@@ -238,6 +252,7 @@ const bool g_bAdded = [] {
   add("ours", ours);
   add("ours, table", withTable);
   add("getopt_long", withGetopt);
+  add("limit: getopt_long, texts made", withTexts);
 #ifdef PEER_CXXOPTS
   add("cxxopts", withCxxopts);
 #endif

@@ -48,12 +48,10 @@ class Row:
         peers = workload.peers()
         self.peer = min(peers, key=peers.get) if peers else None
         best = peers.get(self.peer)
-        base = workload.sides.get(WANTED['taken off all sides first'].get(workload.name), 0)
         goal = WANTED['goals'].get(f'{workload.name}/{side}')
-        has_ratio = best is not None and best > base
-        self.ratio = Ratio((self.ours - base) / (best - base) if has_ratio else None, goal)
-        limits = [limit for limit in workload.sides_of(LIMIT).values() if limit > base]
-        self.is_limit_above = has_ratio and bool(limits) and min(limits) - base > 2 * (best - base)
+        self.ratio = Ratio(None if best is None else self.ours / best, goal)
+        limits = workload.sides_of(LIMIT).values()
+        self.is_limit_above = best is not None and bool(limits) and min(limits) > 2 * best
 
     def shown(self, figures, side):
         """A figure of a side, with its name unless it is ours."""

@@ -10,10 +10,13 @@
 // there, whether an exception, a cancellation or a time limit has brought the end about.
 #include "VarnSupport/VarnCommand.h"
 
+#include <array>
 #include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <mutex>
+#include <optional>
+#include <span>
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
@@ -23,6 +26,7 @@
 #include "runtime/NeverDestroyed.h"
 #include "runtime/ProcessExit.h"
 #include "runtime/System.h"
+#include "threads/LatchState.h"
 
 namespace VarnSupport {
 
@@ -119,6 +123,7 @@ struct VarnCommand::State {
     return made;
   }
 
+  Result run(std::span<const LatchTicket> stops);
   void end();
 
   CommandSettings settings;
@@ -226,6 +231,18 @@ void VarnCommand::setTimeLimit(std::chrono::milliseconds limit, std::chrono::mil
 
 VarnCommand::Result VarnCommand::run() {
   const CancellationGuard closed;
+  return m_pState->run({});
+}
+
+VarnCommand::Result VarnCommand::run(VarnLatchedEvent& stop) {
+  const CancellationGuard closed;
+  LatchState& event = latchOf(stop);
+  LatchState* const ofThread = StopScope::find();
+  const std::array stops{LatchTicket(event), LatchTicket(ofThread != nullptr ? *ofThread : event)};
+  return m_pState->run(stops);
+}
+
+VarnCommand::Result VarnCommand::State::run(std::span<const LatchTicket> stops) {
   // However this ends, the program has ended before.
   struct Run {
     std::shared_ptr<CommandTask> task;
@@ -242,18 +259,24 @@ VarnCommand::Result VarnCommand::run() {
         CommandThread::leave(task);
     }
   };
-  State::Claim claim(*m_pState);
-  const Run run{m_pState->makeTask(Done())};
+  Claim claim(*this);
+  const Run run{makeTask(Done())};
   {
     const NoCancellation whole;
+    CommandJob& job = run.task->job;
     run.task->bell = makeBell();
-    if (run.task->bell.isOpen())
-      run.task->job.start(m_pState->settings);
+    if (!run.task->bell.isOpen())
+      job.fail(errno, "eventfd");
+    else if (isAnyOver(stops))
+      job.fail(ECANCELED, settings.arguments.empty() ? "" : settings.arguments.front());
     else
-      run.task->job.fail(errno, "eventfd");
-    claim.publish(run.task, State::Claim::CALLER);
+      job.start(settings);
+    claim.publish(run.task, Claim::CALLER);
   }
-  CommandThread::serve(*run.task);
+  std::optional<LatchWatch> watch;
+  if (!stops.empty())
+    watch.emplace(stops, run.task->bell);
+  CommandThread::serve(*run.task, stops);
   return run.task->job.result();
 }
 

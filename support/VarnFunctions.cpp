@@ -9,8 +9,6 @@
 
 namespace VarnSupport {
 
-LatchState& latchOf(VarnLatchedEvent& event);
-
 // The function may go on without its object, when it destroys that itself.
 struct VarnFunctionThread::State {
   State(std::string itsName, tFunction itsFunction)

@@ -286,10 +286,13 @@ std::string VarnReplaceReferences(
 }
 
 // The file is not touched when nothing changes, so that who watches it is not woken for nothing.
-void VarnUpdatePropertyFile(const std::string& fileName, const VarnProperties<std::string>& set) {
+void VarnUpdatePropertyFile(const std::string& fileName, const VarnProperties<std::string>& set,
+                            const std::vector<std::string>& removed) {
   const CancellationGuard closed;
-  const auto values = set.getProperties();
+  auto values = set.getProperties();
   checkThatLinesHold(values);
+  for (const std::string& key : removed)
+    values.try_emplace(key);  // without values no line stays
   FileReplacement file(fileName);
   const std::string now = file.read();
   const std::string updated = updatedText(now, values);

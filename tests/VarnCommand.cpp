@@ -320,6 +320,38 @@ TEST(VarnCommand, KillEndsARunOfAnotherThread) {
   EXPECT_EQ(-1, command.getProcessId());
 }
 
+TEST(VarnCommand, AnEventOrTheStopOfTheThreadEndsARunAndLetsNoneBegin) {
+  const NothingIsLeft atTheEnd;
+  VarnLatchedEvent stop;
+  EXPECT_TRUE(shell("exit 0").run(stop).succeeded());
+  VarnCommand sleeping = shell("exec sleep 60");
+  {
+    VarnFunctionThread runner("runner", [&](VarnFunctionThread& thread) {
+      EXPECT_TRUE(sleeping.run(thread.stopEvent()).isKilled());
+      const Result late = sleeping.run(stop);
+      EXPECT_EQ(VarnCommand::NOT_STARTED, late.getOutcome());
+      EXPECT_EQ(ECANCELED, late.getError());
+    });
+    EXPECT_TRUE(eventually([&] { return sleeping.isRunning(); }));
+    EXPECT_EQ(EBUSY, errorOf([&] { sleeping.run(stop); }));
+    EXPECT_TRUE(sleeping.isRunning());
+  }
+  const std::jthread setter([&] {
+    EXPECT_TRUE(eventually([&] { return sleeping.isRunning(); }));
+    stop.set();
+  });
+  EXPECT_TRUE(sleeping.run(stop).isKilled());
+  EXPECT_EQ("could not be started: /bin/sh: Operation canceled", sleeping.run(stop).getText());
+  // Where it is the thread of all commands that runs one.
+  stop.reset();
+  VarnCommand outer = shell("exit 0");
+  outer.start([&](const Result&) {
+    const std::jthread later([&] { stop.set(); });
+    EXPECT_FALSE(sleeping.run(stop).succeeded());
+  });
+  outer.wait();
+}
+
 TEST(VarnCommand, ADestroyedCommandEndsItsProgramAndWaitsForDone) {
   const NothingIsLeft atTheEnd;
   std::atomic<int> calls{0};
@@ -401,15 +433,18 @@ TEST(VarnCommand, DoneMayDoEverything) {
 TEST(VarnCommand, AKilledThreadKillsWhatItRuns) {
   const NothingIsLeft atTheEnd;
   VarnCommand command = shell("exec sleep 60");
-  Task runner([&] { command.run(); });
-  runner.start();
-  EXPECT_TRUE(eventually([&] { return command.isRunning(); }));
-  const pid_t process = command.getProcessId();
-  killAndJoin(*startTask([&] { command.wait(); }));
-  EXPECT_TRUE(command.isRunning());
-  killAndJoin(runner);
-  EXPECT_TRUE(isGone(process));
-  EXPECT_TRUE(command.wait().isKilled());
+  VarnLatchedEvent never;
+  for (const bool stoppable : {false, true}) {
+    Task runner([&] { stoppable ? command.run(never) : command.run(); });
+    runner.start();
+    EXPECT_TRUE(eventually([&] { return command.isRunning(); }));
+    const pid_t process = command.getProcessId();
+    killAndJoin(*startTask([&] { command.wait(); }));
+    EXPECT_TRUE(command.isRunning());
+    killAndJoin(runner);
+    EXPECT_TRUE(isGone(process));
+    EXPECT_TRUE(command.wait().isKilled());
+  }
 }
 
 TEST(VarnCommand, AStatusThatOthersHaveTakenIsUnknown) {

@@ -48,6 +48,15 @@ TEST(VarnReadWriteLock, AdmitsManyReadersOrOneWriterThroughAllCopies) {
   original.reset();
   EXPECT_FALSE(isOpenToReaders(copy));
   copy.readUnLock();
+  {
+    const VarnReadSection reading(copy);
+    EXPECT_TRUE(isOpenToReaders(copy));
+    EXPECT_FALSE(isFree(copy));
+  }
+  {
+    const VarnWriteSection writing(copy);
+    EXPECT_FALSE(isOpenToReaders(copy));
+  }
   EXPECT_TRUE(isFree(copy));
   EXPECT_EQ(Lines(), log.lines());
 }

@@ -48,6 +48,11 @@ TEST_F(VarnUpdatePropertyFile, ValuesChangeWhereTheyStandAndAllElseStays) {
     for (const auto& [key, values] : set.getProperties())
       EXPECT_EQ(loaded.getPropertyValues(key), values);
   }
+  VarnSupport::VarnUpdatePropertyFile(m_sFile, setOf({{"a", "1"}}), {"a", "b"});
+  EXPECT_EQ(contentsOf(m_sFile), "a=1\n");
+  writeFile(m_sFile, "# b\na=1\nb=2\nc\nb=3");
+  VarnSupport::VarnUpdatePropertyFile(m_sFile, Set(), {"b", "c", "none"});
+  EXPECT_EQ(contentsOf(m_sFile), "# b\na=1\n");
   EXPECT_EQ(entriesIn(m_oFolder.path()), 1);
 }
 

@@ -13,8 +13,8 @@
 // those that a program leaves behind when it ends by itself, or is ended by somebody else.
 //
 // Many programs run at once by start(), each with its own object; a limit to their number is a
-// VarnQueue of commands that as many VarnFunctionThreads run. The function of a timer should not
-// wait for a program.
+// VarnQueue of commands that as many VarnFunctionThreads run, each by run(thread.stopEvent()). The
+// function of a timer should not wait for a program.
 //
 // Setting up, running, starting, moving and destroying belong to the owner; kill(), wait() and the
 // queries are safe from any thread. Failures of the program, also to start it, are results; nothing
@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "VarnSupport/VarnExport.h"
+#include "VarnSupport/VarnLatchedEvent.h"
 
 namespace VarnSupport {
 
@@ -87,7 +88,8 @@ class VSUPT_EXPORT VarnCommand {
     // The signal that ended it, else 0.
     int getSignal() const { return outcome().signal; }
     // Why it could not be started, an error number, else 0. EINVAL: there is no argument, a text
-    // contains a NUL, or the name of a variable is empty or contains a '='.
+    // contains a NUL, or the name of a variable is empty or contains a '='. ECANCELED: it was to
+    // stop before.
     int getError() const { return outcome().error; }
     // Whether the time limit, or kill() and its kind, came before the end of the program.
     bool isTimedOut() const { return outcome().isTimedOut; }
@@ -154,6 +156,9 @@ class VSUPT_EXPORT VarnCommand {
   // more. A thread that is killed in here kills the program and waits for it. Throws a
   // VarnException with EBUSY while the command is running, with ECANCELED while it is destroyed.
   Result run();
+  // The same, until `stop` is set or the calling VarnFunctionThread is asked to stop, which end the
+  // program as kill() does; where that was so before, no program is started.
+  Result run(VarnLatchedEvent& stop);
 
   // Starts the program and returns. When it has ended, or could not be started, `done` is called
   // once, with the caller's signal mask, on the thread that the library has for all commands:
@@ -163,8 +168,8 @@ class VSUPT_EXPORT VarnCommand {
   // refuses the thread, which ends when there has been nothing to do for a second.
   void start(Done done = Done());
 
-  // Ends the program as the time limit does, without waiting. Does nothing when it is not running,
-  // also where run() or start() is about to be called: who wants no more runs says so elsewhere.
+  // Ends the program as the time limit does, without waiting. Does nothing when it is not running:
+  // a run that is about to begin does not know of it, and needs an event to be stopped by.
   void kill();
   // Waits for the end of the program, and for the return of `done`, unless that is the caller.
   // Returns the result of the latest run.

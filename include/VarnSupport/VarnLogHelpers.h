@@ -70,8 +70,8 @@ class VarnLogLimit {
   std::atomic<std::uint64_t> m_nLeftOut{0};
 };
 
-// A VarnLogRecord that is not admitted while its limit lets none pass. Records that the level of the
-// log or of the component rejects do not count.
+// A VarnLogRecord that is not admitted while its limit lets none pass. Records that the level of
+// the log or of the component rejects do not count.
 class VarnLimitedLogRecord : public VarnLogRecord {
  public:
   VarnLimitedLogRecord(VarnLogLimit& limit, int level)

@@ -67,6 +67,30 @@ class VSUPT_EXPORT VarnReadWriteLock {
   VarnSmartPointer<RwLockImplementation>* m_pState;
 };
 
+// Holds a lock for reading while it exists. Requires: the lock outlives it.
+class VarnReadSection {
+ public:
+  explicit VarnReadSection(VarnReadWriteLock& lock) : m_rLock(lock) { m_rLock.readLock(); }
+  VarnReadSection(const VarnReadSection&) = delete;
+  VarnReadSection& operator=(const VarnReadSection&) = delete;
+  ~VarnReadSection() { m_rLock.readUnLock(); }
+
+ private:
+  VarnReadWriteLock& m_rLock;
+};
+
+// The same for writing.
+class VarnWriteSection {
+ public:
+  explicit VarnWriteSection(VarnReadWriteLock& lock) : m_rLock(lock) { m_rLock.writeLock(); }
+  VarnWriteSection(const VarnWriteSection&) = delete;
+  VarnWriteSection& operator=(const VarnWriteSection&) = delete;
+  ~VarnWriteSection() { m_rLock.writeUnLock(); }
+
+ private:
+  VarnReadWriteLock& m_rLock;
+};
+
 }  // namespace VarnSupport
 
 #endif

@@ -257,8 +257,9 @@ VSUPT_EXPORT std::string VarnReplaceReferences(
 
 // Changes a property file so that each key of `set` has exactly the values that it has there. They
 // change where they stand; lines of a key that has fewer values now go, further values follow the
-// key's last line, and new keys come at the end in key order. All else stays byte for byte. Without
-// a file there is a new one, with mode 0644 less the process's mask.
+// key's last line, and new keys come at the end in key order. The lines of keys in `removed` go,
+// unless the set has these. All else stays byte for byte. Without a file there is a new one, with
+// mode 0644 less the process's mask.
 //
 // The new contents are written to ".NAME.new" beside the file, synchronized to the disk and renamed
 // over it: whatever kills the process, or stops the machine, leaves the old file or the new one.
@@ -271,7 +272,8 @@ VSUPT_EXPORT std::string VarnReplaceReferences(
 // (a line feed, leading blanks ...), a file that is not regular or is UTF-16, and a failure of the
 // system; when only the folder's entry could not be synchronized, with the new file in place.
 VSUPT_EXPORT void VarnUpdatePropertyFile(const std::string& fileName,
-                                         const VarnProperties<std::string>& set);
+                                         const VarnProperties<std::string>& set,
+                                         const std::vector<std::string>& removed = {});
 
 }  // namespace VarnSupport
 

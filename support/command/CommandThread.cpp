@@ -167,12 +167,14 @@ void CommandThread::leave(const std::shared_ptr<CommandTask>& task) noexcept {
   }
 }
 
-void CommandThread::serve(CommandTask& task) {
+void CommandThread::serve(CommandTask& task, std::span<const LatchTicket> stops) {
   while (true) {
     std::optional<Watch> watch;
     {
       const NoCancellation whole;
       const std::lock_guard guard(commandLock);
+      if (isAnyOver(stops))
+        task.job.terminate(monotonicNow());
       task.job.advance(monotonicNow());
       if (task.job.isFinished())
         return;

@@ -8,11 +8,13 @@
 
 #include <csignal>
 #include <memory>
+#include <span>
 #include <utility>
 
 #include "VarnSupport/VarnCommand.h"
 #include "command/CommandJob.h"
 #include "runtime/CallUnderWay.h"
+#include "threads/LatchState.h"
 
 namespace VarnSupport {
 
@@ -61,8 +63,9 @@ class CommandThread {
   // The same for a process that is yet to be waited for, if the thread can be had.
   static void leave(const std::shared_ptr<CommandTask>& task) noexcept;
 
-  // Serves the job on the calling thread until it is finished. The wait can be cancelled.
-  static void serve(CommandTask& task);
+  // Serves the job on the calling thread until it is finished. One of `stops`, which ring the
+  // task's bell, terminates it. The wait can be cancelled.
+  static void serve(CommandTask& task, std::span<const LatchTicket> stops = {});
   // Calls who is to hear of the end, unless that has begun. Requires: the job is finished.
   static void conclude(CommandTask& task);
   // Waits until the task is over, or until `deadline`. On the thread itself it serves and concludes

@@ -3,6 +3,8 @@
 // alone: the latch may be gone by then. That list is looked at only when a latch has waiters.
 #include "threads/LatchState.h"
 
+#include <sys/eventfd.h>
+
 #include <algorithm>
 #include <array>
 #include <cassert>
@@ -36,8 +38,8 @@ void LatchState::set() {
   LatchWatch::tell(self);
 }
 
-LatchWatch::LatchWatch(std::span<const LatchTicket> tickets, EventState& raised)
-    : m_vTickets(tickets), m_oRaised(raised) {
+LatchWatch::LatchWatch(std::span<const LatchTicket> tickets, EventState* raised, int bell)
+    : m_vTickets(tickets), m_pRaised(raised), m_nBell(bell) {
   assert(!tickets.empty());
   {
     const BriefMutex::Hold hold(watchMutex);
@@ -61,9 +63,13 @@ void LatchWatch::tell(const LatchState* latch) {
   const BriefMutex::Hold hold(watchMutex);
   forgetLost();
   for (const LatchWatch* watch = theWatches; watch != nullptr; watch = watch->m_pNext) {
-    if (std::any_of(watch->m_vTickets.begin(), watch->m_vTickets.end(),
-                    [&](const LatchTicket& ticket) { return &ticket.latch() == latch; }))
-      watch->m_oRaised.raise();
+    if (std::none_of(watch->m_vTickets.begin(), watch->m_vTickets.end(),
+                     [&](const LatchTicket& ticket) { return &ticket.latch() == latch; }))
+      continue;
+    if (watch->m_pRaised != nullptr)
+      watch->m_pRaised->raise();
+    else
+      static_cast<void>(eventfd_write(watch->m_nBell, 1));
   }
 }
 

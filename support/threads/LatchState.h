@@ -2,16 +2,20 @@
 #ifndef SUPPORT_THREADS_LATCHSTATE_H
 #define SUPPORT_THREADS_LATCHSTATE_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
 
+#include "runtime/Descriptor.h"
 #include "runtime/System.h"
 #include "runtime/ThreadScope.h"
 #include "threads/EventState.h"
 
 namespace VarnSupport {
+
+class VarnLatchedEvent;
 
 // The number of the event is odd while the latch is set. As soon as set() has moved it nothing of
 // the state is touched any more, because a waiter that sees it move may destroy the latch at once.
@@ -31,6 +35,8 @@ class LatchState : public EventState {
   friend class LatchWatch;
 };
 
+LatchState& latchOf(VarnLatchedEvent& event);
+
 // A latch as it was when a wait for it began: a set() ends the wait also when a reset() follows at
 // once.
 class LatchTicket {
@@ -46,23 +52,33 @@ class LatchTicket {
   std::uint32_t m_nNumber;
 };
 
-// While it exists a set() of any of the latches raises the event too. Who watches counts as a
-// waiter of each latch.
+inline bool isAnyOver(std::span<const LatchTicket> tickets) {
+  return std::any_of(tickets.begin(), tickets.end(),
+                     [](const LatchTicket& ticket) { return ticket.isOver(); });
+}
+
+// While it exists a set() of any of the latches raises an event, or rings an eventfd, too. Who
+// watches counts as a waiter of each latch.
 class LatchWatch {
  public:
   // All must outlive the watch, the tickets too.
-  LatchWatch(std::span<const LatchTicket> tickets, EventState& raised);
+  LatchWatch(std::span<const LatchTicket> tickets, EventState& raised)
+      : LatchWatch(tickets, &raised, -1) {}
+  LatchWatch(std::span<const LatchTicket> tickets, const Descriptor& bell)
+      : LatchWatch(tickets, nullptr, bell.get()) {}
   LatchWatch(const LatchWatch&) = delete;
   LatchWatch& operator=(const LatchWatch&) = delete;
   ~LatchWatch();
 
  private:
   friend class LatchState;
+  LatchWatch(std::span<const LatchTicket> tickets, EventState* raised, int bell);
   static void tell(const LatchState* latch);
   static void forgetLost();
 
   const std::span<const LatchTicket> m_vTickets;
-  EventState& m_oRaised;
+  EventState* const m_pRaised;  // null where the bell is rung
+  const int m_nBell;
   LatchWatch* m_pNext = nullptr;
 };
 

@@ -38,7 +38,9 @@ TEST(VarnEvent, WakesWhoeverWaitsOnItsHandle) {
     pthread_cond_wait(&handle->condition, &handle->mutex);
     pthread_mutex_unlock(&handle->mutex);
   });
+  pthread_mutex_lock(&handle->mutex);  // the event does not need it
   event.set();
+  pthread_mutex_unlock(&handle->mutex);
 }
 
 TEST(VarnEvent, TellsDependentsBeforeItWakesWaiters) {

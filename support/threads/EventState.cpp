@@ -97,9 +97,7 @@ bool EventState::moveOnIf(bool odd) {
 
 void EventState::broadcast() {
   renewAfterFork();
-  pthread_mutex_lock(&mutex);
   pthread_cond_broadcast(&condition);
-  pthread_mutex_unlock(&mutex);
 }
 
 bool EventState::sleepSince(std::uint32_t ticket, const MonotonicTime* deadline) {

@@ -58,7 +58,7 @@ class VSUPT_EXPORT FindFileImplementation : public FindFileBase {
 };
 
 // A search. The path's last element is the pattern: "*" and "?" are wildcards, and "." and ".." are
-// entries like others.
+// entries like others. "/x*" reads the working directory, and "//x*" the root.
 class VSUPT_EXPORT VarnFindFile {
  public:
   explicit VarnFindFile(const std::string& path);

@@ -1,10 +1,10 @@
 // Functions in place of classes: for notifications, as threads, and for exceptions that nobody
 // caught. Queues and events that remember come along, from headers of their own.
 //
-// All operations are safe from any thread, but moving and destroying an object are for its owner.
-// Functions may be anything that can be called and moved, and belong to the object that is made
-// with them. They are called without a lock; what they throw goes into the log, level 1, and no
-// further.
+// All operations are safe from any thread, but moving a connection and destroying an object are for
+// the owner. Functions may be anything that can be called and moved, and belong to the object that
+// is made with them. They are called without a lock; what they throw goes into the log, level 1,
+// and no further.
 #ifndef VARNSUPPORT_VARNFUNCTIONS_H
 #define VARNSUPPORT_VARNFUNCTIONS_H
 

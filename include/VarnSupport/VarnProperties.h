@@ -2,9 +2,9 @@
 // files of one property per line.
 //
 // All operations are safe from any thread. Look-ups and changes hold the set's own lock; walks,
-// copies and saved files are made from one state of the set. A load takes the lock line by line, so
-// that others may see it half done. Failures to open a file are reported by the result of the
-// ...Impl forms and by a VarnException (code 0) from the others.
+// copies and saved files are made from one state of the set. A load takes the lock for a few lines
+// at a time, so that others may see it half done. Failures to open a file are reported by the
+// result of the ...Impl forms and by a VarnException (code 0) from the others.
 //
 // A file's line is a comment when it begins with '#', else a key, a separator and a value: all
 // before the first separator is the key, blanks included; all after it, without its leading blanks
@@ -117,7 +117,7 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
   // An empty key is ignored.
   void addProperty(const StringType& key, const StringType& value);
   // Adds the property that a line of a file holds; nothing for a comment or an empty key. Without a
-  // separator the whole line is a key with an empty value.
+  // separator the whole line is a key with an empty value. A line feed ends a value as well.
   void addProperty(const StringType& line, CharT separator);
   // Adds the whole line as a key with an empty value, unless it begins with '#'.
   void addPropertyforWSmanDA(const StringType& line);
@@ -130,9 +130,9 @@ class VSUPT_EXPORT VarnProperties : public VarnObjectBase, public VarnCollaborat
   // No lock is held meanwhile.
   void forEach(VarnPropertyIterator<StringType>& iterator);
 
-  // Adds the properties of a file, whose name is logged at level 5. Returns true; throws
-  // VarnException when it cannot be opened, with the set unchanged. A read that fails later ends
-  // the file.
+  // Adds the properties of a file, whose name is logged at level 5, and at level 9 what the set
+  // then holds, values included. Returns true; throws VarnException when it cannot be opened, with
+  // the set unchanged. A read that fails later ends the file.
   bool loadProperties(const std::string& fileName, CharT separator);
   // False when the file cannot be opened.
   bool loadPropertiesImpl(const std::string& fileName, CharT separator);

@@ -181,9 +181,9 @@ class VSUPT_EXPORT VarnSettings {
   VarnRegularExpression<std::string> pattern(const std::string& key, const std::string& preset) {
     return readPattern(key, &preset);
   }
-  // An absolute path. A relative one counts from the folder of the file, or, on the command line,
-  // in the environment and without a file, from the working directory at construction. Empty stays
-  // empty. Of texts() a program makes such paths itself.
+  // An absolute path. A relative one, the preset too, counts from the folder of the file, or, on
+  // the command line, in the environment and without a file, from the working directory at
+  // construction. Empty stays empty. Of texts() a program makes such paths itself.
   std::string path(const std::string& key) { return readPath(key, nullptr); }
   std::string path(const std::string& key, const std::string& preset) {
     return readPath(key, &preset);

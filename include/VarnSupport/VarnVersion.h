@@ -36,6 +36,7 @@ class VSUPT_EXPORT VarnVersion {
   // before it are then appended.
   void parse(const std::string& text);
 
+  // With a dot between all; what has a suffix alone begins with one: ".beta".
   std::string toString() const;
   // True when there is a component or a suffix.
   bool isInit() const;

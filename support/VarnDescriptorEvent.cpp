@@ -1,6 +1,7 @@
 // What has come for an object is gathered until its call takes it. From the moment at which the
 // system tells of a descriptor that is told of once, to the end of the call, the object is busy,
 // and the descriptor is not looked at: whatever ends the call, or makes it needless, releases it.
+// A call whose descriptor was closed meanwhile is for nobody, and is not made.
 #include "VarnSupport/VarnDescriptorEvent.h"
 
 #include <sys/epoll.h>
@@ -73,9 +74,12 @@ struct VSUPT_LOCAL VarnDescriptorEvent::State final : Callee, DescriptorListener
   void beginCall(MonotonicTime) override {
     noteFirstCall();
     coming = std::exchange(come, 0);
+    if (!loop().descriptors().isStillOf(*this))
+      coming = 0;
   }
   void makeCall() override {
-    guarded([this] { function(coming); });
+    if (coming != 0)
+      guarded([this] { function(coming); });
   }
   void endCall() override {
     if (!isPending())

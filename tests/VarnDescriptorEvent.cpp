@@ -193,6 +193,103 @@ TEST(VarnDescriptorEvent, ADescriptorThatIsClosedFirstKeepsNobodyBusy) {
   }
 }
 
+// As it is when the child of a fork keeps the file open, and the number is taken at once.
+TEST(VarnDescriptorEvent, IsNotCalledForTheNextFileOfItsNumber) {
+  VarnCallbackPool pool(2);
+  const auto expectNoCall = [](unsigned events, VarnCallbackPool* own) {
+    const FileLog log(1);
+    const Pair next;
+    const Pair pair;
+    std::atomic<int> calls{0};
+    const auto count = [&](unsigned) { ++calls; };
+    const Event event(pair.ends[0], events, count, own);
+    const Event another(pair.ends[0], events, count);
+    const int kept = fcntl(pair.ends[0], F_DUPFD_CLOEXEC, 0);
+    dup2(next.ends[0], pair.ends[0]);
+    pair.send();
+    EXPECT_TRUE(eventually([&] { return contains(contentsOf(log.file()), "was closed before"); }));
+    EXPECT_TRUE(isQuiet());
+    next.send();
+    EXPECT_TRUE(isQuiet());
+    EXPECT_EQ(0, calls);
+    close(kept);
+  };
+  expectNoCall(Event::READABLE, nullptr);
+  expectNoCall(Event::READABLE, &pool);
+  expectNoCall(Event::READABLE | Event::EDGE, nullptr);
+  expectNoCall(Event::READABLE | Event::EDGE, &pool);
+}
+
+TEST(VarnDescriptorEvent, IsNotCalledForTheNextFileWhenItWaitsAnewOrOthersAreRepaired) {
+  const FileLog log(1);
+  const auto isTold = [&](const Pair& pair) {
+    return contains(contentsOf(log.file()),
+                    "descriptor " + std::to_string(pair.ends[0]) + ": it was");
+  };
+  const Pair next;
+  const Pair idle;
+  const Pair other;
+  const Pair busy;
+  std::atomic<int> calls{0};
+  const auto count = [&](unsigned) { ++calls; };
+  next.send();
+  Event wantsNothing(idle.ends[0], 0, count);
+  const Event unnoticed(other.ends[0], Event::READABLE, count);
+  const Event noticed(busy.ends[0], Event::READABLE, count);
+  const int kept = fcntl(busy.ends[0], F_DUPFD_CLOEXEC, 0);
+  for (const Pair* const pair : {&idle, &other, &busy})
+    dup2(next.ends[0], pair->ends[0]);
+  wantsNothing.setEvents(Event::READABLE);
+  EXPECT_TRUE(eventually([&] { return isTold(idle); }));
+  busy.send();  // goes on to come until the epoll object is made anew
+  EXPECT_TRUE(eventually([&] { return isTold(busy) && isTold(other); }));
+  EXPECT_TRUE(isQuiet());
+  EXPECT_EQ(0, calls);
+  close(kept);
+}
+
+TEST(VarnDescriptorEvent, IsNotCalledForWhatAFunctionBeforeItHasClosed) {
+  const FileLog log(1);
+  const Pair gate;
+  const Pair first;
+  const Pair second;
+  std::atomic<bool> isHeld{false};
+  std::atomic<bool> areSent{false};
+  std::atomic<int> closed{0};
+  std::atomic<int> calls{0};
+  const Event holder(gate.ends[0], Event::READABLE, [&](unsigned) {
+    gate.take();
+    isHeld = true;
+    EXPECT_TRUE(eventually([&] { return areSent.load(); }));
+  });
+  const Event closer(first.ends[0], Event::READABLE, [&](unsigned) {
+    first.take();
+    closed += dup2(gate.ends[0], second.ends[0]) == second.ends[0] ? 1 : 0;
+  });
+  const Event event(second.ends[0], Event::READABLE, [&](unsigned) { ++calls; });
+  gate.send();
+  EXPECT_TRUE(eventually([&] { return isHeld.load(); }));
+  first.send();
+  second.send();
+  areSent = true;
+  EXPECT_TRUE(eventually([&] { return contains(contentsOf(log.file()), "was closed before"); }));
+  EXPECT_EQ(1, closed);
+  EXPECT_EQ(0, calls);
+}
+
+TEST(VarnDescriptorEvent, IsCalledOnWhenItsFileComesBackToTheNumber) {
+  const Pair pair;
+  std::atomic<int> taken{0};
+  const Event event(pair.ends[0], Event::READABLE,
+                    [&](unsigned) { taken += pair.take() > 0 ? 1 : 0; });
+  const int kept = fcntl(pair.ends[0], F_DUPFD_CLOEXEC, 0);
+  close(pair.ends[0]);
+  dup2(kept, pair.ends[0]);
+  pair.send();
+  EXPECT_TRUE(eventually([&] { return taken == 1; }));
+  close(kept);
+}
+
 TEST(VarnDescriptorEvent, SurvivesThatItsOwnDescriptorsAreClosed) {
   expectInChild([] {
     std::atomic<int> taken{0};

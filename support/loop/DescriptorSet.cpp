@@ -2,12 +2,15 @@
 // pool, the system tells once and then nothing until the calls have ended (EPOLLONESHOT): a level
 // that lasts would keep the loop busy while a thread of the pool is at it.
 //
-// The system ties a registration to the open file, not to the number. A descriptor that is closed
-// takes its registration along, and the number comes back for something else; or another process or
-// a duplicate keeps the file open, and events go on to come for a number that is closed, which
-// nothing can take out. Registrations therefore carry a number of their own. Who finds that a
-// registration has gone leaves its objects alone from then on. For an event that belongs to nobody,
-// twice, the whole epoll object is made anew.
+// The system ties a registration to the open file and the number together. A descriptor that is
+// closed takes its registration along, and the number comes back for something else; or another
+// process or a duplicate keeps the file open, and events go on to come for a number that is closed
+// or another file's, which nothing can take out. A descriptor is therefore registered from its
+// first listener to its last, whatever these want: only the system can say whether a number still
+// stands for the file that it was given with, and it is asked before each call. Who finds that a
+// registration has gone leaves its objects alone from then on. Registrations carry a number of
+// their own, too, and for an event that belongs to nobody, twice, the whole epoll object is made
+// anew.
 #include "loop/DescriptorSet.h"
 
 #include <fcntl.h>
@@ -80,10 +83,9 @@ int DescriptorSet::control(int operation, int descriptor, unsigned events,
   return epoll_ctl(m_oEpoll.get(), operation, descriptor, &event) == 0 ? 0 : errno;
 }
 
-// Registers the descriptor for what its objects want now, unless one of them is at it.
-int DescriptorSet::arm(int descriptor, Entry& entry) {
-  if (entry.busy > 0)
-    return 0;
+// Registers the descriptor for what its objects want now, and for nothing while one of them is at
+// it: of a hang-up, which cannot be left out, the system tells once then, and nobody hears of it.
+int DescriptorSet::arm(int operation, int descriptor, const Entry& entry) const {
   unsigned wanted = 0;
   unsigned mode = 0;
   for (const DescriptorListener* const listener : entry.listeners) {
@@ -91,31 +93,33 @@ int DescriptorSet::arm(int descriptor, Entry& entry) {
     mode |= (listener->isEdge() ? static_cast<unsigned>(EPOLLET) : 0U) |
             (listener->isOneShot() ? static_cast<unsigned>(EPOLLONESHOT) : 0U);
   }
-  if (wanted == 0) {
-    if (std::exchange(entry.isRegistered, false))
-      control(EPOLL_CTL_DEL, descriptor, 0, 0);
-    return 0;
-  }
-  const int operation = entry.isRegistered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
-  const int code = control(operation, descriptor, wanted | mode, keyOf(descriptor, entry.number));
-  if (code == 0)
-    entry.isRegistered = true;
-  return code;
+  const bool isLeftAlone = wanted == 0 || entry.busy > 0;
+  const unsigned events = isLeftAlone ? static_cast<unsigned>(EPOLLONESHOT) : wanted | mode;
+  return control(operation, descriptor, events, keyOf(descriptor, entry.number));
 }
 
-// If the registration has gone, the number stands for another file, which the call registers.
-bool DescriptorSet::isStillThere(int descriptor, const Entry& entry) const {
-  return !entry.isRegistered ||
-         control(EPOLL_CTL_ADD, descriptor, EPOLLET | EPOLLONESHOT, kWakeKey) != 0;
+// What its objects want was changed, or none of them is at it any more.
+void DescriptorSet::rearm(Entries::iterator entry) {
+  if (entry->second.busy == 0 && arm(EPOLL_CTL_MOD, entry->first, entry->second) != 0 &&
+      !isStillThere(entry->first))
+    noteClosed(entry);
+}
+
+// The system refuses to register once more what it has under this number, but another file it
+// takes. Where it says that the epoll object is gone, nobody can tell.
+bool DescriptorSet::isStillThere(int descriptor) const {
+  const int code = control(EPOLL_CTL_ADD, descriptor, EPOLLET | EPOLLONESHOT, kWakeKey);
+  if (code == 0)
+    control(EPOLL_CTL_DEL, descriptor, 0, 0);
+  return code == EEXIST || code == EINVAL || (code == EBADF && fcntl(descriptor, F_GETFD) >= 0);
 }
 
 void DescriptorSet::add(DescriptorListener& listener) {
   assert(LoopLock::isHeld());
   const int descriptor = listener.descriptor();
   auto [found, isNew] = m_mapEntries.try_emplace(descriptor);
-  if (!isNew && !isStillThere(descriptor, found->second)) {
+  if (!isNew && !isStillThere(descriptor)) {
     noteClosed(found);
-    control(EPOLL_CTL_DEL, descriptor, 0, 0);
     std::tie(found, isNew) = m_mapEntries.try_emplace(descriptor);
   }
   Entry& entry = found->second;
@@ -125,7 +129,8 @@ void DescriptorSet::add(DescriptorListener& listener) {
   if (!entry.listeners.empty() && entry.listeners.front()->isEdge() != listener.isEdge())
     throw VarnException(what + ": others wait for it with EDGE, or all without", 0);
   entry.listeners.push_back(&listener);
-  const int code = arm(descriptor, entry);
+  const int code =
+      entry.busy > 0 ? 0 : arm(isNew ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, descriptor, entry);
   if (code == 0)
     return;
   entry.listeners.pop_back();
@@ -136,36 +141,56 @@ void DescriptorSet::add(DescriptorListener& listener) {
 
 void DescriptorSet::remove(DescriptorListener& listener) {
   release(listener);
-  const auto found = m_mapEntries.find(listener.descriptor());
-  if (found == m_mapEntries.end() || std::erase(found->second.listeners, &listener) == 0)
+  const auto found = find(listener);
+  if (found == m_mapEntries.end())
     return;
-  if (arm(found->first, found->second) != 0)
-    noteClosed(found);
-  else if (found->second.listeners.empty())
-    m_mapEntries.erase(found);
+  std::erase(found->second.listeners, &listener);
+  if (!found->second.listeners.empty())
+    return rearm(found);
+  control(EPOLL_CTL_DEL, found->first, 0, 0);
+  m_mapEntries.erase(found);
 }
 
 void DescriptorSet::update(DescriptorListener& listener) {
   assert(LoopLock::isHeld());
-  const auto found = m_mapEntries.find(listener.descriptor());
-  if (found == m_mapEntries.end() ||
-      std::count(found->second.listeners.begin(), found->second.listeners.end(), &listener) == 0)
-    return;
-  if (arm(found->first, found->second) != 0)
-    noteClosed(found);
+  if (const auto found = find(listener); found != m_mapEntries.end())
+    rearm(found);
 }
 
 void DescriptorSet::release(DescriptorListener& listener) {
   assert(LoopLock::isHeld());
   if (!listener.setBusy(false))
     return;
-  const auto found = m_mapEntries.find(listener.descriptor());
-  if (found != m_mapEntries.end() && --found->second.busy == 0 &&
-      arm(found->first, found->second) != 0)
-    noteClosed(found);
+  const auto found = find(listener);
+  assert(found != m_mapEntries.end());
+  if (--found->second.busy == 0)
+    rearm(found);
 }
 
-// Its objects are left alone from here on. Without memory that is not told.
+bool DescriptorSet::isStillOf(const DescriptorListener& listener) {
+  assert(LoopLock::isHeld());
+  const auto found = find(listener);
+  if (found == m_mapEntries.end())
+    return false;
+  if (isStillThere(found->first))
+    return true;
+  noteClosed(found);
+  return false;
+}
+
+// The end where the listener is left alone.
+DescriptorSet::Entries::iterator DescriptorSet::find(const DescriptorListener& listener) {
+  const auto found = m_mapEntries.find(listener.descriptor());
+  if (found == m_mapEntries.end())
+    return found;
+  const auto& listeners = found->second.listeners;
+  const bool isOneOfThem =
+      std::find(listeners.begin(), listeners.end(), &listener) != listeners.end();
+  return isOneOfThem ? found : m_mapEntries.end();
+}
+
+// Its objects are left alone from here on, which the loop's thread tells. Without memory it is not
+// told.
 void DescriptorSet::noteClosed(Entries::iterator entry) {
   for (DescriptorListener* const listener : entry->second.listeners)
     listener->setBusy(false);
@@ -175,6 +200,7 @@ void DescriptorSet::noteClosed(Entries::iterator entry) {
   } catch (const std::bad_alloc&) {
   }
   m_mapEntries.erase(entry);
+  LoopLock::wakeLater(m_oWake.get());
 }
 
 void DescriptorSet::deliver(const epoll_event& event) {
@@ -185,11 +211,6 @@ void DescriptorSet::deliver(const epoll_event& event) {
     suspect(event.data.u64);
     return;
   }
-  if (fcntl(descriptor, F_GETFD) < 0) {
-    noteClosed(found);
-    m_bMustRepair = true;
-    return;
-  }
   Entry& entry = found->second;
   const bool isTakenOnce = std::any_of(entry.listeners.begin(), entry.listeners.end(),
                                        [](const auto* listener) { return listener->isOneShot(); });
@@ -197,8 +218,6 @@ void DescriptorSet::deliver(const epoll_event& event) {
     if (listener->hear(event.events) && isTakenOnce && !listener->setBusy(true))
       ++entry.busy;
   }
-  if (isTakenOnce && entry.busy == 0 && arm(descriptor, entry) != 0)
-    noteClosed(found);
 }
 
 // An event may have been on its way when its object left. A second one cannot.
@@ -211,6 +230,16 @@ void DescriptorSet::suspect(std::uint64_t key) {
     m_vSuspects.assign(1, key);
 }
 
+template <typename Test>
+void DescriptorSet::keepThose(Test test) {
+  for (auto entry = m_mapEntries.begin(); entry != m_mapEntries.end();) {
+    const auto present = entry++;
+    if (!test(present->first, present->second))
+      noteClosed(present);
+  }
+}
+
+// Numbers that stand for another file by now are left out as long as the system knows of them.
 bool DescriptorSet::repair(bool isBroken) {
   assert(LoopLock::isHeld());
   if (!m_bMustRepair && !isBroken)
@@ -221,17 +250,16 @@ bool DescriptorSet::repair(bool isBroken) {
   // What is no epoll object any more is not the loop's to close.
   if (isBroken)
     m_oEpoll.release();
+  else
+    keepThose([this](int descriptor, const Entry&) { return isStillThere(descriptor); });
   m_oEpoll = std::move(epoll);
   m_vSuspects.clear();
   m_bMustRepair = !addWake();
   if (m_nFolders >= 0 && !addOwn(m_nFolders, kFoldersKey))
     m_nFolders = -1;  // the program has closed it
-  for (auto entry = m_mapEntries.begin(); entry != m_mapEntries.end();) {
-    const auto present = entry++;
-    present->second.isRegistered = false;
-    if (arm(present->first, present->second) != 0)
-      noteClosed(present);
-  }
+  keepThose([this](int descriptor, const Entry& entry) {
+    return arm(EPOLL_CTL_ADD, descriptor, entry) == 0;
+  });
   return !m_bMustRepair;
 }
 

@@ -67,6 +67,8 @@ class DescriptorSet {
   void update(DescriptorListener& listener);
   // Its call has ended.
   void release(DescriptorListener& listener);
+  // Its call is about to begin. False when its descriptor was closed: then it is left alone.
+  bool isStillOf(const DescriptorListener& listener);
 
   // Has those hear for whom an event has come.
   void deliver(const epoll_event& event);
@@ -84,14 +86,17 @@ class DescriptorSet {
     std::vector<DescriptorListener*> listeners;
     std::uint32_t number = 0;  // tells it from earlier ones of the same descriptor
     int busy = 0;              // listeners that are
-    bool isRegistered = false;
   };
   using Entries = std::unordered_map<int, Entry>;
 
   bool addWake();
   int control(int operation, int descriptor, unsigned events, std::uint64_t key) const;
-  bool isStillThere(int descriptor, const Entry& entry) const;
-  int arm(int descriptor, Entry& entry);
+  bool isStillThere(int descriptor) const;
+  int arm(int operation, int descriptor, const Entry& entry) const;
+  void rearm(Entries::iterator entry);
+  Entries::iterator find(const DescriptorListener& listener);
+  template <typename Test>
+  void keepThose(Test test);
   void noteClosed(Entries::iterator entry);
   void suspect(std::uint64_t key);
 

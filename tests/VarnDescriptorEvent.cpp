@@ -290,6 +290,22 @@ TEST(VarnDescriptorEvent, IsCalledOnWhenItsFileComesBackToTheNumber) {
   close(kept);
 }
 
+TEST(VarnDescriptorEvent, LeavesAloneWhatTheLoopHasOpenedUnderItsNumber) {
+  expectInChild([] {
+    const TempFolder folder;
+    Pair pair;
+    auto event = std::make_unique<Event>(pair.ends[0], Event::READABLE, [](unsigned) {});
+    while (open("/dev/null", O_RDONLY | O_CLOEXEC) < pair.ends[0]) {
+    }
+    close(std::exchange(pair.ends[0], -1));  // the next descriptor gets the number
+    std::atomic<int> changes{0};
+    const VarnFileWatch watch(folder / "*", [&](const VarnFileWatch::Change&) { ++changes; });
+    event.reset();
+    writeFile(folder / "a", "");
+    EXPECT_TRUE(eventually([&] { return changes > 0; }));
+  });
+}
+
 TEST(VarnDescriptorEvent, SurvivesThatItsOwnDescriptorsAreClosed) {
   expectInChild([] {
     std::atomic<int> taken{0};

@@ -56,7 +56,10 @@ void DescriptorSet::closeInChild() {
   m_oWake.close();
 }
 
+// A number that the loop itself has got belongs to no object any more.
 bool DescriptorSet::addOwn(int descriptor, std::uint64_t key) {
+  if (const auto closed = m_mapEntries.find(descriptor); closed != m_mapEntries.end())
+    noteClosed(closed);
   if (key == kFoldersKey)
     m_nFolders = descriptor;
   return control(EPOLL_CTL_ADD, descriptor, EPOLLIN | (key == kWakeKey ? EPOLLET : 0U), key) == 0;

@@ -6,8 +6,12 @@
 //
 // The folder is watched for what happens to its names. Each folder above it is watched for being
 // moved or removed itself, and each symbolic link on the way for being replaced; of all these the
-// system says nothing in quiet times. As long as the folder is missing, or a name is a link that
-// leads nowhere, the path is tried every second.
+// system says nothing in quiet times. As long as the folder is missing or cannot be read, or a name
+// is a link that leads nowhere, the path is tried every second.
+//
+// A folder that cannot be read at once, for want of descriptors, is still being found: what turns
+// up in it was there when the object was made, unless an event told that it was made since, or
+// events were lost, or another folder has come.
 #include "VarnSupport/VarnFileWatch.h"
 
 #include <algorithm>
@@ -59,6 +63,7 @@ void VarnFileWatch::State::makeCall() {
     }
     m_bUndone = true;
     const FileWork work = std::exchange(m_oTaken, {});
+    m_bFinding &= !work.isLost && !work.isRenewed;
     if (work.isLost)
       tell({LOST, place.given, {}, 0});
     if (work.isRenewed)
@@ -102,19 +107,20 @@ void VarnFileWatch::State::tell(const Change& change) {
 
 void VarnFileWatch::State::lookAtAll(const FileWork& work) {
   std::set<std::string> names;
+  bool isWhole = true;
   if (place.pattern.find_first_of("*?") == std::string::npos) {
     names.insert(place.pattern);
   } else {
-    for (std::string& name : namesIn(place.folder, place.pattern))
-      names.insert(std::move(name));
+    isWhole = addNamesIn(place.folder, place.pattern, names);
     for (const auto& [name, known] : m_mapKnown)
       names.insert(name);
   }
-  m_bIncomplete = m_bMissing;
+  m_bIncomplete = m_bMissing || !isWhole;
   for (const std::string& name : names) {
     const auto hint = work.names.find(name);
     lookAt(name, hint != work.names.end() ? hint->second : FileHint());
   }
+  m_bFinding &= !isWhole;
 }
 
 // Of several files that have left the name since the last look, the first is the known one; a name
@@ -166,7 +172,7 @@ void VarnFileWatch::State::lookAt(const std::string& name, FileHint hint) {
     return;
   }
   if (found == m_mapKnown.end()) {
-    const Change change = changeOf(m_bBeginning ? FOUND : MADE, name, now.size);
+    const Change change = changeOf(m_bFinding && !hint.isMade ? FOUND : MADE, name, now.size);
     std::map<std::string, Known> made;
     Known& known = made[name];
     known.status = now;

@@ -76,6 +76,25 @@ class Gate {
   std::atomic<bool> m_bHolds{false};
 };
 
+// The process gets no descriptor as long as one exists.
+class FullTable {
+ public:
+  FullTable() {
+    for (int next = dup(0); next >= 0; next = dup(0))
+      m_vDescriptors.push_back(next);
+    EXPECT_EQ(EMFILE, errno);
+  }
+  FullTable(const FullTable&) = delete;
+  FullTable& operator=(const FullTable&) = delete;
+  ~FullTable() {
+    for (const int descriptor : m_vDescriptors)
+      close(descriptor);
+  }
+
+ private:
+  std::vector<int> m_vDescriptors;
+};
+
 void append(const std::string& file, const std::string& text) {
   std::ofstream(file, std::ios::app) << text;
 }
@@ -266,6 +285,45 @@ TEST(VarnFileWatch, ALinkMayLeadThroughAnother) {
   EXPECT_TRUE(told.tells({"GONE settings", "MADE settings"}));
   append(folder / "two/settings", "!");
   EXPECT_TRUE(told.tells({"CHANGED settings"}));
+}
+
+TEST(VarnFileWatch, TellsLaterWhatThereWasNoDescriptorToReadTheFolderFor) {
+  if (kAddressSanitizer)
+    GTEST_SKIP() << "the sanitizer itself needs descriptors";
+  expectInChild([] {
+    const TempFolder folder;
+    const auto make = [&](const char* name) {
+      EXPECT_EQ(0, mknod((folder / name).c_str(), S_IFREG | 0600, 0));
+    };
+    for (const char* const name : {"now", "next"})
+      fs::create_directory(folder / name);
+    make("now/a");
+    make("next/z");
+    fs::create_hard_link(folder / "now/a", folder / "next/a");
+    const rlimit limit{100, 100};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+    const Watch other(folder / "none", [](const Change&) {});  // the loop has what it needs
+    Told told;
+    std::optional<FullTable> full(std::in_place);
+    const Watch watch(folder / "now/?", told.function());
+    make("now/b");
+    EXPECT_TRUE(told.tells({"MADE b"}));
+    full.reset();
+    EXPECT_TRUE(told.tells({"FOUND a"}));
+    full.emplace();
+    fs::rename(folder / "now/b", folder / "now/elsewhere");
+    make("now/c");
+    EXPECT_TRUE(told.tells({"MADE c"}));
+    full.reset();
+    EXPECT_TRUE(told.tells({"MOVED b to elsewhere"}));
+    full.emplace();
+    fs::rename(folder / "now", folder / "before");
+    fs::rename(folder / "next", folder / "now");
+    fs::resize_file(folder / "now/a", 1);
+    EXPECT_TRUE(told.tells({"CHANGED a"}));
+    full.reset();
+    EXPECT_TRUE(told.tells({"GONE c", "MADE z"}));
+  });
 }
 
 // The queue of the system takes so many events; a call that blocks the loop lets it run over.

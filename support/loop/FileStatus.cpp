@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <memory>
 #include <string_view>
 
@@ -45,23 +46,29 @@ FileStatus FileStatus::of(const std::string& path) {
 }
 
 // One entry is enough: the lock is taken for the first, and given back before the call returns.
-void awaitChangesIn(const std::string& folder) {
-  if (const Folder stream{opendir(folder.c_str()), closedir})
-    static_cast<void>(readdir(stream.get()));
-}
-
-std::vector<std::string> namesIn(const std::string& folder, const std::string& wildcard) {
-  std::vector<std::string> names;
+bool awaitChangesIn(const std::string& folder) {
   const Folder stream(opendir(folder.c_str()), closedir);
   if (stream == nullptr)
-    return names;
-  while (const dirent* const entry = readdir(stream.get())) {
+    return errno != EMFILE && errno != ENFILE && errno != ENOMEM;
+  static_cast<void>(readdir(stream.get()));
+  return true;
+}
+
+bool addNamesIn(const std::string& folder, const std::string& wildcard,
+                std::set<std::string>& names) {
+  const Folder stream(opendir(folder.c_str()), closedir);
+  if (stream == nullptr)
+    return errno == ENOENT || errno == ENOTDIR;
+  while (true) {
+    errno = 0;
+    const dirent* const entry = readdir(stream.get());
+    if (entry == nullptr)
+      return errno == 0;
     const std::string_view name(entry->d_name);
     if (name != "." && name != ".." &&
         FindFileImplementation::IsPatternMatch(wildcard.c_str(), entry->d_name))
-      names.emplace_back(name);
+      names.emplace(name);
   }
-  return names;
 }
 
 }  // namespace VarnSupport

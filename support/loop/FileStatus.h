@@ -3,8 +3,8 @@
 #define SUPPORT_LOOP_FILESTATUS_H
 
 #include <cstdint>
+#include <set>
 #include <string>
-#include <vector>
 
 namespace VarnSupport {
 
@@ -30,11 +30,14 @@ struct FileStatus {
 };
 
 // Returns when the changes of names in a folder that can be seen have been told by the system,
-// which does so at their end, under the lock that reading the folder takes.
-void awaitChangesIn(const std::string& folder);
+// which does so at their end, under the lock that reading the folder takes. False when it is short
+// of descriptors or of memory for that.
+bool awaitChangesIn(const std::string& folder);
 
-// The names in a folder that match a wildcard, without "." and "..".
-std::vector<std::string> namesIn(const std::string& folder, const std::string& wildcard);
+// Adds the names in a folder that match a wildcard, without "." and "..". False when there may be
+// more of them, as the folder could not be read to its end. One that is not there has none.
+bool addNamesIn(const std::string& folder, const std::string& wildcard,
+                std::set<std::string>& names);
 
 }  // namespace VarnSupport
 

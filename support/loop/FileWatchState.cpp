@@ -40,6 +40,7 @@ void FileHint::noteNewName(std::string_view name) {
 }
 
 void FileHint::add(const FileHint& later) {
+  isMade |= later.isMade;
   isModified |= later.isModified;
   isMoved |= later.isMoved && !isRemoved;
   isRemoved |= later.isRemoved;
@@ -78,6 +79,7 @@ void VarnFileWatch::State::hearOfName(const inotify_event& event) {
   }
   if (FindFileImplementation::IsPatternMatch(place.pattern.c_str(), name.data())) {
     noteOf(name, [&](FileHint& hint) {
+      hint.isMade |= (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0;
       hint.isModified |= (event.mask & IN_MODIFY) != 0;
       if ((event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0)
         hint.noteLeaving((event.mask & IN_MOVED_FROM) != 0);
@@ -115,10 +117,10 @@ void VarnFileWatch::State::hear(const inotify_event& event) {
 }
 
 // Has what happened until now told, and adds to the hint what it says of the name: so the hint and
-// a file that was seen to have left agree. False when events were lost: the next call tells of that
-// first, and looks at all names.
+// a file that was seen to have left agree. False when it is for a later call to tell: as events
+// were lost, which is told first, or as the system cannot say that there are no more of them.
 bool VarnFileWatch::State::hearAllOf(const std::string& name, FileHint& hint) {
-  awaitChangesIn(place.folder);
+  const bool isAll = awaitChangesIn(place.folder);
   const LoopLock lock;
   if (!isEnlisted())
     return true;
@@ -127,7 +129,11 @@ bool VarnFileWatch::State::hearAllOf(const std::string& name, FileHint& hint) {
     hint.add(later->second);
     m_oWork.names.erase(later);
   }
-  return !m_oWork.isLost;
+  if (!isAll) {
+    m_bIncomplete = true;
+    noteOf(name, [&](FileHint& noted) { noted = hint; });
+  }
+  return isAll && !m_oWork.isLost;
 }
 
 void VarnFileWatch::State::hearLoss() {

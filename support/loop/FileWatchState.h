@@ -39,6 +39,7 @@ struct FileHint {
   // What came later.
   void add(const FileHint& later);
 
+  bool isMade = false;  // since the object was
   bool isModified = false;
   bool isRemoved = false;
   bool isMoved = false;
@@ -116,6 +117,7 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
   std::map<std::string, Known> m_mapKnown;
   std::vector<Change> m_vFound;  // not told yet
   bool m_bBeginning = true;      // in the constructor
+  bool m_bFinding = true;        // what was there when the object was made
   bool m_bMissing = false;       // the folder is
   bool m_bIncomplete = false;    // to be tried again
   bool m_bUndone = false;        // the call ended in the middle

@@ -7,7 +7,8 @@
 // The folder is watched for what happens to its names. Each folder above it is watched for being
 // moved or removed itself, and each symbolic link on the way for being replaced; of all these the
 // system says nothing in quiet times. As long as the folder is missing or cannot be read, or a name
-// is a link that leads nowhere, the path is tried every second.
+// is a link that leads nowhere, the path is tried every second; so it is where a folder above may
+// be passed but not read, which the system does not watch, lest another folder takes the place.
 //
 // A folder that cannot be read at once, for want of descriptors, is still being found: what turns
 // up in it was there when the object was made, unless an event told that it was made since, or
@@ -62,7 +63,11 @@ void VarnFileWatch::State::makeCall() {
         guarded([&] { function(change); });
     }
     m_bUndone = true;
-    const FileWork work = std::exchange(m_oTaken, {});
+    FileWork work = std::exchange(m_oTaken, {});
+    if (work.isDue) {
+      work.isForAll |= m_bIncomplete;
+      work.isRenewed = work.isRenewed || isFolderElsewhere();
+    }
     m_bFinding &= !work.isLost && !work.isRenewed;
     if (work.isLost)
       tell({LOST, place.given, {}, 0});
@@ -85,7 +90,7 @@ void VarnFileWatch::State::endCall() {
     m_oWork.isRenewed = true;
     m_bIncomplete = true;
   }
-  if (m_bIncomplete && !std::exchange(m_bRetrySet, true))
+  if ((m_bIncomplete || m_bDoubtful) && !std::exchange(m_bRetrySet, true))
     setDeadline(monotonicNow() + kBetweenTries);
 }
 

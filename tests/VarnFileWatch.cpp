@@ -1,5 +1,7 @@
 #include "VarnSupport/VarnFileWatch.h"
 
+#include <linux/capability.h>
+
 #include "LoopTools.h"
 
 namespace {
@@ -94,6 +96,13 @@ class FullTable {
  private:
   std::vector<int> m_vDescriptors;
 };
+
+// What has no permission is refused to root, too, from here on.
+void dropCapabilities() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct none[2]{};
+  EXPECT_EQ(0, syscall(SYS_capset, &header, none));
+}
 
 void append(const std::string& file, const std::string& text) {
   std::ofstream(file, std::ios::app) << text;
@@ -242,6 +251,29 @@ TEST(VarnFileWatch, TheFolderMayBeMissingVanishBeMovedAndBeALink) {
   EXPECT_TRUE(told.tells({"GONE x.log"}));
   append(folder / "third/b/x.log", "");
   EXPECT_TRUE(told.tells({"MADE x.log"}));
+}
+
+TEST(VarnFileWatch, NoticesThatAFolderIsMovedThatMayBePassedButNotRead) {
+  expectInChild([] {
+    dropCapabilities();
+    const TempFolder folder;
+    const fs::path home = folder / "home";
+    fs::create_directories(home / "app");
+    writeFile(home / "app/x.log", "");
+    fs::permissions(home, fs::perms::owner_write | fs::perms::owner_exec);
+    ASSERT_EQ(-1, open(home.c_str(), O_RDONLY | O_CLOEXEC));
+    Told told;
+    const Watch watch(home / "app/*.log", told.function());
+    EXPECT_TRUE(told.tells({"FOUND x.log"}));
+    fs::rename(home, folder / "old");
+    EXPECT_TRUE(told.tells({"GONE x.log"}));
+    fs::create_directories(home / "app");
+    writeFile(home / "app/y.log", "");
+    EXPECT_TRUE(told.tells({"MADE y.log"}));
+    append(home / "app/y.log", "text");
+    EXPECT_TRUE(told.tells({"CHANGED y.log"}));
+    fs::permissions(folder / "old", fs::perms::owner_all);
+  });
 }
 
 TEST(VarnFileWatch, ALinkStandsForItsFile) {
@@ -397,4 +429,24 @@ TEST(VarnFileWatch, AChildOfAForkLeavesTheParentsAlone) {
 TEST(VarnFileWatch, RefusesWhatIsNoPath) {
   EXPECT_TRUE(contains(resultOf([] { Watch("", [](const Change&) {}); }), "no path"));
   EXPECT_TRUE(contains(resultOf([] { Watch("x", Watch::Function()); }), "no function"));
+}
+
+// The link that the second folder is reached by would need a watch more.
+TEST(VarnFileWatch, RefusesAFolderWhoseMovesTheSystemHasNoWatchFor) {
+  expectInChild([] {
+    const TempFolder folder;
+    fs::create_directory(folder / "real");
+    fs::create_symlink("real", folder / "link");
+    if (unshare(CLONE_NEWUSER) != 0)
+      return;  // without a limit of its own
+    const Watch first(folder / "real/*", [](const Change&) {});
+    writeFile("/proc/sys/user/max_inotify_watches", "0");
+    const Watch shared(folder / "real/*", [](const Change&) {});
+    try {
+      const Watch second(folder / "link/*", [](const Change&) {});
+      ADD_FAILURE();
+    } catch (const VarnException& refusal) {
+      EXPECT_EQ(ENOSPC, refusal.getCode());
+    }
+  });
 }

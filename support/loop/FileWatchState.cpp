@@ -32,6 +32,12 @@ constexpr std::uint32_t kOfItself = IN_MOVE_SELF | IN_DELETE_SELF;
 constexpr std::uint32_t kOfTarget = kOfItself | IN_MODIFY | IN_ATTRIB;
 constexpr std::uint32_t kGoneItself = kOfItself | IN_IGNORED | IN_UNMOUNT;
 
+// The system's code of what is no watch; 0 for a folder that is missing.
+int refusalOf(int watch) {
+  const bool isMissing = watch == -ENOENT || watch == -ENOTDIR || watch == -ECANCELED;
+  return watch >= 0 || isMissing ? 0 : -watch;
+}
+
 }  // namespace
 
 void FileHint::noteNewName(std::string_view name) {
@@ -143,11 +149,9 @@ void VarnFileWatch::State::hearLoss() {
   pend();
 }
 
-// A folder that is not there is looked for again, and one whose changes are not told is looked
-// through.
 void VarnFileWatch::State::onDeadline() {
   m_bRetrySet = false;
-  (m_nFolder < 0 ? m_oWork.isRenewed : m_oWork.isForAll) = true;
+  m_oWork.isDue = true;
   pend();
 }
 
@@ -182,19 +186,29 @@ int VarnFileWatch::State::addWatch(LoopLock& lock, const std::string& path, std:
   return -ECANCELED;
 }
 
-void VarnFileWatch::State::addWayWatch(const std::string& path, std::uint32_t events) {
+int VarnFileWatch::State::addWayWatch(const std::string& path, std::uint32_t events) {
   LoopLock lock;
   m_vWay.reserve(m_vWay.size() + 1);
   const int watch = addWatch(lock, path, events | kOfItself);
   if (watch >= 0)
     m_vWay.push_back(watch);
+  return watch;
 }
 
 int VarnFileWatch::State::addFolderWatch() {
   LoopLock lock;
+  m_nFolder = addWatch(lock, place.folder, kOfFolder | kOfItself | IN_ONLYDIR);
+  return m_nFolder;
+}
+
+// Whether the path leads to another folder than the one that is watched, or at last to one: the
+// system has one watch for each.
+bool VarnFileWatch::State::isFolderElsewhere() {
+  LoopLock lock;
   const int watch = addWatch(lock, place.folder, kOfFolder | kOfItself | IN_ONLYDIR);
-  m_nFolder = std::max(watch, -1);
-  return watch;
+  if (watch >= 0)
+    loop().folders().remove(watch, *this);  // the one that was added just now
+  return watch != m_nFolder;
 }
 
 int VarnFileWatch::State::addTargetWatch(const std::string& path, const std::string& name) {
@@ -214,7 +228,8 @@ void VarnFileWatch::State::removeTargetWatch(int watch, const std::string& name)
     loop().folders().remove(watch, *this);
 }
 
-// From the root downwards: what changes below a folder once it is watched is told.
+// From the root downwards: what changes below a folder once it is watched is told. One that may be
+// passed and not read has no watch.
 void VarnFileWatch::State::attach() {
   {
     const LoopLock lock;
@@ -222,17 +237,24 @@ void VarnFileWatch::State::attach() {
       return;
     detach();
   }
+  int refusal = 0;
+  m_bDoubtful = false;
+  const auto addToWay = [&](const std::string& path, std::uint32_t events) {
+    const int watch = addWayWatch(path, events);
+    m_bDoubtful |= watch < 0;
+    if (watch != -EACCES)
+      refusal = std::max(refusal, refusalOf(watch));
+  };
   for (std::size_t end = 1; end < place.folder.size(); ++end) {
     end = std::min(place.folder.find('/', end), place.folder.size());
     const std::string path = place.folder.substr(0, end);
-    addWayWatch(path, IN_ONLYDIR);
+    addToWay(path, IN_ONLYDIR);
     if (FileStatus::of(path).isLink)
-      addWayWatch(path, IN_DONT_FOLLOW);
+      addToWay(path, IN_DONT_FOLLOW);
   }
-  const int code = -std::min(addFolderWatch(), 0);
-  m_bMissing = code != 0;
-  const bool isMissing = code == ENOENT || code == ENOTDIR || code == ECANCELED;
-  const int refusal = isMissing ? 0 : code;
+  const int watch = addFolderWatch();
+  m_bMissing = watch < 0;
+  refusal = std::max(refusal, refusalOf(watch));
   if (std::exchange(m_nRefusal, refusal) == refusal || refusal == 0 || m_bBeginning)
     return;
   OwnRecords::write(OwnRecords::FAILURE, describe(),

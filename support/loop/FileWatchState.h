@@ -53,6 +53,7 @@ struct FileWork {
   bool isLost = false;
   bool isRenewed = false;  // the folder has to be found again
   bool isForAll = false;
+  bool isDue = false;  // what was put off
 };
 
 struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
@@ -86,12 +87,13 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
   bool hearAllOf(const std::string& name, FileHint& hint);
 
   int addWatch(LoopLock& lock, const std::string& path, std::uint32_t events);
-  void addWayWatch(const std::string& path, std::uint32_t events);
+  int addWayWatch(const std::string& path, std::uint32_t events);
   int addTargetWatch(const std::string& path, const std::string& name);
   int addFolderWatch();
   void removeTargetWatch(int watch, const std::string& name);
   void attach();
   void detach();
+  bool isFolderElsewhere();
   void lookAtAll(const FileWork& work);
   void lookAt(const std::string& name, FileHint hint);
   void forget(const std::string& name, const FileHint& hint);
@@ -107,7 +109,7 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
   FileWork m_oWork;
   std::string m_sLeaving;                               // the name that a file has left last,
   std::uint32_t m_nLeavingMove = 0;                     // and the number of its move
-  int m_nFolder = -1;                                   // the watch
+  int m_nFolder = -1;                                   // the watch, or minus the system's code
   std::vector<int> m_vWay;                              // watches of what leads to it
   std::vector<std::pair<int, std::string>> m_vTargets;  // watches of what links lead to, by name
   bool m_bRetrySet = false;
@@ -119,7 +121,8 @@ struct VSUPT_LOCAL VarnFileWatch::State final : Callee, FolderListener {
   bool m_bBeginning = true;      // in the constructor
   bool m_bFinding = true;        // what was there when the object was made
   bool m_bMissing = false;       // the folder is
-  bool m_bIncomplete = false;    // to be tried again
+  bool m_bIncomplete = false;    // names are to be looked at again
+  bool m_bDoubtful = false;      // a move of the folder may not be told
   bool m_bUndone = false;        // the call ended in the middle
   int m_nRefusal = 0;            // the system's code that is in the log
 };

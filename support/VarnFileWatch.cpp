@@ -147,7 +147,8 @@ void VarnFileWatch::State::forget(const std::string& name, const FileHint& hint)
   tell(change);
 }
 
-// The link may lead elsewhere by the time that its file is watched.
+// The link may lead elsewhere by the time that its file is watched; and a file that may not be read
+// has no watch, and is looked at every second.
 void VarnFileWatch::State::watchTarget(const std::string& name, const std::string& path,
                                        Known& known) {
   if (!known.status.isLink || known.status.isFolder)
@@ -186,6 +187,8 @@ void VarnFileWatch::State::lookAt(const std::string& name, FileHint hint) {
     tell(change);
     return;
   }
+  if (found->second.target < 0)
+    watchTarget(name, path, found->second);
   FileStatus& before = found->second.status;
   const bool isCut = now.size < before.size;
   const bool isOther = hint.isModified || now.size != before.size || now.changed != before.changed;

@@ -300,6 +300,24 @@ TEST(VarnFileWatch, ALinkStandsForItsFile) {
   EXPECT_TRUE(told.tells({"MADE dangling"}));
 }
 
+TEST(VarnFileWatch, ALinkStandsForAFileThatMayNotBeReadToo) {
+  expectInChild([] {
+    dropCapabilities();
+    const TempFolder folder;
+    fs::create_directory(folder / "data");
+    writeFile(folder / "data/secret", "1");
+    fs::permissions(folder / "data/secret", fs::perms::owner_write);
+    fs::create_symlink("data/secret", folder / "current");
+    Told told;
+    const Watch watch(folder / "*", told.function());
+    EXPECT_TRUE(told.tells({"FOUND current"}));
+    for (int i = 0; i < 3; ++i) {
+      append(folder / "data/secret", "2");
+      EXPECT_TRUE(told.tells({"CHANGED current"}));
+    }
+  });
+}
+
 // As configuration is switched as a whole.
 TEST(VarnFileWatch, ALinkMayLeadThroughAnother) {
   const TempFolder folder;

@@ -61,7 +61,7 @@ bool VarnLogFile::reopen() {
   if ((getTarget() & kToFile) == 0)
     return true;
   State& state = State::of(*this);
-  const bool isNew = state.reopenFile(*this);
+  const bool isNew = state.reopenFile();
   if (isNew || !isFileOpen())
     return isNew;
   const std::string text = "VarnLogFile::reopen: cannot open " + lastError();

@@ -86,7 +86,7 @@ void VarnLogging::startLogging() {
 }
 
 void VarnLogging::stopLogging(int newTarget) {
-  if ((m_nTarget & kToFile) == 0 || (newTarget & kToFile) != 0 || !m_bFileOpen)
+  if ((m_nTarget & kToFile) == 0 || (newTarget & kToFile) != 0 || !isFileOpen())
     return;
   const CancellationGuard closed;
   const State::FileChange change(*m_pState);
@@ -105,10 +105,10 @@ void VarnLogging::setTarget(int target) {
 void VarnLogging::openLogFile() {
   const CancellationGuard closed;
   const State::FileChange change(*m_pState);
-  if (m_pFile != nullptr || m_bFileOpen)
+  if (isFileOpen())
     return;
   if (m_pState->file != nullptr) {
-    m_bFileOpen = m_pState->file->open();
+    m_pState->file->open();
     return;
   }
   std::string name = m_sBaseName.substr(0, m_sBaseName.rfind('.'));
@@ -117,28 +117,37 @@ void VarnLogging::openLogFile() {
   if (name.front() == '"')
     name.erase(0, 1);
   std::fprintf(stderr, "VarnLogging: Opening %s for logging...\n", name.c_str());
-  m_pFile = openForRecords(name);
-  if (m_pFile == nullptr) {
+  std::FILE* const opened = openForRecords(name);
+  if (opened == nullptr) {
     const int error = errno;
     std::fprintf(stderr, "VarnLogging: Cannot open log file %s (%d)\n", name.c_str(), error);
     return;
   }
-  m_pState->descriptor = fileno(m_pFile);
+  const std::lock_guard guard(State::m_oTables);
+  m_pFile = opened;
+  m_pState->descriptor = fileno(opened);
   m_pState->torn = false;
   m_bFileOpen = true;
 }
 
 void VarnLogging::State::closeFile(VarnLogging& log) {
   assert(owner == &log && (word & (kChanging | kLeft)) != 0 && (word & kWriting) == 0);
-  log.m_bFileOpen = false;
-  descriptor = -1;
   if (file != nullptr)
     file->close();
-  if (log.m_pFile != nullptr)
-    std::fclose(std::exchange(log.m_pFile, nullptr));
+  std::FILE* closed = nullptr;
+  {
+    const std::lock_guard guard(m_oTables);
+    log.m_bFileOpen = false;
+    descriptor = -1;
+    closed = std::exchange(log.m_pFile, nullptr);
+  }
+  if (closed != nullptr)
+    std::fclose(closed);
 }
 
-bool VarnLogging::isFileOpen() const { return m_bFileOpen; }
+bool VarnLogging::isFileOpen() const {
+  return m_pState->file != nullptr ? m_pState->file->isOpen() : m_bFileOpen.load();
+}
 
 void VarnLogging::setLogLevel(int level) {
   if (level < State::kLevelOff || level > State::kHighestLevel)

@@ -283,6 +283,26 @@ TEST(VarnLogFile, AChildHasNoneOfTheRecordsThatWaitAndWritesItsOwn) {
   expectOnce(file, 100);
 }
 
+// What the child opens gets the number of a file that its log believes to have.
+TEST(VarnLogFile, AChildOfAForkDuringAReopenHasTheOldFileOrTheNew) {
+  constexpr std::size_t kChildren = 200;
+  RegisteredFile file;
+  const std::string data = file.folder / "data";
+  {
+    const std::jthread reopening = repeating([&] { file.log.reopen(); });
+    for (std::size_t i = 0; i < kChildren; ++i) {
+      expectInBareChild([&] {
+        const int own = open(data.c_str(), O_WRONLY | O_CREAT, 0600);
+        VarnLogRecord(5) << "child";
+        EXPECT_GE(own, 0);
+        EXPECT_EQ(0U, file.log.lostRecords()) << file.log.lastError();
+      });
+    }
+  }
+  EXPECT_EQ("", contentsOf(data));
+  EXPECT_EQ(Lines(kChildren, "child"), file.texts());
+}
+
 TEST(VarnLogFile, AThreadThatIsKilledWhileItWritesLeavesWholeRecords) {
   for (const std::size_t queueBytes : {0, 4096}) {
     RegisteredFile file(queueBytes);

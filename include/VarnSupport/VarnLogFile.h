@@ -62,7 +62,8 @@ class VSUPT_EXPORT VarnLogFile : public VarnLogging {
   // Opens the file by its name again, which makes it if it is gone, and closes the old one. No
   // record is lost or written twice, and none reaches the old file after the return. False when
   // that fails: then the old file stays in force, and a record of level 1 in it says so. Waits for
-  // the file to take what is being written to it. Does nothing while the target has no file.
+  // the file to take what is being written to it. Does nothing while the target has no file. A
+  // child that is forked meanwhile has the old file or the new one.
   bool reopen();
 
   // Returns when all records that are complete have been written. Without a Background that is so

@@ -80,23 +80,32 @@ bool LogFile::open() {
     m_nError = opened.error;
     return false;
   }
+  writeQueued();
+  m_bJournal = m_sName.empty() && isErrorStreamOfJournal();
   // Other processes may be in the middle of a record in the same file.
   const bool isTorn = leadToSameFile(m_nDescriptor, opened.descriptor) ? m_bTorn : opened.isTorn;
-  close();
-  m_bJournal = m_sName.empty() && isErrorStreamOfJournal();
-  m_nDescriptor = opened.descriptor;
-  m_bTorn = isTorn;
-  m_nWrites = 0;
+  replace(opened.descriptor, isTorn);
   return true;
 }
 
-// Writes what waits for the old file. Some file systems tell only now that there is no room.
 void LogFile::close() {
   assert((m_oTurns.word & (LogTurns::kChanging | LogTurns::kLeft)) != 0);
   const NoCancellation whole;
   writeQueued();
-  const int descriptor = m_nDescriptor.exchange(-1);
-  if (descriptor > STDERR_FILENO && ::close(descriptor) != 0 && errno != EINTR)
+  replace(-1, false);
+}
+
+// Some file systems tell of a want of room only when the file is closed.
+void LogFile::replace(int descriptor, bool isTorn) {
+  assert(NoCancellation::isInForce());
+  int old = -1;
+  {
+    const std::lock_guard guard(LogTurns::m_oTables);
+    old = m_nDescriptor.exchange(descriptor);
+    m_bTorn = isTorn;
+    m_nWrites = 0;
+  }
+  if (old > STDERR_FILENO && ::close(old) != 0 && errno != EINTR)
     m_nError = errno;
 }
 

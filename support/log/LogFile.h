@@ -8,6 +8,10 @@
 // or a fork, and ends when there is nothing to do: a process may end by its main thread's
 // pthread_exit(). A record of level 1 does not wait for it: its own thread takes the turn.
 //
+// The descriptor is exchanged under the tables of the logs, which a fork holds: a file is opened
+// before and closed after. So the number that a child finds is always that of a file which is open
+// there, whatever the system copies first, and no fork waits for a file.
+//
 // The file belongs to the state and to its thread in common, so that a thread which is stuck in a
 // write may come back when the log is gone.
 #ifndef SUPPORT_LOG_LOGFILE_H
@@ -85,6 +89,7 @@ class LogFile : public std::enable_shared_from_this<LogFile> {
   bool writeInTurn(std::string_view record);
 
   // For whoever has the turn.
+  void replace(int descriptor, bool isTorn);
   void writeQueued();
   void write(const std::string_view* records, std::size_t count);
   std::size_t writeSome(const std::string_view* records, std::size_t count);

@@ -41,9 +41,10 @@ constinit VarnLogging::Registration VarnLogging::m_pInstance;
 constinit std::atomic<int> VarnLogging::m_nAdmittedLevel{kNoLog};
 
 VarnLogging::State::Owner VarnLogging::State::attachTo(VarnLogging& log) {
+  std::shared_ptr<LogFile> unused;
   std::unique_lock guard(m_oTables);
   State* state = first();
-  while (state != nullptr && (state->owner != nullptr || !state->resetLocked()))
+  while (state != nullptr && (state->owner != nullptr || !state->resetLocked(unused)))
     state = state->following();
   if (state == nullptr) {
     guard.unlock();
@@ -72,7 +73,7 @@ void VarnLogging::State::detach() {
 }
 
 // A thread may still have a record of the log that is gone open, or the record lock for ever.
-bool VarnLogging::State::resetLocked() {
+bool VarnLogging::State::resetLocked(std::shared_ptr<LogFile>& unused) {
   if (!lock.testAndSet())
     return false;
   const bool isFree = lock.lockCount() == 1 && (word & (kRecord | kWriting | kChanging)) == 0;
@@ -83,7 +84,7 @@ bool VarnLogging::State::resetLocked() {
     building->content.aside.text.clear();
     target = 0;
     rest = kNoRest;
-    file.reset();
+    unused.swap(file);
     descriptor = -1;
     torn = false;
     word = 0;
@@ -164,12 +165,10 @@ void VarnLogging::State::setFile(std::shared_ptr<LogFile> newFile) {
   file = std::move(newFile);
 }
 
-bool VarnLogging::State::reopenFile(VarnLogging& log) {
-  assert(owner == &log && file != nullptr);
+bool VarnLogging::State::reopenFile() {
+  assert(owner != nullptr && file != nullptr);
   const FileChange change(*this);
-  const bool isNew = file->open();
-  log.m_bFileOpen = file->isOpen();
-  return isNew;
+  return file->open();
 }
 
 // Whoever is told that a log admits a level finds that log.

@@ -15,7 +15,8 @@
 //   kWriting, kChanging        bits of the state's word: the file is written to, opened or closed
 //   the tables                 the registration, the states, the components' levels of all logs
 // The tables are never locked across a call that can block. A fork takes them and nothing else of
-// the log: what a thread of the parent was building or writing is dropped in the child.
+// the log: what a thread of the parent was building or writing is dropped in the child, and a file
+// that one was opening or closing is open there if its number is known.
 #ifndef SUPPORT_LOG_LOGSTATE_H
 #define SUPPORT_LOG_LOGSTATE_H
 
@@ -157,11 +158,12 @@ struct VSUPT_LOCAL VarnLogging::State : LogTurns {
   // Gives the log the file that it writes to under one name. Requires: it has none, and no target.
   void setFile(std::shared_ptr<LogFile> newFile);
   // Opens that file again; false when the old one stays.
-  bool reopenFile(VarnLogging& log);
+  bool reopenFile();
   // Closes the file of the log. Requires: nobody else uses it.
   void closeFile(VarnLogging& log);
-  // Makes a state that has no log as good as new, if nobody is at it.
-  bool resetLocked();
+  // Makes a state that has no log as good as new, if nobody is at it. The file that it had is in
+  // `unused` then.
+  bool resetLocked(std::shared_ptr<LogFile>& unused);
 
   static void prepareFork() VSUPT_UNCHECKED;
   static void releaseFork(ForkSide side) VSUPT_UNCHECKED;
@@ -183,7 +185,8 @@ struct VSUPT_LOCAL VarnLogging::State : LogTurns {
   std::atomic<std::int32_t> rest{kNoRest};
   // Of a VarnLogFile, in place of the descriptor; fixed while the log is there.
   std::shared_ptr<LogFile> file;
-  // Used by whoever has kWriting or kChanging.
+  // Used by whoever has kWriting or kChanging. The descriptor changes under the tables, as that of
+  // a LogFile does.
   int descriptor = -1;
   bool torn = false;
   // Guarded by the tables.

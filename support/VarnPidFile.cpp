@@ -30,6 +30,7 @@
 #include "runtime/Fork.h"
 #include "runtime/LinkedNodes.h"
 #include "runtime/System.h"
+#include "runtime/WithoutWriteSignals.h"
 #include "text/NumberText.h"
 
 namespace VarnSupport {
@@ -47,8 +48,9 @@ constexpr useconds_t kBetweenLooksMicroseconds = 1000;
   throw VarnStartRefused(path + ' ' + reason, code);
 }
 
-[[noreturn]] void refuseWithErrno(const std::string& path, const std::string& attempt) {
-  refuse(path, attempt + ": " + strerrordesc_np(errno));
+[[noreturn]] void refuseForError(const std::string& path, const std::string& attempt,
+                                 int error = errno) {
+  refuse(path, attempt + ": " + strerrordesc_np(error));
 }
 
 // The text of a PID file, without the line feed; more than an identifier has if it is anything
@@ -71,16 +73,19 @@ pid_t identifierIn(std::string_view text) { return std::max(numberIn<pid_t>(text
   refuse(path, "is held by process " + std::to_string(process), process);
 }
 
-// Async-signal-safe. What an earlier process has written is longer at most, and is cut off last.
-bool writeIdentifier(int descriptor, pid_t process) {
+// 0, or what is wrong. Async-signal-safe. What an earlier process has written is longer at most,
+// and is cut off last.
+int writeIdentifier(int descriptor, pid_t process) {
   std::array<char, 16> text{};
   char* const end = std::to_chars(text.data(), text.data() + text.size() - 1, process).ptr;
   *end = '\n';
-  const auto length = end + 1 - text.data();
-  return retrying([&] {
-           return pwrite(descriptor, text.data(), static_cast<std::size_t>(length), 0);
-         }) == length &&
-         retrying([&] { return ftruncate(descriptor, length); }) == 0;
+  const std::string_view line(text.data(), static_cast<std::size_t>(end + 1 - text.data()));
+  if (lseek(descriptor, 0, SEEK_SET) != 0)
+    return errno;
+  if (const int error = writeWhole(descriptor, line); error != 0)
+    return error;
+  const auto length = static_cast<off_t>(line.size());
+  return retrying([&] { return ftruncate(descriptor, length); }) == 0 ? 0 : errno;
 }
 
 bool isStillAt(const std::string& path, int descriptor) {
@@ -99,7 +104,7 @@ Descriptor openFile(const std::string& path) {
   if (!file.isOpen() && errno == ELOOP)
     refuse(path, "is a symbolic link");
   if (!file.isOpen())
-    refuseWithErrno(path, "cannot be opened");
+    refuseForError(path, "cannot be opened");
   return file;
 }
 
@@ -180,12 +185,12 @@ bool PidFileState::tryLock(Descriptor& held) {
   Descriptor file = openFile(m_sPath);
   struct stat status {};
   if (fstat(file.get(), &status) != 0)
-    refuseWithErrno(m_sPath, "cannot be looked at");
+    refuseForError(m_sPath, "cannot be looked at");
   if (!S_ISREG(status.st_mode) || status.st_nlink > 1)
     refuse(m_sPath, "is no plain file of one name");
   if (retrying([&] { return flock(file.get(), LOCK_EX | LOCK_NB); }) != 0) {
     if (errno != EWOULDBLOCK)
-      refuseWithErrno(m_sPath, "cannot be locked");
+      refuseForError(m_sPath, "cannot be locked");
     held = std::move(file);
     return false;
   }
@@ -202,8 +207,8 @@ bool PidFileState::tryLock(Descriptor& held) {
 
 void PidFileState::write() {
   assert(m_oFile.isOpen());
-  if (!writeIdentifier(m_oFile.get(), getpid()))
-    refuseWithErrno(m_sPath, "cannot be written");
+  if (const int error = writeIdentifier(m_oFile.get(), getpid()); error != 0)
+    refuseForError(m_sPath, "cannot be written", error);
 }
 
 struct PidFileState::Fork {

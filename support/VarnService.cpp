@@ -19,8 +19,8 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/SignalRelay.h"
-#include "runtime/System.h"
 #include "runtime/SystemThreads.h"
+#include "runtime/WithoutWriteSignals.h"
 #include "service/DaemonLaunch.h"
 #include "threads/EventTicket.h"
 
@@ -66,7 +66,7 @@ void routeSignals(std::initializer_list<int> signals) {
 void tellRefusal(const std::string& service, const std::string& reason) {
   const std::string name = service.empty() ? program_invocation_short_name : service;
   const std::string line = name + ": " + reason + '\n';
-  retrying([&] { return write(STDERR_FILENO, line.data(), line.size()); });
+  static_cast<void>(writeWhole(STDERR_FILENO, line));
 }
 
 }  // namespace

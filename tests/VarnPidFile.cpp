@@ -76,6 +76,16 @@ TEST(VarnPidFile, TakesOverWhatADeadProcessHasLeftAndNothingElse) {
   EXPECT_FALSE(fs::exists(path("none")));
 }
 
+TEST(VarnPidFile, AWriteThatIsCutShortIsRefusedForItsReason) {
+  const TempFolder folder;
+  expectInBareChild([&] {
+    const rlimit small{1, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &small);  // SIGXFSZ would end the process
+    EXPECT_EQ(folder / "x.pid" + " cannot be written: File too large", attempt(folder / "x.pid"));
+    EXPECT_EQ(0, entriesIn(folder.path()));
+  });
+}
+
 TEST(VarnPidFile, IsRemovedOnlyWhileItIsStillTheOneThatWasMade) {
   const TempFolder folder;
   const std::string path = folder / "x.pid";

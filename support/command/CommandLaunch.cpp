@@ -13,7 +13,6 @@
 #include <paths.h>
 #include <spawn.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -25,7 +24,7 @@
 #include <utility>
 
 #include "runtime/Cancellation.h"
-#include "runtime/System.h"
+#include "runtime/WithoutWriteSignals.h"
 
 // The header of some releases of the platform does not say it.
 extern "C" {
@@ -65,19 +64,11 @@ Descriptor makeFile() {
                                                     : number);
 }
 
-// A file beyond the limit would get the process a signal.
 Descriptor fileOf(const std::string& text) {
   static constexpr std::string_view kSubject = "input";
-  rlimit limit{};
-  if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && text.size() > limit.rlim_cur)
-    requireNone(EFBIG, kSubject);
   Descriptor file = makeFile();
   require(file.isOpen(), kSubject);
-  for (std::string_view rest = text; !rest.empty();) {
-    const ssize_t written = retrying([&] { return write(file.get(), rest.data(), rest.size()); });
-    require(written > 0, kSubject);
-    rest.remove_prefix(static_cast<std::size_t>(written));
-  }
+  requireNone(writeWhole(file.get(), text), kSubject);
   require(lseek(file.get(), 0, SEEK_SET) == 0, kSubject);
   return file;
 }

@@ -4,10 +4,14 @@
 #define SUPPORT_RUNTIME_WITHOUTWRITESIGNALS_H
 
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <ctime>
+#include <string_view>
 
 #include "runtime/System.h"
 
@@ -29,7 +33,8 @@ class WithoutWriteSignals {
   WithoutWriteSignals& operator=(const WithoutWriteSignals&) = delete;
   ~WithoutWriteSignals() { pthread_sigmask(SIG_SETMASK, &m_oPrevious, nullptr); }
 
-  // After a failed write: takes back the signal that it has raised.
+  // After a failed write: takes back the signal that it has raised. The platform's function for
+  // that is a cancellation point, and the signal would end a process whose thread left from here.
   void take(int error) const {
     const int signal = error == EPIPE ? SIGPIPE : SIGXFSZ;
     if ((error != EPIPE && error != EFBIG) ||
@@ -39,7 +44,9 @@ class WithoutWriteSignals {
     sigemptyset(&raised);
     sigaddset(&raised, signal);
     const timespec atOnce{};
-    retrying([&] { return sigtimedwait(&raised, nullptr, &atOnce); });
+    retrying([&] {
+      return syscall(SYS_rt_sigtimedwait, &raised, nullptr, &atOnce, std::size_t{_NSIG / 8});
+    });
     errno = error;
   }
 
@@ -50,6 +57,22 @@ class WithoutWriteSignals {
   sigset_t m_oPrevious{};
   sigset_t m_oPending{};
 };
+
+// Writes all bytes, and raises no signal. 0, or what is wrong: the error behind a write that was
+// cut short, too. Async-signal-safe, and a cancellation point.
+inline int writeWhole(int descriptor, std::string_view bytes) {
+  const WithoutWriteSignals quiet;
+  while (!bytes.empty()) {
+    const ssize_t count = retrying([&] { return write(descriptor, bytes.data(), bytes.size()); });
+    if (count <= 0) {
+      const int error = count < 0 ? errno : EIO;
+      quiet.take(error);
+      return error;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return 0;
+}
 
 }  // namespace VarnSupport
 

@@ -145,17 +145,8 @@ int FileReplacement::writeNewFile(std::string_view contents) const {
 
 // Rights of the owner and group are worth nothing on a file of another owner and group.
 int FileReplacement::fill(int descriptor, std::string_view contents) const {
-  const WithoutWriteSignals quiet;
-  while (!contents.empty()) {
-    const ssize_t count =
-        retrying([&] { return write(descriptor, contents.data(), contents.size()); });
-    if (count <= 0) {
-      const int error = count < 0 ? errno : EIO;
-      quiet.take(error);
-      return error;
-    }
-    contents.remove_prefix(static_cast<std::size_t>(count));
-  }
+  if (const int error = writeWhole(descriptor, contents); error != 0)
+    return error;
   if (m_bExists) {
     mode_t mode = m_oStatus.st_mode & 07777;
     if (fchown(descriptor, m_oStatus.st_uid, m_oStatus.st_gid) != 0) {

@@ -252,21 +252,10 @@ bool PropertyFileWriter::encode(std::wstring_view line, std::string& bytes) {
   return whole;
 }
 
-// A write that is cut short goes on where it ended.
 bool PropertyFileWriter::writeBytes(std::string_view bytes) {
   assert(isOpen());
-  const WithoutWriteSignals quiet;
   const BlockingCall cancellable;
-  while (!bytes.empty()) {
-    const ssize_t count =
-        retrying([&] { return ::write(m_oFile.get(), bytes.data(), bytes.size()); });
-    if (count <= 0) {
-      quiet.take(errno);
-      return false;
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return true;
+  return writeWhole(m_oFile.get(), bytes) == 0;
 }
 
 }  // namespace VarnSupport

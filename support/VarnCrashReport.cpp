@@ -50,9 +50,7 @@ constinit std::atomic<pid_t> terminated{0};  // a thread that has reported, and 
 // given up for it.
 constinit std::atomic<int> spareDescriptor{-1};
 
-void takeSpareDescriptor() {
-  spareDescriptor = Descriptor(open("/", O_PATH | O_CLOEXEC)).release();
-}
+void takeSpareDescriptor() { spareDescriptor = Descriptor::open("/", O_PATH).release(); }
 
 // The program may have closed it, and then have something else by that number.
 void giveUpSpareDescriptor() {

@@ -97,10 +97,8 @@ bool isStillAt(const std::string& path, int descriptor) {
 
 // Does not block at a pipe that somebody has put there.
 Descriptor openFile(const std::string& path) {
-  Descriptor file(retrying([&] {
-    return open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
-                kFileMode);
-  }));
+  Descriptor file = Descriptor::open(
+      path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kFileMode);
   if (!file.isOpen() && errno == ELOOP)
     refuse(path, "is a symbolic link");
   if (!file.isOpen())

@@ -206,6 +206,25 @@ TEST_F(VarnSettings, AFileThatCannotBeReadIsOneFault) {
   }
 }
 
+// The platform cancels threads that the library does not run, in its own calls.
+TEST_F(VarnSettings, AThreadThatIsCancelledWhileItReadsLeavesNoDescriptor) {
+  file("k=1\n");
+  const auto read = [](void* name) -> void* {
+    while (true)
+      Settings(*static_cast<std::string*>(name));
+  };
+  const int before = entriesIn("/proc/self/fd");
+  Random random;
+  for (int i = 0; i < 100; ++i) {
+    pthread_t reader{};
+    ASSERT_EQ(0, pthread_create(&reader, nullptr, read, &m_sFile));
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
+    pthread_cancel(reader);
+    ASSERT_EQ(0, pthread_join(reader, nullptr));
+  }
+  EXPECT_EQ(before, entriesIn("/proc/self/fd"));
+}
+
 TEST_F(VarnSettings, ReferencesAreReplacedInTurnAndFaultsWhereTheyLeadNowhere) {
   Settings settings(
       file("a=<b>-<b>\nb=<host> <HOME>\nlt=<\ncommand=run <b> <name> <lt>5 <<lt>> <>\n"

@@ -53,7 +53,7 @@ void requireNone(int error, std::string_view subject) {
 void require(bool works, std::string_view subject) { requireNone(works ? 0 : errno, subject); }
 
 Descriptor nothing() {
-  Descriptor device(open("/dev/null", O_RDWR | O_CLOEXEC));
+  Descriptor device = Descriptor::open("/dev/null", O_RDWR);
   require(device.isOpen(), "/dev/null");
   return device;
 }
@@ -147,7 +147,7 @@ std::string findProgram(const std::string& name, const std::string& path, int fo
 Descriptor openFolder(const std::string& path) {
   if (hasNul(path))
     throw Failure{EINVAL, "folder"};
-  Descriptor folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  Descriptor folder = Descriptor::open(path.c_str(), O_PATH | O_DIRECTORY);
   require(folder.isOpen() && faccessat(folder.get(), ".", X_OK, AT_EACCESS) == 0, path);
   return folder;
 }

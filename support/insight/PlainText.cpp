@@ -130,8 +130,7 @@ ProcPath::ProcPath(std::string_view folder, long number, std::string_view rest) 
   put(to, rest);
 }
 
-PlainFile::PlainFile(const char* path)
-    : m_oFile(retrying([path] { return open(path, O_RDONLY | O_CLOEXEC); })) {}
+PlainFile::PlainFile(const char* path) : m_oFile(Descriptor::open(path, O_RDONLY)) {}
 
 // What is left of the buffer moves to its front. A line that fills the whole buffer ends there.
 bool PlainFile::refill() {

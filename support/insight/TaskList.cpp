@@ -121,7 +121,7 @@ TaskList::TaskList() {
 
 // The folder is closed before files are opened: there may be no other descriptor.
 void TaskList::addAll() {
-  const Descriptor folder(open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor folder = Descriptor::open("/proc/self/task", O_RDONLY | O_DIRECTORY);
   if (!folder.isOpen()) {
     m_nError = errno;
     return;

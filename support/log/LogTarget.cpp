@@ -35,7 +35,7 @@ bool isTorn(int descriptor, off_t size) {
   if (size == 0)
     return false;
   const std::string name = "/proc/self/fd/" + std::to_string(descriptor);
-  const Descriptor reader(open(name.c_str(), O_RDONLY | O_CLOEXEC));
+  const Descriptor reader = Descriptor::open(name.c_str(), O_RDONLY);
   char last = '\n';
   return reader.isOpen() && pread(reader.get(), &last, 1, size - 1) == 1 && last != '\n';
 }
@@ -96,8 +96,8 @@ class RecordsLeft {
 }  // namespace
 
 std::FILE* openForRecords(const std::string& name) {
-  Descriptor descriptor(
-      open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644));
+  Descriptor descriptor =
+      Descriptor::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
   if (!descriptor.isOpen())
     return nullptr;
   std::FILE* const file = fdopen(descriptor.get(), "w");
@@ -110,9 +110,8 @@ std::FILE* openForRecords(const std::string& name) {
 // rights in folders that others may write to. Opening must not wait either, as that of a pipe
 // without a reader does.
 AppendedFile openForAppending(const std::string& name) {
-  constexpr int flags =
-      O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  Descriptor file(retrying([&] { return open(name.c_str(), flags, 0640); }));
+  Descriptor file = Descriptor::open(
+      name.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0640);
   if (!file.isOpen())  // ENXIO: a pipe without a reader, or a socket
     return {-1, errno == ENXIO ? kNotForRecords : errno, false};
   struct stat status {};

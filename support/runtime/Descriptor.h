@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "runtime/Cancellation.h"
+#include "runtime/System.h"
 
 namespace VarnSupport {
 
@@ -17,6 +18,13 @@ namespace VarnSupport {
 // closed them, and the program may open, or write to, them later.
 class Descriptor {
  public:
+  // As open(), closed on exec. Is no cancellation point: a thread that is cancelled inside may lose
+  // the number.
+  static Descriptor open(const char* path, int flags, mode_t mode = 0) {
+    const NoCancellation whole;
+    return Descriptor(retrying([&] { return ::open(path, flags | O_CLOEXEC, mode); }));
+  }
+
   Descriptor() = default;
   // Takes over what a call of the system has returned, under another number if need be. Not open,
   // with errno, when the call has failed or there is no other number. Requires: close-on-exec.

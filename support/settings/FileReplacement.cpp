@@ -56,7 +56,7 @@ int resultOf(int returned) { return returned == 0 ? 0 : errno; }
 }  // namespace
 
 LockedFolder::LockedFolder(const std::string& folder)
-    : m_oFolder(retrying([&] { return open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })),
+    : m_oFolder(Descriptor::open(folder.c_str(), O_RDONLY | O_DIRECTORY)),
       m_nError(m_oFolder.isOpen() ? 0 : errno) {}
 
 // A child of a fork may have the descriptor, too: the lock would stay with it.
@@ -133,9 +133,8 @@ int FileReplacement::writeNewFile(std::string_view contents) const {
   assert(m_bRead && NoCancellation::isInForce());
   unlink(m_sNewFile.c_str());
   const mode_t mode = m_bExists ? kModeMeanwhile : kModeOfNewFiles;
-  Descriptor file(retrying([&] {
-    return open(m_sNewFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-  }));
+  Descriptor file =
+      Descriptor::open(m_sNewFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
   if (!file.isOpen())
     return errno;
   const int error = fill(file.get(), contents);

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <optional>
 
 #include "runtime/Cancellation.h"
 #include "runtime/System.h"
@@ -35,19 +34,20 @@ bool isPipe(const std::string& fileName) {
   return stat(fileName.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-// A pipe is waited for until it has a partner. Other files are opened at once, so that a killed
-// thread never leaves a descriptor of one behind.
-int openRetrying(const std::string& fileName, int flags, mode_t mode) {
-  std::optional<BlockingCall> cancellable;
-  if (isCancellable() && isPipe(fileName))
-    cancellable.emplace();
-  return retrying([&] { return open(fileName.c_str(), flags | O_CLOEXEC, mode); });
+// A pipe is waited for until it has a partner, which can be cancelled, unless the flags say that
+// nothing is waited for. Other files are opened at once, and a thread that is cancelled never
+// leaves a descriptor of one behind.
+Descriptor openFile(const std::string& fileName, int flags, mode_t mode) {
+  if ((flags & O_NONBLOCK) != 0 || !isPipe(fileName))
+    return Descriptor::open(fileName.c_str(), flags, mode);
+  const BlockingCall cancellable;
+  return Descriptor(retrying([&] { return open(fileName.c_str(), flags | O_CLOEXEC, mode); }));
 }
 
 }  // namespace
 
 FileDescriptor::FileDescriptor(const std::string& fileName, int flags, mode_t mode)
-    : m_oFile(openRetrying(fileName, flags, mode)), m_nError(m_oFile.isOpen() ? 0 : errno) {
+    : m_oFile(openFile(fileName, flags, mode)), m_nError(m_oFile.isOpen() ? 0 : errno) {
   struct stat status {};
   if (!m_oFile.isOpen() || fstat(m_oFile.get(), &status) != 0)
     return;

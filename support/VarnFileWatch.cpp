@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <filesystem>
 #include <set>
 #include <system_error>
@@ -26,6 +27,8 @@
 #include "loop/FileWatchState.h"
 #include "loop/LoopThread.h"
 #include "runtime/Cancellation.h"
+#include "runtime/System.h"
+#include "text/TextColumns.h"
 
 namespace VarnSupport {
 
@@ -38,6 +41,8 @@ constexpr std::chrono::seconds kBetweenTries{1};
 FileWatchPlace::FileWatchPlace(const std::string& path) : given(path) {
   if (path.empty())
     throw VarnException("VarnFileWatch: there is no path", 0);
+  if (hasNul(path))
+    throwSystemError("VarnFileWatch of " + escapedText(path), EINVAL);
   const std::size_t behind = path.rfind('/') + 1;
   shown = path.substr(0, behind);
   pattern = behind < path.size() ? path.substr(behind) : "*";

@@ -32,6 +32,7 @@
 #include "runtime/System.h"
 #include "runtime/WithoutWriteSignals.h"
 #include "text/NumberText.h"
+#include "text/TextColumns.h"
 
 namespace VarnSupport {
 
@@ -45,7 +46,7 @@ constexpr int kLooks = 100;
 constexpr useconds_t kBetweenLooksMicroseconds = 1000;
 
 [[noreturn]] void refuse(const std::string& path, const std::string& reason, int code = 0) {
-  throw VarnStartRefused(path + ' ' + reason, code);
+  throw VarnStartRefused(escapedText(path) + ' ' + reason, code);
 }
 
 [[noreturn]] void refuseForError(const std::string& path, const std::string& attempt,
@@ -97,8 +98,8 @@ bool isStillAt(const std::string& path, int descriptor) {
 
 // Does not block at a pipe that somebody has put there.
 Descriptor openFile(const std::string& path) {
-  Descriptor file = Descriptor::open(
-      path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kFileMode);
+  Descriptor file =
+      Descriptor::open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kFileMode);
   if (!file.isOpen() && errno == ELOOP)
     refuse(path, "is a symbolic link");
   if (!file.isOpen())

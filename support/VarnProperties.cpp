@@ -236,7 +236,7 @@ template <typename StringType>
 bool VarnProperties<StringType>::loadPropertiesImpl(const std::string& fileName, CharT separator) {
   const CancellationGuard closed;
   logFile("loadProperties: from file ", fileName);
-  PropertyFileReader<CharT> file(fileName);
+  PropertyFileReader<CharT> file(fileName.c_str());  // which ends at a NUL
   if (!file.isOpen()) {
     logFile("loadProperties: couldn't open file ", fileName);
     return false;
@@ -291,7 +291,7 @@ template <typename StringType>
 bool VarnProperties<StringType>::savePropertiesImpl(const std::string& fileName) {
   const CancellationGuard closed;
   logFile("saveProperties: to file ", fileName);
-  PropertyFileWriter file(fileName);
+  PropertyFileWriter file(fileName.c_str());
   if (!file.isOpen()) {
     logFile("saveProperties: couldn't open file ", fileName);
     return false;

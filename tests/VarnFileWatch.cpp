@@ -447,6 +447,7 @@ TEST(VarnFileWatch, AChildOfAForkLeavesTheParentsAlone) {
 TEST(VarnFileWatch, RefusesWhatIsNoPath) {
   EXPECT_TRUE(contains(resultOf([] { Watch("", [](const Change&) {}); }), "no path"));
   EXPECT_TRUE(contains(resultOf([] { Watch("x", Watch::Function()); }), "no function"));
+  EXPECT_THROW(Watch(std::string("x\0y", 3), [](const Change&) {}), VarnException);
 }
 
 // The link that the second folder is reached by would need a watch more.

@@ -108,6 +108,9 @@ TEST(VarnLogFile, ANameThatIsNoPlainFileIsRefusedAtOnce) {
   close(reader);
   VarnLogFile log("/dev/null", 5);
   EXPECT_TRUE(log.isFileOpen());
+  const std::string cut = (folder / "new") + '\0';
+  EXPECT_EQ(cut + ": Invalid argument", VarnLogFile(cut, 5).lastError());
+  EXPECT_FALSE(fs::exists(folder / "new"));
 }
 
 TEST(VarnLogFile, KeepsTheOldFileAndSaysSoWhenTheNewOneCannotBeOpened) {

@@ -71,6 +71,8 @@ TEST(VarnPidFile, TakesOverWhatADeadProcessHasLeftAndNothingElse) {
       {"other12", other}};
   for (const auto& [name, reason] : refused)
     EXPECT_EQ(path(name) + ' ' + reason, attempt(path(name)));
+  EXPECT_EQ(path("none") + "\\x00 cannot be opened: Invalid argument",
+            attempt(path("none") + '\0'));
   EXPECT_EQ("1\n", contentsOf(path("target")));
   EXPECT_EQ("port=80\n", contentsOf(path("other8")));
   EXPECT_FALSE(fs::exists(path("none")));

@@ -204,6 +204,8 @@ TEST_F(VarnSettings, AFileThatCannotBeReadIsOneFault) {
     EXPECT_EQ(settings.number("k", {3, 4}), 3);
     EXPECT_EQ(faultsOf(settings), Lines{name + ": " + reason});
   }
+  const Settings cut(file("k=1\n") + "\0x"s);
+  EXPECT_EQ(faultsOf(cut), Lines{"\\x00x: cannot be read: Invalid argument"});
 }
 
 // The platform cancels threads that the library does not run, in its own calls.

@@ -93,6 +93,11 @@ TEST_F(VarnUpdatePropertyFile, WhatCannotBeWrittenIsRefusedAndChangesNothing) {
   fs::remove(m_sFile);
   fs::create_symlink("nowhere", m_sFile);
   EXPECT_EQ(refusalOf(set), ": cannot be read: No such file or directory");
+  writeFile(m_oFolder / "cut", "a=0\n");
+  m_sFile = m_oFolder / "cut";
+  EXPECT_EQ(resultOf([&] { VarnSupport::VarnUpdatePropertyFile(m_sFile + '\0', set); }),
+            m_sFile + "\\x00: cannot be read: Invalid argument");
+  EXPECT_EQ(contentsOf(m_sFile), "a=0\n");
   m_sFile = "/no/such/file";
   EXPECT_EQ(refusalOf(set), ": its folder cannot be locked: No such file or directory");
 }

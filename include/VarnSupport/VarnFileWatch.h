@@ -53,7 +53,7 @@ class VSUPT_EXPORT VarnFileWatch {
   // name is "*". A relative path begins at the working directory of this moment. Whatever changes
   // after the constructor has begun is told. `pool` must outlive the object; null is the thread of
   // the loop. Throws VarnException, with the system's code, when the system has no more watches to
-  // give, and with code 0 when there is no function or no path.
+  // give or the path has a NUL, and with code 0 when there is no function or no path.
   VarnFileWatch(const std::string& path, Function function, VarnCallbackPool* pool = nullptr);
   VarnFileWatch(const VarnFileWatch&) = delete;
   VarnFileWatch& operator=(const VarnFileWatch&) = delete;

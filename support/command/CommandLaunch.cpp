@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "runtime/Cancellation.h"
+#include "runtime/System.h"
 #include "runtime/WithoutWriteSignals.h"
 
 // The header of some releases of the platform does not say it.
@@ -79,8 +80,6 @@ Pipe makePipe() {
   require(pipe.isOpen() && fcntl(pipe.reading.get(), F_SETFL, O_NONBLOCK) == 0, "pipe");
   return pipe;
 }
-
-bool hasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
 
 // Null-terminated pointers to texts, as the system takes them. The texts must outlive it.
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
@@ -147,7 +146,7 @@ std::string findProgram(const std::string& name, const std::string& path, int fo
 Descriptor openFolder(const std::string& path) {
   if (hasNul(path))
     throw Failure{EINVAL, "folder"};
-  Descriptor folder = Descriptor::open(path.c_str(), O_PATH | O_DIRECTORY);
+  Descriptor folder = Descriptor::open(path, O_PATH | O_DIRECTORY);
   require(folder.isOpen() && faccessat(folder.get(), ".", X_OK, AT_EACCESS) == 0, path);
   return folder;
 }

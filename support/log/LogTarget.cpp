@@ -35,7 +35,7 @@ bool isTorn(int descriptor, off_t size) {
   if (size == 0)
     return false;
   const std::string name = "/proc/self/fd/" + std::to_string(descriptor);
-  const Descriptor reader = Descriptor::open(name.c_str(), O_RDONLY);
+  const Descriptor reader = Descriptor::open(name, O_RDONLY);
   char last = '\n';
   return reader.isOpen() && pread(reader.get(), &last, 1, size - 1) == 1 && last != '\n';
 }
@@ -111,7 +111,7 @@ std::FILE* openForRecords(const std::string& name) {
 // without a reader does.
 AppendedFile openForAppending(const std::string& name) {
   Descriptor file = Descriptor::open(
-      name.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0640);
+      name, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0640);
   if (!file.isOpen())  // ENXIO: a pipe without a reader, or a socket
     return {-1, errno == ENXIO ? kNotForRecords : errno, false};
   struct stat status {};

@@ -7,6 +7,7 @@
 
 #include <cassert>
 #include <cerrno>
+#include <string>
 #include <utility>
 
 #include "runtime/Cancellation.h"
@@ -23,6 +24,13 @@ class Descriptor {
   static Descriptor open(const char* path, int flags, mode_t mode = 0) {
     const NoCancellation whole;
     return Descriptor(retrying([&] { return ::open(path, flags | O_CLOEXEC, mode); }));
+  }
+  // A path with a NUL is refused.
+  static Descriptor open(const std::string& path, int flags, mode_t mode = 0) {
+    if (!hasNul(path))
+      return open(path.c_str(), flags, mode);
+    errno = EINVAL;
+    return {};
   }
 
   Descriptor() = default;

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "runtime/BriefGate.h"
 
@@ -45,6 +46,9 @@ inline const char* errorText(int error) {
 inline bool isSameFile(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
+
+// Whether the system would see the beginning of the text only.
+inline bool hasNul(std::string_view text) { return text.find('\0') != text.npos; }
 
 // Calls until a signal no longer interrupts, and returns the result.
 template <typename Call>

@@ -41,7 +41,7 @@ constexpr std::size_t kBlock = 65536;
 std::string behindLinks(const std::string& fileName) {
   std::error_code error;
   const fs::path found = fs::canonical(fileName, error);
-  return error ? fs::absolute(fileName, error).string() : found.string();
+  return error || hasNul(fileName) ? fs::absolute(fileName, error).string() : found.string();
 }
 
 std::string folderOf(const std::string& file) { return fs::path(file).parent_path().string(); }
@@ -56,7 +56,7 @@ int resultOf(int returned) { return returned == 0 ? 0 : errno; }
 }  // namespace
 
 LockedFolder::LockedFolder(const std::string& folder)
-    : m_oFolder(Descriptor::open(folder.c_str(), O_RDONLY | O_DIRECTORY)),
+    : m_oFolder(Descriptor::open(folder, O_RDONLY | O_DIRECTORY)),
       m_nError(m_oFolder.isOpen() ? 0 : errno) {}
 
 // A child of a fork may have the descriptor, too: the lock would stay with it.
@@ -133,8 +133,7 @@ int FileReplacement::writeNewFile(std::string_view contents) const {
   assert(m_bRead && NoCancellation::isInForce());
   unlink(m_sNewFile.c_str());
   const mode_t mode = m_bExists ? kModeMeanwhile : kModeOfNewFiles;
-  Descriptor file =
-      Descriptor::open(m_sNewFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+  Descriptor file = Descriptor::open(m_sNewFile, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
   if (!file.isOpen())
     return errno;
   const int error = fill(file.get(), contents);

@@ -39,7 +39,7 @@ bool isPipe(const std::string& fileName) {
 // leaves a descriptor of one behind.
 Descriptor openFile(const std::string& fileName, int flags, mode_t mode) {
   if ((flags & O_NONBLOCK) != 0 || !isPipe(fileName))
-    return Descriptor::open(fileName.c_str(), flags, mode);
+    return Descriptor::open(fileName, flags, mode);
   const BlockingCall cancellable;
   return Descriptor(retrying([&] { return open(fileName.c_str(), flags | O_CLOEXEC, mode); }));
 }

@@ -18,7 +18,8 @@ namespace VarnSupport {
 // An open file, and what is known of it.
 class FileDescriptor {
  public:
-  // As open(), with the file closed on exec. A folder counts as a file that cannot be opened.
+  // As open(), with the file closed on exec. A folder counts as a file that cannot be opened, and
+  // so does a name with a NUL.
   FileDescriptor(const std::string& fileName, int flags, mode_t mode);
 
   bool isOpen() const { return m_oFile.isOpen(); }

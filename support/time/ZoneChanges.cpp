@@ -61,7 +61,7 @@ bool isConstant(const std::string& rule) {
 
 // The file as a whole; empty when it cannot be read, or the system may have read another.
 std::string contentsOf(const std::string& path) {
-  const Descriptor file = Descriptor::open(path.c_str(), O_RDONLY);
+  const Descriptor file = Descriptor::open(path, O_RDONLY);
   struct stat status {};
   std::string contents;
   if (!file.isOpen() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||

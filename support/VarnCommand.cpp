@@ -237,7 +237,7 @@ VarnCommand::Result VarnCommand::run() {
 VarnCommand::Result VarnCommand::run(VarnLatchedEvent& stop) {
   const CancellationGuard closed;
   LatchState& event = latchOf(stop);
-  LatchState* const ofThread = StopScope::find();
+  LatchState* const ofThread = StopScope::find();  // without one the event counts twice
   const std::array stops{LatchTicket(event), LatchTicket(ofThread != nullptr ? *ofThread : event)};
   return m_pState->run(stops);
 }

@@ -39,8 +39,10 @@ VarnLogging* VarnLogging::Registration::operator=(VarnLogging* log) {
 void VarnLogging::setInstance(VarnLogging& log) { m_pInstance = &log; }
 
 bool VarnLogging::admits(const std::string& component, int level) {
+  if (!admits(level))
+    return false;
   const CancellationGuard closed;
-  return admits(level) && !State::isRejected(component, level);
+  return !State::isRejected(component, level);
 }
 
 VarnLogging::VarnLogging() : VarnLogging("log", kToStandardOutput, State::kLevelOff) {}

@@ -29,8 +29,8 @@ namespace VarnSupport {
 namespace {
 
 constexpr std::size_t kBlockCharacters = 32768;
-constexpr std::size_t kLinesPerHold = 32;
-constexpr int kPlacesTried = 4;
+constexpr std::size_t kLinesPerHold = 32;  // for which others wait some microseconds
+constexpr int kPlacesTried = 4;            // the next key of a sorted block is seldom further
 
 void logFile(const char* step, const std::string& fileName) {
   OwnRecords::write(OwnRecords::EVENT, "VarnProperties<StringType>::", step, fileName);

@@ -37,7 +37,8 @@ class VSUPT_EXPORT VarnEvent {
   // nanoseconds (1 to 999 ms are), else -3. Callers rely on it; real time-outs are made with
   // timers.
   virtual int wait(int timeoutMs);
-  // The address of a pthread_cond_t and, behind it, its pthread_mutex_t.
+  // The address of a pthread_cond_t and, behind it, its pthread_mutex_t, which set() does not take:
+  // callers rely on it. What a waiter there looks at has to change under the mutex.
   virtual void* getHandle();
   // What the dependents are told; the caller owns it and gives it back to destroyNotification().
   // Derived events override the pair to send more.

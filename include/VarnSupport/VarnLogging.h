@@ -72,7 +72,8 @@ class VSUPT_EXPORT VarnLogging : public VarnDependent {
   static bool admits(int level) {
     return m_nAdmittedLevel.load(std::memory_order_relaxed) >= level;
   }
-  // Whether the component's level admits it, too, or that of all others if it is empty or has none.
+  // The same for records of a component, whose own level, or that of all others if it is empty or
+  // has none, must admit them as well.
   static bool admits(const std::string& component, int level);
 
   // To standard output, level -1, base name "log".

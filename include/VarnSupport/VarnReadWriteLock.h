@@ -67,29 +67,22 @@ class VSUPT_EXPORT VarnReadWriteLock {
   VarnSmartPointer<RwLockImplementation>* m_pState;
 };
 
-// Holds a lock for reading while it exists. Requires: the lock outlives it.
-class VarnReadSection {
+// Holds a lock while it exists, so that a killed thread gives it up. Requires: the lock outlives
+// it.
+template <void (VarnReadWriteLock::*kLock)()>
+class VarnReadWriteSection {
  public:
-  explicit VarnReadSection(VarnReadWriteLock& lock) : m_rLock(lock) { m_rLock.readLock(); }
-  VarnReadSection(const VarnReadSection&) = delete;
-  VarnReadSection& operator=(const VarnReadSection&) = delete;
-  ~VarnReadSection() { m_rLock.readUnLock(); }
+  explicit VarnReadWriteSection(VarnReadWriteLock& lock) : m_rLock(lock) { (m_rLock.*kLock)(); }
+  VarnReadWriteSection(const VarnReadWriteSection&) = delete;
+  VarnReadWriteSection& operator=(const VarnReadWriteSection&) = delete;
+  ~VarnReadWriteSection() { m_rLock.readUnLock(); }  // which gives up either kind
 
  private:
   VarnReadWriteLock& m_rLock;
 };
 
-// The same for writing.
-class VarnWriteSection {
- public:
-  explicit VarnWriteSection(VarnReadWriteLock& lock) : m_rLock(lock) { m_rLock.writeLock(); }
-  VarnWriteSection(const VarnWriteSection&) = delete;
-  VarnWriteSection& operator=(const VarnWriteSection&) = delete;
-  ~VarnWriteSection() { m_rLock.writeUnLock(); }
-
- private:
-  VarnReadWriteLock& m_rLock;
-};
+using VarnReadSection = VarnReadWriteSection<&VarnReadWriteLock::readLock>;
+using VarnWriteSection = VarnReadWriteSection<&VarnReadWriteLock::writeLock>;
 
 }  // namespace VarnSupport
 

@@ -173,9 +173,10 @@ void CommandThread::serve(CommandTask& task, std::span<const LatchTicket> stops)
     {
       const NoCancellation whole;
       const std::lock_guard guard(commandLock);
+      const MonotonicTime now = monotonicNow();
       if (isAnyOver(stops))
-        task.job.terminate(monotonicNow());
-      task.job.advance(monotonicNow());
+        task.job.terminate(now);
+      task.job.advance(now);
       if (task.job.isFinished())
         return;
       watch.emplace(task.bell.isOpen() ? task.bell : thread.value.bell);

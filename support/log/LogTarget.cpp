@@ -96,8 +96,8 @@ class RecordsLeft {
 }  // namespace
 
 std::FILE* openForRecords(const std::string& name) {
-  Descriptor descriptor =
-      Descriptor::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
+  Descriptor descriptor = Descriptor::open(name.c_str(),  // which ends at a NUL
+                                           O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
   if (!descriptor.isOpen())
     return nullptr;
   std::FILE* const file = fdopen(descriptor.get(), "w");

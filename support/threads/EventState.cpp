@@ -95,6 +95,7 @@ bool EventState::moveOnIf(bool odd) {
   return moves && (word & kWaiters) != 0;
 }
 
+// Without the mutex, which is for those alone who wait on the handle: one of them may hold it here.
 void EventState::broadcast() {
   renewAfterFork();
   pthread_cond_broadcast(&condition);

@@ -35,6 +35,7 @@ class LatchState : public EventState {
   friend class LatchWatch;
 };
 
+// The state of an event, which must outlive its use.
 LatchState& latchOf(VarnLatchedEvent& event);
 
 // A latch as it was when a wait for it began: a set() ends the wait also when a reset() follows at

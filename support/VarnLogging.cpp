@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <mutex>
 #include <new>
-#include <string_view>
 #include <utility>
 
 #include "log/LogState.h"

@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <optional>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "options/CommandLine.h"

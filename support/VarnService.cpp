@@ -122,7 +122,6 @@ bool VarnService::startHere(const std::string& arguments) {
 }
 
 bool VarnService::startDaemon(const std::string& arguments) {
-  m_bDaemon = true;
   const int reportTo = launchDaemon();
   return reportTo >= 0 && runDaemon(arguments, reportTo);
 }

@@ -17,7 +17,6 @@
 #include "VarnSupport/VarnThread.h"
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>

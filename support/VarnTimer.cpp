@@ -13,13 +13,9 @@
 // first.
 #include "VarnSupport/VarnTimer.h"
 
-#include <pthread.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <limits>
 #include <new>
 #include <optional>

@@ -7,7 +7,6 @@
 // change every count under the global critical section.
 #include "VarnSupport/VarnTreeNode.h"
 
-#include <algorithm>
 #include <cassert>
 #include <cstdint>
 #include <cstring>

@@ -87,7 +87,7 @@ class VSUPT_EXPORT VarnService {
   std::string m_sText5;
   std::wstring m_sWideText;
   VarnEvent m_oStopEvent;
-  bool m_bDaemon = false;
+  [[maybe_unused]] bool m_bDaemon = false;
   [[maybe_unused]] bool m_bFlag = false;
   std::atomic<std::int32_t> m_nState{1};
 };

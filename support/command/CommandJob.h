@@ -7,7 +7,6 @@
 
 #include <cassert>
 #include <csignal>
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>

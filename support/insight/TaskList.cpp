@@ -9,7 +9,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/futex.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -18,7 +17,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <cstring>
 
 #include "insight/PlainText.h"
 #include "locks/BriefHold.h"

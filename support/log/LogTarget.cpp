@@ -5,7 +5,6 @@
 #include "log/LogTarget.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/uio.h>

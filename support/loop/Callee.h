@@ -3,7 +3,6 @@
 #define SUPPORT_LOOP_CALLEE_H
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <string>
 #include <utility>

@@ -11,7 +11,6 @@
 #include <cassert>
 #include <cerrno>
 #include <thread>
-#include <utility>
 
 #include "VarnSupport/VarnException.h"
 #include "log/OwnRecords.h"

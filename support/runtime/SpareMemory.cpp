@@ -8,8 +8,6 @@
 
 #include <pthread.h>
 
-#include <new>
-
 namespace VarnSupport {
 
 namespace {

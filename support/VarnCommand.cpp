@@ -22,6 +22,7 @@
 #include "VarnSupport/VarnException.h"
 #include "command/CommandSettings.h"
 #include "command/CommandThread.h"
+#include "runtime/Bell.h"
 #include "runtime/Cancellation.h"
 #include "runtime/NeverDestroyed.h"
 #include "runtime/ProcessExit.h"
@@ -260,6 +261,7 @@ VarnCommand::Result VarnCommand::State::run(std::span<const LatchTicket> stops) 
     }
   };
   Claim claim(*this);
+  std::string program = settings.arguments.empty() ? "" : settings.arguments.front();
   const Run run{makeTask(Done())};
   {
     const NoCancellation whole;
@@ -268,7 +270,7 @@ VarnCommand::Result VarnCommand::State::run(std::span<const LatchTicket> stops) 
     if (!run.task->bell.isOpen())
       job.fail(errno, "eventfd");
     else if (isAnyOver(stops))
-      job.fail(ECANCELED, settings.arguments.empty() ? "" : settings.arguments.front());
+      job.fail(ECANCELED, std::move(program));
     else
       job.start(settings);
     claim.publish(run.task, Claim::CALLER);

@@ -18,7 +18,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <exception>
-#include <utility>
 
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnLogObserver.h"
@@ -54,6 +53,7 @@ void takeSpareDescriptor() { spareDescriptor = Descriptor::open("/", O_PATH).rel
 
 // The program may have closed it, and then have something else by that number.
 void giveUpSpareDescriptor() {
+  const NoCancellation whole;
   const int spare = spareDescriptor.exchange(-1);
   const int flags = spare >= 0 ? fcntl(spare, F_GETFL) : -1;
   if (flags >= 0 && (flags & O_PATH) != 0)
@@ -190,6 +190,8 @@ struct VarnCrashReport::State {
 
 VarnCrashReport::VarnCrashReport(int given) {
   const QuietCancellationGuard closed;
+  if (fcntl(given, F_GETFD) < 0)
+    throw VarnException("VarnCrashReport: not a descriptor", errno);
   if (exists.exchange(true))
     throw VarnException("VarnCrashReport: there is one already", EEXIST);
   AlternateStack::want(true);

@@ -14,6 +14,7 @@
 
 #include "VarnSupport/VarnLocaleFactory.h"
 #include "runtime/Cancellation.h"
+#include "runtime/GlobalLocale.h"
 #include "time/DateText.h"
 #include "time/LocalTime.h"
 
@@ -73,8 +74,9 @@ VarnDateTime::VarnDateTime() : m_oLocale(VarnLocaleFactory::getDefaultLocale()) 
   adjustInstanceId();
 }
 
-// The locale member is left to its default, the global locale.
-VarnDateTime::VarnDateTime(const VarnDateTime& source) { *this = source; }
+VarnDateTime::VarnDateTime(const VarnDateTime& source) : m_oLocale(globalLocale()) {
+  *this = source;
+}
 
 VarnDateTime& VarnDateTime::operator=(const VarnDateTime& source) {
   m_nDay = source.m_nDay;

@@ -17,9 +17,9 @@
 #include <map>
 #include <mutex>
 
-#include "runtime/BriefGate.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/GlobalLocale.h"
 #include "runtime/NeverDestroyed.h"
 
 namespace VarnSupport {
@@ -134,7 +134,7 @@ std::locale GetAppropriateLocaleObject() {
   try {
     return makeLocale("");
   } catch (const std::exception&) {
-    return BriefGate::inside([] { return std::locale(); });
+    return globalLocale();
   }
 }
 

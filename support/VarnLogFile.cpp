@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <system_error>
 
 #include "log/LogFile.h"
@@ -64,11 +65,15 @@ bool VarnLogFile::reopen() {
   const bool isNew = state.reopenFile();
   if (isNew || !isFileOpen())
     return isNew;
-  const std::string text = "VarnLogFile::reopen: cannot open " + lastError();
-  if (const std::string line = state.file->inOwnForm(text); !line.empty())
-    writeLine(line);
-  else if (getLogLevel() >= LogFile::kFailures)
-    state.writeAlone(text, LogFile::kFailures);
+  try {
+    const std::string text = "VarnLogFile::reopen: cannot open " + lastError();
+    if (const std::string line = state.file->inOwnForm(text); !line.empty())
+      writeLine(line);
+    else if (getLogLevel() >= LogFile::kFailures)
+      state.writeAlone(text, LogFile::kFailures);
+  } catch (const std::bad_alloc&) {
+    // It is left out, as a record is.
+  }
   return false;
 }
 
@@ -77,7 +82,9 @@ void VarnLogFile::flush() {
   State::of(*this).file->flush();
 }
 
-void VarnLogFile::writeLine(std::string_view line) { State::of(*this).writeAlone(line, 0); }
+void VarnLogFile::writeLine(std::string_view line) {
+  State::of(*this).writeAlone(line.substr(0, line.find('\0')), 0);
+}
 
 std::uint64_t VarnLogFile::lostRecords() const { return State::of(*this).file->lostCount(); }
 

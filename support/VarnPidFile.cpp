@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <charconv>
@@ -51,7 +50,7 @@ constexpr useconds_t kBetweenLooksMicroseconds = 1000;
 
 [[noreturn]] void refuseForError(const std::string& path, const std::string& attempt,
                                  int error = errno) {
-  refuse(path, attempt + ": " + strerrordesc_np(error));
+  refuse(path, attempt + ": " + errorText(error));
 }
 
 // The text of a PID file, without the line feed; more than an identifier has if it is anything
@@ -242,7 +241,7 @@ VarnPidFile::VarnPidFile(const std::string& path) {
   std::error_code error;
   const std::string absolute = std::filesystem::absolute(path, error).string();
   if (error)
-    refuse(path, "has no folder: " + error.message());
+    refuse(path, std::string("has no folder: ") + errorText(error.value()));
   m_pState = std::make_unique<PidFileState>(absolute);
   m_pState->lock();
   m_pState->write();

@@ -15,9 +15,7 @@
 #include <cassert>
 #include <cerrno>
 #include <cstddef>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 #include <string_view>
 
@@ -131,10 +129,16 @@ bool VarnServiceManager::stopping() { return tell("STOPPING=1"); }
 
 // A manager takes no broken text.
 bool VarnServiceManager::status(const std::string& text) {
-  std::string line(wholeCharacters(text, kMostStatusBytes));
-  std::replace_if(
-      line.begin(), line.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7F'; }, ' ');
-  return tell("STATUS=" + line);
+  std::string line = "STATUS=";
+  for (std::string_view left = wholeCharacters(text, kMostStatusBytes); !left.empty();) {
+    const Utf8Character next = firstCharacter(left);
+    if (next.isControl() || next.isBroken())
+      line += ' ';
+    else
+      line += left.substr(0, next.length);
+    left.remove_prefix(next.length);
+  }
+  return tell(line);
 }
 
 bool VarnServiceManager::watchdog() { return tell("WATCHDOG=1"); }

@@ -338,7 +338,9 @@ TEST(VarnCommand, AnEventOrTheStopOfTheThreadEndsARunAndLetsNoneBegin) {
   }
   const std::jthread setter([&] {
     EXPECT_TRUE(eventually([&] { return sleeping.isRunning(); }));
+    pthread_cancel(pthread_self());  // which waits for a cancellation point
     stop.set();
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   });
   EXPECT_TRUE(sleeping.run(stop).isKilled());
   EXPECT_EQ("could not be started: /bin/sh: Operation canceled", sleeping.run(stop).getText());

@@ -211,10 +211,13 @@ TEST(VarnCrashReport, TheHandlerThatWasThereGetsTheSignal) {
   EXPECT_TRUE(contains(contentsOf(file), "end of the report\n"));
   expectInBareChild([] {
     forgetHandlers();
+    EXPECT_THROW(VarnCrashReport(12345), VarnException);
     {
       const VarnCrashReport report(2);
       EXPECT_THROW(VarnCrashReport(2), VarnException);
+      pthread_cancel(pthread_self());
     }
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     struct sigaction now {};
     sigaction(SIGSEGV, nullptr, &now);
     EXPECT_EQ(SIG_DFL, now.sa_handler);

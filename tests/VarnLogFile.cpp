@@ -179,6 +179,8 @@ TEST(VarnLogFile, WithoutANameStandardErrorHasItWithPrioritiesForTheJournal) {
     log << setloglevel(1) << "failure\n<0>forged" << endrecord;
     log << setloglevel(9) << "trace" << endrecord;
     log.writeLine("no header");
+    log.writeLine("");
+    log.writeLine(std::string_view("\0 behind a NUL", 14));
   });
   EXPECT_TRUE(std::regex_match(
       contentsOf(file),

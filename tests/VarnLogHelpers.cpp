@@ -30,6 +30,10 @@ struct Thrower {
   }
 };
 
+struct Big {
+  friend std::ostream& operator<<(std::ostream&, const Big&) { throw std::bad_alloc(); }
+};
+
 enum Plain { ONE = 1 };
 
 }  // namespace
@@ -51,10 +55,11 @@ TEST(VarnLogRecord, TakesWhatAStreamTakes) {
   VarnLogRecord(5) << static_cast<unsigned char>('a') << ' ' << ONE << ' ' << Both() << ' '
                    << fs::path("/tmp") << ' ' << std::atomic<int>(3);
   EXPECT_THROW(VarnLogRecord(5) << "before " << Thrower(), std::runtime_error);
+  EXPECT_THROW(VarnLogRecord(5) << "before " << Big(), std::bad_alloc);
   EXPECT_EQ((Lines{"view|wide pointer(null)|view(null)",
                    "-9223372036854775808 18446744073709551615 2.500000",
                    "15ms -3s 2us 1ns 4min 5h 1.500000s 7[1/30]s", "inside",
-                   "(1,2) generic:2 streamed 1.5", "97 1 converted /tmp 3", "before "}),
+                   "(1,2) generic:2 streamed 1.5", "97 1 converted /tmp 3", "before ", "before "}),
             log.texts());
 }
 

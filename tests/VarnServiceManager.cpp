@@ -16,6 +16,7 @@ TEST(VarnServiceManager, TellsWhatThereIsToTell) {
         {VarnServiceManager::status("at \xC3\xA4 50%"), "STATUS=at \xC3\xA4 50%"},
         {VarnServiceManager::status("a\nSTOPPING=1\r\x7F" + std::string(1, '\0') + "z"),
          "STATUS=a STOPPING=1   z"},
+        {VarnServiceManager::status("\xFF\xFE \xC2\x85 \xC3"), "STATUS=      "},
         {VarnServiceManager::status(std::string(999, 'x') + "\xC3\xA4"),
          "STATUS=" + std::string(999, 'x')}};
     for (const auto& [hasTold, text] : told) {

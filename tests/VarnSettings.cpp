@@ -197,7 +197,7 @@ TEST_F(VarnSettings, AFileThatCannotBeReadIsOneFault) {
       {m_oFolder.path(), "cannot be read: Is a directory"},
       {m_oFolder / "pipe", "is not a regular file"},
       {"/dev/zero", "is not a regular file"},
-      {"/proc/self/mem", "cannot be read"},
+      {"/proc/self/mem", "cannot be read: Input/output error"},
       {huge, "is larger than 16 MiB"}};
   for (const auto& [name, reason] : rows) {
     Settings settings(name);

@@ -51,7 +51,8 @@ class VSUPT_EXPORT VarnCrashReport {
  public:
   // The descriptor must outlive the object; one of a file or a pipe is as good as standard error.
   // A pipe that nobody reads is given up after two seconds. Throws VarnException with EEXIST when
-  // there is an object already, or with the system's code; std::bad_alloc.
+  // there is an object already, or with EBADF when the number is no open descriptor's;
+  // std::bad_alloc.
   explicit VarnCrashReport(int descriptor);
   VarnCrashReport(const VarnCrashReport&) = delete;
   VarnCrashReport& operator=(const VarnCrashReport&) = delete;

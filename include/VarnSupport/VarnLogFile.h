@@ -9,9 +9,9 @@
 // It is a VarnLogging in all else: levels, headers, both forms of records, standard output as a
 // second target. Every operation is safe from any thread, reopen() on several at once too; the
 // destructor is VarnLogging's, and waits for records as that does. Nothing throws but for want of
-// memory in a constructor; what happens to the file is in isFileOpen(), lostRecords() and
-// lastError(). A write to it raises neither SIGPIPE nor SIGXFSZ; a limit of the size that is set
-// while the file is larger already is noticed within 64 records.
+// memory in a constructor, or where a text is returned; what happens to the file is in
+// isFileOpen(), lostRecords() and lastError(). A write to it raises neither SIGPIPE nor SIGXFSZ; a
+// limit of the size that is set while the file is larger already is noticed within 64 records.
 #ifndef VARNSUPPORT_VARNLOGFILE_H
 #define VARNSUPPORT_VARNLOGFILE_H
 
@@ -70,7 +70,8 @@ class VSUPT_EXPORT VarnLogFile : public VarnLogging {
   // at any time.
   void flush();
 
-  // Writes a line of its own, without a header and past all levels, up to the first NUL.
+  // Writes a line of its own, without a header and past all levels, up to the first NUL; an empty
+  // one is left out.
   void writeLine(std::string_view line);
 
   // How many records were lost since the beginning, whether told of or not.

@@ -33,8 +33,8 @@ class VSUPT_EXPORT VarnServiceManager {
   static bool reloading();
   // The end has begun.
   static bool stopping();
-  // One line for people. Control characters become blanks, so that no text can tell anything else;
-  // 1,000 bytes are told.
+  // One line for people. Control characters, and bytes that are not UTF-8, become blanks, so that
+  // no text can tell anything else; 1,000 bytes are told.
   static bool status(const std::string& text);
   // The daemon is alive: to be told twice within each watchdogInterval().
   static bool watchdog();

@@ -11,7 +11,6 @@
 #include "command/CommandThread.h"
 
 #include <pthread.h>
-#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -24,6 +23,7 @@
 #include <vector>
 
 #include "VarnSupport/VarnException.h"
+#include "runtime/Bell.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/NeverDestroyed.h"
@@ -50,8 +50,6 @@ struct ThreadState {
 };
 
 NeverDestroyed<ThreadState> thread;
-
-void ring(const Descriptor& bell) { static_cast<void>(eventfd_write(bell.get(), 1)); }
 
 // What some jobs, and those who ring, have to say. Does without what there is no memory for.
 // The bell is first, so that a wake-up is seen even where nothing else found room.
@@ -131,8 +129,6 @@ std::shared_ptr<CommandTask> takeFinished() {
 
 }  // namespace
 
-Descriptor makeBell() { return Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)); }
-
 CommandThread::Expectation::Expectation() {
   const std::lock_guard guard(commandLock);
   auto& state = thread.value;
@@ -151,7 +147,7 @@ void CommandThread::addLocked(const std::shared_ptr<CommandTask>& task) {
   assert(thread.value.isRunning && thread.value.expected > 0);
   assert(thread.value.tasks.size() < thread.value.tasks.capacity());
   thread.value.tasks.push_back(task);
-  ring(thread.value.bell);
+  ringBell(thread.value.bell.get());
 }
 
 // The process stays a zombie where the thread cannot be had.
@@ -231,7 +227,7 @@ void CommandThread::await(CommandTask& task, MonotonicTime deadline) {
 }
 
 void CommandThread::wakeLocked(const CommandTask& task) {
-  ring(task.bell.isOpen() ? task.bell : thread.value.bell);
+  ringBell((task.bell.isOpen() ? task.bell : thread.value.bell).get());
 }
 
 bool CommandThread::isCallerLocked() {

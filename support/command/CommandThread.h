@@ -85,9 +85,6 @@ class CommandThread {
   static bool turn();
 };
 
-// A descriptor that can be rung and polled; not open when the system refuses.
-Descriptor makeBell();
-
 }  // namespace VarnSupport
 
 #endif

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "VarnSupport/VarnLogHelpers.h"
+#include "runtime/Utf8.h"
 
 namespace VarnSupport {
 
@@ -53,8 +54,8 @@ std::string lineOf(const VarnLogEntry& entry) {
   PlainText text(PlainText::append, &line);
   text << UtcTime{entry.time.time_since_epoch().count()} << " " << entry.level << " ";
   if (!entry.component.empty())
-    text << VarnEscaped(entry.component.substr(0, kMostText / 8)) << " ";
-  text << "[" << entry.threadId << "] " << VarnEscaped(entry.text.substr(0, kMostText));
+    text << VarnEscaped(wholeCharacters(entry.component, kMostText / 8)) << " ";
+  text << "[" << entry.threadId << "] " << VarnEscaped(wholeCharacters(entry.text, kMostText));
   text.flush();
   return line;
 }
@@ -63,7 +64,7 @@ std::string lineOf(const VarnLogEntry& entry) {
 
 void RecordRing::put(const VarnLogEntry& entry) {
   Bytes bytes{};
-  lineOf(entry).copy(bytes.data(), bytes.size() - 1);
+  wholeCharacters(lineOf(entry), bytes.size() - 1).copy(bytes.data(), bytes.size() - 1);
   const std::uint64_t number = newest.fetch_add(1, std::memory_order_relaxed) + 1;
   Place& place = places[number % kRecords];
   std::uint64_t version = place.version.load(std::memory_order_relaxed);

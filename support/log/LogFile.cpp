@@ -15,12 +15,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <new>
-#include <system_error>
 #include <utility>
 
 #include "log/LogTarget.h"
 #include "log/RecordText.h"
 #include "runtime/Cancellation.h"
+#include "runtime/System.h"
 #include "runtime/SystemThreads.h"
 
 namespace VarnSupport {
@@ -114,8 +114,7 @@ std::string LogFile::lastError() const {
   if (error == 0)
     return "";
   const std::string name = m_sName.empty() ? "standard error" : m_sName;
-  return name + ": " +
-         (error == kNotForRecords ? "is no regular file" : std::generic_category().message(error));
+  return name + ": " + (error == kNotForRecords ? "is no regular file" : errorText(error));
 }
 
 void LogFile::take(std::string_view record, int level) {

@@ -38,6 +38,7 @@ struct LogTurns {
     ~FileChange() { m_oTurns.clear(kChanging); }
 
    private:
+    const NoCancellation m_oWhole;
     LogTurns& m_oTurns;
   };
 

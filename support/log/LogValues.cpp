@@ -9,6 +9,7 @@
 #include <cstring>
 #include <locale>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -124,16 +125,16 @@ void VarnLogging::put(const char* value) {
 
 // The text is collected apart: the operator of a user's type may write records of its own.
 void VarnLogRecord::stream(Writer writer, const void* value) {
-  std::string text;
+  std::optional<std::ostringstream> stream;
   try {
     // It takes the lock of the global locale.
-    std::ostringstream stream = BriefGate::inside([] { return std::ostringstream(); });
-    stream.imbue(std::locale::classic());
-    writer(stream, value);
-    text = stream.str();
+    stream.emplace(BriefGate::inside([] { return std::ostringstream(); }));
+    stream->imbue(std::locale::classic());
   } catch (const std::bad_alloc&) {
+    return;
   }
-  takeText(text);
+  writer(*stream, value);
+  takeText(stream->view());
 }
 
 void VarnLogRecord::takeWide(const wchar_t* text) {

@@ -14,7 +14,6 @@
 #include "loop/DescriptorSet.h"
 
 #include <fcntl.h>
-#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <cassert>
@@ -27,6 +26,7 @@
 #include "VarnSupport/VarnException.h"
 #include "loop/LoopLock.h"
 #include "loop/LoopThread.h"
+#include "runtime/Bell.h"
 
 namespace VarnSupport {
 
@@ -45,7 +45,7 @@ void DescriptorSet::open() {
   assert(LoopLock::isHeld() && !m_oEpoll.isOpen());
   m_oEpoll = Descriptor(epoll_create1(EPOLL_CLOEXEC));
   if (m_oEpoll.isOpen())
-    m_oWake = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    m_oWake = makeBell();
   if (!m_oWake.isOpen() || !addOwn(m_oWake.get(), kWakeKey))
     throwSystemError("vsupt-loop", errno);
   m_vSuspects.reserve(kMostSuspects);
@@ -73,7 +73,7 @@ bool DescriptorSet::addWake() {
   if (errno != EBADF && errno != EPERM)
     return false;
   m_oWake.release();
-  m_oWake = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  m_oWake = makeBell();
   return m_oWake.isOpen() && addOwn(m_oWake.get(), kWakeKey);
 }
 

@@ -12,11 +12,11 @@
 #include <cassert>
 #include <cerrno>
 #include <new>
-#include <system_error>
 
 #include "VarnSupport/VarnFindFile.h"
 #include "log/OwnRecords.h"
 #include "loop/EventLoop.h"
+#include "runtime/System.h"
 
 namespace VarnSupport {
 
@@ -258,7 +258,7 @@ void VarnFileWatch::State::attach() {
   if (std::exchange(m_nRefusal, refusal) == refusal || refusal == 0 || m_bBeginning)
     return;
   OwnRecords::write(OwnRecords::FAILURE, describe(),
-                    ": the folder cannot be watched: ", std::generic_category().message(refusal));
+                    ": the folder cannot be watched: ", errorText(refusal));
 }
 
 }  // namespace VarnSupport

@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <cstring>
+#include <new>
 
 #include "loop/LoopLock.h"
 #include "loop/LoopThread.h"
@@ -29,6 +29,16 @@ int FolderWatches::addToSystem(const char* path, std::uint32_t events) const {
   return watch >= 0 ? watch : -errno;
 }
 
+void FolderWatches::addListener(int watch, FolderListener& listener) {
+  assert(LoopLock::isHeld() && watch >= 0);
+  try {
+    m_mapListeners[watch].push_back(&listener);
+  } catch (const std::bad_alloc&) {
+    removeUnused(watch);
+    throw;
+  }
+}
+
 void FolderWatches::remove(int watch, FolderListener& listener) {
   assert(LoopLock::isHeld());
   const auto found = m_mapListeners.find(watch);
@@ -37,17 +47,17 @@ void FolderWatches::remove(int watch, FolderListener& listener) {
   const auto entry = std::find(found->second.begin(), found->second.end(), &listener);
   if (entry != found->second.end())
     found->second.erase(entry);
-  if (!found->second.empty())
-    return;
-  m_mapListeners.erase(found);
   removeUnused(watch);
 }
 
 // The number may be another file's from now on, which counts as a change.
 void FolderWatches::removeUnused(int watch) {
   assert(LoopLock::isHeld() && watch >= 0);
-  if (m_mapListeners.contains(watch))
+  const auto found = m_mapListeners.find(watch);
+  if (found != m_mapListeners.end() && !found->second.empty())
     return;
+  if (found != m_mapListeners.end())
+    m_mapListeners.erase(found);
   ++m_nChanges;
   inotify_rm_watch(m_oInotify.get(), watch);
 }

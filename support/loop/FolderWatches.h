@@ -49,7 +49,7 @@ class FolderWatches {
       if (watch < 0)
         return watch;
       if (changes == m_nChanges) {
-        m_mapListeners[watch].push_back(&listener);
+        addListener(watch, listener);
         return watch;
       }
       removeUnused(watch);
@@ -61,6 +61,7 @@ class FolderWatches {
   void read();
 
  private:
+  void addListener(int watch, FolderListener& listener);
   void removeUnused(int watch);
   int addToSystem(const char* path, std::uint32_t events) const;
   void tellLoss();

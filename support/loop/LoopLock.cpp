@@ -3,12 +3,10 @@
 // there is one wake-up, and the thread that is woken finds the lock free.
 #include "loop/LoopLock.h"
 
-#include <sys/eventfd.h>
-
 #include <cassert>
 #include <utility>
 
-#include "runtime/Cancellation.h"
+#include "runtime/Bell.h"
 
 namespace VarnSupport {
 
@@ -21,10 +19,8 @@ void LoopLock::unlock() {
   const int toWake = std::exchange(m_nToWake, -1);
   m_bHeld = m_bTaken = false;
   m_oMutex.unlock();
-  if (toWake < 0)
-    return;
-  const NoCancellation whole;
-  eventfd_write(toWake, 1);
+  if (toWake >= 0)
+    ringBell(toWake);
 }
 
 void LoopLock::releaseFork(ForkSide side) {

@@ -3,10 +3,11 @@
 // is being unwound.
 #include "loop/LoopThread.h"
 
-#include <system_error>
+#include <new>
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
+#include "runtime/System.h"
 #include "runtime/SystemThreads.h"
 
 namespace VarnSupport {
@@ -21,8 +22,12 @@ class Succession {
   Succession(const Succession&) = delete;
   Succession& operator=(const Succession&) = delete;
   ~Succession() {
-    if (!m_bDone)
-      startLoopThread(m_sName, m_oBody);
+    try {
+      if (!m_bDone)
+        startLoopThread(m_sName, m_oBody);
+    } catch (const std::bad_alloc&) {
+      // There is none then, as when the system has no thread to give.
+    }
   }
 
   void setDone() { m_bDone = true; }
@@ -44,7 +49,7 @@ bool startLoopThread(const std::string& name, std::function<void()> body) {
 }
 
 void throwSystemError(const std::string& what, int code) {
-  throw VarnException(what + ": " + std::generic_category().message(code), code);
+  throw VarnException(what + ": " + errorText(code), code);
 }
 
 }  // namespace VarnSupport

@@ -163,7 +163,7 @@ void FileReplacement::refuse(const std::string& reason) const {
 }
 
 void FileReplacement::fail(const std::string& what, int error) const {
-  refuse(what + ": " + std::system_category().message(error));
+  refuse(what + ": " + errorText(error));
 }
 
 }  // namespace VarnSupport

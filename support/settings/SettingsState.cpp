@@ -9,8 +9,8 @@
 #include <cassert>
 #include <cstdlib>
 #include <filesystem>
-#include <system_error>
 
+#include "runtime/System.h"
 #include "settings/References.h"
 #include "settings/ValueText.h"
 #include "text/NearText.h"
@@ -42,10 +42,12 @@ std::string mapped(std::string text, char (*map)(char)) {
   return text;
 }
 
+std::string unreadable(int error) { return std::string("cannot be read: ") + errorText(error); }
+
 // Why a file that is open, or not, is none for settings; empty when it is.
 std::string refusalOf(const CharacterSource<char>& source) {
   if (!source.file().isOpen())
-    return "cannot be read: " + std::system_category().message(source.error());
+    return unreadable(source.error());
   if (!source.file().isRegular())
     return "is not a regular file";
   return source.file().length() > kLargestFile ? "is larger than 16 MiB" : "";
@@ -74,8 +76,8 @@ void VarnSettings::State::load() {
     for (const std::string_view line : block)
       addLine(++number, line);
   }
-  if (refusal.empty())
-    refusal = reader.source().error() != 0 ? "cannot be read" : "";
+  if (refusal.empty() && reader.source().error() != 0)
+    refusal = unreadable(reader.source().error());
   isWhole = refusal.empty();
   if (!isWhole)
     faults.add({}, "", refusal);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "runtime/Descriptor.h"
+#include "runtime/GlobalLocale.h"
 
 namespace VarnSupport {
 
@@ -71,7 +72,7 @@ class CharacterSource<wchar_t> {
   bool fetchBytes();
 
   CharacterSource<char> m_oBytes;
-  std::locale m_oLocale;
+  std::locale m_oLocale = globalLocale();
   std::mbstate_t m_oState{};
   std::vector<char> m_vBytes;
   std::size_t m_nBegin = 0;  // what is read and not converted yet
@@ -129,7 +130,7 @@ class PropertyFileWriter {
   bool encode(std::wstring_view line, std::string& bytes);
 
   FileDescriptor m_oFile;
-  std::locale m_oLocale;
+  std::locale m_oLocale = globalLocale();
   std::mbstate_t m_oState{};
 };
 

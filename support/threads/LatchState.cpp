@@ -3,12 +3,10 @@
 // alone: the latch may be gone by then. That list is looked at only when a latch has waiters.
 #include "threads/LatchState.h"
 
-#include <sys/eventfd.h>
-
 #include <algorithm>
-#include <array>
 #include <cassert>
 
+#include "runtime/Bell.h"
 #include "runtime/BriefMutex.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
@@ -69,7 +67,7 @@ void LatchWatch::tell(const LatchState* latch) {
     if (watch->m_pRaised != nullptr)
       watch->m_pRaised->raise();
     else
-      static_cast<void>(eventfd_write(watch->m_nBell, 1));
+      ringBell(watch->m_nBell);
   }
 }
 

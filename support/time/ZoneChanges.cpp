@@ -68,7 +68,8 @@ std::string contentsOf(const std::string& path) {
       status.st_ctime >= g_nLoaded || status.st_size > static_cast<off_t>(kMostBytes))
     return contents;
   contents.resize(static_cast<std::size_t>(status.st_size));
-  if (::read(file.get(), contents.data(), contents.size()) != status.st_size)
+  if (retrying([&] { return ::read(file.get(), contents.data(), contents.size()); }) !=
+      status.st_size)
     contents.clear();
   return contents;
 }

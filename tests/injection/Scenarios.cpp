@@ -359,6 +359,33 @@ TEST(FailureInjection, AWatchOfFilesTellsLaterWhatItHadNoMemoryFor) {
   });
 }
 
+TEST(FailureInjection, AWatchOfFilesThatHasNoMemoryLeavesNothingInTheSystem) {
+  expectInChild([] {
+    const auto make = [](const TempFolder& folder) {
+      return VarnFileWatch(folder / "*", [](const VarnFileWatch::Change&) {});
+    };
+    const auto inSystem = [] {
+      int count = 0;
+      for (const auto& entry : fs::directory_iterator("/proc/self/fdinfo")) {
+        for (const std::string& line : linesOf(entry.path()))
+          count += line.starts_with("inotify wd") ? 1 : 0;
+      }
+      return count;
+    };
+    const std::deque<TempFolder> folders(60);
+    const VarnFileWatch watch = make(folders[0]);
+    const int before = inSystem();
+    for (std::size_t every = 1; every < folders.size(); ++every) {
+      try {
+        const Failures failures(Failures::MEMORY, static_cast<int>(every));
+        make(folders[every]);
+      } catch (const std::bad_alloc&) {
+      }
+    }
+    EXPECT_TRUE(eventually([&] { return inSystem() == before; }));
+  });
+}
+
 TEST(FailureInjection, StalledCallsThatThereIsNoMemoryToTellOfEndNothing) {
   expectInChild([] {
     static std::atomic<int> calls{0};
@@ -398,6 +425,22 @@ TEST(FailureInjection, ACommandsThreadThatCannotBeReplacedIsReplacedByTheNext) {
     next.start();
     EXPECT_TRUE(next.wait().succeeded());
     EXPECT_TRUE(waiting.wait().succeeded());
+  });
+}
+
+TEST(FailureInjection, ARunThatIsStoppedBeforeItBeginsNeedsNoMemory) {
+  expectInChild([] {
+    VarnLatchedEvent stop;
+    stop.set();
+    VarnCommand command({std::string(100, 'x')});
+    for (int every = 1; every < 10; ++every) {
+      try {
+        const Failures failures(Failures::MEMORY, every);
+        command.run(stop);
+      } catch (const std::bad_alloc&) {
+      }
+    }
+    EXPECT_EQ(ECANCELED, command.run(stop).getError());
   });
 }
 

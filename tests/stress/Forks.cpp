@@ -130,6 +130,9 @@ TEST(ForkStress, AChildMakesLocalesAndStreamsThatOtherThreadsAreJustAt) {
     std::string text;
     VarnGetOSErrorMessage(ENOENT, text);
     VarnLogRecord(5) << Streamed();
+    const VarnDateTime date;
+    const VarnDateTime copy(date);
+    const VarnSettings unreadable("/none/settings");
   };
   EXPECT_EQ(0, runInBareChild([&] {
               const FileLog log(5);

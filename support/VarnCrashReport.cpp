@@ -27,6 +27,7 @@
 #include "runtime/AlternateStack.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Descriptor.h"
+#include "runtime/SignalSet.h"
 
 namespace VarnSupport {
 
@@ -123,9 +124,7 @@ void passOn(int signal, const siginfo_t& info) {
   sigaction(signal, &previousOf(signal), nullptr);
   if (info.si_code > 0)
     return;
-  sigset_t again;
-  sigemptyset(&again);
-  sigaddset(&again, signal);
+  const sigset_t again = signalSet({signal});
   pthread_sigmask(SIG_BLOCK, &again, nullptr);
   syscall(SYS_tgkill, getpid(), gettid(), signal);
 }
@@ -164,7 +163,7 @@ struct VarnCrashReport::State {
     action.sa_sigaction = onCrash;
     // A fault within the handler must come through; all that is none must wait.
     action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
-    sigfillset(&action.sa_mask);
+    action.sa_mask = allSignals();
     for (const int signal : kSignals)
       sigdelset(&action.sa_mask, signal);
     for (std::size_t i = 0; i < kSignals.size(); ++i)

@@ -5,33 +5,21 @@
 // longer than one.
 #include "VarnSupport/VarnLogHelpers.h"
 
-#include <array>
 #include <cstdint>
-#include <cstdio>
 #include <map>
 #include <string>
 
 #include "log/LogState.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Utf8.h"
+#include "text/Blanks.h"
 #include "text/NumberText.h"
 
 namespace VarnSupport {
 
 namespace {
 
-void appendNumber(std::string& to, const char* format, unsigned number) {
-  std::array<char, 16> text;
-  std::snprintf(text.data(), text.size(), format, number);
-  to += text.data();
-}
-
-std::string_view trimmed(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos)
-    return {};
-  return text.substr(first, text.find_last_not_of(" \t") + 1 - first);
-}
+std::string_view trimmed(std::string_view text) { return withoutBlanks(text, " \t"); }
 
 std::string faultOf(std::string_view part, std::string_view reason) {
   std::string fault(1, '"');
@@ -91,9 +79,9 @@ std::string VarnEscaped(std::string_view text) {
       if (byte == '\n' || byte == '\r' || byte == '\t')
         escaped += byte == '\n' ? "\\n" : byte == '\r' ? "\\r" : "\\t";
       else
-        appendNumber(escaped, "\\x%02x", static_cast<unsigned char>(byte));
+        appendHex(escaped += "\\x", static_cast<unsigned char>(byte), 2);
     } else if (character.isControl() || character.code == 0x2028 || character.code == 0x2029) {
-      appendNumber(escaped, "\\u%04x", static_cast<unsigned>(character.code));
+      appendHex(escaped += "\\u", character.code, 4);
     } else if (character.code == '\\') {
       escaped += "\\\\";
     } else {

@@ -6,18 +6,15 @@
 // valid UTF-8, whatever a record holds.
 #include "VarnSupport/VarnLogObserver.h"
 
-#include <array>
-#include <cstdint>
-#include <cstdio>
-#include <ctime>
 #include <memory>
 #include <utility>
 
+#include "insight/PlainText.h"
 #include "log/Observation.h"
 #include "runtime/Cancellation.h"
 #include "runtime/ProcessExit.h"
 #include "runtime/Utf8.h"
-#include "time/LocalTime.h"
+#include "text/NumberText.h"
 
 namespace VarnSupport {
 
@@ -35,28 +32,13 @@ void appendText(std::string& to, std::string_view name, std::string_view text) {
       to += '\\';
       to += first;
     } else if (character.code < 0x20 || character.code == 0x7F) {
-      std::array<char, 8> escape;
-      std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(character.code));
-      to += escape.data();
+      appendHex(to += "\\u", character.code, 4);
     } else {
       to += text.substr(0, character.length);
     }
     text.remove_prefix(character.length);
   }
   to += '"';
-}
-
-// In the form of RFC 3339, in UTC: the zone of the process may change between two records.
-std::string timeText(
-    std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds> time) {
-  const auto second = std::chrono::floor<std::chrono::seconds>(time);
-  std::tm utc{};
-  toUniversalTime(second.time_since_epoch().count(), utc);
-  std::array<char, 96> text;
-  std::snprintf(text.data(), text.size(), "%jd-%02d-%02dT%02d:%02d:%02d.%09dZ",
-                std::intmax_t{utc.tm_year} + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour,
-                utc.tm_min, utc.tm_sec, static_cast<int>((time - second).count()));
-  return text.data();
 }
 
 }  // namespace
@@ -78,7 +60,10 @@ VarnLogObserver::~VarnLogObserver() {
 
 std::string VarnJsonLog::toJson(const VarnLogEntry& entry) {
   std::string object = "{\"time\":\"";
-  object += timeText(entry.time);
+  // In UTC, as the zone of the process may change between two records.
+  PlainText time(PlainText::append, &object);
+  time << UtcTime{entry.time.time_since_epoch().count()};
+  time.flush();
   object += "\",\"level\":";
   object += std::to_string(entry.level);
   appendText(object, ",\"component\":", entry.component);

@@ -30,6 +30,7 @@
 #include "VarnSupport/VarnStringUtilities.h"
 #include "log/OwnRecords.h"
 #include "runtime/Cancellation.h"
+#include "runtime/SignalSet.h"
 #include "runtime/System.h"
 #include "text/ReferenceExpansion.h"
 
@@ -90,9 +91,8 @@ template <typename BecomeProgram>
 // caller's signal mask.
 template <typename BecomeProgram>
 pid_t forkProgram(BecomeProgram becomeProgram) {
-  sigset_t all;
+  const sigset_t all = allSignals();
   sigset_t callers;
-  sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &callers);
   // The frame that both processes have is left alone: the child works in one further down. Of all
   // that a child may call there, the analyser knows the exec functions alone.

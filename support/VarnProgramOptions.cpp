@@ -17,8 +17,8 @@
 
 #include "VarnSupport/VarnException.h"
 #include "VarnSupport/VarnStringUtilities.h"
-#include "pattern/TextSearch.h"
 #include "runtime/Cancellation.h"
+#include "text/TextSearch.h"
 
 namespace VarnSupport {
 

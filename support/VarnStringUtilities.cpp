@@ -15,9 +15,9 @@
 #include <utility>
 
 #include "VarnSupport/VarnException.h"
-#include "pattern/TextSearch.h"
 #include "runtime/Cancellation.h"
 #include "text/DelimiterSet.h"
+#include "text/TextSearch.h"
 
 namespace VarnSupport {
 
@@ -37,8 +37,7 @@ auto converted(const char* failure, Conversion conversion) {
       text += static_cast<signed char>(c) < 0 ? L' ' : static_cast<wchar_t>(c);
     throw VarnException(text, 0);
   } catch (...) {
-    if (std::current_exception() == nullptr)
-      throw;  // the unwinding of a cancelled thread
+    passOnCancellation();
     std::terminate();
   }
 }

@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "runtime/Cancellation.h"
+#include "runtime/SignalSet.h"
 #include "runtime/System.h"
 #include "runtime/WithoutWriteSignals.h"
 
@@ -178,9 +179,7 @@ class Actions {
   // Handlers are forgotten by themselves; a daemon ignores SIGPIPE for its own sake alone.
   void finish() {
     check(posix_spawn_file_actions_addclosefrom_np(&m_oFiles, STDERR_FILENO + 1));
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
+    const sigset_t defaults = signalSet({SIGPIPE});
     check(posix_spawnattr_setsigdefault(&m_oAttributes, &defaults));
     check(posix_spawnattr_setpgroup(&m_oAttributes, 0));
     check(posix_spawnattr_setflags(&m_oAttributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP));

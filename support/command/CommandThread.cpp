@@ -27,6 +27,7 @@
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
 #include "runtime/NeverDestroyed.h"
+#include "runtime/SignalSet.h"
 #include "runtime/SystemThreads.h"
 #include "threads/Uncaught.h"
 

@@ -20,6 +20,7 @@
 #include "log/LogTarget.h"
 #include "log/RecordText.h"
 #include "runtime/Cancellation.h"
+#include "runtime/SignalSet.h"
 #include "runtime/System.h"
 #include "runtime/SystemThreads.h"
 

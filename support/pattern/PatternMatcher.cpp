@@ -13,7 +13,7 @@
 #include <cassert>
 
 #include "pattern/PatternTrace.h"
-#include "pattern/TextSearch.h"
+#include "text/TextSearch.h"
 
 namespace VarnSupport {
 

@@ -7,6 +7,8 @@
 #include <csignal>
 #include <cstddef>
 
+#include "runtime/SignalSet.h"
+
 namespace VarnSupport {
 
 namespace {
@@ -21,10 +23,7 @@ constinit std::atomic<bool> AlternateStack::m_bWanted{false};
 
 // A fault whose signal is blocked ends the process without a handler.
 void AlternateStack::set() {
-  sigset_t faults;
-  sigemptyset(&faults);
-  for (const int signal : {SIGSEGV, SIGBUS, SIGFPE})
-    sigaddset(&faults, signal);
+  const sigset_t faults = signalSet({SIGSEGV, SIGBUS, SIGFPE});
   pthread_sigmask(SIG_UNBLOCK, &faults, nullptr);
   stack_t present{};
   if (sigaltstack(nullptr, &present) != 0 || (present.ss_flags & SS_DISABLE) == 0)

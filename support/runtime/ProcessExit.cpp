@@ -19,6 +19,7 @@
 
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/SignalSet.h"
 #include "runtime/SystemThreads.h"
 #include "runtime/UnwindCheck.h"
 

@@ -28,6 +28,7 @@
 #include "runtime/AlternateStack.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/SignalSet.h"
 #include "runtime/System.h"
 #include "runtime/SystemThreads.h"
 
@@ -150,10 +151,7 @@ bool isLast() {
 
 void* runRelay(void*) {
   pthread_setname_np(pthread_self(), "vsupt-signals");
-  sigset_t ours;
-  sigemptyset(&ours);
-  for (const int signal : {SIGALRM, SIGUSR1, SIGUSR2})
-    sigaddset(&ours, signal);
+  const sigset_t ours = signalSet({SIGALRM, SIGUSR1, SIGUSR2});
   pthread_sigmask(SIG_UNBLOCK, &ours, nullptr);
   const AlternateStack stack;
   relay.busy = false;
@@ -186,9 +184,8 @@ void startLocked() {
   watchMainThreadLocked();
   if (relay.running || relay.isHeldBack)
     return;
-  sigset_t all;
+  const sigset_t all = allSignals();
   sigset_t previous;
-  sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
   relay.busy = true;  // until it has begun
   relay.running = startOnOwnStack(relay.thread, runRelay);

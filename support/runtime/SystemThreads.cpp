@@ -77,12 +77,6 @@ std::string nameOfThread() {
   return name.data();
 }
 
-sigset_t allSignals() {
-  sigset_t all;
-  sigfillset(&all);
-  return all;
-}
-
 bool startOnOwnStack(pthread_t& thread, void* (*routine)(void*)) {
   assert(routine != nullptr);
   constexpr std::size_t kGuardBytes = std::size_t{1} << 16;  // a page at least

@@ -19,9 +19,6 @@ int startDetached(const std::string& name, std::function<void()> body,
 // The name of the calling thread, as `ps -L` and gdb show it.
 std::string nameOfThread();
 
-// The mask of a thread on which none of the program's handlers is to run.
-sigset_t allSignals();
-
 // Starts a detached thread on a stack that is never given back: in the child of a fork, a new
 // thread would otherwise stand on the stack of a vanished one, where objects may still be
 // registered. False when the system refuses.

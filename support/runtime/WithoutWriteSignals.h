@@ -13,6 +13,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "runtime/SignalSet.h"
 #include "runtime/System.h"
 
 namespace VarnSupport {
@@ -22,10 +23,8 @@ namespace VarnSupport {
 class WithoutWriteSignals {
  public:
   WithoutWriteSignals() {
-    sigemptyset(&m_oOfWrites);
-    sigaddset(&m_oOfWrites, SIGPIPE);
-    sigaddset(&m_oOfWrites, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &m_oOfWrites, &m_oPrevious);
+    const sigset_t ofWrites = signalSet({SIGPIPE, SIGXFSZ});
+    pthread_sigmask(SIG_BLOCK, &ofWrites, &m_oPrevious);
     if (isBlocked(SIGPIPE) || isBlocked(SIGXFSZ))
       sigpending(&m_oPending);
   }
@@ -40,9 +39,7 @@ class WithoutWriteSignals {
     if ((error != EPIPE && error != EFBIG) ||
         (isBlocked(signal) && sigismember(&m_oPending, signal) == 1))
       return;
-    sigset_t raised;
-    sigemptyset(&raised);
-    sigaddset(&raised, signal);
+    const sigset_t raised = signalSet({signal});
     const timespec atOnce{};
     retrying([&] {
       return syscall(SYS_rt_sigtimedwait, &raised, nullptr, &atOnce, std::size_t{_NSIG / 8});
@@ -53,7 +50,6 @@ class WithoutWriteSignals {
  private:
   bool isBlocked(int signal) const { return sigismember(&m_oPrevious, signal) == 1; }
 
-  sigset_t m_oOfWrites{};
   sigset_t m_oPrevious{};
   sigset_t m_oPending{};
 };

@@ -13,11 +13,11 @@
 #include "runtime/System.h"
 #include "settings/References.h"
 #include "settings/ValueText.h"
+#include "text/Blanks.h"
 #include "text/NearText.h"
 #include "text/PropertyFile.h"
 #include "text/PropertyLine.h"
 #include "text/TextColumns.h"
-#include "text/TreePath.h"
 
 namespace VarnSupport {
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cassert>
 #include <charconv>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,6 +32,12 @@ std::string textOfNumber(Number number) {
   const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), number);
   assert(error == std::errc());
   return {digits.data(), end};
+}
+
+// Appends the last `digits` hexadecimal digits, in small letters.
+inline void appendHex(std::string& to, std::uint32_t number, int digits) {
+  while (digits-- > 0)
+    to += "0123456789abcdef"[number >> 4 * digits & 0xF];
 }
 
 }  // namespace VarnSupport

@@ -46,7 +46,7 @@ Descriptor openFile(const std::string& fileName, int flags, mode_t mode) {
 
 }  // namespace
 
-FileDescriptor::FileDescriptor(const std::string& fileName, int flags, mode_t mode)
+OpenedFile::OpenedFile(const std::string& fileName, int flags, mode_t mode)
     : m_oFile(openFile(fileName, flags, mode)), m_nError(m_oFile.isOpen() ? 0 : errno) {
   struct stat status {};
   if (!m_oFile.isOpen() || fstat(m_oFile.get(), &status) != 0)

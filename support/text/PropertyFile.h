@@ -17,11 +17,11 @@
 namespace VarnSupport {
 
 // An open file, and what is known of it.
-class FileDescriptor {
+class OpenedFile {
  public:
   // As open(), with the file closed on exec. A folder counts as a file that cannot be opened, and
   // so does a name with a NUL.
-  FileDescriptor(const std::string& fileName, int flags, mode_t mode);
+  OpenedFile(const std::string& fileName, int flags, mode_t mode);
 
   bool isOpen() const { return m_oFile.isOpen(); }
   int get() const { return m_oFile.get(); }
@@ -47,7 +47,7 @@ class CharacterSource {
   // With more flags of open(), as O_NONBLOCK, which keeps pipes from being waited for.
   explicit CharacterSource(const std::string& fileName, int moreFlags = 0);
 
-  const FileDescriptor& file() const { return m_oFile; }
+  const OpenedFile& file() const { return m_oFile; }
   // Reads up to `room` characters and returns their number: 0 at the end, which is where a read or
   // a conversion fails. Requires: room > 0.
   std::size_t read(CharT* to, std::size_t room);
@@ -55,7 +55,7 @@ class CharacterSource {
   int error() const { return m_nError; }
 
  private:
-  FileDescriptor m_oFile;
+  OpenedFile m_oFile;
   int m_nError;
 };
 
@@ -65,7 +65,7 @@ class CharacterSource<wchar_t> {
  public:
   explicit CharacterSource(const std::string& fileName, int moreFlags = 0);
 
-  const FileDescriptor& file() const { return m_oBytes.file(); }
+  const OpenedFile& file() const { return m_oBytes.file(); }
   std::size_t read(wchar_t* to, std::size_t room);
 
  private:
@@ -129,7 +129,7 @@ class PropertyFileWriter {
   bool writeBytes(std::string_view bytes);
   bool encode(std::wstring_view line, std::string& bytes);
 
-  FileDescriptor m_oFile;
+  OpenedFile m_oFile;
   std::locale m_oLocale = globalLocale();
   std::mbstate_t m_oState{};
 };

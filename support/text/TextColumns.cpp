@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "runtime/Utf8.h"
+#include "text/NumberText.h"
 
 namespace VarnSupport {
 
@@ -45,12 +46,6 @@ std::size_t columnsOf(Utf8Character character) {
 }
 
 bool isSeparator(Utf8Character character) { return character.code == ' ' || character.isControl(); }
-
-void appendEscape(std::string& to, char byte) {
-  constexpr std::string_view digits = "0123456789abcdef";
-  const auto value = static_cast<unsigned char>(byte);
-  to.append("\\x") += {digits[value / 16], digits[value % 16]};
-}
 
 // What must stay on one line: a wide character, or others up to a blank or a wide one, and the
 // marks that belong to them.
@@ -100,7 +95,8 @@ std::string escapedText(std::string_view text) {
     if (!next.isBroken() && !next.isControl())
       escaped += bytes;
     else
-      std::for_each(bytes.begin(), bytes.end(), [&](char byte) { appendEscape(escaped, byte); });
+      for (const char byte : bytes)
+        appendHex(escaped += "\\x", static_cast<unsigned char>(byte), 2);
     text.remove_prefix(next.length);
   }
   return escaped;

@@ -2,7 +2,6 @@
 #ifndef SUPPORT_TEXT_TREEPATH_H
 #define SUPPORT_TEXT_TREEPATH_H
 
-#include <algorithm>
 #include <cassert>
 #include <cstddef>
 #include <optional>
@@ -10,16 +9,10 @@
 #include <string_view>
 #include <vector>
 
+#include "text/Blanks.h"
 #include "text/DelimiterSet.h"
 
 namespace VarnSupport {
-
-// A key as trees compare it. Blanks around it do not count.
-inline std::string_view withoutBlanks(std::string_view key) {
-  key.remove_prefix(std::min(key.find_first_not_of(' '), key.size()));
-  key.remove_suffix(key.size() - (key.find_last_not_of(' ') + 1));
-  return key;
-}
 
 // The keys of a path that is one text, which must outlive the path, split as VarnTokenizer() does.
 class TextPath {

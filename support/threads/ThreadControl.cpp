@@ -18,6 +18,7 @@
 #include "runtime/AlternateStack.h"
 #include "runtime/Fork.h"
 #include "runtime/ProcessExit.h"
+#include "runtime/SignalSet.h"
 
 namespace VarnSupport {
 
@@ -76,9 +77,7 @@ class ThreadControl::Use {
  private:
   // Who starts the thread may have blocked all signals.
   static void letKillInterrupt() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGUSR2);
+    const sigset_t signals = signalSet({SIGUSR2});
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
   }
 

@@ -1,7 +1,7 @@
 // Searches in narrow and wide text that test a block of characters at once. What they do not find
 // is the standard npos.
-#ifndef SUPPORT_PATTERN_TEXTSEARCH_H
-#define SUPPORT_PATTERN_TEXTSEARCH_H
+#ifndef SUPPORT_TEXT_TEXTSEARCH_H
+#define SUPPORT_TEXT_TEXTSEARCH_H
 
 #include <algorithm>
 #include <array>

@@ -43,7 +43,7 @@ TEST(VarnLogRecord, TakesWhatAStreamTakes) {
   const wchar_t* const wide = L"pointer";
   VarnLogRecord(5) << std::string_view("view|x", 5) << std::string_view() << L"wide " << wide
                    << static_cast<const wchar_t*>(nullptr) << std::wstring_view(L"|view", 5)
-                   << static_cast<const char*>(nullptr);
+                   << static_cast<const char*>(nullptr) << nullptr;
   VarnLogRecord(5) << std::numeric_limits<long long>::min() << ' '
                    << std::numeric_limits<unsigned long long>::max() << ' ' << 2.5L;
   VarnLogRecord(5) << 15ms << ' ' << -3s << ' ' << 2us << ' ' << 1ns << ' ' << 4min << ' ' << 5h
@@ -56,7 +56,7 @@ TEST(VarnLogRecord, TakesWhatAStreamTakes) {
                    << fs::path("/tmp") << ' ' << std::atomic<int>(3);
   EXPECT_THROW(VarnLogRecord(5) << "before " << Thrower(), std::runtime_error);
   EXPECT_THROW(VarnLogRecord(5) << "before " << Big(), std::bad_alloc);
-  EXPECT_EQ((Lines{"view|wide pointer(null)|view(null)",
+  EXPECT_EQ((Lines{"view|wide pointer(null)|view(null)(null)",
                    "-9223372036854775808 18446744073709551615 2.500000",
                    "15ms -3s 2us 1ns 4min 5h 1.500000s 7[1/30]s", "inside",
                    "(1,2) generic:2 streamed 1.5", "97 1 converted /tmp 3", "before ", "before "}),

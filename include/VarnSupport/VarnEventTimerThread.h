@@ -27,6 +27,7 @@ class VSUPT_EXPORT VarnEventTimerThread : public VarnThread {
   // tells its other dependents too. Does nothing unless the thread was started. Requires: not
   // called from the handler.
   void stop() override;
+  using VarnThread::run;
   int run() override;
 
   // Runs on the thread after each set() of the timer. An exception that leaves it ends the thread,

@@ -5,6 +5,10 @@
 //     tails.follow(change);
 //   });
 //
+// Whatever has the name is told of, a folder or a FIFO, too. MADE says that it is there, not that
+// its writer has finished: a file that is to be taken when it is whole is best written under a name
+// that does not match, and then renamed.
+//
 // A name is followed, not a file: a rotation by rename tells MOVED and then MADE, one that copies
 // and cuts tells CUT. Changes that come together are told as one, and what was made and is gone
 // again not at all: of quick rotations the files between are not told of. The folder may be
@@ -53,7 +57,8 @@ class VSUPT_EXPORT VarnFileWatch {
   // name is "*". A relative path begins at the working directory of this moment. Whatever changes
   // after the constructor has begun is told. `pool` must outlive the object; null is the thread of
   // the loop. Throws VarnException, with the system's code, when the system has no more watches to
-  // give or the path has a NUL, and with code 0 when there is no function or no path.
+  // give, the folder is there but may not be read (EACCES) or the path has a NUL, and with code 0
+  // when there is no function or no path.
   VarnFileWatch(const std::string& path, Function function, VarnCallbackPool* pool = nullptr);
   VarnFileWatch(const VarnFileWatch&) = delete;
   VarnFileWatch& operator=(const VarnFileWatch&) = delete;

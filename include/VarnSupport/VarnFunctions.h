@@ -120,6 +120,7 @@ class VSUPT_EXPORT VarnFunctionThread final : public VarnThread {
     return !stopEvent().waitFor(time);
   }
 
+  using VarnThread::run;
   int run() override;
 
  private:

@@ -3,8 +3,10 @@
 //   VarnLogRecord(5) << "Worker::run: took " << elapsed << " for " << path;
 //
 // A record is one object, for one statement or scope. Any thread may make records; each object is
-// its thread's own. What the operator of a value throws leaves to the caller, and nothing else is
-// thrown. VarnLogging.h includes this header: a program needs one of the two.
+// its thread's own. From its beginning to its end all other threads that log wait: nothing in the
+// statement may wait itself, or lock what others hold while they log. What the operator of a value
+// throws leaves to the caller, and nothing else is thrown. VarnLogging.h includes this header: a
+// program needs one of the two.
 #ifndef VARNSUPPORT_VARNLOGRECORD_H
 #define VARNSUPPORT_VARNLOGRECORD_H
 
@@ -72,8 +74,10 @@ class VSUPT_EXPORT VarnLogRecord {
 
   template <typename T>
   void take(const T& value) {
-    if constexpr (std::is_same_v<std::decay_t<T>, const wchar_t*> ||
-                  std::is_same_v<std::decay_t<T>, wchar_t*>)
+    if constexpr (std::is_null_pointer_v<T>)
+      takeText("(null)");
+    else if constexpr (std::is_same_v<std::decay_t<T>, const wchar_t*> ||
+                       std::is_same_v<std::decay_t<T>, wchar_t*>)
       takeWide(value);
     else if constexpr (decltype(isPut<T>(0))::value)
       m_pLog->put(value);

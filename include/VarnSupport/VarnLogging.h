@@ -237,6 +237,7 @@ class VSUPT_EXPORT VarnLoggingEventTimerThread : public VarnThread {
   explicit VarnLoggingEventTimerThread(VarnLogging& log);
   ~VarnLoggingEventTimerThread() override;
 
+  using VarnThread::run;
   int run() override;
 
  private:

@@ -55,7 +55,8 @@ class VSUPT_EXPORT VarnMonotonicTimer {
   using Function = std::function<void(std::uint64_t missed)>;
 
   // A timer that is stopped. `pool` must outlive it; null is the thread of the loop. Throws
-  // VarnException when there is no function.
+  // VarnException when there is no function. What takes any arguments, as the result of std::bind()
+  // does, fits both: a lambda does not.
   VarnMonotonicTimer(Interval interval, Function function, VarnCallbackPool* pool = nullptr);
   VarnMonotonicTimer(Interval interval, std::function<void()> function,
                      VarnCallbackPool* pool = nullptr)

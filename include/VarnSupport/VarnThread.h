@@ -101,7 +101,8 @@ class VSUPT_EXPORT VarnThread : public VarnCollaborator, public VarnObjectBase {
   virtual int wait(int timeoutMs);
   // Does nothing and returns 0.
   virtual int setPriority(t_Priority priority);
-  // The body without a runnable: the second with work information, else the first.
+  // The body without a runnable: the second with work information, else the first. A class that
+  // overrides one hides the other, of which `using VarnThread::run;` keeps compilers from warning.
   virtual int run();
   virtual int run(VarnWorkInformation& workInformation);
 
@@ -189,6 +190,7 @@ class VSUPT_EXPORT VarnEventWaitThread : public VarnThread {
   // Ends a wait that is still under way.
   ~VarnEventWaitThread() override;
 
+  using VarnThread::run;
   int run() override;
 
  private:

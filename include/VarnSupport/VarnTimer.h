@@ -135,6 +135,7 @@ class VSUPT_EXPORT VarnTimerThread : public VarnThread {
   explicit VarnTimerThread(VarnTimerManager& manager);
   ~VarnTimerThread() override;
 
+  using VarnThread::run;
   int run() override;
 
  private:

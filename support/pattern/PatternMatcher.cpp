@@ -151,7 +151,7 @@ void PatternMatcher<StringType>::push(std::size_t index) {
   m_pRuns[m_nRuns++] = run;
 }
 
-// Whether no match of the required literal is left, which ends the search. Where the next one
+// Whether no match of the required token is left, which ends the search. Where the next one
 // stands is looked up again only when walks have passed it.
 template <typename StringType>
 bool PatternMatcher<StringType>::lacksRequired(std::size_t from) {

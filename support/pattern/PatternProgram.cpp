@@ -126,6 +126,19 @@ void PatternProgram<StringType>::finish() {
     ++reach;
     isClose = isClose && !token.mayRepeat() && reach <= kClose;
   }
+  if (required == kNone)
+    requireSet();
+}
+
+// Behind a literal, which is found faster, to look for a set would take longer than it spares.
+template <typename StringType>
+void PatternProgram<StringType>::requireSet() {
+  if (first == tokens.size() || tokens[first].type == ExpressionToken::LITERAL_SEGMENT)
+    return;
+  for (std::size_t i = first + 1; i < tokens.size() && required == kNone; ++i) {
+    if (tokens[i].isSet() && !tokens[i].mayBeAbsent())
+      required = i;
+  }
 }
 
 template <typename StringType>

@@ -130,8 +130,9 @@ struct PatternProgram : private ProgramMemory {
   // be: two sets were gathered alike exactly when their ranges are the same.
   std::pmr::vector<CharacterRange> members{memory()};
   std::pmr::forward_list<Set> sets{memory()};
-  std::size_t first = 0;         // the token whose match is the first, behind any BEGIN
-  std::size_t required = kNone;  // a literal that every match contains after its first token
+  std::size_t first = 0;  // the token whose match is the first, behind any BEGIN
+  // A literal, or else a set, that every match contains after its first token.
+  std::size_t required = kNone;
   // When the first token is a single character: a literal that begins close behind it in all
   // matches.
   std::size_t second = kNone;
@@ -140,6 +141,7 @@ struct PatternProgram : private ProgramMemory {
  private:
   static constexpr std::size_t kClose = 4;
 
+  void requireSet();
   bool areAlike(const Token& left, const Token& right) const;
   static bool isFirmLiteral(const Token& token) {
     return token.type == ExpressionToken::LITERAL_SEGMENT && token.factor == ExpressionToken::ONE &&

@@ -1,16 +1,18 @@
 // A thread that waits for one latch sleeps on its number. Who waits for several sleeps on an event
-// of its own, and enters a list of the process, in which set() looks for its latch by its address
-// alone: the latch may be gone by then. That list is looked at only when a latch has waiters.
+// of its own, and enters its tickets into lists of the process, in which set() looks for its latch
+// by the address alone: the latch may be gone by then. They are looked at only when a latch has
+// waiters, and there are so many that few latches share one: a thousand threads may be asleep, each
+// with a latch of its own.
 #include "threads/LatchState.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 
 #include "runtime/Bell.h"
 #include "runtime/BriefMutex.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
-#include "runtime/LinkedNodes.h"
 
 namespace VarnSupport {
 
@@ -18,8 +20,16 @@ namespace {
 
 constinit BriefMutex watchMutex;
 // Guarded by the mutex.
-constinit LatchWatch* theWatches = nullptr;
-constinit std::uint32_t forksAtWatches = 0;
+constexpr unsigned kListBits = 9;
+constinit std::array<const LatchTicket*, 1U << kListBits> ticketLists{};
+constinit std::uint32_t forksAtLists = 0;
+
+// The list with the tickets for a latch; those for some others are there, too. The factor is that
+// of Fibonacci hashing (D. Knuth, The Art of Computer Programming, 6.4).
+const LatchTicket*& ticketsFor(const LatchState* latch) {
+  const std::uint64_t address = reinterpret_cast<std::uintptr_t>(latch);
+  return ticketLists[address * 0x9E3779B97F4A7C15 >> (64 - kListBits)];
+}
 
 const MonotonicTime* limitOf(const MonotonicTime& deadline) {
   return deadline == MonotonicTime::max() ? nullptr : &deadline;
@@ -42,8 +52,16 @@ LatchWatch::LatchWatch(std::span<const LatchTicket> tickets, EventState* raised,
   {
     const BriefMutex::Hold hold(watchMutex);
     forgetLost();
-    m_pNext = theWatches;
-    theWatches = this;
+    m_nForks = g_nForks;
+    for (const LatchTicket& ticket : m_vTickets) {
+      const LatchTicket*& first = ticketsFor(&ticket.latch());
+      ticket.m_pWatch = this;
+      ticket.m_pNext = first;
+      ticket.m_pLink = &first;
+      if (first != nullptr)
+        first->m_pLink = &ticket.m_pNext;
+      first = &ticket;
+    }
   }
   for (const LatchTicket& ticket : m_vTickets)
     ticket.latch().addWaiter();
@@ -53,31 +71,38 @@ LatchWatch::~LatchWatch() {
   for (const LatchTicket& ticket : m_vTickets)
     ticket.latch().removeWaiter();
   const BriefMutex::Hold hold(watchMutex);
-  forgetLost();
-  takeOut(theWatches, *this, &LatchWatch::m_pNext);
+  if (m_nForks != g_nForks)
+    return;  // the lists of a child begin empty
+  for (const LatchTicket& ticket : m_vTickets) {
+    *ticket.m_pLink = ticket.m_pNext;
+    if (ticket.m_pNext != nullptr)
+      ticket.m_pNext->m_pLink = ticket.m_pLink;
+  }
 }
 
 void LatchWatch::tell(const LatchState* latch) {
   const BriefMutex::Hold hold(watchMutex);
   forgetLost();
-  for (const LatchWatch* watch = theWatches; watch != nullptr; watch = watch->m_pNext) {
-    if (std::none_of(watch->m_vTickets.begin(), watch->m_vTickets.end(),
-                     [&](const LatchTicket& ticket) { return &ticket.latch() == latch; }))
-      continue;
-    if (watch->m_pRaised != nullptr)
-      watch->m_pRaised->raise();
-    else
-      ringBell(watch->m_nBell);
+  for (const LatchTicket* ticket = ticketsFor(latch); ticket != nullptr; ticket = ticket->m_pNext) {
+    if (ticket->m_pLatch == latch)
+      ticket->m_pWatch->tell();
   }
 }
 
-// The watches of a process from before a fork lie on the stacks of threads that are gone: no thread
+void LatchWatch::tell() const {
+  if (m_pRaised != nullptr)
+    m_pRaised->raise();
+  else
+    ringBell(m_nBell);
+}
+
+// The tickets of a process from before a fork lie on the stacks of threads that are gone: no thread
 // forks while it waits. Requires: the mutex is held.
 void LatchWatch::forgetLost() {
-  if (forksAtWatches == g_nForks)
+  if (forksAtLists == g_nForks)
     return;
-  theWatches = nullptr;
-  forksAtWatches = g_nForks;
+  ticketLists = {};
+  forksAtLists = g_nForks;
 }
 
 bool awaitLatch(LatchState& latch, MonotonicTime deadline) {

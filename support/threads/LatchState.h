@@ -38,6 +38,8 @@ class LatchState : public EventState {
 // The state of an event, which must outlive its use.
 LatchState& latchOf(VarnLatchedEvent& event);
 
+class LatchWatch;
+
 // A latch as it was when a wait for it began: a set() ends the wait also when a reset() follows at
 // once.
 class LatchTicket {
@@ -49,8 +51,14 @@ class LatchTicket {
   bool isOver() const { return LatchState::isSet(m_nNumber) || m_pLatch->number() != m_nNumber; }
 
  private:
+  friend class LatchWatch;
+
   LatchState* m_pLatch;
   std::uint32_t m_nNumber;
+  // Of a watch, guarded as its list is.
+  mutable const LatchWatch* m_pWatch = nullptr;
+  mutable const LatchTicket* m_pNext = nullptr;
+  mutable const LatchTicket** m_pLink = nullptr;  // what points here
 };
 
 inline bool isAnyOver(std::span<const LatchTicket> tickets) {
@@ -59,7 +67,7 @@ inline bool isAnyOver(std::span<const LatchTicket> tickets) {
 }
 
 // While it exists a set() of any of the latches raises an event, or rings an eventfd, too. Who
-// watches counts as a waiter of each latch.
+// watches counts as a waiter of each latch. A ticket is in one watch at a time.
 class LatchWatch {
  public:
   // All must outlive the watch, the tickets too.
@@ -76,11 +84,12 @@ class LatchWatch {
   LatchWatch(std::span<const LatchTicket> tickets, EventState* raised, int bell);
   static void tell(const LatchState* latch);
   static void forgetLost();
+  void tell() const;
 
   const std::span<const LatchTicket> m_vTickets;
   EventState* const m_pRaised;  // null where the bell is rung
   const int m_nBell;
-  LatchWatch* m_pNext = nullptr;
+  std::uint32_t m_nForks = 0;  // when the tickets were entered
 };
 
 // Says which latch asks the calling thread to stop, while it exists.

@@ -6,12 +6,17 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <string_view>
 
 #include "VarnSupport/VarnFindFile.h"
+#include "runtime/Descriptor.h"
 
 namespace VarnSupport {
 
@@ -45,12 +50,14 @@ FileStatus FileStatus::of(const std::string& path) {
   return status;
 }
 
-// One entry is enough: the lock is taken for the first, and given back before the call returns.
+// One entry is enough: the lock is taken for the first, and given back before the call returns. A
+// stream would read some hundreds of them.
 bool awaitChangesIn(const std::string& folder) {
-  const Folder stream(opendir(folder.c_str()), closedir);
-  if (stream == nullptr)
+  const Descriptor opened = Descriptor::open(folder, O_RDONLY | O_DIRECTORY);
+  if (!opened.isOpen())
     return errno != EMFILE && errno != ENFILE && errno != ENOMEM;
-  static_cast<void>(readdir(stream.get()));
+  alignas(std::uint64_t) std::array<char, 512> entry;
+  static_cast<void>(syscall(SYS_getdents64, opened.get(), entry.data(), entry.size()));
   return true;
 }
 

@@ -294,7 +294,16 @@ bool shiftLocalTime(std::tm& local, int std::tm::*field, int value) {
   return true;
 }
 
+// Where local time is as far from UTC as the zone says, no leap seconds count.
 void toUniversalTime(std::time_t time, std::tm& utc) {
+  const Kind* const kind = steadyKind(zoneNumber(), time);
+  if (kind != nullptr && kind->shift == kind->offset) {
+    breakDown(time, utc);
+    utc.tm_isdst = 0;
+    utc.tm_gmtoff = 0;
+    utc.tm_zone = "GMT";
+    return;
+  }
   const ZoneUse use;
   tzset();  // some zones count leap seconds
   gmtime_r(&time, &utc);

@@ -223,21 +223,23 @@ std::string VarnSettings::readPath(const std::string& key, const std::string* pr
 // does not tell which of its underscores stands for a dot.
 std::vector<std::string> VarnSettings::list(const std::string& prefix, bool groupsAlone) const {
   const CancellationGuard closed;
-  std::vector<std::string> keys;
-  for (const GivenValue& line : m_pState->lines)
-    keys.push_back(line.name);
-  for (const auto& [key, values] : m_pState->sources->commandLine)
-    keys.push_back(key);
+  std::vector<std::pair<std::size_t, std::string_view>> keys;  // with their first positions
+  const auto take = [&](const auto& given, auto positionOf) {
+    for (auto at = given.lower_bound(prefix); at != given.end() && at->first.starts_with(prefix);
+         ++at)
+      keys.emplace_back(positionOf(at->second), at->first);
+  };
+  take(m_pState->linesOf, [](const auto& positions) { return positions.front(); });
+  take(m_pState->sources->commandLine, [&](const auto&) { return m_pState->lines.size(); });
+  std::sort(keys.begin(), keys.end());
   std::vector<std::string> listed;
   std::set<std::string> seen;
-  for (const std::string& key : keys) {
-    if (!key.starts_with(prefix))
-      continue;
+  for (const auto& [position, key] : keys) {
     const std::size_t end = groupsAlone ? key.find('.', prefix.size()) : key.size();
     if (groupsAlone && (end == key.npos || end == prefix.size()))
       continue;
     const std::size_t begin = groupsAlone ? prefix.size() : 0;
-    if (std::string name = key.substr(begin, end - begin); seen.insert(name).second)
+    if (std::string name(key.substr(begin, end - begin)); seen.insert(name).second)
       listed.push_back(std::move(name));
   }
   return listed;

@@ -214,12 +214,14 @@ utf8_ctype::~utf8_ctype() = default;
 template <typename StringT>
 StringT VarnStringUtilities::trim(const StringT& text, const StringT& chars, tTrimOption option) {
   const CancellationGuard closed;
-  std::size_t begin = 0;
-  std::size_t end = text.size();
-  if (option == TRIM_LEFT || option == TRIM_BOTH)
-    begin = std::min(text.find_first_not_of(chars), end);
-  if (option == TRIM_RIGHT || option == TRIM_BOTH)
-    end = text.find_last_not_of(chars) + 1;
+  // One character is compared, of several each is looked for.
+  const auto range = [&](const auto& wanted) {
+    const bool isLeft = option == TRIM_LEFT || option == TRIM_BOTH;
+    const bool isRight = option == TRIM_RIGHT || option == TRIM_BOTH;
+    return std::pair(isLeft ? std::min(text.find_first_not_of(wanted), text.size()) : 0,
+                     isRight ? text.find_last_not_of(wanted) + 1 : text.size());
+  };
+  const auto [begin, end] = chars.size() == 1 ? range(chars.front()) : range(chars);
   return begin < end ? text.substr(begin, end - begin) : StringT();
 }
 

@@ -164,9 +164,11 @@ void Observation::tellAll(const VarnLogEntry& entry) {
     {
       const std::lock_guard guard(LogTurns::m_oTables);
       const auto& all = observers.value;
-      const auto next = std::find_if(all.begin(), all.end(), [&](const auto& candidate) {
-        return candidate->number > told && candidate->level >= entry.level &&
-               !Inside::of(candidate.get());
+      const auto behind = std::upper_bound(
+          all.begin(), all.end(), told,
+          [](std::uint64_t number, const auto& other) { return number < other->number; });
+      const auto next = std::find_if(behind, all.end(), [&](const auto& candidate) {
+        return candidate->level >= entry.level && !Inside::of(candidate.get());
       });
       if (next == all.end())
         return;

@@ -67,6 +67,7 @@ struct VarnSettings::State {
   std::map<std::string, std::string, std::less<>> defined;
   std::map<std::string, std::vector<std::string>> found;
   std::vector<GivenValue> lines;
+  std::map<std::string, std::vector<std::size_t>, std::less<>> linesOf;  // positions in `lines`
 
  private:
   struct Expansion;
@@ -79,7 +80,6 @@ struct VarnSettings::State {
   std::optional<GivenValue> chosen(const std::string& key) const;
   std::string whyUseless(const std::string& key) const;
 
-  std::map<std::string, std::vector<std::size_t>, std::less<>> linesOf;  // positions in `lines`
   std::size_t replaced = 0;  // characters that references have stood for
   bool isWhole = true;       // the file could be read
 };

@@ -164,8 +164,8 @@ void VarnTreeNode::Order::update(const VarnTreeNode& parent) {
   }
   const tChildren& children = parent.m_vChildren;
   Renames::List renamed;
-  if (Renames::find(&parent, mark, renamed) && count != 0 &&
-      (renamed.size == 0 || !strays.isLost)) {
+  const bool isKnown = Renames::find(&parent, mark, renamed) && count != 0;
+  if (isKnown && (renamed.size == 0 || !strays.isLost)) {
     for (std::size_t i = 0; i < renamed.size; ++i)
       strays.add(renamed.nodes[i]);
     for (std::size_t i = 0; i < renamed.size && !strays.isLost; ++i) {
@@ -184,8 +184,41 @@ void VarnTreeNode::Order::update(const VarnTreeNode& parent) {
     return;
   if (strays != m_oStrays)
     m_oStrays = strays;
+  const ChildIndex* const index = m_pIndex.load(std::memory_order_relaxed);
+  if (isKnown ? renamed.size > 0 : index != nullptr && !index->isRightFor(children))
+    dropIndex();
   m_oMark = mark;
   m_nCount.store(mark.count(), std::memory_order_release);
+}
+
+std::optional<VarnTreeNode*> VarnTreeNode::Order::findByIndex(const VarnTreeNode& parent,
+                                                              std::string_view key) {
+  const ChildIndex* index = m_pIndex.load(std::memory_order_acquire);
+  if (index == nullptr) {
+    if (m_nLooks.fetch_add(1, std::memory_order_relaxed) < kLooksForIndex)
+      return std::nullopt;
+    makeIndex(parent.m_vChildren);
+    index = m_pIndex.load(std::memory_order_acquire);
+  }
+  return index != nullptr ? index->find(key) : std::nullopt;
+}
+
+// Without memory there is none.
+void VarnTreeNode::Order::makeIndex(const tChildren& children) {
+  const QuietCancellationGuard closed;
+  const BriefMutex::Hold hold(m_oMutex);
+  if (m_pIndex.load(std::memory_order_relaxed) != nullptr)
+    return;
+  m_nLooks.store(0, std::memory_order_relaxed);
+  try {
+    m_pIndex.store(new ChildIndex(children), std::memory_order_release);
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+void VarnTreeNode::Order::dropIndex() {
+  delete m_pIndex.exchange(nullptr, std::memory_order_relaxed);
+  m_nLooks.store(0, std::memory_order_relaxed);
 }
 
 VarnTreeNode* VarnTreeNode::Order::find(const tChildren& children, std::string_view key) const {
@@ -231,6 +264,13 @@ void VarnTreeNode::Order::noteAdded(const VarnTreeNode& parent, std::size_t posi
   const tChildren& children = parent.m_vChildren;
   assert(position < children.size());
   VarnTreeNode* const child = children[position];
+  if (ChildIndex* const index = m_pIndex.load(std::memory_order_relaxed)) {
+    try {
+      index->add(child);
+    } catch (const std::bad_alloc&) {
+      dropIndex();
+    }
+  }
   if (m_nCount.load(std::memory_order_relaxed) != Renames::count(&parent)) {
     m_nCount.store(0, std::memory_order_relaxed);
     return;
@@ -244,21 +284,31 @@ void VarnTreeNode::Order::noteAdded(const VarnTreeNode& parent, std::size_t posi
     ++behind;
   const bool fits = (before == 0 || children[before - 1]->m_sKey <= child->m_sKey) &&
                     (behind == children.size() || child->m_sKey <= children[behind]->m_sKey);
+  const bool wasLost = m_oStrays.isLost;
   if (!fits)
     m_oStrays.add(child);
   // What is lost this way may be known after a look at all children, which then must come first.
-  if (m_oStrays.isLost)
+  if (m_oStrays.isLost && !wasLost)
     m_nCount.store(0, std::memory_order_relaxed);
 }
 
 // What the child has told before it went is not noted for it any more, so that all is looked at
-// again if there was something. So it is for another entry of a stray, and if fewer may be strays.
+// again if there was something. So it is for another entry of a stray, and if so many have gone
+// that those left may be in order.
 void VarnTreeNode::Order::noteRemoved(const VarnTreeNode& parent, const VarnTreeNode* child) {
   const bool hasNews = Renames::mark(&parent).count() != m_nCount.load(std::memory_order_relaxed);
   const bool isElsewhere = child->m_nParents.load(std::memory_order_relaxed) > 0;
-  if (hasNews || m_oStrays.isLost || (isElsewhere && m_oStrays.has(child)))
+  const bool isFewer = m_oStrays.isLost && ++m_nRemoved > parent.m_vChildren.size();
+  if (hasNews || isFewer || (isElsewhere && m_oStrays.has(child))) {
     m_nCount.store(0, std::memory_order_relaxed);
+    m_nRemoved = 0;
+  }
   m_oStrays.drop(child);
+  ChildIndex* const index = m_pIndex.load(std::memory_order_relaxed);
+  if (index != nullptr && (hasNews || !m_oStrays.isLost))
+    dropIndex();
+  else if (index != nullptr)
+    index->remove(child);
 }
 
 // Without memory for more the children are searched one by one.
@@ -318,9 +368,11 @@ VarnTreeNode* VarnTreeNode::findNode(std::string_view key, std::size_t* place) c
 }
 
 [[gnu::noinline]] VarnTreeNode* VarnTreeNode::findOutOfOrder(std::string_view key) const {
-  const Order* const order = Order::in(m_nOrder.load(std::memory_order_acquire));
+  Order* const order = Order::in(m_nOrder.load(std::memory_order_acquire));
   if (order != nullptr && !order->isLost())
     return order->find(m_vChildren, key);
+  if (const auto child = order != nullptr ? order->findByIndex(*this, key) : std::nullopt)
+    return *child;
   const auto found = std::find_if(m_vChildren.begin(), m_vChildren.end(),
                                   [&](const auto* child) { return child->m_sKey == key; });
   return found != m_vChildren.end() ? *found : nullptr;

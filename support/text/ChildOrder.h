@@ -8,11 +8,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <vector>
 
 #include "VarnSupport/VarnTreeNode.h"
 #include "runtime/BriefMutex.h"
+#include "text/ChildIndex.h"
 #include "text/Renames.h"
 #include "text/SoughtKey.h"
 
@@ -32,6 +34,8 @@ class VSUPT_LOCAL VarnTreeNode::Order {
   static Order* in(std::uint64_t known) {
     return (known & 3) == 0 ? reinterpret_cast<Order*>(known) : nullptr;
   }
+  Order() = default;
+  ~Order() { dropIndex(); }
   std::uint64_t asKnown() const { return reinterpret_cast<std::uintptr_t>(this); }
   // Nodes with less children have none.
   static constexpr std::size_t kFewest = 64;
@@ -42,6 +46,9 @@ class VSUPT_LOCAL VarnTreeNode::Order {
   bool isSorted() const { return !m_oStrays.isLost && m_oStrays.count == 0; }
   bool isLost() const { return m_oStrays.isLost; }
 
+  // The first of the children with this key, or null. Nothing where that takes a look at all.
+  // Threads that look things up may do so at once.
+  std::optional<VarnTreeNode*> findByIndex(const VarnTreeNode& parent, std::string_view key);
   // The first of the children with this key, or null. Requires here and below: not lost.
   VarnTreeNode* find(const tChildren& children, std::string_view key) const;
   // The position of the first of the children with a greater key, or their number.
@@ -57,6 +64,7 @@ class VSUPT_LOCAL VarnTreeNode::Order {
 
  private:
   static constexpr std::size_t kMostStrays = 32;
+  static constexpr unsigned kLooksForIndex = 64;
   // Compared as a whole: what is not used is null.
   struct Strays {
     bool operator==(const Strays&) const = default;
@@ -75,6 +83,8 @@ class VSUPT_LOCAL VarnTreeNode::Order {
   static bool isInPlace(const tChildren& children, const Strays& strays, const VarnTreeNode* child);
   static bool isRight(const tChildren& children, const Strays& strays);
   static Strays lookThrough(const tChildren& children);
+  void makeIndex(const tChildren& children);
+  void dropIndex();
 
   // The count of renames that the strays are right for; 0 for none. Who reads it equal to the
   // present one may read the strays, as whatever changes these has then not begun.
@@ -82,6 +92,13 @@ class VSUPT_LOCAL VarnTreeNode::Order {
   BriefMutex m_oMutex;  // of those who update
   Renames::Mark m_oMark;
   Strays m_oStrays;
+  std::size_t m_nRemoved = 0;  // children, since a look at all of them
+
+  // Made when the order is lost and so many look-ups had to look at all children. Right for these
+  // once an update has looked at the renames. It goes in an update, under the mutex, if it is not,
+  // or when a child comes or goes: no look-up runs beside either.
+  std::atomic<ChildIndex*> m_pIndex{nullptr};
+  std::atomic<unsigned> m_nLooks{0};
 };
 
 // Returns how many there were. The largest value stays, as nobody knows how many it stands for.

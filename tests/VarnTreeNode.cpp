@@ -112,6 +112,23 @@ TEST(VarnTreeNode, ChildrenStandAndAreFoundAsInAPlainList) {
   compareWithPlainLists(many, 100, 10000, 2000);
 }
 
+// Its key is another one at each of its two places, as nobody has looked between them.
+TEST(VarnTreeNode, ARenamedChildMayComeOnceMoreAmongThoseOutOfOrder) {
+  VarnTreeNode root;
+  for (int i = 0; i < 200; ++i)
+    root.insert(0, make(std::to_string(i)));
+  for (int i = 0; i < 200; ++i)
+    ASSERT_EQ("7", root.getNode("7")->getKey());
+  root[100]->setKey("renamed");
+  root.insert(10, root[100]);
+  EXPECT_EQ(root[10], root.getNode("renamed"));
+  root.erase("renamed");
+  EXPECT_EQ(root[100], root.getNode("renamed"));
+  root.erase("renamed");
+  EXPECT_EQ(nullptr, root.getNode("renamed"));
+  EXPECT_EQ(nullptr, root.getNode("99"));
+}
+
 // Minutes where a changed key is looked for in every tree. Parents may share a number by chance,
 // which several of them hardly all do.
 TEST(VarnTreeNode, AChangedKeyCostsNothingElsewhere) {

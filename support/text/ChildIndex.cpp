@@ -7,6 +7,14 @@
 
 namespace VarnSupport {
 
+namespace {
+
+std::uintptr_t addressOf(const VarnTreeNode* child) {
+  return reinterpret_cast<std::uintptr_t>(child);
+}
+
+}  // namespace
+
 ChildIndex::ChildIndex(const tChildren& children) {
   m_vEntries.resize(std::bit_ceil(std::max<std::size_t>(64, 4 * children.size())));
   for (VarnTreeNode* const child : children)
@@ -18,48 +26,46 @@ void ChildIndex::add(VarnTreeNode* child) {
     resize();
   const std::uint64_t hash = hashOf(child->getKey());
   Entry& entry = m_vEntries[placeOf(hash)];
-  if (entry.hash == kFree) {
-    entry = {hash, child};
-    ++m_nUsed;
-    ++m_nNamed;
-  } else if (entry.child != nullptr) {
-    entry.child = nullptr;
-    --m_nNamed;
-  }
+  m_nUsed += entry.hash == kFree ? 1 : 0;
+  entry.hash = hash;
+  ++entry.count;
+  entry.addresses ^= addressOf(child);
+  m_nSum += checkOf(hash, child);
 }
 
 void ChildIndex::remove(const VarnTreeNode* child) {
-  Entry& entry = m_vEntries[placeOf(hashOf(child->getKey()))];
-  assert(entry.hash != kFree);
-  if (entry.child != child)
-    return;
-  entry = {kRemoved, nullptr};
-  --m_nNamed;
+  const std::uint64_t hash = hashOf(child->getKey());
+  Entry& entry = m_vEntries[placeOf(hash)];
+  assert(entry.count > 0);
+  if (--entry.count == 0)
+    entry.hash = kRemoved;
+  entry.addresses ^= addressOf(child);
+  m_nSum -= checkOf(hash, child);
 }
 
 std::optional<VarnTreeNode*> ChildIndex::find(std::string_view key) const {
   const Entry& entry = m_vEntries[placeOf(hashOf(key))];
-  if (entry.hash == kFree)
-    return nullptr;
-  if (entry.child == nullptr)
+  if (entry.count > 1)
     return std::nullopt;
-  return entry.child->getKey() == key ? entry.child : nullptr;
+  return entry.count == 1 && entry.child()->getKey() == key ? entry.child() : nullptr;
 }
 
 bool ChildIndex::isRightFor(const tChildren& children) const {
-  std::size_t named = 0;
-  for (const VarnTreeNode* const child : children) {
-    const Entry& entry = m_vEntries[placeOf(hashOf(child->getKey()))];
-    if (entry.hash == kFree || (entry.child != nullptr && entry.child != child))
-      return false;
-    named += entry.child != nullptr ? 1 : 0;
-  }
-  return named == m_nNamed;
+  std::uint64_t sum = 0;
+  for (const VarnTreeNode* const child : children)
+    sum += checkOf(hashOf(child->getKey()), child);
+  return sum == m_nSum;
 }
 
 std::uint64_t ChildIndex::hashOf(std::string_view key) {
   const std::uint64_t hash = std::hash<std::string_view>()(key);
   return hash > kRemoved ? hash : hash + 2;
+}
+
+// Two sets of children with their keys have the same sum by a chance of 1 in 2^64.
+std::uint64_t ChildIndex::checkOf(std::uint64_t hash, const VarnTreeNode* child) {
+  const std::uint64_t mixed = (hash ^ addressOf(child)) * 0x9E3779B97F4A7C15;
+  return mixed ^ mixed >> 32;
 }
 
 std::size_t ChildIndex::placeOf(std::uint64_t hash) const {

@@ -13,7 +13,7 @@
 namespace VarnSupport {
 
 // An open table with linear probing, at most half full (D. Knuth, The Art of Computer Programming,
-// 6.4). Children whose keys have the same hash share an entry that names none of them.
+// 6.4). Children whose keys have the same hash share an entry, which does not tell them apart.
 class ChildIndex {
  public:
   using tChildren = std::vector<VarnTreeNode*>;
@@ -27,25 +27,29 @@ class ChildIndex {
 
   // The child with the key, or null. Nothing where there may be several.
   std::optional<VarnTreeNode*> find(std::string_view key) const;
-  // Whether all that is in it are these children, under the keys that they have.
+  // Whether what is in it are these children, under the keys that they have.
   bool isRightFor(const tChildren& children) const;
 
  private:
   struct Entry {
+    VarnTreeNode* child() const { return reinterpret_cast<VarnTreeNode*>(addresses); }
+
     std::uint64_t hash = kFree;
-    VarnTreeNode* child = nullptr;  // null, too, for several
+    std::size_t count = 0;
+    std::uintptr_t addresses = 0;  // of all, combined by exclusive or: that of the last one left
   };
   static constexpr std::uint64_t kFree = 0;
   static constexpr std::uint64_t kRemoved = 1;
 
   static std::uint64_t hashOf(std::string_view key);
+  static std::uint64_t checkOf(std::uint64_t hash, const VarnTreeNode* child);
   // Where the hash stands, or may be put.
   std::size_t placeOf(std::uint64_t hash) const;
   void resize();
 
   std::vector<Entry> m_vEntries;  // as many as a power of two
   std::size_t m_nUsed = 0;        // that are not free
-  std::size_t m_nNamed = 0;       // that name a child
+  std::uint64_t m_nSum = 0;       // of the checks of all children
 };
 
 }  // namespace VarnSupport

@@ -264,16 +264,17 @@ void VarnTreeNode::Order::noteAdded(const VarnTreeNode& parent, std::size_t posi
   const tChildren& children = parent.m_vChildren;
   assert(position < children.size());
   VarnTreeNode* const child = children[position];
+  if (m_nCount.load(std::memory_order_relaxed) != Renames::count(&parent)) {
+    m_nCount.store(0, std::memory_order_relaxed);
+    dropIndex();
+    return;
+  }
   if (ChildIndex* const index = m_pIndex.load(std::memory_order_relaxed)) {
     try {
       index->add(child);
     } catch (const std::bad_alloc&) {
       dropIndex();
     }
-  }
-  if (m_nCount.load(std::memory_order_relaxed) != Renames::count(&parent)) {
-    m_nCount.store(0, std::memory_order_relaxed);
-    return;
   }
   const auto isStray = [this](const VarnTreeNode* node) { return m_oStrays.has(node); };
   std::size_t before = position;

@@ -6,15 +6,19 @@
 // valid UTF-8, whatever a record holds.
 #include "VarnSupport/VarnLogObserver.h"
 
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
 #include <memory>
 #include <utility>
 
-#include "insight/PlainText.h"
 #include "log/Observation.h"
 #include "runtime/Cancellation.h"
 #include "runtime/ProcessExit.h"
 #include "runtime/Utf8.h"
 #include "text/NumberText.h"
+#include "time/LocalTime.h"
 
 namespace VarnSupport {
 
@@ -41,6 +45,20 @@ void appendText(std::string& to, std::string_view name, std::string_view text) {
   to += '"';
 }
 
+// In the form of RFC 3339, in UTC: the zone of the process may change between two records, and may
+// count leap seconds.
+std::string timeText(
+    std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds> time) {
+  const auto second = std::chrono::floor<std::chrono::seconds>(time);
+  std::tm utc{};
+  toUniversalTime(second.time_since_epoch().count(), utc);
+  std::array<char, 96> text;
+  std::snprintf(text.data(), text.size(), "%jd-%02d-%02dT%02d:%02d:%02d.%09dZ",
+                std::intmax_t{utc.tm_year} + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour,
+                utc.tm_min, utc.tm_sec, static_cast<int>((time - second).count()));
+  return text.data();
+}
+
 }  // namespace
 
 VarnLogObserver::VarnLogObserver(int level, Function function) {
@@ -60,10 +78,7 @@ VarnLogObserver::~VarnLogObserver() {
 
 std::string VarnJsonLog::toJson(const VarnLogEntry& entry) {
   std::string object = "{\"time\":\"";
-  // In UTC, as the zone of the process may change between two records.
-  PlainText time(PlainText::append, &object);
-  time << UtcTime{entry.time.time_since_epoch().count()};
-  time.flush();
+  object += timeText(entry.time);
   object += "\",\"level\":";
   object += std::to_string(entry.level);
   appendText(object, ",\"component\":", entry.component);

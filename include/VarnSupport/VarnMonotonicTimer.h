@@ -56,7 +56,7 @@ class VSUPT_EXPORT VarnMonotonicTimer {
 
   // A timer that is stopped. `pool` must outlive it; null is the thread of the loop. Throws
   // VarnException when there is no function. What takes any arguments, as the result of std::bind()
-  // does, fits both: a lambda does not.
+  // does, fits both forms, which does not compile: a lambda fits one.
   VarnMonotonicTimer(Interval interval, Function function, VarnCallbackPool* pool = nullptr);
   VarnMonotonicTimer(Interval interval, std::function<void()> function,
                      VarnCallbackPool* pool = nullptr)

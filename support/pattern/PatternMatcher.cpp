@@ -19,7 +19,7 @@ namespace VarnSupport {
 
 namespace {
 
-// Below this a look for the literal that is needed further on costs more than it saves.
+// Below this a look for the token that is needed further on costs more than it saves.
 constexpr std::size_t kLongText = 64;
 
 }  // namespace

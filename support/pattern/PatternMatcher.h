@@ -130,7 +130,7 @@ class PatternMatcher {
   const bool m_bTraced;
   bool m_bHopeless = false;           // no walk further on can come to the end
   bool m_bRequiredSought = false;     // the next is known:
-  std::size_t m_nRequiredAt = kNone;  // where the program's required literal is found next
+  std::size_t m_nRequiredAt = kNone;  // where the program's required token is found next
   unsigned int m_nWalks = 0;
   std::size_t m_nPosition = 0;
   std::size_t m_nNextBegin = 0;  // of the walk after this one

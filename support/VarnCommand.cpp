@@ -124,6 +124,7 @@ struct VarnCommand::State {
     return made;
   }
 
+  void begin(CommandTask& begun, std::span<const LatchTicket> stops) const;
   Result run(std::span<const LatchTicket> stops);
   void end();
 
@@ -243,6 +244,18 @@ VarnCommand::Result VarnCommand::run(VarnLatchedEvent& stop) {
   return m_pState->run(stops);
 }
 
+// Throws std::bad_alloc where there is nothing to end.
+void VarnCommand::State::begin(CommandTask& begun, std::span<const LatchTicket> stops) const {
+  const NoCancellation whole;
+  begun.bell = makeBell();
+  if (!begun.bell.isOpen())
+    begun.job.fail(errno, "eventfd");
+  else if (isAnyOver(stops))
+    begun.job.fail(ECANCELED, settings.arguments.empty() ? "" : settings.arguments.front());
+  else
+    begun.job.start(settings);
+}
+
 VarnCommand::Result VarnCommand::State::run(std::span<const LatchTicket> stops) {
   // However this ends, the program has ended before.
   struct Run {
@@ -261,20 +274,10 @@ VarnCommand::Result VarnCommand::State::run(std::span<const LatchTicket> stops) 
     }
   };
   Claim claim(*this);
-  std::string program = settings.arguments.empty() ? "" : settings.arguments.front();
-  const Run run{makeTask(Done())};
-  {
-    const NoCancellation whole;
-    CommandJob& job = run.task->job;
-    run.task->bell = makeBell();
-    if (!run.task->bell.isOpen())
-      job.fail(errno, "eventfd");
-    else if (isAnyOver(stops))
-      job.fail(ECANCELED, std::move(program));
-    else
-      job.start(settings);
-    claim.publish(run.task, Claim::CALLER);
-  }
+  const std::shared_ptr<CommandTask> begun = makeTask(Done());
+  begin(*begun, stops);
+  const Run run{begun};
+  claim.publish(begun, Claim::CALLER);
   std::optional<LatchWatch> watch;
   if (!stops.empty())
     watch.emplace(stops, run.task->bell);

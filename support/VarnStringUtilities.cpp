@@ -214,7 +214,7 @@ utf8_ctype::~utf8_ctype() = default;
 template <typename StringT>
 StringT VarnStringUtilities::trim(const StringT& text, const StringT& chars, tTrimOption option) {
   const CancellationGuard closed;
-  // One character is compared, of several each is looked for.
+  // To look for one character is faster than for any of a text of one.
   const auto range = [&](const auto& wanted) {
     const bool isLeft = option == TRIM_LEFT || option == TRIM_BOTH;
     const bool isRight = option == TRIM_RIGHT || option == TRIM_BOTH;

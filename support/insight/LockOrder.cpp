@@ -25,13 +25,15 @@
 #include "insight/StackTrace.h"
 #include "log/OwnRecords.h"
 #include "runtime/BriefMutex.h"
+#include "runtime/HashedPlace.h"
 #include "runtime/SystemThreads.h"
 
 namespace VarnSupport {
 
 namespace {
 
-constexpr std::size_t kPairs = 4096;
+constexpr unsigned kPairBits = 12;
+constexpr std::size_t kPairs = std::size_t{1} << kPairBits;
 constexpr std::size_t kPlacesToLook = 16;
 constexpr int kMostReports = 100;
 
@@ -63,12 +65,10 @@ constinit BriefMutex mutex;
 constinit int reports = 0;  // guarded by the mutex
 
 std::span<Pair> placesOf(const Pair& pair) {
-  const auto mixed = (reinterpret_cast<std::uintptr_t>(pair.held) * 31 +
-                      reinterpret_cast<std::uintptr_t>(pair.wanted)) *
-                     0x9E3779B97F4A7C15U;
-  return std::span(table->pairs).subspan(mixed >> 52U, kPlacesToLook);
+  const std::uint64_t both = reinterpret_cast<std::uintptr_t>(pair.held) * 31 +
+                             reinterpret_cast<std::uintptr_t>(pair.wanted);
+  return std::span(table->pairs).subspan(hashedPlace(both, kPairBits), kPlacesToLook);
 }
-static_assert(kPairs == std::size_t{1} << (64 - 52));
 
 Case& caseAt(const Pair& place) {
   return table->cases[static_cast<std::size_t>(&place - table->pairs.data())];

@@ -29,7 +29,8 @@ struct LogTurns {
 
   static constexpr MonotonicTime kForEver = MonotonicTime::max();
 
-  // Has the file for itself: no record is written to it, and nobody else opens or closes it.
+  // Has the file for itself: no record is written to it, and nobody else opens or closes it. The
+  // thread is not cancelled meanwhile, whoever runs it.
   class FileChange {
    public:
     explicit FileChange(LogTurns& turns);

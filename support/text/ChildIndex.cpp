@@ -5,6 +5,8 @@
 #include <cassert>
 #include <functional>
 
+#include "runtime/HashedPlace.h"
+
 namespace VarnSupport {
 
 namespace {
@@ -64,7 +66,7 @@ std::uint64_t ChildIndex::hashOf(std::string_view key) {
 
 // Two sets of children with their keys have the same sum by a chance of 1 in 2^64.
 std::uint64_t ChildIndex::checkOf(std::uint64_t hash, const VarnTreeNode* child) {
-  const std::uint64_t mixed = (hash ^ addressOf(child)) * 0x9E3779B97F4A7C15;
+  const std::uint64_t mixed = (hash ^ addressOf(child)) * kGoldenRatio;
   return mixed ^ mixed >> 32;
 }
 

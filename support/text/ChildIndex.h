@@ -13,7 +13,8 @@
 namespace VarnSupport {
 
 // An open table with linear probing, at most half full (D. Knuth, The Art of Computer Programming,
-// 6.4). Children whose keys have the same hash share an entry, which does not tell them apart.
+// 6.4). Other than among properties, a key may be there several times, and each child goes by
+// itself: those whose keys have the same hash share an entry, which does not tell them apart.
 class ChildIndex {
  public:
   using tChildren = std::vector<VarnTreeNode*>;

@@ -34,11 +34,12 @@ class VSUPT_LOCAL VarnTreeNode::Order {
   static Order* in(std::uint64_t known) {
     return (known & 3) == 0 ? reinterpret_cast<Order*>(known) : nullptr;
   }
-  Order() = default;
-  ~Order() { dropIndex(); }
   std::uint64_t asKnown() const { return reinterpret_cast<std::uintptr_t>(this); }
   // Nodes with less children have none.
   static constexpr std::size_t kFewest = 64;
+
+  Order() = default;
+  ~Order() { dropIndex(); }
 
   // Finds out what the renames have changed. Threads that look things up may do so at once.
   void update(const VarnTreeNode& parent);
@@ -64,7 +65,7 @@ class VSUPT_LOCAL VarnTreeNode::Order {
 
  private:
   static constexpr std::size_t kMostStrays = 32;
-  static constexpr unsigned kLooksForIndex = 64;
+  static constexpr unsigned kLooksForIndex = 64;  // to make one takes as long as some 24 of them
   // Compared as a whole: what is not used is null.
   struct Strays {
     bool operator==(const Strays&) const = default;

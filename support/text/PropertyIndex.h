@@ -23,6 +23,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "runtime/HashedPlace.h"
+
 namespace VarnSupport {
 
 // The hash of a text by its words; of letters that differ in the bits of `caseBits` alone it is
@@ -33,7 +35,7 @@ inline std::size_t hashOfBytes(const char* text, std::size_t length, std::uint64
     std::uint64_t word = 0;
     std::memcpy(&word, from, count);
     hash ^= word | caseBits;
-    hash = (hash ^ hash >> 32) * 0x9e3779b97f4a7c15;
+    hash = (hash ^ hash >> 32) * kGoldenRatio;
     hash ^= hash >> 32;
   };
   if (length < sizeof hash) {

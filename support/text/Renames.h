@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "runtime/BriefMutex.h"
+#include "runtime/HashedPlace.h"
 
 namespace VarnSupport {
 
@@ -59,10 +60,7 @@ class Renames {
     std::array<Note, kNoted> notes{};
   };
 
-  static std::size_t placeOf(const VarnTreeNode* parent) {
-    constexpr std::uint64_t goldenRatio = 0x9e3779b97f4a7c15;
-    return reinterpret_cast<std::uintptr_t>(parent) * goldenRatio >> (64 - kPlaceBits);
-  }
+  static std::size_t placeOf(const VarnTreeNode* parent) { return hashedPlace(parent, kPlaceBits); }
 
   static constexpr unsigned kPlaceBits = 10;
   static std::atomic<std::uint64_t> m_aCounts[1U << kPlaceBits];  // changed under the mutex

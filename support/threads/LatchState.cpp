@@ -13,6 +13,7 @@
 #include "runtime/BriefMutex.h"
 #include "runtime/Cancellation.h"
 #include "runtime/Fork.h"
+#include "runtime/HashedPlace.h"
 
 namespace VarnSupport {
 
@@ -24,11 +25,9 @@ constexpr unsigned kListBits = 9;
 constinit std::array<const LatchTicket*, 1U << kListBits> ticketLists{};
 constinit std::uint32_t forksAtLists = 0;
 
-// The list with the tickets for a latch; those for some others are there, too. The factor is that
-// of Fibonacci hashing (D. Knuth, The Art of Computer Programming, 6.4).
+// The list with the tickets for a latch; those for some others are there, too.
 const LatchTicket*& ticketsFor(const LatchState* latch) {
-  const std::uint64_t address = reinterpret_cast<std::uintptr_t>(latch);
-  return ticketLists[address * 0x9E3779B97F4A7C15 >> (64 - kListBits)];
+  return ticketLists[hashedPlace(latch, kListBits)];
 }
 
 const MonotonicTime* limitOf(const MonotonicTime& deadline) {
